@@ -1,0 +1,52 @@
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <concepts>
+#include <cstddef>
+#include <cstring>
+#include <span>
+#include <string_view>
+
+/// Copies what fits of `from` into `to` and ends it with a NUL.
+/// @param to  at least one byte
+/// @return characters copied, without the NUL; fewer than from.size() means it was cut
+inline std::size_t putText(std::span<char> to, std::string_view from)
+{
+    const std::size_t n = std::min(from.size(), to.size() - 1);
+    std::memcpy(to.data(), from.data(), n);
+    to[n] = '\0';
+    return n;
+}
+
+/// A text composed in place, without allocating, so that a signal handler can use it too. What does not fit is cut.
+template <std::size_t Capacity> class FixedText {
+public:
+    FixedText& operator<<(std::string_view part)
+    {
+        length_ += putText(std::span(text_).subspan(length_), part);
+        return *this;
+    }
+
+    FixedText& operator<<(const char* part) { return *this << std::string_view(part); }
+
+    template <std::integral Number> FixedText& operator<<(Number number) { return append(number, 10); }
+
+    /// Lower-case hexadecimal without leading zeros.
+    template <std::unsigned_integral Number> FixedText& hex(Number number) { return append(number, 16); }
+
+    const char* c_str() const { return text_.data(); }
+    std::string_view view() const { return {text_.data(), length_}; }
+
+private:
+    template <std::integral Number> FixedText& append(Number number, int base)
+    {
+        std::array<char, 24> digits;
+        const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), number, base).ptr;
+        return *this << std::string_view(digits.data(), static_cast<std::size_t>(end - digits.data()));
+    }
+
+    std::array<char, Capacity> text_{};
+    std::size_t length_ = 0;
+};
