@@ -1,0 +1,88 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <sys/select.h>
+
+#include "connections/cmd_entry.h"
+#include "framework/hr_time_out.h"
+#include "framework/orb_attachment_msg.h"
+
+/// States of the login dialogue of a connection.
+enum LoginState : std::int32_t {
+    LOGIN_NEW = 0,           ///< greeting not yet sent
+    LOGIN_WAIT_NAME = 1,     ///< waiting for the user name
+    LOGIN_WAIT_PASSWORD = 2, ///< waiting for the password
+    LOGIN_DONE = 3,          ///< lines go to the interpreter
+};
+
+/// One live conversation on a command port.
+/// Owns: by subclass, see ~TPortConn(). The daemon's connection list owns the connection itself.
+/// Threads: everything on the service thread or with the daemon's connection lock held, except startMute() and
+/// muteExpired().
+class TPortConn {
+public:
+    static constexpr std::int32_t RX_BYTES =
+        1024; ///< chosen with the first device; also the most command lines a read has
+    static constexpr timeval LOGIN_TIME{60, 0};
+    static constexpr timeval IDLE_TIME{420, 0};
+
+    /// @param portType  type bit of the port that makes the connection
+    /// @param id        connection ID, its lower 16 bits zero
+    TPortConn(std::uint32_t portType, std::uint32_t id);
+    TPortConn(const TPortConn&) = delete;
+    TPortConn& operator=(const TPortConn&) = delete;
+
+    /// Closes the descriptor where it is the connection's own (socket connections), not where it is the port's (COM2).
+    virtual ~TPortConn() = default;
+
+    /// Takes in what has arrived and cuts it into command lines. Never waits for input.
+    /// @return number of command lines now in `cmds`, valid until the next call; 0 nothing to do: no data, an incomplete
+    ///         line, a read error, or input thrown away; -1 the peer has closed, remove the connection
+    virtual int readCmd() = 0;
+
+    /// Sends the NUL-terminated text of a record; does not wait for the peer.
+    /// @param msg  stays the caller's; XCP rewrites its tag and len words
+    /// @return 0 sent, 1 failed
+    virtual int write(TOrbAttachmentMsg* msg) = 0;
+
+    /// @return nonzero when the connection has been idle for too long and is to be removed
+    virtual int hasTimedOut() = 0;
+
+    /// Switches the echo of what the peer types.
+    virtual void setEcho(int on) = 0;
+
+    /// @return 1 for the serial line, else 0
+    virtual int isSerialLine() = 0;
+
+    /// Throws away what arrives in the next 2 seconds (serial line only). Threads: any.
+    /// @return 0
+    virtual int startMute() { return 0; }
+
+    /// Nothing calls it; it keeps its place among the operations.
+    /// @return 0
+    virtual int reservedHook() { return 0; }
+
+    /// @return nonzero when input is accepted, 0 within the 2 seconds after startMute(). Threads: any.
+    virtual int muteExpired() { return 1; }
+
+    /// @return type bit of the port that made the connection
+    virtual std::uint32_t getPortId() = 0;
+
+    std::int32_t fd = -1; ///< socket or serial line; set by the port right after construction
+    std::uint32_t connId;
+    std::uint32_t portId;
+    fd_set readSet;                         ///< of those readers that poll with select(2); bits are only ever set
+    std::int32_t rxLen = 0;                 ///< bytes taken in by the last read
+    std::array<char, RX_BYTES + 1> rxBuf{}; ///< received bytes, with room for a NUL; lines are cut in place
+    std::array<TCmdEntry, RX_BYTES> cmds{}; ///< lines of the last readCmd()
+    TOrbHRTimeOut loginTimer{LOGIN_TIME};   ///< bounds the whole login dialogue
+    TOrbHRTimeOut idleTimer{IDLE_TIME};     ///< armed afresh when a read yields lines
+    std::int32_t loginState = LOGIN_NEW;
+    std::int32_t rxBufSize = RX_BYTES;
+
+protected:
+    /// Length of the text of a record, which must leave room for its NUL inside the record.
+    static std::size_t textLength(const TOrbAttachmentMsg& msg);
+};

@@ -1,0 +1,44 @@
+#include "connections/socket_ipc_conn.h"
+
+#include <cstring>
+#include <span>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "connections/connection_log.h"
+#include "connections/line_cutter.h"
+
+TSocketIPCConn::TSocketIPCConn(std::uint32_t portType, std::uint32_t id) : TPortConn(portType, id)
+{
+    loginState = LOGIN_DONE;
+}
+
+TSocketIPCConn::~TSocketIPCConn()
+{
+    if (fd > 0) (void)::close(fd); // nothing is left to do for a descriptor that fails to close
+}
+
+int TSocketIPCConn::readCmd()
+{
+    rxLen = 0;
+    echoFlag = 0;
+    // One call polls and reads: whatever is there is taken whole, wanted or not.
+    const ssize_t received = ::recv(fd, rxBuf.data(), RX_BYTES, MSG_DONTWAIT);
+    if (received < 0) return 0;
+    if (received == 0) return -1;
+    rxLen = static_cast<std::int32_t>(received);
+    rxBuf[static_cast<std::size_t>(rxLen)] = '\0';
+    // The test is the inverse of its message, deliberately: a full buffer without a LF is a command.
+    if (rxLen == RX_BYTES && std::strrchr(rxBuf.data(), '\n') != nullptr) {
+        logMessage(connection_log::fullBuffer);
+        return 0;
+    }
+    const int count = cutLines(std::span(rxBuf).first(static_cast<std::size_t>(rxLen)), true, cmds);
+    if (count > 0) idleTimer.setTimeOut(IDLE_TIME);
+    return count;
+}
+
+int TSocketIPCConn::write(TOrbAttachmentMsg* msg)
+{
+    return ::send(fd, msg->text, textLength(*msg), MSG_DONTWAIT | MSG_NOSIGNAL) < 0 ? 1 : 0;
+}
