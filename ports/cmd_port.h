@@ -1,0 +1,55 @@
+#pragma once
+
+#include <cstdint>
+#include <sys/select.h>
+
+#include "connections/port_conn.h"
+
+/// One listening endpoint for commands.
+/// Owns: `fd`, from openPort() to closePort(). A connection is handed out by chkNewConn() and comes back in closeConn() to
+/// be deleted; in between it is the daemon's.
+/// Threads: no lock of its own. chkNewConn() on the service thread; closeConn() also on the main thread, then with the
+/// daemon's connection lock held.
+class TCmdPort {
+public:
+    /// Connection IDs are this far apart: the lower 16 bits are free for a client's tag.
+    static constexpr std::uint32_t CONN_ID_STEP = 0x10000;
+
+    /// @param type      the kind of port, as a single bit (TessPortType)
+    /// @param limit     how many connections may live at a time
+    /// @param firstId   connection-ID counter: the first connection gets one step more
+    TCmdPort(std::uint32_t type, std::int32_t limit, std::uint32_t firstId);
+    TCmdPort(const TCmdPort&) = delete;
+    TCmdPort& operator=(const TCmdPort&) = delete;
+    virtual ~TCmdPort() = default;
+
+    /// Opens the endpoint.
+    /// @return 0 open; 1 the descriptor could not be created, the port stays closed and safe to destroy
+    /// @throws std::runtime_error  the endpoint could not be set up
+    virtual int openPort() = 0;
+
+    /// Closes the endpoint, once; its connections stay, and are forgotten in `activeConns`.
+    /// @return 0
+    virtual int closePort() = 0;
+
+    /// Takes the next waiting connection, if there is one; never waits for one.
+    /// @param newConn  set only when 1 is returned; from then on the daemon's list owns it
+    /// @return 1 handed out; 0 none: nothing pending, or accepted and already disposed of
+    virtual int chkNewConn(TPortConn** newConn) = 0;
+
+    /// Disposes of a connection of this port and nulls the slot that held it; a null slot is left alone.
+    /// @return 0
+    virtual int closeConn(TPortConn** conn) = 0;
+
+    std::uint32_t portType;
+    int fd = -1; ///< listening socket or serial device; negative when it could not be opened
+    fd_set readSet;
+    bool isOpen = false;
+    std::int32_t activeConns = 0; ///< connections of this port that exist, one being set up included
+    std::int32_t maxConns;
+    std::uint32_t nextConnId; ///< ID of the newest connection; wraps silently
+
+protected:
+    /// @return true when a client waits to be accepted
+    bool clientWaits();
+};

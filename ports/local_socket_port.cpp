@@ -1,0 +1,110 @@
+#include "ports/local_socket_port.h"
+
+#include <cstdio>
+#include <stdexcept>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "framework/fixed_text.h"
+#include "ports/milestone.h"
+
+namespace {
+
+// The same numbers for both kinds (deliberate).
+enum : std::int32_t {
+    OPEN_ENTRY = 1024,
+    OPEN_EXIT = 1025,
+    CLOSE_ENTRY = 1026,
+    CLOSE_EXIT = 1027,
+    CHECK_ENTRY = 1028,
+    CHECK_EXIT = 1029,
+    CLOSE_CONN_ENTRY = 1030,
+    CLOSE_CONN_EXIT = 1031,
+};
+
+} // namespace
+
+TLocalSocketPort::TLocalSocketPort(const LocalSocketKind& kind)
+    : TCmdPort(kind.portType, MAX_CONNS, kind.firstConnId), kind_(kind)
+{
+    setMilestone(kind_.milestones.constructorEntry);
+    isOpen = TLocalSocketPort::openPort() == 0;
+    setMilestone(kind_.milestones.constructorExit);
+}
+
+TLocalSocketPort::~TLocalSocketPort()
+{
+    setMilestone(kind_.milestones.destructorEntry);
+    (void)TLocalSocketPort::closePort(); // always 0
+    (void)std::remove(kind_.path);       // closePort() has removed it, unless the port was closed all along
+    setMilestone(kind_.milestones.destructorExit);
+}
+
+int TLocalSocketPort::openPort()
+{
+    setMilestone(OPEN_ENTRY);
+    (void)std::remove(kind_.path);                                         // no such file is the normal case
+    fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0); // accept() must never block
+    if (fd < 0) return 1;
+    listenAddr = {};
+    listenAddr.sun_family = AF_UNIX;
+    putText(listenAddr.sun_path, kind_.path);
+    if (::bind(fd, reinterpret_cast<const sockaddr*>(&listenAddr), sizeof listenAddr) != 0)
+        throw std::runtime_error(kind_.bindFailure);
+    if (::listen(fd, BACKLOG) != 0) throw std::runtime_error(kind_.listenFailure);
+    setMilestone(OPEN_EXIT);
+    return 0;
+}
+
+int TLocalSocketPort::closePort()
+{
+    setMilestone(CLOSE_ENTRY);
+    if (isOpen) {
+        (void)::close(fd); // nothing is left to do for a descriptor that fails to close
+        activeConns = 0;
+        isOpen = false;
+        logMessage(kind_.portClosed);
+        (void)std::remove(kind_.path); // somebody else may have been faster
+    }
+    setMilestone(CLOSE_EXIT);
+    return 0;
+}
+
+int TLocalSocketPort::chkNewConn(TPortConn** newConn)
+{
+    setMilestone(CHECK_ENTRY);
+    TPortConn* const conn = clientWaits() ? acceptClient() : nullptr;
+    if (conn != nullptr) *newConn = conn;
+    setMilestone(CHECK_EXIT);
+    return conn != nullptr ? 1 : 0;
+}
+
+TPortConn* TLocalSocketPort::acceptClient()
+{
+    nextConnId += CONN_ID_STEP;
+    TPortConn* conn = kind_.makeConn(portType, nextConnId);
+    activeConns += 1;
+    conn->fd = ::accept4(fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    if (conn->fd < 0 || conn->fd >= FD_SETSIZE || activeConns > maxConns) {
+        (void)closeConn(&conn); // always 0
+        return nullptr;
+    }
+    // The ID before this connection's own (deliberate).
+    if (kind_.opened != nullptr)
+        logMgr.log(kind_.opened->id, (FixedText<96>() << kind_.opened->text).hex(nextConnId - CONN_ID_STEP).c_str());
+    return conn;
+}
+
+int TLocalSocketPort::closeConn(TPortConn** conn)
+{
+    setMilestone(CLOSE_CONN_ENTRY);
+    if (*conn != nullptr) {
+        delete *conn;
+        *conn = nullptr;
+        activeConns -= 1;
+        if (kind_.closed != nullptr)
+            logMgr.log(kind_.closed->id, (FixedText<96>() << kind_.closed->text << activeConns).c_str());
+    }
+    setMilestone(CLOSE_CONN_EXIT);
+    return 0;
+}

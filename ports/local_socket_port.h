@@ -1,0 +1,50 @@
+#pragma once
+
+#include <sys/un.h>
+
+#include "connections/log_message.h"
+#include "ports/cmd_port.h"
+
+/// What differs between the two local socket ports.
+struct LocalSocketKind {
+    std::uint32_t portType;
+    std::uint32_t firstConnId;
+    const char* path;
+    const char* bindFailure;
+    const char* listenFailure;
+    const LogMessage* opened; ///< followed by a number; null: not logged
+    const LogMessage* closed; ///< followed by the number of connections left; null: not logged
+    const LogMessage& portClosed;
+    struct {
+        std::int32_t constructorEntry, constructorExit, destructorEntry, destructorExit;
+    } milestones;
+    TPortConn* (*makeConn)(std::uint32_t portType, std::uint32_t connId);
+};
+
+/// A command port on a Unix stream socket (unix(7)), for programs on the device. The socket file exists while the port
+/// listens; a file left over at its path is replaced.
+class TLocalSocketPort : public TCmdPort {
+public:
+    static constexpr std::int32_t MAX_CONNS = 10;
+    static constexpr int BACKLOG = 10;
+
+    ~TLocalSocketPort() override;
+
+    int openPort() final;
+    int closePort() final;
+    int chkNewConn(TPortConn** newConn) final;
+    int closeConn(TPortConn** conn) final;
+
+    sockaddr_un listenAddr{};
+
+protected:
+    /// Opens the port.
+    /// @param kind  must outlive the port
+    /// @throws std::runtime_error  with one of the kind's texts
+    explicit TLocalSocketPort(const LocalSocketKind& kind);
+
+private:
+    TPortConn* acceptClient();
+
+    const LocalSocketKind& kind_;
+};

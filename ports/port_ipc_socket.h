@@ -1,0 +1,10 @@
+#pragma once
+
+#include "ports/local_socket_port.h"
+
+/// The port for plain text lines, on "/tmp/socket".
+class TPortIPCSocket final : public TLocalSocketPort {
+public:
+    /// @throws std::runtime_error  "failed binding to IPC socket", "failed setting up IPC socket listener"
+    TPortIPCSocket();
+};

@@ -1,0 +1,10 @@
+#pragma once
+
+#include "ports/local_socket_port.h"
+
+/// The port for text in frames, on "/tmp/xcp".
+class TXCPPort final : public TLocalSocketPort {
+public:
+    /// @throws std::runtime_error  "failed binding to xcp socket", "failed setting up xcp socket listener"
+    TXCPPort();
+};
