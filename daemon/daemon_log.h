@@ -1,0 +1,35 @@
+#pragma once
+
+#include "connections/log_message.h"
+
+/// What the daemon's core logs. Numbers are fixed; some are shared by several texts.
+namespace daemon_log {
+
+inline constexpr LogMessage running{51000, "Command listener daemon running"};
+inline constexpr LogMessage normalExit{51001, "Normal application exit"};
+/// Start-up failed; the line before says what: a queue address in use, a port that could not be set up.
+inline constexpr LogMessage errorRuntime{51008, "Error runtime"};
+
+inline constexpr LogMessage initXcp{36104, "Initialize XCP socket connection"};
+inline constexpr LogMessage initIpc{36104, "Initialize IPC socket connection"};
+inline constexpr LogMessage noXcp{251525, "Unable XCP command port"}; // the text is deliberate
+inline constexpr LogMessage noIpc{251525, "Unable to create IPC socket command port"};
+
+inline constexpr LogMessage closingAll{36201, "Closing all connections!"};
+inline constexpr LogMessage closingTelnet{36201, "Closing all telnet connections!"};
+
+inline constexpr LogMessage resetReceived{250003, "Received RESET command."};
+/// Followed by the system's reason.
+inline constexpr LogMessage forkFailed{250005, "Error forking for reboot: "};
+/// Followed by the system's reason.
+inline constexpr LogMessage rebootFailed{250005, "Error forcing reboot: "};
+
+/// Followed by the signal's name and signalShutdownTail.
+inline constexpr LogMessage signalReceived{250009, "Received "};
+inline constexpr const char* signalShutdownTail = ", proceeding with orderly shutdown";
+/// Followed by the number of the milestone last passed.
+inline constexpr LogMessage signalSegv{250009, "Segmentation fault detected after milestone "};
+/// Logged whichever child it was (deliberate).
+inline constexpr LogMessage signalChild{250009, "Signal 'SIGCHLD' received, but no child exists"};
+
+} // namespace daemon_log

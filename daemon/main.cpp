@@ -1,0 +1,53 @@
+#include <cstdlib>
+#include <iostream>
+#include <stdexcept>
+
+#include "daemon/daemon_log.h"
+#include "daemon/options.h"
+#include "daemon/std_descriptors.h"
+#include "daemon/tess.h"
+#include "framework/tess_messages.h"
+#include "ports/milestone.h"
+
+namespace {
+
+/// @throws what the daemon's constructor throws, after it has logged "Error runtime" where that is due
+TTess* construct(const Options& options)
+try {
+    return new TTess(TESS_QUEUE_ID, options.com2, options.telnet, options.noipcsocket, options.noxcp);
+} catch (const std::runtime_error&) {
+    logMessage(daemon_log::errorRuntime);
+    throw;
+}
+
+} // namespace
+
+int main(int argc, char* argv[])
+try {
+    openStdDescriptors();
+    setMilestone(0);
+    logMgr.setLogParameters(128, 6, "    [TESS]", 4);
+    const Options options = parseOptions(argc, argv);
+    if (options.missingArgument != 0) {
+        std::cerr << argv[0] << ": option " << options.missingArgument << " requires an argument\n";
+        return EXIT_FAILURE;
+    }
+
+    setMilestone(1);
+    g_tess = construct(options);
+    logMgr.initAfterDaemonize();
+    setMilestone(2);
+    logMessage(daemon_log::running);
+    if (g_tess.load()->startService() != 0) return -1;
+    setMilestone(3);
+    (void)g_tess.load()->run(); // always 0
+    setMilestone(5);
+    delete g_tess.load();
+    setMilestone(40);
+    g_tess = nullptr;
+    logMessage(daemon_log::normalExit);
+    setMilestone(41);
+    return EXIT_SUCCESS;
+} catch (...) {
+    return EXIT_FAILURE;
+}

@@ -1,0 +1,78 @@
+// The registry of processes that receive commands.
+#include "daemon/tess.h"
+
+#include <cstring>
+#include <new>
+
+#include "commands/live_list.h"
+#include "framework/tess_messages.h"
+#include "ports/milestone.h"
+
+namespace {
+
+struct RegisterRequest {
+    std::uint32_t portMask;
+    std::string_view name;
+};
+
+/// The record is zero behind what was received, so that whatever is missing reads as mask 0 or the empty name.
+RegisterRequest readRequest(const TOrbAttachmentMsg& msg)
+{
+    RegisterRequest request{};
+    std::memcpy(&request.portMask, msg.text, sizeof request.portMask);
+    const char* const name = msg.text + sizeof request.portMask;
+    request.name = {name, ::strnlen(name, MSG_TEXT_BYTES - sizeof request.portMask)};
+    return request;
+}
+
+} // namespace
+
+/// @return 0 registered or updated, 1 nothing enabled, 2 list full, 3 no memory
+int TTess::registerProc() noexcept
+try {
+    setMilestone(24);
+    const RegisterRequest request = readRequest(inMsg);
+    if (request.portMask == 0) return 1;
+    const std::scoped_lock lock(regLock);
+    for (std::size_t i = 0; TRegisteredProc* proc = liveAt(regProcs, i); ++i) {
+        if (proc->name != request.name) continue;
+        proc->procId = inMsg.sender;
+        proc->portMask = request.portMask;
+        return 0;
+    }
+    if (regProcs.size() >= MAX_REGISTERED_PROCS) return 2;
+    regProcs.reserve(MAX_REGISTERED_PROCS);
+    regProcs.push_back(new TRegisteredProc{inMsg.sender, request.portMask, std::string(request.name)});
+    setMilestone(25);
+    return 0;
+} catch (const std::bad_alloc&) {
+    return 3;
+}
+
+/// @return 0 removed, 1 list empty, 2 not found
+int TTess::unregisterProc() noexcept
+{
+    setMilestone(26);
+    const std::scoped_lock lock(regLock);
+    if (regProcs.empty()) return 1;
+    int result = 2;
+    for (std::size_t i = 0; TRegisteredProc* proc = liveAt(regProcs, i); ++i) {
+        if (proc->procId != inMsg.sender) continue;
+        delete proc;
+        regProcs.erase(regProcs.begin() + static_cast<std::ptrdiff_t>(i));
+        result = 0;
+        break;
+    }
+    setMilestone(27);
+    return result;
+}
+
+void TTess::clearRegistry() noexcept
+{
+    setMilestone(22);
+    const std::scoped_lock lock(regLock);
+    for (const TRegisteredProc* proc : regProcs)
+        delete proc;
+    regProcs.clear();
+    setMilestone(23);
+}

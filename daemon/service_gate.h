@@ -1,0 +1,37 @@
+#pragma once
+
+#include <atomic>
+#include <mutex>
+
+/// Keeps the service thread out of a daemon that is being torn down. The thread is inside for all that it does but its wait
+/// for input; once close() has returned it is outside for good and finds that out without touching the daemon.
+/// Outlives every daemon.
+class ServiceGate {
+public:
+    /// Lets the service thread of `daemon` in. Threads: any.
+    void open(const void* daemon) { daemon_ = daemon; }
+
+    /// Waits until the service thread is outside and keeps it there. Threads: any but the service thread.
+    void close()
+    {
+        daemon_ = nullptr;
+        const std::scoped_lock untilOutside(inside_);
+    }
+
+    /// A stay inside; false when the gate is closed for that daemon.
+    class Stay {
+    public:
+        Stay(ServiceGate& gate, const void* daemon) : inside_(gate.inside_), admitted_(gate.daemon_ == daemon) {}
+        explicit operator bool() const { return admitted_; }
+
+    private:
+        std::scoped_lock<std::mutex> inside_;
+        bool admitted_;
+    };
+
+private:
+    std::mutex inside_;
+    std::atomic<const void*> daemon_{nullptr};
+};
+
+inline ServiceGate g_serviceGate;
