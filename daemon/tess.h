@@ -13,6 +13,7 @@
 #include "commands/command_context.h"
 #include "commands/registered_proc.h"
 #include "connections/port_conn.h"
+#include "daemon/fair_mutex.h"
 #include "framework/msg_dmn.h"
 #include "framework/orb_attachment_msg.h"
 #include "ports/cmd_port.h"
@@ -85,7 +86,7 @@ private:
     std::mutex regLock;                     ///< guards regProcs
     std::vector<TCmdPort*> ports;           ///< owned, in order of creation
     std::vector<TPortConn*> conns;          ///< owned, of all ports; disposed of by removeConn()
-    std::mutex connLock;                    ///< guards conns
+    FairMutex connLock;                     ///< guards conns
     std::atomic<std::int32_t> stopRequested{0};
     std::atomic<bool> serviceDone{true}; ///< true before the service thread starts and after it ends
     char userName[257]{};
