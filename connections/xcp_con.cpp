@@ -34,6 +34,7 @@ ssize_t TXCPCon::peek()
 {
     const ssize_t received = ::recv(fd, rxBuf.data(), RX_BYTES, MSG_PEEK | MSG_DONTWAIT);
     rxLen = received > 0 ? static_cast<std::int32_t>(received) : 0;
+    rxBuf[static_cast<std::size_t>(rxLen)] = '\0'; // a frame cut short ends here, not in what an earlier one has left
     return received;
 }
 
