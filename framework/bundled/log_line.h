@@ -1,0 +1,36 @@
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <cstddef>
+#include <string_view>
+
+/// One log line, composed in place: no lock, no allocation, only what signal-safety(7) allows.
+/// What does not fit is cut; room for the line end is always kept.
+class TLogLine {
+public:
+    /// Chosen, not measured; no longer than PIPE_BUF (pipe(7)), so that lines of several writers do not mix in a pipe.
+    static constexpr std::size_t CAPACITY = 4096;
+
+    using Time = std::chrono::sys_time<std::chrono::milliseconds>;
+
+    /// The time as `2026-11-21T05:15:00.123Z`.
+    TLogLine& isoTime(Time time);
+    /// The time as the system log wants it: `Nov  1 05:15:00` (RFC 3164, section 4.1.2; in UTC).
+    TLogLine& syslogTime(Time time);
+    TLogLine& number(long value);
+    TLogLine& text(std::string_view part);
+    /// As text(), with line ends turned into blanks.
+    TLogLine& oneLineText(std::string_view part);
+    /// Ends the line; fits even after a cut.
+    TLogLine& lineEnd();
+
+    std::string_view view() const { return {bytes_.data(), length_}; }
+
+private:
+    TLogLine& padded(unsigned value, unsigned digits, char pad);
+    TLogLine& clock(Time time);
+
+    std::array<char, CAPACITY> bytes_; // left as it is: only the first length_ bytes are ever looked at
+    std::size_t length_ = 0;
+};

@@ -1,0 +1,10 @@
+#pragma once
+
+#include "framework/log_mgr.h"
+
+/// Identifiers of the log lines that the framework itself writes.
+
+/// The queue could not be opened; the text names the reason.
+inline constexpr TTraceMsg LOG_QUEUE_NOT_OPENED = 250001;
+/// A datagram arrived that is no record: shorter than its four words, or longer than a record.
+inline constexpr TTraceMsg LOG_DATAGRAM_DROPPED = 250002;

@@ -1,0 +1,113 @@
+#include "framework/log_mgr.h"
+
+#include "framework/bundled/log_line.h"
+#include "framework/bundled/queue_fd.h"
+#include "framework/bundled/syslog_socket.h"
+#include "framework/fixed_text.h"
+
+#include <atomic>
+#include <cerrno>
+#include <cstddef>
+#include <cstdlib>
+#include <string_view>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+constinit TLogMgr logMgr;
+
+namespace {
+
+enum class Destination : int { standardError, systemLog, both };
+
+// Atomic, because a signal handler or a thread that outlives main() may log at any moment.
+constinit std::atomic<const char*> lineTag{""};
+constinit std::atomic<Destination> destination{Destination::standardError};
+constinit TSyslogSocket syslogSocket;
+
+static_assert(std::atomic<const char*>::is_always_lock_free && std::atomic<Destination>::is_always_lock_free);
+
+Destination destinationFromEnvironment()
+{
+    const char* const value = std::getenv("TESS_LOG");
+    const std::string_view wanted = value != nullptr ? value : "";
+    if (wanted == "syslog") return Destination::systemLog;
+    if (wanted == "both") return Destination::both;
+    return Destination::standardError;
+}
+
+TLogLine::Time timeNow()
+{
+    timespec now{};
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    const std::chrono::seconds seconds(now.tv_sec);
+    return TLogLine::Time(seconds + std::chrono::milliseconds(now.tv_nsec / 1'000'000));
+}
+
+void logToStandardError(TLogLine::Time time, TTraceMsg id, const char* text)
+{
+    TLogLine line;
+    line.isoTime(time).text(lineTag.load()).text(" ").number(id).text(" ").oneLineText(text).lineEnd();
+    while (::write(STDERR_FILENO, line.view().data(), line.view().size()) < 0 && errno == EINTR) {
+    }
+}
+
+/// @return false: the system log did not take the line
+bool logToSystemLog(TLogLine::Time time, TTraceMsg id, const char* text)
+{
+    constexpr std::string_view daemonInfo = "<30>"; // facility 3 (daemon) * 8 + severity 6 (information): RFC 3164
+    TLogLine line;
+    line.text(daemonInfo).syslogTime(time).text(" ").text(program_invocation_short_name);
+    line.text("[").number(::getpid()).text("]:");
+    line.text(lineTag.load()).text(" ").number(id).text(" ").oneLineText(text);
+    return syslogSocket.send(line.view());
+}
+
+/// The socket address that NOTIFY_SOCKET names: a path, or an abstract name after '@' (sd_notify(3)).
+/// @return its length; 0: it names none
+socklen_t notifyAddress(sockaddr_un& address)
+{
+    const char* const value = std::getenv("NOTIFY_SOCKET");
+    const std::string_view name = value != nullptr ? value : "";
+    address.sun_family = AF_UNIX;
+    if (name.size() < 2 || name.size() >= sizeof address.sun_path) return 0;
+    if (name.front() != '/' && name.front() != '@') return 0;
+    putText(address.sun_path, name);
+    if (name.front() == '@') address.sun_path[0] = '\0';
+    return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
+}
+
+} // namespace
+
+// The bundled log has no entry limit, level or facility of its own; a line is written or it is not.
+void TLogMgr::setLogParameters(int /*maxEntries*/, int /*level*/, const char* tag, int /*facility*/)
+{
+    lineTag.store(tag != nullptr ? tag : "");
+    destination.store(destinationFromEnvironment());
+    if (destination.load() != Destination::standardError) syslogSocket.open();
+}
+
+void TLogMgr::initAfterDaemonize()
+{
+    constexpr std::string_view ready = "READY=1";
+    sockaddr_un manager{};
+    const socklen_t length = notifyAddress(manager);
+    if (length == 0) return;
+    const TQueueFd sock(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    timeval patience{}; // a manager that is busy gets a moment, one that hangs does not hold up the start
+    patience.tv_sec = 1;
+    ::setsockopt(sock.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+    (void)::sendto(sock.get(), ready.data(), ready.size(), MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&manager),
+                   length); // nobody to tell, nothing to do
+}
+
+void TLogMgr::log(TTraceMsg id, const char* text)
+{
+    const int savedErrno = errno;
+    const TLogLine::Time time = timeNow();
+    const Destination to = destination.load();
+    const bool taken = to != Destination::standardError && logToSystemLog(time, id, text);
+    if (to != Destination::systemLog || !taken) logToStandardError(time, id, text);
+    errno = savedErrno;
+}

@@ -1,0 +1,80 @@
+#pragma once
+
+#include "framework/bundled/msg_backlog.h"
+#include "framework/bundled/queue_directory.h"
+#include "framework/orb_attachment_msg.h"
+
+#include <atomic>
+#include <mutex>
+#include <sys/types.h>
+
+/// The queue that this process receives at, once it is open, and the socket that it sends from, open or not.
+/// Trivially destructible: a thread that outlives main() may use it while the process ends.
+/// Threads: receive() one at a time; everything else any.
+class TOwnQueue {
+public:
+    /// What drain() found.
+    enum class Drained {
+        records, ///< took some
+        nothing, ///< there was none
+        busy,    ///< another thread is receiving: it takes the records itself
+        full,    ///< no room to keep any
+    };
+
+    constexpr TOwnQueue() = default;
+    TOwnQueue(const TOwnQueue&) = delete;
+    TOwnQueue& operator=(const TOwnQueue&) = delete;
+
+    /// Looks anew which directory the queues are in.
+    void useEnvironment();
+
+    /// Opens the queue of that address in the directory that the environment names.
+    /// @param address  1 to TQueueDirectory::HIGHEST_ADDRESS, else an error
+    /// @throws std::runtime_error  after the same text has been logged
+    void open(long address);
+
+    /// Frees the address and forgets the records that nobody has taken. Waits for a receive() that is under way. Does
+    /// nothing when the queue is not open; a forked child leaves its parent's socket file where it is.
+    void close();
+
+    bool isOpen() const { return open_.load(); }
+
+    /// @param wait  true: for up to one second, or until a signal arrives
+    /// @return bytes received; 0 none; -1 on an error, or when the queue is not open
+    long receive(TOrbAttachmentMsg* msg, bool wait);
+
+    /// Takes records that have arrived into the backlog, so that their senders need not wait. Does not wait.
+    Drained drain();
+
+    /// The socket to send from: the queue's own, or an unbound one while no queue is open. Its number never changes and
+    /// is never closed, so it may be used while another thread opens or closes the queue.
+    /// @return -1: it cannot be made
+    int socket();
+
+    const TQueueDirectory& directory();
+
+private:
+    struct FileId {
+        dev_t device;
+        ino_t inode;
+    };
+
+    void openLocked(long address);
+    FileId bindSocket(int fd, long address, const TQueueDirectory& in);
+    void removeFile();
+    long takeFromSocket(TOrbAttachmentMsg* msg, int flags);
+
+    std::mutex openLock_;
+    std::atomic<bool> open_{false};
+    std::atomic<int> socket_{-1};
+    std::atomic<const TQueueDirectory*> directory_{nullptr};
+    long address_ = 0;
+    pid_t owner_ = 0;
+    FileId file_{};
+
+    std::mutex receiveLock_; ///< guards backlog_ and who reads the socket, so that the order of arrival holds
+    TMsgBacklog backlog_;
+};
+
+/// This process's own queue.
+extern TOwnQueue ownQueue;

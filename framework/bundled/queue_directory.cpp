@@ -1,0 +1,130 @@
+#include "framework/bundled/queue_directory.h"
+
+#include "framework/fixed_text.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <stdexcept>
+#include <sys/stat.h>
+
+namespace {
+
+constexpr std::string_view DEFAULT_DIRECTORY = "/run/tess/queue";
+constexpr mode_t DIRECTORY_MODE = 0770;
+
+struct KnownDirectory {
+    TQueueDirectory directory;
+    KnownDirectory* next;
+};
+
+// Trivially destructible: directories stay usable until the last thread is gone.
+constinit std::mutex knownLock;
+constinit KnownDirectory* knownDirectories = nullptr;
+
+std::string_view directoryName()
+{
+    const char* const value = std::getenv("TESS_QUEUE_DIR");
+    std::string_view name = value != nullptr && *value != '\0' ? std::string_view(value) : DEFAULT_DIRECTORY;
+    while (name.size() > 1 && name.back() == '/')
+        name.remove_suffix(1);
+    return name;
+}
+
+/// @return the queue address written in `name`, decimal and without leading zeros; 0: it is none
+long addressNamed(std::string_view name)
+{
+    const bool digitsOnly = std::ranges::all_of(name, [](char c) { return c >= '0' && c <= '9'; });
+    if (name.empty() || name.front() == '0' || !digitsOnly) return 0;
+    long address = 0;
+    const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), address);
+    return error == std::errc() && address <= TQueueDirectory::HIGHEST_ADDRESS ? address : 0;
+}
+
+[[noreturn]] void fail(const std::string& path, int error)
+{
+    throw std::runtime_error("queue directory " + path + ": " + std::strerror(error));
+}
+
+/// Makes one directory unless something of that name exists.
+void makeDirectory(const std::string& path)
+{
+    struct stat found {};
+    if (::stat(path.c_str(), &found) == 0) return;
+    if (::mkdir(path.c_str(), DIRECTORY_MODE) != 0) {
+        if (errno == EEXIST) return; // somebody else was faster
+        fail(path, errno);
+    }
+    if (::lstat(path.c_str(), &found) != 0) fail(path, errno);
+    const mode_t inherited = found.st_mode & S_ISGID;
+    if (::chmod(path.c_str(), DIRECTORY_MODE | inherited) != 0) fail(path, errno);
+}
+
+} // namespace
+
+TQueueDirectory::TQueueDirectory(std::string_view path) : path_(path), prefix_(path_)
+{
+    if (prefix_.back() != '/') prefix_ += '/';
+}
+
+const TQueueDirectory& TQueueDirectory::fromEnvironment()
+{
+    const std::scoped_lock lock(knownLock);
+    const std::string_view name = directoryName();
+    for (const KnownDirectory* known = knownDirectories; known != nullptr; known = known->next)
+        if (known->directory.path() == name) return known->directory;
+    knownDirectories = new KnownDirectory{TQueueDirectory(name), knownDirectories};
+    return knownDirectories->directory;
+}
+
+bool TQueueDirectory::socketAddress(long address, sockaddr_un& to) const
+{
+    std::array<char, 12> digits;
+    const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), address).ptr;
+    const std::string_view name(digits.data(), static_cast<std::size_t>(end - digits.data()));
+    if (prefix_.size() + name.size() >= sizeof to.sun_path) return false;
+    to = {};
+    to.sun_family = AF_UNIX;
+    std::memcpy(to.sun_path, prefix_.data(), prefix_.size());
+    std::memcpy(to.sun_path + prefix_.size(), name.data(), name.size());
+    return true;
+}
+
+long TQueueDirectory::queueOf(const sockaddr_un& from, socklen_t length) const
+{
+    constexpr std::size_t pathAt = offsetof(sockaddr_un, sun_path);
+    if (from.sun_family != AF_UNIX || length <= pathAt || from.sun_path[0] == '\0') return 0;
+    // A name that uses all of sun_path has no NUL, and the kernel counts one more byte than the structure has.
+    const std::size_t room = std::min<std::size_t>(length - pathAt, sizeof from.sun_path);
+    const std::string_view path(from.sun_path, ::strnlen(from.sun_path, room));
+    if (path.starts_with(prefix_)) {
+        const long address = addressNamed(path.substr(prefix_.size()));
+        if (address != 0) return address;
+    }
+    // The same directory can have other names. A relative one would be looked up in the wrong place.
+    const std::size_t slash = path.rfind('/');
+    if (path.front() != '/') return 0;
+    const long address = addressNamed(path.substr(slash + 1));
+    return address != 0 && isThisDirectory(path.substr(0, std::max<std::size_t>(slash, 1))) ? address : 0;
+}
+
+bool TQueueDirectory::isThisDirectory(std::string_view otherPath) const
+{
+    std::array<char, sizeof(sockaddr_un::sun_path) + 1> other;
+    putText(other, otherPath);
+    struct stat here {};
+    struct stat there {};
+    return ::stat(path_.c_str(), &here) == 0 && ::stat(other.data(), &there) == 0 && here.st_dev == there.st_dev &&
+           here.st_ino == there.st_ino;
+}
+
+void TQueueDirectory::create() const
+{
+    for (std::size_t slash = path_.find('/', 1); slash != std::string::npos; slash = path_.find('/', slash + 1))
+        makeDirectory(path_.substr(0, slash));
+    makeDirectory(path_);
+}

@@ -1,0 +1,43 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <sys/socket.h>
+#include <sys/un.h>
+
+/// The directory that holds one socket for each open queue, named by the queue's address in decimal.
+/// Threads: any; an object never changes and is never freed, because another thread may always be sending.
+class TQueueDirectory {
+public:
+    static constexpr long HIGHEST_ADDRESS = 2147483647;
+
+    explicit TQueueDirectory(std::string_view path);
+
+    /// The directory named by TESS_QUEUE_DIR as it is now. Allocates when that is one not seen before.
+    static const TQueueDirectory& fromEnvironment();
+
+    /// Without trailing slashes.
+    const std::string& path() const { return path_; }
+
+    std::string socketPath(long address) const { return prefix_ + std::to_string(address); }
+
+    /// The socket address of a queue. Allocates nothing.
+    /// @param address  1 to HIGHEST_ADDRESS
+    /// @return false: the path is too long for a socket address
+    bool socketAddress(long address, sockaddr_un& to) const;
+
+    /// The queue that a socket belongs to, told by the name the kernel gives for it. Allocates nothing.
+    /// @param length  as recvmsg(2) reports it
+    /// @return queue address; 0 for an unbound socket, an abstract name, or a path that is no queue of this directory
+    long queueOf(const sockaddr_un& from, socklen_t length) const;
+
+    /// Makes the directory and its missing parents, with mode 0770 whatever the umask.
+    /// @throws std::runtime_error  with the path and the reason
+    void create() const;
+
+private:
+    bool isThisDirectory(std::string_view otherPath) const;
+
+    std::string path_;
+    std::string prefix_; ///< path_ and a slash
+};

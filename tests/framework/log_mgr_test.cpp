@@ -1,0 +1,262 @@
+#include "framework/log_mgr.h"
+
+#include "captured_stderr.h"
+#include "framework/bundled/syslog_socket.h"
+#include "raw_socket.h"
+#include "temp_dir.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sstream>
+#include <sys/time.h>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using testing::HasSubstr;
+using testing::Matches;
+using testing::MatchesRegex;
+
+// For regcomp(3), extended.
+constexpr const char* isoTime = "[0-9]{4}-[01][0-9]-[0-3][0-9]T[0-2][0-9]:[0-5][0-9]:[0-6][0-9]\\.[0-9]{3}Z";
+constexpr const char* syslogTime = "[JFMASOND][a-z]{2} [ 123][0-9] [0-2][0-9]:[0-5][0-9]:[0-6][0-9]";
+
+class LogMgr : public testing::Test {
+protected:
+    LogMgr()
+    {
+        systemLogPath_ = dir_ / "log";
+        TSyslogSocket::path = systemLogPath_.c_str();
+        configure("stderr");
+    }
+    ~LogMgr() override
+    {
+        configure("stderr");
+        ::unsetenv("TESS_LOG");
+        ::unsetenv("NOTIFY_SOCKET");
+        TSyslogSocket::path = "/dev/log";
+    }
+
+    static void configure(const char* destination, const char* tag = "    [TEST]")
+    {
+        ::setenv("TESS_LOG", destination, 1);
+        logMgr.setLogParameters(128, 6, tag, 4);
+    }
+
+    static std::string logged(TTraceMsg id, const std::string& text)
+    {
+        const TCapturedStderr captured;
+        logMgr.log(id, text.c_str());
+        return captured.text();
+    }
+
+    TTempDir dir_;
+    std::string systemLogPath_;
+};
+
+TEST_F(LogMgr, WritesTimeTagIdentifierAndText)
+{
+    EXPECT_THAT(logged(51000, "Command listener daemon running"),
+                MatchesRegex(std::string(isoTime) + "    \\[TEST\\] 51000 Command listener daemon running\n"));
+}
+
+TEST_F(LogMgr, TakesTheTagAsItStands)
+{
+    configure("stderr", "");
+    EXPECT_THAT(logged(1, "x"), MatchesRegex(std::string(isoTime) + " 1 x\n"));
+    configure("stderr", " [%s%n] ");
+    EXPECT_THAT(logged(1, "x"), HasSubstr("Z [%s%n]  1 x\n"));
+}
+
+TEST_F(LogMgr, WritesTheTimeOfTheLine)
+{
+    const std::time_t before = std::time(nullptr);
+    const std::string line = logged(1, "x");
+    const std::time_t after = std::time(nullptr);
+    std::tm fields{};
+    ASSERT_NE(nullptr, ::strptime(line.c_str(), "%Y-%m-%dT%H:%M:%S", &fields));
+    const std::time_t written = ::timegm(&fields);
+    EXPECT_GE(written, before);
+    EXPECT_LE(written, after);
+}
+
+TEST_F(LogMgr, TurnsLineEndsInsideTheTextIntoBlanks)
+{
+    EXPECT_THAT(logged(7, "a\r\nb\nc\r"), MatchesRegex(std::string(isoTime) + "    \\[TEST\\] 7 a  b c \n"));
+}
+
+TEST_F(LogMgr, DoesNotReadTheTextAsAFormat)
+{
+    EXPECT_THAT(logged(7, "%s%n%d"), HasSubstr(" 7 %s%n%d\n"));
+}
+
+TEST_F(LogMgr, CutsATextThatIsTooLongForALine)
+{
+    const std::string line = logged(7, std::string(10'000, 'x'));
+    EXPECT_EQ(4096U, line.size());
+    EXPECT_EQ('\n', line.back());
+    EXPECT_EQ(1, std::count(line.begin(), line.end(), '\n'));
+}
+
+TEST_F(LogMgr, WritesEachLineInOneWrite)
+{
+    // Each write to a packet-mode pipe (pipe2(2), O_DIRECT) is one packet, and a read takes one packet.
+    int ends[2];
+    ASSERT_EQ(0, ::pipe2(ends, O_DIRECT | O_CLOEXEC));
+    const int saved = ::dup(STDERR_FILENO);
+    ::dup2(ends[1], STDERR_FILENO);
+    logMgr.log(7, std::string(10'000, 'x').c_str());
+    logMgr.log(8, "second");
+    ::dup2(saved, STDERR_FILENO);
+    ::close(saved);
+    char packet[8192];
+    EXPECT_EQ(4096, ::read(ends[0], packet, sizeof packet));
+    const ssize_t second = ::read(ends[0], packet, sizeof packet);
+    ASSERT_GT(second, 0);
+    EXPECT_THAT(std::string(packet, static_cast<std::size_t>(second)), HasSubstr("    [TEST] 8 second\n"));
+    ::close(ends[0]);
+    ::close(ends[1]);
+}
+
+TEST_F(LogMgr, KeepsErrno)
+{
+    const int saved = ::dup(STDERR_FILENO);
+    ::close(STDERR_FILENO);
+    errno = ENOTTY;
+    logMgr.log(7, "into nothing");
+    const int kept = errno;
+    ::dup2(saved, STDERR_FILENO);
+    ::close(saved);
+    EXPECT_EQ(ENOTTY, kept);
+}
+
+TEST_F(LogMgr, LinesFromASignalHandlerAndFromThreadsStayWhole)
+{
+    struct sigaction action {};
+    struct sigaction before {};
+    action.sa_handler = [](int) { logMgr.log(51001, "from the handler"); };
+    action.sa_flags = SA_RESTART;
+    ASSERT_EQ(0, ::sigaction(SIGALRM, &action, &before));
+    const TCapturedStderr captured;
+    itimerval everyMillisecond{};
+    everyMillisecond.it_interval.tv_usec = everyMillisecond.it_value.tv_usec = 1'000;
+    ASSERT_EQ(0, ::setitimer(ITIMER_REAL, &everyMillisecond, nullptr));
+    const auto logMany = [] {
+        for (int i = 0; i < 2000; ++i)
+            logMgr.log(51002, "from a thread");
+    };
+    std::thread other(logMany);
+    logMany();
+    other.join();
+    // The machine may have been so quick, or so busy, that no signal came.
+    ::raise(SIGALRM);
+    const itimerval off{};
+    ::setitimer(ITIMER_REAL, &off, nullptr);
+    ::sigaction(SIGALRM, &before, nullptr);
+
+    const auto fromTheHandler = Matches(MatchesRegex(std::string(isoTime) + "    \\[TEST\\] 51001 from the handler"));
+    const auto fromAThread = Matches(MatchesRegex(std::string(isoTime) + "    \\[TEST\\] 51002 from a thread"));
+    std::istringstream lines(captured.text());
+    int fromThreads = 0;
+    int fromHandler = 0;
+    for (std::string line; std::getline(lines, line);) {
+        const bool handlers = fromTheHandler(line);
+        ASSERT_TRUE(handlers || fromAThread(line)) << line;
+        ++(handlers ? fromHandler : fromThreads);
+    }
+    EXPECT_EQ(4000, fromThreads);
+    EXPECT_GE(fromHandler, 1);
+}
+
+TEST_F(LogMgr, GoesToTheSystemLogInsteadWhenAsked)
+{
+    const TRawSocket systemLog(systemLogPath_);
+    configure("syslog");
+    EXPECT_EQ("", logged(51000, "running\nwell"));
+    EXPECT_THAT(systemLog.receive(),
+                MatchesRegex(std::string("<30>") + syslogTime + " framework_tests\\[" + std::to_string(::getpid()) +
+                             "\\]:    \\[TEST\\] 51000 running well"));
+    EXPECT_EQ("<nothing there>", systemLog.receiveNow());
+}
+
+TEST_F(LogMgr, GoesToBothWhenAsked)
+{
+    const TRawSocket systemLog(systemLogPath_);
+    configure("both");
+    EXPECT_THAT(logged(51000, "running"), HasSubstr("    [TEST] 51000 running\n"));
+    EXPECT_THAT(systemLog.receive(), HasSubstr("]:    [TEST] 51000 running"));
+}
+
+TEST_F(LogMgr, GoesToStandardErrorWhileThereIsNoSystemLog)
+{
+    configure("syslog");
+    EXPECT_THAT(logged(1, "early"), HasSubstr(" 1 early\n"));
+    const TRawSocket systemLog(systemLogPath_);
+    EXPECT_EQ("", logged(2, "later"));
+    EXPECT_THAT(systemLog.receive(), HasSubstr(" 2 later"));
+}
+
+TEST_F(LogMgr, AFullSystemLogCostsNoWaitAndNoLine)
+{
+    const TRawSocket systemLog(systemLogPath_);
+    configure("syslog");
+    const TCapturedStderr captured;
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < 1000; ++i)
+        logMgr.log(1, "line");
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    const std::string overflow = captured.text();
+    auto lines = std::count(overflow.begin(), overflow.end(), '\n');
+    EXPECT_GT(lines, 0) << "the system log was never full";
+    while (systemLog.receiveNow() != "<nothing there>")
+        ++lines;
+    EXPECT_EQ(1000, lines);
+}
+
+TEST_F(LogMgr, AnyOtherDestinationMeansStandardError)
+{
+    const TRawSocket systemLog(systemLogPath_);
+    for (const char* destination : {"", "stderr", "SYSLOG", "file"}) {
+        configure(destination);
+        EXPECT_THAT(logged(1, "x"), HasSubstr(" 1 x\n")) << destination;
+    }
+    EXPECT_EQ("<nothing there>", systemLog.receiveNow());
+}
+
+TEST_F(LogMgr, TellsTheServiceManagerThatItIsReady)
+{
+    const std::string path = dir_ / "notify";
+    const TRawSocket manager(path);
+    ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
+    logMgr.initAfterDaemonize();
+    EXPECT_EQ("READY=1", manager.receive());
+}
+
+TEST_F(LogMgr, TellsAServiceManagerWithAnAbstractName)
+{
+    const std::string name = "tess-notify-" + std::to_string(::getpid());
+    const TRawSocket manager('\0' + name);
+    ::setenv("NOTIFY_SOCKET", ("@" + name).c_str(), 1);
+    logMgr.initAfterDaemonize();
+    EXPECT_EQ("READY=1", manager.receive());
+}
+
+TEST_F(LogMgr, GoesOnQuietlyWithoutAServiceManager)
+{
+    const TCapturedStderr captured;
+    logMgr.initAfterDaemonize();
+    const std::string tooLong = "/" + std::string(200, 'x');
+    for (const std::string& name :
+         {std::string(), std::string("@"), std::string("relative"), dir_ / "nobody", tooLong}) {
+        ::setenv("NOTIFY_SOCKET", name.c_str(), 1);
+        logMgr.initAfterDaemonize();
+    }
+    EXPECT_EQ("", captured.text());
+}
+
+} // namespace

@@ -1,0 +1,334 @@
+#include "framework/bundled/own_queue.h"
+
+#include "child_process.h"
+#include "queue_test.h"
+#include "raw_socket.h"
+
+#include <atomic>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <optional>
+#include <sys/stat.h>
+#include <thread>
+
+namespace {
+
+using testing::HasSubstr;
+
+class OwnQueue : public TQueueTest {
+protected:
+    ~OwnQueue() override { queue_.close(); }
+
+    /// Opens it.
+    /// @return the error's text, empty when it is open
+    static std::string openError(TOwnQueue& queue, long address)
+    {
+        try {
+            queue.open(address);
+            return "";
+        } catch (const std::runtime_error& error) {
+            return error.what();
+        }
+    }
+
+    std::string openError(long address) { return openError(queue_, address); }
+
+    /// Leaves a socket file behind, as a process that was killed does.
+    void leaveStale(long address) const
+    {
+        ::unlink(pathOf(address).c_str());
+        const TRawSocket gone(pathOf(address));
+    }
+
+    unsigned modeOf(long address) const
+    {
+        struct stat found {};
+        return ::stat(pathOf(address).c_str(), &found) == 0 ? found.st_mode & 07777U : 0xFFFFU;
+    }
+
+    bool exists(long address) const
+    {
+        struct stat found {};
+        return ::lstat(pathOf(address).c_str(), &found) == 0;
+    }
+
+    static std::ptrdiff_t openDescriptors()
+    {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+    }
+
+    TOwnQueue queue_;
+    TOrbAttachmentMsg msg_{};
+};
+
+TEST_F(OwnQueue, IsASocketFileOfItsAddressForOwnerAndGroupWhateverTheUmask)
+{
+    for (const mode_t mask : {0U, 022U, 0777U}) {
+        const mode_t before = ::umask(mask);
+        const std::string error = openError(1001);
+        ::umask(before);
+        EXPECT_EQ("", error);
+        EXPECT_EQ(0660U, modeOf(1001)) << "under umask " << std::oct << mask;
+        queue_.close();
+        EXPECT_FALSE(exists(1001));
+    }
+}
+
+TEST_F(OwnQueue, MakesTheDirectoryThatIsMissing)
+{
+    ::setenv("TESS_QUEUE_DIR", (dir_ / "a/b//").c_str(), 1);
+    EXPECT_EQ("", openError(1001));
+    struct stat found {};
+    EXPECT_EQ(0, ::stat((dir_ / "a/b/1001").c_str(), &found));
+}
+
+TEST_F(OwnQueue, AddressesGoFromOneToTheLargestInt)
+{
+    EXPECT_EQ("", openError(2147483647));
+    queue_.close();
+    EXPECT_EQ("", openError(1));
+    queue_.close();
+    for (const long address : {0L, -1L}) {
+        const std::string text = "queue address " + std::to_string(address) + " is not between 1 and 2147483647";
+        EXPECT_EQ(text, openError(address));
+        EXPECT_THAT(log_.text(), HasSubstr(" 250001 " + text + "\n"));
+    }
+}
+
+TEST_F(OwnQueue, ALiveOwnerKeepsItsAddress)
+{
+    TSignpost opened;
+    TSignpost tried;
+    TChildProcess owner([&] {
+        const TQuietProc proc(1001);
+        opened.pass();
+        return tried.await() ? 0 : 1;
+    });
+    ASSERT_TRUE(opened.await());
+    EXPECT_EQ("queue address 1001 is in use", openError(1001));
+    EXPECT_THAT(log_.text(), HasSubstr(" 250001 queue address 1001 is in use\n"));
+    EXPECT_TRUE(exists(1001));
+    EXPECT_EQ("", openError(1002)) << "other addresses are free";
+    tried.pass();
+    EXPECT_EQ(0, owner.result());
+}
+
+TEST_F(OwnQueue, AnAddressIsInUseWhateverKindOfLiveSocketHoldsIt)
+{
+    {
+        const TRawSocket datagram(pathOf(11));
+        EXPECT_EQ("queue address 11 is in use", openError(11));
+    }
+    {
+        const TRawSocket peer(pathOf(12));
+        const TRawSocket connected(pathOf(13));
+        ASSERT_TRUE(connected.connectTo(pathOf(12)));
+        EXPECT_EQ("queue address 13 is in use", openError(13));
+    }
+    const int stream = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un name{};
+    ASSERT_TRUE(TQueueDirectory(dir_.path()).socketAddress(14, name));
+    ASSERT_EQ(0, ::bind(stream, reinterpret_cast<const sockaddr*>(&name), sizeof name));
+    ASSERT_EQ(0, ::listen(stream, 1));
+    EXPECT_EQ("queue address 14 is in use", openError(14));
+    ::close(stream);
+    EXPECT_EQ("", openError(14)) << "a stale one of another kind is replaced";
+}
+
+TEST_F(OwnQueue, OneProcessHoldsOneQueue)
+{
+    ASSERT_EQ("", openError(1001));
+    EXPECT_EQ("queue address 1001 is in use", openError(1001));
+    EXPECT_EQ("queue address 1002: this process already holds 1001", openError(1002));
+    EXPECT_TRUE(exists(1001));
+    EXPECT_FALSE(exists(1002));
+}
+
+TEST_F(OwnQueue, ReplacesTheFileOfADeadOwner)
+{
+    TSignpost opened;
+    TChildProcess owner([&] {
+        const TQuietProc proc(1001);
+        opened.pass();
+        ::pause();
+        return 0;
+    });
+    ASSERT_TRUE(opened.await());
+    owner.kill();
+    ASSERT_TRUE(exists(1001));
+    EXPECT_EQ("", openError(1001));
+    const TOrbAttachmentMsg sent = numbered(1);
+    EXPECT_TRUE(TRawSocket().sendTo(pathOf(1001), &sent, 20));
+    EXPECT_EQ(20, queue_.receive(&msg_, true));
+}
+
+TEST_F(OwnQueue, NeverRemovesWhatIsNoSocket)
+{
+    std::ofstream(pathOf(1001)) << "precious";
+    EXPECT_EQ("queue address 1001: " + pathOf(1001) + ": is not a socket", openError(1001));
+    EXPECT_TRUE(exists(1001));
+    ASSERT_EQ(0, ::symlink("nowhere", pathOf(1002).c_str()));
+    EXPECT_EQ("queue address 1002: " + pathOf(1002) + ": is not a socket", openError(1002));
+    EXPECT_TRUE(exists(1002));
+    EXPECT_THAT(log_.text(), HasSubstr(" 250001 queue address 1001: " + pathOf(1001) + ": is not a socket\n"));
+}
+
+TEST_F(OwnQueue, APathThatIsTooLongIsAClearError)
+{
+    const std::string deep = dir_ / std::string(100, 'd');
+    ::setenv("TESS_QUEUE_DIR", deep.c_str(), 1);
+    const std::string text = "queue address 1001: " + deep + "/1001: path too long for a socket address";
+    EXPECT_EQ(text, openError(1001));
+    EXPECT_THAT(log_.text(), HasSubstr(" 250001 " + text + "\n"));
+    EXPECT_FALSE(std::filesystem::exists(deep));
+}
+
+TEST_F(OwnQueue, ADirectoryThatIsAFileIsAClearError)
+{
+    const std::string file = dir_ / "file";
+    std::ofstream(file) << "x";
+    ::setenv("TESS_QUEUE_DIR", file.c_str(), 1);
+    EXPECT_EQ("queue address 1001: " + file + ": Not a directory", openError(1001));
+}
+
+TEST_F(OwnQueue, AFailedOpenLeavesNothingBehind)
+{
+    const TRawSocket owner(pathOf(1001));
+    (void)queue_.socket();
+    const auto before = openDescriptors();
+    for (int i = 0; i < 20; ++i)
+        EXPECT_NE("", openError(1001));
+    EXPECT_EQ(before, openDescriptors());
+    EXPECT_FALSE(queue_.isOpen());
+}
+
+TEST_F(OwnQueue, CanBeClosedAndOpenedAgainWithoutLosingDescriptors)
+{
+    ASSERT_EQ("", openError(1001));
+    queue_.close();
+    const auto before = openDescriptors();
+    for (int i = 0; i < 50; ++i) {
+        ASSERT_EQ("", openError(1001));
+        queue_.close();
+        queue_.close();
+    }
+    EXPECT_EQ(before, openDescriptors());
+    EXPECT_EQ(-1, queue_.receive(&msg_, false));
+}
+
+TEST_F(OwnQueue, ClosingForgetsWhatNobodyTook)
+{
+    ASSERT_EQ("", openError(1001));
+    const TOrbAttachmentMsg sent = numbered(1);
+    ASSERT_TRUE(TRawSocket().sendTo(pathOf(1001), &sent, 20));
+    ASSERT_EQ(TOwnQueue::Drained::records, queue_.drain());
+    queue_.close();
+    ASSERT_EQ("", openError(1001));
+    EXPECT_EQ(0, queue_.receive(&msg_, false));
+}
+
+TEST_F(OwnQueue, ClosingLeavesAFileThatIsSomebodyElses)
+{
+    ASSERT_EQ("", openError(1001));
+    ASSERT_EQ(0, ::unlink(pathOf(1001).c_str()));
+    const TRawSocket newOwner(pathOf(1001));
+    queue_.close();
+    EXPECT_TRUE(exists(1001));
+}
+
+TEST_F(OwnQueue, AForkedChildDoesNotRemoveItsParentsFile)
+{
+    ASSERT_EQ("", openError(1001));
+    TChildProcess child([&] {
+        queue_.close();
+        return 0;
+    });
+    EXPECT_EQ(0, child.result());
+    EXPECT_TRUE(exists(1001));
+    const TOrbAttachmentMsg sent = numbered(9);
+    ASSERT_TRUE(TRawSocket().sendTo(pathOf(1001), &sent, 20));
+    EXPECT_EQ(20, queue_.receive(&msg_, true));
+}
+
+TEST_F(OwnQueue, ItsDescriptorIsNotPassedOnToPrograms)
+{
+    ASSERT_EQ("", openError(1001));
+    EXPECT_EQ(FD_CLOEXEC, ::fcntl(queue_.socket(), F_GETFD));
+    queue_.close();
+    EXPECT_EQ(FD_CLOEXEC, ::fcntl(queue_.socket(), F_GETFD));
+}
+
+TEST_F(OwnQueue, OfTwoThreadsThatRaceForAStaleAddressOneGetsIt)
+{
+    for (int round = 0; round < 300; ++round) {
+        const long address = 5000 + round;
+        leaveStale(address);
+        TOwnQueue queues[2];
+        std::string errors[2];
+        std::atomic<int> ready{0};
+        const auto race = [&](int who) {
+            ++ready;
+            while (ready < 2)
+                std::this_thread::yield();
+            errors[who] = openError(queues[who], address);
+        };
+        std::thread other(race, 1);
+        race(0);
+        other.join();
+        EXPECT_NE(errors[0].empty(), errors[1].empty()) << "round " << round << ": " << errors[0] << " / " << errors[1];
+        EXPECT_EQ("queue address " + std::to_string(address) + " is in use", errors[0] + errors[1]);
+        for (TOwnQueue& queue : queues) {
+            queue.close();
+            ::close(queue.socket());
+        }
+        ASSERT_FALSE(HasFailure());
+    }
+}
+
+TEST_F(OwnQueue, OfTwoProcessesThatRaceForAStaleAddressOneGetsIt)
+{
+    for (int round = 0; round < 100; ++round) {
+        leaveStale(1001);
+        TSignpost start;
+        TSignpost tried;
+        TSignpost end;
+        const auto race = [&] {
+            (void)start.await();
+            const std::string error = openError(1001);
+            tried.pass();
+            (void)end.await();
+            if (error.empty()) return 0;
+            return error == "queue address 1001 is in use" ? 1 : 2;
+        };
+        TChildProcess one(race);
+        TChildProcess two(race);
+        start.pass();
+        start.pass();
+        ASSERT_TRUE(tried.await());
+        ASSERT_TRUE(tried.await());
+        end.pass();
+        end.pass();
+        EXPECT_EQ(1, one.result() + two.result()) << "round " << round;
+        ASSERT_FALSE(HasFailure());
+    }
+}
+
+TEST_F(OwnQueue, OpeningAndClosingInTwoProcessesNeverLeavesAnAddressWithoutItsFile)
+{
+    const auto openAndClose = [&] {
+        TOwnQueue queue;
+        for (int i = 0; i < 300; ++i) {
+            if (!openError(queue, 1001).empty()) continue;
+            if (!exists(1001)) return 1;
+            queue.close();
+        }
+        return 0;
+    };
+    TChildProcess other(openAndClose);
+    EXPECT_EQ(0, openAndClose());
+    EXPECT_EQ(0, other.result());
+}
+
+} // namespace

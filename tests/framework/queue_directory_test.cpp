@@ -1,0 +1,189 @@
+#include "framework/bundled/queue_directory.h"
+
+#include "temp_dir.h"
+
+#include <cstddef>
+#include <cstring>
+#include <fstream>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+namespace {
+
+using testing::HasSubstr;
+
+unsigned modeOf(const std::string& path)
+{
+    struct stat found {};
+    return ::stat(path.c_str(), &found) == 0 ? found.st_mode & 07777U : 0xFFFFU;
+}
+
+/// Sets the umask for as long as it lives.
+class TUmask {
+public:
+    explicit TUmask(mode_t mask) : before_(::umask(mask)) {}
+    TUmask(const TUmask&) = delete;
+    TUmask& operator=(const TUmask&) = delete;
+    ~TUmask() { ::umask(before_); }
+
+private:
+    mode_t before_;
+};
+
+sockaddr_un addressOf(const std::string& name, socklen_t& length)
+{
+    sockaddr_un result{};
+    result.sun_family = AF_UNIX;
+    std::memcpy(result.sun_path, name.data(), std::min(name.size(), sizeof result.sun_path));
+    length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size() + 1);
+    return result;
+}
+
+TEST(QueueDirectory, ComesFromTheEnvironmentWithoutTrailingSlashes)
+{
+    const struct {
+        const char* value;
+        const char* path;
+        const char* socketPath;
+    } cases[] = {
+        {nullptr, "/run/tess/queue", "/run/tess/queue/1001"},
+        {"", "/run/tess/queue", "/run/tess/queue/1001"},
+        {"/tmp/q", "/tmp/q", "/tmp/q/1001"},
+        {"/tmp/q///", "/tmp/q", "/tmp/q/1001"},
+        {"/", "/", "/1001"},
+        {"///", "/", "/1001"},
+        {"relative/q/", "relative/q", "relative/q/1001"},
+    };
+    for (const auto& c : cases) {
+        if (c.value != nullptr)
+            ::setenv("TESS_QUEUE_DIR", c.value, 1);
+        else
+            ::unsetenv("TESS_QUEUE_DIR");
+        const TQueueDirectory& directory = TQueueDirectory::fromEnvironment();
+        EXPECT_EQ(c.path, directory.path());
+        EXPECT_EQ(c.socketPath, directory.socketPath(1001));
+        sockaddr_un to{};
+        ASSERT_TRUE(directory.socketAddress(1001, to));
+        EXPECT_STREQ(c.socketPath, to.sun_path);
+        EXPECT_EQ(&directory, &TQueueDirectory::fromEnvironment()) << "the same directory, the same object";
+    }
+    ::unsetenv("TESS_QUEUE_DIR");
+}
+
+TEST(QueueDirectory, APathMustFitASocketAddressWithItsNul)
+{
+    const std::size_t longest = sizeof(sockaddr_un::sun_path) - 1;
+    const TQueueDirectory fits("/" + std::string(longest - 1 - std::strlen("/1001"), 'd'));
+    const TQueueDirectory tooLong("/" + std::string(longest - std::strlen("/1001"), 'd'));
+    sockaddr_un to{};
+    EXPECT_TRUE(fits.socketAddress(1001, to));
+    EXPECT_EQ(longest, std::strlen(to.sun_path));
+    EXPECT_FALSE(fits.socketAddress(10010, to));
+    EXPECT_TRUE(tooLong.socketAddress(101, to));
+    EXPECT_FALSE(tooLong.socketAddress(1001, to));
+}
+
+TEST(QueueDirectory, TellsQueuesOfThisDirectoryFromEverythingElse)
+{
+    const TTempDir dir;
+    const TTempDir other;
+    const std::string here = dir.path();
+    const std::string link = other / "link";
+    ASSERT_EQ(0, ::symlink(here.c_str(), link.c_str()));
+    const TQueueDirectory directory(here);
+    const struct {
+        std::string name;
+        long queue;
+    } cases[] = {
+        {here + "/1", 1},
+        {here + "/1001", 1001},
+        {here + "/2147483647", 2147483647},
+        {here + "/2147483648", 0},
+        {here + "/99999999999999999999", 0},
+        {here + "/0", 0},
+        {here + "/007", 0},
+        {here + "/+7", 0},
+        {here + "/-7", 0},
+        {here + "/7x", 0},
+        {here + "/ 7", 0},
+        {here + "/", 0},
+        {here, 0},
+        {here + "/sub/7", 0},
+        {here + "x/7", 0},
+        {here + "//7", 7},
+        {here + "/./7", 7},
+        {here + "/.//007", 0},
+        {link + "/7", 7},
+        {link + "/007", 0},
+        {other.path() + "/7", 0},
+        {"/7", 0},
+        {"7", 0},
+        {"./7", 0},
+        {std::string("\0", 1) + here + "/7", 0},
+        {"/tmp/" + std::string(sizeof(sockaddr_un::sun_path) - 5, '7'), 0},
+    };
+    for (const auto& c : cases) {
+        socklen_t length = 0;
+        const sockaddr_un from = addressOf(c.name, length);
+        EXPECT_EQ(c.queue, directory.queueOf(from, length)) << c.name;
+    }
+}
+
+TEST(QueueDirectory, AnUnboundSocketBelongsToNoQueue)
+{
+    const TQueueDirectory directory("/tmp");
+    sockaddr_un from{};
+    EXPECT_EQ(0, directory.queueOf(from, 0));
+    from.sun_family = AF_UNIX;
+    EXPECT_EQ(0, directory.queueOf(from, offsetof(sockaddr_un, sun_path)));
+}
+
+TEST(QueueDirectory, TheRootDirectoryWorksToo)
+{
+    const TQueueDirectory directory("/");
+    socklen_t length = 0;
+    const sockaddr_un from = addressOf("/7", length);
+    EXPECT_EQ(7, directory.queueOf(from, length));
+    const sockaddr_un twice = addressOf("//7", length);
+    EXPECT_EQ(7, directory.queueOf(twice, length));
+}
+
+TEST(QueueDirectory, MakesWhatIsMissingWithItsModeWhateverTheUmask)
+{
+    for (const mode_t mask : {0U, 022U, 077U, 0777U}) {
+        const TTempDir dir;
+        ASSERT_EQ(0, ::chmod(dir.path().c_str(), 0711));
+        const TUmask umaskNow(mask);
+        TQueueDirectory(dir / "a/b/c").create();
+        for (const char* made : {"a", "a/b", "a/b/c"})
+            EXPECT_EQ(0770U, modeOf(dir / made)) << made << " under umask " << std::oct << mask;
+        EXPECT_EQ(0711U, modeOf(dir.path())) << "what was there keeps its mode";
+        TQueueDirectory(dir / "a/b/c").create();
+    }
+}
+
+TEST(QueueDirectory, KeepsAnInheritedGroupBit)
+{
+    const TTempDir dir;
+    ASSERT_EQ(0, ::chmod(dir.path().c_str(), 02750));
+    if (modeOf(dir.path()) != 02750U) GTEST_SKIP() << "this file system has no set-group-ID directories";
+    TQueueDirectory(dir / "a/b").create();
+    EXPECT_EQ(02770U, modeOf(dir / "a"));
+    EXPECT_EQ(02770U, modeOf(dir / "a/b"));
+}
+
+TEST(QueueDirectory, SaysWhichPathCannotBeMade)
+{
+    const TTempDir dir;
+    std::ofstream(dir / "file") << "x";
+    try {
+        TQueueDirectory(dir / "file/q").create();
+        FAIL() << "no error";
+    } catch (const std::runtime_error& error) {
+        EXPECT_THAT(error.what(), HasSubstr(dir / "file/q"));
+        EXPECT_THAT(error.what(), HasSubstr("Not a directory"));
+    }
+}
+
+} // namespace

@@ -1,0 +1,223 @@
+#include "framework/bundled/own_queue.h"
+
+#include "child_process.h"
+#include "queue_test.h"
+#include "raw_socket.h"
+
+#include <algorithm>
+#include <csignal>
+#include <optional>
+#include <pthread.h>
+#include <thread>
+
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+
+class QueueReceive : public TQueueTest {
+protected:
+    long receive(bool wait = false) { return g_qMgr.getMsg(&msg_, MSG_QUEUE_ALL, wait); }
+
+    bool sendRaw(const TRawSocket& from, const TOrbAttachmentMsg& msg, std::size_t length) const
+    {
+        return from.sendTo(pathOf(1001), &msg, length);
+    }
+
+    TQuietProc proc_{1001};
+    TRawSocket unbound_;
+    TOrbAttachmentMsg msg_{};
+};
+
+TEST_F(QueueReceive, TakesRecordsInOrderOfArrival)
+{
+    for (std::uint32_t i = 0; i < 8; ++i)
+        ASSERT_TRUE(sendRaw(unbound_, numbered(i), 16 + i));
+    for (std::uint32_t i = 0; i < 8; ++i) {
+        EXPECT_EQ(16L + i, receive(i % 2 == 0));
+        EXPECT_EQ(101U, msg_.kind);
+        EXPECT_EQ(i, msg_.tag);
+    }
+    EXPECT_EQ(0, receive());
+}
+
+TEST_F(QueueReceive, TheSenderIsTheQueueThatTheKernelNames)
+{
+    const TTempDir elsewhere;
+    const std::string link = elsewhere / "link";
+    ASSERT_EQ(0, ::symlink(dir_.path().c_str(), link.c_str()));
+    const struct {
+        std::string name;
+        int sender;
+    } cases[] = {
+        {pathOf(2001), 2001},     {pathOf(2147483647), 2147483647},
+        {dir_ / "2147483648", 0}, {dir_ / "007", 0},
+        {dir_ / "0", 0},          {dir_ / "name", 0},
+        {elsewhere / "2002", 0},  {link + "/2003", 2003},
+        {dir_ / "./2004", 2004},  {'\0' + dir_ / "2005", 0},
+    };
+    for (const auto& c : cases) {
+        const TRawSocket peer(c.name);
+        ASSERT_TRUE(sendRaw(peer, numbered(1), 32));
+        ASSERT_EQ(32, receive());
+        EXPECT_EQ(c.sender, msg_.sender) << c.name;
+    }
+    ASSERT_TRUE(sendRaw(unbound_, numbered(1), 32));
+    ASSERT_EQ(32, receive());
+    EXPECT_EQ(0, msg_.sender) << "an unbound socket";
+}
+
+TEST_F(QueueReceive, DropsADatagramThatIsNoRecordAndGoesOn)
+{
+    const char bytes[MSG_RECORD_BYTES + 8000]{};
+    for (const std::size_t size :
+         {std::size_t(0), std::size_t(1), MSG_HEADER_BYTES - 1, MSG_RECORD_BYTES + 1, sizeof bytes}) {
+        const std::string line = " 250002 dropped a datagram of " + std::to_string(size) + " bytes";
+        EXPECT_THAT(log_.text(), Not(HasSubstr(line)));
+        ASSERT_TRUE(unbound_.sendTo(pathOf(1001), bytes, size));
+        EXPECT_EQ(0, receive()) << size;
+        EXPECT_THAT(log_.text(), HasSubstr(line));
+        ASSERT_TRUE(sendRaw(unbound_, numbered(7), 40));
+        EXPECT_EQ(40, receive()) << "behind one of " << size;
+    }
+    const std::string log = log_.text();
+    EXPECT_EQ(5, std::count(log.begin(), log.end(), '\n')) << log;
+}
+
+TEST_F(QueueReceive, TakesTheShortestAndTheLongestRecord)
+{
+    for (const std::size_t size : {MSG_HEADER_BYTES, MSG_RECORD_BYTES}) {
+        ASSERT_TRUE(sendRaw(unbound_, numbered(7, 'x'), size));
+        EXPECT_EQ(static_cast<long>(size), receive());
+        EXPECT_EQ(size == MSG_RECORD_BYTES ? 'x' : '\0', msg_.text[MSG_TEXT_BYTES - 1]);
+    }
+    EXPECT_EQ("", log_.text());
+}
+
+TEST_F(QueueReceive, NoByteOfAnEarlierMessageIsSeenInALaterOne)
+{
+    const auto textIsZeroFrom = [&](std::size_t at) {
+        return std::all_of(msg_.text + at, msg_.text + MSG_TEXT_BYTES, [](char c) { return c == '\0'; });
+    };
+    ASSERT_TRUE(sendRaw(unbound_, numbered(1, 'x'), MSG_RECORD_BYTES));
+    ASSERT_EQ(8192, receive());
+    ASSERT_TRUE(sendRaw(unbound_, numbered(2, 'y'), 20));
+    ASSERT_EQ(20, receive());
+    EXPECT_EQ("yyyy", std::string(msg_.text, 4));
+    EXPECT_TRUE(textIsZeroFrom(4));
+
+    // the same over the backlog
+    ASSERT_TRUE(sendRaw(unbound_, numbered(3, 'x'), MSG_RECORD_BYTES));
+    ASSERT_TRUE(sendRaw(unbound_, numbered(4, 'y'), 20));
+    ASSERT_EQ(TOwnQueue::Drained::records, ownQueue.drain());
+    ASSERT_EQ(8192, receive());
+    ASSERT_EQ(20, receive());
+    EXPECT_EQ(4U, msg_.tag);
+    EXPECT_EQ("yyyy", std::string(msg_.text, 4));
+    EXPECT_TRUE(textIsZeroFrom(4));
+}
+
+TEST_F(QueueReceive, WhatWasTakenAsideComesFirst)
+{
+    std::uint32_t next = 0;
+    std::uint32_t expected = 0;
+    for (int round = 0; round < 20; ++round) {
+        for (int i = 0; i < 5; ++i)
+            ASSERT_TRUE(sendRaw(unbound_, numbered(next++), 16));
+        ASSERT_EQ(TOwnQueue::Drained::records, ownQueue.drain());
+        for (int i = 0; i < 5; ++i)
+            ASSERT_TRUE(sendRaw(unbound_, numbered(next++), 16));
+        for (int i = 0; i < 10; ++i) {
+            ASSERT_EQ(16, receive());
+            EXPECT_EQ(expected++, msg_.tag);
+        }
+    }
+}
+
+TEST_F(QueueReceive, DescriptorsSentAlongAreClosed)
+{
+    int ends[2];
+    ASSERT_EQ(0, ::pipe(ends));
+    TOrbAttachmentMsg record = numbered(1);
+    sockaddr_un to{};
+    ASSERT_TRUE(TQueueDirectory(dir_.path()).socketAddress(1001, to));
+    iovec data{&record, 32};
+    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))]{};
+    msghdr header{};
+    header.msg_name = &to;
+    header.msg_namelen = sizeof to;
+    header.msg_iov = &data;
+    header.msg_iovlen = 1;
+    header.msg_control = control;
+    header.msg_controllen = sizeof control;
+    cmsghdr* const rights = CMSG_FIRSTHDR(&header);
+    rights->cmsg_level = SOL_SOCKET;
+    rights->cmsg_type = SCM_RIGHTS;
+    rights->cmsg_len = CMSG_LEN(sizeof(int));
+    std::memcpy(CMSG_DATA(rights), &ends[1], sizeof(int));
+    ASSERT_EQ(32, ::sendmsg(unbound_.fd(), &header, 0));
+    ::close(ends[1]);
+    EXPECT_EQ(32, receive());
+    // The end of the pipe is seen as soon as nobody holds the writing end any more.
+    pollfd waitFor{};
+    waitFor.fd = ends[0];
+    EXPECT_EQ(1, ::poll(&waitFor, 1, 10'000));
+    EXPECT_EQ(POLLHUP, waitFor.revents);
+    ::close(ends[0]);
+}
+
+TEST_F(QueueReceive, WithoutWaitingItLooksOnce)
+{
+    const TStopwatch watch;
+    for (int i = 0; i < 10; ++i)
+        EXPECT_EQ(0, receive(false));
+    EXPECT_LT(watch.milliseconds(), 500);
+}
+
+TEST_F(QueueReceive, WaitsForAboutASecondWithoutUsingTheProcessor)
+{
+    const TStopwatch watch;
+    const long cpuBefore = threadCpuMilliseconds();
+    EXPECT_EQ(0, receive(true));
+    EXPECT_GE(watch.milliseconds(), 950);
+    EXPECT_LT(watch.milliseconds(), 3000);
+    EXPECT_LT(threadCpuMilliseconds() - cpuBefore, 50);
+}
+
+TEST_F(QueueReceive, ARecordEndsTheWait)
+{
+    std::thread sender([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        const TOrbAttachmentMsg record = numbered(3);
+        (void)sendRaw(unbound_, record, 16);
+    });
+    EXPECT_EQ(16, receiveNext(msg_));
+    sender.join();
+    EXPECT_EQ(3U, msg_.tag);
+}
+
+TEST_F(QueueReceive, ASignalEndsTheWaitEvenIfItsHandlerRestartsCalls)
+{
+    struct sigaction action {};
+    struct sigaction before {};
+    action.sa_handler = [](int) {};
+    action.sa_flags = SA_RESTART;
+    ASSERT_EQ(0, ::sigaction(SIGUSR1, &action, &before));
+    const pthread_t receiver = ::pthread_self();
+    std::atomic<bool> done{false};
+    std::thread signaller([&] {
+        while (!done) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            ::pthread_kill(receiver, SIGUSR1);
+        }
+    });
+    const TStopwatch watch;
+    EXPECT_EQ(0, receive(true));
+    const long took = watch.milliseconds();
+    done = true;
+    signaller.join();
+    ::sigaction(SIGUSR1, &before, nullptr);
+    EXPECT_LT(took, 900);
+}
+
+} // namespace

@@ -1,0 +1,501 @@
+#include "framework/bundled/own_queue.h"
+#include "framework/bundled/queue_sender.h"
+
+#include "child_process.h"
+#include "queue_test.h"
+#include "raw_socket.h"
+#include "tests/support/allocation_count.h"
+
+#include <algorithm>
+#include <atomic>
+#include <csignal>
+#include <limits>
+#include <memory>
+#include <thread>
+#include <vector>
+
+namespace {
+
+constexpr long PATIENCE_MS = TQueueSender::PATIENCE.count();
+
+class QueueSend : public TQueueTest {
+protected:
+    static long send(long address, std::uint32_t number, std::size_t length = 64, bool wait = false)
+    {
+        const TOrbAttachmentMsg msg = numbered(number);
+        return g_qMgr.sendMsg(address, &msg, static_cast<long>(length), wait);
+    }
+
+    /// Fills a queue until it takes no more.
+    /// @return records that it took
+    static std::uint32_t fill(long address, std::size_t length = 64)
+    {
+        std::uint32_t taken = 0;
+        while (taken < 100'000 && send(address, taken, length) == 0)
+            ++taken;
+        return taken;
+    }
+
+    /// Fills a queue without waiting in the end.
+    static void fillAtOnce(long address, std::size_t length)
+    {
+        sockaddr_un to{};
+        ASSERT_TRUE(ownQueue.directory().socketAddress(address, to));
+        const TOrbAttachmentMsg msg = numbered(0);
+        TQueueSender sender(ownQueue, to, &msg, length);
+        while (sender.trySend() == TQueueSender::Sent::done) {
+        }
+        ASSERT_EQ(TQueueSender::Sent::noRoom, sender.trySend());
+    }
+
+    static std::uint32_t tagOf(const std::string& datagram)
+    {
+        TOrbAttachmentMsg msg{};
+        std::memcpy(static_cast<void*>(&msg), datagram.data(), std::min(datagram.size(), sizeof msg));
+        return msg.tag;
+    }
+};
+
+TEST_F(QueueSend, PutsTheRecordIntoTheDestinationsQueue)
+{
+    const TQuietProc proc(1001);
+    const TRawSocket peer(pathOf(2001));
+    const TOrbAttachmentMsg msg = numbered(77, 'x');
+    EXPECT_EQ(0, g_qMgr.sendMsg(2001, &msg, 100, false));
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(&msg), 100), peer.receive());
+}
+
+TEST_F(QueueSend, ClampsTheLengthAboveARecordAndRefusesLessThanItsHeader)
+{
+    const TQuietProc proc(1001);
+    const TRawSocket peer(pathOf(2001));
+    const struct {
+        long length;
+        long sent; ///< 0: refused
+    } cases[] = {{16, 16}, {8191, 8191}, {8192, 8192}, {8193, 8192}, {2147483647, 8192}, {15, 0}, {0, 0}, {-1, 0}};
+    for (const auto& c : cases) {
+        const TOrbAttachmentMsg msg = numbered(1);
+        EXPECT_EQ(c.sent == 0, g_qMgr.sendMsg(2001, &msg, c.length, false) != 0) << c.length;
+        const std::string there = peer.receiveNow();
+        if (c.sent == 0) {
+            EXPECT_EQ("<nothing there>", there) << c.length;
+        } else {
+            EXPECT_EQ(static_cast<std::size_t>(c.sent), there.size()) << c.length;
+        }
+    }
+}
+
+TEST_F(QueueSend, CarriesTheAddressOfTheOpenQueueAndNoneWithoutOne)
+{
+    TSignpost ready;
+    TChildProcess receiver([&] {
+        const TQuietProc proc(2001);
+        ready.pass();
+        const std::int32_t expected[] = {0, 1001, 0};
+        TOrbAttachmentMsg msg{};
+        for (const std::int32_t sender : expected)
+            if (receiveNext(msg) != 64 || msg.sender != sender) return 1;
+        return 0;
+    });
+    ASSERT_TRUE(ready.await());
+    {
+        const TQuietProc sendsOnly(1001, false);
+        EXPECT_EQ(0, send(2001, 0));
+    }
+    {
+        const TQuietProc proc(1001);
+        EXPECT_EQ(0, send(2001, 1));
+    }
+    EXPECT_EQ(0, send(2001, 2));
+    EXPECT_EQ(0, receiver.result());
+}
+
+TEST_F(QueueSend, FailsAtOnceWithoutADestination)
+{
+    const TQuietProc proc(1001);
+    {
+        const TRawSocket dead(pathOf(2002));
+    }
+    const TStopwatch watch;
+    for (const bool wait : {false, true}) {
+        EXPECT_NE(0, send(2001, 1, 64, wait)) << "no such queue";
+        EXPECT_NE(0, send(2002, 1, 64, wait)) << "its owner is gone";
+        EXPECT_NE(0, send(0, 1, 64, wait));
+        EXPECT_NE(0, send(-1, 1, 64, wait));
+        EXPECT_NE(0, send(std::numeric_limits<long>::max(), 1, 64, wait))
+            << "2147483647 where long has 32 bits: no such queue";
+    }
+    EXPECT_LT(watch.milliseconds(), PATIENCE_MS);
+}
+
+TEST_F(QueueSend, FailsWhenTheDestinationsPathIsTooLong)
+{
+    ::setenv("TESS_QUEUE_DIR", (dir_ / std::string(100, 'd')).c_str(), 1);
+    const TQuietProc proc(1001, false);
+    EXPECT_NE(0, send(2001, 1));
+}
+
+TEST_F(QueueSend, AFullQueueCostsOneBoundedWaitAndThenNoneUntilItHasRoom)
+{
+    const TQuietProc proc(1001);
+    const TRawSocket stuck(pathOf(2001));
+    const TStopwatch first;
+    const long cpuBefore = threadCpuMilliseconds();
+    const std::uint32_t taken = fill(2001);
+    EXPECT_GE(taken, 1U);
+    EXPECT_GE(first.milliseconds(), PATIENCE_MS);
+    EXPECT_LT(first.milliseconds(), 2 * PATIENCE_MS);
+    EXPECT_LT(threadCpuMilliseconds() - cpuBefore, PATIENCE_MS / 4);
+
+    const TStopwatch again;
+    for (int i = 0; i < 100; ++i)
+        EXPECT_NE(0, send(2001, 1));
+    EXPECT_LT(again.milliseconds(), PATIENCE_MS) << "100 calls";
+
+    EXPECT_EQ(0U, tagOf(stuck.receive()));
+    EXPECT_EQ(0, send(2001, taken)) << "it has room again";
+    const TStopwatch anew;
+    EXPECT_NE(0, send(2001, 1));
+    EXPECT_GE(anew.milliseconds(), PATIENCE_MS) << "full anew: a wait again";
+
+    for (std::uint32_t i = 1; i <= taken; ++i)
+        EXPECT_EQ(i, tagOf(stuck.receive()));
+    EXPECT_EQ("<nothing there>", stuck.receiveNow()) << "a record that was refused did arrive";
+}
+
+TEST_F(QueueSend, AFullQueueHoldsUpNoOther)
+{
+    const TQuietProc proc(1001);
+    std::vector<std::unique_ptr<TRawSocket>> stuck;
+    for (long address = 2001; address <= 2008; ++address) {
+        stuck.push_back(std::make_unique<TRawSocket>(pathOf(address)));
+        (void)fill(address);
+    }
+    const TRawSocket healthy(pathOf(3001));
+    const TStopwatch watch;
+    for (std::uint32_t i = 0; i < 200; ++i) {
+        for (long address = 2001; address <= 2008; ++address)
+            EXPECT_NE(0, send(address, i));
+        ASSERT_EQ(0, send(3001, i));
+        EXPECT_EQ(i, tagOf(healthy.receive()));
+    }
+    EXPECT_LT(watch.milliseconds(), 8 * PATIENCE_MS);
+}
+
+TEST_F(QueueSend, ANewOwnerOfAStuckAddressIsWaitedForAgain)
+{
+    const TQuietProc proc(1001);
+    {
+        const TRawSocket stuck(pathOf(2001));
+        (void)fill(2001);
+    }
+    EXPECT_NE(0, send(2001, 1)) << "its owner is gone";
+    ASSERT_EQ(0, ::unlink(pathOf(2001).c_str()));
+    const TRawSocket next(pathOf(2001));
+    const TStopwatch watch;
+    (void)fill(2001);
+    EXPECT_GE(watch.milliseconds(), PATIENCE_MS);
+}
+
+TEST_F(QueueSend, EnoughFullQueuesOfFullRecordsLeaveTheSendBufferWithRoom)
+{
+    const TQuietProc proc(1001);
+    int granted = 0;
+    socklen_t size = sizeof granted;
+    ASSERT_EQ(0, ::getsockopt(ownQueue.socket(), SOL_SOCKET, SO_SNDBUF, &granted, &size));
+    if (granted < 6 * 1024 * 1024) GTEST_SKIP() << "not privileged: the kernel granted " << granted << " bytes";
+    std::vector<std::unique_ptr<TRawSocket>> stuck;
+    for (long address = 2001; address <= 2032; ++address) {
+        stuck.push_back(std::make_unique<TRawSocket>(pathOf(address)));
+        fillAtOnce(address, MSG_RECORD_BYTES);
+    }
+    const TRawSocket healthy(pathOf(3001));
+    EXPECT_EQ(0, send(3001, 1, MSG_RECORD_BYTES));
+}
+
+TEST_F(QueueSend, AUsedUpSendBufferIsWaitedForWithoutSpinning)
+{
+    const TQuietProc proc(1001);
+    const int small = 20'000;
+    ASSERT_EQ(0, ::setsockopt(ownQueue.socket(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small));
+    const TRawSocket stuck(pathOf(2001));
+    const TRawSocket healthy(pathOf(3001));
+    ASSERT_LT(fill(2001, MSG_RECORD_BYTES), 10U) << "the buffer was to be used up before the queue is";
+
+    const TStopwatch watch;
+    const long cpuBefore = threadCpuMilliseconds();
+    EXPECT_NE(0, send(3001, 1, MSG_RECORD_BYTES));
+    EXPECT_GE(watch.milliseconds(), PATIENCE_MS);
+    EXPECT_LT(watch.milliseconds(), 4 * PATIENCE_MS);
+    EXPECT_LT(threadCpuMilliseconds() - cpuBefore, PATIENCE_MS / 4);
+
+    std::thread reader([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(30));
+        while (stuck.receiveNow() != "<nothing there>") {
+        }
+    });
+    EXPECT_EQ(0, send(3001, 2, MSG_RECORD_BYTES, true)) << "there is room again";
+    reader.join();
+    EXPECT_EQ(2U, tagOf(healthy.receive()));
+}
+
+TEST_F(QueueSend, AnUnboundedWaitEndsWhenThereIsRoom)
+{
+    const TQuietProc proc(1001);
+    const TRawSocket peer(pathOf(2001));
+    const std::uint32_t taken = fill(2001);
+    std::thread reader([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2 * PATIENCE_MS));
+        (void)peer.receiveNow();
+    });
+    const TStopwatch watch;
+    EXPECT_EQ(0, send(2001, taken, 64, true));
+    EXPECT_GE(watch.milliseconds(), PATIENCE_MS) << "longer than a bounded wait";
+    reader.join();
+    for (std::uint32_t i = 1; i <= taken; ++i)
+        EXPECT_EQ(i, tagOf(peer.receive()));
+}
+
+TEST_F(QueueSend, AnUnboundedWaitEndsWhenTheOwnerIsKilled)
+{
+    TSignpost opened;
+    TChildProcess owner([&] {
+        const TQuietProc proc(2001);
+        opened.pass();
+        ::pause();
+        return 0;
+    });
+    ASSERT_TRUE(opened.await());
+    const TQuietProc proc(1001);
+    fillAtOnce(2001, 64);
+    std::thread killer([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        owner.kill();
+    });
+    const TStopwatch watch;
+    EXPECT_NE(0, send(2001, 1, 64, true));
+    EXPECT_LT(watch.milliseconds(), 900);
+    killer.join();
+}
+
+TEST_F(QueueSend, AnUnboundedWaitEndsWhenTheOwnerClosesItsQueueAndLivesOn)
+{
+    TSignpost opened;
+    TSignpost full;
+    TSignpost end;
+    TChildProcess owner([&] {
+        {
+            const TQuietProc proc(2001);
+            opened.pass();
+            (void)full.await();
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+        (void)end.await();
+        return 0;
+    });
+    ASSERT_TRUE(opened.await());
+    const TQuietProc proc(1001);
+    fillAtOnce(2001, 64);
+    full.pass();
+    const TStopwatch watch;
+    EXPECT_NE(0, send(2001, 1, 64, true));
+    EXPECT_LT(watch.milliseconds(), 900);
+    end.pass();
+    EXPECT_EQ(0, owner.result());
+}
+
+TEST_F(QueueSend, ABurstToAProcessThatAnswersEachArrivesWholeAndSoDoTheAnswers)
+{
+    constexpr std::uint32_t BURST = 1000;
+    TSignpost ready;
+    TChildProcess answering([&] {
+        const TQuietProc proc(2001);
+        ready.pass();
+        TOrbAttachmentMsg msg{};
+        for (std::uint32_t i = 0; i < BURST; ++i) {
+            if (receiveNext(msg) != 64 || msg.tag != i || msg.sender != 1001) return 1;
+            if (g_qMgr.sendMsg(msg.sender, &msg, 64, false) != 0) return 2;
+        }
+        return 0;
+    });
+    ASSERT_TRUE(ready.await());
+    const TQuietProc proc(1001);
+    for (std::uint32_t i = 0; i < BURST; ++i)
+        ASSERT_EQ(0, send(2001, i)) << "command " << i;
+    TOrbAttachmentMsg msg{};
+    for (std::uint32_t i = 0; i < BURST; ++i) {
+        ASSERT_EQ(64, receiveNext(msg)) << "answer " << i;
+        ASSERT_EQ(i, msg.tag);
+        ASSERT_EQ(2001, msg.sender);
+    }
+    EXPECT_EQ(0, answering.result());
+}
+
+/// Sends `count` records without looking at what comes, and then takes as many.
+/// @return 0 all went through, in order
+int sendThenReceive(long to, std::uint32_t count)
+{
+    TOrbAttachmentMsg msg = numbered(0);
+    for (std::uint32_t i = 0; i < count; ++i) {
+        msg.tag = i;
+        if (g_qMgr.sendMsg(to, &msg, 1000, true) != 0) return 1;
+    }
+    for (std::uint32_t i = 0; i < count; ++i)
+        if (receiveNext(msg) != 1000 || msg.tag != i || msg.sender != to) return 2;
+    return 0;
+}
+
+TEST_F(QueueSend, TwoProcessesThatFillEachOthersQueuesDoNotLockUp)
+{
+    TSignpost opened;
+    TSignpost start;
+    TChildProcess other([&] {
+        const TQuietProc proc(2001);
+        opened.pass();
+        (void)start.await();
+        return sendThenReceive(1001, 3000);
+    });
+    ASSERT_TRUE(opened.await());
+    const TQuietProc proc(1001);
+    start.pass();
+    EXPECT_EQ(0, sendThenReceive(2001, 3000));
+    EXPECT_EQ(0, other.result());
+}
+
+TEST_F(QueueSend, OneThreadMayWaitInGetMsgWhileAnotherSendsABurst)
+{
+    constexpr std::uint32_t BURST = 2000;
+    TSignpost ready;
+    TChildProcess answering([&] {
+        const TQuietProc proc(2001);
+        ready.pass();
+        TOrbAttachmentMsg msg{};
+        for (std::uint32_t i = 0; i < BURST; ++i) {
+            if (receiveNext(msg) != 64 || msg.tag != i) return 1;
+            if (g_qMgr.sendMsg(msg.sender, &msg, 64, false) != 0) return 2;
+        }
+        return 0;
+    });
+    ASSERT_TRUE(ready.await());
+    const TQuietProc proc(1001);
+    std::atomic<std::uint32_t> refused{0};
+    std::thread sender([&] {
+        for (std::uint32_t i = 0; i < BURST; ++i)
+            refused += send(2001, i) != 0 ? 1 : 0;
+    });
+    TOrbAttachmentMsg msg{};
+    for (std::uint32_t i = 0; i < BURST; ++i) {
+        if (receiveNext(msg) != 64 || msg.tag != i) {
+            ADD_FAILURE() << "expected answer " << i << ", got " << msg.tag;
+            break;
+        }
+    }
+    sender.join();
+    EXPECT_EQ(0U, refused);
+    EXPECT_EQ(0, answering.result());
+}
+
+TEST_F(QueueSend, TwoThreadsMayWaitAtOnce)
+{
+    TSignpost opened;
+    TChildProcess reader([&] {
+        const TQuietProc proc(2001);
+        opened.pass();
+        std::uint32_t next[2] = {0, 0};
+        TOrbAttachmentMsg msg{};
+        for (int i = 0; i < 4000; ++i) {
+            if (receiveNext(msg) != 64) return 1;
+            if ((msg.tag & 0xFFFFU) != next[msg.tag >> 16]++) return 2;
+        }
+        return 0;
+    });
+    ASSERT_TRUE(opened.await());
+    const TQuietProc proc(1001);
+    std::atomic<std::uint32_t> refused{0};
+    const auto sendMany = [&](std::uint32_t who) {
+        for (std::uint32_t i = 0; i < 2000; ++i)
+            refused += send(2001, who << 16 | i) != 0 ? 1 : 0;
+    };
+    std::thread other(sendMany, 1);
+    sendMany(0);
+    other.join();
+    EXPECT_EQ(0U, refused);
+    EXPECT_EQ(0, reader.result());
+}
+
+TEST_F(QueueSend, AProcessMaySendToItselfAsMuchAsItsBacklogHolds)
+{
+    const TQuietProc proc(1001);
+    std::uint32_t sent = 0;
+    TStopwatch watch;
+    while (sent < 100'000 && send(1001, sent, MSG_RECORD_BYTES, sent % 2 == 0) == 0) {
+        ++sent;
+        watch = TStopwatch();
+    }
+    ASSERT_LT(sent, 100'000U) << "there has to be an end";
+    EXPECT_GT(sent, 1500U);
+    EXPECT_GE(watch.milliseconds(), PATIENCE_MS);
+    EXPECT_LT(watch.milliseconds(), 8 * PATIENCE_MS);
+    const TStopwatch waiting;
+    EXPECT_NE(0, send(1001, sent, MSG_RECORD_BYTES, true)) << "an unbounded wait without progress ends too";
+    EXPECT_LT(waiting.milliseconds(), 8 * PATIENCE_MS);
+
+    TOrbAttachmentMsg msg{};
+    for (std::uint32_t i = 0; i < sent; ++i) {
+        ASSERT_EQ(8192, g_qMgr.getMsg(&msg, MSG_QUEUE_ALL, false));
+        ASSERT_EQ(i, msg.tag);
+        ASSERT_EQ(1001, msg.sender);
+    }
+    EXPECT_EQ(0, g_qMgr.getMsg(&msg, MSG_QUEUE_ALL, false));
+    EXPECT_EQ(0, send(1001, 1)) << "room again";
+}
+
+TEST_F(QueueSend, SendingAndReceivingAllocateNothing)
+{
+    const TQuietProc proc(1001);
+    TOrbAttachmentMsg msg = numbered(1);
+    long failed = 0;
+    const unsigned before = allocationCount();
+    for (int i = 0; i < 100; ++i) {
+        failed += g_qMgr.sendMsg(1001, &msg, 8192, false);
+        failed += g_qMgr.getMsg(&msg, MSG_QUEUE_ALL, true) == 8192 ? 0 : 1;
+        failed += g_qMgr.sendMsg(2001, &msg, 8192, false) != 0 ? 0 : 1; // no such queue
+        failed += g_qMgr.getMsg(&msg, MSG_QUEUE_ALL, false);
+    }
+    EXPECT_EQ(before, allocationCount());
+    EXPECT_EQ(0, failed);
+}
+
+TEST_F(QueueSend, ADeadDestinationRaisesNoSignal)
+{
+    const auto before = std::signal(SIGPIPE, SIG_DFL);
+    const TQuietProc proc(1001);
+    const TRawSocket peer(pathOf(2001));
+    ASSERT_EQ(0, ::shutdown(peer.fd(), SHUT_RD));
+    EXPECT_NE(0, send(2001, 1)); // EPIPE: the default action of SIGPIPE would have ended this process
+    std::signal(SIGPIPE, before);
+}
+
+TEST_F(QueueSend, ThreadsMaySendWhileTheQueueIsClosedAndOpened)
+{
+    const TRawSocket peer(pathOf(2001));
+    std::atomic<bool> done{false};
+    std::thread sender([&] {
+        while (!done)
+            (void)send(2001, 1);
+    });
+    std::thread reader([&] {
+        while (!done)
+            (void)peer.receiveNow();
+    });
+    for (int i = 0; i < 200; ++i) {
+        const TQuietProc proc(1001);
+        std::this_thread::yield();
+    }
+    done = true;
+    sender.join();
+    reader.join();
+    EXPECT_NE(0, send(1001, 1)) << "closed";
+}
+
+} // namespace

@@ -1,0 +1,49 @@
+#include "framework/sleep.h"
+
+#include <chrono>
+#include <csignal>
+#include <gtest/gtest.h>
+#include <sys/time.h>
+
+namespace {
+
+long millisecondsOf(int argument)
+{
+    const auto start = std::chrono::steady_clock::now();
+    Sleep(argument);
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
+}
+
+volatile std::sig_atomic_t alarms = 0;
+
+TEST(Sleep, LastsAsLongAsAsked)
+{
+    const long took = millisecondsOf(120);
+    EXPECT_GE(took, 120);
+    EXPECT_LT(took, 5000);
+}
+
+TEST(Sleep, NothingAndLessAreOverAtOnce)
+{
+    EXPECT_LT(millisecondsOf(0), 1000);
+    EXPECT_LT(millisecondsOf(-5000), 1000);
+}
+
+TEST(Sleep, GoesOnAfterSignals)
+{
+    struct sigaction action {};
+    struct sigaction before {};
+    action.sa_handler = [](int) { alarms = alarms + 1; };
+    ASSERT_EQ(0, ::sigaction(SIGALRM, &action, &before));
+    itimerval every20ms{};
+    every20ms.it_interval.tv_usec = every20ms.it_value.tv_usec = 20'000;
+    ASSERT_EQ(0, ::setitimer(ITIMER_REAL, &every20ms, nullptr));
+    const long took = millisecondsOf(300);
+    const itimerval off{};
+    ::setitimer(ITIMER_REAL, &off, nullptr);
+    ::sigaction(SIGALRM, &before, nullptr);
+    EXPECT_GE(took, 300);
+    EXPECT_GE(alarms, 2);
+}
+
+} // namespace

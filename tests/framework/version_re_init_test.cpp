@@ -1,0 +1,137 @@
+#include "framework/version_re_init.h"
+
+#include "temp_dir.h"
+
+#include <cinttypes>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <gtest/gtest.h>
+#include <iterator>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+namespace {
+
+class VersionReInit : public testing::Test {
+protected:
+    ~VersionReInit() override { ::unsetenv("TESS_REINIT"); }
+
+    /// Makes a program of the given content and has it chosen.
+    void choose(const std::string& content)
+    {
+        const std::string path = dir_ / "program";
+        std::ofstream(path) << content;
+        ASSERT_EQ(0, ::chmod(path.c_str(), 0755));
+        ASSERT_EQ(0, ::setenv("TESS_REINIT", path.c_str(), 1));
+    }
+
+    std::string contentOf(const std::string& name) const
+    {
+        std::ifstream file(dir_ / name);
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+
+    TTempDir dir_;
+};
+
+TEST_F(VersionReInit, IsDoneWhenTheProgramExitsWithZero)
+{
+    choose("#!/bin/sh\nexit 0\n");
+    EXPECT_EQ(0, versionReInit());
+}
+
+TEST_F(VersionReInit, FailsWhenTheProgramFails)
+{
+    choose("#!/bin/sh\nexit 3\n");
+    EXPECT_NE(0, versionReInit());
+}
+
+TEST_F(VersionReInit, FailsWhenTheProgramIsKilled)
+{
+    choose("#!/bin/sh\nkill -9 $$\n");
+    EXPECT_NE(0, versionReInit());
+}
+
+TEST_F(VersionReInit, FailsWhenThereIsNoSuchProgram)
+{
+    ::setenv("TESS_REINIT", (dir_ / "missing").c_str(), 1);
+    EXPECT_NE(0, versionReInit());
+}
+
+TEST_F(VersionReInit, FailsForADirectory)
+{
+    ::setenv("TESS_REINIT", dir_.path().c_str(), 1);
+    EXPECT_NE(0, versionReInit());
+}
+
+TEST_F(VersionReInit, FailsForAScriptThatNamesNoInterpreter)
+{
+    choose("exit 0\n");
+    EXPECT_NE(0, versionReInit());
+}
+
+TEST_F(VersionReInit, FailsForAFileThatMayNotBeExecuted)
+{
+    choose("#!/bin/sh\nexit 0\n");
+    ASSERT_EQ(0, ::chmod((dir_ / "program").c_str(), 0644));
+    EXPECT_NE(0, versionReInit());
+}
+
+TEST_F(VersionReInit, AnEmptyVariableMeansTheUsualProgram)
+{
+    if (::access("/usr/lib/tess/version-reinit", F_OK) == 0) GTEST_SKIP() << "this machine has the usual program";
+    ::setenv("TESS_REINIT", "", 1);
+    EXPECT_NE(0, versionReInit());
+    ::unsetenv("TESS_REINIT");
+    EXPECT_NE(0, versionReInit());
+}
+
+TEST_F(VersionReInit, GivesNoArgumentsAndWaitsForTheEnd)
+{
+    choose("#!/bin/sh\nsleep 0.2\necho \"$#\" > \"" + dir_ / "seen" + "\"\n");
+    EXPECT_EQ(0, versionReInit());
+    EXPECT_EQ("0\n", contentOf("seen"));
+}
+
+TEST_F(VersionReInit, TheProgramStartsWithPlainSignals)
+{
+    choose("#!/bin/sh\ngrep -E '^Sig(Blk|Ign):' /proc/self/status > \"" + dir_ / "seen" + "\"\n");
+    sigset_t blocked{};
+    sigset_t before{};
+    ::sigemptyset(&blocked);
+    ::sigaddset(&blocked, SIGTERM);
+    ::sigprocmask(SIG_BLOCK, &blocked, &before);
+    const auto pipeBefore = std::signal(SIGPIPE, SIG_IGN);
+    EXPECT_EQ(0, versionReInit());
+    std::signal(SIGPIPE, pipeBefore);
+    ::sigprocmask(SIG_SETMASK, &before, nullptr);
+    std::uint64_t blockedThere = 1;
+    std::uint64_t ignoredThere = 1;
+    const std::string seen = contentOf("seen");
+    ASSERT_EQ(2, std::sscanf(seen.c_str(), "SigBlk: %" SCNx64 " SigIgn: %" SCNx64, &blockedThere, &ignoredThere))
+        << seen;
+    constexpr std::uint64_t libraryOwn = std::uint64_t(3) << 31; // 32 and 33, which the C library keeps for itself
+    EXPECT_EQ(0U, blockedThere) << seen;
+    EXPECT_EQ(0U, ignoredThere & ~libraryOwn) << seen;
+}
+
+TEST_F(VersionReInit, SignalsMeanwhileDoNotDisturbTheWait)
+{
+    choose("#!/bin/sh\nsleep 0.3\nexit 0\n");
+    struct sigaction action {};
+    struct sigaction before {};
+    action.sa_handler = [](int) {};
+    ASSERT_EQ(0, ::sigaction(SIGALRM, &action, &before));
+    itimerval every20ms{};
+    every20ms.it_interval.tv_usec = every20ms.it_value.tv_usec = 20'000;
+    ASSERT_EQ(0, ::setitimer(ITIMER_REAL, &every20ms, nullptr));
+    EXPECT_EQ(0, versionReInit());
+    const itimerval off{};
+    ::setitimer(ITIMER_REAL, &off, nullptr);
+    ::sigaction(SIGALRM, &before, nullptr);
+}
+
+} // namespace
