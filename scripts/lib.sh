@@ -1,0 +1,86 @@
+# shellcheck shell=bash disable=SC2034
+# What the scripts share. To be sourced by bash; leaves the caller in the project's folder, with set -eu.
+#
+#   need_packages PACKAGE...    installs what is missing
+#   step NAME COMMAND...        runs a command quietly, prints its name and time; a failure prints its log and ends the
+#                               script. The command may be a function, but set -e has no effect in it: join by &&
+#   check NAME COMMAND...       the same, but a failure is only noted, and returned as status 1
+#   failures                    names of the failed checks, blank-separated
+#   build PRESET [TARGET...]    configures and builds; to be used with step or check
+
+set -eu
+
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+LOGS=build/logs
+JOBS=$(nproc)
+ROOMS=(framework connections ports commands daemon examples tests)
+PYTHON=/usr/bin/python3 # Debian's, which sees Debian's packages; another one may come first in PATH
+BUILD_PACKAGES=(g++ cmake ninja-build libboost-dev libgtest-dev libgmock-dev python3)
+export PYTHONDONTWRITEBYTECODE=1
+failures=
+
+mkdir -p "$LOGS"
+
+need_packages()
+{
+    local package status missing=() root=()
+    for package in "$@"; do
+        status=$(dpkg-query -W -f '${db:Status-Abbrev}' "$package" 2>/dev/null) || true
+        [[ $status == ?i* ]] || missing+=("$package")
+    done
+    if [ ${#missing[@]} -eq 0 ]; then return; fi
+    if [ "$(id -u)" -ne 0 ]; then
+        if ! command -v sudo >/dev/null; then
+            echo "These Debian packages are missing, and there is no sudo to install them: ${missing[*]}" >&2
+            exit 1
+        fi
+        root=(sudo)
+    fi
+    root+=(env DEBIAN_FRONTEND=noninteractive)
+    echo "Installing Debian packages: ${missing[*]}"
+    if ! { "${root[@]}" apt-get -q update &&
+               "${root[@]}" apt-get -q -y --no-install-recommends install "${missing[@]}"; } \
+        >"$LOGS/packages.log" 2>&1 </dev/null; then
+        echo "The packages could not be installed:" >&2
+        cat "$LOGS/packages.log" >&2
+        exit 1
+    fi
+}
+
+check()
+{
+    local name=$1 start=$SECONDS
+    local log="$LOGS/${name//[^a-z0-9]/-}.log"
+    shift
+    printf '%-34s' "$name"
+    if ("$@") >"$log" 2>&1 </dev/null; then
+        printf '%4d s%s\n' $((SECONDS - start)) "$(summary "$log")"
+        return 0
+    fi
+    printf '%4d s  FAILED\n' $((SECONDS - start))
+    # CTest and pytest repeat what matters at the end.
+    tail -n 300 "$log"
+    echo "--- the whole log of '$name': $log"
+    failures="$failures${failures:+, }$name"
+    return 1
+}
+
+step()
+{
+    check "$@" || exit 1
+}
+
+# What CTest or pytest counted, if that is what ran.
+summary()
+{
+    grep -E '^[0-9]+% tests passed|^=* ?[0-9]+ (passed|failed|skipped|error)' "$1" | tail -n 1 | sed 's/^=* *//; s/ =*$//; s/^/  /'
+}
+
+build()
+{
+    local preset=$1
+    shift
+    cmake --preset "$preset" --log-level=WARNING &&
+        cmake --build --preset "$preset" -j "$JOBS" --target "${@:-all}" -- --quiet
+}
