@@ -63,7 +63,9 @@ class TStopwatch {
 public:
     long milliseconds() const
     {
-        return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start_).count();
+        using std::chrono::milliseconds;
+        return static_cast<long>(
+            std::chrono::duration_cast<milliseconds>(std::chrono::steady_clock::now() - start_).count());
     }
 
 private:

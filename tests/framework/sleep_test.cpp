@@ -11,7 +11,8 @@ long millisecondsOf(int argument)
 {
     const auto start = std::chrono::steady_clock::now();
     Sleep(argument);
-    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
+    const auto took = std::chrono::steady_clock::now() - start;
+    return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(took).count());
 }
 
 volatile std::sig_atomic_t alarms = 0;

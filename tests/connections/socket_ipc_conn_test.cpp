@@ -1,0 +1,299 @@
+#include "connections/socket_ipc_conn.h"
+
+#include <csignal>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <string>
+#include <vector>
+
+#include "framework/fixed_text.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/readable.h"
+#include "tests/support/stream_pair.h"
+#include "tests/support/waiting.h"
+
+using namespace std::string_literals;
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+using Texts = std::vector<std::string>;
+
+namespace {
+
+const LogLine discarded{250003, "Full cmd buffer (>1k) without a newline received. Discarding"};
+
+class SocketIpcConn : public testing::Test {
+protected:
+    SocketIpcConn() { conn.fd = pair.releaseServer(); }
+
+    /// The command lines of one read.
+    Texts readLines()
+    {
+        result = conn.readCmd();
+        Texts lines;
+        for (int i = 0; i < result; ++i)
+            lines.emplace_back(conn.cmds[static_cast<std::size_t>(i)].text);
+        return lines;
+    }
+
+    Texts sendAndRead(std::string_view bytes)
+    {
+        EXPECT_TRUE(pair.send(bytes));
+        return readLines();
+    }
+
+    /// A connection that was idle for too long.
+    void letIdleTimeRunOut() { conn.idleTimer.setTimeOut({0, 0}); }
+
+    StreamPair pair;
+    TSocketIPCConn conn{8, 0xBB01'0000};
+    int result = 0; ///< of the last read
+};
+
+TOrbAttachmentMsg recordWith(std::string_view text)
+{
+    TOrbAttachmentMsg record{};
+    putText(record.text, text);
+    return record;
+}
+
+} // namespace
+
+TEST_F(SocketIpcConn, StartsLoggedInWithItsEchoFlagSet)
+{
+    const TSocketIPCConn fresh(8, 0xBB02'0000);
+    EXPECT_EQ(fresh.fd, -1);
+    EXPECT_EQ(fresh.loginState, 3);
+    EXPECT_EQ(fresh.echoFlag, 1);
+    EXPECT_EQ(conn.getPortId(), 8U);
+    EXPECT_EQ(conn.connId, 0xBB01'0000U);
+    EXPECT_EQ(conn.isSerialLine(), 0);
+    EXPECT_EQ(conn.muteExpired(), 1);
+}
+
+TEST_F(SocketIpcConn, YieldsNothingWhileNothingHasArrived)
+{
+    EXPECT_THAT(readLines(), ElementsAre());
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(conn.rxLen, 0);
+}
+
+TEST_F(SocketIpcConn, YieldsTheLinesOfOneRead)
+{
+    struct Row {
+        const char* behaviour;
+        std::string bytes;
+        Texts lines;
+    };
+    const Row rows[] = {
+        {"two lines", "A\nB\n", {"A", "B"}},
+        {"CR LF and empty lines", "  A\r\n\r\nB", {"A", "B"}},
+        {"trailing blanks stay", "A  \r\n", {"A  "}},
+        {"a piece without a line end is a command", "SETX 5", {"SETX 5"}},
+        {"only blanks and line ends", " \r\n\t\n", {}},
+        {"NULs in front", "\0\0A\n"s, {"A"}},
+        {"NULs between lines", "A\n\0B\n\0"s, {"A", "B"}},
+        {"only NULs", "\0\0"s, {}},
+        {"8-bit text", "\xE4\xFF\n", {"\xE4\xFF"}},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.behaviour);
+        EXPECT_THAT(sendAndRead(row.bytes), ElementsAreArray(row.lines));
+        EXPECT_EQ(conn.rxLen, static_cast<int>(row.bytes.size()));
+    }
+}
+
+TEST_F(SocketIpcConn, GivesEveryEntryTagZeroAndATextInsideItsBuffer)
+{
+    sendAndRead("A\nB\nC");
+    ASSERT_EQ(result, 3);
+    for (std::size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(conn.cmds[i].tag, 0U);
+        EXPECT_GE(conn.cmds[i].text, conn.rxBuf.data());
+        EXPECT_LT(conn.cmds[i].text, conn.rxBuf.data() + conn.rxBuf.size());
+    }
+}
+
+TEST_F(SocketIpcConn, MakesACommandOfEveryPieceThatArrivesAlone)
+{
+    Texts all;
+    for (const char c : "SETX 5\r\n"s)
+        for (const std::string& line : sendAndRead({&c, 1}))
+            all.push_back(line);
+    EXPECT_THAT(all, ElementsAre("S", "E", "T", "X", "5"));
+}
+
+TEST_F(SocketIpcConn, ForgetsTheLinesOfAnEarlierRead)
+{
+    EXPECT_THAT(sendAndRead("A long first line\nB\n"), ElementsAre("A long first line", "B"));
+    EXPECT_THAT(sendAndRead("C"), ElementsAre("C"));
+}
+
+TEST_F(SocketIpcConn, TakesAtMost1024BytesAtOnceAndTheRestNextTime)
+{
+    const std::string bytes = std::string(1024, 'A') + "B\n";
+    EXPECT_THAT(sendAndRead(bytes), ElementsAre(std::string(1024, 'A')));
+    EXPECT_THAT(readLines(), ElementsAre("B"));
+}
+
+TEST_F(SocketIpcConn, ThrowsAFullBufferWithALineEndAway)
+{
+    struct Row {
+        const char* behaviour;
+        std::string bytes;
+    };
+    const Row rows[] = {
+        {"LF as the first byte", "\n" + std::string(1023, 'A')},
+        {"LF in the middle", std::string(500, 'A') + "\n" + std::string(523, 'B')},
+        {"LF as the last byte", std::string(1023, 'A') + "\n"},
+        {"LF before a NUL", "A\n\0"s + std::string(1021, 'B')},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.behaviour);
+        ASSERT_EQ(row.bytes.size(), 1024U);
+        letIdleTimeRunOut();
+        const LogCapture log;
+        EXPECT_THAT(sendAndRead(row.bytes + "NEXT\n"), ElementsAre());
+        EXPECT_EQ(result, 0);
+        EXPECT_THAT(log.lines(), ElementsAre(discarded));
+        EXPECT_TRUE(conn.idleTimer.hasTimedOut());
+        EXPECT_THAT(readLines(), ElementsAre("NEXT"));
+    }
+}
+
+TEST_F(SocketIpcConn, TakesAFullBufferWithoutALineFeedAsOneCommand)
+{
+    const LogCapture log;
+    EXPECT_THAT(sendAndRead(std::string(1024, 'A')), ElementsAre(std::string(1024, 'A')));
+    EXPECT_THAT(sendAndRead(std::string(1000, 'A') + "\r" + std::string(23, 'B')),
+                ElementsAre(std::string(1000, 'A'), std::string(23, 'B')));
+    EXPECT_THAT(log.lines(), ElementsAre());
+}
+
+TEST_F(SocketIpcConn, DoesNotSeeALineFeedBehindANulInAFullBuffer)
+{
+    const std::string bytes = "A\0"s + std::string(1020, 'B') + "\nC";
+    ASSERT_EQ(bytes.size(), 1024U);
+    const LogCapture log;
+    EXPECT_THAT(sendAndRead(bytes), ElementsAre("A", "C"));
+    EXPECT_THAT(log.lines(), ElementsAre());
+}
+
+TEST_F(SocketIpcConn, TakesA1023ByteReadWithLineFeedsAsItIs)
+{
+    EXPECT_THAT(sendAndRead(std::string(1021, 'A') + "\nB"), ElementsAre(std::string(1021, 'A'), "B"));
+}
+
+TEST_F(SocketIpcConn, ReportsAPeerThatClosed)
+{
+    pair.closeClient();
+    EXPECT_EQ(conn.readCmd(), -1);
+}
+
+TEST_F(SocketIpcConn, YieldsWhatWasSentBeforeThePeerClosed)
+{
+    ASSERT_TRUE(pair.send("A\n"));
+    pair.closeClient();
+    EXPECT_THAT(readLines(), ElementsAre("A"));
+    EXPECT_EQ(conn.readCmd(), -1);
+}
+
+TEST_F(SocketIpcConn, StaysOpenAfterAReadError)
+{
+    TSocketIPCConn unopened(8, 0);
+    EXPECT_EQ(unopened.readCmd(), 0) << "no descriptor";
+    int pipeEnds[2];
+    ASSERT_EQ(::pipe2(pipeEnds, O_CLOEXEC), 0);
+    unopened.fd = pipeEnds[1];
+    EXPECT_EQ(unopened.readCmd(), 0) << "not a socket";
+    ::close(pipeEnds[0]);
+}
+
+TEST_F(SocketIpcConn, ArmsTheIdleTimerWhenAReadYieldsLines)
+{
+    letIdleTimeRunOut();
+    sendAndRead(" \r\n");
+    EXPECT_TRUE(conn.idleTimer.hasTimedOut()) << "no line";
+    sendAndRead("A\n");
+    EXPECT_FALSE(conn.idleTimer.hasTimedOut()) << "a line";
+}
+
+TEST_F(SocketIpcConn, NeverTimesOut)
+{
+    letIdleTimeRunOut();
+    EXPECT_EQ(conn.hasTimedOut(), 0);
+}
+
+TEST_F(SocketIpcConn, NeverEchoes)
+{
+    conn.setEcho(1);
+    sendAndRead("A\n");
+    EXPECT_EQ(pair.received(), "");
+    EXPECT_EQ(conn.echoFlag, 0) << "every read clears it";
+}
+
+TEST_F(SocketIpcConn, KeepsTheEchoFlagAsAZeroOrOne)
+{
+    conn.setEcho(7);
+    EXPECT_EQ(conn.echoFlag, 1);
+    conn.setEcho(0);
+    EXPECT_EQ(conn.echoFlag, 0);
+    conn.setEcho(-1);
+    EXPECT_EQ(conn.echoFlag, 1);
+}
+
+TEST_F(SocketIpcConn, WritesTheTextOnly)
+{
+    for (const std::string& text : {"OK\r\n\r\n"s, "?\r\n"s, ""s, "\xE4%s%n\r\n"s, std::string(8175, 'x')}) {
+        TOrbAttachmentMsg record = recordWith(text);
+        record.tag = 0x1234'5678;
+        record.len = 99;
+        EXPECT_EQ(conn.write(&record), 0);
+        EXPECT_EQ(readable(pair.received()), readable(text));
+        EXPECT_EQ(record.tag, 0x1234'5678U);
+        EXPECT_EQ(record.len, 99);
+    }
+}
+
+TEST_F(SocketIpcConn, StopsATextWithoutNulAtTheRecordsEnd)
+{
+    TOrbAttachmentMsg record{};
+    std::fill(std::begin(record.text), std::end(record.text), 'x');
+    EXPECT_EQ(conn.write(&record), 0);
+    EXPECT_EQ(pair.received(), std::string(8175, 'x'));
+}
+
+TEST_F(SocketIpcConn, FailsToWriteToAPeerThatClosedWithoutASignalOrALogLine)
+{
+    static volatile std::sig_atomic_t brokenPipes;
+    brokenPipes = 0;
+    const auto before = ::signal(SIGPIPE, [](int) { brokenPipes = brokenPipes + 1; });
+    pair.closeClient();
+    TOrbAttachmentMsg record = recordWith("OK\r\n\r\n");
+    const LogCapture log;
+    EXPECT_EQ(conn.write(&record), 1);
+    EXPECT_THAT(log.lines(), ElementsAre());
+    EXPECT_EQ(brokenPipes, 0);
+    ::signal(SIGPIPE, before);
+}
+
+TEST_F(SocketIpcConn, FailsToWriteToAPeerThatDoesNotReadAndDoesNotWaitForIt)
+{
+    TOrbAttachmentMsg record = recordWith(std::string(8000, 'x'));
+    const Stopwatch watch;
+    int written = 0;
+    while (conn.write(&record) == 0)
+        ASSERT_LT(++written, 10'000);
+    EXPECT_GT(written, 0);
+    EXPECT_LT(watch.ms(), 5000);
+}
+
+TEST_F(SocketIpcConn, ClosesItsDescriptorAtItsEnd)
+{
+    StreamPair other;
+    {
+        TSocketIPCConn ending(8, 0);
+        ending.fd = other.releaseServer();
+        EXPECT_FALSE(other.closedByServer());
+    }
+    EXPECT_TRUE(other.closedByServer());
+}

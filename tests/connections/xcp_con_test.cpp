@@ -1,0 +1,477 @@
+// Built twice: with TESS_BOUNDED_WAITS and without.
+#include "connections/xcp_con.h"
+
+#include <atomic>
+#include <climits>
+#include <cstring>
+#include <gmock/gmock.h>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "connections/waiting.h"
+#include "framework/fixed_text.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/readable.h"
+#include "tests/support/stream_pair.h"
+#include "tests/support/waiting.h"
+
+using namespace std::string_literals;
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+using Texts = std::vector<std::string>;
+
+namespace {
+
+const LogLine outOfRange{250004, "XCP frame length out of range"};
+const LogLine writeFailed{250004, "Error writing to the socket"};
+
+struct FrameHeader {
+    std::uint32_t word0, word1, tag;
+    std::int32_t payloadBytes;
+};
+static_assert(sizeof(FrameHeader) == 16);
+
+std::string frame(std::uint32_t tag, std::int32_t payloadBytes, std::string_view payload)
+{
+    const FrameHeader header{0x5A5A5A5A, 0xA5A5A5A5, tag, payloadBytes};
+    std::string bytes(sizeof header, '\0');
+    std::memcpy(bytes.data(), &header, sizeof header);
+    return bytes.append(payload);
+}
+
+std::string frame(std::uint32_t tag, std::string_view payload)
+{
+    return frame(tag, static_cast<std::int32_t>(payload.size()), payload);
+}
+
+class XcpCon : public testing::Test {
+protected:
+    XcpCon()
+    {
+        g_endWaits = false;
+        conn.fd = pair.releaseServer();
+    }
+    ~XcpCon() override { g_endWaits = false; }
+
+    Texts readLines()
+    {
+        result = conn.readCmd();
+        Texts lines;
+        for (int i = 0; i < result; ++i)
+            lines.emplace_back(conn.cmds[static_cast<std::size_t>(i)].text);
+        return lines;
+    }
+
+    Texts sendAndRead(std::string_view bytes)
+    {
+        EXPECT_TRUE(pair.send(bytes));
+        return readLines();
+    }
+
+    StreamPair pair;
+    TXCPCon conn{4, 0x0057'0000};
+    int result = 0; ///< of the last read
+};
+
+/// A read in a thread of its own, which may take long.
+class SlowRead {
+public:
+    explicit SlowRead(TXCPCon& conn)
+        : thread_([this, &conn] {
+              const Stopwatch watch;
+              const double cpuBefore = threadCpuMs();
+              result_ = conn.readCmd();
+              cpuMs_ = threadCpuMs() - cpuBefore;
+              wallMs_ = watch.ms();
+              done_ = true;
+          })
+    {
+    }
+    SlowRead(const SlowRead&) = delete;
+    SlowRead& operator=(const SlowRead&) = delete;
+    ~SlowRead()
+    {
+        g_endWaits = true;
+        if (thread_.joinable()) thread_.join();
+        g_endWaits = false;
+    }
+
+    bool done() const { return done_; }
+    /// @return what the read returned
+    int wait()
+    {
+        thread_.join();
+        return result_;
+    }
+    double cpuMs() const { return cpuMs_; }
+    double wallMs() const { return wallMs_; }
+
+private:
+    int result_ = 0;
+    double cpuMs_ = 0;
+    double wallMs_ = 0;
+    std::atomic<bool> done_{false};
+    std::thread thread_; // last: uses the others
+};
+
+/// The first line of a frame whose pieces are sent one by one while a connection reads, and its tag.
+/// On a machine that is too busy the pieces can be too late, which says nothing; then it is tried again.
+std::string readInPieces(const std::vector<std::string>& pieces)
+{
+    for (int attempt = 0; attempt < 10; ++attempt) {
+        StreamPair pair;
+        TXCPCon conn(4, 0);
+        conn.fd = pair.releaseServer();
+        if (!pair.send(pieces.front())) return "not sent";
+        SlowRead read(conn);
+        for (std::size_t i = 1; i < pieces.size(); ++i)
+            if (!pair.send(pieces[i])) return "not sent";
+        if (!waitUntil([&read] { return read.done(); }, std::chrono::seconds(1))) continue;
+        if (read.wait() < 1) continue;
+        return (FixedText<32>() << "0x").hex(conn.cmds[0].tag).c_str() + (" " + readable(conn.cmds[0].text));
+    }
+    return "never whole in time";
+}
+
+TOrbAttachmentMsg recordWith(std::string_view text, std::uint32_t tag)
+{
+    TOrbAttachmentMsg record{};
+    record.kind = 102;
+    record.sender = 2001;
+    record.tag = tag;
+    record.len = -1;
+    putText(record.text, text);
+    return record;
+}
+
+} // namespace
+
+TEST_F(XcpCon, StartsLoggedInWithItsEchoFlagSet)
+{
+    const TXCPCon fresh(4, 0x0058'0000);
+    EXPECT_EQ(fresh.fd, -1);
+    EXPECT_EQ(fresh.loginState, 3);
+    EXPECT_EQ(fresh.echoFlag, 1);
+    EXPECT_EQ(conn.getPortId(), 4U);
+    EXPECT_EQ(conn.connId, 0x0057'0000U);
+    EXPECT_EQ(conn.isSerialLine(), 0);
+    EXPECT_EQ(conn.muteExpired(), 1);
+}
+
+TEST_F(XcpCon, YieldsNothingWhileNothingHasArrived)
+{
+    EXPECT_THAT(readLines(), ElementsAre());
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(conn.rxLen, 0);
+    EXPECT_EQ(conn.echoFlag, 1);
+}
+
+TEST_F(XcpCon, YieldsTheLinesOfOneFrame)
+{
+    struct Row {
+        const char* behaviour;
+        std::string payload;
+        Texts lines;
+    };
+    const Row rows[] = {
+        {"a line with CR LF keeps the CR", "ver\r\n", {"ver\r"}},
+        {"a line without an end", "ver", {"ver"}},
+        {"lines run on behind a CR", "A\rB", {"A\rB", "B"}},
+        {"a NUL behind a line end is an empty line", "A\n\0"s, {"A\n", ""}},
+        {"a NUL behind the text is none", "A\0"s, {"A"}},
+        {"blanks in front", "  A\r\n  B\r\n", {"A\r", "B\r"}},
+        {"only white space", " \r\n\t", {}},
+        {"the longest payload", std::string(1008, 'A'), {std::string(1008, 'A')}},
+        {"the longest payload with a line end at its end",
+         std::string(1007, 'A') + "\n",
+         {std::string(1007, 'A') + "\n"}},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.behaviour);
+        EXPECT_THAT(sendAndRead(frame(5, row.payload)), ElementsAreArray(row.lines));
+        EXPECT_EQ(conn.rxLen, static_cast<int>(16 + row.payload.size()));
+        EXPECT_EQ(conn.echoFlag, 0);
+    }
+}
+
+TEST_F(XcpCon, GivesEveryEntryTheTagOfItsFrame)
+{
+    for (const std::uint32_t tag : {0U, 0x0005'0007U, 0xFFFF'FFFFU}) {
+        EXPECT_THAT(sendAndRead(frame(tag, "A\r\nB\r\n")), ElementsAre("A\r", "B\r"));
+        EXPECT_EQ(conn.cmds[0].tag, tag);
+        EXPECT_EQ(conn.cmds[1].tag, tag);
+    }
+}
+
+TEST_F(XcpCon, YieldsNothingForAnEmptyPayload)
+{
+    EXPECT_THAT(sendAndRead(frame(5, "")), ElementsAre());
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(conn.rxLen, 16);
+    EXPECT_THAT(sendAndRead(frame(5, "A")), ElementsAre("A"));
+}
+
+TEST_F(XcpCon, YieldsOneFrameARead)
+{
+    ASSERT_TRUE(pair.send(frame(1, "A\n") + frame(2, "") + frame(3, "B") + frame(4, std::string(1008, 'C'))));
+    EXPECT_THAT(readLines(), ElementsAre("A\n"));
+    EXPECT_EQ(conn.cmds[0].tag, 1U);
+    EXPECT_THAT(readLines(), ElementsAre());
+    EXPECT_THAT(readLines(), ElementsAre("B")) << "the line ends with its payload, not in the next frame";
+    EXPECT_EQ(conn.cmds[0].tag, 3U);
+    EXPECT_THAT(readLines(), ElementsAre(std::string(1008, 'C')));
+    EXPECT_THAT(readLines(), ElementsAre());
+}
+
+TEST_F(XcpCon, RefusesADeclaredLengthThatFitsNoBuffer)
+{
+    for (const std::int32_t bytes : {-1, INT_MIN, INT_MIN + 1, -16, -17, 1009, 1024, 65536, INT_MAX, INT_MAX - 15}) {
+        SCOPED_TRACE(bytes);
+        StreamPair client;
+        TXCPCon refused(4, 0);
+        refused.fd = client.releaseServer();
+        ASSERT_TRUE(client.send(frame(5, bytes, "A\n")));
+        const LogCapture log;
+        EXPECT_EQ(refused.readCmd(), -1);
+        EXPECT_THAT(log.lines(), ElementsAre(outOfRange));
+    }
+}
+
+TEST_F(XcpCon, TakesTheLongestLengthThatFits)
+{
+    const LogCapture log;
+    EXPECT_THAT(sendAndRead(frame(5, 1008, "A\n")).size(), testing::Ge(1U));
+    EXPECT_GE(result, 1);
+    EXPECT_EQ(conn.rxLen, 18);
+    EXPECT_THAT(log.lines(), ElementsAre());
+}
+
+TEST_F(XcpCon, CutsOverTheDeclaredLengthWhenLessHasArrived)
+{
+    EXPECT_EQ(sendAndRead(frame(5, 1008, "A\r\nB\r\n")).front(), "A\r");
+    for (int i = 0; i < result; ++i) {
+        const char* const text = conn.cmds[static_cast<std::size_t>(i)].text;
+        EXPECT_GE(text, conn.rxBuf.data() + 16);
+        EXPECT_LT(text, conn.rxBuf.data() + 1024);
+        EXPECT_LE(text + std::strlen(text), conn.rxBuf.data() + 1024);
+    }
+}
+
+TEST_F(XcpCon, DoesNotPutBytesOfAnEarlierFrameBehindAShortOne)
+{
+    EXPECT_THAT(sendAndRead(frame(5, "SECRET OF AN EARLIER FRAME")).size(), 1U);
+    const Texts lines = sendAndRead(frame(6, 10, "ver"));
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines.front(), "ver");
+}
+
+TEST_F(XcpCon, TakesTheRestOfAShortFrameForTheNextHeader)
+{
+    EXPECT_GE(sendAndRead(frame(5, 6, "ver")).size(), 1U);
+    EXPECT_THAT(sendAndRead(frame(7, "next")), ElementsAre("next"));
+    EXPECT_EQ(conn.cmds[0].tag, 7U);
+}
+
+TEST_F(XcpCon, ReportsAPeerThatClosed)
+{
+    pair.closeClient();
+    EXPECT_EQ(conn.readCmd(), -1);
+}
+
+TEST_F(XcpCon, YieldsWhatWasSentBeforeThePeerClosed)
+{
+    ASSERT_TRUE(pair.send(frame(5, "A\n")));
+    pair.closeClient();
+    EXPECT_THAT(readLines(), ElementsAre("A\n"));
+    EXPECT_EQ(conn.readCmd(), -1);
+}
+
+TEST_F(XcpCon, StaysOpenAfterAReadError)
+{
+    TXCPCon unopened(4, 0);
+    EXPECT_EQ(unopened.readCmd(), 0);
+}
+
+TEST_F(XcpCon, ArmsTheIdleTimerWhenAReadYieldsLines)
+{
+    conn.idleTimer.setTimeOut({0, 0});
+    sendAndRead(frame(5, " \r\n"));
+    EXPECT_TRUE(conn.idleTimer.hasTimedOut()) << "no line";
+    sendAndRead(frame(5, "A"));
+    EXPECT_FALSE(conn.idleTimer.hasTimedOut()) << "a line";
+}
+
+TEST_F(XcpCon, NeverTimesOut)
+{
+    conn.idleTimer.setTimeOut({0, 0});
+    EXPECT_EQ(conn.hasTimedOut(), 0);
+}
+
+TEST_F(XcpCon, NeverEchoes)
+{
+    conn.setEcho(7);
+    EXPECT_EQ(conn.echoFlag, 1);
+    sendAndRead(frame(5, "A\n"));
+    EXPECT_EQ(pair.received(), "");
+    conn.setEcho(0);
+    EXPECT_EQ(conn.echoFlag, 0);
+}
+
+TEST_F(XcpCon, TakesAHeaderThatArrivesInPiecesWithinTheFrameTime)
+{
+    const std::string bytes = frame(0x0005'0007, "ver\r\n");
+    for (const std::size_t first : {1U, 4U, 12U, 15U}) {
+        SCOPED_TRACE(first);
+        EXPECT_EQ(readInPieces({bytes.substr(0, first), bytes.substr(first)}), "0x50007 ver\\r");
+    }
+    std::vector<std::string> single;
+    for (const char c : bytes)
+        single.emplace_back(1, c);
+    // The payload has not all arrived when the header is whole: only what is certain is compared.
+    EXPECT_THAT(readInPieces(single), testing::StartsWith("0x50007 v"));
+}
+
+#ifdef TESS_BOUNDED_WAITS
+
+TEST_F(XcpCon, EndsWhenAHeaderIsNotWholeInTheFrameTime)
+{
+    for (const std::size_t bytes : {1U, 15U}) {
+        ASSERT_TRUE(pair.send(std::string(bytes, 'A')));
+        SlowRead read(conn);
+        EXPECT_EQ(read.wait(), -1);
+        EXPECT_GE(read.wallMs(), 99);
+        EXPECT_LT(read.cpuMs(), read.wallMs() / 2);
+        (void)pair.send(std::string(16 - bytes, '\0')); // a whole header again, for the next row
+        conn.readCmd();
+    }
+}
+
+TEST_F(XcpCon, EndsWhenThePeerClosesInsideAHeader)
+{
+    ASSERT_TRUE(pair.send("AB"));
+    pair.closeClient();
+    EXPECT_EQ(conn.readCmd(), -1);
+}
+
+#else
+
+TEST_F(XcpCon, WaitsForAHeaderThatIsLateUntilTheDaemonStopsWithoutUsingTheProcessor)
+{
+    ASSERT_TRUE(pair.send(std::string(15, 'A')));
+    SlowRead read(conn);
+    std::this_thread::sleep_for(std::chrono::milliseconds(150)); // longer than the frame time: that is the case here
+    EXPECT_FALSE(read.done());
+    ASSERT_TRUE(pair.send(frame(5, "late").substr(15)));
+    std::this_thread::sleep_for(std::chrono::milliseconds(350)); // time for it to be taken, which it must not be
+    EXPECT_FALSE(read.done()) << "a header that becomes whole too late is not taken";
+    g_endWaits = true;
+    EXPECT_EQ(read.wait(), -1);
+    EXPECT_GE(read.wallMs(), 450);
+    EXPECT_LT(read.cpuMs(), read.wallMs() / 4);
+}
+
+TEST_F(XcpCon, WaitsOnWhenThePeerClosesInsideAHeader)
+{
+    ASSERT_TRUE(pair.send("AB"));
+    pair.closeClient();
+    SlowRead read(conn);
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    EXPECT_FALSE(read.done());
+    g_endWaits = true;
+    EXPECT_EQ(read.wait(), -1);
+}
+
+#endif
+
+TEST_F(XcpCon, EndsTheWaitForAHeaderSoonAfterTheDaemonIsToStop)
+{
+    ASSERT_TRUE(pair.send("AB"));
+    g_endWaits = true;
+    const Stopwatch watch;
+    EXPECT_EQ(conn.readCmd(), -1);
+    EXPECT_LT(watch.ms(), 1000);
+}
+
+TEST_F(XcpCon, TakesAWholeHeaderAlsoWhenTheDaemonIsToStop)
+{
+    g_endWaits = true;
+    EXPECT_THAT(sendAndRead(frame(5, "A\n")), ElementsAre("A\n"));
+}
+
+TEST_F(XcpCon, WritesTheTextInAFrame)
+{
+    struct Row {
+        const char* behaviour;
+        std::string text;
+        std::uint32_t tag;
+        std::uint32_t sentTag;
+    };
+    const Row rows[] = {
+        {"the upper half of the tag is cleared", "OK\r\n", 0x0005'0007, 7},
+        {"all bits of the lower half stay", "OK\r\n", 0xFFFF'FFFF, 0xFFFF},
+        {"an empty text is its NUL", "", 0x0057'0000, 0},
+        {"the longest text fills the record", std::string(8175, 'x'), 1, 1},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.behaviour);
+        TOrbAttachmentMsg record = recordWith(row.text, row.tag);
+        EXPECT_EQ(conn.write(&record), 0);
+        const std::string sent = pair.received();
+        ASSERT_EQ(sent.size(), 16 + row.text.size() + 1);
+        TOrbAttachmentMsg answer{};
+        std::memcpy(&answer, sent.data(), sent.size());
+        EXPECT_EQ(answer.kind, 102U) << "word 0 as the record has it";
+        EXPECT_EQ(answer.sender, 2001) << "word 1 as the record has it";
+        EXPECT_EQ(answer.tag, row.sentTag);
+        EXPECT_EQ(answer.len, static_cast<std::int32_t>(row.text.size()) + 1);
+        EXPECT_EQ(readable(answer.text), readable(row.text));
+        EXPECT_EQ(sent.back(), '\0');
+    }
+}
+
+TEST_F(XcpCon, StopsATextWithoutNulAtTheRecordsEnd)
+{
+    TOrbAttachmentMsg record{};
+    std::fill(std::begin(record.text), std::end(record.text), 'x');
+    EXPECT_EQ(conn.write(&record), 0);
+    const std::string sent = pair.received();
+    ASSERT_EQ(sent.size(), sizeof record);
+    EXPECT_EQ(sent.substr(16), std::string(8175, 'x') + '\0');
+    EXPECT_EQ(record.len, 8176);
+}
+
+TEST_F(XcpCon, LogsAWriteToAPeerThatClosed)
+{
+    pair.closeClient();
+    TOrbAttachmentMsg record = recordWith("OK\r\n", 5);
+    const LogCapture log;
+    EXPECT_EQ(conn.write(&record), 1);
+    EXPECT_THAT(log.lines(), ElementsAre(writeFailed));
+}
+
+TEST_F(XcpCon, LogsAWriteToAPeerThatDoesNotReadAndDoesNotWaitForIt)
+{
+    const Stopwatch watch;
+    const LogCapture log;
+    int written = 0;
+    while (true) {
+        TOrbAttachmentMsg record = recordWith(std::string(8000, 'x'), 5);
+        if (conn.write(&record) != 0) break;
+        ASSERT_LT(++written, 10'000);
+    }
+    EXPECT_GT(written, 0);
+    EXPECT_LT(watch.ms(), 5000);
+    EXPECT_THAT(log.lines(), ElementsAre(writeFailed));
+}
+
+TEST_F(XcpCon, ClosesItsDescriptorAtItsEnd)
+{
+    StreamPair other;
+    {
+        TXCPCon ending(4, 0);
+        ending.fd = other.releaseServer();
+        EXPECT_FALSE(other.closedByServer());
+    }
+    EXPECT_TRUE(other.closedByServer());
+}

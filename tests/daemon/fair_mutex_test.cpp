@@ -1,0 +1,51 @@
+#include "daemon/fair_mutex.h"
+
+#include <atomic>
+#include <gtest/gtest.h>
+#include <thread>
+
+#include "tests/support/waiting.h"
+
+TEST(FairMutex, LetsOneThreadInAtATime)
+{
+    FairMutex mutex;
+    long count = 0; // guarded by the mutex alone
+    const auto countUp = [&] {
+        for (int i = 0; i < 20'000; ++i) {
+            const std::scoped_lock lock(mutex);
+            ++count;
+        }
+    };
+    std::thread one(countUp);
+    std::thread two(countUp);
+    std::thread three(countUp);
+    one.join();
+    two.join();
+    three.join();
+    EXPECT_EQ(count, 60'000);
+}
+
+TEST(FairMutex, LetsAWaitingThreadInBetweenTwoTurnsOfABusyOne)
+{
+    FairMutex mutex;
+    std::atomic<bool> end{false};
+    std::atomic<int> turns{0};
+    std::thread busy([&] {
+        while (!end) {
+            const std::scoped_lock lock(mutex);
+            ++turns;
+            Stopwatch watch;
+            while (watch.ms() < 2) {
+            }
+        }
+    });
+    ASSERT_TRUE(waitUntil([&] { return turns > 0; }));
+    const int before = turns;
+    for (int i = 0; i < 20; ++i) {
+        const std::scoped_lock lock(mutex);
+    }
+    const int passed = turns - before;
+    end = true;
+    busy.join();
+    EXPECT_LE(passed, 20 * 5) << "turns of the busy thread while another took 20";
+}

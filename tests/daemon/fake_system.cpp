@@ -1,0 +1,60 @@
+#include "tests/daemon/fake_system.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+
+namespace {
+
+FakeSystem* fake = nullptr;
+
+} // namespace
+
+FakeSystem::FakeSystem()
+{
+    fake = this;
+}
+
+FakeSystem::~FakeSystem()
+{
+    fake = nullptr;
+}
+
+// The linker's option --wrap leads the calls here, and __real_ to the system's own.
+extern "C" {
+
+pid_t __real_fork();
+pid_t __wrap_fork();
+void __wrap_sync();
+unsigned __wrap_sleep(unsigned seconds);
+int __wrap_reboot(int command);
+
+pid_t __wrap_fork()
+{
+    if (fake == nullptr) return __real_fork(); // a test's own child
+    fake->calls.emplace_back("fork");
+    if (fake->forkResult < 0) errno = EAGAIN;
+    return fake->forkResult;
+}
+
+void __wrap_sync()
+{
+    if (fake != nullptr) fake->calls.emplace_back("sync");
+}
+
+unsigned __wrap_sleep(unsigned seconds)
+{
+    if (fake != nullptr) fake->calls.push_back("sleep " + std::to_string(seconds));
+    return 0;
+}
+
+int __wrap_reboot(int command)
+{
+    if (fake == nullptr) std::abort(); // no test means to get here
+    char call[32];
+    std::snprintf(call, sizeof call, "reboot 0x%x", static_cast<unsigned>(command));
+    fake->calls.emplace_back(call);
+    if (fake->rebootResult != 0) errno = EPERM;
+    return fake->rebootResult;
+}
+}

@@ -1,0 +1,20 @@
+#pragma once
+
+#include <string>
+#include <sys/types.h>
+#include <vector>
+
+/// Stands between the daemon's code and the calls that would copy the process and restart the machine. sync(), sleep() and
+/// reboot() never reach the system from this program, and while an object of this lives, fork() does not either.
+class FakeSystem {
+public:
+    FakeSystem();
+    FakeSystem(const FakeSystem&) = delete;
+    FakeSystem& operator=(const FakeSystem&) = delete;
+    ~FakeSystem();
+
+    pid_t forkResult = 4711; ///< what fork() returns; negative: with errno EAGAIN
+    int rebootResult = -1;   ///< what reboot() returns; -1: with errno EPERM
+
+    std::vector<std::string> calls; ///< what was called, in order
+};

@@ -1,0 +1,115 @@
+#include "daemon/signals.h"
+
+#include <cerrno>
+#include <csignal>
+#include <gmock/gmock.h>
+
+#include "connections/waiting.h"
+#include "ports/milestone.h"
+#include "tests/daemon/daemon_test_bench.h"
+#include "tests/support/allocation_count.h"
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+const LogLine terminated{250009, "Received SIGTERM, proceeding with orderly shutdown"};
+const LogLine quitted{250009, "Received SIGQUIT, proceeding with orderly shutdown"};
+const LogLine childSeen{250009, "Signal 'SIGCHLD' received, but no child exists"};
+
+} // namespace
+
+TEST(SignalHandler, OnlyLogsWithoutADaemon)
+{
+    ASSERT_EQ(g_tess.load(), nullptr);
+    const LogCapture log;
+    signalHandler(SIGTERM);
+    signalHandler(SIGQUIT);
+    EXPECT_THAT(log.lines(), ElementsAre(terminated, quitted));
+}
+
+TEST(SignalHandler, AsksTheDaemonToStop)
+{
+    for (const int signo : {SIGTERM, SIGQUIT}) {
+        DaemonTestBench bench;
+        g_tess = bench.tess.get();
+        EXPECT_EQ(bench.peer.stopRequested(), 0);
+        signalHandler(signo);
+        EXPECT_EQ(bench.peer.stopRequested(), 1);
+        EXPECT_TRUE(g_endWaits);
+        EXPECT_EQ(g_milestone.load(), 42);
+        EXPECT_THAT(bench.log.lines(), ElementsAre(signo == SIGTERM ? terminated : quitted));
+    }
+    EXPECT_EQ(g_tess.load(), nullptr) << "a daemon that is gone gets no signals";
+}
+
+TEST(SignalHandler, LogsEveryChildAndReapsNone)
+{
+    const LogCapture log;
+    signalHandler(SIGCHLD);
+    EXPECT_THAT(log.lines(), ElementsAre(childSeen));
+}
+
+TEST(SignalHandler, SaysNothingAboutABrokenPipeOrAnyOtherSignal)
+{
+    DaemonTestBench bench;
+    g_tess = bench.tess.get();
+    for (const int signo : {SIGPIPE, SIGUSR1, SIGINT, SIGHUP, 0})
+        signalHandler(signo);
+    EXPECT_THAT(bench.log.lines(), IsEmpty());
+    EXPECT_EQ(bench.peer.stopRequested(), 0);
+}
+
+TEST(SignalHandler, KeepsErrno)
+{
+    const LogCapture log;
+    for (const int signo : {SIGTERM, SIGQUIT, SIGCHLD, SIGPIPE}) {
+        errno = ENOTTY;
+        signalHandler(signo);
+        EXPECT_EQ(errno, ENOTTY) << "signal " << signo;
+    }
+}
+
+TEST(SignalHandler, AllocatesNothing)
+{
+    const LogCapture log;
+    const unsigned before = allocationCount();
+    for (const int signo : {SIGTERM, SIGQUIT, SIGCHLD, SIGPIPE})
+        signalHandler(signo);
+    EXPECT_EQ(allocationCount() - before, 0U);
+    EXPECT_EQ(log.lines().size(), 3U);
+}
+
+TEST(SignalHandler, EndsTheProgramAfterASegmentationFaultAndSaysHowFarItHadGot)
+{
+    const auto inChild = [] {
+        setMilestone(4711);
+        signalHandler(SIGSEGV);
+    };
+    EXPECT_EXIT(inChild(), testing::ExitedWithCode(1), "250009 Segmentation fault detected after milestone 4711");
+}
+
+TEST(SignalHandler, IsInstalledByTheDaemon)
+{
+    const DaemonTestBench bench;
+    for (const int signo : {SIGQUIT, SIGTERM, SIGSEGV, SIGPIPE, SIGCHLD}) {
+        SCOPED_TRACE(signo);
+        struct sigaction installed {};
+        ASSERT_EQ(::sigaction(signo, nullptr, &installed), 0);
+        EXPECT_EQ(installed.sa_handler, &signalHandler);
+        EXPECT_NE(installed.sa_flags & SA_RESTART, 0);
+        EXPECT_EQ((installed.sa_flags & SA_NOCLDSTOP) != 0, signo == SIGCHLD);
+        for (const int other : {SIGINT, SIGTERM, SIGUSR1, SIGCHLD})
+            EXPECT_EQ(sigismember(&installed.sa_mask, other), 1) << "signal " << other;
+    }
+}
+
+TEST(SignalHandler, ServesASignalThatReallyComes)
+{
+    DaemonTestBench bench;
+    g_tess = bench.tess.get();
+    ASSERT_EQ(::raise(SIGTERM), 0);
+    EXPECT_EQ(bench.peer.stopRequested(), 1);
+    EXPECT_THAT(bench.log.lines(), ElementsAre(terminated));
+}

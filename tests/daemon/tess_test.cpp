@@ -1,0 +1,365 @@
+#include "daemon/tess.h"
+
+#include <filesystem>
+#include <gmock/gmock.h>
+#include <stdexcept>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <thread>
+
+#include "connections/waiting.h"
+#include "framework/fixed_text.h"
+#include "ports/milestone.h"
+#include "tests/daemon/daemon_test_bench.h"
+#include "tests/support/private_mounts.h"
+#include "tests/support/waiting.h"
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+namespace fs = std::filesystem;
+
+namespace {
+
+const LogLine initXcp{36104, "Initialize XCP socket connection"};
+const LogLine initIpc{36104, "Initialize IPC socket connection"};
+const LogLine closingAll{36201, "Closing all connections!"};
+const LogLine xcpClosed{36105, "XCP Socket port closed"};
+const LogLine ipcClosed{36105, "Socket port closed"};
+
+/// A daemon with a directory for its queue and its log caught, made when the test wants it.
+class Tess : public testing::Test {
+protected:
+    std::string problemOf(long queueId, bool xcp, bool ipc)
+    {
+        try {
+            TTess(queueId, false, false, xcp, ipc);
+        } catch (const std::runtime_error& error) {
+            return error.what();
+        }
+        return "none";
+    }
+
+    LogCapture log;
+    SignalsRestored signals;
+    TempQueueDir directory;
+};
+
+class TessWithPorts : public Tess {
+protected:
+    void SetUp() override
+    {
+        if (!privateMountsProblem().empty()) GTEST_SKIP() << privateMountsProblem();
+    }
+};
+
+/// A client of a local socket.
+class Client {
+public:
+    explicit Client(const char* path) : fd_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0))
+    {
+        sockaddr_un name{};
+        name.sun_family = AF_UNIX;
+        putText(name.sun_path, path);
+        if (::connect(fd_, reinterpret_cast<const sockaddr*>(&name), sizeof name) != 0) std::abort();
+    }
+    Client(const Client&) = delete;
+    Client& operator=(const Client&) = delete;
+    ~Client() { ::close(fd_); }
+
+    bool send(std::string_view text) const
+    {
+        return ::send(fd_, text.data(), text.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(text.size());
+    }
+    /// Waits until that much has come, or the other side has closed.
+    std::string receive(std::size_t bytes) const
+    {
+        const timeval deadline{DEADLINE.count(), 0};
+        ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &deadline, sizeof deadline);
+        std::string all;
+        char part[4096];
+        while (all.size() < bytes) {
+            const ssize_t n = ::recv(fd_, part, std::min(sizeof part, bytes - all.size()), 0);
+            if (n <= 0) break;
+            all.append(part, static_cast<std::size_t>(n));
+        }
+        return all;
+    }
+
+private:
+    int fd_;
+};
+
+} // namespace
+
+TEST_F(Tess, StartsWithoutPortsWhenNoneIsAskedFor)
+{
+    const TTess tess(TESS_QUEUE_ID, false, false, false, false);
+    EXPECT_EQ(g_milestone.load(), 8);
+    EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST_F(Tess, StartsWithEmptyListsAndNoStopRequested)
+{
+    g_endWaits = true;
+    TTess tess(TESS_QUEUE_ID, false, false, false, false);
+    TTessPeer peer(tess);
+    EXPECT_EQ(peer.stopRequested(), 0);
+    EXPECT_TRUE(peer.serviceDone());
+    EXPECT_FALSE(g_endWaits);
+    EXPECT_THAT(peer.conns(), IsEmpty());
+    EXPECT_THAT(peer.regProcs(), IsEmpty());
+    EXPECT_THAT(peer.ports(), IsEmpty());
+}
+
+TEST_F(Tess, FailsWhenItsQueueAddressIsInUse)
+{
+    const QueueProcess holder(directory, TESS_QUEUE_ID);
+    EXPECT_EQ(problemOf(TESS_QUEUE_ID, false, false), "queue address 1001 is in use");
+    EXPECT_THAT(log.lines(), ElementsAre(LogLine{250001, "queue address 1001 is in use"}));
+}
+
+TEST_F(Tess, EndsInOrder)
+{
+    auto tess = std::make_unique<TTess>(TESS_QUEUE_ID, false, false, false, false);
+    TTessPeer peer(*tess);
+    g_tess = tess.get();
+    bool portGone = false;
+    Events events;
+    auto* const port = new FakePort(8);
+    port->gone = &portGone;
+    peer.ports().push_back(port);
+    peer.conns() = {new FakeConn(8, 0, "a", &events), nullptr, new FakeConn(2, 0, "b", &events)};
+    tess.reset();
+    EXPECT_THAT(events, ElementsAre("a gone", "b gone"));
+    EXPECT_TRUE(portGone);
+    EXPECT_EQ(g_milestone.load(), 10);
+    EXPECT_EQ(g_tess.load(), nullptr);
+    EXPECT_THAT(log.lines(), ElementsAre(closingAll));
+}
+
+TEST_F(Tess, FreesItsQueueAddressAtItsEnd)
+{
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(problemOf(TESS_QUEUE_ID, false, false), "none");
+    EXPECT_TRUE(fs::is_empty(directory.path()));
+}
+
+TEST_F(Tess, LeavesItsRegistryBehind)
+{
+    TRegisteredProc* left = nullptr;
+    {
+        TTess tess(TESS_QUEUE_ID, false, false, false, false);
+        left = new TRegisteredProc{2001, 8, "ENC"};
+        TTessPeer(tess).regProcs().push_back(left);
+    }
+    EXPECT_EQ(left->name, "ENC") << "its records are not deleted";
+    delete left;
+}
+
+// --- ports
+
+TEST_F(TessWithPorts, OpensThePortsThatAreAskedForXcpFirst)
+{
+    struct Row {
+        bool xcp, ipc;
+        std::vector<std::uint32_t> ports;
+        std::vector<LogLine> lines;
+    };
+    const Row rows[] = {
+        {true, true, {4, 8}, {initXcp, initIpc, closingAll, xcpClosed, ipcClosed}},
+        {true, false, {4}, {initXcp, closingAll, xcpClosed}},
+        {false, true, {8}, {initIpc, closingAll, ipcClosed}},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(testing::Message() << "xcp " << row.xcp << " ipc " << row.ipc);
+        const std::size_t before = log.lines().size();
+        {
+            TTess tess(TESS_QUEUE_ID, false, false, row.xcp, row.ipc);
+            std::vector<std::uint32_t> types;
+            for (const TCmdPort* port : TTessPeer(tess).ports())
+                types.push_back(port->portType);
+            EXPECT_EQ(types, row.ports);
+            EXPECT_EQ(fs::exists("/tmp/xcp"), row.xcp);
+            EXPECT_EQ(fs::exists("/tmp/socket"), row.ipc);
+        }
+        const auto lines = log.lines();
+        EXPECT_EQ(std::vector<LogLine>(lines.begin() + static_cast<std::ptrdiff_t>(before), lines.end()), row.lines);
+        EXPECT_FALSE(fs::exists("/tmp/xcp"));
+        EXPECT_FALSE(fs::exists("/tmp/socket"));
+    }
+}
+
+TEST_F(TessWithPorts, ClosesWhatWasOpenWhenAPortFails)
+{
+    fs::create_directories("/tmp/socket/not empty");
+    EXPECT_EQ(problemOf(TESS_QUEUE_ID, true, true), "failed binding to IPC socket");
+    EXPECT_THAT(log.lines(), ElementsAre(initXcp, initIpc, xcpClosed));
+    EXPECT_FALSE(fs::exists("/tmp/xcp"));
+    fs::remove_all("/tmp/socket");
+    EXPECT_EQ(problemOf(TESS_QUEUE_ID, true, true), "none") << "the queue address is free again";
+}
+
+TEST_F(TessWithPorts, DisturbsNothingOfAnotherDaemonOnTheSameQueueAddress)
+{
+    const TTess first(TESS_QUEUE_ID, false, false, true, true);
+    EXPECT_EQ(problemOf(TESS_QUEUE_ID, true, true), "queue address 1001 is in use");
+    EXPECT_NO_FATAL_FAILURE(Client("/tmp/xcp"));
+    EXPECT_NO_FATAL_FAILURE(Client("/tmp/socket"));
+}
+
+// --- bulk closing
+
+namespace {
+
+class BulkClosing : public testing::Test {
+protected:
+    std::vector<std::string> closeTelnetOf(const std::vector<std::pair<std::uint32_t, const char*>>& conns)
+    {
+        bench.peer.closeAllConns();
+        bench.events.clear();
+        for (const auto& [type, name] : conns) {
+            if (type == 0)
+                bench.peer.conns().push_back(nullptr);
+            else
+                bench.addConn(type, 0, name);
+        }
+        bench.peer.closeTelnetConns();
+        EXPECT_EQ(g_milestone.load(), 39);
+        return bench.events;
+    }
+
+    DaemonTestBench bench;
+};
+
+} // namespace
+
+TEST_F(BulkClosing, ClosesAllConnectionsWhetherOrNotAPortClaimsThem)
+{
+    bench.addPort(8);
+    bench.peer.conns().push_back(nullptr);
+    bench.addConn(8, 0, "a");
+    bench.addConn(2, 0, "b");
+    bench.peer.conns().push_back(nullptr);
+    bench.addConn(8, 0, "c");
+    bench.peer.closeAllConns();
+    EXPECT_THAT(bench.events, ElementsAre("a gone", "b gone", "c gone"));
+    EXPECT_THAT(bench.peer.conns(), IsEmpty());
+    EXPECT_EQ(g_milestone.load(), 39);
+    EXPECT_THAT(bench.log.lines(), ElementsAre(closingAll));
+    EXPECT_TRUE(LockProbe(bench.peer.connLock()).takenWithin(DEADLINE));
+}
+
+TEST_F(BulkClosing, ClosesTelnetConnectionsButPassesOverTheOneThatMovesToTheFront)
+{
+    bench.addPort(2);
+    bench.addPort(8);
+    EXPECT_THAT(closeTelnetOf({{2, "a"}}), ElementsAre("a gone"));
+    EXPECT_THAT(closeTelnetOf({{2, "a"}, {2, "b"}, {2, "c"}, {2, "d"}}), ElementsAre("a gone", "c gone", "d gone"));
+    EXPECT_THAT(closeTelnetOf({{8, "i"}, {2, "a"}, {2, "b"}, {2, "c"}}), ElementsAre("a gone", "b gone", "c gone"));
+    EXPECT_THAT(closeTelnetOf({{2, "a"}, {8, "i"}, {2, "b"}}), ElementsAre("a gone", "b gone"));
+    EXPECT_THAT(closeTelnetOf({{8, "i"}, {4, "x"}}), IsEmpty());
+    EXPECT_THAT(closeTelnetOf({}), IsEmpty());
+}
+
+TEST_F(BulkClosing, StepsOverNullEntries)
+{
+    bench.addPort(2);
+    EXPECT_THAT(closeTelnetOf({{0, ""}, {2, "a"}, {0, ""}, {2, "b"}}), ElementsAre("a gone", "b gone"));
+    EXPECT_EQ(bench.peer.conns().size(), 2U) << "and leaves them where they are";
+}
+
+TEST_F(BulkClosing, PassesOverTheOneBehindARemovalThatFailed)
+{
+    EXPECT_THAT(closeTelnetOf({{8, "i"}, {2, "a"}, {2, "b"}, {2, "c"}}), ElementsAre("a gone", "c gone"));
+}
+
+// --- service thread and teardown
+
+TEST_F(TessWithPorts, JoinsAServiceThreadThatHasEnded)
+{
+    auto tess = std::make_unique<TTess>(TESS_QUEUE_ID, false, false, true, true);
+    ASSERT_EQ(tess->startService(), 0);
+    tess->requestStop();
+    const Stopwatch watch;
+    tess.reset();
+    EXPECT_LT(watch.ms(), 2500);
+    EXPECT_EQ(g_serviceThread, static_cast<pthread_t>(-1));
+}
+
+TEST_F(TessWithPorts, GoesOnWithoutAServiceThreadThatNobodyHasStopped)
+{
+    auto tess = std::make_unique<TTess>(TESS_QUEUE_ID, false, false, true, true);
+    ASSERT_EQ(tess->startService(), 0);
+    const Client client("/tmp/socket");
+    const Stopwatch watch;
+    tess.reset();
+    EXPECT_GE(watch.ms(), 2000);
+    EXPECT_LT(watch.ms(), 4000);
+    EXPECT_EQ(client.receive(1), "") << "closed";
+}
+
+TEST_F(TessWithPorts, EndsQuicklyWhileAConnectionWaitsForItsFrame)
+{
+    auto tess = std::make_unique<TTess>(TESS_QUEUE_ID, false, false, true, true);
+    ASSERT_EQ(tess->startService(), 0);
+    const Client stuck("/tmp/xcp");
+    ASSERT_TRUE(stuck.send("AB"));
+    std::vector<std::unique_ptr<LockProbe<FairMutex>>> probes; // the one that has to wait shows that the reader does
+    ASSERT_TRUE(waitUntil([&] {
+        probes.push_back(std::make_unique<LockProbe<FairMutex>>(TTessPeer(*tess).connLock()));
+        return !probes.back()->takenWithin(std::chrono::milliseconds(50));
+    }));
+    tess->requestStop();
+    probes.clear();
+    const Stopwatch watch;
+    tess.reset();
+    EXPECT_LT(watch.ms(), 2500);
+}
+
+TEST_F(TessWithPorts, TakesCommandsToAProcessAndItsAnswersBackUntilItIsStoppedInBetween)
+{
+    for (int round = 0; round < 4; ++round) {
+        auto tess = std::make_unique<TTess>(TESS_QUEUE_ID, false, false, true, true);
+        TTessPeer peer(*tess);
+        ASSERT_EQ(tess->startService(), 0);
+        std::thread loop([&] { tess->run(); });
+
+        const QueueProcess encoder(directory, 2001);
+        const Outgoing in = registration(8, "ENC");
+        ASSERT_TRUE(encoder.send(TESS_QUEUE_ID, in.record, in.length));
+        ASSERT_TRUE(encoder.receive());
+        std::atomic<bool> ended{false};
+        std::thread answering([&] {
+            while (!ended)
+                for (const Received& command : encoder.receiveAll()) {
+                    const Outgoing answer = message(MSG_REPLY, command.text(), command.record.tag);
+                    // A full queue of the daemon: it reads, so it will have room.
+                    waitUntil([&] { return ended || encoder.send(TESS_QUEUE_ID, answer.record, answer.length); });
+                }
+        });
+
+        const Client a("/tmp/socket");
+        const Client b("/tmp/socket");
+        for (int i = 0; i < 50; ++i) {
+            const std::string number = std::to_string(1000 + i);
+            ASSERT_TRUE(a.send("a" + number + "\n"));
+            ASSERT_TRUE(b.send("b" + number + "\n"));
+            ASSERT_EQ(a.receive(6), "a" + number + "\n");
+            ASSERT_EQ(b.receive(6), "b" + number + "\n");
+        }
+        for (int i = 0; i < 5; ++i) // in flight at the end
+            ASSERT_TRUE(a.send("x\ny\n") && b.send("x\ny\n"));
+        if (round % 2 == 0) {
+            tess->requestStop();
+        } else {
+            const Outgoing stop = message(MSG_STOP);
+            ASSERT_TRUE(waitUntil([&] { return encoder.send(TESS_QUEUE_ID, stop.record, stop.length); }));
+        }
+        loop.join();
+        ended = true;
+        answering.join();
+        peer.clearRegistry();
+        tess.reset();
+    }
+    EXPECT_EQ(log.count(closingAll), 4);
+}

@@ -1,0 +1,56 @@
+"""What /proc tells about a process."""
+
+from __future__ import annotations
+
+import contextlib
+import os
+
+
+def tasks(pid: int) -> list[int]:
+    return sorted(int(task) for task in os.listdir(f"/proc/{pid}/task"))
+
+
+def status_field(pid: int, task: int, field: str) -> str:
+    with open(f"/proc/{pid}/task/{task}/status", encoding="ascii", errors="replace") as status:
+        for line in status:
+            name, _, value = line.partition(":")
+            if name == field:
+                return value.strip()
+    raise KeyError(field)
+
+
+def parent(pid: int) -> int:
+    return int(status_field(pid, pid, "PPid"))
+
+
+def children(pid: int) -> list[int]:
+    found = []
+    for entry in os.listdir("/proc"):
+        if entry.isdigit():
+            try:
+                if parent(int(entry)) == pid:
+                    found.append(int(entry))
+            except (OSError, KeyError):
+                continue  # it ended meanwhile
+    return sorted(found)
+
+
+def wakeups(pid: int) -> int:
+    """How often the threads that live now have gone to sleep of their own will since they began."""
+    return sum(int(status_field(pid, task, "voluntary_ctxt_switches")) for task in tasks(pid))
+
+
+def cpu_seconds(pid: int) -> float:
+    """Processor time of all threads, user and system."""
+    with open(f"/proc/{pid}/stat", encoding="ascii", errors="replace") as stat:
+        fields = stat.read().rpartition(")")[2].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
+def descriptors(pid: int) -> dict[int, str]:
+    """The open descriptors and what they are."""
+    found = {}
+    for number in os.listdir(f"/proc/{pid}/fd"):
+        with contextlib.suppress(FileNotFoundError):  # it was closed meanwhile
+            found[int(number)] = os.readlink(f"/proc/{pid}/fd/{number}")
+    return found

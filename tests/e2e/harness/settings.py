@@ -1,0 +1,40 @@
+"""What the caller chose through the environment, read once."""
+
+from __future__ import annotations
+
+import os
+import shlex
+import sys
+
+PROJECT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.dirname(os.path.realpath(__file__)))))
+
+# Where the programs are, for example build/asan/bin.
+BIN_DIR = os.path.abspath(os.environ.get("TESSD_BIN_DIR") or os.path.join(PROJECT, "build/release/bin"))
+TESSD = os.path.join(BIN_DIR, "tessd")
+
+# Put in front of the program, for example "qemu-ppc -L /usr/powerpc-linux-gnu".
+WRAPPER = shlex.split(os.environ.get("TESSD_WRAPPER", ""))
+
+# Byte order of the daemon's words: little, big, or this machine's own.
+BYTEORDER = os.environ.get("TESSD_BYTEORDER") or sys.byteorder
+if BYTEORDER not in ("little", "big"):
+    raise ValueError(f"TESSD_BYTEORDER is {BYTEORDER!r}; it may be little or big")
+
+# How many times slower than a release build on an idle machine things may be: every deadline is multiplied by it.
+SLOW = float(os.environ.get("TESSD_SLOW_FACTOR") or 1)
+
+QUEUE_DIR = "/run/tess/queue"
+IPC_PATH = "/tmp/socket"
+XCP_PATH = "/tmp/xcp"
+HOSTNAME = "s3"
+
+
+def emulated() -> bool:
+    return bool(WRAPPER)
+
+
+def sanitized() -> bool:
+    """Whether the daemon is a sanitizer build."""
+    with open(TESSD, "rb") as program:
+        image = program.read()
+    return b"__asan_init" in image or b"__tsan_init" in image

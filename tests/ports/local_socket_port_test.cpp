@@ -1,0 +1,496 @@
+// What the two local socket ports have in common; each row of the tests is one of them.
+#include "ports/local_socket_port.h"
+
+#include <algorithm>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <gmock/gmock.h>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+#include "framework/fixed_text.h"
+#include "ports/milestone.h"
+#include "ports/port_ipc_socket.h"
+#include "ports/xcp_port.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/private_mounts.h"
+#include "tests/support/waiting.h"
+
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+namespace fs = std::filesystem;
+
+namespace {
+
+struct Kind {
+    const char* name;
+    std::unique_ptr<TLocalSocketPort> (*make)();
+    const char* path;
+    std::uint32_t portType;
+    std::uint32_t firstConnId; ///< of the first connection
+    LogLine portClosed;
+    const char* bindFailure;
+    bool logsConnections;
+    std::int32_t constructorExit, destructorExit;
+};
+
+template <class Port> std::unique_ptr<TLocalSocketPort> make()
+{
+    return std::make_unique<Port>();
+}
+
+const Kind kinds[] = {
+    {"Ipc",
+     make<TPortIPCSocket>,
+     "/tmp/socket",
+     8,
+     0xBB01'0000,
+     {36105, "Socket port closed"},
+     "failed binding to IPC socket",
+     false,
+     1021,
+     1023},
+    {"Xcp",
+     make<TXCPPort>,
+     "/tmp/xcp",
+     4,
+     0x0057'0000,
+     {36105, "XCP Socket port closed"},
+     "failed binding to xcp socket",
+     true,
+     1111,
+     1113},
+};
+
+/// One end of a connection to a port; negative when that refuses.
+int connectTo(const char* path)
+{
+    sockaddr_un name{};
+    name.sun_family = AF_UNIX;
+    putText(name.sun_path, path);
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (::connect(fd, reinterpret_cast<const sockaddr*>(&name), sizeof name) == 0) return fd;
+    ::close(fd);
+    return -1;
+}
+
+/// Clients of a port, closed at their end.
+class Clients {
+public:
+    explicit Clients(const char* path) : path_(path) {}
+    Clients(const Clients&) = delete;
+    Clients& operator=(const Clients&) = delete;
+    ~Clients()
+    {
+        for (const int fd : fds_)
+            ::close(fd);
+    }
+    int connect()
+    {
+        fds_.push_back(connectTo(path_));
+        return fds_.back();
+    }
+    int last() const { return fds_.back(); }
+
+private:
+    const char* path_;
+    std::vector<int> fds_;
+};
+
+bool closedByServer(int client)
+{
+    char byte;
+    return ::recv(client, &byte, 1, MSG_DONTWAIT) == 0;
+}
+
+/// Connections that a port has handed out; given back to it at the end.
+class HandedOut {
+public:
+    explicit HandedOut(TCmdPort& port) : port_(port) {}
+    HandedOut(const HandedOut&) = delete;
+    HandedOut& operator=(const HandedOut&) = delete;
+    ~HandedOut()
+    {
+        for (TPortConn*& conn : conns_)
+            port_.closeConn(&conn);
+    }
+    /// @return the new connection, null when there is none
+    TPortConn* take()
+    {
+        TPortConn* conn = nullptr;
+        const int result = port_.chkNewConn(&conn);
+        EXPECT_EQ(result, conn != nullptr ? 1 : 0);
+        if (conn != nullptr) conns_.push_back(conn);
+        return conn;
+    }
+    TPortConn*& slot(std::size_t i) { return conns_.at(i); }
+
+private:
+    TCmdPort& port_;
+    std::vector<TPortConn*> conns_;
+};
+
+class LocalSocketPort : public testing::TestWithParam<Kind> {
+protected:
+    void SetUp() override
+    {
+        if (!privateMountsProblem().empty()) GTEST_SKIP() << privateMountsProblem();
+    }
+    const Kind& kind() const { return GetParam(); }
+    const char* path() const { return kind().path; }
+};
+
+} // namespace
+
+TEST_P(LocalSocketPort, OpensWithItsNumbers)
+{
+    const auto port = kind().make();
+    EXPECT_TRUE(port->isOpen);
+    EXPECT_GE(port->fd, 0);
+    EXPECT_EQ(port->portType, kind().portType);
+    EXPECT_EQ(port->maxConns, 10);
+    EXPECT_EQ(port->activeConns, 0);
+    EXPECT_EQ(port->nextConnId, kind().firstConnId - 0x10000);
+    EXPECT_EQ(port->listenAddr.sun_family, AF_UNIX);
+    EXPECT_STREQ(port->listenAddr.sun_path, path());
+    EXPECT_TRUE(fs::is_socket(path()));
+}
+
+TEST_P(LocalSocketPort, BindsTheWholeAddressStructure)
+{
+    const auto port = kind().make();
+    sockaddr_un bound{};
+    socklen_t length = sizeof bound;
+    ASSERT_EQ(::getsockname(port->fd, reinterpret_cast<sockaddr*>(&bound), &length), 0);
+    EXPECT_STREQ(bound.sun_path, path());
+    EXPECT_EQ(sizeof port->listenAddr, 110U);
+}
+
+TEST_P(LocalSocketPort, GivesItsSocketFileTheProcesssDefaultMode)
+{
+    const mode_t before = ::umask(027);
+    const auto port = kind().make();
+    ::umask(before);
+    struct stat found {};
+    ASSERT_EQ(::stat(path(), &found), 0);
+    EXPECT_EQ(found.st_mode & 07777U, 0750U);
+}
+
+TEST_P(LocalSocketPort, OpensEveryDescriptorCloseOnExec)
+{
+    const auto port = kind().make();
+    Clients clients(path());
+    HandedOut handedOut(*port);
+    clients.connect();
+    const TPortConn* const conn = handedOut.take();
+    ASSERT_NE(conn, nullptr);
+    EXPECT_NE(::fcntl(port->fd, F_GETFD) & FD_CLOEXEC, 0);
+    EXPECT_NE(::fcntl(conn->fd, F_GETFD) & FD_CLOEXEC, 0);
+    EXPECT_NE(::fcntl(conn->fd, F_GETFL) & O_NONBLOCK, 0);
+}
+
+TEST_P(LocalSocketPort, ReplacesAFileThatIsLeftOver)
+{
+    std::ofstream(path()) << "left over";
+    EXPECT_TRUE(kind().make()->isOpen) << "a plain file";
+
+    const int left = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un name{};
+    name.sun_family = AF_UNIX;
+    putText(name.sun_path, path());
+    ASSERT_EQ(::bind(left, reinterpret_cast<const sockaddr*>(&name), sizeof name), 0);
+    ::close(left);
+    ASSERT_TRUE(fs::is_socket(path()));
+    const auto port = kind().make();
+    EXPECT_TRUE(port->isOpen) << "the socket of a process that died";
+    Clients clients(path());
+    EXPECT_GE(clients.connect(), 0);
+}
+
+TEST_P(LocalSocketPort, ThrowsWhenItCannotBind)
+{
+    fs::create_directories(fs::path(path()) / "not empty");
+    std::string thrown;
+    setMilestone(0);
+    try {
+        kind().make();
+    } catch (const std::runtime_error& error) {
+        thrown = error.what();
+    }
+    EXPECT_EQ(thrown, kind().bindFailure);
+    EXPECT_EQ(g_milestone.load(), 1024) << "an exception leaves the entry number";
+    fs::remove_all(path());
+}
+
+TEST_P(LocalSocketPort, StaysClosedWhenThereIsNoDescriptor)
+{
+    rlimit limit{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const rlim_t before = limit.rlim_cur;
+    limit.rlim_cur = 0;
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+    const auto port = kind().make();
+    limit.rlim_cur = before;
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+
+    EXPECT_FALSE(port->isOpen);
+    EXPECT_LT(port->fd, 0);
+    TPortConn* conn = nullptr;
+    EXPECT_EQ(port->chkNewConn(&conn), 0);
+    EXPECT_EQ(conn, nullptr);
+    const LogCapture log;
+    EXPECT_EQ(port->closePort(), 0);
+    EXPECT_THAT(log.lines(), ElementsAre());
+}
+
+TEST_P(LocalSocketPort, FindsNobodyAtOnceWhenNobodyConnects)
+{
+    const auto port = kind().make();
+    TPortConn* conn = nullptr;
+    const Stopwatch watch;
+    EXPECT_EQ(port->chkNewConn(&conn), 0);
+    EXPECT_LT(watch.ms(), 1000);
+    EXPECT_EQ(conn, nullptr);
+    EXPECT_EQ(port->activeConns, 0);
+    EXPECT_EQ(port->nextConnId, kind().firstConnId - 0x10000);
+}
+
+TEST_P(LocalSocketPort, HandsOutAClientAsAConnectionWithTheNextId)
+{
+    const auto port = kind().make();
+    Clients clients(path());
+    HandedOut handedOut(*port);
+    for (std::uint32_t i = 0; i < 3; ++i) {
+        ASSERT_GE(clients.connect(), 0);
+        const TPortConn* const conn = handedOut.take();
+        ASSERT_NE(conn, nullptr);
+        EXPECT_EQ(conn->connId, kind().firstConnId + i * 0x10000);
+        EXPECT_EQ(conn->connId, port->nextConnId);
+        EXPECT_EQ(conn->portId, kind().portType);
+        EXPECT_EQ(conn->loginState, 3);
+        EXPECT_EQ(port->activeConns, static_cast<std::int32_t>(i + 1));
+    }
+    EXPECT_EQ(handedOut.take(), nullptr);
+}
+
+TEST_P(LocalSocketPort, WrapsItsIdsSilently)
+{
+    const auto port = kind().make();
+    port->nextConnId = 0xFFFF'0000;
+    Clients clients(path());
+    HandedOut handedOut(*port);
+    clients.connect();
+    const TPortConn* const conn = handedOut.take();
+    ASSERT_NE(conn, nullptr);
+    EXPECT_EQ(conn->connId, 0U);
+}
+
+TEST_P(LocalSocketPort, LogsAnAdmittedClientWithTheIdBeforeItsOwnWhereItLogsThem)
+{
+    const auto port = kind().make();
+    Clients clients(path());
+    HandedOut handedOut(*port);
+    const LogCapture log;
+    clients.connect();
+    handedOut.take();
+    clients.connect();
+    handedOut.take();
+    std::vector<LogLine> expected;
+    if (kind().logsConnections)
+        expected = {{36106, "Opened IPC socket connection with ID = 0x560000"},
+                    {36106, "Opened IPC socket connection with ID = 0x570000"}};
+    EXPECT_THAT(log.lines(), ElementsAreArray(expected));
+}
+
+TEST_P(LocalSocketPort, ClosesTheEleventhClientAtOnceAndTakesTheNextWhenOneHasGone)
+{
+    const auto port = kind().make();
+    Clients clients(path());
+    HandedOut handedOut(*port);
+    for (int i = 0; i < 10; ++i) {
+        ASSERT_GE(clients.connect(), 0);
+        ASSERT_NE(handedOut.take(), nullptr) << "client " << i + 1;
+    }
+    std::vector<LogLine> expected;
+    {
+        const int eleventh = clients.connect();
+        ASSERT_GE(eleventh, 0);
+        const LogCapture log;
+        EXPECT_EQ(handedOut.take(), nullptr);
+        EXPECT_TRUE(closedByServer(eleventh)) << "without a text";
+        EXPECT_EQ(port->activeConns, 10);
+        EXPECT_EQ(port->nextConnId, kind().firstConnId + 10 * 0x10000U) << "the refused one has used an ID";
+        if (kind().logsConnections) expected = {{6001, "XCP socket connection closed.  Active connections = 10"}};
+        EXPECT_THAT(log.lines(), ElementsAreArray(expected));
+    }
+    {
+        const LogCapture log;
+        EXPECT_EQ(port->closeConn(&handedOut.slot(3)), 0);
+        EXPECT_EQ(handedOut.slot(3), nullptr);
+        EXPECT_EQ(port->activeConns, 9);
+        if (kind().logsConnections) expected = {{6001, "XCP socket connection closed.  Active connections = 9"}};
+        EXPECT_THAT(log.lines(), ElementsAreArray(expected));
+    }
+    clients.connect();
+    const TPortConn* const next = handedOut.take();
+    ASSERT_NE(next, nullptr);
+    EXPECT_EQ(next->connId, kind().firstConnId + 11 * 0x10000U);
+}
+
+TEST_P(LocalSocketPort, DisposesOfAClientThatItCannotAccept)
+{
+    const auto port = kind().make();
+    Clients clients(path());
+    clients.connect();
+    rlimit limit{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const rlim_t before = limit.rlim_cur;
+    limit.rlim_cur = static_cast<rlim_t>(port->fd) + 1; // what is open already may stay so
+    std::vector<int> fillers;
+    for (int fd; (fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC)) <= port->fd && fd >= 0;)
+        fillers.push_back(fd);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+    TPortConn* conn = nullptr;
+    const int result = port->chkNewConn(&conn);
+    limit.rlim_cur = before;
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+    for (const int fd : fillers)
+        ::close(fd);
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(conn, nullptr);
+    EXPECT_EQ(port->activeConns, 0);
+    EXPECT_EQ(port->nextConnId, kind().firstConnId) << "it has used an ID";
+}
+
+TEST_P(LocalSocketPort, ClosesAClientWhoseDescriptorNoSetHolds)
+{
+    rlimit limit{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const rlim_t before = limit.rlim_cur;
+    limit.rlim_cur = std::max<rlim_t>(before, FD_SETSIZE + 100);
+    if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) GTEST_SKIP() << "the limit of open files cannot be raised";
+    const auto port = kind().make();
+    Clients clients(path());
+    const int client = clients.connect();
+    std::vector<int> fillers;
+    for (int fd; (fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC)) < FD_SETSIZE && fd >= 0;)
+        fillers.push_back(fd);
+    TPortConn* conn = nullptr;
+    EXPECT_EQ(port->chkNewConn(&conn), 0);
+    EXPECT_EQ(conn, nullptr);
+    EXPECT_TRUE(closedByServer(client));
+    EXPECT_EQ(port->activeConns, 0);
+    for (const int fd : fillers)
+        ::close(fd);
+    limit.rlim_cur = before;
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+TEST_P(LocalSocketPort, LeavesAnEmptySlotAlone)
+{
+    const auto port = kind().make();
+    port->activeConns = 3;
+    TPortConn* none = nullptr;
+    const LogCapture log;
+    EXPECT_EQ(port->closeConn(&none), 0);
+    EXPECT_EQ(port->activeConns, 3);
+    EXPECT_THAT(log.lines(), ElementsAre());
+}
+
+TEST_P(LocalSocketPort, ClosesOnceAndRemovesItsSocketFile)
+{
+    const auto port = kind().make();
+    port->activeConns = 5;
+    const int fd = port->fd;
+    const LogCapture log;
+    EXPECT_EQ(port->closePort(), 0);
+    EXPECT_FALSE(port->isOpen);
+    EXPECT_EQ(port->activeConns, 0);
+    EXPECT_FALSE(fs::exists(path()));
+    EXPECT_LT(connectTo(path()), 0);
+    EXPECT_EQ(::fcntl(fd, F_GETFD), -1);
+
+    const int taken = ::open("/dev/null", O_RDONLY | O_CLOEXEC); // gets the number that has become free
+    ASSERT_EQ(taken, fd);
+    EXPECT_EQ(port->closePort(), 0);
+    EXPECT_NE(::fcntl(taken, F_GETFD), -1) << "the second call closes nothing";
+    ::close(taken);
+    EXPECT_THAT(log.lines(), ElementsAre(kind().portClosed)) << "the second call logs nothing";
+}
+
+TEST_P(LocalSocketPort, KeepsItsConnectionsWhenItCloses)
+{
+    const auto port = kind().make();
+    Clients clients(path());
+    const int client = clients.connect();
+    TPortConn* conn = nullptr;
+    ASSERT_EQ(port->chkNewConn(&conn), 1);
+    port->closePort();
+    EXPECT_FALSE(closedByServer(client));
+    EXPECT_EQ(port->closeConn(&conn), 0);
+    EXPECT_EQ(conn, nullptr);
+    EXPECT_EQ(port->activeConns, -1) << "nothing checks the counter after that";
+    EXPECT_TRUE(closedByServer(client));
+}
+
+TEST_P(LocalSocketPort, ClosesAtItsEnd)
+{
+    const LogCapture log;
+    kind().make().reset();
+    EXPECT_FALSE(fs::exists(path()));
+    EXPECT_THAT(log.lines(), ElementsAre(kind().portClosed));
+}
+
+TEST_P(LocalSocketPort, RemovesItsPathOnceMoreAtItsEnd)
+{
+    auto port = kind().make();
+    port->closePort();
+    std::ofstream(path()) << "somebody else's";
+    port.reset();
+    EXPECT_FALSE(fs::exists(path()));
+}
+
+TEST_P(LocalSocketPort, LeavesTheNumbersOfItsProgress)
+{
+    auto port = kind().make();
+    EXPECT_EQ(g_milestone.load(), kind().constructorExit);
+    TPortConn* conn = nullptr;
+    port->chkNewConn(&conn);
+    EXPECT_EQ(g_milestone.load(), 1029);
+    Clients clients(path());
+    clients.connect();
+    ASSERT_EQ(port->chkNewConn(&conn), 1);
+    EXPECT_EQ(g_milestone.load(), 1029);
+    port->closeConn(&conn);
+    EXPECT_EQ(g_milestone.load(), 1031);
+    port->closePort();
+    EXPECT_EQ(g_milestone.load(), 1027);
+    port->openPort();
+    EXPECT_EQ(g_milestone.load(), 1025);
+    const int reopened = port->fd;
+    port.reset();
+    EXPECT_EQ(g_milestone.load(), kind().destructorExit);
+    ::close(reopened); // opened behind the constructor's back: the port does not count it as open
+}
+
+TEST_P(LocalSocketPort, LosesItsPathToWhoeverBindsItNext)
+{
+    const auto first = kind().make();
+    const auto second = kind().make();
+    Clients clients(path());
+    clients.connect();
+    HandedOut ofSecond(*second);
+    TPortConn* conn = nullptr;
+    EXPECT_EQ(first->chkNewConn(&conn), 0);
+    EXPECT_NE(ofSecond.take(), nullptr);
+}
+
+INSTANTIATE_TEST_SUITE_P(Each, LocalSocketPort, testing::ValuesIn(kinds),
+                         [](const testing::TestParamInfo<Kind>& row) { return std::string(row.param.name); });

@@ -1,0 +1,73 @@
+#include "tests/support/log_capture.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <fcntl.h>
+#include <ostream>
+#include <sstream>
+#include <string_view>
+#include <sys/mman.h>
+#include <unistd.h>
+
+namespace {
+
+/// "TIME [TAG] NUMBER TEXT"; the tag, which may be absent, ends with ']'.
+LogLine parsed(std::string_view line)
+{
+    const std::string whole(line);
+    std::string_view rest = line;
+    const std::size_t timeEnd = rest.find("Z");
+    if (timeEnd == std::string_view::npos) return {0, whole};
+    rest.remove_prefix(timeEnd + 1);
+    if (const std::size_t tagEnd = rest.find("] "); rest.find('[') < tagEnd && tagEnd != std::string_view::npos)
+        rest.remove_prefix(tagEnd + 1);
+    char* end = nullptr;
+    const std::string numbered(rest);
+    const long id = std::strtol(numbered.c_str(), &end, 10);
+    if (id == 0 || *end != ' ') return {0, whole};
+    return {static_cast<int>(id), std::string(end + 1)};
+}
+
+} // namespace
+
+void PrintTo(const LogLine& line, std::ostream* out)
+{
+    *out << line.id << " \"" << line.text << '"';
+}
+
+LogCapture::LogCapture()
+    : caught_(::memfd_create("log", MFD_CLOEXEC)), original_(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3))
+{
+    if (caught_ < 0 || original_ < 0 || ::dup2(caught_, STDERR_FILENO) < 0) std::abort();
+}
+
+LogCapture::~LogCapture()
+{
+    ::dup2(original_, STDERR_FILENO);
+    ::close(original_);
+    ::close(caught_);
+}
+
+std::string LogCapture::text() const
+{
+    const off_t size = ::lseek(caught_, 0, SEEK_CUR);
+    std::string all(static_cast<std::size_t>(std::max<off_t>(size, 0)), '\0');
+    const ssize_t got = ::pread(caught_, all.data(), all.size(), 0);
+    all.resize(static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
+    return all;
+}
+
+std::vector<LogLine> LogCapture::lines() const
+{
+    std::vector<LogLine> found;
+    std::istringstream in(text());
+    for (std::string line; std::getline(in, line);)
+        found.push_back(parsed(line));
+    return found;
+}
+
+int LogCapture::count(const LogLine& line) const
+{
+    const std::vector<LogLine> all = lines();
+    return static_cast<int>(std::ranges::count(all, line));
+}

@@ -1,0 +1,51 @@
+// main() of the unit tests that may listen on the device's own paths.
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <linux/capability.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include "tests/support/private_mounts.h"
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#include <sanitizer/common_interface_defs.h>
+#endif
+
+namespace {
+
+/// Whatever a test does by mistake, it cannot restart the machine.
+void giveUpReboot()
+{
+    __user_cap_header_struct header{};
+    header.version = _LINUX_CAPABILITY_VERSION_3;
+    __user_cap_data_struct sets[_LINUX_CAPABILITY_U32S_3]{};
+    if (::syscall(SYS_capget, &header, sets) != 0) return;
+    constexpr unsigned bit = 1U << CAP_SYS_BOOT;
+    static_assert(CAP_SYS_BOOT < 32);
+    for (auto* set : {&sets[0].effective, &sets[0].permitted, &sets[0].inheritable})
+        *set &= ~bit;
+    if (::syscall(SYS_capset, &header, sets) != 0) std::abort();
+}
+
+/// Tests catch what goes to standard error; a sanitizer's report is to be seen all the same.
+void keepReportsVisible()
+{
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    const long report = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 100);
+    if (report >= 0) __sanitizer_set_report_fd(reinterpret_cast<void*>(report));
+#endif
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    keepReportsVisible();
+    enterPrivateMounts();
+    giveUpReboot();
+    ::signal(SIGPIPE, SIG_IGN); // the daemon's handler does no more
+    testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}
