@@ -7,11 +7,13 @@
 #include <unistd.h>
 
 #include "commands/live_list.h"
+#include "connections/serial_line.h"
 #include "daemon/daemon_log.h"
 #include "daemon/reset.h"
 #include "framework/queue_mgr.h"
 #include "framework/tess_messages.h"
 #include "ports/milestone.h"
+#include "ports/port_com2.h"
 
 /// What is done with a kind of message, and whether its sender gets replyMsg.
 struct TTess::KindRow {
@@ -105,7 +107,7 @@ void TTess::replyRegistry(bool success, std::string_view text) noexcept
 void TTess::handleCom2Write() noexcept
 {
     const std::size_t count = static_cast<std::size_t>(std::clamp<std::int32_t>(inMsg.len, 0, MSG_TEXT_BYTES));
-    const int line = ::open("/dev/ttyS1", O_RDWR | O_NOCTTY | O_CLOEXEC);
+    const int line = ::open(TPortCom2::DEVICE, O_RDWR | O_NOCTTY | O_CLOEXEC);
     {
         const std::scoped_lock lock(connLock);
         replyMsg.len = 1;
@@ -113,7 +115,7 @@ void TTess::handleCom2Write() noexcept
         for (std::size_t i = 0; TPortConn* conn = liveAt(conns, i); ++i) {
             if (conn->isSerialLine() == 0) continue;
             (void)conn->startMute(); // always 0
-            const bool written = line >= 0 && ::write(line, inMsg.text, count) == static_cast<ssize_t>(count);
+            const bool written = line >= 0 && writeToLine(line, inMsg.text, count);
             replyMsg.len = written ? 0 : 1;
             replyMsg.kind = MSG_REPLY;
             inLen = MSG_HEADER_BYTES;
