@@ -117,7 +117,8 @@ void TTess::closeAllConns() noexcept
 {
     setMilestone(38);
     logMessage(daemon_log::closingAll);
-    const std::scoped_lock lock(connLock);
+    if (!lockConns()) return;
+    const std::scoped_lock lock(std::adopt_lock, connLock);
     while (liveAt(conns, 0) != nullptr)
         (void)removeConn(0); // the slot is live, so it goes whatever the result
     setMilestone(39);
@@ -127,7 +128,8 @@ void TTess::closeTelnetConns() noexcept
 {
     setMilestone(38);
     logMessage(daemon_log::closingTelnet);
-    const std::scoped_lock lock(connLock);
+    if (!lockConns()) return;
+    const std::scoped_lock lock(std::adopt_lock, connLock);
     for (std::size_t i = 0; i < conns.size();) {
         const bool isTelnet = conns[i] != nullptr && conns[i]->getPortId() == PORT_TELNET;
         // What moves to the front after a removal there is passed over, and so is what follows a failed removal

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <mutex>
 #include <pthread.h>
 #include <string>
@@ -66,8 +67,15 @@ private:
     void clearRegistry() noexcept;
 
     // --- message loop (message_loop.cpp)
+    struct TLaterMsg {
+        TOrbAttachmentMsg msg;
+        std::int32_t length;
+    };
     struct KindRow;
     static const KindRow kindRows[];
+    bool nextMessage() noexcept;
+    bool lockConns() noexcept;
+    bool stopWaits() noexcept;
     void handleReply() noexcept;
     void handleRegister() noexcept;
     void handleUnregister() noexcept;
@@ -94,6 +102,8 @@ private:
     TDelayQueue delayQueues;             ///< service thread only
 
     std::vector<std::string_view> tokens; ///< the interpreter's scratch
+    std::deque<TLaterMsg> laterMsgs;      ///< taken out of the queue while the message loop waited for connLock
+    bool stopSeen = false;                ///< a stop message was among them
     TCommandContext commandContext;
 };
 
