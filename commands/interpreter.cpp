@@ -1,12 +1,11 @@
 #include "commands/interpreter.h"
 
-#include <array>
-#include <cstring>
-#include <strings.h>
+#include <span>
 
 #include "commands/command_address.h"
+#include "commands/command_text.h"
+#include "commands/delay_queue.h"
 #include "commands/forwarding.h"
-#include "connections/white_space.h"
 #include "framework/fixed_text.h"
 #include "framework/tess_messages.h"
 #include "framework/tokenizer.h"
@@ -15,27 +14,7 @@
 namespace {
 
 constexpr std::size_t TOKEN_BYTES = 1024; // its NUL included
-
-bool beginsWithNoCase(std::string_view text, std::string_view head)
-{
-    return text.size() >= head.size() && ::strncasecmp(text.data(), head.data(), head.size()) == 0;
-}
-
-std::string_view trimmed(std::string_view text)
-{
-    while (!text.empty() && isWhiteSpace(text.front()))
-        text.remove_prefix(1);
-    while (!text.empty() && isWhiteSpace(text.back()))
-        text.remove_suffix(1);
-    return text;
-}
-
-void reply(TCommandContext& context, TPortConn* conn, std::string_view text)
-{
-    if (conn == nullptr) return;
-    putText(context.outMsg.text, text);
-    (void)conn->write(&context.outMsg); // the connection has logged a failure; the next pass finds out that it is gone
-}
+constexpr std::string_view delayWord = "DELAY";
 
 /// Puts the command into outMsg as processes receive it: text, LF, NUL.
 void prepareForward(TCommandContext& context, std::string_view body, std::uint32_t connId)
@@ -55,17 +34,17 @@ void routeToken(TCommandContext& context, TPortConn* conn, std::string_view toke
     const int offset = parseCmdAddress(token, address);
     setMilestone(35);
     if (offset == ADDRESS_REJECTED && conn != nullptr) {
-        reply(context, conn, "?\r\n");
+        replyTo(context, conn, "?\r\n");
         return;
     }
     if (offset == ADDRESS_WHOLE_TEXT && address.unitAddr[0] == '*' && address.procAddr[0] != '*' && conn != nullptr) {
-        reply(context, conn, "0\r\n\r\n");
+        replyTo(context, conn, "0\r\n\r\n");
         return;
     }
     prepareForward(context, offset > ADDRESS_WHOLE_TEXT ? token.substr(static_cast<std::size_t>(offset)) : token,
                    conn != nullptr ? conn->connId : 0);
     const std::uint32_t portType = conn != nullptr ? conn->portId : std::uint32_t{PORT_DELAYED};
-    if (forwardCmd(context, address, portType, entryTag) != 0) reply(context, conn, "?\r\n");
+    if (forwardCmd(context, address, portType, entryTag) != 0) replyTo(context, conn, "?\r\n");
 }
 
 } // namespace
@@ -79,7 +58,7 @@ int processCmd(TCommandContext& context, TPortConn* conn, const TCmdEntry* cmd)
     if (beginsWithNoCase(line, "RESET")) {
         if (context.resetDevice(cmd->text) == 0) return 0;
         if (conn != nullptr) {
-            reply(context, conn, "Error Processing Reset Command.\r\n\r\n");
+            replyTo(context, conn, "Error Processing Reset Command.\r\n\r\n");
             return 1;
         }
         // A delayed RESET that fails is forwarded as text (deliberate).
@@ -87,11 +66,13 @@ int processCmd(TCommandContext& context, TPortConn* conn, const TCmdEntry* cmd)
     if (conn != nullptr && conn->portId == PORT_TELNET && line.starts_with("quit")) return CMD_CLOSE_CONNECTION;
 
     stringTokenizer(line, context.tokens, "|");
-    for (const std::string_view token : context.tokens) {
-        const std::string_view command = trimmed(token);
-        if (beginsWithNoCase(command, "DELAY")) {
-            reply(context, conn, "Error Setting Command: Invalid Arguments.\r\n\r\n");
-            return 0; // what follows belongs to the delayed command
+    for (std::size_t i = 0; i < context.tokens.size(); ++i) {
+        const std::string_view command = trimmed(context.tokens[i]);
+        if (beginsWithNoCase(command, delayWord)) {
+            if (command.size() == delayWord.size()) return listDelays(context, conn);
+            const bool done = setDelay(context, std::span(context.tokens).subspan(i)) == 0;
+            replyTo(context, conn, done ? "OK\r\n\r\n" : "Error Setting Command: Invalid Arguments.\r\n\r\n");
+            return 0; // the tokens behind it belong to the delayed line
         }
         routeToken(context, conn, command, cmd->tag);
     }

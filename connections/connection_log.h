@@ -12,4 +12,21 @@ inline constexpr LogMessage xcpWriteFailed{250004, "Error writing to the socket"
 /// An XCP client declared a payload that no buffer holds; its connection is closed.
 inline constexpr LogMessage xcpLengthOutOfRange{250004, "XCP frame length out of range"};
 
+/// An answer could not be written to a telnet client: it is gone, or it does not read.
+inline constexpr LogMessage telnetWriteFailed{6004, "Error writting to the telnet socket"};
+
+// Failed logins. The three that begin so end in a blank.
+inline constexpr LogMessage loginNameTooBig{251526, "Login name too big"};
+inline constexpr LogMessage loginPasswordTooBig{251526, "Login password too big"};
+/// The password database has no such user.
+inline constexpr LogMessage loginUserInvalid{251526, "Failed login, username invalid "};
+/// Wrong password, no hash in the user's entry, or the super-user.
+inline constexpr LogMessage loginPasswordInvalid{251526, "Failed login, password invalid "};
+inline constexpr LogMessage loginUnknownReason{251526, "Failed login, unknown reason "};
+inline constexpr LogMessage loginClosed{251526, "Received connection close request from client during login"};
+/// Followed by the state: 1 no name within 60 seconds of the connection's begin, 2 no password.
+inline constexpr LogMessage loginTimeOut{251526, "Timeout during connection login, state = "};
+/// Followed by the state and a text; cannot happen.
+inline constexpr LogMessage loginBadState{251526, "Invalid login state ("};
+
 } // namespace connection_log

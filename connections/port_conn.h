@@ -27,6 +27,7 @@ public:
         1024; ///< chosen with the first device; also the most command lines a read has
     static constexpr timeval LOGIN_TIME{60, 0};
     static constexpr timeval IDLE_TIME{420, 0};
+    static constexpr timeval REST_TIME{1, 0};
 
     /// @param portType  type bit of the port that makes the connection
     /// @param id        connection ID, its lower 16 bits zero
@@ -70,6 +71,9 @@ public:
     /// @return type bit of the port that made the connection
     virtual std::uint32_t getPortId() = 0;
 
+    /// @return true while the service loop is not to wait for the descriptor, which would wake it without a reason
+    bool rests() const { return !restTimer.hasTimedOut(); }
+
     std::int32_t fd = -1; ///< socket or serial line; set by the port right after construction
     std::uint32_t connId;
     std::uint32_t portId;
@@ -81,6 +85,7 @@ public:
     TOrbHRTimeOut idleTimer{IDLE_TIME};     ///< armed afresh when a read yields lines
     std::int32_t loginState = LOGIN_NEW;
     std::int32_t rxBufSize = RX_BYTES;
+    TOrbHRTimeOut restTimer; ///< while it runs the service loop does not wait for the descriptor; it still is looked at
 
 protected:
     /// Length of the text of a record, which must leave room for its NUL inside the record.

@@ -10,6 +10,10 @@ inline constexpr LogMessage normalExit{51001, "Normal application exit"};
 /// Start-up failed; the line before says what: a queue address in use, a port that could not be set up.
 inline constexpr LogMessage errorRuntime{51008, "Error runtime"};
 
+inline constexpr LogMessage initCom2{36101, "Initialize Com2 connection"};
+inline constexpr LogMessage noCom2{251525, "Unable to create COM2 command port"};
+inline constexpr LogMessage initTelnet{36004, "Initialize telnet connection"};
+inline constexpr LogMessage noTelnet{251525, "Unable to create Telnet command port"};
 inline constexpr LogMessage initXcp{36104, "Initialize XCP socket connection"};
 inline constexpr LogMessage initIpc{36104, "Initialize IPC socket connection"};
 inline constexpr LogMessage noXcp{251525, "Unable XCP command port"}; // the text is deliberate

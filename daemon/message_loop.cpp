@@ -4,14 +4,24 @@
 #include <algorithm>
 #include <cstring>
 #include <fcntl.h>
+#include <new>
 #include <unistd.h>
 
 #include "commands/live_list.h"
+#include "connections/serial_line.h"
 #include "daemon/daemon_log.h"
 #include "daemon/reset.h"
 #include "framework/queue_mgr.h"
 #include "framework/tess_messages.h"
 #include "ports/milestone.h"
+#include "ports/port_com2.h"
+
+namespace {
+
+constexpr std::time_t LOCK_PATIENCE_S = 1;  // far more than a pass takes
+constexpr std::size_t MAX_LATER_MSGS = 256; // chosen: 2 MiB; what comes after them waits in the queue
+
+} // namespace
 
 /// What is done with a kind of message, and whether its sender gets replyMsg.
 struct TTess::KindRow {
@@ -29,10 +39,9 @@ const TTess::KindRow TTess::kindRows[] = {
 
 int TTess::run() noexcept
 {
-    while (stopRequested == 0) {
+    while (stopRequested == 0 && !stopSeen) {
         setMilestone(12);
-        inLen = static_cast<std::int32_t>(g_qMgr.getMsg(&inMsg, MSG_QUEUE_ALL, true));
-        if (inLen <= 0) continue;
+        if (!nextMessage()) continue;
         setMilestone(13);
         if (inMsg.kind == MSG_STOP) break;
         const auto* const row =
@@ -47,12 +56,53 @@ int TTess::run() noexcept
     return 0;
 }
 
+/// Puts the next message, if there is one within a second, into inMsg and inLen.
+bool TTess::nextMessage() noexcept
+{
+    if (laterMsgs.empty()) {
+        inLen = static_cast<std::int32_t>(g_qMgr.getMsg(&inMsg, MSG_QUEUE_ALL, true));
+        return inLen > 0;
+    }
+    inMsg = laterMsgs.front().msg;
+    inLen = laterMsgs.front().length;
+    laterMsgs.pop_front();
+    return true;
+}
+
+/// Locks connLock. While the service thread keeps it for long, as it does when a client owes it the rest of a frame header, a
+/// stop message behind the one being handled gets through all the same.
+/// @return false: not locked, the daemon is to stop
+bool TTess::lockConns() noexcept
+{
+    while (!connLock.lockWithin(LOCK_PATIENCE_S))
+        if (stopRequested != 0 || stopWaits()) return false;
+    return true;
+}
+
+/// Looks through the messages that have arrived, and keeps them for later.
+bool TTess::stopWaits() noexcept
+try {
+    while (!stopSeen && laterMsgs.size() < MAX_LATER_MSGS) {
+        TLaterMsg later;
+        later.length = static_cast<std::int32_t>(g_qMgr.getMsg(&later.msg, MSG_QUEUE_ALL, false));
+        if (later.length <= 0) break;
+        if (later.msg.kind == MSG_STOP)
+            stopSeen = true;
+        else
+            laterMsgs.push_back(later);
+    }
+    return stopSeen;
+} catch (const std::bad_alloc&) {
+    return false; // that message is lost; the next look may go better
+}
+
 /// Writes a process's answer to the connection that asked. When that is gone the answer is dropped.
 void TTess::handleReply() noexcept
 {
     const std::int32_t textEnd = inLen - static_cast<std::int32_t>(MSG_HEADER_BYTES);
     inMsg.text[std::clamp<std::int32_t>(textEnd, 0, MSG_TEXT_BYTES - 1)] = '\0';
-    const std::scoped_lock lock(connLock);
+    if (!lockConns()) return;
+    const std::scoped_lock lock(std::adopt_lock, connLock);
     for (std::size_t i = 0; TPortConn* conn = liveAt(conns, i); ++i) {
         if (conn->connId != (inMsg.tag & 0xFFFF'0000U)) continue;
         (void)conn->write(&inMsg); // the connection has logged a failure; the service thread finds out that it is gone
@@ -105,15 +155,15 @@ void TTess::replyRegistry(bool success, std::string_view text) noexcept
 void TTess::handleCom2Write() noexcept
 {
     const std::size_t count = static_cast<std::size_t>(std::clamp<std::int32_t>(inMsg.len, 0, MSG_TEXT_BYTES));
-    const int line = ::open("/dev/ttyS1", O_RDWR | O_NOCTTY | O_CLOEXEC);
-    {
-        const std::scoped_lock lock(connLock);
+    const int line = ::open(TPortCom2::DEVICE, O_RDWR | O_NOCTTY | O_CLOEXEC);
+    if (lockConns()) {
+        const std::scoped_lock lock(std::adopt_lock, connLock);
         replyMsg.len = 1;
         replyMsg.tag = inMsg.tag;
         for (std::size_t i = 0; TPortConn* conn = liveAt(conns, i); ++i) {
             if (conn->isSerialLine() == 0) continue;
             (void)conn->startMute(); // always 0
-            const bool written = line >= 0 && ::write(line, inMsg.text, count) == static_cast<ssize_t>(count);
+            const bool written = line >= 0 && writeToLine(line, inMsg.text, count);
             replyMsg.len = written ? 0 : 1;
             replyMsg.kind = MSG_REPLY;
             inLen = MSG_HEADER_BYTES;

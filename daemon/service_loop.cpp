@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <sys/select.h>
 
+#include "commands/delay_queue.h"
 #include "commands/interpreter.h"
 #include "commands/live_list.h"
 #include "daemon/service_gate.h"
@@ -49,7 +50,11 @@ void TTess::serviceLoop() noexcept
             setMilestone(18);
             maxFd = collectDescriptors(readSet);
             setMilestone(20);
-            wait = delayQueues.empty() ? IDLE_WAIT : DELAYED_WAIT;
+            wait = IDLE_WAIT;
+            if (!delayQueues.empty()) {
+                runDelays(commandContext);
+                wait = DELAYED_WAIT;
+            }
         }
         // Without any descriptor there is no wait (deliberate). Errors, EINTR among them, are as good as input: every
         // connection looks for itself.
@@ -71,8 +76,8 @@ int TTess::collectDescriptors(fd_set& readSet) noexcept
     const std::scoped_lock lock(connLock);
     for (std::size_t i = 0; TPortConn* conn = liveAt(conns, i); ++i) {
         if (!fitsSet(conn->fd)) continue;
-        // A muted serial line is taken out again: its port has put the same descriptor in.
-        if (conn->isSerialLine() != 0 && conn->muteExpired() == 0)
+        // A muted or unplugged serial line is taken out again: its port has put the same descriptor in.
+        if ((conn->isSerialLine() != 0 && conn->muteExpired() == 0) || conn->rests())
             FD_CLR(conn->fd, &readSet);
         else
             FD_SET(conn->fd, &readSet);
@@ -98,15 +103,27 @@ void TTess::servicePass() noexcept
     setMilestone(30);
     outMsg.kind = MSG_TEXT;
     const std::scoped_lock lock(connLock);
-    // A removal moves the next connection to this index, and it waits for the next pass (deliberate).
     for (std::size_t i = 0; TPortConn* conn = liveAt(conns, i); ++i) {
-        const int lineCount = conn->readCmd();
-        if (lineCount < 0 || (lineCount == 0 && conn->hasTimedOut() != 0))
-            (void)removeConn(i);
-        else if (lineCount > 0)
-            serviceLines(i, lineCount);
+        if (conn->loginState == LOGIN_DONE) {
+            serviceConn(i);
+        } else if (!loginStep(*conn, outMsg, userName)) {
+            (void)removeConn(i); // it fails for no port only; the connection is gone either way
+            --i;                 // whoever moved here gets its turn
+        }
     }
     setMilestone(31);
+}
+
+/// Reads a connection and serves its lines. After a removal `index` stays, so that the connection that moves there waits for
+/// the next pass (deliberate).
+void TTess::serviceConn(std::size_t& index) noexcept
+{
+    TPortConn& conn = *conns[index];
+    const int lineCount = conn.readCmd();
+    if (lineCount < 0 || (lineCount == 0 && conn.hasTimedOut() != 0))
+        (void)removeConn(index); // as above
+    else if (lineCount > 0)
+        serviceLines(index, lineCount);
 }
 
 /// Hands the lines of one read to the interpreter. When a line closes its connection, `index` steps back, and the lines

@@ -13,7 +13,9 @@
 #include "framework/hr_time_out.h"
 #include "framework/tess_messages.h"
 #include "ports/milestone.h"
+#include "ports/port_com2.h"
 #include "ports/port_ipc_socket.h"
+#include "ports/port_telnet.h"
 #include "ports/xcp_port.h"
 
 std::atomic<TTess*> g_tess{nullptr};
@@ -35,14 +37,14 @@ template <class Port> void createPort(std::vector<TCmdPort*>& ports, const LogMe
 
 } // namespace
 
-TTess::TTess(long queueId, bool /*com2*/, bool /*telnet*/, bool xcp, bool ipc)
-    : TMsgDmn(queueId, true), commandContext{outMsg, outLen, regProcs, regLock, tokens, resetDevice}
+TTess::TTess(long queueId, bool com2, bool telnet, bool xcp, bool ipc)
+    : TMsgDmn(queueId, true), commandContext{outMsg, outLen, regProcs, regLock, delayQueues, tokens, resetDevice}
 {
     setMilestone(7);
     g_endWaits = false;
     tokens.reserve(MAX_TOKENS);
     try {
-        createPorts(xcp, ipc);
+        createPorts(com2, telnet, xcp, ipc);
     } catch (...) {
         deletePorts();
         throw;
@@ -52,8 +54,10 @@ TTess::TTess(long queueId, bool /*com2*/, bool /*telnet*/, bool xcp, bool ipc)
     setMilestone(8);
 }
 
-void TTess::createPorts(bool xcp, bool ipc)
+void TTess::createPorts(bool com2, bool telnet, bool xcp, bool ipc)
 {
+    if (com2) createPort<TPortCom2>(ports, daemon_log::initCom2, daemon_log::noCom2);
+    if (telnet) createPort<TPortTelnet>(ports, daemon_log::initTelnet, daemon_log::noTelnet);
     if (xcp) createPort<TXCPPort>(ports, daemon_log::initXcp, daemon_log::noXcp);
     if (ipc) createPort<TPortIPCSocket>(ports, daemon_log::initIpc, daemon_log::noIpc);
 }
@@ -113,7 +117,8 @@ void TTess::closeAllConns() noexcept
 {
     setMilestone(38);
     logMessage(daemon_log::closingAll);
-    const std::scoped_lock lock(connLock);
+    if (!lockConns()) return;
+    const std::scoped_lock lock(std::adopt_lock, connLock);
     while (liveAt(conns, 0) != nullptr)
         (void)removeConn(0); // the slot is live, so it goes whatever the result
     setMilestone(39);
@@ -123,7 +128,8 @@ void TTess::closeTelnetConns() noexcept
 {
     setMilestone(38);
     logMessage(daemon_log::closingTelnet);
-    const std::scoped_lock lock(connLock);
+    if (!lockConns()) return;
+    const std::scoped_lock lock(std::adopt_lock, connLock);
     for (std::size_t i = 0; i < conns.size();) {
         const bool isTelnet = conns[i] != nullptr && conns[i]->getPortId() == PORT_TELNET;
         // What moves to the front after a removal there is passed over, and so is what follows a failed removal

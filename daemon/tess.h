@@ -3,7 +3,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <map>
+#include <deque>
 #include <mutex>
 #include <pthread.h>
 #include <string>
@@ -12,6 +12,7 @@
 
 #include "commands/command_context.h"
 #include "commands/registered_proc.h"
+#include "connections/login.h"
 #include "connections/port_conn.h"
 #include "daemon/fair_mutex.h"
 #include "framework/msg_dmn.h"
@@ -51,6 +52,7 @@ private:
     int collectDescriptors(fd_set& readSet) noexcept;
     void acceptConnections() noexcept;
     void servicePass() noexcept;
+    void serviceConn(std::size_t& index) noexcept;
     void serviceLines(std::size_t& index, int lineCount) noexcept;
     int removeConn(std::size_t index) noexcept;
     int processCmd(TPortConn* conn, const TCmdEntry* cmd) noexcept;
@@ -65,8 +67,15 @@ private:
     void clearRegistry() noexcept;
 
     // --- message loop (message_loop.cpp)
+    struct TLaterMsg {
+        TOrbAttachmentMsg msg;
+        std::int32_t length;
+    };
     struct KindRow;
     static const KindRow kindRows[];
+    bool nextMessage() noexcept;
+    bool lockConns() noexcept;
+    bool stopWaits() noexcept;
     void handleReply() noexcept;
     void handleRegister() noexcept;
     void handleUnregister() noexcept;
@@ -74,7 +83,7 @@ private:
     void handleReset() noexcept;
     void replyRegistry(bool success, std::string_view text) noexcept;
 
-    void createPorts(bool xcp, bool ipc);
+    void createPorts(bool com2, bool telnet, bool xcp, bool ipc);
     void deletePorts() noexcept;
 
     TOrbAttachmentMsg inMsg{};              ///< the message being handled
@@ -89,10 +98,12 @@ private:
     FairMutex connLock;                     ///< guards conns
     std::atomic<std::int32_t> stopRequested{0};
     std::atomic<bool> serviceDone{true}; ///< true before the service thread starts and after it ends
-    char userName[257]{};
-    std::multimap<std::uint64_t, std::string> delayQueues; ///< delayed commands by due time, ms on the monotonic clock
+    TUserName userName{};                ///< of whoever typed one last
+    TDelayQueue delayQueues;             ///< service thread only
 
     std::vector<std::string_view> tokens; ///< the interpreter's scratch
+    std::deque<TLaterMsg> laterMsgs;      ///< taken out of the queue while the message loop waited for connLock
+    bool stopSeen = false;                ///< a stop message was among them
     TCommandContext commandContext;
 };
 

@@ -6,6 +6,19 @@ TCmdPort::TCmdPort(std::uint32_t type, std::int32_t limit, std::uint32_t firstId
     FD_ZERO(&readSet);
 }
 
+std::uint32_t TCmdPort::countNewConn()
+{
+    nextConnId += CONN_ID_STEP;
+    activeConns += 1;
+    return nextConnId;
+}
+
+bool TCmdPort::acceptInto(TPortConn& conn, sockaddr* peer, socklen_t* peerSize)
+{
+    conn.fd = ::accept4(fd, peer, peerSize, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    return conn.fd >= 0 && conn.fd < FD_SETSIZE;
+}
+
 bool TCmdPort::clientWaits()
 {
     if (fd < 0 || fd >= FD_SETSIZE) return false;

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <sys/select.h>
+#include <sys/socket.h>
 
 #include "connections/port_conn.h"
 
@@ -50,6 +51,19 @@ public:
     std::uint32_t nextConnId; ///< ID of the newest connection; wraps silently
 
 protected:
+    /// Counts a connection that is about to be made.
+    /// @return its ID
+    std::uint32_t countNewConn();
+
+    /// @return the ID that log lines give for the newest connection: the one before its own (deliberate)
+    std::uint32_t announcedConnId() const { return nextConnId - CONN_ID_STEP; }
+
     /// @return true when a client waits to be accepted
     bool clientWaits();
+
+    /// Accepts a client into `conn`, non-blocking and close-on-exec.
+    /// @param peer      receives the client's address; may be null
+    /// @param peerSize  in: its room, out: its size; may be null
+    /// @return false when there is no client any more, or no place in an fd_set for its descriptor
+    bool acceptInto(TPortConn& conn, sockaddr* peer, socklen_t* peerSize);
 };

@@ -81,17 +81,13 @@ int TLocalSocketPort::chkNewConn(TPortConn** newConn)
 
 TPortConn* TLocalSocketPort::acceptClient()
 {
-    nextConnId += CONN_ID_STEP;
-    TPortConn* conn = kind_.makeConn(portType, nextConnId);
-    activeConns += 1;
-    conn->fd = ::accept4(fd, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-    if (conn->fd < 0 || conn->fd >= FD_SETSIZE || activeConns > maxConns) {
+    TPortConn* conn = kind_.makeConn(portType, countNewConn());
+    if (!acceptInto(*conn, nullptr, nullptr) || activeConns > maxConns) {
         (void)closeConn(&conn); // always 0
         return nullptr;
     }
-    // The ID before this connection's own (deliberate).
     if (kind_.opened != nullptr)
-        logMgr.log(kind_.opened->id, (FixedText<96>() << kind_.opened->text).hex(nextConnId - CONN_ID_STEP).c_str());
+        logMgr.log(kind_.opened->id, (FixedText<96>() << kind_.opened->text).hex(announcedConnId()).c_str());
     return conn;
 }
 

@@ -12,4 +12,21 @@ inline constexpr LogMessage xcpOpened{36106, "Opened IPC socket connection with 
 /// A client of the XCP socket has gone, or was one too many; followed by how many are left.
 inline constexpr LogMessage xcpClosed{6001, "XCP socket connection closed.  Active connections = "};
 
+inline constexpr LogMessage telnetPortClosed{6001, "telnet port closed"};
+/// A telnet client was admitted; followed by a number 0x10000 below its connection ID, telnetFrom, and the client's address.
+inline constexpr LogMessage telnetOpened{6000, "Opened telnet connection 0x"};
+inline constexpr const char* telnetFrom = " from ";
+/// Followed by the client's address, telnetActive and how many are left.
+inline constexpr LogMessage telnetClosed{6001, "Telnet connection closed for "};
+inline constexpr const char* telnetActive = ".  Active connections = ";
+/// The send buffer of a telnet client could not be set; followed by the system's reason. The text names the other buffer
+/// (deliberate).
+inline constexpr LogMessage telnetBufferFailed{36104, "Error on opt SO_RCVBUF: "};
+
+inline constexpr LogMessage com2PortClosed{36102, "COM2 port closed"};
+/// The serial line's session has ended; the next one begins at once.
+inline constexpr LogMessage com2Closed{36102, "COM2 connection closed"};
+/// Followed by a number 0x10000 below the connection ID.
+inline constexpr LogMessage com2Opened{36103, "Open connection Com2 with ID = 0x"};
+
 } // namespace port_log

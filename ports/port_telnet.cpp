@@ -1,0 +1,133 @@
+#include "ports/port_telnet.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+#include <unistd.h>
+
+#include "connections/telnet_conn.h"
+#include "framework/fixed_text.h"
+#include "framework/tess_messages.h"
+#include "ports/milestone.h"
+#include "ports/port_log.h"
+#include "ports/socket_options.h"
+
+namespace {
+
+/// An IPv4 address in dotted decimal.
+class DottedAddress {
+public:
+    explicit DottedAddress(const sockaddr_in& address)
+    {
+        (void)::inet_ntop(AF_INET, &address.sin_addr, text_, sizeof text_);
+    }
+    const char* c_str() const { return text_; }
+
+private:
+    char text_[INET_ADDRSTRLEN]{};
+};
+
+void enlargeSendBuffer(int fd)
+{
+    const int bytes = TPortTelnet::CLIENT_SEND_BUFFER_BYTES;
+    if (::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes) == 0) return;
+    const LogMessage& failed = port_log::telnetBufferFailed;
+    logMgr.log(failed.id, (FixedText<128>() << failed.text << std::strerror(errno)).c_str());
+}
+
+} // namespace
+
+TPortTelnet::TPortTelnet() : TCmdPort(PORT_TELNET, MAX_CONNS, 0xAA00'0000)
+{
+    setMilestone(1010);
+    isOpen = TPortTelnet::openPort() == 0;
+    setMilestone(1011);
+}
+
+TPortTelnet::~TPortTelnet()
+{
+    (void)TPortTelnet::closePort(); // always 0
+}
+
+int TPortTelnet::openPort()
+{
+    setMilestone(1012);
+    fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0); // accept() must never block
+    if (fd < 0) return 1;
+    applySocketOptions(fd);
+    listenAddr = {};
+    listenAddr.sin_family = AF_INET;
+    listenAddr.sin_port = htons(TCP_PORT);
+    listenAddr.sin_addr.s_addr = htonl(INADDR_ANY);
+    if (::bind(fd, reinterpret_cast<const sockaddr*>(&listenAddr), sizeof listenAddr) != 0)
+        throw std::runtime_error("failed binding to telnet socket");
+    if (::listen(fd, BACKLOG) != 0) throw std::runtime_error("failed setting up telnet socket listener");
+    setMilestone(1013);
+    return 0;
+}
+
+int TPortTelnet::closePort()
+{
+    setMilestone(1014);
+    if (isOpen) {
+        (void)::close(fd); // nothing is left to do for a descriptor that fails to close
+        activeConns = 0;
+        isOpen = false;
+        logMessage(port_log::telnetPortClosed);
+    }
+    setMilestone(1015);
+    return 0;
+}
+
+int TPortTelnet::chkNewConn(TPortConn** newConn)
+{
+    setMilestone(1016);
+    TPortConn* const conn = clientWaits() ? acceptClient() : nullptr;
+    if (conn != nullptr) *newConn = conn;
+    setMilestone(1017);
+    return conn != nullptr ? 1 : 0;
+}
+
+TPortConn* TPortTelnet::acceptClient()
+{
+    auto* const client = new TTelnetConn(portType, countNewConn());
+    TPortConn* conn = client;
+    const auto drop = [this, &conn]() -> TPortConn* {
+        (void)closeConn(&conn); // always 0
+        return nullptr;
+    };
+    socklen_t peerSize = sizeof client->peerAddr;
+    if (!acceptInto(*client, reinterpret_cast<sockaddr*>(&client->peerAddr), &peerSize)) return drop();
+    if (activeConns > maxConns) {
+        (void)client->writeText("Connection refused: limit reached.\r\n"); // it is closed either way
+        return drop();
+    }
+    enlargeSendBuffer(client->fd);
+    if (client->negotiateOptions() != 0) {
+        (void)client->writeText("\r\n"); // it is closed either way
+        return drop();
+    }
+    const LogMessage& opened = port_log::telnetOpened;
+    FixedText<96> text;
+    text << opened.text;
+    text.hex(announcedConnId()) << port_log::telnetFrom << DottedAddress(client->peerAddr).c_str();
+    logMgr.log(opened.id, text.c_str());
+    return conn;
+}
+
+int TPortTelnet::closeConn(TPortConn** conn)
+{
+    setMilestone(1018);
+    if (*conn != nullptr) {
+        const DottedAddress peer(static_cast<TTelnetConn*>(*conn)->peerAddr); // this port makes no other connections
+        delete *conn;
+        *conn = nullptr;
+        activeConns -= 1;
+        const LogMessage& closed = port_log::telnetClosed;
+        logMgr.log(closed.id,
+                   (FixedText<96>() << closed.text << peer.c_str() << port_log::telnetActive << activeConns).c_str());
+    }
+    setMilestone(1019);
+    return 0;
+}

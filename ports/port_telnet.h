@@ -1,0 +1,31 @@
+#pragma once
+
+#include <netinet/in.h>
+
+#include "ports/cmd_port.h"
+
+/// The port for telnet clients: TCP port 23 on all local IPv4 addresses.
+class TPortTelnet final : public TCmdPort {
+public:
+    static constexpr std::uint16_t TCP_PORT = 23;
+    static constexpr std::int32_t MAX_CONNS = 10;
+    static constexpr int BACKLOG = 10;
+    static constexpr int CLIENT_SEND_BUFFER_BYTES = 65536;
+
+    /// @throws std::runtime_error  "failed binding to telnet socket", "failed setting up telnet socket listener"
+    TPortTelnet();
+    ~TPortTelnet() override;
+
+    int openPort() override;
+    int closePort() override;
+
+    /// As TCmdPort::chkNewConn(). The option negotiation runs in here (TTelnetConn::negotiateOptions()): a silent client
+    /// costs the service thread a second. A client over the limit is told so.
+    int chkNewConn(TPortConn** newConn) override;
+    int closeConn(TPortConn** conn) override;
+
+    sockaddr_in listenAddr{};
+
+private:
+    TPortConn* acceptClient();
+};
