@@ -5,6 +5,7 @@
 #include <ostream>
 #include <string>
 
+#include "tests/support/address_rules.h"
 #include "tests/support/readable.h"
 
 using namespace std::string_literals;
@@ -180,66 +181,6 @@ TEST(CommandAddress, ForgetsTheAddressOfAnEarlierToken)
     EXPECT_STREQ(address.procAddr, "");
 }
 
-// The same rules once more, written down character by character, against tokens made of the characters that matter.
-namespace {
-
-struct Reference {
-    int result;
-    std::string unit;
-    std::string process;
-};
-
-bool white(char c)
-{
-    return c == ' ' || c == '\t';
-}
-
-Reference parsedByTheRules(const std::string& s)
-{
-    std::string stars;
-    std::string dots;
-    bool stopped = false;
-    for (std::size_t i = 0; i < s.size() && !stopped; ++i) {
-        if ((s[i] == '*' && i == 0) || s[i] == '$')
-            stopped = true;
-        else if (s[i] == '*')
-            stars += '*';
-        else if (s[i] == '.')
-            dots += '.';
-        else if (white(s[i])) {
-            stars += ' ';
-            dots += ' ';
-        }
-    }
-    if (!stopped && (stars.rfind(" *", 0) == 0 || dots.rfind(". ", 0) != 0)) return {1, "*", "*"};
-
-    std::string unit;
-    std::size_t at = 0;
-    while (at < s.size() && !white(s[at]) && s[at] != '.' && s[at] != '$')
-        unit += s[at++];
-    if (at == s.size()) return {static_cast<int>(at), unit, ""};
-    if (s[at] == '$') {
-        while (at < s.size() && s[at] != ',')
-            unit += s[at++];
-        if (unit.rfind("$GPRMC", 0) == 0) return {static_cast<int>(at) - 2, "*", "GPSD"};
-        return {0, unit, ""};
-    }
-    std::string process;
-    if (s[at] == '.') {
-        ++at;
-        while (at < s.size() && !white(s[at]))
-            process += s[at++];
-    } else {
-        if (unit != "*" && !unit.empty()) return {0, unit, ""};
-        process = "*";
-    }
-    while (at < s.size() && white(s[at]))
-        ++at;
-    return {static_cast<int>(at), unit, process};
-}
-
-} // namespace
-
 TEST(CommandAddress, FollowsTheRulesForEveryShortToken)
 {
     const std::string alphabet = "*.$ A,";
@@ -252,8 +193,8 @@ TEST(CommandAddress, FollowsTheRulesForEveryShortToken)
             std::string token;
             for (std::size_t rest = n; token.size() < length; rest /= alphabet.size())
                 token += alphabet[rest % alphabet.size()];
-            if (!token.empty() && white(token.front())) continue;
-            const Reference expected = parsedByTheRules(token);
+            if (token.starts_with(' ')) continue;
+            const AddressByRules expected = addressByRules(token);
             TCommandAddress address;
             const int result = parseCmdAddress(token, address);
             ASSERT_EQ(result, expected.result) << '"' << token << '"';

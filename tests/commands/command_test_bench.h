@@ -37,6 +37,7 @@ struct CommandTestBench {
     std::int32_t outLen = 0;
     std::vector<TRegisteredProc*> regProcs;
     std::mutex regLock;
+    TDelayQueue delayQueues;
     std::vector<std::string_view> tokens;
-    TCommandContext context{outMsg, outLen, regProcs, regLock, tokens, nullptr};
+    TCommandContext context{outMsg, outLen, regProcs, regLock, delayQueues, tokens, nullptr};
 };

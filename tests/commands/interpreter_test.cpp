@@ -21,6 +21,7 @@ using Texts = std::vector<std::string>;
 namespace {
 
 constexpr const char* RESET_FAILED = "Error Processing Reset Command.\r\n\r\n";
+constexpr const char* DONE = "OK\r\n\r\n";
 constexpr const char* DELAY_REFUSED = "Error Setting Command: Invalid Arguments.\r\n\r\n";
 constexpr const char* NOBODY = "?\r\n";
 constexpr std::uint32_t ALL_PORTS = PORT_COM2 | PORT_TELNET | PORT_XCP | PORT_IPC;
@@ -255,18 +256,44 @@ TEST_F(Interpreter, SendsAPositionSentenceToTheProcessGpsd)
 
 // --- DELAY
 
-TEST_F(InterpreterWithEncoder, RefusesDelays)
+TEST_F(InterpreterWithEncoder, QueuesDelayedCommands)
 {
-    for (const char* line : {"DELAY", "delay", "DELAY 5.0|A", "DELAYED", "delay clear", " Delay ", "DELAY 0|X"}) {
+    struct Row {
+        const char* line;
+        const char* queued;
+    };
+    const Row rows[] = {
+        {"DELAY 5.0|A|B", "A|B"}, {"delay 1:0.0|A", "A"},          {" Delay 500 | s3.ENC X ", " s3.ENC X "},
+        {"DELAY 1:0.0", ""},      {"DELAY5.0|DELAY|X", "DELAY|X"},
+    };
+    for (const Row& row : rows) {
+        EXPECT_THAT(replies(row.line), ElementsAre(DONE)) << row.line;
+        EXPECT_EQ(result, 0) << row.line;
+        ASSERT_EQ(bench.delayQueues.size(), 1U) << row.line;
+        EXPECT_EQ(bench.delayQueues.begin()->second, row.queued) << row.line;
+        EXPECT_THAT(replies("delay clear"), ElementsAre(DONE));
+        EXPECT_THAT(bench.delayQueues, IsEmpty());
+    }
+    EXPECT_THAT(encoder.receiveTexts(), IsEmpty()) << "nothing is executed now";
+}
+
+TEST_F(InterpreterWithEncoder, RefusesDelaysWithoutAUsableTime)
+{
+    for (const char* line : {"DELAYED", "DELAY 0|X", "DELAY x|X", "DELAY -1.0|X", "DELAY 1:2:3:4:5|X", "DELAY *"}) {
         EXPECT_THAT(replies(line), ElementsAre(DELAY_REFUSED)) << line;
         EXPECT_EQ(result, 0) << line;
     }
+    EXPECT_THAT(bench.delayQueues, IsEmpty());
     EXPECT_THAT(encoder.receiveTexts(), IsEmpty());
 }
 
-TEST_F(InterpreterWithEncoder, LeavesTheTokensBehindADelayAlone)
+TEST_F(InterpreterWithEncoder, ListsDelaysAtABareDelayAndLeavesTheTokensBehindItAlone)
 {
-    EXPECT_THAT(replies("A|DELAY|B"), ElementsAre(DELAY_REFUSED));
+    for (const char* line : {"DELAY", "delay", " Delay "}) {
+        EXPECT_THAT(replies(line), ElementsAre("OK\r\n\r\n")) << line;
+        EXPECT_EQ(result, 0) << line;
+    }
+    EXPECT_THAT(replies("A|DELAY|B"), ElementsAre("OK\r\n\r\n"));
     EXPECT_THAT(encoder.receiveTexts(), ElementsAre("A\n"));
 }
 
@@ -281,7 +308,7 @@ TEST_F(InterpreterWithEncoder, TakesDelayForACommandOnlyInFrontOfAToken)
 
 TEST_F(InterpreterWithEncoder, RepliesToNobodyWithoutAConnection)
 {
-    for (const char* line : {"s3.NONE X", "DELAY 1.0|X", "A|DELAY", "quit"})
+    for (const char* line : {"s3.NONE X", "DELAY 0|X", "A|DELAY", "quit"})
         EXPECT_EQ(process(nullptr, line), 0) << line;
     EXPECT_THAT(encoder.receiveTexts(), ElementsAre("A\n", "quit\n"));
 }
@@ -424,7 +451,7 @@ TEST_F(InterpreterWithEncoder, AllocatesNothingForACommand)
         int writes = 0;
     };
     SilentConn conn(PORT_IPC, 0xBB01'0000);
-    char lines[][48] = {"s3.ENC SETX 5", "SETX 5|GETX|*|s3.NONE X", "A|B|C", "$GPRMC,1", "SET $5", "delay 5|X"};
+    char lines[][48] = {"s3.ENC SETX 5", "SETX 5|GETX|*|s3.NONE X", "A|B|C", "$GPRMC,1", "SET $5", "*"};
     const auto processAll = [&] {
         for (char* const line : lines) {
             const TCmdEntry entry{0, line};

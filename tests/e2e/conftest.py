@@ -13,8 +13,8 @@ import pytest
 
 sys.path.insert(0, os.path.dirname(os.path.realpath(__file__)))
 
-from harness import settings  # noqa: E402
-from harness.daemon import LOCAL_PORTS, Daemon  # noqa: E402
+from harness import accounts, settings  # noqa: E402
+from harness.daemon import LOCAL_PORTS, SOCKET_PORTS, Daemon  # noqa: E402
 from harness.isolation import run_isolated  # noqa: E402
 
 
@@ -66,3 +66,20 @@ def start_tessd(launch: Callable[..., Daemon]) -> Callable[..., Daemon]:
 def tessd(start_tessd: Callable[..., Daemon]) -> Daemon:
     """A daemon that serves the local ports."""
     return start_tessd()
+
+
+@pytest.fixture
+def start_socket_tessd(launch: Callable[..., Daemon]) -> Callable[..., Daemon]:
+    """Starts a daemon with telnet and the local ports, and accounts to log in with, and waits until it says so."""
+
+    def start(**options: object) -> Daemon:
+        return launch(*SOCKET_PORTS, **options).wait_running()
+
+    accounts.install()
+    return start
+
+
+@pytest.fixture
+def socket_tessd(start_socket_tessd: Callable[..., Daemon]) -> Daemon:
+    """A daemon that serves telnet and the local ports."""
+    return start_socket_tessd()

@@ -20,7 +20,7 @@ plain_only = pytest.mark.skipif(
 
 COMMANDS = 200
 
-# System calls for one command and its answer, all threads together: one client and one process take turns, nothing else
+# System calls for one command and its answer, all threads together: a client and a process take turns, nothing else
 # happens. Needed are the wait of the loop, a look at each of the two ports, reading the command (XCP looks at the header
 # first), sending it on, receiving the answer and writing it: 7 and 8. Measured: 8.4 and 9.6, the rest are the waits of
 # two threads for one lock.

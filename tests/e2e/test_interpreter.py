@@ -4,7 +4,6 @@ from __future__ import annotations
 
 import pytest
 
-from harness import wire
 from harness.clients import IpcClient, XcpClient
 from harness.queue_process import QueueProcess
 

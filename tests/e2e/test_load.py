@@ -233,6 +233,42 @@ def test_clients_that_come_and_go_all_the_time_are_served(tessd):
     wait_until(lambda: proc.descriptors(tessd.pid) == before, f"the descriptors are {before} again")
 
 
+@pytest.mark.parametrize("opened", [IpcClient, XcpClient])
+def test_close_all_while_clients_come_and_go_keeps_count_of_them(tessd, opened):
+    """One thread closes connections while the other admits new ones; afterwards exactly ten have room."""
+    ending = threading.Event()
+
+    def come_and_go() -> None:
+        while not ending.is_set():
+            with contextlib.suppress(OSError), opened() as client:
+                client.socket.recv(1)  # until the daemon closes
+
+    def close_all() -> None:
+        try:
+            with QueueProcess(2001) as process:
+                for _ in range(300):
+                    process.send(wire.record(wire.CLOSE_ALL))
+                    process.expect_daemon_done()
+        finally:
+            ending.set()
+
+    with Clients() as clients:
+        clients.run(close_all, *[come_and_go] * 3)
+
+    def room_for_ten() -> bool:
+        with contextlib.ExitStack() as stack:
+            try:
+                for _ in range(10):
+                    stack.enter_context(opened()).expect_nothing_more()
+                with opened() as eleventh:
+                    eleventh.expect_close()
+            except (AssertionError, BrokenPipeError):
+                return False  # those that left may not have been noticed yet
+        return True
+
+    wait_until(room_for_ten, "there is room for ten clients and for no more")
+
+
 def test_replies_are_served_while_commands_keep_the_service_thread_busy(tessd):
     """Commands without end from several clients must not starve the replies."""
     ending = threading.Event()

@@ -8,25 +8,30 @@ import signal
 import socket
 import stat
 
+import device_ns  # of tools/
 import pytest
 
-from harness import proc, settings, wire
+from harness import com2, proc, settings, wire
 from harness.clients import IpcClient, XcpClient
+from harness.com2 import SerialLine
 from harness.daemon import (
     CLOSING_ALL,
+    COM2_PORT_CLOSED,
     ERROR_RUNTIME,
+    INITIALIZE_COM2,
     INITIALIZE_IPC,
+    INITIALIZE_TELNET,
     INITIALIZE_XCP,
     IPC_PORT_CLOSED,
     LOCAL_PORTS,
     NORMAL_EXIT,
     RECEIVED_SIGTERM,
     RUNNING,
+    TELNET_PORT_CLOSED,
     XCP_PORT_CLOSED,
 )
 from harness.queue_process import QueueProcess, queue_path
 from harness.system_log import SystemLog
-from harness.waiting import wait_until
 from harness.waiting import wait_until
 
 QUEUE_IN_USE = (250001, "queue address 1001 is in use")
@@ -74,6 +79,30 @@ def test_log_tells_start_and_stop_in_order(tessd):
     )
 
 
+def test_all_four_ports_start_and_stop_in_order(launch):
+    with SerialLine():
+        tessd = launch().wait_running()
+        started = tessd.entries()
+        initialized = [INITIALIZE_COM2, INITIALIZE_TELNET, INITIALIZE_XCP, INITIALIZE_IPC]
+        # The serial line's connection is opened by the service thread, which runs already.
+        assert started[:4] == initialized, tessd.log_text()
+        assert sorted(started[4:]) == sorted([com2.opened(1), RUNNING]), tessd.log_text()
+        tessd.signal(signal.SIGTERM)
+        tessd.expect_normal_end()
+    actual = tessd.entries()[len(started) :]
+    expected = [
+        RECEIVED_SIGTERM,
+        CLOSING_ALL,
+        com2.CONNECTION_CLOSED,
+        COM2_PORT_CLOSED,
+        TELNET_PORT_CLOSED,
+        XCP_PORT_CLOSED,
+        IPC_PORT_CLOSED,
+        NORMAL_EXIT,
+    ]
+    assert actual == expected, f"expected {expected}, got {actual}"
+
+
 def test_log_lines_carry_the_time_of_day_in_utc(start_tessd):
     before = datetime.datetime.now(datetime.timezone.utc)
     tessd = start_tessd(environment={"TZ": "Asia/Tokyo"})
@@ -96,14 +125,47 @@ def test_starts_without_a_service_manager(launch):
     assert serves_ipc()
 
 
+def serves_telnet() -> bool:
+    """Somebody listens; the conversation is not begun."""
+    try:
+        socket.create_connection(settings.TELNET_ADDRESS, timeout=5).close()
+    except ConnectionRefusedError:
+        return False
+    return True
+
+
 def test_starts_with_every_port_by_default(launch):
-    tessd = launch().wait_running()
+    with SerialLine() as line:
+        launch().wait_running()
+        assert serves_ipc() and serves_xcp() and serves_telnet() and serves_queue()
+        line.expect_nothing_more()
+
+
+def test_starts_without_the_serial_device(launch):
+    """The port stays closed; nothing is said about it but by its connection, which exists all the same."""
+    tessd = launch("--notelnet").wait_running()
+    assert INITIALIZE_COM2 in tessd.entries() and com2.opened(1) in tessd.entries(), tessd.log_text()
     assert serves_ipc() and serves_xcp() and serves_queue()
-    assert [entry for entry in tessd.entries() if entry in (INITIALIZE_XCP, INITIALIZE_IPC, RUNNING)] == [
-        INITIALIZE_XCP,
-        INITIALIZE_IPC,
-        RUNNING,
-    ]
+    tessd.stop()
+    assert com2.CONNECTION_CLOSED in tessd.entries() and COM2_PORT_CLOSED not in tessd.entries(), tessd.log_text()
+
+
+def test_a_serial_device_that_is_no_terminal_ends_the_start(launch):
+    device_ns.bind("/dev/null", com2.DEVICE)
+    tessd = launch()
+    tessd.expect_end(1)
+    tessd.expect_entries([INITIALIZE_COM2, ERROR_RUNTIME])
+    assert not os.path.exists(settings.IPC_PATH)
+
+
+def test_a_telnet_port_that_is_taken_ends_the_start_and_gives_the_line_back(launch):
+    with SerialLine() as line, socket.create_server(settings.TELNET_ADDRESS):
+        before = line.get_attributes()
+        tessd = launch()
+        tessd.expect_end(1)
+        tessd.expect_entries([INITIALIZE_COM2, INITIALIZE_TELNET, COM2_PORT_CLOSED, ERROR_RUNTIME])
+        assert line.get_attributes() == before
+    assert not os.path.exists(settings.IPC_PATH)
 
 
 @pytest.mark.parametrize(
@@ -161,6 +223,23 @@ def test_short_forms_of_the_port_options(launch):
     """-y is --nocom2; -x is --notelnet, but wants an argument; -v is --noxcp."""
     tessd = launch("-y", "-x", "anything", "-v").wait_running()
     tessd.expect_entries([INITIALIZE_XCP, RUNNING])
+    assert not serves_telnet()
+
+
+def test_options_leave_out_the_serial_line_and_telnet(launch):
+    for option, left_out in (
+        ("--nocom2", INITIALIZE_COM2),
+        ("-y", INITIALIZE_COM2),
+        ("--notelnet", INITIALIZE_TELNET),
+    ):
+        with SerialLine() as line:
+            tessd = launch(option).wait_running()
+            said = [entry for entry in (INITIALIZE_COM2, INITIALIZE_TELNET) if entry in tessd.entries()]
+            assert said == [entry for entry in (INITIALIZE_COM2, INITIALIZE_TELNET) if entry != left_out], option
+            assert serves_telnet() == (left_out != INITIALIZE_TELNET), option
+            if left_out != INITIALIZE_COM2:
+                line.expect_nothing_more()
+            tessd.stop()
 
 
 def test_without_any_port_queue_messages_are_served(launch):

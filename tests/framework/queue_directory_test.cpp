@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -128,6 +129,20 @@ TEST(QueueDirectory, TellsQueuesOfThisDirectoryFromEverythingElse)
         const sockaddr_un from = addressOf(c.name, length);
         EXPECT_EQ(c.queue, directory.queueOf(from, length)) << c.name;
     }
+}
+
+TEST(QueueDirectory, ARelativePathIsNotLookedUpInTheReceiversOwnWorkingDirectory)
+{
+    const TTempDir dir;
+    const TQueueDirectory directory(dir.path());
+    const std::filesystem::path before = std::filesystem::current_path();
+    std::filesystem::current_path(dir.path());
+    for (const char* name : {"./7", "7", ".//7"}) {
+        socklen_t length = 0;
+        const sockaddr_un from = addressOf(name, length);
+        EXPECT_EQ(0, directory.queueOf(from, length)) << name;
+    }
+    std::filesystem::current_path(before);
 }
 
 TEST(QueueDirectory, AnUnboundSocketBelongsToNoQueue)

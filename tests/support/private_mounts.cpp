@@ -35,6 +35,13 @@ bool becomeRootInside(uid_t user, gid_t group)
            writeFile("/proc/self/gid_map", "0 " + std::to_string(group) + " 1");
 }
 
+/// Pseudo-terminals of its own, see devpts in the kernel's documentation.
+bool furnishTerminals(const std::string& dev)
+{
+    return ::mkdir((dev + "/pts").c_str(), 0755) == 0 && ::symlink("pts/ptmx", (dev + "/ptmx").c_str()) == 0 &&
+           ::mount("devpts", (dev + "/pts").c_str(), "devpts", 0, "newinstance,ptmxmode=0666") == 0;
+}
+
 /// A /dev that holds nothing of the machine but what is harmless.
 bool furnishDev()
 {
@@ -46,7 +53,7 @@ bool furnishDev()
         ::close(place);
         if (::mount(("/dev" + name).c_str(), (made + name).c_str(), nullptr, MS_BIND, nullptr) != 0) return false;
     }
-    return ::mount(made, "/dev", nullptr, MS_BIND | MS_REC, nullptr) == 0;
+    return furnishTerminals(made) && ::mount(made, "/dev", nullptr, MS_BIND | MS_REC, nullptr) == 0;
 }
 
 } // namespace

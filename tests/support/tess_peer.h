@@ -26,7 +26,7 @@ public:
     std::vector<TPortConn*>& conns() { return tess_.conns; }
     FairMutex& connLock() { return tess_.connLock; }
     std::mutex& regLock() { return tess_.regLock; }
-    std::multimap<std::uint64_t, std::string>& delayQueues() { return tess_.delayQueues; }
+    TDelayQueue& delayQueues() { return tess_.delayQueues; }
     std::int32_t stopRequested() const { return tess_.stopRequested; }
     bool serviceDone() const { return tess_.serviceDone; }
 

@@ -1,4 +1,4 @@
-// main() of the unit tests that may listen on the device's own paths.
+// main() of the unit tests that may listen on the device's own paths and TCP port.
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "tests/support/private_mounts.h"
+#include "tests/support/private_network.h"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #include <sanitizer/common_interface_defs.h>
@@ -44,6 +45,7 @@ int main(int argc, char** argv)
 {
     keepReportsVisible();
     enterPrivateMounts();
+    enterPrivateNetwork();
     giveUpReboot();
     ::signal(SIGPIPE, SIG_IGN); // the daemon's handler does no more
     testing::InitGoogleTest(&argc, argv);

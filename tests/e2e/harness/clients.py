@@ -1,4 +1,4 @@
-"""Clients of the two local command ports."""
+"""Clients of the command ports that are sockets."""
 
 from __future__ import annotations
 
@@ -11,10 +11,12 @@ from harness.waiting import Deadline
 class Client:
     """A connected client. What is expected must be the very next bytes that come."""
 
-    def __init__(self, path: str) -> None:
-        self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+    def __init__(self, address: str | tuple[str, int]) -> None:
+        """A path for a local socket, a host and a port for TCP."""
+        family = socket.AF_UNIX if isinstance(address, str) else socket.AF_INET
+        self.socket = socket.socket(family, socket.SOCK_STREAM)
         self.socket.settimeout(5 * settings.SLOW)
-        self.socket.connect(path)
+        self.socket.connect(address)
 
     def close(self) -> None:
         self.socket.close()

@@ -19,6 +19,11 @@ from harness.waiting import Deadline, wait_until
 # Local ports only: what the tests of these ports need.
 LOCAL_PORTS = ("--nocom2", "--notelnet")
 
+# All but the serial line.
+SOCKET_PORTS = ("--nocom2",)
+
+INITIALIZE_COM2 = (36101, "Initialize Com2 connection")
+INITIALIZE_TELNET = (36004, "Initialize telnet connection")
 INITIALIZE_XCP = (36104, "Initialize XCP socket connection")
 INITIALIZE_IPC = (36104, "Initialize IPC socket connection")
 RUNNING = (51000, "Command listener daemon running")
@@ -26,6 +31,8 @@ NORMAL_EXIT = (51001, "Normal application exit")
 ERROR_RUNTIME = (51008, "Error runtime")
 CLOSING_ALL = (36201, "Closing all connections!")
 CLOSING_TELNET = (36201, "Closing all telnet connections!")
+COM2_PORT_CLOSED = (36102, "COM2 port closed")
+TELNET_PORT_CLOSED = (6001, "telnet port closed")
 XCP_PORT_CLOSED = (36105, "XCP Socket port closed")
 IPC_PORT_CLOSED = (36105, "Socket port closed")
 RECEIVED_SIGTERM = (250009, "Received SIGTERM, proceeding with orderly shutdown")

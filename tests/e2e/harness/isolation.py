@@ -9,7 +9,6 @@ import os
 import select
 import shutil
 import signal
-import subprocess
 import sys
 import tempfile
 import time
@@ -101,7 +100,6 @@ def _child(item: pytest.Item, host_name: str, folder: str, pipe: int, seconds: f
 
         def inside() -> int:
             faulthandler.dump_traceback_later(max(seconds - 2, seconds / 2), file=trace)
-            _hide_serial_line()
             with open(pipe, "wb", buffering=0) as out:
                 for report in runtestprotocol(item, nextitem=None, log=False):
                     data = item.config.hook.pytest_report_to_serializable(config=item.config, report=report)
@@ -114,12 +112,6 @@ def _child(item: pytest.Item, host_name: str, folder: str, pipe: int, seconds: f
             traceback.print_exc(file=file)
     finally:
         os._exit(status)
-
-
-def _hide_serial_line() -> None:
-    """The machine's own serial line, if it has one, is none of the tests' business."""
-    if os.path.exists("/dev/ttyS1"):
-        subprocess.run(["mount", "--bind", "/dev/null", "/dev/ttyS1"], check=True)
 
 
 def _failed_report(item: pytest.Item, text: str, duration: float) -> pytest.TestReport:

@@ -26,6 +26,7 @@ SLOW = float(os.environ.get("TESSD_SLOW_FACTOR") or 1)
 QUEUE_DIR = "/run/tess/queue"
 IPC_PATH = "/tmp/socket"
 XCP_PATH = "/tmp/xcp"
+TELNET_ADDRESS = ("127.0.0.1", 23)
 HOSTNAME = "s3"
 
 

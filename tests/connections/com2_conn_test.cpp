@@ -1,0 +1,285 @@
+#include "connections/com2_conn.h"
+
+#include <cstring>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "framework/fixed_text.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/private_mounts.h"
+#include "tests/support/pty_line.h"
+#include "tests/support/readable.h"
+#include "tests/support/waiting.h"
+
+using namespace std::string_literals;
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+using testing::IsEmpty;
+using Texts = std::vector<std::string>;
+
+namespace {
+
+class Com2Conn : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (!privateMountsProblem().empty()) GTEST_SKIP() << privateMountsProblem();
+        far = std::make_unique<PtyLine>();
+        conn.fd = far->open();
+        ASSERT_GE(conn.fd, 0);
+        ASSERT_TRUE(PtyLine::makePlain(conn.fd));
+    }
+    void TearDown() override
+    {
+        if (conn.fd >= 0) ::close(conn.fd);
+    }
+
+    Texts readLines()
+    {
+        result = conn.readCmd();
+        Texts lines;
+        for (int i = 0; i < result; ++i)
+            lines.emplace_back(conn.cmds[static_cast<std::size_t>(i)].text);
+        return lines;
+    }
+
+    Texts typeAndRead(std::string_view bytes)
+    {
+        EXPECT_TRUE(far->type(bytes));
+        EXPECT_TRUE(isReadable(conn.fd));
+        return readLines();
+    }
+
+    bool isCanonical() const
+    {
+        termios tio{};
+        EXPECT_EQ(::tcgetattr(conn.fd, &tio), 0);
+        return (tio.c_lflag & static_cast<tcflag_t>(ICANON)) != 0;
+    }
+
+    std::unique_ptr<PtyLine> far;
+    TCom2Conn conn{1, 0x0056'0000};
+    int result = 0; ///< of the last read
+};
+
+TOrbAttachmentMsg recordWith(std::string_view text)
+{
+    TOrbAttachmentMsg record{};
+    putText(record.text, text);
+    return record;
+}
+
+} // namespace
+
+TEST_F(Com2Conn, StartsLoggedInAndNotMuted)
+{
+    EXPECT_EQ(conn.loginState, 3);
+    EXPECT_EQ(conn.isSerialLine(), 1);
+    EXPECT_EQ(conn.getPortId(), 1U);
+    EXPECT_EQ(conn.connId, 0x0056'0000U);
+    EXPECT_NE(conn.muteExpired(), 0);
+    EXPECT_EQ(conn.hasTimedOut(), 0);
+}
+
+TEST_F(Com2Conn, YieldsNothingAtOnceWhileNothingHasArrived)
+{
+    const Stopwatch watch;
+    EXPECT_EQ(conn.readCmd(), 0);
+    EXPECT_LT(watch.ms(), 900);
+    EXPECT_EQ(conn.rxLen, 0);
+}
+
+TEST_F(Com2Conn, YieldsOneLineARead)
+{
+    EXPECT_THAT(typeAndRead("SETX 5\r*\r\r  A \n"), ElementsAre("SETX 5"));
+    EXPECT_THAT(readLines(), ElementsAre("*"));
+    EXPECT_THAT(readLines(), IsEmpty()) << "an empty line";
+    EXPECT_EQ(conn.rxLen, 1);
+    EXPECT_THAT(readLines(), ElementsAre("A "));
+    EXPECT_EQ(conn.cmds[0].tag, 0U);
+    EXPECT_EQ(conn.readCmd(), 0);
+}
+
+TEST_F(Com2Conn, TakesALineThatArrivesInPiecesWhenItIsWhole)
+{
+    for (const char c : "s3.ENC SETX 5"s) {
+        ASSERT_TRUE(far->type({&c, 1}));
+        EXPECT_EQ(conn.readCmd(), 0);
+    }
+    EXPECT_THAT(typeAndRead("\r"), ElementsAre("s3.ENC SETX 5"));
+}
+
+TEST_F(Com2Conn, TakesALongLineInReadsOf1024Bytes)
+{
+    EXPECT_THAT(typeAndRead(std::string(1500, 'x') + "\r"), ElementsAre(std::string(1024, 'x')));
+    EXPECT_EQ(readLines().size(), 1U);
+    EXPECT_EQ(conn.rxLen, 477);
+}
+
+TEST_F(Com2Conn, RunsAPieceWithoutALineEndOnIntoWhatALongerLineHasLeft)
+{
+    EXPECT_THAT(typeAndRead("0123456789\r"), ElementsAre("0123456789"));
+    EXPECT_THAT(typeAndRead("AB\x04"), ElementsAre("AB23456789")) << "Ctrl-D ends the read";
+    EXPECT_EQ(conn.rxLen, 2);
+}
+
+TEST_F(Com2Conn, DoesNotArmTheIdleTimer)
+{
+    conn.idleTimer.setTimeOut({0, 0});
+    EXPECT_THAT(typeAndRead("A\r"), ElementsAre("A"));
+    EXPECT_TRUE(conn.idleTimer.hasTimedOut());
+    EXPECT_EQ(conn.hasTimedOut(), 0) << "it never times out";
+}
+
+TEST_F(Com2Conn, TakesASingleEndOfFileForNothing)
+{
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_THAT(typeAndRead("\x04"), IsEmpty());
+        EXPECT_EQ(result, 0);
+        EXPECT_FALSE(conn.rests());
+    }
+    EXPECT_THAT(typeAndRead("A\r"), ElementsAre("A"));
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_THAT(typeAndRead("\x04"), IsEmpty());
+        EXPECT_FALSE(conn.rests()) << "bytes have come in between";
+    }
+}
+
+TEST_F(Com2Conn, NeverReportsALineThatHasHungUpButLetsItRest)
+{
+    far->hangUp();
+    ASSERT_TRUE(isReadable(conn.fd));
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(conn.readCmd(), 0);
+        EXPECT_FALSE(conn.rests()) << "read " << i + 1;
+    }
+    for (int i = 2; i < 5; ++i) {
+        EXPECT_EQ(conn.readCmd(), 0);
+        EXPECT_TRUE(conn.rests()) << "read " << i + 1;
+    }
+    EXPECT_EQ(TPortConn::REST_TIME.tv_sec, 1);
+}
+
+TEST_F(Com2Conn, YieldsNothingWithoutADescriptorForASet)
+{
+    for (const int fd : {-1, FD_SETSIZE, 1'000'000}) {
+        TCom2Conn closed(1, 0);
+        closed.fd = fd;
+        EXPECT_EQ(closed.readCmd(), 0);
+    }
+}
+
+// --- mute
+
+TEST_F(Com2Conn, ThrowsEverythingAwayWhileItIsMuted)
+{
+    EXPECT_EQ(conn.startMute(), 0);
+    EXPECT_EQ(conn.muteExpired(), 0);
+    EXPECT_THAT(typeAndRead("s3.ENC X\r"), IsEmpty());
+    EXPECT_EQ(result, 0);
+    EXPECT_TRUE(isCanonical());
+    EXPECT_THAT(typeAndRead("A\r"), IsEmpty());
+    conn.startMute();
+    ASSERT_TRUE(waitUntil([&] { return conn.muteExpired() != 0; }));
+    EXPECT_THAT(typeAndRead("B\r"), ElementsAre("B"));
+}
+
+TEST_F(Com2Conn, IsMutedForTwoSecondsFromTheLastStart)
+{
+    const Stopwatch watch;
+    conn.startMute();
+    ASSERT_TRUE(waitUntil([&] { return conn.muteExpired() != 0; }));
+    EXPECT_GE(watch.ms(), 1999);
+    EXPECT_LT(watch.ms(), 3000);
+}
+
+TEST_F(Com2Conn, EndsWhatItThrowsAwayWithANul)
+{
+    std::memset(conn.rxBuf.data(), 'x', conn.rxBuf.size());
+    conn.startMute();
+    typeAndRead("AB\r");
+    EXPECT_EQ(conn.rxLen, 3);
+    EXPECT_EQ(std::string(conn.rxBuf.data()), "AB\n");
+}
+
+TEST_F(Com2Conn, CanBeMutedFromAnotherThread)
+{
+    std::thread([&] {
+        for (int i = 0; i < 1000; ++i)
+            conn.startMute();
+    }).join();
+    EXPECT_EQ(conn.muteExpired(), 0);
+    std::thread muting([&] {
+        for (int i = 0; i < 1000; ++i)
+            conn.startMute();
+    });
+    for (int i = 0; i < 1000; ++i)
+        EXPECT_EQ(conn.muteExpired(), 0);
+    muting.join();
+}
+
+TEST_F(Com2Conn, SwitchesCanonicalInput)
+{
+    EXPECT_EQ(conn.setCanonical(0), 0);
+    EXPECT_FALSE(isCanonical());
+    EXPECT_EQ(conn.setCanonical(0), 0);
+    EXPECT_FALSE(isCanonical());
+    EXPECT_EQ(conn.setCanonical(7), 0);
+    EXPECT_TRUE(isCanonical());
+    TCom2Conn other(1, 0);
+    EXPECT_EQ(other.setCanonical(1), 1) << "no descriptor";
+    other.fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+    EXPECT_EQ(other.setCanonical(1), 1) << "no terminal";
+    ::close(other.fd);
+}
+
+TEST_F(Com2Conn, LeavesTheOtherSettingsAloneWhenItSwitches)
+{
+    termios before{};
+    termios after{};
+    ASSERT_EQ(::tcgetattr(conn.fd, &before), 0);
+    conn.setCanonical(0);
+    conn.setCanonical(1);
+    ASSERT_EQ(::tcgetattr(conn.fd, &after), 0);
+    EXPECT_EQ(after.c_iflag, before.c_iflag);
+    EXPECT_EQ(after.c_oflag, before.c_oflag);
+    EXPECT_EQ(after.c_cflag, before.c_cflag);
+    EXPECT_EQ(after.c_lflag, before.c_lflag);
+    EXPECT_EQ(std::memcmp(after.c_cc, before.c_cc, sizeof after.c_cc), 0);
+}
+
+// --- writing
+
+TEST_F(Com2Conn, WritesTheTextOnly)
+{
+    for (const std::string& text : {"OK\r\n\r\n"s, "?\r\n"s, ""s, "\xE4%s%n\r\n"s, std::string(3000, 'x')}) {
+        TOrbAttachmentMsg record = recordWith(text);
+        EXPECT_EQ(conn.write(&record), 0);
+        EXPECT_EQ(readable(far->receive(text.size())), readable(text));
+    }
+    EXPECT_EQ(far->received(), "");
+}
+
+TEST_F(Com2Conn, FailsToWriteSilently)
+{
+    TOrbAttachmentMsg record = recordWith("OK\r\n\r\n");
+    const LogCapture log;
+    far->hangUp();
+    EXPECT_EQ(conn.write(&record), 1) << "the far end has hung up";
+    TCom2Conn closed(1, 0);
+    EXPECT_EQ(closed.write(&record), 1) << "no descriptor";
+    EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST_F(Com2Conn, LeavesItsDescriptorOpenAtItsEnd)
+{
+    {
+        TCom2Conn ending(1, 0x0057'0000);
+        ending.fd = conn.fd;
+    }
+    EXPECT_NE(::fcntl(conn.fd, F_GETFD), -1);
+    EXPECT_THAT(typeAndRead("A\r"), ElementsAre("A"));
+}

@@ -1,0 +1,78 @@
+"""The far end of the serial line COM2, what is typed there and what arrives."""
+
+from __future__ import annotations
+
+import os
+import select
+import termios
+import time
+
+import serial_line  # of tools/
+from harness.waiting import Deadline
+
+DEVICE = serial_line.DEVICE
+SerialCable = serial_line.SerialCable
+
+IFLAG, OFLAG, CFLAG, LFLAG, ISPEED, OSPEED, CC = range(7)  # of the list of tcgetattr(3)
+MUTE_SECONDS = 2
+CONNECTION_CLOSED = (36102, "COM2 connection closed")
+
+
+def opened(number: int) -> tuple[int, str]:
+    """Log line of the `number`-th connection since the start; the first is 1."""
+    return 36103, f"Open connection Com2 with ID = 0x{0x550000 + (number - 1) * 0x10000:x}"
+
+
+class SerialLine:
+    """Makes the line appear on its construction, before the daemon starts. What is expected must be the very next bytes
+    that come."""
+
+    def __init__(self) -> None:
+        self._far_end = serial_line.make_device()
+
+    def hang_up(self) -> None:
+        """The cable is pulled out; it does not come back."""
+        if self._far_end >= 0:
+            os.close(self._far_end)
+        self._far_end = -1
+
+    def __enter__(self) -> SerialLine:
+        return self
+
+    def __exit__(self, *_) -> None:
+        self.hang_up()
+
+    def type(self, keys: bytes) -> None:
+        assert os.write(self._far_end, keys) == len(keys)
+
+    def receive(self, size: int, within: float = 5) -> bytes:
+        """Exactly `size` bytes, or what came of them before the time was over."""
+        deadline = Deadline(within)
+        data = b""
+        while len(data) < size and select.select([self._far_end], [], [], deadline.left())[0]:
+            try:
+                data += os.read(self._far_end, size - len(data))
+            except OSError:  # EIO: the daemon has the device not open just now
+                if deadline.over():
+                    break
+                time.sleep(0.002)
+        return data
+
+    def expect(self, expected: bytes, within: float = 5) -> None:
+        actual = self.receive(len(expected), within)
+        assert actual == expected, f"expected {expected!r} on the line, got {actual!r}"
+
+    def ask(self, line: bytes, answer: bytes, within: float = 5) -> None:
+        self.type(line + b"\r")
+        self.expect(answer, within)
+
+    def expect_nothing_more(self) -> None:
+        """Everything typed so far has been interpreted, and no answer to it is outstanding."""
+        self.ask(b"*", b"0\r\n\r\n")
+
+    def get_attributes(self) -> list:
+        """Of the daemon's end, as tcgetattr(3)."""
+        return termios.tcgetattr(self._far_end)
+
+    def set_attributes(self, attributes: list) -> None:
+        termios.tcsetattr(self._far_end, termios.TCSANOW, attributes)

@@ -1,0 +1,146 @@
+#include "commands/interpreter.h"
+
+#include <algorithm>
+#include <cstring>
+#include <strings.h>
+
+#include "tests/commands/command_test_bench.h"
+#include "tests/fuzz/fuzz_check.h"
+#include "tests/fuzz/fuzz_input.h"
+#include "tests/support/fake_conn.h"
+
+namespace {
+
+/// More would fill the queue of the process, which makes every one of them slow.
+constexpr std::ptrdiff_t MOST_FORWARDS = 10;
+
+int resets = 0;
+
+int fakeResetDevice(const char* line)
+{
+    ++resets;
+    return static_cast<int>(std::strlen(line) % 2); // refused by turns
+}
+
+bool beginsWithNoCase(const std::string& text, const char* head)
+{
+    return ::strncasecmp(text.c_str(), head, std::strlen(head)) == 0;
+}
+
+bool isReply(std::string_view text)
+{
+    static constexpr std::string_view replies[] = {"?\r\n", "0\r\n\r\n", "OK\r\n\r\n",
+                                                   "Error Processing Reset Command.\r\n\r\n",
+                                                   "Error Setting Command: Invalid Arguments.\r\n\r\n"};
+    return std::find(std::begin(replies), std::end(replies), text) != std::end(replies);
+}
+
+/// Listings may be long and come in several writes; nothing else begins with a digit or goes on behind "OK".
+bool isListing(std::string_view text)
+{
+    return text.ends_with("\r\n") && (text.starts_with("OK\r\n") || text.find(':') != std::string_view::npos);
+}
+
+class Session {
+public:
+    Session()
+    {
+        bench_.outMsg.kind = MSG_TEXT;
+        bench_.outMsg.sender = 4711;
+        bench_.context.resetDevice = fakeResetDevice;
+        bench_.registerProcess(2001, 0xFFFF'FFFF, "ENC");
+        bench_.registerProcess(2002, PORT_IPC | PORT_XCP, "GPSD"); // has no queue
+    }
+
+    /// One line, from a connection of that kind or, for 0, from none.
+    void process(std::uint32_t portType, std::uint32_t tag, std::string line)
+    {
+        line = line.c_str(); // as readers hand it over: up to its NUL
+        const bool many = std::count(line.begin(), line.end(), '|') >= MOST_FORWARDS;
+        bench_.regProcs[0]->procId = many ? 2003 : 2001; // 2003 has no queue
+        FakeConn conn(portType, 0xBB01'0000);
+        std::vector<char> buffer(line.c_str(), line.c_str() + line.size() + 1);
+        const TCmdEntry entry{tag, buffer.data()};
+        const int resetsBefore = resets;
+        const int result = processCmd(bench_.context, portType != 0 ? &conn : nullptr, &entry);
+
+        const bool isReset = beginsWithNoCase(line, "RESET");
+        const bool quits = portType == PORT_TELNET && line.starts_with("quit") && !isReset;
+        fuzzCheck(line == buffer.data(), "the line is left as it is");
+        fuzzCheck(resets - resetsBefore == (isReset ? 1 : 0), "a reset is tried for a line that begins so");
+        fuzzCheck((result == CMD_CLOSE_CONNECTION) == quits, "quit closes a telnet connection, and nothing else does");
+        fuzzCheck(result == 0 || result == 1 || quits, "the result is 0, 1 or -2");
+        fuzzCheck(result != 1 || isReset, "1 reports a reset that failed");
+        fuzzCheck(!(quits && !conn.written.empty()), "quit gets no reply");
+        for (const std::string& text : conn.written)
+            fuzzCheck(isReply(text) || isListing(text), "a reply is one of the known texts");
+        checkRecord();
+        checkForwards(portType != 0 ? conn.connId | tag : tag);
+    }
+
+    /// Lets everything that is delayed fall due at once.
+    void runDelayed()
+    {
+        TDelayQueue due;
+        for (auto& [time, line] : bench_.delayQueues)
+            if (std::count(line.begin(), line.end(), '|') < MOST_FORWARDS) due.emplace(0, std::move(line));
+        bench_.delayQueues = std::move(due);
+        bench_.regProcs[0]->procId = 2003;
+        runDelays(bench_.context);
+        for (const auto& [time, line] : bench_.delayQueues)
+            fuzzCheck(time != 0, "what was due is no longer queued");
+        checkRecord();
+    }
+
+private:
+    void checkRecord()
+    {
+        fuzzCheck(bench_.outMsg.kind == MSG_TEXT && bench_.outMsg.sender == 4711, "kind and sender are left alone");
+        fuzzCheck(std::memchr(bench_.outMsg.text, 0, MSG_TEXT_BYTES) != nullptr, "the record's text ends with a NUL");
+        fuzzCheck(bench_.outLen == 0 || (bench_.outLen >= 18 && bench_.outLen <= 16 + 1023 + 2),
+                  "a forwarded record has 0 to 1023 characters, a LF and a NUL");
+    }
+
+    void checkForwards(std::uint32_t tag)
+    {
+        for (const Received& forwarded : encoder_.receiveAll()) {
+            const std::string_view text = forwarded.textBytes();
+            fuzzCheck(text.size() >= 2 && text.ends_with(std::string_view("\n\0", 2)),
+                      "a command ends with LF and NUL");
+            fuzzCheck(text.find('\0') == text.size() - 1, "a command has one NUL");
+            fuzzCheck(text.find('|') == std::string_view::npos, "a command has no separator");
+            fuzzCheck(forwarded.record.kind == MSG_TEXT, "a command is text");
+            fuzzCheck(forwarded.record.tag == tag, "a command has the tag of connection and entry");
+        }
+    }
+
+    CommandTestBench bench_;
+    QueueProcess encoder_{bench_.directory, 2001};
+};
+
+} // namespace
+
+std::span<const std::string_view> fuzzDictionary()
+{
+    static constexpr std::string_view words[] = {
+        "\n",           "|",        "*",    " ",     "$",     ".",    "s3.ENC ",  "*.",         "SETX 5",
+        "$GPRMC,1",     "RESET",    "quit", "DELAY", "CLEAR", "1.0|", "1:0:0.5|", "DELAY 1.0|", "DELAY CLEAR",
+        "reset REINIT", "s3.GPSD ", "\t"};
+    return words;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
+{
+    static constexpr std::uint32_t portTypes[] = {PORT_IPC, PORT_TELNET, PORT_XCP, PORT_COM2, 0};
+    FuzzInput input(data, size);
+    const std::uint32_t portType = input.oneOf(portTypes);
+    const std::uint32_t tag = input.number<std::uint32_t>();
+    Session session;
+    std::string text = input.rest();
+    for (std::size_t end = 0; !text.empty(); text.erase(0, end)) {
+        end = std::min(text.find('\n'), text.size() - 1) + 1;
+        session.process(portType, tag, text.substr(0, end - 1));
+    }
+    session.runDelayed();
+    return 0;
+}

@@ -1,0 +1,137 @@
+#include "connections/xcp_con.h"
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+
+#include "connections/waiting.h"
+#include "tests/fuzz/fuzz_check.h"
+#include "tests/fuzz/fuzz_input.h"
+#include "tests/support/line_rules.h"
+#include "tests/support/stream_pair.h"
+
+namespace {
+
+struct FrameHeader {
+    std::uint32_t word0, word1, tag;
+    std::int32_t payloadBytes;
+};
+
+std::string bytesOf(const FrameHeader& header)
+{
+    std::string bytes(sizeof header, '\0');
+    std::memcpy(bytes.data(), &header, sizeof header);
+    return bytes;
+}
+
+/// What a client sends next: a frame, sometimes one that lies about its length, or anything at all.
+std::string nextBytes(FuzzInput& input)
+{
+    const std::uint8_t choice = input.byte();
+    if (choice % 8 == 0) return input.chunk(64);
+    const std::string payload = input.chunk(1100);
+    FrameHeader header{0x5A5A'5A5A, 0xA5A5'A5A5, input.number<std::uint32_t>(),
+                       static_cast<std::int32_t>(payload.size())};
+    if (choice % 8 == 1) header.payloadBytes = input.number<std::int32_t>();
+    if (choice % 8 == 2) header.payloadBytes += static_cast<std::int8_t>(input.byte());
+    return bytesOf(header) + payload;
+}
+
+/// A client and its connection, and what is on the way between them.
+struct Session {
+    Session() { conn.fd = pair.releaseServer(); }
+
+    /// @return false when the connection is to be closed
+    bool read()
+    {
+        const int count = conn.readCmd();
+        fuzzCheck(count >= -1 && count <= TPortConn::RX_BYTES, "the result is a number of lines, or -1");
+        if (inFlight.empty()) {
+            fuzzCheck(count == 0, "nothing yields nothing");
+            return true;
+        }
+        FrameHeader header{};
+        if (inFlight.size() < sizeof header) {
+            fuzzCheck(count == -1, "a header that is not whole ends the connection when the daemon is to stop");
+            return false;
+        }
+        std::memcpy(&header, inFlight.data(), sizeof header);
+        if (header.payloadBytes < 0 || header.payloadBytes > 1008) {
+            fuzzCheck(count == -1, "a length that does not fit ends the connection");
+            return false;
+        }
+        const auto declared = static_cast<std::size_t>(header.payloadBytes);
+        const std::string payload = inFlight.substr(sizeof header, declared);
+        checkEntries(count, header, declared);
+        if (payload.size() == declared) checkLines(count, payload);
+        fuzzCheck(conn.rxLen == static_cast<int>(sizeof header + payload.size()), "header and payload are consumed");
+        inFlight.erase(0, sizeof header + payload.size());
+        return true;
+    }
+
+    void checkEntries(int count, const FrameHeader& header, std::size_t declared)
+    {
+        const char* const begin = conn.rxBuf.data() + sizeof header;
+        for (std::size_t i = 0; i < static_cast<std::size_t>(count); ++i) {
+            const TCmdEntry& entry = conn.cmds[i];
+            fuzzCheck(entry.text >= begin && entry.text < begin + declared, "a line begins inside the payload");
+            fuzzCheck(entry.text + std::strlen(entry.text) <= begin + declared,
+                      "a line ends with the payload at the latest");
+            fuzzCheck(entry.tag == header.tag, "a line has the frame's tag");
+        }
+    }
+
+    void checkLines(int count, const std::string& payload)
+    {
+        const std::vector<std::string> lines = frameLinesByRules(payload);
+        fuzzCheck(count == static_cast<int>(lines.size()), "the number of lines is what the rules give");
+        for (std::size_t i = 0; i < lines.size(); ++i)
+            fuzzCheck(conn.cmds[i].text == lines[i], "a line is what the rules give");
+    }
+
+    StreamPair pair;
+    TXCPCon conn{4, 0x0057'0000};
+    std::string inFlight;
+};
+
+} // namespace
+
+std::span<const std::string_view> fuzzDictionary()
+{
+    using namespace std::string_view_literals;
+    static constexpr std::string_view words[] = {"\x03\x05\x00"sv,
+                                                 "\x03\xF0\x03"sv,
+                                                 "\x01\x04\x00"sv,
+                                                 "\x02\x08\x00"sv,
+                                                 "\x08\x10\x00"sv,
+                                                 "ver\r\n"sv,
+                                                 "A\n\0"sv,
+                                                 "A\rB"sv,
+                                                 " "sv,
+                                                 "\x7F\xFF\xFF\xFF"sv,
+                                                 "\x80\0\0\0"sv,
+                                                 "\0\0\0\x80"sv,
+                                                 "\xFF\xFF\xFF\xFF"sv,
+                                                 "\0\0\0\0"sv};
+    return words;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
+{
+    g_endWaits = true; // a header that is not whole is not waited for
+    FuzzInput input(data, size);
+    auto session = std::make_unique<Session>();
+    while (!input.empty()) {
+        const std::string sent = nextBytes(input);
+        fuzzCheck(sent.empty() || session->pair.send(sent), "the test can send");
+        session->inFlight += sent;
+        const int reads = 1 + input.byte() % 3;
+        for (int i = 0; i < reads; ++i) {
+            if (session->read()) continue;
+            session = std::make_unique<Session>();
+            break;
+        }
+    }
+    fuzzCheck(session->pair.received().empty(), "nothing is echoed");
+    return 0;
+}

@@ -1,0 +1,347 @@
+#include "ports/port_telnet.h"
+
+#include <algorithm>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <memory>
+#include <netinet/in.h>
+#include <stdexcept>
+#include <sys/resource.h>
+#include <thread>
+#include <vector>
+
+#include "connections/telnet_conn.h"
+#include "connections/waiting.h"
+#include "ports/milestone.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/private_network.h"
+#include "tests/support/readable.h"
+#include "tests/support/tcp_pair.h"
+#include "tests/support/waiting.h"
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+const LogLine portClosed{6001, "telnet port closed"};
+
+/// A client that is no telnet client and says so at once: it costs no second of silence.
+class Client : public TcpClient {
+public:
+    Client() : TcpClient(connectTo(23))
+    {
+        if (fd() >= 0) (void)send("*\r\n");
+    }
+};
+
+class PortTelnet : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (!privateNetworkProblem().empty()) GTEST_SKIP() << privateNetworkProblem();
+        g_endWaits = false;
+        port = std::make_unique<TPortTelnet>();
+    }
+    void TearDown() override
+    {
+        g_endWaits = false;
+        for (TPortConn*& conn : conns)
+            port->closeConn(&conn);
+    }
+
+    /// Lets the port take whoever waits; loopback is quick, not immediate.
+    /// @return the new connection, null when there is none
+    TPortConn* take()
+    {
+        TPortConn* conn = nullptr;
+        const std::uint32_t before = port->nextConnId;
+        waitUntil([&] {
+            const int result = port->chkNewConn(&conn);
+            EXPECT_EQ(result, conn != nullptr ? 1 : 0);
+            return port->nextConnId != before;
+        });
+        if (conn != nullptr) conns.push_back(conn);
+        return conn;
+    }
+
+    std::unique_ptr<TPortTelnet> port;
+    std::vector<TPortConn*> conns;
+};
+
+/// A socket option of a connection.
+int optionOf(int fd, int option)
+{
+    int value = -1;
+    socklen_t length = sizeof value;
+    EXPECT_EQ(::getsockopt(fd, SOL_SOCKET, option, &value, &length), 0);
+    return value;
+}
+
+std::string problem()
+{
+    try {
+        const TPortTelnet port;
+    } catch (const std::runtime_error& error) {
+        return error.what();
+    }
+    return "none";
+}
+
+} // namespace
+
+TEST_F(PortTelnet, OpensWithItsNumbers)
+{
+    EXPECT_TRUE(port->isOpen);
+    EXPECT_EQ(port->portType, 2U);
+    EXPECT_EQ(port->maxConns, 10);
+    EXPECT_EQ(port->activeConns, 0);
+    EXPECT_EQ(port->nextConnId, 0xAA00'0000U);
+    EXPECT_EQ(port->listenAddr.sin_family, AF_INET);
+    EXPECT_EQ(ntohs(port->listenAddr.sin_port), 23);
+    EXPECT_EQ(port->listenAddr.sin_addr.s_addr, htonl(INADDR_ANY));
+    EXPECT_NE(::fcntl(port->fd, F_GETFD) & FD_CLOEXEC, 0);
+    EXPECT_EQ(optionOf(port->fd, SO_REUSEADDR), 1);
+    EXPECT_EQ(optionOf(port->fd, SO_KEEPALIVE), 1);
+    EXPECT_EQ(optionOf(port->fd, SO_SNDBUF), 2 * 16384);
+    EXPECT_EQ(optionOf(port->fd, SO_RCVBUF), 2 * 65536);
+    EXPECT_EQ(optionOf(port->fd, SO_ACCEPTCONN), 1);
+}
+
+TEST_F(PortTelnet, FindsNobodyAtOnceWhenNobodyConnects)
+{
+    TPortConn* conn = nullptr;
+    const Stopwatch watch;
+    EXPECT_EQ(port->chkNewConn(&conn), 0);
+    EXPECT_LT(watch.ms(), 900);
+    EXPECT_EQ(conn, nullptr);
+    EXPECT_EQ(port->activeConns, 0);
+    EXPECT_EQ(port->nextConnId, 0xAA00'0000U);
+}
+
+TEST_F(PortTelnet, HandsOutAClientAsAConnectionThatIsNotLoggedIn)
+{
+    const LogCapture log;
+    const Client first;
+    const auto* const conn = dynamic_cast<TTelnetConn*>(take());
+    ASSERT_NE(conn, nullptr);
+    EXPECT_EQ(conn->connId, 0xAA01'0000U);
+    EXPECT_EQ(conn->portId, 2U);
+    EXPECT_EQ(conn->loginState, 0);
+    EXPECT_EQ(conn->serverEcho, 1);
+    EXPECT_EQ(conn->peerAddr.sin_family, AF_INET);
+    EXPECT_EQ(conn->peerAddr.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
+    EXPECT_NE(ntohs(conn->peerAddr.sin_port), 23);
+    EXPECT_NE(ntohs(conn->peerAddr.sin_port), 0);
+    EXPECT_NE(::fcntl(conn->fd, F_GETFD) & FD_CLOEXEC, 0);
+    EXPECT_NE(::fcntl(conn->fd, F_GETFL) & O_NONBLOCK, 0);
+    EXPECT_EQ(optionOf(conn->fd, SO_SNDBUF), 2 * 65536) << "the kernel doubles it";
+    EXPECT_EQ(port->activeConns, 1);
+    EXPECT_EQ(first.received(), "") << "the greeting is not the port's";
+
+    const Client second;
+    ASSERT_NE(take(), nullptr);
+    EXPECT_EQ(conns[1]->connId, 0xAA02'0000U);
+    EXPECT_THAT(log.lines(), ElementsAre(LogLine{6000, "Opened telnet connection 0xaa000000 from 127.0.0.1"},
+                                         LogLine{6000, "Opened telnet connection 0xaa010000 from 127.0.0.1"}));
+}
+
+TEST_F(PortTelnet, NegotiatesBeforeItHandsOut)
+{
+    const TcpClient client(TcpClient::connectTo(23));
+    ASSERT_TRUE(client.send("\xFF\xFB\x22"));
+    const auto* const conn = dynamic_cast<TTelnetConn*>(take());
+    ASSERT_NE(conn, nullptr);
+    EXPECT_EQ(conn->lineMode, 1);
+    EXPECT_EQ(readable(client.receive(6)), readable("\xFF\xFD\x03\xFF\xFD\x22"));
+}
+
+TEST_F(PortTelnet, TellsTheEleventhClientAndTakesTheNextWhenOneHasGone)
+{
+    std::vector<std::unique_ptr<Client>> clients;
+    for (int i = 0; i < 10; ++i) {
+        clients.push_back(std::make_unique<Client>());
+        ASSERT_NE(take(), nullptr) << "client " << i + 1;
+    }
+    {
+        const LogCapture log;
+        const TcpClient eleventh(TcpClient::connectTo(23)); // silent: it is not negotiated with
+        const Stopwatch watch;
+        EXPECT_EQ(take(), nullptr);
+        EXPECT_LT(watch.ms(), 900);
+        EXPECT_EQ(readable(eleventh.receiveToEnd()), "Connection refused: limit reached.\\r\\n");
+        EXPECT_EQ(port->activeConns, 10);
+        EXPECT_EQ(port->nextConnId, 0xAA0B'0000U) << "the refused one has used an ID";
+        EXPECT_THAT(log.lines(),
+                    ElementsAre(LogLine{6001, "Telnet connection closed for 127.0.0.1.  Active connections = 10"}));
+    }
+    {
+        const Client talkative; // it has sent something that nobody reads
+        EXPECT_EQ(take(), nullptr);
+        EXPECT_EQ(readable(talkative.receiveToEnd()), "Connection refused: limit reached.\\r\\n");
+    }
+    {
+        const LogCapture log;
+        EXPECT_EQ(port->closeConn(&conns[3]), 0);
+        EXPECT_EQ(conns[3], nullptr);
+        EXPECT_EQ(port->activeConns, 9);
+        EXPECT_THAT(log.lines(),
+                    ElementsAre(LogLine{6001, "Telnet connection closed for 127.0.0.1.  Active connections = 9"}));
+    }
+    const Client next;
+    ASSERT_NE(take(), nullptr);
+    EXPECT_EQ(conns.back()->connId, 0xAA0D'0000U);
+}
+
+TEST_F(PortTelnet, DropsAClientThatHasResetWithoutAnOpenedLine)
+{
+    TcpClient client(TcpClient::connectTo(23));
+    client.reset();
+    const LogCapture log;
+    EXPECT_EQ(take(), nullptr);
+    EXPECT_EQ(port->activeConns, 0);
+    ASSERT_EQ(log.lines().size(), 1U);
+    EXPECT_EQ(log.lines()[0].id, 6001);
+    EXPECT_THAT(log.lines()[0].text, testing::EndsWith(".  Active connections = 0"));
+}
+
+TEST_F(PortTelnet, DropsAClientThatItCannotAccept)
+{
+    const Client client;
+    pollfd waiting{port->fd, POLLIN, 0};
+    ASSERT_EQ(::poll(&waiting, 1, 10'000), 1);
+    rlimit limit{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const rlim_t before = limit.rlim_cur;
+    std::vector<int> fillers;
+    for (int fd; (fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC)) <= port->fd && fd >= 0;)
+        fillers.push_back(fd);
+    const LogCapture log;
+    limit.rlim_cur = 0; // what is open already stays so
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+    TPortConn* conn = nullptr;
+    const int result = port->chkNewConn(&conn);
+    limit.rlim_cur = before;
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+    for (const int fd : fillers)
+        ::close(fd);
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(conn, nullptr);
+    EXPECT_EQ(port->activeConns, 0);
+    EXPECT_EQ(port->nextConnId, 0xAA01'0000U) << "it has used an ID";
+    EXPECT_THAT(log.lines(),
+                ElementsAre(LogLine{6001, "Telnet connection closed for 0.0.0.0.  Active connections = 0"}));
+}
+
+TEST_F(PortTelnet, ClosesAClientWhoseDescriptorNoSetHolds)
+{
+    rlimit limit{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const rlim_t before = limit.rlim_cur;
+    limit.rlim_cur = std::max<rlim_t>(before, FD_SETSIZE + 100);
+    if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) GTEST_SKIP() << "the limit of open files cannot be raised";
+    const TcpClient client(TcpClient::connectTo(23));
+    std::vector<int> fillers;
+    for (int fd; (fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC)) < FD_SETSIZE && fd >= 0;)
+        fillers.push_back(fd);
+    EXPECT_EQ(take(), nullptr);
+    EXPECT_EQ(client.receiveToEnd(), "");
+    EXPECT_EQ(port->activeConns, 0);
+    for (const int fd : fillers)
+        ::close(fd);
+    limit.rlim_cur = before;
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+TEST_F(PortTelnet, ThrowsWhenItsTcpPortIsInUse)
+{
+    setMilestone(0);
+    EXPECT_EQ(problem(), "failed binding to telnet socket");
+    EXPECT_EQ(g_milestone.load(), 1012) << "an exception leaves the entry number";
+}
+
+TEST_F(PortTelnet, BindsAgainWhileOldSessionsLinger)
+{
+    const Client client;
+    ASSERT_NE(take(), nullptr);
+    port->closeConn(&conns[0]); // the side that closes first is the one that lingers
+    client.receiveToEnd();
+    port.reset();
+    port = std::make_unique<TPortTelnet>();
+    EXPECT_TRUE(port->isOpen);
+    const Client next;
+    EXPECT_NE(take(), nullptr);
+}
+
+TEST_F(PortTelnet, StaysClosedWhenThereIsNoDescriptor)
+{
+    port.reset();
+    rlimit limit{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const rlim_t before = limit.rlim_cur;
+    limit.rlim_cur = 0;
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+    port = std::make_unique<TPortTelnet>();
+    limit.rlim_cur = before;
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+    EXPECT_FALSE(port->isOpen);
+    EXPECT_LT(port->fd, 0);
+    TPortConn* conn = nullptr;
+    EXPECT_EQ(port->chkNewConn(&conn), 0);
+    const LogCapture log;
+    EXPECT_EQ(port->closePort(), 0);
+    EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST_F(PortTelnet, LeavesAnEmptySlotAlone)
+{
+    port->activeConns = 3;
+    TPortConn* none = nullptr;
+    const LogCapture log;
+    EXPECT_EQ(port->closeConn(&none), 0);
+    EXPECT_EQ(port->activeConns, 3);
+    EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST_F(PortTelnet, ClosesOnceAndKeepsItsConnections)
+{
+    const Client client;
+    ASSERT_NE(take(), nullptr);
+    const int fd = port->fd;
+    const LogCapture log;
+    EXPECT_EQ(port->closePort(), 0);
+    EXPECT_FALSE(port->isOpen);
+    EXPECT_EQ(port->activeConns, 0);
+    EXPECT_EQ(TcpClient::connectTo(23), -1);
+    const int taken = ::open("/dev/null", O_RDONLY | O_CLOEXEC); // gets the number that has become free
+    ASSERT_EQ(taken, fd);
+    EXPECT_EQ(port->closePort(), 0);
+    EXPECT_NE(::fcntl(taken, F_GETFD), -1) << "the second call closes nothing";
+    ::close(taken);
+    EXPECT_THAT(log.lines(), ElementsAre(portClosed));
+    TOrbAttachmentMsg record{};
+    record.text[0] = '?';
+    EXPECT_EQ(conns[0]->write(&record), 0);
+    EXPECT_EQ(client.receive(1), "?");
+    EXPECT_EQ(port->closeConn(&conns[0]), 0);
+    EXPECT_EQ(port->activeConns, -1) << "nothing checks the counter after that";
+}
+
+TEST_F(PortTelnet, LeavesTheNumbersOfItsProgress)
+{
+    EXPECT_EQ(g_milestone.load(), 1011);
+    TPortConn* none = nullptr;
+    port->chkNewConn(&none);
+    EXPECT_EQ(g_milestone.load(), 1017);
+    const Client client;
+    ASSERT_NE(take(), nullptr);
+    EXPECT_EQ(g_milestone.load(), 1017);
+    port->closeConn(&conns[0]);
+    EXPECT_EQ(g_milestone.load(), 1019);
+    port->closePort();
+    EXPECT_EQ(g_milestone.load(), 1015);
+    port->openPort();
+    EXPECT_EQ(g_milestone.load(), 1013);
+    const int reopened = port->fd;
+    ::close(reopened); // opened behind the constructor's back: the port does not count it as open
+}
