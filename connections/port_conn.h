@@ -88,6 +88,9 @@ public:
     TOrbHRTimeOut restTimer; ///< while it runs the service loop does not wait for the descriptor; it still is looked at
 
 protected:
+    /// Closes `fd`, if it is greater than 0, so that the peer sees it at once.
+    void closeSocket();
+
     /// Length of the text of a record, which must leave room for its NUL inside the record.
     static std::size_t textLength(const TOrbAttachmentMsg& msg);
 };

@@ -15,7 +15,7 @@ TSocketIPCConn::TSocketIPCConn(std::uint32_t portType, std::uint32_t id) : TPort
 
 TSocketIPCConn::~TSocketIPCConn()
 {
-    if (fd > 0) (void)::close(fd); // nothing is left to do for a descriptor that fails to close
+    closeSocket();
 }
 
 int TSocketIPCConn::readCmd()

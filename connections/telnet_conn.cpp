@@ -28,7 +28,7 @@ TTelnetConn::TTelnetConn(std::uint32_t portType, std::uint32_t id) : TPortConn(p
 
 TTelnetConn::~TTelnetConn()
 {
-    if (fd > 0) (void)::close(fd); // nothing is left to do for a descriptor that fails to close
+    closeSocket();
 }
 
 ssize_t TTelnetConn::peek(char* buffer)

@@ -27,7 +27,7 @@ TXCPCon::TXCPCon(std::uint32_t portType, std::uint32_t id) : TPortConn(portType,
 
 TXCPCon::~TXCPCon()
 {
-    if (fd > 0) (void)::close(fd); // nothing is left to do for a descriptor that fails to close
+    closeSocket();
 }
 
 ssize_t TXCPCon::peek()

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <sys/select.h>
 #include <sys/socket.h>
@@ -46,7 +47,9 @@ public:
     int fd = -1; ///< listening socket or serial device; negative when it could not be opened
     fd_set readSet;
     bool isOpen = false;
-    std::int32_t activeConns = 0; ///< connections of this port that exist, one being set up included
+    /// Connections of this port that exist, one being set up included. The main thread counts down without the service
+    /// thread's knowledge.
+    std::atomic<std::int32_t> activeConns{0};
     std::int32_t maxConns;
     std::uint32_t nextConnId; ///< ID of the newest connection; wraps silently
 

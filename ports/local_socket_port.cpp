@@ -99,7 +99,7 @@ int TLocalSocketPort::closeConn(TPortConn** conn)
         *conn = nullptr;
         activeConns -= 1;
         if (kind_.closed != nullptr)
-            logMgr.log(kind_.closed->id, (FixedText<96>() << kind_.closed->text << activeConns).c_str());
+            logMgr.log(kind_.closed->id, (FixedText<96>() << kind_.closed->text << activeConns.load()).c_str());
     }
     setMilestone(CLOSE_CONN_EXIT);
     return 0;

@@ -125,8 +125,9 @@ int TPortTelnet::closeConn(TPortConn** conn)
         *conn = nullptr;
         activeConns -= 1;
         const LogMessage& closed = port_log::telnetClosed;
-        logMgr.log(closed.id,
-                   (FixedText<96>() << closed.text << peer.c_str() << port_log::telnetActive << activeConns).c_str());
+        logMgr.log(
+            closed.id,
+            (FixedText<96>() << closed.text << peer.c_str() << port_log::telnetActive << activeConns.load()).c_str());
     }
     setMilestone(1019);
     return 0;
