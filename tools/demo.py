@@ -3,8 +3,8 @@
 
     tools/demo.py BIN-FOLDER
 
-Starts tessd and the example process, sends a command over each port, then gives a shell to a terminal; without one it
-stops both again. Ends with status 0 when everything went as it should.
+Makes an account and a serial line, starts tessd and the example process, sends a command over each port, then gives a
+shell to a terminal; without one it stops both again. Ends with status 0 when everything went as it should.
 """
 
 from __future__ import annotations
@@ -18,20 +18,30 @@ import sys
 import time
 
 import ask
+import device_ns
+from serial_line import SerialCable
 
 START_SECONDS = 20.0  # generous: a loaded machine, a sanitizer build
 STOP_SECONDS = 10.0  # tessd itself needs about one
 READY = "\0tessd-demo-ready"  # abstract, so there is nothing to remove
 RC_FILE = "/tmp/demo.bashrc"
 
-# The first command leaves what the next one finds, over another port.
-COMMANDS = {"socket": "s3.ENC SETX 5", "xcp": "s3.ENC GETX"}
+# The first command leaves what the next ones find, over other ports.
+COMMANDS = {"telnet": "s3.ENC SETX 5", "com2": "s3.ENC GETX", "socket": "s3.ENC GETX", "xcp": "s3.ENC GETX"}
 
-HOW_TO_TRY_MORE = """\
+# SHA-512 of ask.PASSWORD; the hash must stand in the password file itself.
+PASSWORD_HASH = "$6$Rk3pVx0LmT9sQe2Z$I3QZFCp/87TExccY2C252DgwRsK/JxTVAsDWUAzK6JOPHP9..8nchzRZQX8G.j33nS.BAMSUcwCkutb1yURrC1"
+
+HOW_TO_TRY_MORE = f"""\
 Try more, in the shell that scripts/run opens when it has a terminal:
+    telnet {ask.HOST}                log in as {ask.USER} with the password {ask.PASSWORD}; 's3.ENC GETX', 'quit'
+    com2                            a terminal on the serial line; Ctrl-A Ctrl-X leaves it
     ask socket 's3.ENC SETX 7'      a line over /tmp/socket, and its answer
     ask xcp 's3.ENC GETX'           the same in a frame, over /tmp/xcp
+    ask telnet '*' 's3.ENC GETX'    two lines in a telnet session; or 'ask com2'
     ask socket 's3.NONE GETX'       nobody of that name: "?"
+    ask socket 'DELAY 10.0|s3.ENC SETX 9' DELAY
+                                    the position in ten seconds, and what is pending
     cat /tmp/tessd.log              what tessd logged
 """
 
@@ -95,7 +105,9 @@ def start_daemon(folder: str) -> Program:
 def show_command(port: str, line: str) -> None:
     client = ask.PORTS[port]
     try:
-        answer = client().ask(line)
+        connection = client()
+        answer = connection.ask(line)
+        connection.close()
     except OSError as error:
         raise DemoError(f"{client.name}: no answer to '{line}': {error}") from error
     print(f"    {client.name:<12} {line:<16} -> {answer.rstrip()}")
@@ -107,24 +119,28 @@ def shell() -> None:
     """An interactive shell inside; comes back when the user leaves it."""
     tools = os.path.dirname(os.path.realpath(__file__))
     with open(RC_FILE, "w", encoding="utf-8") as file:
-        file.write(f"ask() {{ '{sys.executable}' '{tools}/ask.py' \"$@\"; }}\nPS1='[inside the device \\h] \\w\\$ '\n")
+        file.write(f"""\
+ask() {{ '{sys.executable}' '{tools}/ask.py' "$@"; }}
+com2() {{ picocom --nolock --echo --emap crcrlf '{ask.SERIAL_TERMINAL}'; }}
+PS1='[inside the device \\h] \\w\\$ '
+""")
     print("This is a shell inside the device. 'exit' stops everything and leads back.\n", flush=True)
     subprocess.run(["bash", "--noprofile", "--rcfile", RC_FILE, "-i"], check=False)
 
 
+def make_account() -> None:
+    """Adds the user of the demo to the password file, as far as those inside can see."""
+    with open("/etc/passwd", encoding="utf-8") as system, open("/tmp/passwd", "w", encoding="utf-8") as ours:
+        ours.write(f"{ask.USER}:{PASSWORD_HASH}:1000:1000::/tmp:/bin/sh\n" + system.read())
+    device_ns.bind("/tmp/passwd", "/etc/passwd")
+
+
 def demonstrate(folder: str) -> None:
+    make_account()
     try:
-        daemon = start_daemon(folder)
-        encoder = Program(folder, "encoder")
-        encoder.wait_for_log("registered at tessd")
-        print("\ntessd is running, and the example process is registered as ENC. A command over each port:\n")
-        for port, line in COMMANDS.items():
-            show_command(port, line)
-        print("\n" + HOW_TO_TRY_MORE)
-        if sys.stdin.isatty() and sys.stdout.isatty():
-            shell()
-        encoder.stop()
-        daemon.stop()
+        with SerialCable() as cable:
+            os.symlink(cable.user_device, ask.SERIAL_TERMINAL)
+            run_programs(folder)
         print("tessd and the example process have stopped.")
     except DemoError as error:
         print(f"\ndemo: {error}", file=sys.stderr)
@@ -132,6 +148,20 @@ def demonstrate(folder: str) -> None:
             with open(log, encoding="utf-8", errors="replace") as text:
                 print(f"--- {log}:\n{text.read()}", file=sys.stderr)
         raise SystemExit(1) from None
+
+
+def run_programs(folder: str) -> None:
+    daemon = start_daemon(folder)
+    encoder = Program(folder, "encoder")
+    encoder.wait_for_log("registered at tessd")
+    print("\ntessd is running, and the example process is registered as ENC. A command over each port:\n")
+    for port, line in COMMANDS.items():
+        show_command(port, line)
+    print("\n" + HOW_TO_TRY_MORE)
+    if sys.stdin.isatty() and sys.stdout.isatty():
+        shell()
+    encoder.stop()
+    daemon.stop()
 
 
 if __name__ == "__main__":

@@ -2,9 +2,9 @@
 """Private namespaces that look like the device.
 
 What runs inside has its own mounts, network, process numbers, System V and message-queue names, and host name: an empty
-/tmp and /run, a loopback interface that is up, /proc for its own processes, the host name "s3" and the queue directory
-/run/tess/queue. Nothing of it is seen outside, and all processes in it end with it. Root is not needed where ordinary
-users may make user namespaces; the user is then root inside.
+/tmp and /run, a /dev of harmless devices and its own pseudo-terminals, a loopback interface that is up, /proc for its own
+processes, the host name "s3" and the queue directory /run/tess/queue. Nothing of it is seen outside, and all processes in
+it end with it. Root is not needed where ordinary users may make user namespaces; the user is then root inside.
 
 Command line:
 
@@ -13,7 +13,8 @@ Command line:
 runs COMMAND inside and ends with its status; 128 + n when signal n ended it, 129 also when something inside asked the
 kernel for a restart.
 
-Python: run_in_device(), which does the same with a function.
+Python: run_in_device(), which does the same with a function; inside, bind() puts one file in the place of another, such
+as a pseudo-terminal in the place of the serial line, which is missing at first.
 """
 
 from __future__ import annotations
@@ -32,12 +33,14 @@ import traceback
 from collections.abc import Callable, Iterable
 
 QUEUE_DIR = "/run/tess/queue"
+DEVICES = ("null", "zero", "full", "random", "urandom", "tty")
 PROJECT = os.path.dirname(os.path.dirname(os.path.realpath(__file__)))
 
 # <linux/sched.h>, <sys/mount.h>, <sys/prctl.h>, <linux/sockios.h>, <net/if.h>
 CLONE_NEWNS, CLONE_NEWUTS, CLONE_NEWIPC = 0x00020000, 0x04000000, 0x08000000
 CLONE_NEWUSER, CLONE_NEWPID, CLONE_NEWNET = 0x10000000, 0x20000000, 0x40000000
 MS_NOSUID, MS_NODEV, MS_NOEXEC, MS_BIND, MS_REC, MS_PRIVATE = 0x2, 0x4, 0x8, 0x1000, 0x4000, 0x40000
+MNT_DETACH = 0x2
 PR_SET_PDEATHSIG = 1
 SIOCGIFFLAGS, SIOCSIFFLAGS, IFF_UP = 0x8913, 0x8914, 0x1
 
@@ -84,6 +87,20 @@ def run_in_device(function: Callable[[], int | None], hostname: str = "s3", keep
     if error:
         raise DeviceError(error)
     return status
+
+
+def bind(source: str | os.PathLike, target: str | os.PathLike) -> None:
+    """Inside only: makes a file or device appear at another path too. What is there is hidden; nothing need be there in
+    /tmp, /run and /dev. Raises DeviceError."""
+    if not os.path.lexists(target):
+        _make_file(os.fspath(target))
+    _mount(os.fspath(source), os.fspath(target), None, MS_BIND)
+
+
+def unbind(target: str | os.PathLike) -> None:
+    """Undoes the last bind() to this path, even while somebody has it open. Raises DeviceError."""
+    if _libc.umount2(os.fsencode(target), MNT_DETACH) != 0:
+        raise DeviceError(f"cannot unmount {os.fspath(target)}: {os.strerror(ctypes.get_errno())}")
 
 
 def _outer_process(caller: int, function: Callable[[], int | None], hostname: str, keep: list[str], errors: int) -> None:
@@ -171,12 +188,28 @@ def _furnish(hostname: str, keep: list[str]) -> None:
     _mount("tmpfs", "/run", "tmpfs", MS_NOSUID | MS_NODEV, "mode=755")
     for path, what in held.items():
         _put_back(path, what)
+    _furnish_dev()
     _mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC)
     socket.sethostname(hostname)
     _loopback_up()
     os.makedirs(QUEUE_DIR)
     os.chmod(QUEUE_DIR, 0o770)
     os.chdir(here)  # by name: the old place may now be under a tmpfs
+
+
+def _furnish_dev() -> None:
+    """A /dev that needs no right to make devices: the harmless ones are those of the system."""
+    held = {f"/dev/{name}": os.open(f"/dev/{name}", os.O_PATH | os.O_CLOEXEC) for name in DEVICES}
+    _mount("tmpfs", "/dev", "tmpfs", MS_NOSUID | MS_NOEXEC, "mode=755")
+    for path, what in held.items():
+        _put_back(path, what)
+    os.mkdir("/dev/pts")
+    _mount("devpts", "/dev/pts", "devpts", MS_NOSUID | MS_NOEXEC, "newinstance,ptmxmode=0666,mode=620")
+    os.mkdir("/dev/shm")
+    os.chmod("/dev/shm", 0o1777)
+    for name, what in (("ptmx", "pts/ptmx"), ("fd", "/proc/self/fd"), ("stdin", "/proc/self/fd/0"),
+                       ("stdout", "/proc/self/fd/1"), ("stderr", "/proc/self/fd/2")):
+        os.symlink(what, f"/dev/{name}")
 
 
 def _working_directory() -> str:
@@ -212,9 +245,14 @@ def _put_back(path: str, held: int | str) -> None:
     if os.path.isdir(f"/proc/self/fd/{held}"):
         os.mkdir(path)
     else:
-        os.close(os.open(path, os.O_CREAT | os.O_WRONLY | os.O_CLOEXEC, 0o600))
+        _make_file(path)
     _mount(f"/proc/self/fd/{held}", path, None, MS_BIND | MS_REC)
     os.close(held)
+
+
+def _make_file(path: str) -> None:
+    """An empty one, for something to be mounted on."""
+    os.close(os.open(path, os.O_CREAT | os.O_WRONLY | os.O_CLOEXEC, 0o600))
 
 
 def _mount(source: str | None, target: str, kind: str | None, flags: int, data: str | None = None) -> None:

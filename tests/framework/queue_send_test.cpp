@@ -330,26 +330,28 @@ TEST_F(QueueSend, ABurstToAProcessThatAnswersEachArrivesWholeAndSoDoTheAnswers)
     EXPECT_EQ(0, answering.result());
 }
 
-TEST_F(QueueSend, ABurstToAProcessThatAnswersMoreThanAQueueHoldsToEachArrivesWhole)
+TEST_F(QueueSend, ABurstToAPeerThatBlocksInItsAnswersArrivesWhole)
 {
     constexpr std::uint32_t BURST = 50;
-    constexpr std::uint32_t ANSWERS = 40;
+    constexpr std::uint32_t ANSWERS = 40; // to each command: more than a queue holds
+    TSignpost opened;
     TSignpost ready;
     TChildProcess answering([&] {
-        const TQuietProc proc(2001);
+        const TRawSocket peer(pathOf(2001));
+        if (!opened.await() || !peer.connectTo(pathOf(1001))) return 3;
         ready.pass();
-        TOrbAttachmentMsg msg{};
         for (std::uint32_t i = 0; i < BURST; ++i) {
-            if (receiveNext(msg) != 64 || msg.tag != i) return 1;
+            if (tagOf(peer.receive()) != i) return 1;
             for (std::uint32_t k = 0; k < ANSWERS; ++k) {
-                msg.tag = i * ANSWERS + k;
-                if (g_qMgr.sendMsg(1001, &msg, 64, false) != 0) return 2;
+                const TOrbAttachmentMsg answer = numbered(i * ANSWERS + k);
+                if (::send(peer.fd(), &answer, 64, 0) != 64) return 2;
             }
         }
         return 0;
     });
-    ASSERT_TRUE(ready.await());
     const TQuietProc proc(1001);
+    opened.pass();
+    ASSERT_TRUE(ready.await());
     for (std::uint32_t i = 0; i < BURST; ++i)
         ASSERT_EQ(0, send(2001, i)) << "command " << i;
     TOrbAttachmentMsg msg{};

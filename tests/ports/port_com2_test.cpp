@@ -173,7 +173,7 @@ TEST_F(PortCom2, EditsALineAsItIsSet)
          "c\r",
          "ab\x7F"
          "c"},
-        {"Ctrl-W kills the line", "one two\x17three\r", "three"},
+        {"Ctrl-W is set for word and line, and Linux takes the word", "one two\x17three\r", "one three"},
         {"Ctrl-U does not", "one\x15two\r", "one\x15two"},
         {"Ctrl-C is a character",
          "a\x03"

@@ -18,7 +18,7 @@ TOOL = PROJECT / "tools" / "device_ns.py"
 
 sys.path.insert(0, str(TOOL.parent))
 
-from device_ns import DeviceError, run_in_device  # noqa: E402
+from device_ns import DeviceError, bind, run_in_device, unbind  # noqa: E402
 
 SECONDS = 20.0
 
@@ -70,6 +70,40 @@ def test_the_loopback_is_up_and_alone_and_the_datagram_queue_holds_ten() -> None
     done = device(sys.executable, "-c", script)
     assert done.stderr == ""
     assert done.stdout == "[(1, 'lo')] 10\n"
+
+
+def test_dev_holds_harmless_devices_and_no_serial_line() -> None:
+    assert shell("cd /dev && echo *") == "fd full null ptmx pts random shm stderr stdin stdout tty urandom zero\n"
+    assert shell("cd /dev && echo x >null && head -c 3 zero | wc -c && head -c 3 urandom | wc -c") == "3\n3\n"
+
+
+def test_pseudo_terminals_are_its_own() -> None:
+    script = ("import os, glob; near, far = os.openpty(); print(os.ttyname(far), sorted(glob.glob('/dev/pts/*')));"
+              "os.write(far, b'x'); print(os.read(near, 9))")
+    assert device(sys.executable, "-c", script).stdout == "/dev/pts/0 ['/dev/pts/0', '/dev/pts/ptmx']\nb'x'\n"
+
+
+def test_one_file_is_put_in_the_place_of_another(capfd: pytest.CaptureFixture) -> None:
+    outside = Path("/etc/passwd").read_bytes()
+
+    def inside() -> None:
+        Path("/tmp/ours").write_text("ours\n")
+        for target in ("/etc/passwd", "/dev/ttyS1"):
+            bind("/tmp/ours", target)
+            print(Path(target).read_text(), end="")
+        bind("/dev/null", "/dev/ttyS1")
+        print(repr(Path("/dev/ttyS1").read_text()))
+        unbind("/dev/ttyS1")
+        unbind("/etc/passwd")
+        print(Path("/dev/ttyS1").read_text(), Path("/etc/passwd").read_bytes() == outside)
+        with pytest.raises(DeviceError, match="cannot mount /tmp/no-such on /dev/ttyS1: No such file or directory"):
+            bind("/tmp/no-such", "/dev/ttyS1")
+        with pytest.raises(DeviceError, match="cannot unmount /tmp/ours: Invalid argument"):
+            unbind("/tmp/ours")
+
+    assert run_in_device(inside) == 0
+    assert capfd.readouterr() == ("ours\nours\n''\nours\n True\n", "")
+    assert Path("/etc/passwd").read_bytes() == outside
 
 
 def test_only_own_processes_are_seen_and_orphans_are_collected() -> None:

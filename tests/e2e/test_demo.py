@@ -1,0 +1,80 @@
+"""What scripts/run shows, and what its shell lets a newcomer do."""
+
+from __future__ import annotations
+
+import os
+import subprocess
+import sys
+
+import pytest
+
+from harness import settings
+from harness.terminal import Terminal
+
+DEMO = os.path.join(settings.PROJECT, "tools/demo.py")
+PROMPT = b"[inside the device s3]"
+
+pytestmark = pytest.mark.skipif(settings.emulated(), reason="the demo starts programs of this machine only")
+
+
+def test_without_a_terminal_it_shows_a_command_over_each_port_and_ends():
+    done = subprocess.run(
+        [sys.executable, DEMO, settings.BIN_DIR], stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=50
+    )
+    assert (done.returncode, done.stderr) == (0, ""), done.stdout + done.stderr
+    shown = [line.split() for line in done.stdout.splitlines() if " -> " in line]
+    assert shown == [
+        ["telnet", "s3.ENC", "SETX", "5", "->", "0"],
+        ["/dev/ttyS1", "s3.ENC", "GETX", "->", "5"],
+        ["/tmp/socket", "s3.ENC", "GETX", "->", "5"],
+        ["/tmp/xcp", "s3.ENC", "GETX", "->", "5"],
+    ]
+    assert done.stdout.endswith("tessd and the example process have stopped.\n")
+
+
+def test_a_daemon_that_does_not_start_is_reported():
+    os.makedirs(f"{settings.XCP_PATH}/in the way")
+    done = subprocess.run(
+        [sys.executable, DEMO, settings.BIN_DIR], stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=50
+    )
+    assert done.returncode == 1
+    assert "demo: tessd ended with status 1\n" in done.stderr and "51008 Error runtime" in done.stderr
+
+
+def test_in_its_shell_every_port_can_be_tried_by_hand():
+    with Terminal(sys.executable, DEMO, settings.BIN_DIR) as newcomer:
+        newcomer.expect(PROMPT, within=20)
+        newcomer.type(b"telnet 127.0.0.1\r")
+        newcomer.expect(b"UserName:\r\n")
+        newcomer.type(b"alice\r")
+        newcomer.expect(b"PassWord:\r\n")
+        newcomer.type(b"wonderland\r")
+        newcomer.expect(b"User alice connected\r\n")
+        newcomer.type(b"s3.ENC GETX\r")
+        newcomer.expect(b"\r\n5\r\n\r\n")
+        newcomer.type(b"quit\r")
+        newcomer.expect(PROMPT)
+        assert newcomer.shown.count(b"wonderland") == 1, "only the demo's own text shows the password"
+
+        newcomer.type(b"com2\r")
+        newcomer.expect(b"Terminal ready\r\n")
+        newcomer.type(b"s3.ENC SETX 7\r")
+        newcomer.expect(b"s3.ENC SETX 7\r\n0\r\n\r\n")
+        newcomer.type(b"\x01\x18")
+        newcomer.expect(PROMPT)
+
+        for line, answer in (
+            (b"ask socket 's3.ENC GETX'", b"7\r\n\r\n"),
+            (b"ask xcp 's3.ENC GETX'", b"7\r\n\r\n"),
+            (b"ask telnet '*' 's3.ENC GETX'", b"0\r\n\r\n7\r\n\r\n"),
+            (b"ask com2 '*' 's3.ENC GETX'", b"0\r\n\r\n7\r\n\r\n"),
+            (b"ask socket 's3.NONE GETX'", b"?\r\n"),
+            (b"ask socket 'DELAY 10.0|s3.ENC SETX 9' DELAY", b"000:00:0"),
+            (b"tail -n 1 /tmp/tessd.log", b"[TESS]"),
+        ):
+            newcomer.type(line + b"\r")
+            newcomer.expect(answer)
+            newcomer.expect(PROMPT)
+        newcomer.type(b"exit\r")
+        newcomer.expect(b"tessd and the example process have stopped.\r\n")
+        assert newcomer.expect_end() == 0
