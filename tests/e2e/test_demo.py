@@ -11,16 +11,21 @@ import pytest
 from harness import settings
 from harness.terminal import Terminal
 
-DEMO = os.path.join(settings.PROJECT, "tools/demo.py")
+# A terminal's program gets no environment from us but this.
+DEMO = (
+    "env",
+    f"LSAN_OPTIONS=suppressions={settings.PROJECT}/tests/lsan.supp:print_suppressions=0",
+    sys.executable,
+    os.path.join(settings.PROJECT, "tools/demo.py"),
+    settings.BIN_DIR,
+)
 PROMPT = b"[inside the device s3]"
 
 pytestmark = pytest.mark.skipif(settings.emulated(), reason="the demo starts programs of this machine only")
 
 
 def test_without_a_terminal_it_shows_a_command_over_each_port_and_ends():
-    done = subprocess.run(
-        [sys.executable, DEMO, settings.BIN_DIR], stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=50
-    )
+    done = subprocess.run(DEMO, stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=50)
     assert (done.returncode, done.stderr) == (0, ""), done.stdout + done.stderr
     shown = [line.split() for line in done.stdout.splitlines() if " -> " in line]
     assert shown == [
@@ -34,15 +39,13 @@ def test_without_a_terminal_it_shows_a_command_over_each_port_and_ends():
 
 def test_a_daemon_that_does_not_start_is_reported():
     os.makedirs(f"{settings.XCP_PATH}/in the way")
-    done = subprocess.run(
-        [sys.executable, DEMO, settings.BIN_DIR], stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=50
-    )
+    done = subprocess.run(DEMO, stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=50)
     assert done.returncode == 1
     assert "demo: tessd ended with status 1\n" in done.stderr and "51008 Error runtime" in done.stderr
 
 
 def test_in_its_shell_every_port_can_be_tried_by_hand():
-    with Terminal(sys.executable, DEMO, settings.BIN_DIR) as newcomer:
+    with Terminal(*DEMO) as newcomer:
         newcomer.expect(PROMPT, within=20)
         newcomer.type(b"telnet 127.0.0.1\r")
         newcomer.expect(b"UserName:\r\n")
