@@ -14,7 +14,7 @@ std::size_t TPortConn::textLength(const TOrbAttachmentMsg& msg)
     return ::strnlen(msg.text, MSG_TEXT_BYTES - 1);
 }
 
-void TPortConn::closeSocket()
+void TPortConn::closeSocket() const
 {
     if (fd <= 0) return;
     // The service loop may be waiting for the socket, or the child of a reset may have it: close() alone would tell nobody.

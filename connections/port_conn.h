@@ -89,7 +89,7 @@ public:
 
 protected:
     /// Closes `fd`, if it is greater than 0, so that the peer sees it at once.
-    void closeSocket();
+    void closeSocket() const;
 
     /// Length of the text of a record, which must leave room for its NUL inside the record.
     static std::size_t textLength(const TOrbAttachmentMsg& msg);

@@ -13,7 +13,7 @@ std::uint32_t TCmdPort::countNewConn()
     return nextConnId;
 }
 
-bool TCmdPort::acceptInto(TPortConn& conn, sockaddr* peer, socklen_t* peerSize)
+bool TCmdPort::acceptInto(TPortConn& conn, sockaddr* peer, socklen_t* peerSize) const
 {
     conn.fd = ::accept4(fd, peer, peerSize, SOCK_NONBLOCK | SOCK_CLOEXEC);
     return conn.fd >= 0 && conn.fd < FD_SETSIZE;

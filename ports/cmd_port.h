@@ -68,5 +68,5 @@ protected:
     /// @param peer      receives the client's address; may be null
     /// @param peerSize  in: its room, out: its size; may be null
     /// @return false when there is no client any more, or no place in an fd_set for its descriptor
-    bool acceptInto(TPortConn& conn, sockaddr* peer, socklen_t* peerSize);
+    bool acceptInto(TPortConn& conn, sockaddr* peer, socklen_t* peerSize) const;
 };

@@ -16,7 +16,6 @@
 
 using namespace std::string_literals;
 using testing::ElementsAre;
-using testing::ElementsAreArray;
 using testing::IsEmpty;
 using Texts = std::vector<std::string>;
 
