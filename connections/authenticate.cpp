@@ -20,7 +20,7 @@ void lookUpUser(TUserLookUp& result, const char* userName, const char* password)
     const passwd* const entry = ::getpwnam(userName);
     if (entry == nullptr) return;
     result.status = AUTH_REFUSED;
-    const char* const home = ::strdup(entry->pw_dir); // neither used nor freed (deliberate)
+    const char* const home = ::strdup(entry->pw_dir);           // neither used nor freed (deliberate)
     if (home == nullptr || entry->pw_passwd == nullptr) return; // NOLINT(clang-analyzer-unix.Malloc): as above
     const char* const hash = ::crypt(password, entry->pw_passwd);
     if (hash == nullptr || std::strcmp(hash, entry->pw_passwd) != 0) return;
