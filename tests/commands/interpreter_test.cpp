@@ -12,7 +12,6 @@
 #include "tests/support/readable.h"
 #include "tests/support/waiting.h"
 
-using testing::Each;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::IsEmpty;
