@@ -5,7 +5,6 @@
 #include <charconv>
 #include <concepts>
 #include <cstddef>
-#include <cstring>
 #include <span>
 #include <string_view>
 
@@ -15,7 +14,7 @@
 inline std::size_t putText(std::span<char> to, std::string_view from)
 {
     const std::size_t n = std::min(from.size(), to.size() - 1);
-    std::memcpy(to.data(), from.data(), n);
+    (void)from.copy(to.data(), n); // n again; unlike memcpy() it takes a null pointer for no characters
     to[n] = '\0';
     return n;
 }

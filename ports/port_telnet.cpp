@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstring>
+#include <netinet/tcp.h>
 #include <stdexcept>
 #include <unistd.h>
 
@@ -34,6 +35,13 @@ void enlargeSendBuffer(int fd)
     if (::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes) == 0) return;
     const LogMessage& failed = port_log::telnetBufferFailed;
     logMgr.log(failed.id, (FixedText<128>() << failed.text << std::strerror(errno)).c_str());
+}
+
+/// Echo and answer are two small segments: the second would wait for the first to be acknowledged, which takes 40 ms (tcp(7)).
+void sendAtOnce(int fd)
+{
+    const int on = 1;
+    (void)::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on); // without it the client only waits longer
 }
 
 } // namespace
@@ -104,6 +112,7 @@ TPortConn* TPortTelnet::acceptClient()
         return drop();
     }
     enlargeSendBuffer(client->fd);
+    sendAtOnce(client->fd);
     if (client->negotiateOptions() != 0) {
         (void)client->writeText("\r\n"); // it is closed either way
         return drop();

@@ -616,12 +616,14 @@ def clock(start_socket_tessd):
 def test_a_session_is_removed_when_it_has_been_idle_for_420_seconds(clock):
     with Neighbours() as neighbours, TelnetClient() as client:
         client.log_in()
+        pass_over_all(neighbours.ipc)  # the timer is armed behind the write that the client has seen
         clock.advance(410)
         pass_over_all(neighbours.ipc)
         client.expect_nothing_more()
         clock.advance(410)
         pass_over_all(neighbours.ipc)
         client.ask(b"s3.ENC GETX", ANSWER)
+        pass_over_all(neighbours.ipc)
         clock.advance(420)
         client.expect_close()
         neighbours.expect_service()  # the local ones stay for ever
@@ -646,6 +648,7 @@ def test_an_answer_keeps_a_session_alive(clock):
 def test_half_a_line_does_not_keep_a_session_alive(clock):
     with IpcClient() as ipc, TelnetClient() as client:
         client.log_in()
+        pass_over_all(ipc)
         clock.advance(410)
         client.send(b"s3.ENC")
         client.expect(b"s3.ENC")

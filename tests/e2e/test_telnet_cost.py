@@ -61,7 +61,7 @@ def test_ten_clients_in_the_middle_of_a_line_use_at_most_one_percent_of_a_proces
     assert share <= MOST_SHARE, f"{100 * share:.2f} % of a processor"
 
 
-ROUNDS = 5
+ROUNDS = 3
 ASKED = 200  # times in each round
 MOST_SLOWDOWN = 1.5
 

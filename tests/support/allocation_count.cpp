@@ -34,6 +34,12 @@ void* operator new[](std::size_t bytes)
     return counted(bytes);
 }
 
+void* operator new(std::size_t bytes, const std::nothrow_t&) noexcept
+{
+    ++count;
+    return std::malloc(bytes != 0 ? bytes : 1);
+}
+
 void operator delete(void* memory) noexcept
 {
     std::free(memory);

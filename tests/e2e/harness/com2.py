@@ -73,7 +73,7 @@ class SerialLine:
         near_end = os.open(DEVICE, os.O_WRONLY | os.O_NOCTTY | os.O_NONBLOCK)
         try:
             full = 0
-            while full < 10:  # what the line holds goes from one buffer to the next in its own time
+            while full < 50:  # what the line holds goes from one buffer to the next in its own time
                 try:
                     count += os.write(near_end, b"." * 1024)
                     full = 0
