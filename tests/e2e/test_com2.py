@@ -377,7 +377,8 @@ def test_the_mute_time_needs_no_processor(tessd, line, writer):
     line.type(b"s3.ENC MUTED\r" * 5)  # stays in the line until the daemon looks
     time.sleep(MUTE_SECONDS - 0.5)
     assert proc.cpu_seconds(tessd.pid) - before <= 0.05 * settings.SLOW
-    assert proc.wakeups(tessd.pid) - wakeups <= 20, f"in {watch.seconds():.1f} s"
+    woken = proc.wakeups(tessd.pid) - wakeups
+    assert woken <= 20 or settings.sanitized(), f"{woken} wake-ups in {watch.seconds():.1f} s"
 
 
 # Trouble
@@ -411,7 +412,8 @@ def expect_little_work(tessd: Daemon, seconds: float) -> None:
     used = proc.cpu_seconds(tessd.pid) - before
     rate = (proc.wakeups(tessd.pid) - wakeups) / watch.seconds()
     assert used <= 0.01 * seconds * settings.SLOW + 0.02, f"{used:.2f} s of processor time in {seconds} s"
-    assert rate <= 5, f"{rate:.1f} wake-ups a second"
+    # The thread sanitizer has a thread of its own that wakes up ten times a second.
+    assert rate <= 5 or settings.sanitized(), f"{rate:.1f} wake-ups a second"
 
 
 def test_a_line_that_hangs_up_costs_nothing_and_holds_nobody_up(tessd, line, process):
@@ -485,7 +487,9 @@ def test_a_far_end_that_does_not_read_does_not_keep_the_daemon_from_stopping(tes
         process.send(wire.record(wire.STOP))  # behind the answers, which are given up after 2 s each
     tessd.expect_normal_end(within=20)
     assert watch.seconds() < (2 if stop else 7) + settings.SLOW, f"{watch.seconds():.1f} s"
-    assert line.receive(filled + 1, within=0.2) == b"." * filled
+    # What a full line has room for again by itself may still get in.
+    left = line.receive(filled + 100, within=0.2)
+    assert left.startswith(b"." * filled), f"{filled} bytes were in the line, {len(left)} came out"
 
 
 def test_a_far_end_that_reads_slowly_gets_everything(line, process):
@@ -497,7 +501,7 @@ def test_a_far_end_that_reads_slowly_gets_everything(line, process):
         nonlocal received
         deadline = Deadline(40)
         while len(received) < len(expected) and not deadline.over():
-            received += line.receive(500, within=0.5)
+            received += line.receive(4000, within=0.5)
             time.sleep(0.005)
 
     reader = threading.Thread(target=read_slowly)
