@@ -45,6 +45,11 @@ void operator delete(void* memory) noexcept
     std::free(memory);
 }
 
+void operator delete(void* memory, const std::nothrow_t&) noexcept
+{
+    std::free(memory);
+}
+
 void operator delete[](void* memory) noexcept
 {
     std::free(memory);
