@@ -130,9 +130,10 @@ def test_the_first_of_two_clients_gets_in_with_the_name_and_password_of_the_seco
 
 def test_ten_clients_log_in_one_after_the_other(socket_tessd):
     with contextlib.ExitStack() as stack:
-        clients = [stack.enter_context(TelnetClient()) for _ in range(10)]
-        for client in clients:
-            client.log_in()
+        clients = []
+        for _ in range(10):
+            clients.append(stack.enter_context(TelnetClient()))
+            clients[-1].log_in()
         for client in clients:
             client.ask(b"t1.ENC X", NOBODY)
 
