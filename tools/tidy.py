@@ -14,6 +14,7 @@ import glob
 import hashlib
 import json
 import os
+import re
 import shlex
 import subprocess
 import sys
@@ -36,6 +37,11 @@ def included(entry: dict[str, str]) -> list[str]:
     return [os.path.join(entry["directory"], name) for name in names]
 
 
+def without_precompiled(entry: dict[str, str]) -> dict[str, str]:
+    """clang reads no precompiled header of g++."""
+    return {**entry, "command": re.sub(r" -Winvalid-pch -include \S+", "", entry["command"])}
+
+
 def key(entry: dict[str, str], common: bytes) -> str:
     digest = hashlib.sha256(common + entry["command"].encode())
     for name in included(entry):
@@ -51,7 +57,7 @@ def passes(entry: dict[str, str], build: str, common: bytes) -> bool:
         return False  # does not compile; the compiler has said why
     if os.path.exists(mark):
         return True
-    result = subprocess.run([*TIDY, "-p", build, entry["file"]], check=False, text=True, stdout=subprocess.PIPE,
+    result = subprocess.run([*TIDY, "-p", f"{build}/tidy", entry["file"]], check=False, text=True, stdout=subprocess.PIPE,
                             stderr=subprocess.PIPE)
     if result.returncode == 0:
         open(mark, "w", encoding="ascii").close()
@@ -68,7 +74,10 @@ def main(build: str, tests_too: bool) -> int:
         with open(name, "rb") as file:
             common += file.read()
     with open(os.path.join(build, "compile_commands.json"), encoding="utf-8") as file:
-        entries = [entry for entry in json.load(file) if tests_too or not entry["file"].startswith(f"{PROJECT}/tests/")]
+        entries = [without_precompiled(entry) for entry in json.load(file) if not entry["file"].startswith(f"{build}/")]
+    with open(f"{build}/tidy/compile_commands.json", "w", encoding="utf-8") as file:
+        json.dump(entries, file)
+    entries = [entry for entry in entries if tests_too or not entry["file"].startswith(f"{PROJECT}/tests/")]
     if not entries:
         print(f"{build}: no sources", file=sys.stderr)
         return 1

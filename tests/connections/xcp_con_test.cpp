@@ -341,7 +341,7 @@ TEST_F(XcpCon, EndsWhenAHeaderIsNotWholeInTheFrameTime)
         SlowRead read(conn);
         EXPECT_EQ(read.wait(), -1);
         EXPECT_GE(read.wallMs(), 99);
-        EXPECT_LT(read.cpuMs(), read.wallMs() / 2);
+        EXPECT_LT(read.cpuMs(), atMost(read.wallMs() / 2));
         (void)pair.send(std::string(16 - bytes, '\0')); // a whole header again, for the next row
         conn.readCmd();
     }
@@ -368,7 +368,7 @@ TEST_F(XcpCon, WaitsForAHeaderThatIsLateUntilTheDaemonStopsWithoutUsingTheProces
     g_endWaits = true;
     EXPECT_EQ(read.wait(), -1);
     EXPECT_GE(read.wallMs(), 450);
-    EXPECT_LT(read.cpuMs(), read.wallMs() / 4);
+    EXPECT_LT(read.cpuMs(), atMost(read.wallMs() / 4));
 }
 
 TEST_F(XcpCon, WaitsOnWhenThePeerClosesInsideAHeader)
@@ -390,7 +390,7 @@ TEST_F(XcpCon, EndsTheWaitForAHeaderSoonAfterTheDaemonIsToStop)
     g_endWaits = true;
     const Stopwatch watch;
     EXPECT_EQ(conn.readCmd(), -1);
-    EXPECT_LT(watch.ms(), 1000);
+    EXPECT_LT(watch.ms(), atMost(1000));
 }
 
 TEST_F(XcpCon, TakesAWholeHeaderAlsoWhenTheDaemonIsToStop)
@@ -461,7 +461,7 @@ TEST_F(XcpCon, LogsAWriteToAPeerThatDoesNotReadAndDoesNotWaitForIt)
         ASSERT_LT(++written, 10'000);
     }
     EXPECT_GT(written, 0);
-    EXPECT_LT(watch.ms(), 5000);
+    EXPECT_LT(watch.ms(), atMost(5000));
     EXPECT_THAT(log.lines(), ElementsAre(writeFailed));
 }
 

@@ -411,7 +411,7 @@ TEST_F(MessageLoop, EndsSoonWhenAskedToStopWhileItWaits)
     const Stopwatch watch;
     bench.tess->requestStop();
     loop.join();
-    EXPECT_LT(watch.ms(), 5000);
+    EXPECT_LT(watch.ms(), atMost(5000));
 }
 
 TEST_F(MessageLoop, GoesOnAfterASenderThatTakesNoAnswer)

@@ -82,7 +82,8 @@ def neighbours(tessd, clock) -> Iterator[Neighbours]:
 class Pressing:
     """Sends the same bytes again and again from a thread of its own, and reads what comes.
 
-    Not as fast as it could: a full socket makes TCP wait, for longer than the daemon takes for silence."""
+    Not as fast as it could: a full socket makes TCP wait, for longer than the daemon takes for silence. A daemon under a
+    sanitizer reads more slowly."""
 
     def __init__(self, client: TelnetClient, data: bytes) -> None:
         self._client = client
@@ -106,7 +107,7 @@ class Pressing:
             while not self._ending.is_set():
                 with contextlib.suppress(BlockingIOError):
                     rest = rest[self._client.socket.send(rest) :] or self._data
-                if select.select([self._client.socket], [], [], 0.001)[0]:
+                if select.select([self._client.socket], [], [], 0.001 * settings.SLOW)[0]:
                     self.received += self._client.socket.recv(4096)
 
     def wait_for(self, text: bytes, within: float) -> None:

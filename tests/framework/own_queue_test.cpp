@@ -262,7 +262,7 @@ TEST_F(OwnQueue, ItsDescriptorIsNotPassedOnToPrograms)
 
 TEST_F(OwnQueue, OfTwoThreadsThatRaceForAStaleAddressOneGetsIt)
 {
-    for (int round = 0; round < 300; ++round) {
+    for (int round = 0; round < 150; ++round) {
         const long address = 5000 + round;
         leaveStale(address);
         TOwnQueue queues[2];
@@ -289,7 +289,7 @@ TEST_F(OwnQueue, OfTwoThreadsThatRaceForAStaleAddressOneGetsIt)
 
 TEST_F(OwnQueue, OfTwoProcessesThatRaceForAStaleAddressOneGetsIt)
 {
-    for (int round = 0; round < 100; ++round) {
+    for (int round = 0; round < 40; ++round) {
         leaveStale(1001);
         TSignpost start;
         TSignpost tried;
