@@ -34,10 +34,13 @@ int TCom2Conn::readCmd()
 /// Keeps a line that yields nothing from waking the service loop again and again.
 void TCom2Conn::noteRead()
 {
-    emptyReads_ = rxLen > 0 ? 0 : emptyReads_ + 1;
-    if (emptyReads_ < EMPTY_READS_BEFORE_REST) return;
-    emptyReads_ = EMPTY_READS_BEFORE_REST;
-    restTimer.setTimeOut(REST_TIME);
+    if (rxLen > 0) {
+        emptyReads_ = 0;
+        restTimer = TOrbHRTimeOut{};
+    } else if (++emptyReads_ >= EMPTY_READS_BEFORE_REST) {
+        emptyReads_ = EMPTY_READS_BEFORE_REST;
+        restTimer.setTimeOut(REST_TIME);
+    }
 }
 
 int TCom2Conn::readLines()

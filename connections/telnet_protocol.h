@@ -68,7 +68,9 @@ struct LinemodeAnswers {
     constexpr void take(std::span<const Byte> command)
     {
         const std::span<const Byte> body = command.first(command.size() - 2);
-        if (body.size() > 4 && body[3] == MODE) modeAck = modeAck || (body[4] & (EDIT | MODE_ACK)) == (EDIT | MODE_ACK);
+        // A MODE without its mask reads the IAC behind it.
+        if (body.size() >= 4 && body[3] == MODE)
+            modeAck = modeAck || (command[4] & (EDIT | MODE_ACK)) == (EDIT | MODE_ACK);
         if (body.size() <= 4 || body[3] != SLC) return;
         for (std::size_t i = 4; i < body.size(); i += 3) {
             // A triplet that is cut short reads the IAC SE behind it.

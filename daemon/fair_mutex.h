@@ -1,8 +1,7 @@
 #pragma once
 
-#include <ctime>
+#include <chrono>
 #include <mutex>
-#include <pthread.h>
 
 /// A mutex that nobody is kept out of by a thread which gives it back and takes it again at once, as the service thread does
 /// under load: whoever waits holds the turn, and the next one waits for that. Satisfies BasicLockable.
@@ -16,18 +15,15 @@ public:
 
     void unlock() { mutex_.unlock(); }
 
-    /// Gives up after `seconds`.
+    /// Gives up after `patience`.
     /// @return true when it is locked
-    bool lockWithin(std::time_t seconds)
+    bool lockWithin(std::chrono::seconds patience)
     {
-        timespec until{};
-        (void)::clock_gettime(CLOCK_REALTIME, &until); // the clock that pthread_mutex_timedlock(3) goes by
-        until.tv_sec += seconds;
         const std::scoped_lock turn(turn_);
-        return ::pthread_mutex_timedlock(mutex_.native_handle(), &until) == 0;
+        return mutex_.try_lock_for(patience);
     }
 
 private:
     std::mutex turn_;
-    std::mutex mutex_;
+    std::timed_mutex mutex_;
 };

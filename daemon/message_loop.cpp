@@ -2,6 +2,7 @@
 #include "daemon/tess.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <fcntl.h>
 #include <new>
@@ -18,8 +19,8 @@
 
 namespace {
 
-constexpr std::time_t LOCK_PATIENCE_S = 1;  // far more than a pass takes
-constexpr std::size_t MAX_LATER_MSGS = 256; // chosen: 2 MiB; what comes after them waits in the queue
+constexpr std::chrono::seconds LOCK_PATIENCE{1}; // far more than a pass takes
+constexpr std::size_t MAX_LATER_MSGS = 256;      // chosen: 2 MiB; what comes after them waits in the queue
 
 } // namespace
 
@@ -74,7 +75,7 @@ bool TTess::nextMessage() noexcept
 /// @return false: not locked, the daemon is to stop
 bool TTess::lockConns() noexcept
 {
-    while (!connLock.lockWithin(LOCK_PATIENCE_S))
+    while (!connLock.lockWithin(LOCK_PATIENCE))
         if (stopRequested != 0 || stopWaits()) return false;
     return true;
 }
@@ -155,11 +156,12 @@ void TTess::replyRegistry(bool success, std::string_view text) noexcept
 void TTess::handleCom2Write() noexcept
 {
     const std::size_t count = static_cast<std::size_t>(std::clamp<std::int32_t>(inMsg.len, 0, MSG_TEXT_BYTES));
-    const int line = ::open(TPortCom2::DEVICE, O_RDWR | O_NOCTTY | O_CLOEXEC);
+    // Non-blocking: a line without carrier would hold up its opening, and writeToLine() wants it.
+    const int line = ::open(TPortCom2::DEVICE, O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    replyMsg.len = 1;
+    replyMsg.tag = inMsg.tag;
     if (lockConns()) {
         const std::scoped_lock lock(std::adopt_lock, connLock);
-        replyMsg.len = 1;
-        replyMsg.tag = inMsg.tag;
         for (std::size_t i = 0; TPortConn* conn = liveAt(conns, i); ++i) {
             if (conn->isSerialLine() == 0) continue;
             (void)conn->startMute(); // always 0

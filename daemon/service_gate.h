@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <mutex>
 
 /// Keeps the service thread out of a daemon that is being torn down. The thread is inside for all that it does but its wait
@@ -12,10 +13,12 @@ public:
     void open(const void* daemon) { daemon_ = daemon; }
 
     /// Waits until the service thread is outside and keeps it there. Threads: any but the service thread.
-    void close()
+    /// @return false when it is still inside after `patience`
+    bool close(std::chrono::seconds patience)
     {
         daemon_ = nullptr;
-        const std::scoped_lock untilOutside(inside_);
+        const std::unique_lock untilOutside(inside_, patience);
+        return untilOutside.owns_lock();
     }
 
     /// A stay inside; false when the gate is closed for that daemon.
@@ -25,12 +28,12 @@ public:
         explicit operator bool() const { return admitted_; }
 
     private:
-        std::scoped_lock<std::mutex> inside_;
+        std::scoped_lock<std::timed_mutex> inside_;
         bool admitted_;
     };
 
 private:
-    std::mutex inside_;
+    std::timed_mutex inside_;
     std::atomic<const void*> daemon_{nullptr};
 };
 

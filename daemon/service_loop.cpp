@@ -69,7 +69,7 @@ int TTess::collectDescriptors(fd_set& readSet) noexcept
     int maxFd = -1;
     for (std::size_t i = 0; const TCmdPort* port = liveAt(ports, i); ++i) {
         if (!fitsSet(port->fd)) continue;
-        FD_SET(port->fd, &readSet);
+        if (!port->rests()) FD_SET(port->fd, &readSet);
         maxFd = std::max(maxFd, port->fd);
     }
     setMilestone(19);

@@ -1,5 +1,7 @@
 #include "daemon/tess.h"
 
+#include <chrono>
+#include <cstdlib>
 #include <memory>
 #include <new>
 #include <sched.h>
@@ -24,6 +26,7 @@ pthread_t g_serviceThread = static_cast<pthread_t>(-1);
 namespace {
 
 constexpr timeval SERVICE_END_TIME{2, 0};
+constexpr std::chrono::seconds GATE_PATIENCE{10};               // no wait for a peer outlasts g_endWaits
 constexpr std::size_t MAX_TOKENS = TPortConn::RX_BYTES / 2 + 1; // every second character of a line a separator
 
 template <class Port> void createPort(std::vector<TCmdPort*>& ports, const LogMessage& start, const LogMessage& failure)
@@ -84,7 +87,7 @@ TTess::~TTess()
         if (started) (void)::pthread_join(g_serviceThread, nullptr); // it has ended
     } else {
         // After a stop message nobody has told the service thread to end. It is left running, outside of this object.
-        g_serviceGate.close();
+        if (!g_serviceGate.close(GATE_PATIENCE)) endWithoutServiceThread();
         (void)::pthread_detach(g_serviceThread); // it exists and is not joined
     }
     g_serviceThread = static_cast<pthread_t>(-1);
@@ -95,6 +98,16 @@ TTess::~TTess()
     setMilestone(303);
     setMilestone(10);
     g_tess = nullptr; // a signal that arrives from here on finds no daemon
+}
+
+/// The end of the process while the service thread is held up in something that has no bound, which the device's version
+/// re-initialisation is alone in having: nothing is freed, because the thread may come back any time.
+void TTess::endWithoutServiceThread() noexcept
+{
+    for (TCmdPort* port : ports)
+        if (port != nullptr) (void)port->closePort(); // always 0
+    logMessage(daemon_log::normalExit);
+    std::_Exit(EXIT_SUCCESS);
 }
 
 int TTess::startService()

@@ -85,6 +85,7 @@ private:
 
     void createPorts(bool com2, bool telnet, bool xcp, bool ipc);
     void deletePorts() noexcept;
+    [[noreturn]] void endWithoutServiceThread() noexcept;
 
     TOrbAttachmentMsg inMsg{};              ///< the message being handled
     TOrbAttachmentMsg replyMsg{};           ///< answer to its sender; never cleared in between

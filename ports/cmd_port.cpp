@@ -1,5 +1,7 @@
 #include "ports/cmd_port.h"
 
+#include <cerrno>
+
 TCmdPort::TCmdPort(std::uint32_t type, std::int32_t limit, std::uint32_t firstId)
     : portType(type), maxConns(limit), nextConnId(firstId)
 {
@@ -13,9 +15,11 @@ std::uint32_t TCmdPort::countNewConn()
     return nextConnId;
 }
 
-bool TCmdPort::acceptInto(TPortConn& conn, sockaddr* peer, socklen_t* peerSize) const
+bool TCmdPort::acceptInto(TPortConn& conn, sockaddr* peer, socklen_t* peerSize)
 {
     conn.fd = ::accept4(fd, peer, peerSize, SOCK_NONBLOCK | SOCK_CLOEXEC);
+    const bool exhausted = conn.fd < 0 && (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM);
+    if (exhausted) restTimer.setTimeOut(REST_TIME);
     return conn.fd >= 0 && conn.fd < FD_SETSIZE;
 }
 

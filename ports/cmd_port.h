@@ -16,6 +16,7 @@ class TCmdPort {
 public:
     /// Connection IDs are this far apart: the lower 16 bits are free for a client's tag.
     static constexpr std::uint32_t CONN_ID_STEP = 0x10000;
+    static constexpr timeval REST_TIME{1, 0};
 
     /// @param type      the kind of port, as a single bit (TessPortType)
     /// @param limit     how many connections may live at a time
@@ -43,6 +44,10 @@ public:
     /// @return 0
     virtual int closeConn(TPortConn** conn) = 0;
 
+    /// @return true while the service loop is not to wait for the descriptor: a client that cannot be accepted, because the
+    ///         process or the system has no descriptors left, would wake it without end
+    bool rests() const { return !restTimer.hasTimedOut(); }
+
     std::uint32_t portType;
     int fd = -1; ///< listening socket or serial device; negative when it could not be opened
     fd_set readSet;
@@ -52,6 +57,7 @@ public:
     std::atomic<std::int32_t> activeConns{0};
     std::int32_t maxConns;
     std::uint32_t nextConnId; ///< ID of the newest connection; wraps silently
+    TOrbHRTimeOut restTimer;
 
 protected:
     /// Counts a connection that is about to be made.
@@ -68,5 +74,5 @@ protected:
     /// @param peer      receives the client's address; may be null
     /// @param peerSize  in: its room, out: its size; may be null
     /// @return false when there is no client any more, or no place in an fd_set for its descriptor
-    bool acceptInto(TPortConn& conn, sockaddr* peer, socklen_t* peerSize) const;
+    bool acceptInto(TPortConn& conn, sockaddr* peer, socklen_t* peerSize);
 };

@@ -64,6 +64,7 @@ int TPortCom2::openPort()
     setMilestone(1002);
     fd = ::open(DEVICE, O_RDWR | O_NOCTTY | O_CLOEXEC);
     if (fd < 0) return 1;
+    (void)::fcntl(fd, F_SETFL, O_NONBLOCK); // as writeToLine() wants it; reads look first
     if (::tcgetattr(fd, &savedTio) != 0) throw std::runtime_error("unable to get COM2 attributes");
     portTio = lineSettings();
     if (::tcflush(fd, TCIFLUSH) != 0) throw std::runtime_error("failed tcflush");

@@ -3,6 +3,7 @@
 #include "framework/bundled/log_messages.h"
 #include "framework/bundled/queue_fd.h"
 #include "framework/fixed_text.h"
+#include "framework/sleep.h"
 
 #include <cerrno>
 #include <cstddef>
@@ -26,6 +27,8 @@ namespace {
 static_assert(std::is_trivially_destructible_v<TOwnQueue>);
 
 constexpr mode_t SOCKET_MODE = 0660;
+constexpr int LOCK_TRIES = 200;
+constexpr int LOCK_TRY_MS = 10;
 
 /// What a socket has sent and nobody has taken counts against its send buffer: 32 full queues of full-size records take
 /// about 5.5 MiB (measured). The kernel doubles the figure.
@@ -65,14 +68,17 @@ bool replaceSocket(int descriptor, int by)
     return ::syscall(SYS_dup3, by, descriptor, O_CLOEXEC) >= 0;
 }
 
-/// Holds the queue directory locked (flock(2)), against others that open or close a queue in it.
+/// Holds the queue directory locked (flock(2)), against others that open or close a queue in it. They are done at once;
+/// whoever keeps the lock all the same holds nobody up for long.
 /// @return negative with errno set when that is not possible
 int lockDirectory(const TQueueDirectory& directory)
 {
     TQueueFd fd(::open(directory.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (fd.get() < 0) return -1;
-    while (::flock(fd.get(), LOCK_EX) != 0)
-        if (errno != EINTR) return -1;
+    for (int tries = 0; ::flock(fd.get(), LOCK_EX | LOCK_NB) != 0; ++tries) {
+        if (errno != EWOULDBLOCK || tries == LOCK_TRIES) return -1;
+        Sleep(LOCK_TRY_MS);
+    }
     return fd.release();
 }
 

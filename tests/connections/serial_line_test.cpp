@@ -24,6 +24,7 @@ protected:
         line = far->open();
         ASSERT_GE(line, 0);
         ASSERT_TRUE(PtyLine::makePlain(line));
+        ASSERT_EQ(::fcntl(line, F_SETFL, O_NONBLOCK), 0);
     }
     void TearDown() override
     {
@@ -35,17 +36,16 @@ protected:
 
     /// Writes pieces until one does not get through, in a thread of its own: one that blocks does not block the test.
     /// @return how long that one took in milliseconds; negative when it did not come back
-    double fillLine(std::size_t pieceBytes, std::atomic<bool>* writing = nullptr)
+    double fillLine(std::size_t pieceBytes, char byte = 'x')
     {
         std::atomic<bool> done{false};
         double lastMs = 0;
         std::thread filling([&] {
-            const std::string piece(pieceBytes, 'x');
+            const std::string piece(pieceBytes, byte);
             for (bool written = true; written;) {
                 const Stopwatch watch;
                 written = writeToLine(line, piece.data(), piece.size());
                 lastMs = watch.ms();
-                if (writing != nullptr && watch.ms() > 100) *writing = true;
             }
             done = true;
         });
@@ -87,6 +87,18 @@ TEST_F(SerialLine, GivesUpWhenTheLineTakesNothingForTwoSeconds)
 {
     for (const std::size_t pieceBytes : {256U, 100U, 7U, 1000U}) {
         const double lastMs = fillLine(pieceBytes);
+        EXPECT_GE(lastMs, 1900) << "pieces of " << pieceBytes;
+        EXPECT_LT(lastMs, atMost(4000)) << "pieces of " << pieceBytes;
+        if (lastMs < 0) return;
+        far->received();
+    }
+}
+
+TEST_F(SerialLine, GivesUpOnAFullLineWithTabsToo)
+{
+    ASSERT_TRUE(PtyLine::makePlain(line, OPOST));
+    for (const std::size_t pieceBytes : {256U, 100U, 7U}) {
+        const double lastMs = fillLine(pieceBytes, '\t');
         EXPECT_GE(lastMs, 1900) << "pieces of " << pieceBytes;
         EXPECT_LT(lastMs, atMost(4000)) << "pieces of " << pieceBytes;
         if (lastMs < 0) return;

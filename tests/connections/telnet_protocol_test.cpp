@@ -155,6 +155,7 @@ TEST(TelnetProtocol, TakesFromLinemodeAnswersWhatTheClientHasAgreedTo)
         {"and with more bits", "\xFF\xFA\x22\x01\x1F\xFF\xF0", true, false, false},
         {"MODE without the acknowledgement", "\xFF\xFA\x22\x01\x01\xFF\xF0", false, false, false},
         {"MODE without EDIT", "\xFF\xFA\x22\x01\x04\xFF\xF0", false, false, false},
+        {"MODE that ends before its mask", "\xFF\xFA\x22\x01\xFF\xF0", true, false, false},
         {"SLC as the clients of the BSD family acknowledge it", "\xFF\xFA\x22\x03\x11\x82\x0D\x12\x82\x0D\xFF\xF0",
          false, true, true},
         {"SLC as it was sent", "\xFF\xFA\x22\x03\x11\x02\x0D\x12\x02\x0D\xFF\xF0", false, true, true},

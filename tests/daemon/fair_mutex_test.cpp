@@ -49,3 +49,19 @@ TEST(FairMutex, LetsAWaitingThreadInBetweenTwoTurnsOfABusyOne)
     busy.join();
     EXPECT_LE(passed, 20 * 5) << "turns of the busy thread while another took 20";
 }
+
+TEST(FairMutex, IsWaitedForNoLongerThanAsked)
+{
+    FairMutex mutex;
+    mutex.lock();
+    std::thread other([&] {
+        const Stopwatch watch;
+        EXPECT_FALSE(mutex.lockWithin(std::chrono::seconds(1)));
+        EXPECT_GE(watch.ms(), 990);
+        EXPECT_LT(watch.ms(), atMost(2000));
+    });
+    other.join();
+    mutex.unlock();
+    ASSERT_TRUE(mutex.lockWithin(std::chrono::seconds(1)));
+    mutex.unlock();
+}

@@ -37,7 +37,7 @@ TEST(ServiceGate, KeepsEverybodyOutOnceClosed)
 {
     ServiceGate gate;
     gate.open(&daemonA);
-    gate.close();
+    EXPECT_TRUE(gate.close(DEADLINE));
     EXPECT_FALSE(admits(gate, &daemonA));
 }
 
@@ -45,7 +45,7 @@ TEST(ServiceGate, KeepsTheThreadOfAnEarlierDaemonOutWhenItIsOpenForAnother)
 {
     ServiceGate gate;
     gate.open(&daemonA);
-    gate.close();
+    EXPECT_TRUE(gate.close(DEADLINE));
     gate.open(&daemonB);
     EXPECT_FALSE(admits(gate, &daemonA));
     EXPECT_TRUE(admits(gate, &daemonB));
@@ -69,9 +69,27 @@ TEST(ServiceGate, ClosesOnlyWhenNobodyIsInside)
         });
         ASSERT_TRUE(waitUntil([&] { return inside.load(); }));
         closing = true;
-        gate.close();
+        EXPECT_TRUE(gate.close(DEADLINE));
         EXPECT_TRUE(left);
         EXPECT_FALSE(admits(gate, &daemonA));
         service.join();
     }
+}
+
+TEST(ServiceGate, IsClosedButSaysSoWhenSomebodyStaysInside)
+{
+    ServiceGate gate;
+    gate.open(&daemonA);
+    std::atomic<bool> inside{false};
+    std::atomic<bool> mayLeave{false};
+    std::thread service([&] {
+        const ServiceGate::Stay stay(gate, &daemonA);
+        inside = true;
+        (void)waitUntil([&] { return mayLeave.load(); });
+    });
+    ASSERT_TRUE(waitUntil([&] { return inside.load(); }));
+    EXPECT_FALSE(gate.close(std::chrono::seconds(1)));
+    mayLeave = true;
+    service.join();
+    EXPECT_FALSE(admits(gate, &daemonA));
 }

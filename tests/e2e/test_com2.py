@@ -451,6 +451,7 @@ def test_a_far_end_that_does_not_read_holds_the_others_up_for_two_seconds_at_mos
         filled = line.fill()
         for client in (ipc, xcp):
             process.reply(FIRST_TAG, b"lost")
+            process.wait_taken()
             watch = Stopwatch()
             client.ask(b"*", b"0\r\n\r\n", within=10)
             held_up.append(watch.seconds())

@@ -157,6 +157,23 @@ def test_a_reinitialisation_that_fails_refuses_the_reset(start_in_own_device):
     end_own_device(tessd)
 
 
+@pytest.mark.parametrize("stop", ["SIGTERM", "stop message"])
+def test_a_stop_gets_through_while_a_reinitialisation_does_not_end(start_in_own_device, stop):
+    tessd = start_in_own_device()
+    with open(REINIT_PROGRAM, "w", encoding="ascii") as program:
+        program.write(f"#!/bin/sh\necho started >>{REINIT_DONE}\nexec sleep 1000\n")
+    with IpcClient() as client, QueueProcess(2001) as process:
+        client.send(b"RESET REINIT s3\n")
+        wait_until(lambda: os.path.exists(REINIT_DONE), "the re-initialisation runs")
+        if stop == "SIGTERM":
+            tessd.signal(signal.SIGTERM)
+        else:
+            process.send(wire.record(wire.STOP))
+        assert tessd.wait_end(within=30) == 0
+    assert tessd.entries()[-1] == (51001, "Normal application exit"), tessd.log_text()
+    assert not os.path.exists("/tmp/socket") and not os.path.exists("/tmp/xcp")
+
+
 def test_only_this_host_is_reinitialised(start_in_own_device):
     socket.sethostname("tess-north")
     tessd = start_in_own_device()

@@ -87,7 +87,7 @@ class Pressing:
 
     def __init__(self, client: TelnetClient, data: bytes) -> None:
         self._client = client
-        self._data = data * 8
+        self._data = data * (8 if settings.SLOW == 1 else 2)
         self._ending = threading.Event()
         self.received = b""
 

@@ -217,6 +217,25 @@ def test_a_header_cut_short_holds_the_service_thread_until_the_daemon_stops(star
         client.expect_close()
 
 
+@pytest.mark.parametrize("stop", ["SIGTERM", "stop message"])
+def test_a_stop_overtakes_the_answers_that_wait_for_a_held_service_thread(start_tessd, stop):
+    tessd = start_tessd()
+    with QueueProcess(2001) as process, IpcClient() as ipc, XcpClient() as client:
+        process.register(b"ENC")
+        ipc.send(b"s3.ENC GETX\n")
+        command = process.expect_command(b"GETX")
+        client.send(wire.frame(b"s3.ENC X\n")[:8])
+        wait_until(lambda: not answers(ipc), "the service thread is held", within=20)
+        for number in range(5):
+            process.reply(command.tag, b"%d\r\n" % number)
+        process.send(wire.record(wire.COM2_WRITE, b"A", length=1))
+        if stop == "SIGTERM":
+            tessd.signal(signal.SIGTERM)
+        else:
+            process.send(wire.record(wire.STOP))
+        tessd.expect_normal_end()
+
+
 def test_a_header_that_becomes_whole_too_late_goes_on_waiting(start_tessd):
     """A deliberate oddity: once the frame timer has run out, whole headers do not help any more."""
     tessd = start_tessd()

@@ -234,7 +234,7 @@ int main(int argc, char* argv[])
     std::uint64_t done = 0;
     for (; done < settings.runs && !isOver(); ++done) {
         progress.run = settings.first + done;
-        tryInput(Maker(settings.seed, progress.run, examples).input(settings.maxLength));
+        tryInput(Maker(settings.seed, progress.run, examples).input(static_cast<std::size_t>(settings.maxLength)));
     }
     std::cout << examples.size() << " files and " << done << " made-up inputs of seed " << settings.seed
               << ": all held\n";

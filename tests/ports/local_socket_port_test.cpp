@@ -370,6 +370,7 @@ TEST_P(LocalSocketPort, DisposesOfAClientThatItCannotAccept)
     EXPECT_EQ(conn, nullptr);
     EXPECT_EQ(port->activeConns, 0);
     EXPECT_EQ(port->nextConnId, kind().firstConnId) << "it has used an ID";
+    EXPECT_TRUE(port->rests()) << "the client still waits, and would wake the service loop again and again";
 }
 
 TEST_P(LocalSocketPort, ClosesAClientWhoseDescriptorNoSetHolds)

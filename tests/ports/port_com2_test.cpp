@@ -97,7 +97,7 @@ TEST_F(PortCom2, OpensWithItsNumbers)
     EXPECT_EQ(port.nextConnId, 0x0055'0000U);
     EXPECT_NE(::fcntl(port.fd, F_GETFD) & FD_CLOEXEC, 0);
     EXPECT_EQ(::fcntl(port.fd, F_GETFL) & O_ACCMODE, O_RDWR);
-    EXPECT_EQ(::fcntl(port.fd, F_GETFL) & O_NONBLOCK, 0);
+    EXPECT_NE(::fcntl(port.fd, F_GETFL) & O_NONBLOCK, 0);
 }
 
 TEST_F(PortCom2, SetsTheLineByName)

@@ -40,12 +40,12 @@ public:
     int open() const { return ::open(path_.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC); }
 
     /// Lines and nothing else, as the daemon's port sets it in what matters here.
-    static bool makePlain(int line)
+    static bool makePlain(int line, tcflag_t outputFlags = 0)
     {
         termios tio{};
         if (::tcgetattr(line, &tio) != 0) return false;
         tio.c_iflag = ICRNL;
-        tio.c_oflag = 0;
+        tio.c_oflag = outputFlags;
         tio.c_lflag = ICANON;
         return ::tcsetattr(line, TCSANOW, &tio) == 0;
     }

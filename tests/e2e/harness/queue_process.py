@@ -3,16 +3,19 @@
 from __future__ import annotations
 
 import contextlib
+import fcntl
 import itertools
 import mmap
 import os
 import signal
 import socket
+import sys
+import termios
 import traceback
 from collections.abc import Callable, Iterator
 
 from harness import settings, wire
-from harness.waiting import Deadline
+from harness.waiting import Deadline, wait_until
 
 
 def queue_path(address: int | str) -> str:
@@ -49,6 +52,14 @@ class QueueProcess:
         """Waits while the destination's queue is full."""
         self.socket.settimeout(10 * settings.SLOW)
         self.socket.sendto(datagram, queue_path(to))
+
+    def wait_taken(self) -> None:
+        """Until the daemon has taken out of its queue what was sent."""
+
+        def unread() -> int:
+            return int.from_bytes(fcntl.ioctl(self.socket, termios.TIOCOUTQ, bytes(4)), sys.byteorder)
+
+        wait_until(lambda: unread() == 0, "the daemon takes what was sent", 10)
 
     def receive(self, within: float = 5) -> wire.Message:
         deadline = Deadline(within)
