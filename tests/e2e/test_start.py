@@ -82,6 +82,7 @@ def test_log_tells_start_and_stop_in_order(tessd):
 def test_all_four_ports_start_and_stop_in_order(launch):
     with SerialLine():
         tessd = launch().wait_running()
+        tessd.wait_log(*com2.opened(1))
         started = tessd.entries()
         initialized = [INITIALIZE_COM2, INITIALIZE_TELNET, INITIALIZE_XCP, INITIALIZE_IPC]
         # The serial line's connection is opened by the service thread, which runs already.
