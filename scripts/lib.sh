@@ -14,9 +14,10 @@ cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 LOGS=build/logs
 JOBS=$(nproc)
-ROOMS=(framework connections ports commands daemon examples tests)
+ROOMS=(framework connections ports commands daemon examples tools tests)
 PYTHON=/usr/bin/python3 # Debian's, which sees Debian's packages; another one may come first in PATH
-BUILD_PACKAGES=(g++ cmake ninja-build libboost-dev libgtest-dev libgmock-dev python3)
+BUILD_PACKAGES=(g++ cmake ninja-build libboost-dev libgtest-dev libgmock-dev libcli11-dev nlohmann-json3-dev
+    libedit-dev python3)
 export PYTHONDONTWRITEBYTECODE=1
 failures=
 

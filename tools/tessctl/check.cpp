@@ -1,0 +1,195 @@
+#include "tools/tessctl/check.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <netinet/in.h>
+#include <nlohmann/json.hpp>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "framework/tess_messages.h"
+#include "tools/tessctl/answer_reader.h"
+#include "tools/tessctl/daemon_client.h"
+#include "tools/tessctl/likely_cause.h"
+#include "tools/tessctl/local_client.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::milliseconds ANSWER_TIME{5000};
+constexpr std::chrono::milliseconds GREETING_TIME{10'000}; // other clients that negotiate are served first
+constexpr const char* SERIAL_LINE = "/dev/ttyS1";
+constexpr in_port_t TELNET_PORT = 23;
+
+Finding lookAtQueue()
+{
+    const std::string directory = queueDirectory();
+    if (::access(directory.c_str(), R_OK | W_OK | X_OK) != 0)
+        return {"queue", false, failureText(directory, errno, PathOf::queueDirectory)};
+    return {"queue", true, directory + " can be used"};
+}
+
+Finding lookAtDaemon()
+{
+    const std::string path = queuePath(TESS_QUEUE_ID);
+    if (const int error = queueError(TESS_QUEUE_ID))
+        return {"daemon", false, failureText(path, error, PathOf::daemonQueue)};
+    return {"daemon", true, path + " is open"};
+}
+
+/// "*" is answered with "0" by the daemon itself.
+Finding lookAtSocket(const char* name, LocalPort port)
+try {
+    TLocalClient client(port, 0);
+    client.sendLine("*", ANSWER_TIME);
+    TAnswerReader reader;
+    std::string text;
+    for (const auto deadline = Clock::now() + ANSWER_TIME; Clock::now() < deadline;) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+        const TLocalClient::Received received = client.receive(left, text);
+        if (received == TLocalClient::Received::closed)
+            return {name, false,
+                    std::string(client.path()) + ": tessd has closed the connection: are ten others connected?"};
+        if (received != TLocalClient::Received::text) continue;
+        const TAnswerReader::Progress progress = reader.take(text);
+        if (progress.answers == 0) continue;
+        const bool right = progress.lines.front() == "0";
+        return {name, right, std::string(client.path()) + " answers" + (right ? "" : ", but not as tessd does")};
+    }
+    return {name, false, std::string(client.path()) + ": no answer within 5 s"};
+} catch (const TCtlError& error) {
+    return {name, false, error.what()};
+}
+
+/// Reads up to the greeting. Refuses what tessd offers, so that it waits for nothing (RFC 854).
+bool greets(int fd)
+{
+    constexpr unsigned char IAC = 255, DONT = 254, DO = 253, WONT = 252, WILL = 251;
+    std::string received;
+    std::size_t answered = 0;
+    for (const auto deadline = Clock::now() + GREETING_TIME; Clock::now() < deadline;) {
+        pollfd input{fd, POLLIN, 0};
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+        if (::poll(&input, 1, static_cast<int>(left.count())) <= 0) continue;
+        std::array<char, 512> bytes{};
+        const ssize_t count = ::recv(fd, bytes.data(), bytes.size(), 0);
+        if (count <= 0) return false;
+        received.append(bytes.data(), static_cast<std::size_t>(count));
+        for (; answered + 2 < received.size(); ++answered) {
+            const auto at = [&](std::size_t i) { return static_cast<unsigned char>(received[answered + i]); };
+            if (at(0) != IAC || at(1) < WILL || at(1) > DO) continue;
+            const std::array<unsigned char, 3> refusal{IAC, at(1) == DO ? WONT : DONT, at(2)};
+            if (::send(fd, refusal.data(), refusal.size(), MSG_NOSIGNAL) != 3) return false;
+        }
+        if (received.find("UserName:") != std::string::npos) return true;
+    }
+    return false;
+}
+
+Finding lookAtTelnet()
+{
+    const std::string where = "127.0.0.1:23";
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(TELNET_PORT);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    Finding finding{"telnet", false, {}};
+    if (fd < 0 || ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        finding.what = failureText(where, errno, PathOf::telnet);
+    } else if (greets(fd)) {
+        finding = {"telnet", true, where + " asks for a name"};
+    } else {
+        finding.what = where + ": no greeting: are ten others connected?";
+    }
+    if (fd >= 0) ::close(fd);
+    return finding;
+}
+
+/// Who has a device open, of the processes that this user may look into.
+std::string usersOf(const fs::path& device)
+{
+    std::string users;
+    std::error_code ignored; // of processes that end meanwhile, or are somebody else's
+    const fs::path target = fs::canonical(device, ignored);
+    for (const fs::directory_entry& process : fs::directory_iterator("/proc", ignored)) {
+        const std::string number = process.path().filename();
+        if (number.find_first_not_of("0123456789") != std::string::npos) continue;
+        for (fs::directory_iterator each(process.path() / "fd", ignored), end; each != end; each.increment(ignored)) {
+            if (fs::read_symlink(each->path(), ignored) != target) continue;
+            std::string name;
+            std::getline(std::ifstream(process.path() / "comm"), name);
+            users += (users.empty() ? "" : ", ") + name + " (" + number + ")";
+            break;
+        }
+    }
+    return users;
+}
+
+Finding lookAtSerialLine()
+{
+    if (::access(SERIAL_LINE, F_OK) != 0) return {"com2", false, failureText(SERIAL_LINE, errno, PathOf::serialLine)};
+    const std::string users = usersOf(SERIAL_LINE);
+    const std::string line = SERIAL_LINE;
+    if (users.find("tessd (") != std::string::npos) return {"com2", true, line + " is open in " + users};
+    if (!users.empty()) return {"com2", false, line + " is open in " + users + ", not in tessd"};
+    if (::geteuid() != 0) return {"com2", true, line + " exists; who has it open can only root see"};
+    return {"com2", false, line + " is open in no process: does tessd run with the COM2 port?"};
+}
+
+constexpr std::array<const char*, 6> NAMES{"queue", "daemon", "ipc", "xcp", "telnet", "com2"};
+
+} // namespace
+
+Finding look(std::string_view name)
+{
+    if (name == "queue") return lookAtQueue();
+    if (name == "daemon") return lookAtDaemon();
+    if (name == "ipc") return lookAtSocket("ipc", LocalPort::ipc);
+    if (name == "xcp") return lookAtSocket("xcp", LocalPort::xcp);
+    if (name == "telnet") return lookAtTelnet();
+    return lookAtSerialLine();
+}
+
+ExitStatus runCheck(bool json)
+{
+    nlohmann::ordered_json report{{"ok", true}, {"checks", nlohmann::json::array()}};
+    bool ok = true;
+    for (const char* name : NAMES) {
+        const Finding finding = look(name);
+        ok = ok && finding.ok;
+        if (json) {
+            report["checks"].push_back(
+                nlohmann::ordered_json{{"name", finding.name}, {"ok", finding.ok}, {"what", finding.what}});
+        } else {
+            std::cout << (finding.ok ? "ok      " : "FAILED  ") << finding.name
+                      << std::string(8 - finding.name.size(), ' ') << finding.what << '\n'
+                      << std::flush;
+        }
+    }
+    report["ok"] = ok;
+    if (json) std::cout << report.dump(2) << '\n';
+    return ok ? STATUS_DONE : STATUS_REFUSED;
+}
+
+ExitStatus runPing(std::string_view name)
+{
+    const auto start = Clock::now();
+    const Finding finding = look(name == "queue" ? "daemon" : name);
+    if (!finding.ok) {
+        std::cerr << "tessctl: " << finding.what << '\n';
+        return STATUS_REFUSED;
+    }
+    const auto took = std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+    std::cout << finding.what << " (" << took << " ms)\n";
+    return STATUS_DONE;
+}

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tools/tessctl/exit_status.h"
+
+/// One thing that was looked at.
+struct Finding {
+    std::string name; ///< queue, daemon, ipc, xcp, telnet, com2
+    bool ok = false;
+    std::string what; ///< in words
+};
+
+/// Looks at one thing: at a port, or at tessd's queue.
+/// @param name  as in Finding
+Finding look(std::string_view name);
+
+/// Looks at everything and says what works from here.
+/// @return STATUS_DONE when all of it does
+ExitStatus runCheck(bool json);
+
+/// Looks at one thing only.
+ExitStatus runPing(std::string_view name);

@@ -1,0 +1,196 @@
+#include "tools/tessctl/console.h"
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <clocale>
+#include <cstdio>
+#include <cstdlib>
+#include <cwchar>
+#include <histedit.h>
+#include <memory>
+#include <poll.h>
+#include <string>
+#include <unistd.h>
+
+#include "tools/tessctl/answer_reader.h"
+#include "tools/tessctl/command_line.h"
+#include "tools/tessctl/word_completion.h"
+
+namespace {
+
+constexpr int HISTORY_LINES = 1000;
+constexpr int PAUSE_MS = 200; // then a line without an end is shown as it is
+constexpr std::chrono::seconds SEND_PATIENCE{5};
+
+class Console {
+public:
+    explicit Console(LocalPort port)
+        : client_(port, 0), history_(::history_init(), ::history_end),
+          edit_(::el_init("tessctl", stdin, stdout, stderr), ::el_end)
+    {
+        EditLine* const edit = edit_.get();
+        ::el_set(edit, EL_CLIENTDATA, this);
+        ::el_set(edit, EL_PROMPT, prompt);
+        ::el_set(edit, EL_EDITOR, "emacs");
+        ::el_set(edit, EL_SIGNAL, 1);
+        ::el_set(edit, EL_GETCFN, getCharacter);
+        ::el_set(edit, EL_ADDFN, "complete", "completes a word", completeWord);
+        ::el_set(edit, EL_BIND, "^I", "complete", nullptr);
+        HistEvent event{};
+        ::history(history_.get(), &event, H_SETSIZE, HISTORY_LINES);
+        ::history(history_.get(), &event, H_SETUNIQUE, 1);
+        ::el_set(edit, EL_HIST, ::history, history_.get());
+        if (const char* home = std::getenv("HOME")) historyFile_ = std::string(home) + "/.tessctl_history";
+        if (!historyFile_.empty()) ::history(history_.get(), &event, H_LOAD, historyFile_.c_str());
+        ::el_source(edit, nullptr); // the user's own key bindings, editrc(5)
+    }
+
+    ExitStatus run()
+    {
+        int count = 0;
+        while (const char* typed = ::el_gets(edit_.get(), &count)) {
+            if (count <= 0) break;
+            std::string line(typed, static_cast<std::size_t>(count));
+            while (line.ends_with('\n') || line.ends_with('\r'))
+                line.pop_back();
+            if (answersDue(line) > 0) send(line);
+        }
+        if (closed_)
+            throw TCtlError(STATUS_NO_CONNECTION, std::string(client_.path()) + ": tessd has closed the connection");
+        std::puts(""); // behind the prompt
+        HistEvent event{};
+        if (!historyFile_.empty()) ::history(history_.get(), &event, H_SAVE, historyFile_.c_str());
+        return STATUS_DONE;
+    }
+
+private:
+    static Console& of(EditLine* edit)
+    {
+        Console* console = nullptr;
+        ::el_get(edit, EL_CLIENTDATA, &console);
+        return *console;
+    }
+
+    static char* prompt(EditLine*)
+    {
+        static std::array<char, 8> text{"tess> "};
+        return text.data();
+    }
+
+    void send(const std::string& line)
+    {
+        HistEvent event{};
+        ::history(history_.get(), &event, H_ENTER, line.c_str());
+        words_.see(line);
+        if (line.size() > MAX_LINE_BYTES) {
+            std::printf("The line is too long: %zu bytes, the limit is %zu.\n", line.size(), MAX_LINE_BYTES);
+            return;
+        }
+        client_.sendLine(line, SEND_PATIENCE);
+    }
+
+    /// Waits for a key, and shows what tessd sends meanwhile.
+    static int getCharacter(EditLine* edit, wchar_t* character)
+    {
+        Console& self = of(edit);
+        std::mbstate_t state{};
+        for (;;) {
+            if (!self.waitForKey()) return 0;
+            char byte = 0;
+            const ssize_t count = ::read(STDIN_FILENO, &byte, 1);
+            if (count < 0 && errno == EINTR) continue;
+            if (count <= 0) return static_cast<int>(count);
+            switch (std::mbrtowc(character, &byte, 1, &state)) {
+            case static_cast<std::size_t>(-2):
+                continue; // the rest of it follows
+            case static_cast<std::size_t>(-1):
+                *character = L'?';
+                return 1;
+            default:
+                return 1;
+            }
+        }
+    }
+
+    /// @return false when tessd has closed the connection
+    bool waitForKey()
+    {
+        for (;;) {
+            std::array<pollfd, 2> inputs{{{STDIN_FILENO, POLLIN, 0}, {client_.fd(), POLLIN, 0}}};
+            const int ready = ::poll(inputs.data(), inputs.size(), reader_.insideAnswer() ? PAUSE_MS : -1);
+            if (ready == 0) show(reader_.takePause());
+            if (inputs[1].revents != 0 && !takeAnswer()) return false;
+            if (inputs[0].revents != 0) return true;
+        }
+    }
+
+    bool takeAnswer()
+    {
+        std::string text;
+        switch (client_.receive(std::chrono::milliseconds(0), text)) {
+        case TLocalClient::Received::closed:
+            closed_ = true;
+            return false;
+        case TLocalClient::Received::text:
+            show(reader_.take(text));
+            break;
+        case TLocalClient::Received::nothing:
+            break;
+        }
+        return true;
+    }
+
+    /// Prints above the line being typed: erases it, prints, and has it drawn again.
+    void show(const TAnswerReader::Progress& progress)
+    {
+        if (progress.lines.empty()) return;
+        std::fputs("\r\033[J", stdout);
+        for (const std::string& line : progress.lines) {
+            std::fwrite(line.data(), 1, line.size(), stdout);
+            std::fputs("\r\n", stdout); // the terminal may be in any mode
+        }
+        std::fflush(stdout);
+        ::el_set(edit_.get(), EL_REFRESH);
+    }
+
+    static unsigned char completeWord(EditLine* edit, int)
+    {
+        Console& self = of(edit);
+        const LineInfo* const line = ::el_line(edit);
+        const std::string_view before(line->buffer, static_cast<std::size_t>(line->cursor - line->buffer));
+        const std::vector<std::string> words = self.words_.complete(before);
+        if (words.empty()) return CC_ERROR;
+        const std::size_t typed = before.size() - (before.find_last_of(" \t|") + 1); // npos + 1 is 0
+        const std::string common = TWordCompletion::commonBeginning(words);
+        if (common.size() >= typed) {
+            ::el_deletestr(edit, static_cast<int>(typed));
+            ::el_insertstr(edit, (words.size() == 1 ? common + ' ' : common).c_str());
+            if (words.size() == 1 || common.size() > typed) return CC_REFRESH;
+        }
+        TAnswerReader::Progress choice;
+        choice.lines.emplace_back();
+        for (const std::string& word : words)
+            choice.lines.back() += word + "  ";
+        self.show(choice);
+        return CC_REFRESH;
+    }
+
+    TLocalClient client_;
+    TAnswerReader reader_;
+    TWordCompletion words_;
+    std::unique_ptr<History, void (*)(History*)> history_;
+    std::unique_ptr<EditLine, void (*)(EditLine*)> edit_;
+    std::string historyFile_;
+    bool closed_ = false;
+};
+
+} // namespace
+
+ExitStatus runConsole(LocalPort port)
+{
+    if (::isatty(STDIN_FILENO) == 0 || ::isatty(STDOUT_FILENO) == 0)
+        throw TCtlError(STATUS_WRONG_USAGE, "console wants a terminal; 'tessctl send' reads lines from anywhere");
+    (void)std::setlocale(LC_CTYPE, "");
+    return Console(port).run();
+}

@@ -1,0 +1,19 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "tools/tessctl/exit_status.h"
+
+struct ListenOptions {
+    std::string name = "LISTEN";
+    std::uint32_t ports = 0;
+    std::optional<long> address;
+    bool raw = false;
+    std::uint64_t count = 0; ///< of records to print; 0: until SIGINT or SIGTERM
+};
+
+/// Registers, prints every record that arrives, and unregisters at the end.
+/// @throws TCtlError
+ExitStatus runListen(const ListenOptions& options);

@@ -1,0 +1,125 @@
+#include "tools/tessctl/local_client.h"
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <linux/sockios.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <system_error>
+#include <thread>
+#include <unistd.h>
+
+#include "framework/fixed_text.h"
+#include "tools/tessctl/exit_status.h"
+#include "tools/tessctl/likely_cause.h"
+
+namespace {
+
+constexpr std::size_t BURST_LIMIT = 1024; // tessd throws away what it finds in one piece of this size
+constexpr std::chrono::milliseconds BETWEEN_LOOKS{1};
+
+/// In host byte order; the first two words mean nothing.
+struct FrameHeader {
+    std::uint32_t word0 = 0;
+    std::uint32_t word1 = 0;
+    std::uint32_t tag = 0;
+    std::uint32_t length = 0;
+};
+
+int connectTo(const char* path)
+{
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un name{};
+    name.sun_family = AF_UNIX;
+    putText(name.sun_path, path);
+    if (fd >= 0 && ::connect(fd, reinterpret_cast<const sockaddr*>(&name), sizeof name) == 0) return fd;
+    const int error = errno;
+    if (fd >= 0) ::close(fd);
+    throw TCtlError(STATUS_NO_CONNECTION, failureText(path, error, PathOf::localSocket));
+}
+
+std::string closedText(const char* path)
+{
+    return std::string(path) + ": tessd has closed the connection: are ten others connected, or has it ended?";
+}
+
+} // namespace
+
+const char* pathOf(LocalPort port)
+{
+    return port == LocalPort::ipc ? "/tmp/socket" : "/tmp/xcp";
+}
+
+TLocalClient::TLocalClient(LocalPort port, std::uint16_t tag)
+    : port_(port), tag_(tag), path_(pathOf(port)), fd_(connectTo(path_))
+{
+}
+
+TLocalClient::~TLocalClient()
+{
+    ::close(fd_);
+}
+
+bool TLocalClient::roomFor(std::size_t bytes)
+{
+    int unread = 0;
+    if (::ioctl(fd_, SIOCOUTQ, &unread) == 0 && unread == 0) unread_ = 0;
+    return unread_ + bytes < BURST_LIMIT;
+}
+
+void TLocalClient::sendLine(std::string_view line, std::chrono::milliseconds patience)
+{
+    std::string bytes;
+    if (port_ == LocalPort::xcp) {
+        const FrameHeader header{.tag = tag_, .length = static_cast<std::uint32_t>(line.size())};
+        bytes.assign(reinterpret_cast<const char*>(&header), sizeof header);
+    }
+    bytes += line;
+    if (port_ == LocalPort::ipc) bytes += '\n';
+
+    const auto deadline = std::chrono::steady_clock::now() + patience;
+    while (!roomFor(bytes.size())) {
+        if (std::chrono::steady_clock::now() > deadline)
+            throw TCtlError(STATUS_NO_ANSWER, std::string(path_) + ": tessd does not read");
+        std::this_thread::sleep_for(BETWEEN_LOOKS);
+    }
+    unread_ += bytes.size();
+    // So little always fits the socket's buffer whole.
+    if (::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(bytes.size()))
+        throw TCtlError(STATUS_NO_CONNECTION, closedText(path_));
+}
+
+TLocalClient::Received TLocalClient::receive(std::chrono::milliseconds patience, std::string& text)
+{
+    text.clear();
+    pollfd input{fd_, POLLIN, 0};
+    const int ready = ::poll(&input, 1, static_cast<int>(std::max<std::int64_t>(patience.count(), 0)));
+    if (ready == 0 || (ready < 0 && errno == EINTR)) return Received::nothing;
+    std::array<char, 16384> bytes; // NOLINT(cppcoreguidelines-pro-type-member-init): recv fills it
+    const ssize_t count = ::recv(fd_, bytes.data(), bytes.size(), 0);
+    if (count <= 0) return Received::closed;
+    const std::string_view arrived(bytes.data(), static_cast<std::size_t>(count));
+    if (port_ == LocalPort::ipc) {
+        text = arrived;
+    } else {
+        frames_ += arrived;
+        takeFrames(text);
+    }
+    return text.empty() ? Received::nothing : Received::text;
+}
+
+void TLocalClient::takeFrames(std::string& text)
+{
+    FrameHeader header;
+    while (frames_.size() >= sizeof header) {
+        std::memcpy(&header, frames_.data(), sizeof header);
+        const std::size_t whole = sizeof header + header.length;
+        if (frames_.size() < whole) return;
+        const std::string_view payload = std::string_view(frames_).substr(sizeof header, header.length);
+        text += payload.substr(0, payload.find('\0'));
+        frames_.erase(0, whole);
+    }
+}

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+/// tessd's sockets for programs on the same device.
+enum class LocalPort { ipc, xcp };
+
+const char* pathOf(LocalPort port);
+
+/// A connection to one of them. Lines go out, texts come in; on /tmp/xcp both travel in frames.
+/// Threads: one.
+class TLocalClient {
+public:
+    /// @param tag  goes along with every line of /tmp/xcp, and comes back with answers
+    /// @throws TCtlError  nobody listens there, or not for us
+    TLocalClient(LocalPort port, std::uint16_t tag);
+    TLocalClient(const TLocalClient&) = delete;
+    TLocalClient& operator=(const TLocalClient&) = delete;
+    ~TLocalClient();
+
+    int fd() const { return fd_; }
+    const char* path() const { return path_; }
+
+    /// Sends one command line. Waits while tessd has not read enough of what it was sent before: it throws away 1024 bytes
+    /// that it finds in one piece.
+    /// @param line  without an end, MAX_LINE_BYTES at most
+    /// @throws TCtlError  tessd has closed the connection, or has read nothing for `patience`
+    void sendLine(std::string_view line, std::chrono::milliseconds patience);
+
+    enum class Received { text, nothing, closed };
+
+    /// Waits for text.
+    /// @param text  receives it; on /tmp/xcp what the frames carried, without their NUL
+    Received receive(std::chrono::milliseconds patience, std::string& text);
+
+private:
+    bool roomFor(std::size_t bytes);
+    void takeFrames(std::string& text);
+
+    LocalPort port_;
+    std::uint16_t tag_;
+    const char* path_;
+    int fd_;
+    std::size_t unread_ = 0; ///< bytes sent that tessd may not have read yet
+    std::string frames_;     ///< received, not yet whole
+};

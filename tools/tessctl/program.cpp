@@ -1,0 +1,182 @@
+#include "tools/tessctl/program.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <fcntl.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <system_error>
+#include <unistd.h>
+#include <utility>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+class Descriptor {
+public:
+    explicit Descriptor(int fd = -1) : fd_(fd) {}
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    ~Descriptor() { close(); }
+
+    int get() const { return fd_; }
+    void close()
+    {
+        if (fd_ >= 0) ::close(fd_);
+        fd_ = -1;
+    }
+
+private:
+    int fd_;
+};
+
+struct Pipe {
+    std::array<int, 2> ends{-1, -1};
+    int error = ::pipe2(ends.data(), O_CLOEXEC) == 0 ? 0 : errno;
+    Descriptor reading{ends[0]};
+    Descriptor writing{ends[1]};
+};
+
+std::string reason(int error)
+{
+    return std::generic_category().message(error);
+}
+
+/// @return 0 and the child's process number, else as errno has it
+int spawn(const std::vector<std::string>& words, int input, int output, pid_t& child)
+{
+    std::vector<char*> arguments;
+    for (const std::string& word : words)
+        arguments.push_back(const_cast<char*>(word.c_str())); // posix_spawn does not write to them
+    arguments.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawnattr_t attributes;
+    ::posix_spawn_file_actions_init(&actions);
+    ::posix_spawn_file_actions_adddup2(&actions, input, STDIN_FILENO);
+    ::posix_spawn_file_actions_adddup2(&actions, output, STDOUT_FILENO);
+    sigset_t none{};
+    sigset_t all{};
+    ::sigemptyset(&none);
+    ::sigfillset(&all);
+    ::posix_spawnattr_init(&attributes);
+    ::posix_spawnattr_setsigmask(&attributes, &none);
+    ::posix_spawnattr_setsigdefault(&attributes, &all);
+    ::posix_spawnattr_setpgroup(&attributes, 0);
+    ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
+    const int error = ::posix_spawnp(&child, arguments[0], &actions, &attributes, arguments.data(), environ);
+    ::posix_spawnattr_destroy(&attributes);
+    ::posix_spawn_file_actions_destroy(&actions);
+    return error;
+}
+
+/// Talks to a child until it has ended or its time is over.
+class Dialogue {
+public:
+    Dialogue(pid_t child, Descriptor& toChild, const Descriptor& fromChild, std::string_view input,
+             std::size_t outputLimit)
+        : toChild_(toChild), fromChild_(fromChild), ended_(static_cast<int>(::syscall(SYS_pidfd_open, child, 0U))),
+          input_(input), outputLimit_(outputLimit)
+    {
+        (void)::fcntl(toChild.get(), F_SETFL, O_NONBLOCK);
+        (void)::fcntl(fromChild.get(), F_SETFL, O_NONBLOCK);
+    }
+
+    /// @return false when the time was over first
+    bool run(std::chrono::milliseconds timeLimit)
+    {
+        const auto deadline = Clock::now() + timeLimit;
+        for (;;) {
+            const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+            if (left <= 0) return false;
+            std::array<pollfd, 3> each{{{ended_.get(), POLLIN, 0},
+                                        {reading_ ? fromChild_.get() : -1, POLLIN, 0},
+                                        {toChild_.get(), POLLOUT, 0}}};
+            (void)::poll(each.data(), each.size(), static_cast<int>(std::min<long>(left, 1'000'000)));
+            if (each[2].revents != 0) write();
+            if (each[1].revents != 0) read();
+            if (each[0].revents != 0) {
+                read(); // what it left; what others hold the pipe open for is not waited for
+                return true;
+            }
+        }
+    }
+
+    std::string& output() { return output_; }
+    bool overflow() const { return overflow_; }
+
+private:
+    void write()
+    {
+        const ssize_t count = ::write(toChild_.get(), input_.data(), input_.size());
+        if (count > 0) input_.remove_prefix(static_cast<std::size_t>(count));
+        const bool refused = count < 0 && errno != EAGAIN && errno != EINTR; // it does not want to know
+        if (input_.empty() || refused) toChild_.close();
+    }
+
+    void read()
+    {
+        std::array<char, 16384> bytes; // NOLINT(cppcoreguidelines-pro-type-member-init): read fills it
+        for (ssize_t count; (count = ::read(fromChild_.get(), bytes.data(), bytes.size())) != 0;) {
+            if (count < 0) return;
+            const std::size_t fits = std::min(static_cast<std::size_t>(count), outputLimit_ - output_.size());
+            output_.append(bytes.data(), fits);
+            if (fits < static_cast<std::size_t>(count)) overflow_ = true;
+        }
+        reading_ = false;
+    }
+
+    Descriptor& toChild_;
+    const Descriptor& fromChild_;
+    Descriptor ended_;
+    std::string_view input_;
+    std::size_t outputLimit_;
+    std::string output_;
+    bool reading_ = true;
+    bool overflow_ = false;
+};
+
+std::string secondsText(std::chrono::milliseconds time)
+{
+    std::array<char, 32> text{};
+    (void)std::snprintf(text.data(), text.size(), "%g s", std::chrono::duration<double>(time).count());
+    return text.data();
+}
+
+} // namespace
+
+ProgramResult runProgram(const std::vector<std::string>& words, std::string_view input,
+                         std::chrono::milliseconds timeLimit, std::size_t outputLimit)
+{
+    const std::string& name = words.front();
+    Pipe in;
+    Pipe out;
+    pid_t child = 0;
+    int error = in.error != 0 ? in.error : out.error;
+    if (error == 0) error = spawn(words, in.reading.get(), out.writing.get(), child);
+    if (error != 0) return {{}, name + ": " + reason(error)};
+    in.reading.close();
+    out.writing.close();
+
+    Dialogue dialogue(child, in.writing, out.reading, input, outputLimit);
+    const bool inTime = dialogue.run(timeLimit);
+    if (!inTime) (void)::kill(-child, SIGKILL);
+    int status = 0;
+    while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
+    }
+    ProgramResult result{std::move(dialogue.output()), {}};
+    if (!inTime)
+        result.failure = name + " did not end within " + secondsText(timeLimit);
+    else if (WIFSIGNALED(status))
+        result.failure = name + " was ended by signal " + std::to_string(WTERMSIG(status));
+    else if (WEXITSTATUS(status) != 0)
+        result.failure = name + " ended with status " + std::to_string(WEXITSTATUS(status));
+    else if (dialogue.overflow())
+        result.failure = name + " printed more than " + std::to_string(outputLimit) + " bytes";
+    return result;
+}

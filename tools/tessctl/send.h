@@ -1,0 +1,21 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "tools/tessctl/exit_status.h"
+#include "tools/tessctl/local_client.h"
+
+struct SendOptions {
+    LocalPort port = LocalPort::ipc;
+    std::uint16_t tag = 0;
+    std::chrono::milliseconds wait{5000}; ///< for each answer
+    std::chrono::milliseconds linger{0};  ///< after the answers to a line
+    std::vector<std::string> lines;       ///< standard input's when there are none
+};
+
+/// Sends lines one after the other and prints their answers as they come.
+/// @throws TCtlError
+ExitStatus runSend(const SendOptions& options);

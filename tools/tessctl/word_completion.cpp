@@ -1,0 +1,50 @@
+#include "tools/tessctl/word_completion.h"
+
+#include <algorithm>
+#include <cctype>
+#include <strings.h>
+
+#include "framework/tokenizer.h"
+
+namespace {
+
+constexpr const char* BLANKS = " \t|";
+
+bool beginsWith(std::string_view text, std::string_view beginning)
+{
+    return text.size() >= beginning.size() && ::strncasecmp(text.data(), beginning.data(), beginning.size()) == 0;
+}
+
+} // namespace
+
+TWordCompletion::TWordCompletion() : words_{"DELAY", "CLEAR", "RESET", "REINIT"} {}
+
+void TWordCompletion::see(std::string_view line)
+{
+    std::vector<std::string_view> words;
+    stringTokenizer(line, words, BLANKS);
+    for (const std::string_view word : words) {
+        const bool isName = std::ranges::any_of(word, [](unsigned char c) { return std::isalpha(c) != 0; });
+        if (isName) words_.emplace(word);
+    }
+}
+
+std::vector<std::string> TWordCompletion::complete(std::string_view line) const
+{
+    const std::size_t blank = line.find_last_of(BLANKS);
+    const std::string_view beginning = blank == std::string_view::npos ? line : line.substr(blank + 1);
+    std::vector<std::string> found;
+    if (beginning.empty()) return found;
+    std::ranges::copy_if(words_, std::back_inserter(found),
+                         [&](const std::string& word) { return beginsWith(word, beginning); });
+    return found;
+}
+
+std::string TWordCompletion::commonBeginning(const std::vector<std::string>& words)
+{
+    if (words.empty()) return {};
+    std::string common = words.front();
+    for (const std::string& word : words)
+        common.erase(std::ranges::mismatch(common, word).in1, common.end());
+    return common;
+}
