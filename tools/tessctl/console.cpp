@@ -148,7 +148,7 @@ private:
         std::fputs("\r\033[J", stdout);
         for (const std::string& line : progress.lines) {
             std::fwrite(line.data(), 1, line.size(), stdout);
-            std::fputs("\r\n", stdout); // the terminal may be in any mode
+            std::fputs("\n", stdout);
         }
         std::fflush(stdout);
         ::el_set(edit_.get(), EL_REFRESH);
