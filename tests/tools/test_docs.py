@@ -41,7 +41,7 @@ def test_every_oddity_names_a_test_that_exists():
 
 
 def test_links_lead_to_files():
-    for document in ["README.md", *(f"docs/{name}" for name in os.listdir(os.path.join(PROJECT, "docs")))]:
+    for document in ["README.md", *(f"docs/{name}" for name in os.listdir(os.path.join(PROJECT, "docs")) if name.endswith(".md"))]:
         folder = os.path.dirname(os.path.join(PROJECT, document))
         for link in re.findall(r"\]\(([^)#]+)\)", read(document)):
             assert os.path.exists(os.path.join(folder, link)), f"{document}: {link}"
