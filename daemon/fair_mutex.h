@@ -3,6 +3,8 @@
 #include <chrono>
 #include <mutex>
 
+#include "daemon/timed_lock.h"
+
 /// A mutex that nobody is kept out of by a thread which gives it back and takes it again at once, as the service thread does
 /// under load: whoever waits holds the turn, and the next one waits for that. Satisfies BasicLockable.
 class FairMutex {
@@ -20,7 +22,7 @@ public:
     bool lockWithin(std::chrono::seconds patience)
     {
         const std::scoped_lock turn(turn_);
-        return mutex_.try_lock_for(patience);
+        return ::lockWithin(mutex_, patience);
     }
 
 private:

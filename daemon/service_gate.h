@@ -4,6 +4,8 @@
 #include <chrono>
 #include <mutex>
 
+#include "daemon/timed_lock.h"
+
 /// Keeps the service thread out of a daemon that is being torn down. The thread is inside for all that it does but its wait
 /// for input; once close() has returned it is outside for good and finds that out without touching the daemon.
 /// Outlives every daemon.
@@ -17,8 +19,9 @@ public:
     bool close(std::chrono::seconds patience)
     {
         daemon_ = nullptr;
-        const std::unique_lock untilOutside(inside_, patience);
-        return untilOutside.owns_lock();
+        if (!lockWithin(inside_, patience)) return false;
+        inside_.unlock();
+        return true;
     }
 
     /// A stay inside; false when the gate is closed for that daemon.
