@@ -13,6 +13,7 @@ from harness.nested import OWN_DEVICE
 from harness.queue_process import QueueProcess
 from harness.telnet import TelnetClient
 from harness.tessctl import DONE, NO_ANSWER, NO_CONNECTION, REFUSED, WRONG_USAGE
+from harness.waiting import Stopwatch
 
 pytestmark = tessctl.needs_tessctl
 
@@ -78,6 +79,12 @@ def test_ping_looks_at_one_port(full_tessd):
     }.items():
         assert tessctl.run("ping", port).expect(DONE, errors="").output.startswith(said)
     assert tessctl.run("ping").expect(DONE).output.startswith("/tmp/socket answers (")
+
+
+def test_looking_at_telnet_keeps_nobody_waiting(socket_tessd):
+    watch = Stopwatch()
+    tessctl.run("ping", "telnet").expect(DONE)
+    assert watch.seconds() < 0.9 * settings.SLOW, "it was taken for a client that may have options to negotiate"
 
 
 def test_ping_fails_without_a_daemon():

@@ -70,12 +70,12 @@ try {
     return {name, false, error.what()};
 }
 
-/// Reads up to the greeting. Refuses what tessd offers, so that it waits for nothing (RFC 854).
+/// Reads up to the greeting. An empty line comes first: tessd takes whoever types at once for a plain client, and does not
+/// keep everybody waiting for a second to find out whether there is anything to negotiate.
 bool greets(int fd)
 {
-    constexpr unsigned char IAC = 255, DONT = 254, DO = 253, WONT = 252, WILL = 251;
+    if (::send(fd, "\r\n", 2, MSG_NOSIGNAL) != 2) return false;
     std::string received;
-    std::size_t answered = 0;
     for (const auto deadline = Clock::now() + GREETING_TIME; Clock::now() < deadline;) {
         pollfd input{fd, POLLIN, 0};
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
@@ -84,12 +84,6 @@ bool greets(int fd)
         const ssize_t count = ::recv(fd, bytes.data(), bytes.size(), 0);
         if (count <= 0) return false;
         received.append(bytes.data(), static_cast<std::size_t>(count));
-        for (; answered + 2 < received.size(); ++answered) {
-            const auto at = [&](std::size_t i) { return static_cast<unsigned char>(received[answered + i]); };
-            if (at(0) != IAC || at(1) < WILL || at(1) > DO) continue;
-            const std::array<unsigned char, 3> refusal{IAC, at(1) == DO ? WONT : DONT, at(2)};
-            if (::send(fd, refusal.data(), refusal.size(), MSG_NOSIGNAL) != 3) return false;
-        }
         if (received.find("UserName:") != std::string::npos) return true;
     }
     return false;
