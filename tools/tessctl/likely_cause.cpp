@@ -23,7 +23,7 @@ constexpr Cause CAUSES[] = {
     {PathOf::ownQueue, EACCES, "are you in group tess?"},
     {PathOf::localSocket, ENOENT, "is tessd running, and with this port?"},
     {PathOf::localSocket, ECONNREFUSED, "tessd has ended without cleaning up; start it again"},
-    {PathOf::localSocket, EACCES, "ask whoever runs tessd for access"},
+    {PathOf::localSocket, EACCES, "are you in group tess?"},
     {PathOf::localSocket, EPROTOTYPE, "something else holds tessd's path"},
     {PathOf::telnet, ECONNREFUSED, "is tessd running, and with the telnet port?"},
     {PathOf::serialLine, ENOENT, "this device has no second serial line"},

@@ -1,0 +1,278 @@
+"""The packages at work: installed, served by a real service manager, upgraded under clients, removed, purged.
+
+Needs root and the packages of scripts/package."""
+
+from __future__ import annotations
+
+import os
+import pathlib
+import re
+import shutil
+import socket
+import subprocess
+from collections.abc import Iterator
+
+import pytest
+import service_manager
+from conftest import PACKAGES, run
+from service_manager import NONE, System
+
+pytestmark = [
+    pytest.mark.slow,
+    pytest.mark.skipif(service_manager.why_not() is not None, reason=str(service_manager.why_not())),
+    pytest.mark.skipif(not list(PACKAGES.glob("*.deb")), reason="there are no packages: scripts/package makes them"),
+]
+
+BOTH_CAPABILITIES = 1 << 10 | 1 << 22  # CAP_NET_BIND_SERVICE, CAP_SYS_BOOT
+SECCOMP_FILTER = "2"
+
+
+@pytest.fixture(scope="session")
+def packages(tmp_path_factory: pytest.TempPathFactory) -> pathlib.Path:
+    """The packages, and tessd once more as a later version."""
+    service_manager.make_root()
+    folder = tmp_path_factory.mktemp("packages")
+    for package in PACKAGES.glob("*.deb"):
+        shutil.copy(package, folder)
+    tree = folder / "later"
+    run("dpkg-deb", "-R", next(folder.glob("tessd_*.deb")), tree)
+    control = (tree / "DEBIAN/control").read_text()
+    (tree / "DEBIAN/control").write_text(re.sub(r"(?m)^Version: .*", "Version: 99.0-1", control))
+    run("dpkg-deb", "--root-owner-group", "-b", tree, folder / "later_tessd.deb")
+    shutil.rmtree(tree)
+    return folder
+
+
+@pytest.fixture
+def system(packages: pathlib.Path) -> Iterator[System]:
+    with System(packages) as running:
+        yield running
+
+
+def install(system: System, *names: str) -> str:
+    return system.run("sh", "-c", "dpkg -i " + " ".join(f"/packages/{name}_*.deb" for name in names or ("tessd", "tess-tools", "libtess-dev")))
+
+
+def main_pid(system: System) -> int:
+    return int(system.run("systemctl", "show", "-P", "MainPID", "tessd"))
+
+
+def is_active(system: System) -> bool:
+    return system.run("systemctl", "is-active", "tessd", check=False).strip() == "active"
+
+
+class Client(socket.socket):
+    """A client of /tmp/socket inside."""
+
+    def __init__(self, system: System) -> None:
+        super().__init__(socket.AF_UNIX)
+        self.settimeout(10)
+        self.connect(system.path("/tmp/socket"))
+
+    def ask(self, line: bytes) -> bytes:
+        self.sendall(line + b"\n")
+        answer = b""
+        while not answer.endswith((b"\r\n\r\n", b"?\r\n")):
+            piece = self.recv(4096)
+            assert piece, f"closed after {answer!r}"
+            answer += piece
+        return answer
+
+
+def as_user(system: System, user: str, *command: str) -> subprocess.CompletedProcess:
+    process = system.start("runuser", "-u", user, "--", *command, text=True, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                           stderr=subprocess.PIPE)
+    out, error = process.communicate(timeout=30)
+    return subprocess.CompletedProcess(command, process.returncode, out, error)
+
+
+def test_what_is_installed_serves_its_group_and_nobody_else(system):
+    install(system)
+    assert is_active(system), system.run("journalctl", "-u", "tessd")
+    system.run("useradd", "--groups", "tess", "alice")
+    system.run("useradd", "stranger")
+    encoder = system.start("runuser", "-u", "alice", "--", "/usr/libexec/tess/encoder", stderr=subprocess.PIPE)
+    assert b"registered at tessd as ENC" in encoder.stderr.readline()
+
+    assert Client(system).ask(b"s3.ENC SETX 5") == b"0\r\n\r\n"
+    sent = as_user(system, "alice", "tessctl", "send", "s3.ENC GETX")
+    assert (sent.returncode, sent.stdout.split()) == (0, ["5"]), sent
+    refused = as_user(system, "stranger", "tessctl", "send", "s3.ENC GETX")
+    assert refused.returncode == 3 and "Permission denied" in refused.stderr, refused
+
+    queue = os.stat(system.path("/run/tess/queue"))
+    assert oct(queue.st_mode & 0o7777) == "0o2770"
+    greeting = run("nsenter", "-t", str(system.init), "-n", "/usr/bin/python3", "-c",
+                   "import socket; s = socket.create_connection(('127.0.0.1', 23), 10); d = b''\n"
+                   "while b'UserName:' not in d: d += s.recv(100)\nprint('greeted')")
+    assert greeting == "greeted\n"
+
+
+def test_the_daemon_has_two_rights_and_a_sandbox(system):
+    install(system, "tessd")
+    status = dict(line.split(":\t", 1) for line in system.run("cat", f"/proc/{main_pid(system)}/status").splitlines() if ":\t" in line)
+    for which in ("CapEff", "CapPrm", "CapBnd", "CapAmb"):
+        assert int(status[which], 16) == BOTH_CAPABILITIES, which
+    assert status["NoNewPrivs"] == "1"
+    assert status["Seccomp"] == SECCOMP_FILTER
+    user, group = system.run("id", "-u", "tess").strip(), system.run("id", "-g", "tess").strip()
+    assert status["Uid"].split() == [user] * 4
+    assert status["Gid"].split() == [group] * 4
+
+
+def test_the_serial_line_is_served(system):
+    terminal = system.start("perl", "-e", """
+        open(M, "+<", "/dev/ptmx") or die; my $n = pack("i", 0);
+        ioctl(M, 0x40045431, $n) or die;
+        ioctl(M, 0x80045430, $n) or die; $| = 1; print unpack("i", $n), "\\n";
+        while (my $line = <STDIN>) { syswrite(M, $line); my $got = ""; while ($got !~ /\\n\\r?\\n/) { sysread(M, $got, 100, length $got) or die; }
+            print unpack("H*", $got), "\\n"; }""", stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+    number = terminal.stdout.readline().strip()
+    system.run("sh", "-c", f": >/dev/ttyS1; chown root:dialout /dev/pts/{number}; chmod 660 /dev/pts/{number}; "
+               f"mount --bind /dev/pts/{number} /dev/ttyS1")
+    install(system, "tessd")
+    assert is_active(system), system.run("journalctl", "-u", "tessd")
+    terminal.stdin.write("*\n")
+    terminal.stdin.flush()
+    assert bytes.fromhex(terminal.stdout.readline()).startswith(b"0\r")
+    system.end(terminal)
+
+
+def test_it_comes_back_after_a_crash_and_stays_away_after_a_stop(system):
+    install(system)
+    before = main_pid(system)
+    system.run("sh", "-c", f"kill -KILL {before}")
+    system.wait(lambda: is_active(system) and main_pid(system) not in (0, before), "a daemon started anew")
+    assert Client(system).ask(b"*") == b"0\r\n\r\n"
+    system.run("tessctl", "stop")
+    system.wait(lambda: system.run("systemctl", "show", "-P", "ActiveState", "tessd").strip() == "inactive", "a daemon that stays away")
+    assert system.run("systemctl", "show", "-P", "Result", "tessd").strip() == "success"
+
+
+@pytest.mark.parametrize("options", ["--nocom2 --notelnet"])
+def test_options_come_from_a_file_of_the_device(system, options):
+    pathlib.Path(system.path("/etc/default/tessd")).write_text(f'TESSD_OPTIONS="{options}"\n')
+    install(system, "tessd")
+    command = system.run("cat", f"/proc/{main_pid(system)}/cmdline").split("\0")
+    assert command == ["/usr/sbin/tessd", *options.split(), ""]
+
+
+def test_what_a_stranger_has_put_at_the_sockets_paths_does_not_matter(system):
+    system.run("useradd", "stranger")
+    system.run("runuser", "-u", "stranger", "--", "sh", "-c", "mkdir -m 700 /tmp/socket && : >/tmp/socket/x && : >/tmp/xcp")
+    install(system, "tessd")
+    assert is_active(system), system.run("journalctl", "-u", "tessd")
+    assert Client(system).ask(b"*") == b"0\r\n\r\n"
+
+
+def test_the_sockets_of_a_daemon_started_by_hand_stay(system):
+    install(system, "tessd")
+    system.run("systemctl", "stop", "tessd")
+    by_hand = system.start("/usr/sbin/tessd", "--nocom2", stderr=subprocess.DEVNULL)
+    system.wait(lambda: os.path.exists(system.path("/tmp/socket")), "a daemon started by hand")
+    inode = os.stat(system.path("/tmp/socket")).st_ino
+    system.run("systemctl", "start", "tessd", check=False)
+    assert os.stat(system.path("/tmp/socket")).st_ino == inode
+    assert "queue address 1001 is in use" in system.run("journalctl", "-u", "tessd")
+    system.end(by_hand)
+
+
+def version_reinit(system: System, script: str) -> None:
+    program = pathlib.Path(system.path("/usr/lib/tess/version-reinit"))
+    program.parent.mkdir(exist_ok=True)
+    program.write_text("#!/bin/sh\n" + script)
+    program.chmod(0o755)
+
+
+def test_re_initialising_has_all_rights_and_then_the_device_restarts(system):
+    install(system, "tessd")
+    version_reinit(system, "id -u >/etc/reinitialised && grep -c 'CapEff:.*ffff' /proc/self/status >>/etc/reinitialised\n")
+    log = os.open(system.path("/etc"), os.O_PATH)
+    assert system.run("hostname").strip() == "s3"
+    Client(system).sendall(b"RESET REINIT s3\n")
+    system.wait(lambda: os.path.exists(system.path("/etc/reinitialised")), "the program's mark")
+    assert system.wait(lambda: pathlib.Path(f"/proc/self/fd/{log}/reinitialised").read_text().count("\n") == 2
+                       and pathlib.Path(f"/proc/self/fd/{log}/reinitialised").read_text(), "both lines") == "0\n1\n"
+    os.close(log)
+    system.wait_for_restart()
+
+
+@pytest.mark.parametrize("script", ["exit 3\n", "kill -9 $$\n", None], ids=["fails", "is killed", "is missing"])
+def test_a_re_initialisation_that_goes_wrong_is_said(system, script):
+    install(system, "tessd")
+    if script is not None:
+        version_reinit(system, script)
+    assert Client(system).ask(b"RESET REINIT s3") == b"Error Processing Reset Command.\r\n\r\n"
+
+
+def test_a_reset_restarts_the_device(system):
+    install(system, "tessd")
+    Client(system).sendall(b"RESET\n")
+    system.wait_for_restart()
+
+
+def test_an_upgrade_restarts_it_under_its_clients(system):
+    install(system)
+    encoder = system.start("/usr/libexec/tess/encoder", stderr=subprocess.PIPE)
+    assert b"registered" in encoder.stderr.readline()
+    client, before = Client(system), main_pid(system)
+    assert client.ask(b"s3.ENC SETX 5") == b"0\r\n\r\n"
+    install(system, "later")
+    assert client.recv(100) == b"", "expected the connection to be closed"
+    assert is_active(system) and main_pid(system) != before
+    assert system.run("dpkg-query", "-W", "-f", "${Version}", "tessd") == "99.0-1"
+    # The new one does not know the process: that registers again.
+    again = Client(system)
+    assert again.ask(b"s3.ENC GETX") == b"?\r\n"
+    system.end(encoder)
+    encoder = system.start("/usr/libexec/tess/encoder", stderr=subprocess.PIPE)
+    assert b"registered" in encoder.stderr.readline()
+    assert again.ask(b"s3.ENC GETX") == b"0\r\n\r\n"
+    system.end(encoder)
+
+
+def test_who_has_disabled_it_keeps_it_so_over_an_upgrade(system):
+    install(system, "tessd")
+    system.run("systemctl", "disable", "--now", "tessd")
+    install(system, "later")
+    assert system.run("systemctl", "is-enabled", "tessd", check=False).strip() == "disabled"
+
+
+# Files that the package tools keep for themselves.
+_NOT_OURS = re.compile(r"^/(var/(lib/dpkg|cache|log)|etc/(passwd|group|shadow|gshadow|subuid|subgid)-|etc/ld\.so\.cache|etc/\.pwd\.lock)|/etc/\.updated")
+
+
+def files(system: System) -> set[str]:
+    listing = system.run("find", "/etc", "/usr", "/var", "/opt", "/srv", "/root", "/run/tess", "/tmp/socket", "/tmp/xcp", "!", "-path",
+                         "/var/lib/systemd/*timer*", check=False)
+    return {line for line in listing.splitlines() if line.startswith("/") and not _NOT_OURS.match(line)}
+
+
+def accounts(system: System) -> str:
+    return system.run("sh", "-c", "cat /etc/passwd /etc/group /etc/shadow /etc/gshadow")
+
+
+@pytest.mark.parametrize("first_process", [service_manager.SERVICE_MANAGER, NONE], ids=["service manager", "none"])
+def test_a_purge_leaves_nothing(packages, first_process):
+    with System(packages, first_process) as system:
+        before, known = files(system), accounts(system)
+        install(system)
+        assert "tess:x:" in accounts(system)
+        assert os.path.lexists(system.path("/etc/systemd/system/multi-user.target.wants/tessd.service"))
+        pathlib.Path(system.path("/etc/default/tessd")).write_text("TESSD_OPTIONS=--nocom2\n")
+        system.run("dpkg", "--remove", "tessd", "tess-tools", "libtess-dev")
+        if first_process != NONE:
+            assert system.run("systemctl", "is-active", "tessd", check=False).strip() == "inactive"
+        assert not os.path.exists(system.path("/tmp/socket"))
+        system.run("dpkg", "--purge", "tessd", "tess-tools", "libtess-dev")
+        assert files(system) - before == set()
+        assert before - files(system) == set()
+        assert accounts(system) == known
+
+
+def test_it_may_be_installed_again_after_a_removal(system):
+    install(system, "tessd")
+    system.run("dpkg", "--remove", "tessd")
+    install(system, "tessd")
+    assert is_active(system)
+    assert Client(system).ask(b"*") == b"0\r\n\r\n"
