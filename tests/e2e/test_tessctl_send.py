@@ -202,6 +202,8 @@ def test_wrong_usage_is_explained(arguments):
 
 
 def test_help_and_version_are_everywhere():
-    assert tessctl.run("--version").expect(DONE, errors="").output.startswith("tessctl ")
+    version = tessctl.run("--version").expect(DONE, errors="").output
+    assert version.startswith("tessctl ")
     for command in "send", "console", "serve", "listen", "check", "ping", "close", "com2", "reset", "stop":
         assert "Usage: tessctl " + command in tessctl.run(command, "--help").expect(DONE, errors="").output
+        tessctl.run(command, "--version").expect(DONE, version, "")

@@ -150,10 +150,14 @@ class System:
         """A path inside as it is reached from outside."""
         return f"/proc/{self.init}/root{inside}"
 
+    def words(self, *command: str) -> list[str]:
+        """What starts a command inside."""
+        return ["nsenter", "-t", str(self.init), "-a", "--wdns=/", "--", "env", "-i", "LC_ALL=C.UTF-8", "TERM=xterm",
+                "PATH=/usr/sbin:/usr/bin:/sbin:/bin", "DEBIAN_FRONTEND=noninteractive", *command]
+
     def start(self, *command: str, **options: object) -> subprocess.Popen:
         """Starts a command inside."""
-        return subprocess.Popen(["nsenter", "-t", str(self.init), "-a", "--wdns=/", "--", "env", "-i", "LC_ALL=C.UTF-8",
-                                 "PATH=/usr/sbin:/usr/bin:/sbin:/bin", "DEBIAN_FRONTEND=noninteractive", *command], **options)
+        return subprocess.Popen(self.words(*command), **options)
 
     @staticmethod
     def end(process: subprocess.Popen) -> None:

@@ -59,13 +59,13 @@ def start(command: list[str], ready: str, log: str, **environment: str) -> subpr
     return process
 
 
-def answer_of(program: pathlib.Path, library_path: pathlib.Path) -> bytes:
+def answer_of(program: pathlib.Path, library_path: pathlib.Path, daemon: pathlib.Path = BUILD / "bin/tessd") -> bytes:
     """What a client of the daemon hears from the process for SETX and then GETX."""
     with open(BUILD.parent / f".answer.{os.getpid()}", "w+b") as file:
         os.unlink(file.name)
 
         def inside() -> int:
-            tessd = start([str(BUILD / "bin/tessd"), "--nocom2", "--notelnet"], "daemon running", "/tmp/tessd.log")
+            tessd = start([str(daemon), "--nocom2", "--notelnet"], "daemon running", "/tmp/tessd.log")
             encoder = start([str(program)], "registered at tessd", "/tmp/encoder.log", LD_LIBRARY_PATH=str(library_path))
             with socket.socket(socket.AF_UNIX) as client:
                 client.settimeout(SECONDS)
@@ -180,6 +180,18 @@ def test_the_shared_library_exports_nothing_of_its_inside(prefix):
 
 def test_a_processor_of_64_bits_needs_no_size_of_time(prefix):
     assert [word for word in pkg_config(prefix, "--cflags") if word.startswith("-D")] == []
+
+
+@pytest.mark.slow
+def test_the_daemon_links_another_framework_library_in_place_of_its_own(prefix, tmp_path):
+    """Here it is ours once more, but as a file from elsewhere: nothing of the tree's own may be needed beside it."""
+    maker = tmp_path / "libmaker.a"
+    shutil.copy(next(prefix.rglob("libtess-framework.a")), maker)
+    build = tmp_path / "build"
+    run("cmake", "-S", PROJECT, "-B", build, "-G", "Ninja", "-DBUILD_TESTING=OFF", f"-DTESS_FRAMEWORK_LIBRARY={maker}")
+    run("cmake", "--build", build, "--target", "tessd", "encoder")
+    assert "framework/bundled" not in (build / "build.ninja").read_text()
+    assert answer_of(build / "bin/encoder", tmp_path, build / "bin/tessd") == b"0\r\n\r\n5\r\n\r\n"
 
 
 @pytest.mark.slow

@@ -12,10 +12,12 @@ import socket
 import subprocess
 from collections.abc import Iterator
 
+import doc_examples  # of tools/
 import pytest
 import service_manager
 from conftest import PACKAGES, run
 from service_manager import NONE, System
+from terminal import Terminal
 
 pytestmark = [
     pytest.mark.slow,
@@ -106,6 +108,37 @@ def test_what_is_installed_serves_its_group_and_nobody_else(system):
                    "import socket; s = socket.create_connection(('127.0.0.1', 23), 10); d = b''\n"
                    "while b'UserName:' not in d: d += s.recv(100)\nprint('greeted')")
     assert greeting == "greeted\n"
+
+
+@pytest.fixture
+def operator(system) -> str:
+    """Somebody of group tess, with the packages installed and the example process running."""
+    install(system)
+    system.run("useradd", "--create-home", "--groups", "tess", "alice")
+    encoder = system.start("runuser", "-u", "alice", "--", "/usr/libexec/tess/encoder", stderr=subprocess.PIPE)
+    assert b"registered at tessd as ENC" in encoder.stderr.readline()
+    return "alice"
+
+
+@pytest.mark.parametrize("document", doc_examples.DOCUMENTS)
+def test_an_operator_gets_what_the_document_says(system, operator, document):
+    session = doc_examples.Session(document)
+    home = pathlib.Path(system.path("/home/alice"))
+    for name, text in session.files.items():
+        (home / name).write_text(text)
+        (home / name).chmod(0o755)
+    (home / "script").write_text(session.script)
+    system.run("chown", "-R", "alice:", "/home/alice")
+    session.expect(as_user(system, operator, "sh", "-c", "cd && exec bash script 2>&1").stdout)
+
+
+def test_an_operator_holds_the_dialogue_of_the_document(system, operator):
+    (dialogue,) = [text for language, _, text in doc_examples.blocks("operators.md") if language == "dialogue"]
+    command = doc_examples.commands(dialogue)[0][0].split()
+    terminal = Terminal(*system.words("runuser", "-u", operator, "--", *command))
+    doc_examples.hold_dialogue(dialogue, terminal, 10)
+    terminal.type(b"\x04")
+    assert terminal.wait_end(10) == 0
 
 
 def test_the_daemon_has_two_rights_and_a_sandbox(system):

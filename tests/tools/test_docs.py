@@ -40,6 +40,16 @@ def test_every_oddity_names_a_test_that_exists():
     assert not unknown, "\n".join(["no such test:", *unknown])
 
 
+def test_only_its_own_tests_know_the_inside_of_the_bundled_framework():
+    found = [
+        os.path.relpath(name, PROJECT)
+        for room in ("connections", "ports", "commands", "daemon", "examples", "tools")
+        for name in glob.glob(os.path.join(PROJECT, room, "**", "*.*"), recursive=True)
+        if name.endswith((".h", ".cpp")) and "framework/bundled/" in read(name)
+    ]
+    assert not found, found
+
+
 def test_links_lead_to_files():
     for document in ["README.md", *(f"docs/{name}" for name in os.listdir(os.path.join(PROJECT, "docs")) if name.endswith(".md"))]:
         folder = os.path.dirname(os.path.join(PROJECT, document))

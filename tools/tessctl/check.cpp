@@ -122,7 +122,7 @@ std::string usersOf(const fs::path& device)
             if (fs::read_symlink(each->path(), ignored) != target) continue;
             std::string name;
             std::getline(std::ifstream(process.path() / "comm"), name);
-            users += (users.empty() ? "" : ", ") + name + " (" + number + ")";
+            users.append(users.empty() ? "" : ", ").append(name).append(" (").append(number).append(")");
             break;
         }
     }

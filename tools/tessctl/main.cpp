@@ -18,6 +18,7 @@
 namespace {
 
 constexpr long HIGHEST_ADDRESS = std::numeric_limits<std::int32_t>::max();
+constexpr const char* VERSION = "tessctl " TESS_VERSION;
 constexpr double MOST_SECONDS = 86'400;
 
 const std::map<std::string, LocalPort> LOCAL_PORTS{{"ipc", LocalPort::ipc}, {"xcp", LocalPort::xcp}};
@@ -46,7 +47,7 @@ class TCommandLine {
 public:
     TCommandLine()
     {
-        app_.set_version_flag("--version", "tessctl " TESS_VERSION);
+        app_.set_version_flag("--version", VERSION);
         app_.set_help_all_flag("--help-all", "Help for all commands");
         app_.require_subcommand(1);
         app_.failure_message(CLI::FailureMessage::simple);
@@ -74,6 +75,7 @@ private:
     CLI::App& command(const std::string& name, const std::string& what, Runner runner)
     {
         CLI::App& made = *app_.add_subcommand(name, what);
+        made.set_version_flag("--version", VERSION);
         made.callback([this, runner = std::move(runner)] { run_ = runner; });
         return made;
     }
@@ -189,15 +191,15 @@ private:
     CLI::App app_{"Talks to tessd, the command-listener daemon.", "tessctl"};
     Runner run_;
     SendOptions send_;
-    LocalPort consolePort_ = LocalPort::ipc;
     ServeOptions serve_;
     ListenOptions listen_;
-    bool json_ = false;
     std::string pinged_ = "ipc";
-    bool telnetOnly_ = false;
     std::string com2Text_;
-    bool noNewline_ = false;
     std::string reinitHost_;
+    LocalPort consolePort_ = LocalPort::ipc;
+    bool json_ = false;
+    bool telnetOnly_ = false;
+    bool noNewline_ = false;
     bool yes_ = false;
 };
 

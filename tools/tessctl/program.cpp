@@ -52,6 +52,7 @@ std::string reason(int error)
 int spawn(const std::vector<std::string>& words, int input, int output, pid_t& child)
 {
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (const std::string& word : words)
         arguments.push_back(const_cast<char*>(word.c_str())); // posix_spawn does not write to them
     arguments.push_back(nullptr);
