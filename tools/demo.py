@@ -39,6 +39,8 @@ Try more, in the shell that scripts/run opens when it has a terminal:
     ask socket 's3.ENC SETX 7'      a line over /tmp/socket, and its answer
     ask xcp 's3.ENC GETX'           the same in a frame, over /tmp/xcp
     ask telnet '*' 's3.ENC GETX'    two lines in a telnet session; or 'ask com2'
+    tessctl console                 a dialogue over /tmp/socket; Ctrl-D leaves it
+    tessctl check                   what works, port by port
     ask socket 's3.NONE GETX'       nobody of that name: "?"
     ask socket 'DELAY 10.0|s3.ENC SETX 9' DELAY
                                     the position in ten seconds, and what is pending
@@ -115,11 +117,12 @@ def show_command(port: str, line: str) -> None:
         raise DemoError(f"{client.name}: '{line}' did not reach the process it was for")
 
 
-def shell() -> None:
+def shell(folder: str) -> None:
     """An interactive shell inside; comes back when the user leaves it."""
     tools = os.path.dirname(os.path.realpath(__file__))
     with open(RC_FILE, "w", encoding="utf-8") as file:
         file.write(f"""\
+PATH='{os.path.abspath(folder)}':$PATH
 ask() {{ '{sys.executable}' '{tools}/ask.py' "$@"; }}
 com2() {{ picocom --nolock --echo --emap crcrlf '{ask.SERIAL_TERMINAL}'; }}
 PS1='[inside the device \\h] \\w\\$ '
@@ -159,7 +162,7 @@ def run_programs(folder: str) -> None:
         show_command(port, line)
     print("\n" + HOW_TO_TRY_MORE)
     if sys.stdin.isatty() and sys.stdout.isatty():
-        shell()
+        shell(folder)
     encoder.stop()
     daemon.stop()
 

@@ -69,6 +69,7 @@ def test_in_its_shell_every_port_can_be_tried_by_hand():
         for line, answer in (
             (b"ask socket 's3.ENC GETX'", b"7\r\n\r\n"),
             (b"ask xcp 's3.ENC GETX'", b"7\r\n\r\n"),
+            (b"tessctl send 's3.ENC GETX'", b"7\r\n"),
             (b"ask telnet '*' 's3.ENC GETX'", b"0\r\n\r\n7\r\n\r\n"),
             (b"ask com2 '*' 's3.ENC GETX'", b"0\r\n\r\n7\r\n\r\n"),
             (b"ask socket 's3.NONE GETX'", b"?\r\n"),

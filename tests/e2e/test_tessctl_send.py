@@ -94,6 +94,21 @@ def test_answers_of_all_shapes_are_printed_whole(tessd, port, text, printed):
         tessctl.run("send", "-p", port, "s3.ENC X").expect(DONE, printed, "")
 
 
+def test_an_answer_that_never_ends_is_left(tessd):
+    with QueueProcess(2001) as process:
+        process.register(b"ENC")
+        sending = subprocess.Popen([tessctl.PROGRAM, "send", "--wait", "0.1", "s3.ENC X"], stdout=subprocess.PIPE)
+        command = process.expect_command(b"X")
+        watch = Stopwatch()
+        while sending.poll() is None:
+            assert watch.seconds() < 10 + 5 * settings.SLOW, "it still listens"
+            process.reply(command.tag, b"more\r\n")
+            process.wait_taken()
+            threading.Event().wait(0.05)
+        assert watch.seconds() >= 10 and sending.returncode == DONE
+        assert set(sending.communicate()[0].split()) == {b"more"}
+
+
 def test_a_broadcast_is_listened_to_for_longer(echo):
     with QueueProcess(2002) as slow:
         slow.register(b"SLOW")

@@ -46,6 +46,14 @@ public:
         ::el_source(edit, nullptr); // the user's own key bindings, editrc(5)
     }
 
+    Console(const Console&) = delete;
+    Console& operator=(const Console&) = delete;
+    ~Console()
+    {
+        HistEvent event{};
+        if (!historyFile_.empty()) ::history(history_.get(), &event, H_SAVE, historyFile_.c_str());
+    }
+
     ExitStatus run()
     {
         int count = 0;
@@ -59,8 +67,6 @@ public:
         if (closed_)
             throw TCtlError(STATUS_NO_CONNECTION, std::string(client_.path()) + ": tessd has closed the connection");
         std::puts(""); // behind the prompt
-        HistEvent event{};
-        if (!historyFile_.empty()) ::history(history_.get(), &event, H_SAVE, historyFile_.c_str());
         return STATUS_DONE;
     }
 

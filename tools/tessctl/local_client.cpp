@@ -1,5 +1,6 @@
 #include "tools/tessctl/local_client.h"
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>

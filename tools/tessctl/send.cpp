@@ -14,6 +14,7 @@ using Clock = std::chrono::steady_clock;
 
 /// What ends an answer that has neither an empty line nor a "?".
 constexpr milliseconds PAUSE{200};
+constexpr milliseconds LONGEST_ANSWER{10'000};
 
 class Sender {
 public:
@@ -46,7 +47,7 @@ public:
     }
 
 private:
-    /// Prints what comes until an answer has ended.
+    /// Prints what comes until an answer has ended. One that goes on and on ends LONGEST_ANSWER after `patience`.
     /// @return how many answers have; 0 none has begun within `patience`
     std::size_t receive(milliseconds patience)
     {
@@ -55,6 +56,10 @@ private:
             const bool inside = reader_.insideAnswer();
             const auto left = std::chrono::ceil<milliseconds>(deadline - Clock::now());
             if (!inside && left.count() <= 0) return 0;
+            if (left < -LONGEST_ANSWER) {
+                print(reader_.takePause());
+                return 1;
+            }
             TAnswerReader::Progress progress;
             switch (client_.receive(inside ? PAUSE : left, text)) {
             case TLocalClient::Received::text:
