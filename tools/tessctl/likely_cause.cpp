@@ -20,14 +20,12 @@ constexpr Cause CAUSES[] = {
     {PathOf::daemonQueue, EACCES, "are you in group tess?"},
     {PathOf::daemonQueue, EPROTOTYPE, "something else holds tessd's address"},
     {PathOf::ownQueue, EADDRINUSE, "another process holds that address; choose another one with --address"},
-    {PathOf::ownQueue, EACCES, "are you in group tess?"},
     {PathOf::localSocket, ENOENT, "is tessd running, and with this port?"},
     {PathOf::localSocket, ECONNREFUSED, "tessd has ended without cleaning up; start it again"},
     {PathOf::localSocket, EACCES, "are you in group tess?"},
     {PathOf::localSocket, EPROTOTYPE, "something else holds tessd's path"},
     {PathOf::telnet, ECONNREFUSED, "is tessd running, and with the telnet port?"},
     {PathOf::serialLine, ENOENT, "this device has no second serial line"},
-    {PathOf::serialLine, EACCES, "are you in the group that owns it?"},
 };
 
 } // namespace

@@ -1,0 +1,178 @@
+"""What tessctl says when something is in its way: the path, the system's reason, the likely cause."""
+
+from __future__ import annotations
+
+import contextlib
+import os
+import signal
+import socket
+import subprocess
+import threading
+from collections.abc import Iterator
+
+import pytest
+
+from harness import settings, tessctl, wire
+from harness.clients import IpcClient, XcpClient
+from harness.queue_process import QueueProcess
+from harness.tessctl import DONE, NO_ANSWER, NO_CONNECTION, REFUSED
+from harness.waiting import wait_until
+
+pytestmark = tessctl.needs_tessctl
+
+DAEMON_QUEUE = f"{settings.QUEUE_DIR}/1001"
+STRANGER = {"user": 12345, "group": 12345, "extra_groups": []}
+
+
+@contextlib.contextmanager
+def server(family: int, address: str | tuple[str, int], answer: bytes) -> Iterator[None]:
+    """Something that is not tessd: it sends the same to everybody, and hangs up."""
+    with socket.socket(family) as listener:
+        listener.bind(address)
+        listener.listen()
+
+        def serve() -> None:
+            with contextlib.suppress(OSError):
+                while True:
+                    client, _ = listener.accept()
+                    with client:
+                        client.sendall(answer)
+                        client.shutdown(socket.SHUT_WR)
+                        client.recv(100)
+
+        thread = threading.Thread(target=serve, daemon=True)
+        thread.start()
+        yield
+        listener.shutdown(socket.SHUT_RDWR)
+        thread.join()
+
+
+def test_a_queue_directory_that_is_none():
+    environment = {**os.environ, "TESS_QUEUE_DIR": "/etc/passwd/queue"}
+    tessctl.run("close", env=environment).expect(
+        NO_CONNECTION,
+        "",
+        "tessctl: /etc/passwd/queue: Not a directory: TESS_QUEUE_DIR names something that is no directory\n",
+    )
+
+
+def test_a_queue_of_the_daemon_that_is_closed_to_this_user(tessd):
+    os.chmod(settings.QUEUE_DIR, 0o777)
+    tessctl.run("close", **STRANGER).expect(
+        NO_CONNECTION, "", f"tessctl: {DAEMON_QUEUE}: Permission denied: are you in group tess?\n"
+    )
+
+
+def test_something_else_at_the_daemons_queue():
+    with socket.socket(socket.AF_UNIX) as other:
+        other.bind(DAEMON_QUEUE)
+        other.listen()
+        tessctl.run("close").expect(
+            NO_CONNECTION,
+            "",
+            f"tessctl: {DAEMON_QUEUE}: Protocol wrong type for socket: something else holds tessd's address\n",
+        )
+
+
+def test_a_socket_that_is_closed_to_this_user(tessd):
+    os.chmod("/tmp/socket", 0o770)
+    tessctl.run("send", "*", **STRANGER).expect(
+        NO_CONNECTION, "", "tessctl: /tmp/socket: Permission denied: are you in group tess?\n"
+    )
+
+
+def test_something_else_at_a_sockets_path():
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as other:
+        other.bind("/tmp/xcp")
+        tessctl.run("send", "-p", "xcp", "*").expect(
+            NO_CONNECTION, "", "tessctl: /tmp/xcp: Protocol wrong type for socket: something else holds tessd's path\n"
+        )
+
+
+def test_a_daemon_that_is_held_up_answers_no_ping(tessd):
+    with XcpClient() as client:
+        client.send(wire.frame(b"s3.ENC X\n")[:8])
+        with IpcClient() as other:
+            other.send(b"*\n")
+            tessctl.run("ping", "ipc").expect(REFUSED, "", "tessctl: /tmp/socket: no answer within 5 s\n")
+
+
+def test_somebody_else_who_answers_on_a_socket():
+    with server(socket.AF_UNIX, "/tmp/socket", b"hello\r\n\r\n"):
+        tessctl.run("ping", "ipc").expect(REFUSED, "", "tessctl: /tmp/socket answers, but not as tessd does\n")
+
+
+def test_somebody_who_does_not_greet_on_the_telnet_port():
+    with server(socket.AF_INET, settings.TELNET_ADDRESS, b"go away\r\n"):
+        tessctl.run("ping", "telnet").expect(REFUSED, "", "tessctl: 127.0.0.1:23: no greeting: are ten others connected?\n")
+
+
+def test_a_serial_line_that_nobody_has_open():
+    open("/dev/ttyS1", "wb").close()
+    tessctl.run("ping", "com2").expect(
+        REFUSED, "", "tessctl: /dev/ttyS1 is open in no process: does tessd run with the COM2 port?\n"
+    )
+    output = tessctl.run("ping", "com2", **STRANGER).expect(DONE, errors="").output
+    assert output.startswith("/dev/ttyS1 exists; who has it open can only root see"), output
+
+
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM], ids=["SIGINT", "SIGTERM"])
+@pytest.mark.parametrize("command", [["com2", "X"], ["stop"]], ids=" ".join)
+def test_whoever_is_tired_of_waiting_may_leave(command, number):
+    with QueueProcess(1001) as silent:
+        process = subprocess.Popen([tessctl.PROGRAM, *command], stderr=subprocess.PIPE, text=True)
+        silent.receive()
+        process.send_signal(number)
+        assert process.communicate(timeout=10 * settings.SLOW)[1] == "tessctl: interrupted\n"
+        assert process.returncode == NO_ANSWER
+        assert os.listdir(settings.QUEUE_DIR) == ["1001"], "its own queue is removed"
+
+
+@pytest.mark.slow
+def test_a_daemon_that_does_not_stop():
+    with QueueProcess(1001):
+        tessctl.run("stop", within=60).expect(NO_ANSWER, "", f"tessctl: {DAEMON_QUEUE}: tessd has not ended within 30 s\n")
+
+
+def test_a_daemon_that_goes_while_a_program_runs_loses_its_answer(tessd):
+    with tessctl.serving("P", "sh", "-c", "touch /tmp/begun; until [ -e /tmp/go ]; do sleep 0.05; done") as serve, IpcClient() as client:
+        client.send(b"s3.P go\n")
+        wait_until(lambda: os.path.exists("/tmp/begun"), "the program runs", 10)
+        tessd.stop()
+        open("/tmp/go", "wb").close()
+        reason = f"{DAEMON_QUEUE}: No such file or directory: is tessd running?\n"
+        wait_until(lambda: f"tessctl: an answer is lost: {reason}" in serve.errors(), "the loss is said", 10)
+        serve.terminate()
+        assert serve.wait(10 * settings.SLOW) == DONE
+        assert f"tessctl: not unregistered: {reason}" in serve.errors()
+
+
+def test_a_daemon_started_anew_that_refuses_is_reported(tessd):
+    with tessctl.serving("CAT", "cat") as serve:
+        tessd.stop()
+        with QueueProcess(1001) as anew:
+            wait_until(lambda: anew.receive().kind == wire.REGISTER, "it registers again", 10)
+            refusal = wire.record(wire.REPLY, b"Max # of registered processes reached\0", tag=0xFFFFFFFF)
+            (address,) = set(os.listdir(settings.QUEUE_DIR)) - {"1001"}
+            anew.send(refusal, to=int(address))
+            wait_until(
+                lambda: "tessctl: tessd refuses: Max # of registered processes reached\n" in serve.errors(), "that is said", 10
+            )
+            serve.kill()
+            serve.wait()
+
+
+def test_a_daemon_started_anew_that_does_not_read_is_reported(tessd):
+    with tessctl.serving("CAT", "cat") as serve:
+        os.kill(serve.pid, signal.SIGSTOP)
+        tessd.stop()
+        with QueueProcess(1001), QueueProcess(2001) as process:
+            process.socket.setblocking(False)
+            with pytest.raises(BlockingIOError):
+                while True:
+                    process.socket.sendto(wire.record(wire.STOP), DAEMON_QUEUE)
+            os.kill(serve.pid, signal.SIGCONT)
+            said = f"tessctl: not registered again: {DAEMON_QUEUE}: the queue stays full: is tessd stuck?\n"
+            wait_until(lambda: said in serve.errors(), "that is said", 20)
+            serve.kill()
+            serve.wait()
