@@ -19,6 +19,7 @@
 #include "tools/tessctl/daemon_client.h"
 #include "tools/tessctl/likely_cause.h"
 #include "tools/tessctl/local_client.h"
+#include "tools/tessctl/say.h"
 
 namespace {
 
@@ -180,7 +181,7 @@ ExitStatus runPing(std::string_view name)
     const auto start = Clock::now();
     const Finding finding = look(name == "queue" ? "daemon" : name);
     if (!finding.ok) {
-        std::cerr << "tessctl: " << finding.what << '\n';
+        say(finding.what);
         return STATUS_REFUSED;
     }
     const auto took = std::chrono::duration<double, std::milli>(Clock::now() - start).count();

@@ -5,12 +5,13 @@
 #include "framework/tess_messages.h"
 #include "tools/tessctl/daemon_client.h"
 #include "tools/tessctl/record_text.h"
+#include "tools/tessctl/say.h"
 
 ExitStatus runListen(const ListenOptions& options)
 {
     TDaemonClient daemon(options.address);
     daemon.registerAs(options.name, options.ports);
-    std::cerr << "tessctl: listening as " << options.name << " at address " << daemon.queueId() << '\n';
+    say("listening as " + options.name + " at address " + std::to_string(daemon.queueId()));
     TOrbAttachmentMsg record;
     for (std::uint64_t seen = 0; !stopAsked() && (options.count == 0 || seen < options.count);) {
         const std::size_t bytes = daemon.receive(record);

@@ -12,6 +12,7 @@
 #include "tools/tessctl/listen.h"
 #include "tools/tessctl/port_mask.h"
 #include "tools/tessctl/requests.h"
+#include "tools/tessctl/say.h"
 #include "tools/tessctl/send.h"
 #include "tools/tessctl/serve.h"
 
@@ -210,9 +211,9 @@ try {
     logMgr.setLogParameters(128, 6, "    [tessctl]", 4);
     return TCommandLine().run(argc, argv);
 } catch (const TCtlError& error) {
-    std::cerr << "tessctl: " << error.what() << '\n';
+    say(error.what());
     return error.status();
 } catch (const std::exception& error) {
-    std::cerr << "tessctl: " << error.what() << '\n';
+    say(error.what());
     return STATUS_NO_CONNECTION;
 }

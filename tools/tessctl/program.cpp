@@ -4,7 +4,6 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
@@ -13,6 +12,8 @@
 #include <system_error>
 #include <unistd.h>
 #include <utility>
+
+#include "tools/tessctl/seconds_text.h"
 
 namespace {
 
@@ -141,13 +142,6 @@ private:
     bool reading_ = true;
     bool overflow_ = false;
 };
-
-std::string secondsText(std::chrono::milliseconds time)
-{
-    std::array<char, 32> text{};
-    (void)std::snprintf(text.data(), text.size(), "%g s", std::chrono::duration<double>(time).count());
-    return text.data();
-}
 
 } // namespace
 

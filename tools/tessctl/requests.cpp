@@ -9,6 +9,7 @@
 
 #include "framework/tess_messages.h"
 #include "tools/tessctl/daemon_client.h"
+#include "tools/tessctl/say.h"
 
 namespace {
 
@@ -20,7 +21,7 @@ constexpr std::chrono::milliseconds BETWEEN_LOOKS{20};
 bool userAgrees(const std::string& question)
 {
     if (::isatty(STDIN_FILENO) == 0) {
-        std::cerr << "tessctl: " << question << " Say --yes, there is no terminal to ask on\n";
+        say(question + " Say --yes, there is no terminal to ask on");
         return false;
     }
     std::cout << question << " [y/N] " << std::flush;

@@ -6,6 +6,8 @@
 
 #include "tools/tessctl/answer_reader.h"
 #include "tools/tessctl/command_line.h"
+#include "tools/tessctl/say.h"
+#include "tools/tessctl/seconds_text.h"
 
 namespace {
 
@@ -28,8 +30,7 @@ public:
         while (due > 0) {
             const std::size_t answers = receive(options_.wait);
             if (answers == 0) {
-                std::cerr << "tessctl: no answer to '" << line << "' within "
-                          << std::chrono::duration<double>(options_.wait).count() << " s\n";
+                say("no answer to '" + line + "' within " + secondsText(options_.wait));
                 noAnswer_ = true;
                 return;
             }

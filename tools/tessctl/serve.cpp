@@ -4,7 +4,6 @@
 #include <csignal>
 #include <cstring>
 #include <deque>
-#include <iostream>
 #include <mutex>
 #include <string_view>
 #include <sys/stat.h>
@@ -15,6 +14,7 @@
 #include "tools/tessctl/daemon_client.h"
 #include "tools/tessctl/program.h"
 #include "tools/tessctl/reply_text.h"
+#include "tools/tessctl/say.h"
 
 namespace {
 
@@ -79,7 +79,7 @@ private:
         for (const std::string_view message : replyMessages(text))
             daemon_.send(MSG_REPLY, tag, 0, std::string(message) + '\0');
     } catch (const TCtlError& error) {
-        std::cerr << "tessctl: an answer is lost: " << error.what() << '\n';
+        say(std::string("an answer is lost: ") + error.what());
     }
 
     TDaemonClient& daemon_;
@@ -126,7 +126,7 @@ public:
         : options_(options), daemon_(options.address), answerer_(daemon_, options)
     {
         daemon_.registerAs(options_.name, options_.ports);
-        std::cerr << "tessctl: " << options_.name << " is served at address " << daemon_.queueId() << '\n';
+        say(options_.name + " is served at address " + std::to_string(daemon_.queueId()));
     }
 
     void serve()
@@ -148,16 +148,16 @@ private:
         TOrbAttachmentMsg record;
         if (daemon_.receive(record) == 0 || record.sender != TESS_QUEUE_ID) return 0; // nobody else gives orders here
         if (record.kind == MSG_TEXT) answerer_.give({record.tag, lineOf(record)});
-        if (record.kind == MSG_REPLY && record.tag != 0) std::cerr << "tessctl: tessd refuses: " << record.text << '\n';
+        if (record.kind == MSG_REPLY && record.tag != 0) say(std::string("tessd refuses: ") + record.text);
         return record.kind;
     }
 
     void registerAgain()
     try {
         daemon_.askToRegister(options_.name, options_.ports);
-        std::cerr << "tessctl: tessd was started anew, " << options_.name << " has registered again\n";
+        say("tessd was started anew, " + options_.name + " has registered again");
     } catch (const TCtlError& error) {
-        std::cerr << "tessctl: not registered again: " << error.what() << '\n';
+        say(std::string("not registered again: ") + error.what());
     }
 
     /// What tessd has forwarded before it reads this still wants its answer; its reply comes behind it.
@@ -168,7 +168,7 @@ private:
         while (takeOne() != MSG_REPLY && std::chrono::steady_clock::now() < deadline) {
         }
     } catch (const TCtlError& error) {
-        std::cerr << "tessctl: not unregistered: " << error.what() << '\n';
+        say(std::string("not unregistered: ") + error.what());
     }
 
     const ServeOptions& options_;
