@@ -3,7 +3,7 @@
 
     tools/tidy.py BUILD-FOLDER [all]
 
-Without "all" the tests are left out: they take most of the time and get few checks. What passed is remembered in
+Without "all" the tests are left out, and the static analyzer's checks: both take most of the time and find little. What passed is remembered in
 BUILD-FOLDER/tidy by the content of the file and of everything of the project that it includes, so that a second run looks
 only at what changed. Ends with status 1 when something is wrong.
 """
@@ -50,14 +50,14 @@ def key(entry: dict[str, str], common: bytes) -> str:
     return digest.hexdigest()
 
 
-def passes(entry: dict[str, str], build: str, common: bytes) -> bool:
+def passes(entry: dict[str, str], build: str, common: bytes, checks: list[str]) -> bool:
     try:
         mark = os.path.join(build, "tidy", key(entry, common))
     except subprocess.CalledProcessError:
         return False  # does not compile; the compiler has said why
     if os.path.exists(mark):
         return True
-    result = subprocess.run([*TIDY, "-p", f"{build}/tidy", entry["file"]], check=False, text=True, stdout=subprocess.PIPE,
+    result = subprocess.run([*TIDY, *checks, "-p", f"{build}/tidy", entry["file"]], check=False, text=True, stdout=subprocess.PIPE,
                             stderr=subprocess.PIPE)
     if result.returncode == 0:
         open(mark, "w", encoding="ascii").close()
@@ -66,10 +66,11 @@ def passes(entry: dict[str, str], build: str, common: bytes) -> bool:
     return False
 
 
-def main(build: str, tests_too: bool) -> int:
+def main(build: str, everything: bool) -> int:
     build = os.path.realpath(build)
+    checks = [] if everything else ["--checks=-clang-analyzer-*"]
     os.makedirs(os.path.join(build, "tidy"), exist_ok=True)
-    common = output_of(["clang-tidy", "--version"], build).encode()
+    common = " ".join(checks).encode() + output_of(["clang-tidy", "--version"], build).encode()
     for name in sorted([*glob.glob(f"{PROJECT}/.clang-tidy"), *glob.glob(f"{PROJECT}/*/.clang-tidy")]):
         with open(name, "rb") as file:
             common += file.read()
@@ -77,12 +78,12 @@ def main(build: str, tests_too: bool) -> int:
         entries = [without_precompiled(entry) for entry in json.load(file) if not entry["file"].startswith(f"{build}/")]
     with open(f"{build}/tidy/compile_commands.json", "w", encoding="utf-8") as file:
         json.dump(entries, file)
-    entries = [entry for entry in entries if tests_too or not entry["file"].startswith(f"{PROJECT}/tests/")]
+    entries = [entry for entry in entries if everything or not entry["file"].startswith(f"{PROJECT}/tests/")]
     if not entries:
         print(f"{build}: no sources", file=sys.stderr)
         return 1
     with ThreadPoolExecutor(os.cpu_count()) as pool:
-        results = list(pool.map(lambda entry: passes(entry, build, common), entries))
+        results = list(pool.map(lambda entry: passes(entry, build, common, checks), entries))
     print(f"{results.count(True)} passed, {results.count(False)} failed")
     return 0 if all(results) else 1
 

@@ -148,14 +148,23 @@ private:
         TOrbAttachmentMsg record;
         if (daemon_.receive(record) == 0 || record.sender != TESS_QUEUE_ID) return 0; // nobody else gives orders here
         if (record.kind == MSG_TEXT) answerer_.give({record.tag, lineOf(record)});
-        if (record.kind == MSG_REPLY && record.tag != 0) say(std::string("tessd refuses: ") + record.text);
+        if (record.kind == MSG_REPLY) onReply(record);
         return record.kind;
+    }
+
+    void onReply(const TOrbAttachmentMsg& record)
+    {
+        if (record.tag != 0)
+            say(std::string("tessd refuses: ") + record.text);
+        else if (askedAgain_)
+            say("tessd was started anew, " + options_.name + " has registered again");
+        askedAgain_ = false;
     }
 
     void registerAgain()
     try {
         daemon_.askToRegister(options_.name, options_.ports);
-        say("tessd was started anew, " + options_.name + " has registered again");
+        askedAgain_ = true;
     } catch (const TCtlError& error) {
         say(std::string("not registered again: ") + error.what());
     }
@@ -173,6 +182,7 @@ private:
 
     const ServeOptions& options_;
     DaemonMark mark_;
+    bool askedAgain_ = false;
     TDaemonClient daemon_;
     Answerer answerer_;
 };
