@@ -16,6 +16,7 @@ sys.path.insert(0, os.path.dirname(os.path.realpath(__file__)))
 from harness import accounts, settings  # noqa: E402
 from harness.daemon import LOCAL_PORTS, SOCKET_PORTS, Daemon  # noqa: E402
 from harness.isolation import run_isolated  # noqa: E402
+from harness.queue_process import AnsweringProcess  # noqa: E402
 
 
 def pytest_configure(config: pytest.Config) -> None:
@@ -83,3 +84,10 @@ def start_socket_tessd(launch: Callable[..., Daemon]) -> Callable[..., Daemon]:
 def socket_tessd(start_socket_tessd: Callable[..., Daemon]) -> Daemon:
     """A daemon that serves telnet and the local ports."""
     return start_socket_tessd()
+
+
+@pytest.fixture
+def echo(tessd: Daemon) -> Iterator[AnsweringProcess]:
+    """A process that answers with the command."""
+    with AnsweringProcess(2001, b"ECHO", lambda command: command + b"\r\n\r\n") as process:
+        yield process

@@ -7,7 +7,7 @@ import os
 import pytest
 
 from harness import tessctl
-from harness.queue_process import AnsweringProcess, QueueProcess
+from harness.queue_process import QueueProcess
 from harness.tessctl import DONE, NO_CONNECTION, WRONG_USAGE
 
 pytestmark = tessctl.needs_tessctl
@@ -19,12 +19,6 @@ CTRL_D, UP, TAB = b"\x04", b"\x1b[A", b"\t"
 def leave(terminal) -> None:
     terminal.type(CTRL_D)
     assert terminal.expect_end() == DONE, terminal.shown
-
-
-@pytest.fixture
-def echo(tessd):
-    with AnsweringProcess(2001, b"ECHO", lambda command: command + b"\r\n\r\n") as process:
-        yield process
 
 
 @pytest.mark.parametrize("port", ["ipc", "xcp"])

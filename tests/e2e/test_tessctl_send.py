@@ -17,13 +17,6 @@ from harness.waiting import Stopwatch
 pytestmark = tessctl.needs_tessctl
 
 
-@pytest.fixture
-def echo(tessd):
-    """A process that answers with the command."""
-    with AnsweringProcess(2001, b"ECHO", lambda command: command + b"\r\n\r\n") as process:
-        yield process
-
-
 @pytest.mark.parametrize("port", ["ipc", "xcp"])
 def test_a_line_is_sent_and_its_answer_printed(echo, port):
     tessctl.run("send", "--port", port, "s3.ECHO SETX 5").expect(DONE, "SETX 5\n", "")

@@ -1,16 +1,11 @@
 #include "tools/tessctl/command_line.h"
 
-#include <strings.h>
 #include <vector>
 
 #include "framework/tokenizer.h"
+#include "tools/tessctl/begins_with.h"
 
 namespace {
-
-bool beginsWith(std::string_view text, std::string_view word)
-{
-    return text.size() >= word.size() && ::strncasecmp(text.data(), word.data(), word.size()) == 0;
-}
 
 std::string_view withoutLeadingBlanks(std::string_view text)
 {

@@ -20,7 +20,6 @@
 namespace {
 
 constexpr std::chrono::seconds SEND_PATIENCE{5};
-constexpr std::chrono::seconds REPLY_PATIENCE{5};
 constexpr std::chrono::milliseconds BETWEEN_TRIES{20};
 // Far from the addresses that device processes are given. Process numbers are below 5 million; containers may share them.
 constexpr long FIRST_FREE_ADDRESS = 1'000'000'000;
@@ -147,7 +146,7 @@ void TDaemonClient::askToRegister(std::string_view name, std::uint32_t ports)
 void TDaemonClient::registerAs(std::string_view name, std::uint32_t ports)
 {
     askToRegister(name, ports);
-    const TOrbAttachmentMsg answer = reply(REPLY_PATIENCE);
+    const TOrbAttachmentMsg answer = reply();
     if (answer.tag == 0) return;
     throw TCtlError(STATUS_REFUSED,
                     "tessd refuses: " + std::string(answer.text, ::strnlen(answer.text, sizeof answer.text)));

@@ -26,6 +26,8 @@ bool stopAsked();
 /// Threads: send() any, the others one.
 class TDaemonClient : public TMsgProc {
 public:
+    static constexpr std::chrono::seconds REPLY_PATIENCE{5};
+
     /// @param address  of its queue; a free one is taken when none is given
     /// @throws TCtlError  no queue directory, no tessd, no right, or the address is in use
     explicit TDaemonClient(std::optional<long> address = std::nullopt);
@@ -44,7 +46,7 @@ public:
 
     /// Waits for tessd's answer to what was sent; other records are lost.
     /// @throws TCtlError  none within `patience`, or the user has stopped waiting
-    TOrbAttachmentMsg reply(std::chrono::seconds patience);
+    TOrbAttachmentMsg reply(std::chrono::seconds patience = REPLY_PATIENCE);
 
     /// Registers, or registers again.
     /// @throws TCtlError  tessd refuses, or does not answer

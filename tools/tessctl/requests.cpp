@@ -13,7 +13,6 @@
 
 namespace {
 
-constexpr std::chrono::seconds REPLY_PATIENCE{5};
 constexpr std::chrono::seconds REINIT_PATIENCE{600}; // it installs software
 constexpr std::chrono::seconds STOP_PATIENCE{30};
 constexpr std::chrono::milliseconds BETWEEN_LOOKS{20};
@@ -58,7 +57,7 @@ ExitStatus runCom2(const std::string& text, bool newline)
                                                 " bytes with its line end");
     TDaemonClient daemon;
     daemon.send(MSG_COM2_WRITE, static_cast<std::uint32_t>(::getpid()), static_cast<std::int32_t>(bytes.size()), bytes);
-    if (daemon.reply(REPLY_PATIENCE).len == 0) return STATUS_DONE;
+    if (daemon.reply().len == 0) return STATUS_DONE;
     throw TCtlError(STATUS_REFUSED,
                     "the serial line did not take it: is there a second serial line, does its far end read, "
                     "and does tessd run with the COM2 port?");
@@ -75,7 +74,7 @@ ExitStatus runReset(const std::string& reinitHost, bool yes)
     std::string line = reinitHost.empty() ? "RESET" : "RESET REINIT " + reinitHost;
     line.resize(std::max<std::size_t>(line.size() + 1, 64));
     daemon.send(MSG_RESET, 0, 0, line);
-    const TOrbAttachmentMsg answer = daemon.reply(reinitHost.empty() ? REPLY_PATIENCE : REINIT_PATIENCE);
+    const TOrbAttachmentMsg answer = daemon.reply(reinitHost.empty() ? TDaemonClient::REPLY_PATIENCE : REINIT_PATIENCE);
     std::cout << withoutLineEnds(textOf(answer)) << '\n';
     return textOf(answer).starts_with("OK") ? STATUS_DONE : STATUS_REFUSED;
 }

@@ -2,18 +2,13 @@
 
 #include <algorithm>
 #include <cctype>
-#include <strings.h>
 
 #include "framework/tokenizer.h"
+#include "tools/tessctl/begins_with.h"
 
 namespace {
 
 constexpr const char* BLANKS = " \t|";
-
-bool beginsWith(std::string_view text, std::string_view beginning)
-{
-    return text.size() >= beginning.size() && ::strncasecmp(text.data(), beginning.data(), beginning.size()) == 0;
-}
 
 } // namespace
 
