@@ -213,7 +213,10 @@ void TOwnQueue::close()
 long TOwnQueue::receive(TOrbAttachmentMsg* msg, bool wait)
 {
     const std::scoped_lock lock(receiveLock_);
-    if (!isOpen()) return -1;
+    if (!isOpen()) {
+        errno = EBADF;
+        return -1;
+    }
     const std::size_t kept = backlog_.take(msg);
     if (kept == 0) return takeFromSocket(msg, wait ? 0 : MSG_DONTWAIT);
     std::memset(reinterpret_cast<char*>(msg) + kept, 0, MSG_RECORD_BYTES - kept);

@@ -40,7 +40,7 @@ public:
     bool isOpen() const { return open_.load(); }
 
     /// @param wait  true: for up to one second, or until a signal arrives
-    /// @return bytes received; 0 none; -1 on an error, or when the queue is not open
+    /// @return bytes received; 0 none; -1 on an error, which errno then tells: EBADF when the queue is not open
     long receive(TOrbAttachmentMsg* msg, bool wait);
 
     /// Takes records that have arrived into the backlog, so that their senders need not wait. Does not wait.

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import contextlib
 import os
+import shutil
 import signal
 import socket
 import subprocess
@@ -54,6 +55,16 @@ def test_a_queue_directory_that_is_none():
         "",
         "tessctl: /etc/passwd/queue: Not a directory: TESS_QUEUE_DIR names something that is no directory\n",
     )
+
+
+@pytest.mark.skipif(settings.emulated() or settings.sanitized(), reason="emulators and sanitizers suffer no tracer")
+@pytest.mark.skipif(shutil.which("strace") is None, reason="strace is not installed")
+def test_a_queue_of_its_own_that_cannot_be_read(tessd):
+    command = [tessctl.PROGRAM, "listen", "--address", "4711"]
+    tracer = ["strace", "-f", "-qq", "-o", "/dev/null", "-e", "inject=recvmsg:error=EIO"]
+    run = subprocess.run([*tracer, *command], capture_output=True, text=True, timeout=20, check=False)
+    assert run.stderr.endswith(f"tessctl: {settings.QUEUE_DIR}/4711: Input/output error\n"), run
+    assert run.returncode == NO_CONNECTION, run
 
 
 def test_a_queue_of_the_daemon_that_is_closed_to_this_user(tessd):

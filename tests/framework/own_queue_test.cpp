@@ -5,6 +5,7 @@
 #include "raw_socket.h"
 
 #include <atomic>
+#include <cerrno>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -216,6 +217,7 @@ TEST_F(OwnQueue, CanBeClosedAndOpenedAgainWithoutLosingDescriptors)
     }
     EXPECT_EQ(before, openDescriptors());
     EXPECT_EQ(-1, queue_.receive(&msg_, false));
+    EXPECT_EQ(EBADF, errno);
 }
 
 TEST_F(OwnQueue, ClosingForgetsWhatNobodyTook)

@@ -119,7 +119,7 @@ void TDaemonClient::send(std::uint32_t kind, std::uint32_t tag, std::int32_t len
 std::size_t TDaemonClient::receive(TOrbAttachmentMsg& record)
 {
     const long received = g_qMgr.getMsg(&record, MSG_QUEUE_ALL, true);
-    if (received < 0) throw TCtlError(STATUS_NO_CONNECTION, queuePath(queueId()) + ": the queue cannot be read");
+    if (received < 0) throw TCtlError(STATUS_NO_CONNECTION, failureText(queuePath(queueId()), errno, PathOf::ownQueue));
     return static_cast<std::size_t>(received);
 }
 
