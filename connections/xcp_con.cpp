@@ -43,7 +43,7 @@ ssize_t TXCPCon::peek()
 bool TXCPCon::waitForHeader()
 {
     const TOrbHRTimeOut frameTimer(FRAME_TIME);
-    while (!g_endWaits) {
+    while (!g_endUnboundedWaits) {
         const bool late = frameTimer.hasTimedOut();
 #ifdef TESS_BOUNDED_WAITS
         if (late) return false;

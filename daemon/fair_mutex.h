@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <memory>
 #include <mutex>
 
 #include "daemon/timed_lock.h"
@@ -24,6 +25,9 @@ public:
         const std::scoped_lock turn(turn_);
         return ::lockWithin(mutex_, patience);
     }
+
+    /// In a process that has just been forked, by the thread that called fork(2): nobody is waiting here, whoever was there.
+    void forgetWaiters() { std::construct_at(&turn_); }
 
 private:
     std::mutex turn_;

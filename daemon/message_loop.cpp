@@ -10,6 +10,7 @@
 
 #include "commands/live_list.h"
 #include "connections/serial_line.h"
+#include "connections/waiting.h"
 #include "daemon/daemon_log.h"
 #include "daemon/reset.h"
 #include "framework/queue_mgr.h"
@@ -19,8 +20,9 @@
 
 namespace {
 
-constexpr std::chrono::seconds LOCK_PATIENCE{1}; // far more than a pass takes
-constexpr std::size_t MAX_LATER_MSGS = 256;      // chosen: 2 MiB; what comes after them waits in the queue
+constexpr std::chrono::seconds LOCK_PATIENCE{1};      // most passes take less
+constexpr std::chrono::seconds LAST_LOCK_PATIENCE{5}; // twice: waits that have a bound, and their end
+constexpr std::size_t MAX_LATER_MSGS = 256;           // chosen: 2 MiB; what comes after them waits in the queue
 
 } // namespace
 
@@ -40,7 +42,7 @@ const TTess::KindRow TTess::kindRows[] = {
 
 int TTess::run() noexcept
 {
-    while (stopRequested == 0 && !stopSeen) {
+    while (stopRequested == 0 && !serviceHeldUp) {
         setMilestone(12);
         if (!nextMessage()) continue;
         setMilestone(13);
@@ -71,26 +73,30 @@ bool TTess::nextMessage() noexcept
 }
 
 /// Locks connLock. While the service thread keeps it for long, as it does when a client owes it the rest of a frame header, a
-/// stop message behind the one being handled gets through all the same.
-/// @return false: not locked, the daemon is to stop
+/// stop message behind the one being handled is seen, and ends the waits that have no bound.
+/// @return false: not locked, and not to be had: the service thread is held up by something else than a peer
 bool TTess::lockConns() noexcept
 {
-    while (!connLock.lockWithin(LOCK_PATIENCE))
-        if (stopRequested != 0 || stopWaits()) return false;
+    while (!connLock.lockWithin(LOCK_PATIENCE)) {
+        if (stopRequested == 0 && !stopWaits()) continue;
+        g_endUnboundedWaits = true;
+        if (connLock.lockWithin(LAST_LOCK_PATIENCE)) return true;
+        g_endWaits = true;
+        serviceHeldUp = !connLock.lockWithin(LAST_LOCK_PATIENCE);
+        return !serviceHeldUp;
+    }
     return true;
 }
 
-/// Looks through the messages that have arrived, and keeps them for later.
+/// Looks through the messages that have arrived, up to a stop message, and keeps them for later.
 bool TTess::stopWaits() noexcept
 try {
     while (!stopSeen && laterMsgs.size() < MAX_LATER_MSGS) {
         TLaterMsg later;
         later.length = static_cast<std::int32_t>(g_qMgr.getMsg(&later.msg, MSG_QUEUE_ALL, false));
         if (later.length <= 0) break;
-        if (later.msg.kind == MSG_STOP)
-            stopSeen = true;
-        else
-            laterMsgs.push_back(later);
+        laterMsgs.push_back(later);
+        stopSeen = later.msg.kind == MSG_STOP;
     }
     return stopSeen;
 } catch (const std::bad_alloc&) {

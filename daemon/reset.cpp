@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "daemon/daemon_log.h"
+#include "daemon/tess.h"
 #include "framework/fixed_text.h"
 #include "framework/tokenizer.h"
 #include "framework/version_re_init.h"
@@ -55,6 +56,7 @@ int resetDevice(const char* line) noexcept
     }
     if (child > 0) return 0;
 
+    if (TTess* const tess = g_tess) tess->continueAsCopy();
     ::sync();
     ::sleep(REBOOT_DELAY_S);
     if (::reboot(REBOOT_RESTART) == 0) ::_exit(0);

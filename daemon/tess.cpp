@@ -45,6 +45,7 @@ TTess::TTess(long queueId, bool com2, bool telnet, bool xcp, bool ipc)
 {
     setMilestone(7);
     g_endWaits = false;
+    g_endUnboundedWaits = false;
     tokens.reserve(MAX_TOKENS);
     try {
         createPorts(com2, telnet, xcp, ipc);
@@ -77,7 +78,7 @@ void TTess::deletePorts() noexcept
 TTess::~TTess()
 {
     setMilestone(9);
-    g_endWaits = true;
+    g_endUnboundedWaits = true;
     const TOrbHRTimeOut serviceEnd(SERVICE_END_TIME);
     setMilestone(300);
     while (!serviceDone && !serviceEnd.hasTimedOut())
@@ -87,7 +88,8 @@ TTess::~TTess()
         if (started) (void)::pthread_join(g_serviceThread, nullptr); // it has ended
     } else {
         // After a stop message nobody has told the service thread to end. It is left running, outside of this object.
-        if (!g_serviceGate.close(GATE_PATIENCE)) endWithoutServiceThread();
+        g_endWaits = true;
+        if (serviceHeldUp || !g_serviceGate.close(GATE_PATIENCE)) endWithoutServiceThread();
         (void)::pthread_detach(g_serviceThread); // it exists and is not joined
     }
     g_serviceThread = static_cast<pthread_t>(-1);
@@ -123,7 +125,14 @@ void TTess::requestStop() noexcept
 {
     setMilestone(42);
     stopRequested = 1;
+    g_endUnboundedWaits = true;
     g_endWaits = true;
+}
+
+void TTess::continueAsCopy() noexcept
+{
+    connLock.forgetWaiters();
+    std::construct_at(&regLock);
 }
 
 void TTess::closeAllConns() noexcept

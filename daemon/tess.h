@@ -40,6 +40,10 @@ public:
     /// @return 0, or an error number as pthread_create(3) gives it
     int startService();
 
+    /// Makes this the daemon of a process that has just been forked: of the threads only the calling one is there, and what
+    /// the others had locked for a moment would stay locked for good.
+    void continueAsCopy() noexcept;
+
     /// Asks the message loop and the service thread to end. Threads: any; also from a signal handler.
     void requestStop() noexcept;
 
@@ -104,7 +108,8 @@ private:
 
     std::vector<std::string_view> tokens; ///< the interpreter's scratch
     std::deque<TLaterMsg> laterMsgs;      ///< taken out of the queue while the message loop waited for connLock
-    bool stopSeen = false;                ///< a stop message was among them
+    bool stopSeen = false;                ///< a stop message is the last of them
+    bool serviceHeldUp = false;           ///< the service thread keeps connLock for good
     TCommandContext commandContext;
 };
 

@@ -49,10 +49,10 @@ class XcpCon : public testing::Test {
 protected:
     XcpCon()
     {
-        g_endWaits = false;
+        g_endUnboundedWaits = false;
         conn.fd = pair.releaseServer();
     }
-    ~XcpCon() override { g_endWaits = false; }
+    ~XcpCon() override { g_endUnboundedWaits = false; }
 
     Texts readLines()
     {
@@ -92,9 +92,9 @@ public:
     SlowRead& operator=(const SlowRead&) = delete;
     ~SlowRead()
     {
-        g_endWaits = true;
+        g_endUnboundedWaits = true;
         if (thread_.joinable()) thread_.join();
-        g_endWaits = false;
+        g_endUnboundedWaits = false;
     }
 
     bool done() const { return done_; }
@@ -365,7 +365,7 @@ TEST_F(XcpCon, WaitsForAHeaderThatIsLateUntilTheDaemonStopsWithoutUsingTheProces
     ASSERT_TRUE(pair.send(frame(5, "late").substr(15)));
     std::this_thread::sleep_for(std::chrono::milliseconds(350)); // time for it to be taken, which it must not be
     EXPECT_FALSE(read.done()) << "a header that becomes whole too late is not taken";
-    g_endWaits = true;
+    g_endUnboundedWaits = true;
     EXPECT_EQ(read.wait(), -1);
     EXPECT_GE(read.wallMs(), 450);
     EXPECT_LT(read.cpuMs(), atMost(read.wallMs() / 4));
@@ -378,7 +378,7 @@ TEST_F(XcpCon, WaitsOnWhenThePeerClosesInsideAHeader)
     SlowRead read(conn);
     std::this_thread::sleep_for(std::chrono::milliseconds(150));
     EXPECT_FALSE(read.done());
-    g_endWaits = true;
+    g_endUnboundedWaits = true;
     EXPECT_EQ(read.wait(), -1);
 }
 
@@ -387,7 +387,7 @@ TEST_F(XcpCon, WaitsOnWhenThePeerClosesInsideAHeader)
 TEST_F(XcpCon, EndsTheWaitForAHeaderSoonAfterTheDaemonIsToStop)
 {
     ASSERT_TRUE(pair.send("AB"));
-    g_endWaits = true;
+    g_endUnboundedWaits = true;
     const Stopwatch watch;
     EXPECT_EQ(conn.readCmd(), -1);
     EXPECT_LT(watch.ms(), atMost(1000));
@@ -395,7 +395,7 @@ TEST_F(XcpCon, EndsTheWaitForAHeaderSoonAfterTheDaemonIsToStop)
 
 TEST_F(XcpCon, TakesAWholeHeaderAlsoWhenTheDaemonIsToStop)
 {
-    g_endWaits = true;
+    g_endUnboundedWaits = true;
     EXPECT_THAT(sendAndRead(frame(5, "A\n")), ElementsAre("A\n"));
 }
 

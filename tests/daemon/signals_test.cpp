@@ -37,7 +37,7 @@ TEST(SignalHandler, AsksTheDaemonToStop)
         EXPECT_EQ(bench.peer.stopRequested(), 0);
         signalHandler(signo);
         EXPECT_EQ(bench.peer.stopRequested(), 1);
-        EXPECT_TRUE(g_endWaits);
+        EXPECT_TRUE(g_endWaits && g_endUnboundedWaits);
         EXPECT_EQ(g_milestone.load(), 42);
         EXPECT_THAT(bench.log.lines(), ElementsAre(signo == SIGTERM ? terminated : quitted));
     }

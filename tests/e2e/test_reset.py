@@ -200,6 +200,22 @@ def test_a_command_whose_restart_is_denied_is_answered_late_by_the_copy(start_in
     end_own_device(tessd)
 
 
+def test_the_copy_of_a_denied_restart_goes_on_whatever_the_daemon_was_doing(start_in_own_device):
+    """While the command resets, the main thread waits to write an answer: the copy has no main thread."""
+    tessd = start_in_own_device(OWN_DEVICE_WITHOUT_RESTART)
+    with IpcClient() as client, QueueProcess(2001) as process, QueueProcess(2002) as stuck:
+        stuck.register(b"STUCK")
+        process.fill(2002)
+        client.send(b"s3.STUCK X\nRESET\n")
+        while not proc.children(tessd.pid):
+            process.reply(wire.FIRST_IPC_ID, b"x")
+        (copy,) = proc.children(tessd.pid)
+        tessd.wait_log(*MAY_NOT_RESTART, within=15)
+        os.kill(copy, signal.SIGTERM)
+        wait_until(lambda: proc.status_field(copy, copy, "State").startswith("Z"), "the copy ends", within=5)
+    end_own_device(tessd)
+
+
 def test_a_message_whose_restart_is_denied_is_answered_twice(start_in_own_device):
     tessd = start_in_own_device(OWN_DEVICE_WITHOUT_RESTART)
     assert not has_boot_capability(tessd.pid)

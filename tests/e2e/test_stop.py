@@ -12,6 +12,7 @@ import time
 import pytest
 
 from harness import settings, wire
+from harness.accounts import ALICE
 from harness.clients import IpcClient, XcpClient
 from harness.daemon import (
     CLOSING_ALL,
@@ -23,6 +24,7 @@ from harness.daemon import (
     XCP_PORT_CLOSED,
 )
 from harness.queue_process import AnsweringProcess, QueueProcess, queue_path
+from harness.telnet import DO_ECHO, PASSWORD_PROMPT, WILL_ECHO, LinemodeClient
 from harness.waiting import Stopwatch
 
 XCP_CONNECTION_CLOSED = "XCP socket connection closed.  Active connections = "
@@ -95,11 +97,26 @@ def test_stop_message_ends_the_daemon_after_two_seconds(tessd):
     assert 1.9 <= watch.seconds() < 3.0 * settings.SLOW, f"took {watch.seconds():.2f} s"
 
 
-def test_commands_are_served_between_stop_message_and_end(tessd):
-    """The stop message ends the message loop only; the service thread runs on until the process ends."""
-    send_stop_message(tessd)
-    with IpcClient() as client:
-        client.expect_nothing_more()
+def test_everybody_is_served_for_two_seconds_after_a_stop_message(start_socket_tessd):
+    """It ends the message loop only; the service thread runs on until the process ends."""
+    tessd = start_socket_tessd()
+    with IpcClient() as ipc, XcpClient() as xcp, LinemodeClient() as telnet, QueueProcess(2999) as process:
+        telnet.negotiate()
+        process.send(wire.record(wire.STOP))
+        taken = Stopwatch()
+        process.wait_taken()
+        threading.Event().wait(0.8 - taken.seconds())
+        telnet.send(ALICE.name + b"\r\n")
+        telnet.expect(WILL_ECHO)
+        threading.Event().wait(0.1)  # a prompt that does not wait for DO ECHO would come now
+        telnet.send(DO_ECHO)
+        telnet.expect(PASSWORD_PROMPT)
+        telnet.send(ALICE.password + b"\r\n")
+        telnet.expect_connected(ALICE.name)
+        ipc.expect_nothing_more()
+        xcp.expect_nothing_more()
+        with IpcClient() as newcomer:
+            newcomer.expect_nothing_more()
     tessd.expect_normal_end()
 
 

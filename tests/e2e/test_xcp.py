@@ -218,21 +218,26 @@ def test_a_header_cut_short_holds_the_service_thread_until_the_daemon_stops(star
 
 
 @pytest.mark.parametrize("stop", ["SIGTERM", "stop message"])
-def test_a_stop_overtakes_the_answers_that_wait_for_a_held_service_thread(start_tessd, stop):
+def test_a_stop_frees_a_held_service_thread_and_the_answers_that_wait_for_it(start_tessd, stop):
+    """What came before the stop message is handled before it."""
     tessd = start_tessd()
-    with QueueProcess(2001) as process, IpcClient() as ipc, XcpClient() as client:
+    with QueueProcess(2001) as process, IpcClient() as ipc, IpcClient() as other, XcpClient() as client:
         process.register(b"ENC")
         ipc.send(b"s3.ENC GETX\n")
         command = process.expect_command(b"GETX")
         client.send(wire.frame(b"s3.ENC X\n")[:8])
-        wait_until(lambda: not answers(ipc), "the service thread is held", within=20)
+        wait_until(lambda: not answers(other), "the service thread is held", within=20)
         for number in range(5):
             process.reply(command.tag, b"%d\r\n" % number)
         process.send(wire.record(wire.COM2_WRITE, b"A", length=1))
         if stop == "SIGTERM":
             tessd.signal(signal.SIGTERM)
         else:
+            process.send(wire.record(wire.REGISTER, bytes(4) + b"X\0"))
             process.send(wire.record(wire.STOP))
+            ipc.expect(b"".join(b"%d\r\n" % number for number in range(5)))
+            assert process.receive().length_word == 1, "there is no serial line"
+            assert process.receive().line.startswith(b"Command register request with nothing enabled")
         tessd.expect_normal_end()
 
 

@@ -53,6 +53,13 @@ class QueueProcess:
         self.socket.settimeout(10 * settings.SLOW)
         self.socket.sendto(datagram, queue_path(to))
 
+    def fill(self, to: int) -> None:
+        """Until the destination's queue has no room left."""
+        self.socket.setblocking(False)
+        with contextlib.suppress(BlockingIOError):
+            while True:
+                self.socket.sendto(wire.record(wire.TEXT), queue_path(to))
+
     def wait_taken(self) -> None:
         """Until the daemon has taken out of its queue what was sent."""
 
