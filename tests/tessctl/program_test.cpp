@@ -66,7 +66,7 @@ TEST(Program, IsKilledWithItsChildrenWhenItsTimeIsOver)
 TEST(Program, IsNotWaitedForBeyondItsEnd)
 {
     const Stopwatch watch;
-    const ProgramResult result = shell("sleep 20 & echo done"); // the child keeps the pipe open
+    const ProgramResult result = shell("sleep 20 2>/dev/null & echo done"); // the child keeps the pipe open
     EXPECT_EQ(result.output, "done\n");
     EXPECT_EQ(result.failure, "");
     EXPECT_LT(watch.ms(), 10'000);
