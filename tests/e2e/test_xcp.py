@@ -2,8 +2,10 @@
 
 from __future__ import annotations
 
+import array
 import contextlib
 import signal
+import socket
 
 import pytest
 
@@ -164,15 +166,29 @@ def test_a_payload_shorter_than_declared_is_cut_over_the_declared_length(process
         client.expect_nothing_more()
         assert process.waiting() == []
         # What an earlier frame left in the buffer stays behind the NUL that ends this one's bytes; lines of it that
-        # lie inside the declared length are found again.
+        # lie inside the declared length are found again, all but the one that the NUL has cut.
         client.send_frame(b"s3.ENC B\n" * 5)
         for _ in range(5):
             assert process.receive().line.startswith(b"B\n")
         client.send_frame(b"C\n", length=len(b"s3.ENC B\n" * 4))
         process.expect_command(b"C")
         client.expect_nothing_more()
+        # Each runs on to the end of the declared length, as the lines of a frame do.
         again = [message.line for message in process.waiting()]
-        assert all(line.startswith(b"B\n") for line in again), again
+        expected = [b"B" + b"\ns3.ENC B" * behind + b"\n" for behind in (2, 1, 0)]
+        assert again == expected, f"expected {expected}, got {again}"
+
+
+def test_descriptors_that_come_with_a_frame_do_not_stay_open(process, tessd):
+    with XcpClient() as client:
+        client.expect_nothing_more()
+        before = proc.descriptors(tessd.pid)
+        rights = [(socket.SOL_SOCKET, socket.SCM_RIGHTS, array.array("i", [0, 1, 2]))]
+        for number in range(20):
+            client.socket.sendmsg([wire.frame(b"s3.ENC X\n", number)], rights)
+            process.expect_command(b"X", tag=wire.FIRST_XCP_ID | number)
+        after = proc.descriptors(tessd.pid)
+        assert after == before, f"before {before}, after {after}"
 
 
 def test_a_header_in_two_pieces_is_put_together(process):
