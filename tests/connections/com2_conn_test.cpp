@@ -182,6 +182,8 @@ TEST_F(Com2Conn, ThrowsEverythingAwayWhileItIsMuted)
     EXPECT_TRUE(isCanonical());
     EXPECT_THAT(typeAndRead("A\r"), IsEmpty());
     conn.startMute();
+    EXPECT_THAT(typeAndRead("FULL\rPART"), IsEmpty());
+    EXPECT_EQ(conn.rxLen, 9) << "half a line goes with the whole one in front of it";
     ASSERT_TRUE(waitUntil([&] { return conn.muteExpired() != 0; }));
     EXPECT_THAT(typeAndRead("B\r"), ElementsAre("B"));
 }

@@ -327,11 +327,10 @@ def test_what_is_typed_within_two_seconds_of_a_write_is_thrown_away(line, writer
     line.expect(b"menu")
     writer.expect_answer(0)
     line.type(b"s3.ENC AT ONCE\r")
-    line.type(b"s3.ENC WITH THE START\rs3.ENC OF ANOTHER")
     with IpcClient() as client:
         while watch.seconds() < MUTE_SECONDS / 2:
             client.ask(b"*", b"0\r\n\r\n")  # each of these is a pass over the line too
-        line.type(b"s3.ENC LATER\r")
+        line.type(b"s3.ENC LATER\rs3.ENC AND HALF A LINE")
         while watch.seconds() < MUTE_SECONDS + 0.5 * settings.SLOW:
             client.ask(b"*", b"0\r\n\r\n")
     line.type(b"s3.ENC HEARD\r")
