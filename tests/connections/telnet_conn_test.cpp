@@ -1,5 +1,6 @@
 #include "connections/telnet_conn.h"
 
+#include <atomic>
 #include <fcntl.h>
 #include <functional>
 #include <future>
@@ -64,6 +65,9 @@ protected:
         EXPECT_TRUE(hasArrived(conn.fd, waiting + bytes.size()));
         return readLines();
     }
+
+    /// From now on the connection cannot send, as when a client that does not read has filled its way, but at once.
+    void blockWayToClient() const { ASSERT_EQ(::shutdown(conn.fd, SHUT_WR), 0); }
 
     std::unique_ptr<TcpPair> pair;
     TTelnetConn conn{2, 0xAA01'0000};
@@ -363,6 +367,29 @@ TEST_F(TelnetConn, FailsToNegotiateWithAClientThatHasReset)
     EXPECT_LT(watch.ms(), atMost(900));
 }
 
+TEST_F(TelnetConn, FailsToNegotiateWithAClientThatTakesNoOffers)
+{
+    ASSERT_TRUE(client().send(WILL_LINEMODE));
+    ASSERT_TRUE(hasArrived(conn.fd, 3));
+    blockWayToClient();
+    const Stopwatch watch;
+    EXPECT_EQ(conn.negotiateOptions(), 1);
+    EXPECT_LT(watch.ms(), atMost(900));
+    EXPECT_EQ(conn.lineMode, 0) << "its command is not looked at any more";
+}
+
+TEST_F(TelnetConn, FailsToNegotiateWithAClientThatTakesTheOffersButNotModeAndSlc)
+{
+    ASSERT_TRUE(client().send(WILL_LINEMODE));
+    InBackground negotiation([&] { return conn.negotiateOptions(); });
+    EXPECT_EQ(readable(client().receive(OFFERS.size())), readable(OFFERS));
+    blockWayToClient();
+    ASSERT_TRUE(client().send("\xFF\xFB\x18" + SLC_LIST_A)); // the refusal that does not get out changes nothing
+    EXPECT_EQ(negotiation.wait(), 1);
+    EXPECT_LT(negotiation.wallMs(), atMost(900));
+    EXPECT_EQ(conn.lineMode, 1);
+}
+
 TEST_F(TelnetConn, NegotiatesAsWithASilentClientWithOneThatHasClosed)
 {
     pair->client.close();
@@ -426,6 +453,26 @@ TEST_F(TelnetConn, GivesASubNegotiationWithoutEndASecond)
         EXPECT_LT(outcome.wallMs, atMost(2900));
         EXPECT_LT(outcome.cpuMs, atMost(150));
     }
+}
+
+TEST_F(TelnetConn, GivesASubNegotiationThatTricklesInNoMoreThanThatSecond)
+{
+    std::atomic<bool> done{false};
+    ASSERT_TRUE(client().send("\xFF\xFA\x22"));
+    InBackground negotiation([&] {
+        const int negotiated = conn.negotiateOptions();
+        done = true;
+        return negotiated;
+    });
+    for (int i = 0; i < 15 && !done; ++i) { // to go on for longer than the second is the case here
+        ASSERT_TRUE(client().send("x"));
+        waitUntil([&] { return done.load(); }, std::chrono::milliseconds(300));
+    }
+    EXPECT_EQ(negotiation.wait(), 0);
+    EXPECT_GE(negotiation.wallMs(), 1000);
+    EXPECT_LT(negotiation.wallMs(), atMost(1900));
+    EXPECT_EQ(conn.serverEcho, 1);
+    EXPECT_EQ(readable(client().received()), "");
 }
 
 TEST_F(TelnetConn, TakesASubNegotiationOfExactlyItsBuffersSize)
@@ -545,6 +592,19 @@ TEST_F(TelnetConn, WaitsASecondOfSilenceForTheAnswerToAnEchoSwitch)
     EXPECT_LT(switching.cpuMs(), atMost(100));
 }
 
+TEST_F(TelnetConn, WaitsForTheAnswerToAnEchoSwitchThatDidNotGetOutToo)
+{
+    conn.lineMode = 1;
+    blockWayToClient();
+    InBackground switching([&] {
+        conn.setEcho(0);
+        return 0;
+    });
+    switching.wait();
+    EXPECT_GE(switching.wallMs(), 1000);
+    EXPECT_LT(switching.wallMs(), atMost(1900));
+}
+
 TEST_F(TelnetConn, EndsTheWaitForTheAnswerToAnEchoSwitchAtData)
 {
     conn.lineMode = 1;
@@ -559,18 +619,25 @@ TEST_F(TelnetConn, EndsTheWaitForTheAnswerToAnEchoSwitchAtData)
 TEST_F(TelnetConn, EndsTheWaitForTheAnswerToAnEchoSwitchAfterTwoSecondsOfOtherCommands)
 {
     conn.lineMode = 1;
-    InBackground switching([&] {
-        conn.setEcho(0);
-        return 0;
-    });
-    const Stopwatch watch;
-    while (watch.ms() < 2600) {
-        ASSERT_TRUE(client().send(DONT_ECHO));
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        InBackground switching([&] {
+            conn.setEcho(0);
+            return 0;
+        });
+        double longestSilence = 0;
+        const Stopwatch watch;
+        for (double last = 0; last < 2600; last = watch.ms()) {
+            ASSERT_TRUE(client().send(DONT_ECHO));
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            longestSilence = std::max(longestSilence, watch.ms() - last);
+        }
+        switching.wait();
+        if (longestSilence > 500) continue; // the machine was too busy, which says nothing
+        EXPECT_GE(switching.wallMs(), 1990);
+        EXPECT_LT(switching.wallMs(), atMost(2500));
+        return;
     }
-    switching.wait();
-    EXPECT_GE(switching.wallMs(), 1990);
-    EXPECT_LT(switching.wallMs(), atMost(2500));
+    FAIL() << "never without a silence of its client";
 }
 
 TEST_F(TelnetConn, SwitchesTheEchoOfAClientThatHasGoneWithoutEnd)
@@ -641,6 +708,12 @@ TEST_F(TelnetConn, TakesAtMost1024BytesAtOnceAndCutsALineThere)
     const std::string first = "A\n" + std::string(1022, 'x');
     EXPECT_THAT(sendAndRead(first + "yz\n"), ElementsAre("A", std::string(1022, 'x')));
     EXPECT_THAT(readLines(), ElementsAre("yz"));
+}
+
+TEST_F(TelnetConn, EndsALastPieceWithoutALineEndWhereTheReadEnds)
+{
+    EXPECT_THAT(sendAndRead("0123456789\r\n"), ElementsAre("0123456789"));
+    EXPECT_THAT(sendAndRead("A\r\nB"), ElementsAre("A", "B")) << "not in what the longer line has left";
 }
 
 TEST_F(TelnetConn, NeverTakesALineThatFillsItsBufferWithoutAnEnd)
@@ -821,7 +894,9 @@ TEST_F(TelnetConn, WritesTheTextOfARecordAndArmsTheIdleTimer)
         EXPECT_EQ(record.tag, 0x1234'5678U);
     }
     EXPECT_EQ(client().received(), "");
+    conn.idleTimer.setTimeOut({0, 0});
     EXPECT_EQ(conn.writeText("\r\n"), 0);
+    EXPECT_EQ(conn.hasTimedOut(), 0);
     EXPECT_EQ(readable(client().receive(2)), "\\r\\n");
 }
 
@@ -846,6 +921,7 @@ TEST_F(TelnetConn, LogsEveryWriteToAClientThatHasReset)
     EXPECT_NE(conn.hasTimedOut(), 0) << "a write that fails does not count";
     EXPECT_EQ(conn.writeText("\r\n"), 1);
     EXPECT_EQ(log.lines().size(), 2U) << "writeText() does not log";
+    EXPECT_NE(conn.hasTimedOut(), 0);
 }
 
 TEST_F(TelnetConn, FailsToWriteToAClientThatDoesNotReadAndDoesNotWaitForIt)
