@@ -109,6 +109,7 @@ TEST_F(DelayQueue, QueuesALineForItsTime)
         {"DELAY 10.0|X", 3'000'000'000, 0, 3'000'000'010'000}, // an uptime that needs 64 bits
         // The product has overflowed: the low 32 bits of the seconds are added.
         {"DELAY 597:0:0:0|X", 1000, 0, 1'269'165'552'000},
+        {"DELAY 597:0:0:0|X", 1000, 300'000, 1'269'165'552'001}, // the remainder is that of all 64 bits: 784320 ns
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(testing::Message() << row.line << " at " << row.seconds << " s, " << row.nanoseconds << " ns");

@@ -3,10 +3,14 @@
 #include <cstring>
 #include <gmock/gmock.h>
 #include <memory>
+#include <mutex>
+#include <vector>
 
 #include "framework/fixed_text.h"
 #include "ports/milestone.h"
 #include "tests/commands/command_test_bench.h"
+#include "tests/commands/send_hook.h"
+#include "tests/support/lock_probe.h"
 
 using testing::ElementsAre;
 using testing::ElementsAreArray;
@@ -165,6 +169,29 @@ TEST_F(Forwarding, ErasesNullEntries)
     EXPECT_EQ(forward("s3", "ENC"), 0);
     ASSERT_EQ(bench.regProcs.size(), 1U);
     EXPECT_THAT(encoder.receiveTexts(), ElementsAre("X\n"));
+}
+
+TEST_F(Forwarding, HoldsTheLockOfTheRegistryWhileItSends)
+{
+    const QueueProcess first(bench.directory, 2001);
+    const QueueProcess second(bench.directory, 2002);
+    bench.registerProcess(2001, PORT_IPC, "ENC");
+    bench.registerProcess(2002, PORT_IPC, "ENC");
+    std::vector<std::unique_ptr<LockProbe<std::mutex>>> probes;
+    std::vector<bool> free;
+    std::vector<std::int32_t> progress;
+    {
+        const SendHook hook([&] {
+            progress.push_back(g_milestone);
+            probes.push_back(std::make_unique<LockProbe<std::mutex>>(bench.regLock));
+            free.push_back(probes.back()->takenWithin(std::chrono::milliseconds(50)));
+        });
+        EXPECT_EQ(forward("s3", "ENC"), 0);
+    }
+    EXPECT_THAT(free, ElementsAre(false, false));
+    EXPECT_THAT(progress, ElementsAre(32, 32));
+    for (const auto& probe : probes)
+        EXPECT_TRUE(probe->takenWithin(DEADLINE)) << "and no longer";
 }
 
 TEST_F(Forwarding, LeavesTheLockFreeAndTheNumberOfItsProgress)

@@ -6,6 +6,7 @@
 #include <thread>
 #include <vector>
 
+#include "ports/milestone.h"
 #include "tests/commands/command_test_bench.h"
 #include "tests/support/allocation_count.h"
 #include "tests/support/fake_conn.h"
@@ -15,6 +16,7 @@
 using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::IsEmpty;
+using testing::SizeIs;
 using Texts = std::vector<std::string>;
 
 namespace {
@@ -203,6 +205,15 @@ TEST_F(Interpreter, AnswersEveryTokenByItself)
     for (const Row& row : rows) {
         EXPECT_THAT(replies(row.line), ElementsAreArray(row.replies)) << '"' << row.line << '"';
         EXPECT_EQ(result, 0) << '"' << row.line << '"';
+    }
+}
+
+TEST_F(Interpreter, NotesThatItHasParsedTheAddress)
+{
+    for (const char* const line : {"*", "SET $5"}) { // neither is forwarded, which would note more
+        setMilestone(0);
+        EXPECT_THAT(replies(line), SizeIs(1));
+        EXPECT_EQ(g_milestone.load(), 35) << line;
     }
 }
 

@@ -3,17 +3,16 @@
 #include <array>
 #include <csignal>
 #include <memory>
-#include <thread>
 #include <vector>
 
 #include "daemon/tess.h"
 #include "framework/tess_messages.h"
 #include "tests/support/fake_conn.h"
 #include "tests/support/fake_port.h"
+#include "tests/support/lock_probe.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/queue_process.h"
 #include "tests/support/tess_peer.h"
-#include "tests/support/waiting.h"
 
 /// Puts the handlers of signals back that a daemon installs.
 class SignalsRestored {
@@ -101,29 +100,4 @@ public:
     TempQueueDir directory;
     std::unique_ptr<TTess> tess;
     TTessPeer peer;
-};
-
-/// Asks for a lock from a thread of its own, and gives it back at once.
-template <class Lock> class LockProbe {
-public:
-    explicit LockProbe(Lock& lock)
-        : thread_([this, &lock] {
-              const std::scoped_lock once(lock);
-              taken_ = true;
-          })
-    {
-    }
-    LockProbe(const LockProbe&) = delete;
-    LockProbe& operator=(const LockProbe&) = delete;
-    /// Waits until the lock has been taken after all.
-    ~LockProbe() { thread_.join(); }
-
-    bool takenWithin(std::chrono::milliseconds time) const
-    {
-        return waitUntil([this] { return taken_.load(); }, time);
-    }
-
-private:
-    std::atomic<bool> taken_{false};
-    std::thread thread_;
 };

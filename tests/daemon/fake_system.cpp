@@ -33,6 +33,7 @@ pid_t __wrap_fork()
 {
     if (fake == nullptr) return __real_fork(); // a test's own child
     fake->calls.emplace_back("fork");
+    if (fake->onFork) fake->onFork();
     if (fake->forkResult < 0) errno = EAGAIN;
     return fake->forkResult;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -13,8 +14,9 @@ public:
     FakeSystem& operator=(const FakeSystem&) = delete;
     ~FakeSystem();
 
-    pid_t forkResult = 4711; ///< what fork() returns; negative: with errno EAGAIN
-    int rebootResult = -1;   ///< what reboot() returns; -1: with errno EPERM
+    pid_t forkResult = 4711;      ///< what fork() returns; negative: with errno EAGAIN
+    int rebootResult = -1;        ///< what reboot() returns; -1: with errno EPERM
+    std::function<void()> onFork; ///< called at every fork()
 
     std::vector<std::string> calls; ///< what was called, in order
 };

@@ -1,10 +1,12 @@
 #include <gmock/gmock.h>
 #include <optional>
+#include <sys/resource.h>
 #include <thread>
 
 #include "daemon/service_gate.h"
 #include "ports/milestone.h"
 #include "tests/daemon/daemon_test_bench.h"
+#include "tests/daemon/fake_system.h"
 #include "tests/support/stream_pair.h"
 #include "tests/support/waiting.h"
 
@@ -372,6 +374,7 @@ TEST_F(ServiceLoopThread, LooksAtItsPortsOnceASecondWhenNothingHappens)
     const Stopwatch watch;
     ASSERT_TRUE(waitUntil([this] { return port.checks >= 3; }));
     EXPECT_GE(watch.ms(), 1900);
+    EXPECT_LT(watch.ms(), atMost(3000));
     bench.tess->requestStop();
 }
 
@@ -384,6 +387,22 @@ TEST_F(ServiceLoopThread, LooksFourTimesASecondWhileACommandIsDelayed)
     EXPECT_GE(watch.ms(), 950);
     EXPECT_LT(watch.ms(), atMost(3000));
     bench.tess->requestStop();
+}
+
+TEST_F(ServiceLoopThread, RunsDelayedCommandsWithoutTheConnectionLock)
+{
+    FakeSystem system;
+    std::optional<LockProbe<FairMutex>> probe;
+    bool free = false;
+    system.onFork = [&] {
+        free = probe.emplace(bench.peer.connLock()).takenWithin(std::chrono::seconds(5));
+        bench.tess->requestStop();
+    };
+    bench.peer.delayQueues().emplace(0, "RESET");
+    g_serviceGate.open(bench.tess.get());
+    bench.peer.serviceLoop();
+    EXPECT_THAT(system.calls, ElementsAre("fork"));
+    EXPECT_TRUE(free);
 }
 
 TEST_F(ServiceLoopThread, WakesUpAtOnceForInput)
@@ -420,10 +439,24 @@ TEST_F(ServiceLoop, SkipsItsPassesWithoutDescriptors)
 {
     FakePort& port = bench.addPort(8);
     bench.addConn(8, 0, "a");
-    ASSERT_EQ(bench.tess->startService(), 0);
-    ASSERT_TRUE(waitUntil([&] { return port.checks >= 1; }));
+    g_serviceGate.open(bench.tess.get());
+    rusage used{};
+    std::thread loop([&] {
+        bench.peer.serviceLoop();
+        ::getrusage(RUSAGE_THREAD, &used);
+    });
+    clockid_t clock{};
+    EXPECT_EQ(::pthread_getcpuclockid(loop.native_handle(), &clock), 0);
+    const bool spins = waitUntil([clock] {
+        timespec time{};
+        ::clock_gettime(clock, &time);
+        return time.tv_sec > 0 || time.tv_nsec > 200'000'000;
+    });
     bench.tess->requestStop();
-    ASSERT_TRUE(waitUntil([this] { return bench.peer.serviceDone(); }));
+    loop.join();
+    EXPECT_TRUE(spins) << "it repeats at once";
+    EXPECT_LT(used.ru_nvcsw, 100) << "and does not wait in between";
+    EXPECT_TRUE(bench.peer.serviceDone());
     EXPECT_EQ(port.checks, 1) << "only the first look";
     EXPECT_THAT(bench.events, IsEmpty());
 }
