@@ -6,6 +6,7 @@
 #include "framework/tess_messages.h"
 #include "ports/port_telnet.h"
 #include "tests/daemon/daemon_test_bench.h"
+#include "tests/support/allocation_count.h"
 #include "tests/support/passwd_file.h"
 #include "tests/support/private_mounts.h"
 #include "tests/support/private_network.h"
@@ -14,6 +15,7 @@
 #include "tests/support/tcp_pair.h"
 
 using testing::ElementsAre;
+using testing::IsEmpty;
 
 namespace {
 
@@ -71,6 +73,24 @@ TEST_F(FourPorts, StartWithoutTheSerialDevice)
     EXPECT_EQ(peer.conns().size(), 1U);
     fd_set set;
     EXPECT_GE(peer.collectDescriptors(set), 0);
+}
+
+TEST_F(FourPorts, AreLeftOutWhenThereIsNoMemoryForThem)
+{
+    std::unique_ptr<TTess> tess;
+    {
+        const NoMemory noMemory(NoMemory::WHO_ASKS_NOT_TO_THROW);
+        tess = makeDaemon();
+    }
+    EXPECT_THAT(TTessPeer(*tess).ports(), IsEmpty());
+    EXPECT_THAT(log.lines(), ElementsAre(LogLine{36101, "Initialize Com2 connection"},
+                                         LogLine{251525, "Unable to create COM2 command port"},
+                                         LogLine{36004, "Initialize telnet connection"},
+                                         LogLine{251525, "Unable to create Telnet command port"},
+                                         LogLine{36104, "Initialize XCP socket connection"},
+                                         LogLine{251525, "Unable XCP command port"},
+                                         LogLine{36104, "Initialize IPC socket connection"},
+                                         LogLine{251525, "Unable to create IPC socket command port"}));
 }
 
 TEST_F(FourPorts, CloseWhenALaterOneFails)

@@ -7,6 +7,7 @@
 #include "ports/milestone.h"
 #include "tests/daemon/daemon_test_bench.h"
 #include "tests/daemon/fake_system.h"
+#include "tests/support/allocation_count.h"
 #include "tests/support/private_mounts.h"
 #include "tests/support/readable.h"
 #include "tests/support/waiting.h"
@@ -20,6 +21,7 @@ namespace {
 constexpr const char* REGISTERED = "Process register operation successful";
 constexpr const char* NOTHING_ENABLED = "Command register request with nothing enabled";
 constexpr const char* REGISTRY_FULL = "Max # of registered processes reached";
+constexpr const char* NO_MEMORY = "Couldn't allocate memory for process register request";
 constexpr const char* UNREGISTERED = "Process unregister operation successful";
 constexpr const char* REGISTRY_EMPTY = "Registered process list is empty";
 constexpr const char* NOT_REGISTERED = "Process not found in registered process list";
@@ -76,6 +78,22 @@ TEST_F(MessageLoop, AnswersARegistrationThatFindsTheListFull)
     for (int i = 0; i < 32; ++i)
         bench.registerProcess(3000 + i, 8, "P" + std::to_string(i));
     expectAnswer(answerTo(registration(8, "ENC")), FAILURE, REGISTRY_FULL);
+}
+
+TEST_F(MessageLoop, AnswersARegistrationThatThereIsNoMemoryFor)
+{
+    for (const Outgoing& request : {registration(8, "ENC"), message(MSG_STOP)})
+        ASSERT_TRUE(process.send(TESS_QUEUE_ID, request.record, request.length));
+    {
+        const NoMemory noMemory(NoMemory::EVERYBODY);
+        (void)bench.tess->run(); // always 0
+    }
+    const auto answer = process.receive();
+    ASSERT_TRUE(answer);
+    expectAnswer(*answer, FAILURE, NO_MEMORY);
+    EXPECT_THAT(bench.peer.regProcs(), IsEmpty());
+    expectAnswer(answerTo(registration(8, "ENC")), 0,
+                 REGISTERED + std::string(NO_MEMORY).substr(std::strlen(REGISTERED)));
 }
 
 TEST_F(MessageLoop, AnswersUnregistrations)
@@ -315,10 +333,11 @@ TEST_F(MessageLoop, ReportsASerialLineThatCannotBeOpened)
 TEST_F(MessageLoop, AnswersAResetThatWasStarted)
 {
     FakeSystem system;
+    EXPECT_EQ(answerTo(message(MSG_COM2_WRITE, "", 0x1234'5678)).record.len, 1) << "there is no serial line";
     const Received answer = answerTo(message(MSG_RESET, "RESET", 7, 9));
     EXPECT_EQ(answer.record.kind, 102U);
-    EXPECT_EQ(answer.record.tag, 0U) << "of the answer before it: there was none";
-    EXPECT_EQ(answer.record.len, 0);
+    EXPECT_EQ(answer.record.tag, 0x1234'5678U) << "of the answer before it";
+    EXPECT_EQ(answer.record.len, 1) << "of the answer before it";
     EXPECT_EQ(answer.length, 22U) << "the length received";
     EXPECT_EQ(answer.textBytes(), "OK\r\n\r\n");
     EXPECT_THAT(system.calls, ElementsAre("fork"));

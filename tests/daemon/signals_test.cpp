@@ -3,11 +3,15 @@
 #include <cerrno>
 #include <csignal>
 #include <gmock/gmock.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
 
 #include "connections/waiting.h"
 #include "ports/milestone.h"
 #include "tests/daemon/daemon_test_bench.h"
 #include "tests/support/allocation_count.h"
+#include "tests/support/waiting.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -46,9 +50,23 @@ TEST(SignalHandler, AsksTheDaemonToStop)
 
 TEST(SignalHandler, LogsEveryChildAndReapsNone)
 {
-    const LogCapture log;
-    signalHandler(SIGCHLD);
-    EXPECT_THAT(log.lines(), ElementsAre(childSeen));
+    const DaemonTestBench bench; // has installed it
+    std::vector<pid_t> children;
+    for (int i = 1; i <= 3; ++i) {
+        const pid_t child = ::fork();
+        if (child == 0) ::_exit(i);
+        ASSERT_GT(child, 0);
+        children.push_back(child);
+        EXPECT_TRUE(waitUntil([&] { return bench.log.count(childSeen) == i; })) << "child " << i;
+    }
+    EXPECT_THAT(bench.log.lines(), ElementsAre(childSeen, childSeen, childSeen));
+    for (int i = 1; i <= 3; ++i) {
+        int status = 0;
+        EXPECT_EQ(::waitpid(children[static_cast<std::size_t>(i - 1)], &status, WNOHANG),
+                  children[static_cast<std::size_t>(i - 1)])
+            << "child " << i << " is still to be reaped";
+        EXPECT_EQ(WEXITSTATUS(status), i);
+    }
 }
 
 TEST(SignalHandler, SaysNothingAboutABrokenPipeOrAnyOtherSignal)

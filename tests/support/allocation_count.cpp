@@ -9,10 +9,13 @@
 namespace {
 
 std::atomic<unsigned> count{0};
+thread_local bool noMemory = false;
+thread_local bool noMemoryWithoutThrowing = false;
 
 void* counted(std::size_t bytes)
 {
     ++count;
+    if (noMemory) throw std::bad_alloc();
     if (void* const memory = std::malloc(bytes != 0 ? bytes : 1)) return memory;
     throw std::bad_alloc();
 }
@@ -22,6 +25,18 @@ void* counted(std::size_t bytes)
 unsigned allocationCount()
 {
     return count;
+}
+
+NoMemory::NoMemory(Whom whom)
+{
+    noMemory = whom == EVERYBODY;
+    noMemoryWithoutThrowing = true;
+}
+
+NoMemory::~NoMemory()
+{
+    noMemory = false;
+    noMemoryWithoutThrowing = false;
 }
 
 void* operator new(std::size_t bytes)
@@ -37,6 +52,7 @@ void* operator new[](std::size_t bytes)
 void* operator new(std::size_t bytes, const std::nothrow_t&) noexcept
 {
     ++count;
+    if (noMemoryWithoutThrowing) return nullptr;
     return std::malloc(bytes != 0 ? bytes : 1);
 }
 
