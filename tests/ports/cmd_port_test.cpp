@@ -2,9 +2,9 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
+#include "tests/support/descriptor_limit.h"
 #include "tests/support/stream_pair.h"
 #include "tests/support/virtual_slot.h"
 #include "tests/support/waiting.h"
@@ -63,11 +63,8 @@ TEST(CmdPort, SeesNothingOnADescriptorThatNoSetHolds)
 
 TEST(CmdPort, SeesNothingOnAHighDescriptorThoughItHasSomething)
 {
-    rlimit limit{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
-    const rlim_t before = limit.rlim_cur;
-    limit.rlim_cur = std::max<rlim_t>(before, FD_SETSIZE + 10);
-    if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) GTEST_SKIP() << "the limit of open files cannot be raised";
+    const DescriptorLimit limit(FD_SETSIZE + 10);
+    if (!limit.isSet()) GTEST_SKIP() << "the limit of open files cannot be raised";
     StreamPair pair;
     const int server = pair.releaseServer();
     PlainPort port(4, 10, 0);
@@ -77,8 +74,6 @@ TEST(CmdPort, SeesNothingOnAHighDescriptorThoughItHasSomething)
     EXPECT_FALSE(port.clientWaits());
     ::close(port.fd);
     ::close(server);
-    limit.rlim_cur = before;
-    ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 TEST(CmdPort, KeepsItsOperationsInOrder)

@@ -1,7 +1,6 @@
 // What the two local socket ports have in common; each row of the tests is one of them.
 #include "ports/local_socket_port.h"
 
-#include <algorithm>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -9,7 +8,6 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -19,6 +17,7 @@
 #include "ports/milestone.h"
 #include "ports/port_ipc_socket.h"
 #include "ports/xcp_port.h"
+#include "tests/support/descriptor_limit.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/private_mounts.h"
 #include "tests/support/waiting.h"
@@ -234,15 +233,11 @@ TEST_P(LocalSocketPort, StaysClosedWhenThereIsNoDescriptor)
 #ifdef __SANITIZE_ADDRESS__
     GTEST_SKIP() << "the sanitizer itself needs descriptors";
 #endif
-    rlimit limit{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
-    const rlim_t before = limit.rlim_cur;
-    limit.rlim_cur = 0;
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
-    const auto port = kind().make();
-    limit.rlim_cur = before;
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
-
+    std::unique_ptr<TLocalSocketPort> port;
+    {
+        const DescriptorLimit none(0);
+        port = kind().make();
+    }
     EXPECT_FALSE(port->isOpen);
     EXPECT_LT(port->fd, 0);
     TPortConn* conn = nullptr;
@@ -352,21 +347,11 @@ TEST_P(LocalSocketPort, DisposesOfAClientThatItCannotAccept)
     const auto port = kind().make();
     Clients clients(path());
     clients.connect();
-    rlimit limit{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
-    const rlim_t before = limit.rlim_cur;
-    limit.rlim_cur = static_cast<rlim_t>(port->fd) + 1; // what is open already may stay so
-    std::vector<int> fillers;
-    for (int fd; (fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC)) <= port->fd && fd >= 0;)
-        fillers.push_back(fd);
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
     TPortConn* conn = nullptr;
-    const int result = port->chkNewConn(&conn);
-    limit.rlim_cur = before;
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
-    for (const int fd : fillers)
-        ::close(fd);
-    EXPECT_EQ(result, 0);
+    {
+        const DescriptorLimit none(0);
+        EXPECT_EQ(port->chkNewConn(&conn), 0);
+    }
     EXPECT_EQ(conn, nullptr);
     EXPECT_EQ(port->activeConns, 0);
     EXPECT_EQ(port->nextConnId, kind().firstConnId) << "it has used an ID";
@@ -375,26 +360,16 @@ TEST_P(LocalSocketPort, DisposesOfAClientThatItCannotAccept)
 
 TEST_P(LocalSocketPort, ClosesAClientWhoseDescriptorNoSetHolds)
 {
-    rlimit limit{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
-    const rlim_t before = limit.rlim_cur;
-    limit.rlim_cur = std::max<rlim_t>(before, FD_SETSIZE + 100);
-    if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) GTEST_SKIP() << "the limit of open files cannot be raised";
     const auto port = kind().make();
     Clients clients(path());
     const int client = clients.connect();
-    std::vector<int> fillers;
-    for (int fd; (fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC)) < FD_SETSIZE && fd >= 0;)
-        fillers.push_back(fd);
+    const NoRoomInSets room;
+    if (!room.isSet()) GTEST_SKIP() << "the limit of open files cannot be raised";
     TPortConn* conn = nullptr;
     EXPECT_EQ(port->chkNewConn(&conn), 0);
     EXPECT_EQ(conn, nullptr);
     EXPECT_TRUE(closedByServer(client));
     EXPECT_EQ(port->activeConns, 0);
-    for (const int fd : fillers)
-        ::close(fd);
-    limit.rlim_cur = before;
-    ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 TEST_P(LocalSocketPort, LeavesAnEmptySlotAlone)

@@ -1,18 +1,17 @@
 #include "ports/port_telnet.h"
 
-#include <algorithm>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <memory>
 #include <netinet/in.h>
 #include <stdexcept>
-#include <sys/resource.h>
 #include <thread>
 #include <vector>
 
 #include "connections/telnet_conn.h"
 #include "connections/waiting.h"
 #include "ports/milestone.h"
+#include "tests/support/descriptor_limit.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/private_network.h"
 #include "tests/support/readable.h"
@@ -210,22 +209,12 @@ TEST_F(PortTelnet, DropsAClientThatItCannotAccept)
     const Client client;
     pollfd waiting{port->fd, POLLIN, 0};
     ASSERT_EQ(::poll(&waiting, 1, 10'000), 1);
-    rlimit limit{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
-    const rlim_t before = limit.rlim_cur;
-    std::vector<int> fillers;
-    for (int fd; (fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC)) <= port->fd && fd >= 0;)
-        fillers.push_back(fd);
     const LogCapture log;
-    limit.rlim_cur = 0; // what is open already stays so
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
     TPortConn* conn = nullptr;
-    const int result = port->chkNewConn(&conn);
-    limit.rlim_cur = before;
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
-    for (const int fd : fillers)
-        ::close(fd);
-    EXPECT_EQ(result, 0);
+    {
+        const DescriptorLimit none(0);
+        EXPECT_EQ(port->chkNewConn(&conn), 0);
+    }
     EXPECT_EQ(conn, nullptr);
     EXPECT_EQ(port->activeConns, 0);
     EXPECT_EQ(port->nextConnId, 0xAA01'0000U) << "it has used an ID";
@@ -235,22 +224,12 @@ TEST_F(PortTelnet, DropsAClientThatItCannotAccept)
 
 TEST_F(PortTelnet, ClosesAClientWhoseDescriptorNoSetHolds)
 {
-    rlimit limit{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
-    const rlim_t before = limit.rlim_cur;
-    limit.rlim_cur = std::max<rlim_t>(before, FD_SETSIZE + 100);
-    if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) GTEST_SKIP() << "the limit of open files cannot be raised";
     const TcpClient client(TcpClient::connectTo(23));
-    std::vector<int> fillers;
-    for (int fd; (fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC)) < FD_SETSIZE && fd >= 0;)
-        fillers.push_back(fd);
+    const NoRoomInSets room;
+    if (!room.isSet()) GTEST_SKIP() << "the limit of open files cannot be raised";
     EXPECT_EQ(take(), nullptr);
     EXPECT_EQ(client.receiveToEnd(), "");
     EXPECT_EQ(port->activeConns, 0);
-    for (const int fd : fillers)
-        ::close(fd);
-    limit.rlim_cur = before;
-    ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 TEST_F(PortTelnet, ThrowsWhenItsTcpPortIsInUse)
@@ -279,14 +258,10 @@ TEST_F(PortTelnet, StaysClosedWhenThereIsNoDescriptor)
     GTEST_SKIP() << "the sanitizer itself needs descriptors";
 #endif
     port.reset();
-    rlimit limit{};
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
-    const rlim_t before = limit.rlim_cur;
-    limit.rlim_cur = 0;
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
-    port = std::make_unique<TPortTelnet>();
-    limit.rlim_cur = before;
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+    {
+        const DescriptorLimit none(0);
+        port = std::make_unique<TPortTelnet>();
+    }
     EXPECT_FALSE(port->isOpen);
     EXPECT_LT(port->fd, 0);
     TPortConn* conn = nullptr;
