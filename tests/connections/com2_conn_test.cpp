@@ -5,9 +5,8 @@
 #include <gmock/gmock.h>
 #include <string>
 #include <thread>
-#include <vector>
 
-#include "framework/fixed_text.h"
+#include "tests/support/conn_texts.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/private_mounts.h"
 #include "tests/support/pty_line.h"
@@ -17,7 +16,6 @@
 using namespace std::string_literals;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using Texts = std::vector<std::string>;
 
 namespace {
 
@@ -39,10 +37,7 @@ protected:
     Texts readLines()
     {
         result = conn.readCmd();
-        Texts lines;
-        for (int i = 0; i < result; ++i)
-            lines.emplace_back(conn.cmds[static_cast<std::size_t>(i)].text);
-        return lines;
+        return linesOf(conn, result);
     }
 
     Texts typeAndRead(std::string_view bytes)
@@ -63,13 +58,6 @@ protected:
     TCom2Conn conn{1, 0x0056'0000};
     int result = 0; ///< of the last read
 };
-
-TOrbAttachmentMsg recordWith(std::string_view text)
-{
-    TOrbAttachmentMsg record{};
-    putText(record.text, text);
-    return record;
-}
 
 } // namespace
 

@@ -4,9 +4,8 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <string>
-#include <vector>
 
-#include "framework/fixed_text.h"
+#include "tests/support/conn_texts.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/readable.h"
 #include "tests/support/stream_pair.h"
@@ -15,7 +14,6 @@
 using namespace std::string_literals;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
-using Texts = std::vector<std::string>;
 
 namespace {
 
@@ -29,10 +27,7 @@ protected:
     Texts readLines()
     {
         result = conn.readCmd();
-        Texts lines;
-        for (int i = 0; i < result; ++i)
-            lines.emplace_back(conn.cmds[static_cast<std::size_t>(i)].text);
-        return lines;
+        return linesOf(conn, result);
     }
 
     Texts sendAndRead(std::string_view bytes)
@@ -48,13 +43,6 @@ protected:
     TSocketIPCConn conn{8, 0xBB01'0000};
     int result = 0; ///< of the last read
 };
-
-TOrbAttachmentMsg recordWith(std::string_view text)
-{
-    TOrbAttachmentMsg record{};
-    putText(record.text, text);
-    return record;
-}
 
 } // namespace
 

@@ -1,8 +1,6 @@
 #include "connections/telnet_conn.h"
 
-#include <atomic>
 #include <fcntl.h>
-#include <functional>
 #include <future>
 #include <gmock/gmock.h>
 #include <string>
@@ -10,7 +8,8 @@
 #include <vector>
 
 #include "connections/waiting.h"
-#include "framework/fixed_text.h"
+#include "tests/support/conn_texts.h"
+#include "tests/support/in_background.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/private_network.h"
 #include "tests/support/readable.h"
@@ -20,7 +19,6 @@
 using namespace std::string_literals;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
-using Texts = std::vector<std::string>;
 
 namespace {
 
@@ -52,10 +50,7 @@ protected:
     Texts readLines()
     {
         result = conn.readCmd();
-        Texts lines;
-        for (int i = 0; i < result; ++i)
-            lines.emplace_back(conn.cmds[static_cast<std::size_t>(i)].text);
-        return lines;
+        return linesOf(conn, result);
     }
 
     /// The lines of the read after the bytes have arrived; `waiting` have already.
@@ -74,45 +69,24 @@ protected:
     int result = 0; ///< of the last read
 };
 
-/// Something of a connection that may take long, in a thread of its own.
-class InBackground {
-public:
-    explicit InBackground(std::function<int()> work)
-        : thread_([this, work = std::move(work)] {
-              const Stopwatch watch;
-              const double before = threadCpuMs();
-              result_ = work();
-              cpuMs_ = threadCpuMs() - before;
-              wallMs_ = watch.ms();
-          })
-    {
-    }
-    InBackground(const InBackground&) = delete;
-    InBackground& operator=(const InBackground&) = delete;
-    ~InBackground()
-    {
-        if (thread_.joinable()) thread_.join();
-    }
-    int wait()
-    {
-        thread_.join();
-        return result_;
-    }
-    double cpuMs() const { return cpuMs_; }
-    double wallMs() const { return wallMs_; }
-
-private:
-    int result_ = 0;
-    double cpuMs_ = 0;
-    double wallMs_ = 0;
-    std::thread thread_; // last: uses the others
+/// How a negotiation has gone.
+struct Negotiated {
+    int result;
+    int lineMode, serverEcho;
+    double wallMs, cpuMs;
 };
 
-TOrbAttachmentMsg recordWith(std::string_view text)
+/// Negotiates with the client of a pair, in a thread of its own.
+std::future<Negotiated> negotiationWith(TcpPair& pair)
 {
-    TOrbAttachmentMsg record{};
-    putText(record.text, text);
-    return record;
+    return std::async(std::launch::async, [fd = pair.releaseServer()] {
+        const auto conn = std::make_unique<TTelnetConn>(2, 0);
+        conn->fd = fd;
+        const Stopwatch watch;
+        const double before = threadCpuMs();
+        const int result = conn->negotiateOptions();
+        return Negotiated{result, conn->lineMode, conn->serverEcho, watch.ms(), threadCpuMs() - before};
+    });
 }
 
 } // namespace
@@ -278,21 +252,19 @@ TEST_F(TelnetConn, RefusesUnknownOptionsAlwaysWithWont)
         {"\xFF\xFB\xC8\xFF\xFD\xC8", "\xFF\xFC\xC8\xFF\xFC\xC8"},
     };
     std::vector<std::unique_ptr<TcpPair>> pairs;
-    std::vector<std::future<int>> negotiations;
+    std::vector<std::future<Negotiated>> negotiations;
     for (const Row& row : rows) { // all at once: each lasts a second
         pairs.push_back(std::make_unique<TcpPair>());
         ASSERT_TRUE(pairs.back()->client.send(row.command));
-        negotiations.push_back(std::async(std::launch::async, [fd = pairs.back()->releaseServer()] {
-            auto negotiating = std::make_unique<TTelnetConn>(2, 0);
-            negotiating->fd = fd;
-            const int negotiated = negotiating->negotiateOptions();
-            return negotiated != 0 ? negotiated : 10 * negotiating->lineMode + negotiating->serverEcho;
-        }));
+        negotiations.push_back(negotiationWith(*pairs.back()));
     }
     for (std::size_t i = 0; i < std::size(rows); ++i) {
-        EXPECT_EQ(negotiations[i].get(), 1) << "plain, with echo: " << readable(rows[i].command);
-        EXPECT_EQ(readable(pairs[i]->client.receiveToEnd()), readable(OFFERS + rows[i].answer))
-            << readable(rows[i].command);
+        SCOPED_TRACE(readable(rows[i].command));
+        const Negotiated outcome = negotiations[i].get();
+        EXPECT_EQ(outcome.result, 0);
+        EXPECT_EQ(outcome.lineMode, 0);
+        EXPECT_EQ(outcome.serverEcho, 1);
+        EXPECT_EQ(readable(pairs[i]->client.receiveToEnd()), readable(OFFERS + rows[i].answer));
     }
 }
 
@@ -424,31 +396,18 @@ TEST_F(TelnetConn, GivesASubNegotiationWithoutEndASecond)
         {"IAC alone", "\xFF"},
         {"IAC SB alone", "\xFF\xFA"},
     };
-    struct Outcome {
-        int result;
-        int echo;
-        double wallMs;
-        double cpuMs;
-    };
     std::vector<std::unique_ptr<TcpPair>> pairs;
-    std::vector<std::future<Outcome>> negotiations;
+    std::vector<std::future<Negotiated>> negotiations;
     for (const Row& row : rows) {
         pairs.push_back(std::make_unique<TcpPair>());
         ASSERT_TRUE(pairs.back()->client.send(row.bytes, MSG_DONTWAIT)) << row.behaviour;
-        negotiations.push_back(std::async(std::launch::async, [fd = pairs.back()->releaseServer()] {
-            auto negotiating = std::make_unique<TTelnetConn>(2, 0);
-            negotiating->fd = fd;
-            const Stopwatch watch;
-            const double before = threadCpuMs();
-            const int negotiated = negotiating->negotiateOptions();
-            return Outcome{negotiated, negotiating->serverEcho, watch.ms(), threadCpuMs() - before};
-        }));
+        negotiations.push_back(negotiationWith(*pairs.back()));
     }
     for (std::size_t i = 0; i < std::size(rows); ++i) {
         SCOPED_TRACE(rows[i].behaviour);
-        const Outcome outcome = negotiations[i].get();
+        const Negotiated outcome = negotiations[i].get();
         EXPECT_EQ(outcome.result, 0);
-        EXPECT_EQ(outcome.echo, 1);
+        EXPECT_EQ(outcome.serverEcho, 1);
         EXPECT_GE(outcome.wallMs, 1000);
         EXPECT_LT(outcome.wallMs, atMost(2900));
         EXPECT_LT(outcome.cpuMs, atMost(150));
@@ -457,16 +416,11 @@ TEST_F(TelnetConn, GivesASubNegotiationWithoutEndASecond)
 
 TEST_F(TelnetConn, GivesASubNegotiationThatTricklesInNoMoreThanThatSecond)
 {
-    std::atomic<bool> done{false};
     ASSERT_TRUE(client().send("\xFF\xFA\x22"));
-    InBackground negotiation([&] {
-        const int negotiated = conn.negotiateOptions();
-        done = true;
-        return negotiated;
-    });
-    for (int i = 0; i < 15 && !done; ++i) { // to go on for longer than the second is the case here
+    InBackground negotiation([&] { return conn.negotiateOptions(); });
+    for (int i = 0; i < 15 && !negotiation.done(); ++i) { // to go on for longer than the second is the case here
         ASSERT_TRUE(client().send("x"));
-        waitUntil([&] { return done.load(); }, std::chrono::milliseconds(300));
+        waitUntil([&] { return negotiation.done(); }, std::chrono::milliseconds(300));
     }
     EXPECT_EQ(negotiation.wait(), 0);
     EXPECT_GE(negotiation.wallMs(), 1000);
@@ -498,23 +452,12 @@ TEST_F(TelnetConn, EndsANegotiationThatNeverEndsAfterFiveSeconds)
         {"LINEMODE refused again and again", "\xFF\xFC\x22", "\xFF\xFC\x22", 4990, 6500},
         {"LINEMODE that is never acknowledged", WILL_LINEMODE + SLC_LIST_A, SLC_LIST_A, 4990, 6500},
     };
-    struct Outcome {
-        int result;
-        double wallMs, cpuMs;
-    };
-    std::vector<std::future<Outcome>> negotiations;
+    std::vector<std::future<Negotiated>> negotiations;
     std::vector<std::unique_ptr<TcpPair>> pairs;
     for (const Row& row : rows) {
         pairs.push_back(std::make_unique<TcpPair>());
         ASSERT_TRUE(pairs.back()->client.send(row.first));
-        negotiations.push_back(std::async(std::launch::async, [fd = pairs.back()->releaseServer()] {
-            auto negotiating = std::make_unique<TTelnetConn>(2, 0);
-            negotiating->fd = fd;
-            const Stopwatch watch;
-            const double before = threadCpuMs();
-            const int negotiated = negotiating->negotiateOptions();
-            return Outcome{negotiated, watch.ms(), threadCpuMs() - before};
-        }));
+        negotiations.push_back(negotiationWith(*pairs.back()));
     }
     const Stopwatch watch;
     while (watch.ms() < 9000) {
@@ -528,7 +471,7 @@ TEST_F(TelnetConn, EndsANegotiationThatNeverEndsAfterFiveSeconds)
     }
     for (std::size_t i = 0; i < std::size(rows); ++i) {
         SCOPED_TRACE(rows[i].behaviour);
-        const Outcome outcome = negotiations[i].get();
+        const Negotiated outcome = negotiations[i].get();
         EXPECT_EQ(outcome.result, 0);
         EXPECT_GE(outcome.wallMs, rows[i].atLeastMs);
         EXPECT_LT(outcome.wallMs, atMost(rows[i].atMostMs));

@@ -1,7 +1,6 @@
 // Built twice: with TESS_BOUNDED_WAITS and without.
 #include "connections/xcp_con.h"
 
-#include <atomic>
 #include <climits>
 #include <cstring>
 #include <gmock/gmock.h>
@@ -11,6 +10,8 @@
 
 #include "connections/waiting.h"
 #include "framework/fixed_text.h"
+#include "tests/support/conn_texts.h"
+#include "tests/support/in_background.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/readable.h"
 #include "tests/support/stream_pair.h"
@@ -19,7 +20,6 @@
 using namespace std::string_literals;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
-using Texts = std::vector<std::string>;
 
 namespace {
 
@@ -57,10 +57,7 @@ protected:
     Texts readLines()
     {
         result = conn.readCmd();
-        Texts lines;
-        for (int i = 0; i < result; ++i)
-            lines.emplace_back(conn.cmds[static_cast<std::size_t>(i)].text);
-        return lines;
+        return linesOf(conn, result);
     }
 
     Texts sendAndRead(std::string_view bytes)
@@ -74,45 +71,18 @@ protected:
     int result = 0; ///< of the last read
 };
 
-/// A read in a thread of its own, which may take long.
-class SlowRead {
+/// A read in a thread of its own, which may take long; a stop ends it at the latest.
+class SlowRead : public InBackground {
 public:
-    explicit SlowRead(TXCPCon& conn)
-        : thread_([this, &conn] {
-              const Stopwatch watch;
-              const double cpuBefore = threadCpuMs();
-              result_ = conn.readCmd();
-              cpuMs_ = threadCpuMs() - cpuBefore;
-              wallMs_ = watch.ms();
-              done_ = true;
-          })
-    {
-    }
+    explicit SlowRead(TXCPCon& conn) : InBackground([&conn] { return conn.readCmd(); }) {}
     SlowRead(const SlowRead&) = delete;
     SlowRead& operator=(const SlowRead&) = delete;
     ~SlowRead()
     {
         g_endUnboundedWaits = true;
-        if (thread_.joinable()) thread_.join();
+        wait();
         g_endUnboundedWaits = false;
     }
-
-    bool done() const { return done_; }
-    /// @return what the read returned
-    int wait()
-    {
-        thread_.join();
-        return result_;
-    }
-    double cpuMs() const { return cpuMs_; }
-    double wallMs() const { return wallMs_; }
-
-private:
-    int result_ = 0;
-    double cpuMs_ = 0;
-    double wallMs_ = 0;
-    std::atomic<bool> done_{false};
-    std::thread thread_; // last: uses the others
 };
 
 /// The first line of a frame whose pieces are sent one by one while a connection reads, and its tag.
@@ -132,17 +102,6 @@ std::string readInPieces(const std::vector<std::string>& pieces)
         return (FixedText<32>() << "0x").hex(conn.cmds[0].tag).c_str() + (" " + readable(conn.cmds[0].text));
     }
     return "never whole in time";
-}
-
-TOrbAttachmentMsg recordWith(std::string_view text, std::uint32_t tag)
-{
-    TOrbAttachmentMsg record{};
-    record.kind = 102;
-    record.sender = 2001;
-    record.tag = tag;
-    record.len = -1;
-    putText(record.text, text);
-    return record;
 }
 
 } // namespace
@@ -270,10 +229,7 @@ TEST_F(XcpCon, CutsOverTheDeclaredLengthWhenLessHasArrived)
         ASSERT_TRUE(client.send(frame(5, "line1\nline2\nline3\n")));
         ASSERT_EQ(reading.readCmd(), 3);
         ASSERT_TRUE(client.send(frame(6, row.declared, "A\n")));
-        Texts lines;
-        const int count = reading.readCmd();
-        for (int i = 0; i < count; ++i)
-            lines.emplace_back(reading.cmds[static_cast<std::size_t>(i)].text);
+        const Texts lines = linesOf(reading, reading.readCmd());
         EXPECT_THAT(lines, ElementsAreArray(row.lines));
         EXPECT_EQ(reading.rxLen, 18);
     }
