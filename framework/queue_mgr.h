@@ -31,7 +31,7 @@ public:
     ///                 most, and once that has run out further calls to this destination fail at once until it has room
     /// @return 0 the record is in the destination's queue; nonzero it is not: no such queue, its owner is gone, no room
     /// Threads: any.
-    long sendMsg(long address, const TOrbAttachmentMsg* msg, long length, bool wait);
+    long sendMsg(long address, TOrbAttachmentMsg* msg, long length, bool wait);
 };
 
 /// The process's one queue manager. Usable from start to exit, and while static objects are destroyed.

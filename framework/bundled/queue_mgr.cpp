@@ -22,7 +22,7 @@ long TQueueMgr::getMsg(TOrbAttachmentMsg* msg, TMsgQueueTypes /*type*/, bool wai
     return ownQueue.receive(msg, wait);
 }
 
-long TQueueMgr::sendMsg(long address, const TOrbAttachmentMsg* msg, long length, bool wait)
+long TQueueMgr::sendMsg(long address, TOrbAttachmentMsg* msg, long length, bool wait)
 {
     using Sent = TQueueSender::Sent;
     sockaddr_un to;

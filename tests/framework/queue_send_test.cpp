@@ -13,9 +13,15 @@
 #include <limits>
 #include <memory>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 namespace {
+
+// To the last const: a library that stands in for this one is found by names that are made of these types.
+static_assert(std::is_same_v<decltype(&TQueueMgr::sendMsg), long (TQueueMgr::*)(long, TOrbAttachmentMsg*, long, bool)>);
+static_assert(
+    std::is_same_v<decltype(&TQueueMgr::getMsg), long (TQueueMgr::*)(TOrbAttachmentMsg*, TMsgQueueTypes, bool)>);
 
 constexpr long PATIENCE_MS = TQueueSender::PATIENCE.count();
 
@@ -23,7 +29,7 @@ class QueueSend : public TQueueTest {
 protected:
     static long send(long address, std::uint32_t number, std::size_t length = 64, bool wait = false)
     {
-        const TOrbAttachmentMsg msg = numbered(number);
+        TOrbAttachmentMsg msg = numbered(number);
         return g_qMgr.sendMsg(address, &msg, static_cast<long>(length), wait);
     }
 
@@ -61,7 +67,7 @@ TEST_F(QueueSend, PutsTheRecordIntoTheDestinationsQueue)
 {
     const TQuietProc proc(1001);
     const TRawSocket peer(pathOf(2001));
-    const TOrbAttachmentMsg msg = numbered(77, 'x');
+    TOrbAttachmentMsg msg = numbered(77, 'x');
     EXPECT_EQ(0, g_qMgr.sendMsg(2001, &msg, 100, false));
     EXPECT_EQ(std::string(reinterpret_cast<const char*>(&msg), 100), peer.receive());
 }
@@ -75,7 +81,7 @@ TEST_F(QueueSend, ClampsTheLengthAboveARecordAndRefusesLessThanItsHeader)
         long sent; ///< 0: refused
     } cases[] = {{16, 16}, {8191, 8191}, {8192, 8192}, {8193, 8192}, {2147483647, 8192}, {15, 0}, {0, 0}, {-1, 0}};
     for (const auto& c : cases) {
-        const TOrbAttachmentMsg msg = numbered(1);
+        TOrbAttachmentMsg msg = numbered(1);
         EXPECT_EQ(c.sent == 0, g_qMgr.sendMsg(2001, &msg, c.length, false) != 0) << c.length;
         const std::string there = peer.receiveNow();
         if (c.sent == 0) {
