@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstring>
 #include <fcntl.h>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <sys/file.h>
@@ -151,7 +152,8 @@ void TOwnQueue::openLocked(long address)
     if (descriptor < 0 || bound.get() < 0) fail(address, "socket", std::strerror(errno));
     file_ = bindSocket(bound.get(), address, in);
     address_ = address;
-    owner_ = ::getpid();
+    owner_.store(::getpid());
+    inherited_.store(false);
     directory_.store(&in);
     if (!replaceSocket(descriptor, bound.get())) {
         const int error = errno;
@@ -199,15 +201,34 @@ void TOwnQueue::removeFile()
 
 void TOwnQueue::close()
 {
+    if (::getpid() != owner_.load()) return forget();
     const std::scoped_lock lock(openLock_);
     if (!isOpen()) return;
-    if (::getpid() == owner_) removeFile();
+    removeFile();
     open_.store(false);
     const std::scoped_lock receiving(receiveLock_);
     const TQueueFd unbound(newSocket());
     // Without a descriptor to spare the old socket stays, but nothing goes through it any more.
     if (unbound.get() < 0 || !replaceSocket(socket_.load(), unbound.get())) ::shutdown(socket_.load(), SHUT_RDWR);
     backlog_.clear();
+}
+
+/// Closes the queue of another process, this one's parent, for this process alone. Waits for no lock: a thread that is not
+/// in this process may hold it.
+void TOwnQueue::forget()
+{
+    if (!open_.exchange(false)) return;
+    const TQueueFd unbound(newSocket());
+    if (unbound.get() < 0 || !replaceSocket(socket_.load(), unbound.get())) ::close(socket_.exchange(-1));
+}
+
+void TOwnQueue::startInForkedChild()
+{
+    // The one thread here was in no section that they guard. What another one was changing there may be half done.
+    std::construct_at(&openLock_);
+    std::construct_at(&receiveLock_);
+    std::construct_at(&backlog_);
+    inherited_.store(isOpen());
 }
 
 long TOwnQueue::receive(TOrbAttachmentMsg* msg, bool wait)
@@ -217,6 +238,7 @@ long TOwnQueue::receive(TOrbAttachmentMsg* msg, bool wait)
         errno = EBADF;
         return -1;
     }
+    if (inherited_.load()) inherited_.store(false);
     const std::size_t kept = backlog_.take(msg);
     if (kept == 0) return takeFromSocket(msg, wait ? 0 : MSG_DONTWAIT);
     std::memset(reinterpret_cast<char*>(msg) + kept, 0, MSG_RECORD_BYTES - kept);
@@ -228,6 +250,7 @@ TOwnQueue::Drained TOwnQueue::drain()
     const std::unique_lock lock(receiveLock_, std::try_to_lock);
     if (!lock.owns_lock()) return Drained::busy;
     if (!isOpen()) return Drained::nothing;
+    if (inherited_.load()) return Drained::busy;
     Drained found = Drained::nothing;
     for (int i = 0; i < DRAIN_AT_ONCE; ++i) {
         TOrbAttachmentMsg* const room = backlog_.reserve();

@@ -17,7 +17,7 @@ public:
     enum class Drained {
         records, ///< took some
         nothing, ///< there was none
-        busy,    ///< another thread is receiving: it takes the records itself
+        busy,    ///< another thread is receiving, or only the parent of this process is: it takes the records itself
         full,    ///< no room to keep any
     };
 
@@ -34,7 +34,7 @@ public:
     void open(long address);
 
     /// Frees the address and forgets the records that nobody has taken. Waits for a receive() that is under way. Does
-    /// nothing when the queue is not open; a forked child leaves its parent's socket file where it is.
+    /// nothing when the queue is not open. A forked child only forgets the queue, without waiting: its parent goes on.
     void close();
 
     bool isOpen() const { return open_.load(); }
@@ -47,9 +47,14 @@ public:
     Drained drain();
 
     /// The socket to send from: the queue's own, or an unbound one while no queue is open. Its number never changes and
-    /// is never closed, so it may be used while another thread opens or closes the queue.
+    /// is never closed, so it may be used while another thread opens or closes the queue; except in a forked child that
+    /// has no descriptor to spare when it closes.
     /// @return -1: it cannot be made
     int socket();
+
+    /// Called in a forked child, before anything else there. The locks are free, whichever thread of the parent held them.
+    /// What the parent has taken aside stays the parent's; the queue itself can be read by both.
+    void startInForkedChild();
 
     const TQueueDirectory& directory();
 
@@ -60,6 +65,7 @@ private:
     };
 
     void openLocked(long address);
+    void forget();
     FileId bindSocket(int fd, long address, const TQueueDirectory& in);
     void removeFile();
     long takeFromSocket(TOrbAttachmentMsg* msg, int flags);
@@ -68,8 +74,9 @@ private:
     std::atomic<bool> open_{false};
     std::atomic<int> socket_{-1};
     std::atomic<const TQueueDirectory*> directory_{nullptr};
+    std::atomic<pid_t> owner_{0};
+    std::atomic<bool> inherited_{false}; ///< opened before this process was forked, and not read here yet
     long address_ = 0;
-    pid_t owner_ = 0;
     FileId file_{};
 
     std::mutex receiveLock_; ///< guards backlog_ and who reads the socket, so that the order of arrival holds

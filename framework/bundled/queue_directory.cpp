@@ -3,12 +3,13 @@
 #include "framework/fixed_text.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <charconv>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
+#include <memory>
 #include <stdexcept>
 #include <sys/stat.h>
 
@@ -19,12 +20,12 @@ constexpr mode_t DIRECTORY_MODE = 0770;
 
 struct KnownDirectory {
     TQueueDirectory directory;
-    KnownDirectory* next;
+    const KnownDirectory* next;
 };
 
-// Trivially destructible: directories stay usable until the last thread is gone.
-constinit std::mutex knownLock;
-constinit KnownDirectory* knownDirectories = nullptr;
+// Only ever added to, at the front, and never destroyed: directories stay usable until the last thread is gone. Without a
+// lock, which a forked child could find locked for good.
+constinit std::atomic<const KnownDirectory*> knownDirectories{nullptr};
 
 std::string_view directoryName()
 {
@@ -73,12 +74,14 @@ TQueueDirectory::TQueueDirectory(std::string_view path) : path_(path), prefix_(p
 
 const TQueueDirectory& TQueueDirectory::fromEnvironment()
 {
-    const std::scoped_lock lock(knownLock);
     const std::string_view name = directoryName();
-    for (const KnownDirectory* known = knownDirectories; known != nullptr; known = known->next)
-        if (known->directory.path() == name) return known->directory;
-    knownDirectories = new KnownDirectory{TQueueDirectory(name), knownDirectories};
-    return knownDirectories->directory;
+    const KnownDirectory* front = knownDirectories.load();
+    for (;;) {
+        for (const KnownDirectory* known = front; known != nullptr; known = known->next)
+            if (known->directory.path() == name) return known->directory;
+        auto fresh = std::make_unique<const KnownDirectory>(TQueueDirectory(name), front);
+        if (knownDirectories.compare_exchange_strong(front, fresh.get())) return fresh.release()->directory;
+    }
 }
 
 bool TQueueDirectory::socketAddress(long address, sockaddr_un& to) const

@@ -5,6 +5,8 @@
 #include "framework/bundled/stuck_queues.h"
 
 #include <algorithm>
+#include <memory>
+#include <pthread.h>
 #include <type_traits>
 
 constinit TQueueMgr g_qMgr;
@@ -14,6 +16,15 @@ namespace {
 constinit TStuckQueues stuckQueues;
 
 static_assert(std::is_trivially_destructible_v<TStuckQueues>); // see TOwnQueue
+
+/// A forked child has one thread only, but every lock as some thread of its parent held it.
+void startInForkedChild()
+{
+    ownQueue.startInForkedChild();
+    std::construct_at(&stuckQueues); // half changed, maybe; what is stuck costs a wait again
+}
+
+[[maybe_unused]] const int atFork = ::pthread_atfork(nullptr, nullptr, startInForkedChild);
 
 } // namespace
 

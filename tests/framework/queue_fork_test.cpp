@@ -1,0 +1,179 @@
+// What a forked child finds of its parent's queue, whatever the parent's threads were doing.
+#include "framework/bundled/own_queue.h"
+#include "framework/bundled/queue_sender.h"
+
+#include "child_process.h"
+#include "queue_test.h"
+#include "raw_socket.h"
+#include "tests/support/waiting.h"
+
+#include <sys/resource.h>
+#include <thread>
+
+namespace {
+
+constexpr long PATIENCE_MS = 250;
+constexpr std::chrono::seconds CHILD_PATIENCE{20};
+
+/// Another thread that waits in a queue for a record, as it is when the object has been made.
+class TReceiver {
+public:
+    explicit TReceiver(TOwnQueue& queue) : thread_([this, &queue] { length = queue.receive(&msg, true); })
+    {
+        inside = waitUntil([&] { return queue.drain() == TOwnQueue::Drained::busy; });
+    }
+    TReceiver(const TReceiver&) = delete;
+    TReceiver& operator=(const TReceiver&) = delete;
+    ~TReceiver() { join(); }
+
+    void join()
+    {
+        if (thread_.joinable()) thread_.join();
+    }
+
+    bool inside = false;
+    long length = 0;
+    TOrbAttachmentMsg msg{};
+
+private:
+    std::thread thread_;
+};
+
+class QueueFork : public TQueueTest {
+protected:
+    static long send(long address, std::size_t length = 64)
+    {
+        TOrbAttachmentMsg msg = numbered(1);
+        return g_qMgr.sendMsg(address, &msg, static_cast<long>(length), false);
+    }
+
+    static void fill(long address)
+    {
+        while (send(address) == 0) {
+        }
+    }
+
+    static long look(TOrbAttachmentMsg& msg) { return g_qMgr.getMsg(&msg, MSG_QUEUE_ALL, false); }
+
+    bool sendRaw(std::uint32_t number, long to = 1001) const
+    {
+        const TOrbAttachmentMsg msg = numbered(number);
+        return TRawSocket().sendTo(pathOf(to), &msg, 32);
+    }
+
+    /// Waits in vain for room at 2001.
+    /// @return true: a record that came for `own` meanwhile has been taken out of the socket, and is handed out after
+    bool takesAsideWhileItWaits(long own)
+    {
+        char byte = 0;
+        return sendRaw(7, own) && send(2001) != 0 && ::recv(ownQueue.socket(), &byte, 1, MSG_PEEK | MSG_DONTWAIT) < 0 &&
+               look(msg_) == 32;
+    }
+
+    TOrbAttachmentMsg msg_{};
+};
+
+/// This queue is not the process's own one: nobody frees its locks in the child.
+TEST_F(QueueFork, AChildClosesWithoutWaitingForAThreadThatItDoesNotHave)
+{
+    TOwnQueue queue;
+    queue.open(1001);
+    TReceiver receiver(queue);
+    ASSERT_TRUE(receiver.inside);
+    TChildProcess child([&] {
+        queue.close();
+        return queue.isOpen() ? 1 : 0;
+    });
+    EXPECT_EQ(0, child.result(CHILD_PATIENCE));
+    EXPECT_TRUE(sendRaw(5));
+    receiver.join();
+    EXPECT_EQ(32, receiver.length) << "its parent goes on receiving";
+    queue.close();
+}
+
+TEST_F(QueueFork, AChildThatClosesWithoutADescriptorToSpareLeavesTheParentsSocketAsItIs)
+{
+    const TQuietProc proc(1001);
+    TChildProcess child([&] {
+        rlimit before{};
+        ::getrlimit(RLIMIT_NOFILE, &before);
+        const rlimit none{0, before.rlim_max};
+        if (::setrlimit(RLIMIT_NOFILE, &none) != 0 || ::dup(0) >= 0) return 1;
+        ownQueue.close();
+        if (ownQueue.isOpen() || ownQueue.socket() >= 0) return 2;
+        if (send(1001) == 0) return 3;
+        ::setrlimit(RLIMIT_NOFILE, &before);
+        return send(1001) == 0 ? 0 : 4;
+    });
+    EXPECT_EQ(0, child.result(CHILD_PATIENCE)) << log_.text();
+    EXPECT_EQ(64, receiveNext(msg_)) << "the queue lives";
+    EXPECT_EQ(0, msg_.sender) << "the child has no queue";
+    EXPECT_EQ(0, send(1001)) << "and sends";
+    EXPECT_EQ(64, receiveNext(msg_));
+    EXPECT_EQ(1001, msg_.sender);
+}
+
+TEST_F(QueueFork, AChildMayHaveAQueueOfItsOwnAlthoughAThreadOfItsParentWasReceiving)
+{
+    const TQuietProc proc(1001);
+    const TRawSocket stuck(pathOf(2001));
+    fill(2001);
+    TReceiver receiver(ownQueue);
+    ASSERT_TRUE(receiver.inside);
+    TChildProcess child([&] {
+        ownQueue.close();
+        const TQuietProc own(1002);
+        return takesAsideWhileItWaits(1002) ? 0 : 1;
+    });
+    EXPECT_EQ(0, child.result(CHILD_PATIENCE)) << log_.text();
+}
+
+TEST_F(QueueFork, WhatItsParentHasTakenAsideIsNotHandledTwice)
+{
+    const TQuietProc proc(1001);
+    ASSERT_TRUE(sendRaw(7));
+    ASSERT_EQ(TOwnQueue::Drained::records, ownQueue.drain());
+    TChildProcess child([&] { return static_cast<int>(look(msg_)); });
+    EXPECT_EQ(0, child.result(CHILD_PATIENCE));
+    EXPECT_EQ(32, look(msg_));
+    EXPECT_EQ(7U, msg_.tag);
+}
+
+TEST_F(QueueFork, AChildThatDoesNotReceiveLeavesToItsParentWhatArrivesWhileItWaits)
+{
+    const TQuietProc proc(1001);
+    const TRawSocket stuck(pathOf(2001));
+    fill(2001);
+    ASSERT_TRUE(sendRaw(7));
+    TChildProcess child([&] { return send(2001) != 0 ? 0 : 1; });
+    EXPECT_EQ(0, child.result(CHILD_PATIENCE));
+    EXPECT_EQ(32, look(msg_));
+    EXPECT_EQ(7U, msg_.tag);
+}
+
+TEST_F(QueueFork, AChildThatGoesOnReceivingTakesAsideWhatArrivesWhileItWaits)
+{
+    const TQuietProc proc(1001);
+    const TRawSocket stuck(pathOf(2001));
+    fill(2001);
+    TChildProcess child([&] {
+        if (look(msg_) != 0) return 1;
+        return takesAsideWhileItWaits(1001) ? 0 : 2;
+    });
+    EXPECT_EQ(0, child.result(CHILD_PATIENCE));
+}
+
+TEST_F(QueueFork, AChildFindsOutByItselfWhichQueuesAreStuck)
+{
+    const TQuietProc proc(1001);
+    const TRawSocket stuck(pathOf(2001));
+    fill(2001);
+    TChildProcess child([&] {
+        const TStopwatch watch;
+        if (send(2001) == 0) return 1;
+        return watch.milliseconds() >= PATIENCE_MS ? 0 : 2;
+    });
+    EXPECT_EQ(0, child.result(CHILD_PATIENCE));
+}
+
+} // namespace
