@@ -7,6 +7,9 @@ It registers with tessd under the name ENC for commands from every kind of port,
     GETX            the position, here "5\\r\\n\\r\\n"
     anything else   "?\\r\\n"
 
+A tessd that is started anew has forgotten who was registered. Therefore it registers again every ten seconds, which is
+harmless while it still is; and every second while tessd is not there.
+
 usage: encoder.py [QUEUE-ADDRESS]
 """
 
@@ -21,6 +24,7 @@ import socket
 import stat
 import struct
 import sys
+import time
 
 HEADER = struct.Struct("=IiIi")  # kind, sender, tag, len; host byte order
 RECORD_BYTES = 8192
@@ -33,11 +37,18 @@ COM2, TELNET, XCP, IPC = 1, 2, 4, 8
 NAME = b"ENC"
 DEFAULT_ADDRESS = 1500
 
+REGISTER_EVERY = 10.0  # seconds
+ASK_EVERY = 1.0  # while tessd is not there
+LEAVE_WITHIN = 2.0
+LOCK_SECONDS = 2.0
+MOST_STOP_SECONDS = 5
+
 
 def log(identifier, text):
     now = datetime.datetime.now(datetime.timezone.utc).isoformat(timespec="milliseconds")
     line = f"{now.removesuffix('+00:00')}Z    [ENC] {identifier} {text}\n"
-    os.write(sys.stderr.fileno(), line.encode(errors="replace"))
+    with contextlib.suppress(OSError):  # a log that nobody reads any more is no reason to end
+        os.write(2, line.encode(errors="replace"))
 
 
 class Queue:
@@ -59,15 +70,15 @@ class Queue:
             self.file = os.stat(self.path)
 
     def close(self):
-        """Gives the address back."""
-        with self._directory_locked():
+        """Gives the address back. A file that stays behind all the same is replaced by the next owner."""
+        with contextlib.suppress(OSError), self._directory_locked():
             with contextlib.suppress(FileNotFoundError):
                 if os.path.samestat(os.stat(self.path), self.file):
                     os.unlink(self.path)
             self.socket.close()
 
     def send(self, address, kind, tag, text):
-        """Waits while the other queue is full. True when the record is in it."""
+        """Waits while the other queue is full, however long: nothing is to be lost. True when the record is in it."""
         record = HEADER.pack(kind, 0, tag, 0) + text
         try:
             self.socket.sendto(record[:RECORD_BYTES], f"{self.directory}/{address}")
@@ -89,10 +100,22 @@ class Queue:
         """Of two processes that find the same stale file only one may replace it: looking and binding are one step."""
         directory = os.open(self.directory, os.O_RDONLY | os.O_DIRECTORY)
         try:
-            fcntl.flock(directory, fcntl.LOCK_EX)
+            self._lock(directory)
             yield
         finally:
             os.close(directory)
+
+    @staticmethod
+    def _lock(directory):
+        """Others hold the lock for a moment only. Whoever keeps it all the same holds nobody up for long."""
+        give_up = time.monotonic() + LOCK_SECONDS
+        while True:
+            try:
+                return fcntl.flock(directory, fcntl.LOCK_EX | fcntl.LOCK_NB)
+            except BlockingIOError:
+                if time.monotonic() > give_up:
+                    raise
+            time.sleep(0.01)
 
     def _held(self):
         """True when a live process holds the path; False when nothing is there, or the file of one that died."""
@@ -111,8 +134,11 @@ class Queue:
         directory, _, name = (path or "").rpartition("/") if isinstance(path, str) else ("", "", "")
         if not re.fullmatch("[1-9][0-9]{0,9}", name, re.ASCII) or int(name) > MAX_ADDRESS:
             return 0
+        if directory == self.directory:
+            return int(name)
+        # The same directory can have other names. A relative one would be looked up in the wrong place.
         with contextlib.suppress(OSError):
-            if directory == self.directory or os.path.samefile(directory, self.directory):
+            if directory.startswith("/") and os.path.samefile(directory, self.directory):
                 return int(name)
         return 0
 
@@ -122,45 +148,46 @@ class Encoder:
         self.queue = queue
         self.stop_fd = stop_fd  # readable when it is time to end
         self.position = 0
-        self.membership = "none"  # then asked, then registered or refused; leaving at the end
-        self.said_waiting = False
+        self.standing = "unknown"  # then waiting, registered or refused
+        self.next_registration = time.monotonic()
+        self.replies_due = 0  # registering and unregistering that tessd has not answered
 
     def run(self):
         """The exit status: 0 stopped, 1 refused."""
-        self.register()
-        while self.membership != "refused":
-            ready, _, _ = select.select([self.queue.socket, self.stop_fd], [], [], self.patience())
+        while self.standing != "refused":
+            left = self.next_registration - time.monotonic()
+            if left <= 0:
+                self.register()
+                continue
+            ready, _, _ = select.select([self.queue.socket, self.stop_fd], [], [], left)
             if self.stop_fd in ready:
                 self.unregister()
                 return 0
             if ready:
                 self.serve_one()
-            elif self.membership != "registered":
-                self.register()
         return 1
-
-    def patience(self):
-        """Seconds until it is worth asking again; None when there is nothing to ask for."""
-        return None if self.membership == "registered" else 1.0
 
     def register(self):
         mask = struct.pack("=I", COM2 | TELNET | XCP | IPC)
         if self.queue.send(TESS_ADDRESS, REGISTER, 0, mask + NAME + b"\0"):
-            self.membership = "asked"
-        elif not self.said_waiting:
-            log(60002, "tessd is not there yet, asking again every second")
-            self.said_waiting = True
+            self.replies_due = 1  # what tessd has not answered by now it never will
+            self.next_registration = time.monotonic() + REGISTER_EVERY
+            return
+        if self.standing != "waiting":
+            log(60002, "tessd is not there, asking again every second")
+        self.standing = "waiting"
+        self.next_registration = time.monotonic() + ASK_EVERY
 
     def unregister(self):
-        if self.membership == "none":
-            return
         if not self.queue.send(TESS_ADDRESS, UNREGISTER, 0, b""):
-            log(60006, "tessd is gone, nothing to unregister from")
+            log(60006, "tessd is not there, nothing to unregister from")
             return
+        self.replies_due += 1
         # What tessd forwarded before it read this still wants its answer; tessd's reply comes behind it.
-        self.membership = "leaving"
-        while self.membership == "leaving" and select.select([self.queue.socket], [], [], 1.0)[0]:
-            self.serve_one()
+        give_up = time.monotonic() + LEAVE_WITHIN
+        while self.replies_due > 0 and (left := give_up - time.monotonic()) > 0:
+            if select.select([self.queue.socket], [], [], left)[0]:
+                self.serve_one()
 
     def serve_one(self):
         record = self.queue.receive()
@@ -178,14 +205,13 @@ class Encoder:
             self.on_reply(tag, text)
 
     def on_reply(self, tag, text):
-        if self.membership == "leaving":
-            self.membership = "none"
-        elif self.membership == "asked" and tag == 0:
-            self.membership = "registered"
-            log(60001, f"registered at tessd as {NAME.decode()}")
-        elif self.membership == "asked":
-            self.membership = "refused"
+        self.replies_due = max(self.replies_due - 1, 0)
+        if tag != 0:
+            self.standing = "refused"
             log(60003, f"tessd refused: {text}")
+        elif self.standing != "registered":
+            self.standing = "registered"
+            log(60001, f"registered at tessd as {NAME.decode()}")
 
     def answer(self, command):
         match re.findall(r"[^ \t\r\n]+", command):
@@ -211,11 +237,17 @@ def read_address(arguments):
 
 def stop_signals():
     """A descriptor that becomes readable when SIGTERM or SIGINT arrives."""
+
+    def request_stop(number, _):
+        signal.signal(number, signal.SIG_IGN)  # once is enough
+        # A tessd that is halted with a full queue would keep us waiting for room: then SIGALRM ends this process.
+        signal.alarm(MOST_STOP_SECONDS)
+
     reader, writer = socket.socketpair()
     writer.setblocking(False)
     signal.set_wakeup_fd(writer.detach())
     for number in (signal.SIGTERM, signal.SIGINT):
-        signal.signal(number, lambda *_: None)
+        signal.signal(number, request_stop)
     return reader.detach()
 
 

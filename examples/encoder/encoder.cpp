@@ -16,6 +16,10 @@ namespace {
 constexpr std::string_view PROCESS_NAME = "ENC";
 constexpr std::uint32_t ALL_PORTS = PORT_COM2 | PORT_TELNET | PORT_XCP | PORT_IPC;
 
+constexpr timeval REGISTER_EVERY{10, 0};
+constexpr timeval ASK_EVERY{1, 0}; // while tessd is not there
+constexpr timeval LEAVE_WITHIN{2, 0};
+
 enum EncoderTrace : TTraceMsg {
     TRACE_REGISTERED = 60001,
     TRACE_WAITING = 60002,
@@ -47,16 +51,11 @@ TEncoder::TEncoder(long queueId, const volatile std::sig_atomic_t& stop) : TMsgD
 
 int TEncoder::run()
 {
-    registerWithTessd();
-    while (stop_ == 0 && membership_ != Membership::refused) {
-        const long received = serveOne();
-        if (received < 0) {
-            logMgr.log(TRACE_QUEUE_FAILED, "cannot receive from the queue");
-            return 1;
-        }
-        if (received == 0 && membership_ != Membership::registered) registerWithTessd();
+    while (stop_ == 0 && standing_ != Standing::refused) {
+        if (untilRegistration_.hasTimedOut()) registerWithTessd();
+        if (!serveOne()) return 1;
     }
-    if (membership_ == Membership::refused) return 1;
+    if (standing_ == Standing::refused) return 1;
     unregister();
     return 0;
 }
@@ -66,45 +65,50 @@ void TEncoder::registerWithTessd()
     std::memcpy(out_.text, &ALL_PORTS, sizeof ALL_PORTS);
     const std::size_t nameBytes = putText(std::span(out_.text).subspan(sizeof ALL_PORTS), PROCESS_NAME) + 1;
     if (send(MSG_REGISTER, 0, sizeof ALL_PORTS + nameBytes)) {
-        membership_ = Membership::asked;
-    } else if (!saidWaiting_) {
-        logMgr.log(TRACE_WAITING, "tessd is not there yet, asking again every second");
-        saidWaiting_ = true;
+        repliesDue_ = 1; // what tessd has not answered by now it never will
+        untilRegistration_.setTimeOut(REGISTER_EVERY);
+        return;
     }
+    if (standing_ != Standing::waiting) logMgr.log(TRACE_WAITING, "tessd is not there, asking again every second");
+    standing_ = Standing::waiting;
+    untilRegistration_.setTimeOut(ASK_EVERY);
 }
 
 void TEncoder::unregister()
 {
-    if (membership_ == Membership::none) return;
     if (!send(MSG_UNREGISTER, 0, 0)) {
-        logMgr.log(TRACE_NOT_UNREGISTERED, "tessd is gone, nothing to unregister from");
+        logMgr.log(TRACE_NOT_UNREGISTERED, "tessd is not there, nothing to unregister from");
         return;
     }
+    ++repliesDue_;
     // What tessd forwarded before it read this still wants its answer; tessd's reply comes behind it.
-    membership_ = Membership::leaving;
-    while (membership_ == Membership::leaving && serveOne() > 0) {
+    const TOrbHRTimeOut patience(LEAVE_WITHIN);
+    while (repliesDue_ > 0 && !patience.hasTimedOut() && serveOne()) {
     }
 }
 
-long TEncoder::serveOne()
+bool TEncoder::serveOne()
 {
     const long received = g_qMgr.getMsg(&in_, MSG_QUEUE_ALL, true);
-    if (received <= 0 || in_.sender != TESS_QUEUE_ID) return received; // nobody else gives orders here
+    if (received < 0) {
+        logMgr.log(TRACE_QUEUE_FAILED, "cannot receive from the queue");
+        return false;
+    }
+    if (received == 0 || in_.sender != TESS_QUEUE_ID) return true; // nobody else gives orders here
     if (in_.kind == MSG_TEXT) answer(textOf(in_));
     if (in_.kind == MSG_REPLY) onReply();
-    return received;
+    return true;
 }
 
 void TEncoder::onReply()
 {
-    if (membership_ == Membership::leaving) {
-        membership_ = Membership::none;
-    } else if (membership_ == Membership::asked && in_.tag == 0) {
-        membership_ = Membership::registered;
-        logMgr.log(TRACE_REGISTERED, (FixedText<80>() << "registered at tessd as " << PROCESS_NAME).c_str());
-    } else if (membership_ == Membership::asked) {
-        membership_ = Membership::refused;
+    if (repliesDue_ > 0) --repliesDue_;
+    if (in_.tag != 0) {
+        standing_ = Standing::refused;
         logMgr.log(TRACE_REFUSED, (FixedText<256>() << "tessd refused: " << textOf(in_)).c_str());
+    } else if (standing_ != Standing::registered) {
+        standing_ = Standing::registered;
+        logMgr.log(TRACE_REGISTERED, (FixedText<80>() << "registered at tessd as " << PROCESS_NAME).c_str());
     }
 }
 
@@ -132,6 +136,7 @@ bool TEncoder::send(std::uint32_t kind, std::uint32_t tag, std::size_t textBytes
     out_.tag = tag;
     out_.len = 0;
     const auto length = static_cast<long>(MSG_HEADER_BYTES + textBytes);
-    // Waits while tessd's queue is full. It cannot lock up: commands that arrive meanwhile are kept for getMsg().
+    // Waits while tessd's queue is full, however long tessd is busy: an answer is not to be lost. The two cannot lock each
+    // other up: commands that arrive meanwhile are kept for getMsg().
     return g_qMgr.sendMsg(TESS_QUEUE_ID, &out_, length, true) == 0;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "framework/hr_time_out.h"
 #include "framework/msg_dmn.h"
 #include "framework/orb_attachment_msg.h"
 
@@ -16,8 +17,8 @@
 ///     GETX            the position, here "5\r\n\r\n"
 ///     anything else   "?\r\n"
 ///
-/// When tessd is not there at the start, it asks again every second. A tessd that is started anew has forgotten who was
-/// registered: a process that is to outlive it registers again now and then, which is harmless while it still is.
+/// A tessd that is started anew has forgotten who was registered. Therefore it registers again every ten seconds, which is
+/// harmless while it still is; and every second while tessd is not there.
 /// Threads: one.
 class TEncoder : public TMsgDmn {
 public:
@@ -31,14 +32,14 @@ public:
     int run() override;
 
 private:
-    enum class Membership { none, asked, registered, refused, leaving };
+    enum class Standing { unknown, waiting, registered, refused };
 
     void registerWithTessd();
     void unregister();
 
     /// Takes one record, if one comes within a second, and acts on it.
-    /// @return as TQueueMgr::getMsg
-    long serveOne();
+    /// @return false: the queue failed; the reason has been logged
+    bool serveOne();
     void onReply();
     void answer(std::string_view command);
 
@@ -48,8 +49,9 @@ private:
     bool send(std::uint32_t kind, std::uint32_t tag, std::size_t textBytes);
 
     const volatile std::sig_atomic_t& stop_;
-    Membership membership_ = Membership::none;
-    bool saidWaiting_ = false;
+    Standing standing_ = Standing::unknown;
+    TOrbHRTimeOut untilRegistration_; ///< unarmed at first: it is time
+    int repliesDue_ = 0;              ///< registering and unregistering that tessd has not answered
     int position_ = 0;
     TOrbAttachmentMsg in_{};
     TOrbAttachmentMsg out_{};

@@ -9,25 +9,34 @@
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
+#include <unistd.h>
 
 namespace {
 
 constexpr long DEFAULT_QUEUE_ID = 1500;
 constexpr long MAX_QUEUE_ID = std::numeric_limits<int>::max();
 
+constexpr unsigned MOST_STOP_SECONDS = 5;
+
 volatile std::sig_atomic_t stopRequested = 0;
 
 extern "C" void requestStop(int)
 {
+    // A tessd that is halted with a full queue would keep us waiting for room: then SIGALRM ends this process.
+    if (stopRequested == 0) ::alarm(MOST_STOP_SECONDS);
     stopRequested = 1;
 }
 
-/// @return whether both signals now ask for a stop
-bool catchStopSignals()
+/// SIGTERM and SIGINT ask for a stop; a log that nobody reads any more is no reason to end.
+/// @return whether all of that worked
+bool setUpSignals()
 {
-    struct sigaction action {};
-    action.sa_handler = requestStop;
-    return ::sigaction(SIGTERM, &action, nullptr) == 0 && ::sigaction(SIGINT, &action, nullptr) == 0;
+    struct sigaction stop {};
+    struct sigaction ignore {};
+    stop.sa_handler = requestStop;
+    ignore.sa_handler = SIG_IGN;
+    return ::sigaction(SIGTERM, &stop, nullptr) == 0 && ::sigaction(SIGINT, &stop, nullptr) == 0 &&
+           ::sigaction(SIGPIPE, &ignore, nullptr) == 0;
 }
 
 /// @return the queue address that `text` gives, 0 when it gives none
@@ -49,8 +58,8 @@ int main(int argc, char** argv)
         return 2;
     }
     logMgr.setLogParameters(128, 6, "    [ENC]", 4);
-    if (!catchStopSignals()) {
-        std::cerr << "encoder: cannot catch SIGTERM and SIGINT\n";
+    if (!setUpSignals()) {
+        std::cerr << "encoder: cannot set up its signals\n";
         return 1;
     }
     try {
