@@ -31,6 +31,19 @@ def commands(text: str) -> list[tuple[str, str]]:
     return list(zip(parts[1::2], parts[2::2], strict=True))
 
 
+def preparation(document: str) -> str:
+    """For a shell: what the first commands of a document start, and the rest of it needs."""
+    text = next(text for language, _, text in blocks(document) if language == "console")
+    return "".join(f"{command}\n" for command, _ in commands(text))
+
+
+def queue_program() -> str:
+    """The example of the manual page tess-queue(7)."""
+    with open(os.path.join(_DOCS, "man/tess-queue.7"), encoding="utf-8") as file:
+        (program,) = re.findall(r"^\.Bd -literal.*\n(import .*?)^\.Ed$", file.read(), re.DOTALL | re.MULTILINE)
+    return program.replace("\\e", "\\")
+
+
 class Session:
     """All that a reader of a document types, in one folder and one shell."""
 

@@ -4,43 +4,52 @@ from __future__ import annotations
 
 import os
 import re
+import shlex
+import signal
+import stat
 import subprocess
 
 import pytest
 
 import doc_examples  # of tools/
 from harness import settings, tessctl
-from harness.queue_process import QueueProcess
+from harness.clients import IpcClient
+from harness.queue_process import QueueProcess, queue_path
+from harness.waiting import wait_until
 
 pytestmark = tessctl.needs_tessctl
 
 FOLDER = "/tmp/reader"
+INSTALLED = "/usr/libexec/tess/"
+
+
+def reader(script: str, stdout: int) -> str | None:
+    """What a reader types at a shell, with the programs of this build in the place of those installed."""
+    environment = {"PATH": settings.BIN_DIR + os.pathsep + os.environ["PATH"], "LC_ALL": "C"}
+    return subprocess.run(
+        ["bash", "-c", script.replace(INSTALLED, f"{settings.BIN_DIR}/")], cwd=FOLDER, env=environment, stdin=subprocess.DEVNULL,
+        stdout=stdout, stderr=subprocess.STDOUT, text=True, timeout=30 * settings.SLOW,
+    ).stdout  # fmt: skip
 
 
 @pytest.fixture
-def encoder(tessd):
-    """The example process, as the documents expect it to be there."""
-    process = subprocess.Popen([os.path.join(settings.BIN_DIR, "encoder")], stderr=subprocess.PIPE, text=True)
-    assert "registered at tessd as ENC" in process.stderr.readline()
-    yield
-    process.terminate()
-    assert process.wait(10 * settings.SLOW) == 0
-    process.stderr.close()
+def folder() -> None:
+    os.mkdir(FOLDER)
+
+
+@pytest.fixture
+def encoder(tessd, folder) -> None:
+    """The example process, started as the document for operators says."""
+    reader(doc_examples.preparation("operators.md"), subprocess.DEVNULL)
 
 
 @pytest.mark.parametrize("document", doc_examples.DOCUMENTS)
-def test_commands_print_what_the_document_says(encoder, document):
+def test_commands_print_what_the_document_says(tessd, folder, document):
     session = doc_examples.Session(document)
-    os.mkdir(FOLDER)
     for name, text in session.files.items():
         with open(f"{FOLDER}/{name}", "w", encoding="utf-8") as file:
             file.write(text)
-    environment = {"PATH": settings.BIN_DIR + os.pathsep + os.environ["PATH"], "LC_ALL": "C"}
-    shell = subprocess.run(
-        ["bash", "-c", session.script], cwd=FOLDER, env=environment, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-        stderr=subprocess.STDOUT, text=True, timeout=30 * settings.SLOW,
-    )  # fmt: skip
-    session.expect(shell.stdout)
+    session.expect(reader(session.script, subprocess.PIPE))
 
 
 def test_the_dialogue_goes_as_the_document_says(encoder):
@@ -55,15 +64,29 @@ def test_the_dialogue_goes_as_the_document_says(encoder):
         assert terminal.expect_end() == tessctl.DONE
 
 
+def examples(document: str, word: str) -> list[tuple[str, list[str]]]:
+    """The commands of the blocks of text with that word in them, with the lines shown below them."""
+    texts = [text for language, _, text in doc_examples.blocks(document) if language == "text" and word in text]
+    return [(command, lines.splitlines()) for text in texts for command, lines in doc_examples.commands(text)]
+
+
+def test_the_list_of_delayed_lines_looks_as_the_document_shows(tessd):
+    """But for the seconds, which run."""
+
+    def without_seconds(lines: list[str]) -> list[str]:
+        return [re.sub(r"\d\d\.\d{3} ", "N ", line) for line in lines]
+
+    shown = examples("operators.md", "DELAY")
+    assert len(shown) == 2, shown
+    for command, lines in shown:
+        printed = tessctl.run(*shlex.split(command)[1:]).output.splitlines()
+        assert without_seconds(printed) == without_seconds(lines), command
+
+
 def test_listen_says_what_the_document_shows(tessd):
     """Its numbers differ from run to run; everything else is as shown."""
-    ((command, lines),) = [
-        pair
-        for language, _, text in doc_examples.blocks("processes.md")
-        if language == "text" and "listen" in text
-        for pair in doc_examples.commands(text)
-    ]
-    shown = [re.sub(r"at address \d+|0x[0-9a-f]{8}", "N", line) for line in lines.splitlines()]
+    ((command, lines),) = examples("processes.md", "listen")
+    shown = [re.sub(r"at address \d+|0x[0-9a-f]{8}", "N", line) for line in lines]
     arguments = command.split()[1:]
     with tessctl.running(*arguments, until="listening as") as listen, QueueProcess(2001):
         tessctl.run("send", "--wait", "0.5", "HELLO")
@@ -71,3 +94,39 @@ def test_listen_says_what_the_document_shows(tessd):
         output = listen.communicate()[0].splitlines()
         said = listen.errors().splitlines()
     assert [re.sub(r"at address \d+|0x[0-9a-f]{8}", "N", line) for line in said + output] == shown
+
+
+class QueueProgram:
+    """The program of the manual page tess-queue(7), run by a reader whose umask lets nobody else write."""
+
+    def __init__(self) -> None:
+        self.process = subprocess.Popen(
+            ["/usr/bin/python3", "-c", doc_examples.queue_program()], stderr=subprocess.PIPE, text=True, umask=0o022
+        )
+
+    def wait_registered(self) -> None:
+        def registered() -> bool:
+            assert self.process.poll() is None, self.process.stderr.read()
+            with IpcClient() as client:
+                client.send(b"s3.ECHO HELLO\n")
+                return client.receive(3) == b"HEL" and client.receive(6) == b"LO\r\n\r\n"
+
+        wait_until(registered, "an answer of the program", 10)
+
+    def end(self, number: int) -> None:
+        self.process.send_signal(number)
+        self.process.communicate(timeout=10 * settings.SLOW)
+
+
+def test_the_program_of_the_manual_page_answers_and_may_be_started_again(tessd):
+    first = QueueProgram()
+    first.wait_registered()
+    # Who shares the directory must be able to answer it, tessd first of all.
+    assert stat.S_IMODE(os.stat(queue_path(1700)).st_mode) == 0o660
+    second = QueueProgram()
+    _, said = second.process.communicate(timeout=10 * settings.SLOW)
+    assert (second.process.returncode, said) == (1, "queue address 1700 is in use\n")
+    first.end(signal.SIGKILL)
+    third = QueueProgram()
+    third.wait_registered()
+    third.end(signal.SIGTERM)
