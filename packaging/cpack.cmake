@@ -26,6 +26,7 @@ set(CPACK_DEBIAN_DAEMON_PACKAGE_NAME tessd)
 set(CPACK_DEBIAN_DAEMON_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_DAEMON_PACKAGE_DEPENDS "systemd | systemd-standalone-sysusers, systemd | systemd-standalone-tmpfiles, passwd")
 set(CPACK_DEBIAN_DAEMON_PACKAGE_RECOMMENDS tess-tools)
+set(CPACK_DEBIAN_DAEMON_PACKAGE_SUGGESTS libtess-dev)
 set(CPACK_DEBIAN_DAEMON_PACKAGE_CONTROL_EXTRA ${debian}/tessd/postinst ${debian}/tessd/prerm
                                                ${debian}/tessd/postrm)
 set(CPACK_COMPONENT_DAEMON_DESCRIPTION "command listener daemon of an embedded device
@@ -45,8 +46,9 @@ set(CPACK_DEBIAN_DEVEL_PACKAGE_RECOMMENDS "g++ (>= 4:12), pkgconf | pkg-config")
 set(CPACK_DEBIAN_DEVEL_PACKAGE_SUGGESTS cmake)
 set(CPACK_DEBIAN_DEVEL_PACKAGE_CONTROL_EXTRA ${debian}/libtess-dev/triggers)
 set(CPACK_COMPONENT_DEVEL_DESCRIPTION "library for processes that take commands from tessd
-Headers, static and shared library, pkg-config file, CMake package, and an
-example: message queues, log and timers for processes of the device.")
+Headers, static and shared library, pkg-config file and CMake package: message
+queues, log and timers for processes of the device. With what authors of such
+processes in any language must know, and examples.")
 
 # Every package has the change log and the terms. tessctl has parts of libraries in it that want theirs told, too.
 compress(${debian}/changelog ${CMAKE_CURRENT_BINARY_DIR}/changelog.Debian.gz)

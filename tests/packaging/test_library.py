@@ -129,6 +129,14 @@ def test_what_is_not_there_is_not_found(prefix, tmp_path, wanted, said):
     assert said in " ".join(done.stderr.split())
 
 
+def test_an_author_who_has_only_the_library_has_what_authors_must_know(tmp_path):
+    run("cmake", "--install", BUILD, "--prefix", tmp_path, "--component", "devel")
+    assert (tmp_path / "share/man/man7/tess-queue.7.gz").exists()
+    document = tmp_path / "share/doc/libtess-dev/processes.md"
+    links = re.findall(r"\]\(([^)#]+)\)", document.read_text())
+    assert not [link for link in links if not (document.parent / link).exists()]
+
+
 def test_every_header_serves_alone_and_all_it_declares_is_exported(prefix, tmp_path):
     headers = sorted(path.name for path in (prefix / "include/tess/framework").iterdir())
     assert headers == sorted(path.name for path in (PROJECT / "framework").glob("*.h"))

@@ -131,13 +131,31 @@ def test_an_operator_gets_what_the_document_says(system, operator, document):
 
 
 def test_an_operator_holds_the_dialogue_of_the_document(system, operator):
-    as_user(system, operator, "bash", "-c", f"cd && exec >/dev/null && {doc_examples.preparation('operators.md')}")
+    as_user(system, operator, "bash", "-c", f"cd; exec >/dev/null\n{doc_examples.preparation('operators.md')}")
     (dialogue,) = [text for language, _, text in doc_examples.blocks("operators.md") if language == "dialogue"]
     command = doc_examples.commands(dialogue)[0][0].split()
     terminal = Terminal(*system.words("runuser", "-u", operator, "--", *command))
     doc_examples.hold_dialogue(dialogue, terminal, 10)
     terminal.type(b"\x04")
     assert terminal.wait_end(10) == 0
+
+
+def test_the_unit_of_the_document_serves_a_script_through_an_absence_of_the_daemon(system):
+    install(system, "tessd", "tess-tools")
+    files = doc_examples.Session("processes.md").files | doc_examples.Session("integrators.md").files
+    for name, folder in (("thermometer.sh", "/usr/local/bin"), ("thermometer.service", "/etc/systemd/system"), ("add-thermometer.sh", "/root")):
+        path = pathlib.Path(system.path(f"{folder}/{name}"))
+        path.write_text(files[name])
+        path.chmod(0o755 if name.endswith(".sh") else 0o644)
+    system.run("/bin/sh", "-e", "/root/add-thermometer.sh")
+    system.wait(lambda: Client(system).ask(b"s3.THERM SET 21.5") == b"OK\r\n\r\n", "an answer of the script")
+
+    system.run("systemctl", "mask", "--runtime", "--now", "tessd")
+    system.run("systemctl", "restart", "thermometer")
+    system.wait(lambda: int(system.run("systemctl", "show", "-P", "NRestarts", "thermometer")) >= 6, "a process that goes on trying")
+    system.run("systemctl", "unmask", "--runtime", "tessd")
+    system.run("systemctl", "start", "tessd")
+    system.wait(lambda: Client(system).ask(b"s3.THERM GET") == b"21.5\r\n\r\n", "an answer of the script")
 
 
 def test_the_daemon_has_two_rights_and_a_sandbox(system):
