@@ -1,8 +1,12 @@
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <iostream>
+#include <iterator>
 #include <limits>
 #include <map>
+#include <sstream>
 
 #include "framework/log_mgr.h"
 #include "framework/tess_messages.h"
@@ -38,6 +42,41 @@ std::string nameProblem(const std::string& name)
     return {};
 }
 
+/// A time in seconds. CLI::Range would let a nan pass.
+std::string secondsProblem(const std::string& text, double least)
+{
+    char* end = nullptr;
+    const double seconds = std::strtod(text.c_str(), &end);
+    if (!text.empty() && *end == '\0' && seconds >= least && seconds <= MOST_SECONDS) return {};
+    std::ostringstream problem;
+    problem << "a time is a number of seconds, " << least << " to " << MOST_SECONDS;
+    return problem.str();
+}
+
+/// What the host's name cannot be. Nothing at all would restart the device without re-initialising it.
+std::string hostProblem(const std::string& name)
+{
+    if (!name.empty() && name.find_first_of(" \t\r\n\v\f") == std::string::npos) return {};
+    return "the name of this host has at least one character and no white space";
+}
+
+// CLI11 reads more out of lists than is meant here: "[a,b]" are two values, "{}" is none, and "++" ends them. A mark in front
+// hides such words from it.
+constexpr char MARK = '\x01';
+
+std::string hidden(const std::string& word)
+{
+    const bool special =
+        word.starts_with('[') || word.starts_with(MARK) || word == "{}" || word == "%%" || word == "++";
+    return special ? MARK + word : word;
+}
+
+std::string shown(std::string word)
+{
+    if (word.starts_with(MARK)) word.erase(0, 1);
+    return word;
+}
+
 std::string portsProblem(const std::string& names)
 {
     return portMask(names) ? std::string() : "ports are com2, telnet, xcp and ipc, joined by commas";
@@ -63,7 +102,10 @@ public:
     int run(int argc, char** argv)
     {
         try {
-            app_.parse(argc, argv);
+            std::vector<std::string> words; // the last one first
+            for (int i = argc - 1; i > 0; --i)
+                words.push_back(hidden(argv[i]));
+            app_.parse(std::move(words));
         } catch (const CLI::ParseError& error) {
             return app_.exit(error) == 0 ? STATUS_DONE : STATUS_WRONG_USAGE;
         }
@@ -95,7 +137,25 @@ private:
         to.add_option_function<double>(
               name, [&time](double seconds) { time = fromSeconds(seconds); }, what)
             ->type_name("SECONDS")
-            ->check(CLI::Range(least, MOST_SECONDS));
+            ->check([least](const std::string& text) { return secondsProblem(text, least); });
+    }
+
+    static CLI::Option* addText(CLI::App& to, const std::string& name, std::string& text, const std::string& what)
+    {
+        return to
+            .add_option_function<std::string>(
+                name, [&text](const std::string& word) { text = shown(word); }, what)
+            ->type_name("TEXT");
+    }
+
+    static CLI::Option* addWords(CLI::App& to, const std::string& name, std::vector<std::string>& texts,
+                                 const std::string& what)
+    {
+        const auto take = [&texts](const std::vector<std::string>& words) {
+            texts.clear();
+            std::ranges::transform(words, std::back_inserter(texts), shown);
+        };
+        return to.add_option_function<std::vector<std::string>>(name, take, what);
     }
 
     static void addPorts(CLI::App& to, std::uint32_t& mask)
@@ -121,7 +181,7 @@ private:
         send.add_option("--tag", send_.tag, "Tag that goes with the lines on xcp")->type_name("N");
         addSeconds(send, "-w,--wait", send_.wait, 0.001, "How long to wait for each answer (5)");
         addSeconds(send, "--linger", send_.linger, 0, "How long to go on printing after a line's answers (0)");
-        send.add_option("LINE", send_.lines, "Command lines; those of standard input when there are none");
+        addWords(send, "LINE", send_.lines, "Command lines; those of standard input when there are none");
     }
 
     void addConsole()
@@ -135,13 +195,12 @@ private:
     {
         CLI::App& serve = command("serve", "Be a process of the device, with answers made by a program",
                                   [this] { return runServe(serve_); });
-        serve.add_option("NAME", serve_.name, "Name to register under")->required()->check(nameProblem);
+        addText(serve, "NAME", serve_.name, "Name to register under")->required()->check(nameProblem);
         addPorts(serve, serve_.ports);
         addAddress(serve, serve_.address);
         addSeconds(serve, "--timeout", serve_.timeLimit, 0.001, "How long the program may run for a command (10)");
-        serve
-            .add_option("PROGRAM", serve_.program,
-                        "Behind --: the program, run once for each command, and its arguments")
+        addWords(serve, "PROGRAM", serve_.program,
+                 "Behind --: the program, run once for each command, and its arguments")
             ->required();
     }
 
@@ -149,7 +208,7 @@ private:
     {
         CLI::App& listen =
             command("listen", "Register, and print every record that arrives", [this] { return runListen(listen_); });
-        listen.add_option("NAME", listen_.name, "Name to register under (LISTEN)")->check(nameProblem);
+        addText(listen, "NAME", listen_.name, "Name to register under (LISTEN)")->check(nameProblem);
         addPorts(listen, listen_.ports);
         addAddress(listen, listen_.address);
         listen.add_flag("--raw", listen_.raw, "Print whole records in hexadecimal");
@@ -175,15 +234,14 @@ private:
 
         CLI::App& com2 =
             command("com2", "Write a text to the serial line", [this] { return runCom2(com2Text_, !noNewline_); });
-        com2.add_option("TEXT", com2Text_, "The text")->required();
+        addText(com2, "TEXT", com2Text_, "The text")->required();
         com2.add_flag("-n,--no-newline", noNewline_, "Without a line end behind it");
 
         CLI::App& reset = command("reset", "Restart the device", [this] { return runReset(reinitHost_, yes_); });
-        reset
-            .add_option(
-                "--reinit", reinitHost_,
+        addText(reset, "--reinit", reinitHost_,
                 "Re-initialise the software version first; wants the name of this host, so that no other is hit")
-            ->type_name("HOST");
+            ->type_name("HOST")
+            ->check(hostProblem);
         reset.add_flag("--yes", yes_, "Do not ask");
 
         command("stop", "End tessd", [] { return runStop(); });
