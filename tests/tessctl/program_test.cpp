@@ -79,3 +79,27 @@ TEST(Program, IsReadUpToALimit)
     EXPECT_EQ(result.failure, "sh printed more than 500 bytes");
     EXPECT_EQ(shell("printf %500s", "", LONG, 500).failure, "") << "the limit itself is allowed";
 }
+
+TEST(Program, IsStoppedAtItsTimeLimitAlsoWhenItPrintsWithoutEnd)
+{
+    const Stopwatch watch;
+    const ProgramResult result = shell("exec yes", "", milliseconds(300), 500);
+    EXPECT_EQ(result.failure, "sh did not end within 0.3 s");
+    EXPECT_EQ(result.output.size(), 500U);
+    EXPECT_LT(watch.ms(), atMost(3000));
+}
+
+TEST(Program, IsKilledWhenItIsGivenUp)
+{
+    std::array<int, 2> ends{};
+    ASSERT_EQ(::pipe(ends.data()), 0);
+    std::jthread other([&] {
+        std::this_thread::sleep_for(milliseconds(100)); // so that it has begun; it need not have
+        EXPECT_EQ(::write(ends[1], "x", 1), 1);
+    });
+    const ProgramResult result = runProgram({"sleep", "1000"}, "", LONG, 10, ends[0]);
+    EXPECT_EQ(result.failure, "sleep was not waited for any longer");
+    ::close(ends[0]);
+    other.join();
+    ::close(ends[1]);
+}

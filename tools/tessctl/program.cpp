@@ -77,35 +77,43 @@ int spawn(const std::vector<std::string>& words, int input, int output, pid_t& c
     return error;
 }
 
+enum class End { itsOwn, timeOver, givenUp };
+
+constexpr int LOOK_FOR_END_MS = 10; // where the kernel cannot tell us
+constexpr int PIECES_AT_ONCE = 4;
+constexpr int PIECES_LEFT = 64; // more than a pipe holds
+
 /// Talks to a child until it has ended or its time is over.
 class Dialogue {
 public:
     Dialogue(pid_t child, Descriptor& toChild, const Descriptor& fromChild, std::string_view input,
-             std::size_t outputLimit)
-        : toChild_(toChild), fromChild_(fromChild), ended_(static_cast<int>(::syscall(SYS_pidfd_open, child, 0U))),
-          input_(input), outputLimit_(outputLimit)
+             std::size_t outputLimit, int giveUp)
+        : child_(child), giveUp_(giveUp), toChild_(toChild), fromChild_(fromChild),
+          ended_(static_cast<int>(::syscall(SYS_pidfd_open, child, 0U))), input_(input), outputLimit_(outputLimit)
     {
         (void)::fcntl(toChild.get(), F_SETFL, O_NONBLOCK);
         (void)::fcntl(fromChild.get(), F_SETFL, O_NONBLOCK);
     }
 
-    /// @return false when the time was over first
-    bool run(std::chrono::milliseconds timeLimit)
+    End run(std::chrono::milliseconds timeLimit)
     {
         const auto deadline = Clock::now() + timeLimit;
         for (;;) {
             const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-            if (left <= 0) return false;
-            std::array<pollfd, 3> each{{{ended_.get(), POLLIN, 0},
+            if (left <= 0) return End::timeOver;
+            const long atMost = ended_.get() >= 0 ? 1'000'000 : LOOK_FOR_END_MS;
+            std::array<pollfd, 4> each{{{ended_.get(), POLLIN, 0},
                                         {reading_ ? fromChild_.get() : -1, POLLIN, 0},
-                                        {toChild_.get(), POLLOUT, 0}}};
-            (void)::poll(each.data(), each.size(), static_cast<int>(std::min<long>(left, 1'000'000)));
+                                        {toChild_.get(), POLLOUT, 0},
+                                        {giveUp_, POLLIN, 0}}};
+            (void)::poll(each.data(), each.size(), static_cast<int>(std::min<long>(left, atMost)));
             if (each[2].revents != 0) write();
-            if (each[1].revents != 0) read();
-            if (each[0].revents != 0) {
-                read(); // what it left; what others hold the pipe open for is not waited for
-                return true;
+            if (each[1].revents != 0) read(PIECES_AT_ONCE);
+            if (each[0].revents != 0 || (ended_.get() < 0 && hasEnded())) {
+                read(PIECES_LEFT); // what others hold the pipe open for is not waited for
+                return End::itsOwn;
             }
+            if (each[3].revents != 0) return End::givenUp;
         }
     }
 
@@ -121,18 +129,32 @@ private:
         if (input_.empty() || refused) toChild_.close();
     }
 
-    void read()
+    /// Looks, for kernels before 5.3, which have no descriptors for processes. The child is left to be collected.
+    bool hasEnded() const
+    {
+        siginfo_t info{};
+        return ::waitid(P_PID, static_cast<id_t>(child_), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid != 0;
+    }
+
+    /// @param pieces  how much at most: who prints without end must not keep us here
+    void read(int pieces)
     {
         std::array<char, 16384> bytes; // NOLINT(cppcoreguidelines-pro-type-member-init): read fills it
-        for (ssize_t count; (count = ::read(fromChild_.get(), bytes.data(), bytes.size())) != 0;) {
+        for (; pieces > 0; --pieces) {
+            const ssize_t count = ::read(fromChild_.get(), bytes.data(), bytes.size());
             if (count < 0) return;
+            if (count == 0) {
+                reading_ = false;
+                return;
+            }
             const std::size_t fits = std::min(static_cast<std::size_t>(count), outputLimit_ - output_.size());
             output_.append(bytes.data(), fits);
             if (fits < static_cast<std::size_t>(count)) overflow_ = true;
         }
-        reading_ = false;
     }
 
+    pid_t child_;
+    int giveUp_;
     Descriptor& toChild_;
     const Descriptor& fromChild_;
     Descriptor ended_;
@@ -146,7 +168,7 @@ private:
 } // namespace
 
 ProgramResult runProgram(const std::vector<std::string>& words, std::string_view input,
-                         std::chrono::milliseconds timeLimit, std::size_t outputLimit)
+                         std::chrono::milliseconds timeLimit, std::size_t outputLimit, int giveUp)
 {
     const std::string& name = words.front();
     Pipe in;
@@ -158,14 +180,16 @@ ProgramResult runProgram(const std::vector<std::string>& words, std::string_view
     in.reading.close();
     out.writing.close();
 
-    Dialogue dialogue(child, in.writing, out.reading, input, outputLimit);
-    const bool inTime = dialogue.run(timeLimit);
-    if (!inTime) (void)::kill(-child, SIGKILL);
+    Dialogue dialogue(child, in.writing, out.reading, input, outputLimit, giveUp);
+    const End end = dialogue.run(timeLimit);
+    if (end != End::itsOwn) (void)::kill(-child, SIGKILL);
     int status = 0;
     while (::waitpid(child, &status, 0) < 0 && errno == EINTR) {
     }
     ProgramResult result{std::move(dialogue.output()), {}};
-    if (!inTime)
+    if (end == End::givenUp)
+        result.failure = name + " was not waited for any longer";
+    else if (end == End::timeOver)
         result.failure = name + " did not end within " + secondsText(timeLimit);
     else if (WIFSIGNALED(status))
         result.failure = name + " was ended by signal " + std::to_string(WTERMSIG(status));
