@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import contextlib
 import os
 import signal
 import struct
@@ -62,6 +63,32 @@ def test_what_becomes_of_the_program_is_the_answer(tessd, script, answer):
         client.ask(b"s3.P again", answer, within=10)
 
 
+def test_a_program_gets_its_arguments_as_they_stand(tessd):
+    with tessctl.serving("UP", "tr", "[:lower:]", "[:upper:]"), IpcClient() as client:
+        client.ask(b"s3.UP hello", b"HELLO\r\n\r\n")
+    arguments = ["", "[a,b]", "{}", "%%", "--", "++", "-h", "\x01", "[", ""]
+    with tessctl.serving("P", "sh", "-c", 'for each; do printf "<%s>" "$each"; done', "sh", *arguments), IpcClient() as client:
+        client.ask(b"s3.P go", "".join(f"<{argument}>" for argument in arguments).encode() + b"\r\n\r\n")
+
+
+@tessctl.needs_tracer
+def test_a_program_that_prints_without_end_is_stopped_at_its_limits(tessd):
+    launcher = tessctl.tampered("read", "delay_exit=1000")  # there is always more when it comes back
+    with tessctl.serving("P", "yes", options=("--timeout", "0.5"), launcher=launcher):
+        output = tessctl.run("send", "s3.P go").expect(DONE, errors="").output
+        assert output == "y\n" * 32768 + "Error: yes did not end within 0.5 s\n", output[-100:]
+    with tessctl.serving("Q", "sh", "-c", "yes & sleep 0.5", options=("--timeout", "100"), launcher=launcher):
+        output = tessctl.run("send", "s3.Q go").expect(DONE, errors="").output
+        assert output == "y\n" * 32768 + "Error: sh printed more than 65536 bytes\n", output[-100:]
+
+
+@tessctl.needs_tracer
+def test_an_old_kernel_that_has_no_descriptors_for_processes_will_do(tessd):
+    launcher = tessctl.tampered("pidfd_open", "error=ENOSYS")
+    with tessctl.serving("CAT", "sh", "-c", "cat; exit 3", options=("--timeout", "100"), launcher=launcher), IpcClient() as client:
+        client.ask(b"s3.CAT X", b"X\r\nError: sh ended with status 3\r\n\r\n")
+
+
 def test_a_program_that_cannot_be_started_is_a_visible_answer(tessd):
     with tessctl.serving("P", "/nowhere/at-all"), IpcClient() as client:
         client.ask(b"s3.P go", b"Error: /nowhere/at-all: No such file or directory\r\n\r\n")
@@ -115,7 +142,22 @@ def test_it_has_the_address_asked_for(tessd):
     assert not os.path.exists(f"{settings.QUEUE_DIR}/4242"), "a clean end removes the queue"
 
 
-@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT], ids=["SIGTERM", "SIGINT"])
+def test_commands_that_come_before_the_answer_to_the_registration_are_served():
+    with QueueProcess(1001) as daemon:
+        command = [tessctl.PROGRAM, "serve", "CAT", "--address", "4242", "--", "cat"]
+        serve = subprocess.Popen(command, stderr=subprocess.DEVNULL)
+        assert daemon.receive().kind == wire.REGISTER
+        for number in range(3):
+            daemon.send(wire.record(wire.TEXT_KIND, b"%d\n\0" % number, tag=number), to=4242)
+        daemon.send(wire.record(wire.REPLY, b"\0"), to=4242)
+        for number in range(3):
+            answer = daemon.receive()
+            assert (answer.kind, answer.tag, answer.text) == (wire.REPLY, number, b"%d\r\n\r\n\0" % number), answer
+        serve.kill()
+        serve.wait()
+
+
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT, signal.SIGHUP], ids=["SIGTERM", "SIGINT", "SIGHUP"])
 def test_at_the_end_it_answers_what_it_has_taken_and_unregisters(tessd, number):
     with tessctl.serving("SLOW", "sh", "-c", "sleep 0.3; echo done") as serve, XcpClient() as client, IpcClient() as ipc:
         client.send_frame(b"s3.SLOW a", tag=1)
@@ -125,6 +167,65 @@ def test_at_the_end_it_answers_what_it_has_taken_and_unregisters(tessd, number):
         client.expect_frame(b"done\r\n\r\n", tag=2, within=10)
         assert serve.wait(10 * settings.SLOW) == DONE
         ipc.ask(b"s3.SLOW X", NOT_TAKEN)
+
+
+def leave(serve: subprocess.Popen, number: int = signal.SIGTERM) -> None:
+    """Waits until it has unregistered. A signal that comes sooner than this again counts as the same one."""
+    watch = Stopwatch()
+    serve.send_signal(number)
+    with IpcClient() as client:
+        wait_until(lambda: (client.send(b"s3.SLOW X\n"), client.receive(3, 0.1))[1] == NOT_TAKEN, "it has unregistered", 10)
+    wait_until(lambda: watch.seconds() > 0.2, "the same signal does not count twice")
+
+
+def slow_program(name: str) -> contextlib.AbstractContextManager[subprocess.Popen]:
+    return tessctl.serving(name, "sh", "-c", "echo $$ >/tmp/running; echo half; exec sleep 1000", options=("--timeout", "1000"))
+
+
+NO_LONGER = b"Error: SLOW is no longer served\r\n\r\n"
+
+
+@pytest.mark.parametrize("first", [signal.SIGTERM, signal.SIGHUP], ids=["SIGTERM", "SIGHUP"])
+def test_a_second_signal_ends_it_at_once(tessd, first):
+    with slow_program("SLOW") as serve, XcpClient() as client:
+        for tag in range(1, 4):
+            client.send_frame(b"s3.SLOW go", tag=tag)
+        wait_until(lambda: os.path.exists("/tmp/running") and os.path.getsize("/tmp/running"), "the program runs", 10)
+        leave(serve, first)
+        assert serve.poll() is None
+        watch = Stopwatch()
+        serve.send_signal(signal.SIGTERM)
+        client.expect_frame(b"half\r\nError: sh was not waited for any longer\r\n\r\n", tag=1)
+        client.expect_frame(NO_LONGER, tag=2)
+        client.expect_frame(NO_LONGER, tag=3)
+        assert serve.wait(10 * settings.SLOW) == DONE
+        assert watch.seconds() < 5 * settings.SLOW
+        with open("/tmp/running", encoding="ascii") as running:
+            assert not os.path.exists(f"/proc/{int(running.read())}")
+        assert os.listdir(settings.QUEUE_DIR) == ["1001"]
+
+
+@pytest.mark.slow
+def test_what_waits_at_the_end_is_answered_for_ten_seconds(tessd):
+    with slow_program("SLOW") as serve, XcpClient() as client:
+        client.send_frame(b"s3.SLOW go", tag=1)
+        client.send_frame(b"s3.SLOW go", tag=2)
+        wait_until(lambda: os.path.exists("/tmp/running"), "the program runs", 10)
+        watch = Stopwatch()
+        serve.terminate()
+        client.expect_frame(b"half\r\nError: sh was not waited for any longer\r\n\r\n", tag=1, within=20)
+        client.expect_frame(NO_LONGER, tag=2)
+        assert watch.seconds() >= 10
+        assert serve.wait(10 * settings.SLOW) == DONE
+
+
+def test_whoever_hangs_up_does_not_end_what_runs_under_nohup(tessd):
+    with tessctl.serving("CAT", "cat", launcher=("nohup",)) as serve, IpcClient() as client:
+        serve.send_signal(signal.SIGHUP)
+        client.ask(b"s3.CAT X", b"X\r\n\r\n")
+        with pytest.raises(subprocess.TimeoutExpired):
+            serve.wait(1.5)
+        client.ask(b"s3.CAT X", b"X\r\n\r\n")
 
 
 def test_it_registers_again_at_a_daemon_that_was_started_anew(start_tessd):
@@ -178,12 +279,14 @@ def test_another_queue_directory_is_looked_into(tessd):
 
 
 def test_a_daemon_that_does_not_answer_is_not_waited_for_without_end():
-    with QueueProcess(1001):
+    with QueueProcess(1001) as silent:
         watch = Stopwatch()
         tessctl.run("serve", "CAT", "--", "cat").expect(
-            NO_ANSWER, "", f"tessctl: {settings.QUEUE_DIR}/1001: no answer from tessd within 5 s\n"
+            NO_ANSWER, "", f"tessctl: {settings.QUEUE_DIR}/1001: no answer from tessd within 5 s: is it stuck?\n"
         )
         assert watch.seconds() >= 5
+        kinds = [message.kind for message in silent.waiting()]
+        assert kinds == [wire.REGISTER, wire.UNREGISTER], "tessd may yet come to it"
 
 
 def test_a_daemon_whose_queue_stays_full_is_not_waited_for_without_end():
@@ -235,13 +338,55 @@ def test_listen_shows_whole_records_in_hexadecimal(tessd):
     assert output == f"0000  {words}\n0010  41 42\n\n", output
 
 
-def test_listen_unregisters_when_it_is_interrupted(tessd):
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT, signal.SIGHUP], ids=["SIGTERM", "SIGINT", "SIGHUP"])
+def test_listen_unregisters_when_it_is_interrupted(tessd, number):
     with tessctl.running("listen", until="listening as LISTEN") as listen:
-        listen.send_signal(signal.SIGINT)
+        listen.send_signal(number)
         assert listen.wait(10 * settings.SLOW) == DONE
     assert os.listdir(settings.QUEUE_DIR) == ["1001"]
     with IpcClient() as client:
         client.ask(b"s3.LISTEN X", NOT_TAKEN)
+
+
+def test_listen_ends_when_nobody_reads_what_it_prints(tessd):
+    with tessctl.running("listen", "ENC", until="listening as ENC") as listen, IpcClient() as client:
+        client.send(b"s3.ENC X\n")
+        assert listen.stdout.readline().endswith('"X\\n"\n')
+        listen.stdout.close()
+        client.send(b"s3.ENC X\n")
+        assert listen.wait(10 * settings.SLOW) == DONE
+        assert os.listdir(settings.QUEUE_DIR) == ["1001"]
+        client.ask(b"s3.ENC X", NOT_TAKEN)
+
+
+def test_listen_ends_when_what_it_prints_has_no_room(tessd):
+    with open("/dev/full", "wb") as full, IpcClient() as client:
+        listen = subprocess.Popen([tessctl.PROGRAM, "listen", "ENC"], stdout=full, stderr=subprocess.PIPE, text=True)
+        assert listen.stderr.readline().startswith("tessctl: listening as ENC")
+        client.send(b"s3.ENC X\n")
+        assert listen.communicate(timeout=10 * settings.SLOW)[1] == "tessctl: standard output: No space left on device\n"
+        assert listen.returncode == REFUSED
+        client.ask(b"s3.ENC X", NOT_TAKEN)
+
+
+def test_listen_registers_again_at_a_daemon_that_was_started_anew(start_tessd):
+    tessd = start_tessd()
+    with tessctl.running("listen", "EAR", until="listening as EAR") as listen:
+        tessd.stop()
+        start_tessd()
+        wait_until(lambda: "EAR has registered again" in listen.errors(), "it registers again", 10)
+        with IpcClient() as client:
+            client.send(b"s3.EAR X\n")
+            lines = [listen.stdout.readline() for _ in range(2)]
+        assert lines[0].startswith("kind 102 (reply)") and lines[1].endswith('"X\\n"\n'), lines
+
+
+def test_listen_hears_only_the_ports_asked_for(tessd):
+    with tessctl.running("listen", "EAR", "--ports", "xcp", "--count", "1", until="listening as EAR") as listen:
+        with IpcClient() as ipc, XcpClient() as xcp:
+            ipc.ask(b"s3.EAR X", NOT_TAKEN)
+            xcp.send_frame(b"s3.EAR Y", tag=1)
+            assert listen.communicate(timeout=10 * settings.SLOW)[0].endswith('"Y\\n"\n')
 
 
 def test_processes_that_share_numbers_find_a_free_address(tessd):

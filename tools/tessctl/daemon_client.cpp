@@ -1,15 +1,19 @@
 #include "tools/tessctl/daemon_client.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <stdexcept>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 
 #include "framework/fixed_text.h"
 #include "framework/queue_mgr.h"
@@ -25,19 +29,51 @@ constexpr std::chrono::milliseconds BETWEEN_TRIES{20};
 constexpr long FIRST_FREE_ADDRESS = 1'000'000'000;
 constexpr long ADDRESS_STEP = 5'000'000;
 
-volatile std::sig_atomic_t stopSignal = 0;
+constexpr std::size_t MOST_KEPT = 1000;
+constexpr long SAME_SIGNAL_MS = 100; // timeout(1) and closing terminals signal twice and mean once
 
-extern "C" void noteStop(int signo)
+std::atomic<int> stopSignals{0}; // any thread may look
+static_assert(std::atomic<int>::is_always_lock_free);
+timespec firstStop{}; // written by the first signal, read by later ones
+
+extern "C" void noteStop(int)
 {
-    stopSignal = signo;
+    timespec now{};
+    (void)::clock_gettime(CLOCK_MONOTONIC, &now); // it exists
+    if (stopSignals == 0) {
+        firstStop = now;
+        stopSignals = 1;
+        return;
+    }
+    const long ms = (now.tv_sec - firstStop.tv_sec) * 1000L + (now.tv_nsec - firstStop.tv_nsec) / 1'000'000;
+    if (ms > SAME_SIGNAL_MS) stopSignals = 2;
 }
 
-void catchStopSignals()
+void catchSignals()
 {
     struct sigaction action {};
     action.sa_handler = noteStop;
-    (void)::sigaction(SIGINT, &action, nullptr); // both exist
+    for (const int signo : {SIGINT, SIGTERM, SIGHUP}) // one at a time
+        ::sigaddset(&action.sa_mask, signo);
+    (void)::sigaction(SIGINT, &action, nullptr); // they all exist
     (void)::sigaction(SIGTERM, &action, nullptr);
+    struct sigaction present {};
+    (void)::sigaction(SIGHUP, nullptr, &present);
+    if (present.sa_handler != SIG_IGN) (void)::sigaction(SIGHUP, &action, nullptr); // nohup(1)
+    (void)std::signal(SIGPIPE, SIG_IGN); // who reads no further must not leave a name registered
+}
+
+/// What opening the queue would fail with, in plain words.
+/// @throws TCtlError
+void checkOwnAddress(long address)
+{
+    const std::string path = queuePath(address);
+    int error = queueError(address);
+    if (error == 0 || error == EPROTOTYPE || error == EPERM) error = EADDRINUSE; // a live socket, of whatever kind
+    struct stat found {};
+    if (error == ECONNREFUSED && ::lstat(path.c_str(), &found) == 0 && !S_ISSOCK(found.st_mode)) error = ENOTSOCK;
+    if (error != ENOENT && error != ECONNREFUSED)
+        throw TCtlError(STATUS_NO_CONNECTION, failureText(path, error, PathOf::ownQueue));
 }
 
 /// Everything that can be wrong, looked at before the queue is opened, so that it can be told in plain words.
@@ -49,14 +85,10 @@ long usableAddress(std::optional<long> wanted)
         throw TCtlError(STATUS_NO_CONNECTION, failureText(directory, errno, PathOf::queueDirectory));
     if (const int error = queueError(TESS_QUEUE_ID))
         throw TCtlError(STATUS_NO_CONNECTION, failureText(queuePath(TESS_QUEUE_ID), error, PathOf::daemonQueue));
-    if (wanted) {
-        if (queueError(*wanted) == 0)
-            throw TCtlError(STATUS_NO_CONNECTION, failureText(queuePath(*wanted), EADDRINUSE, PathOf::ownQueue));
-        return *wanted;
-    }
-    long address = FIRST_FREE_ADDRESS + ::getpid();
-    while (queueError(address) == 0)
+    long address = wanted.value_or(FIRST_FREE_ADDRESS + ::getpid());
+    while (!wanted && queueError(address) == 0)
         address += ADDRESS_STEP;
+    checkOwnAddress(address);
     return address;
 }
 
@@ -88,16 +120,22 @@ int queueError(long address)
 
 bool stopAsked()
 {
-    return stopSignal != 0;
+    return stopSignals != 0;
+}
+
+bool stopAskedAgain()
+{
+    return stopSignals > 1;
 }
 
 TDaemonClient::TDaemonClient(std::optional<long> address)
 try : TMsgProc(usableAddress(address), true) {
-    catchStopSignals();
+    catchSignals();
 } catch (const TCtlError&) {
     throw;
-} catch (const std::runtime_error& error) {
-    throw TCtlError(STATUS_NO_CONNECTION, error.what());
+} catch (const std::runtime_error&) { // its reason has been logged
+    throw TCtlError(STATUS_NO_CONNECTION,
+                    queueDirectory() + ": no queue can be opened there: the log has the reason (250001)");
 }
 
 void TDaemonClient::send(std::uint32_t kind, std::uint32_t tag, std::int32_t len, std::string_view text)
@@ -110,13 +148,22 @@ void TDaemonClient::send(std::uint32_t kind, std::uint32_t tag, std::int32_t len
         const int error = queueError(TESS_QUEUE_ID);
         if (error != 0)
             throw TCtlError(STATUS_NO_CONNECTION, failureText(queuePath(TESS_QUEUE_ID), error, PathOf::daemonQueue));
-        if (std::chrono::steady_clock::now() > deadline)
+        if (stopAskedAgain() || std::chrono::steady_clock::now() > deadline)
             throw TCtlError(STATUS_NO_ANSWER, queuePath(TESS_QUEUE_ID) + ": the queue stays full: is tessd stuck?");
         std::this_thread::sleep_for(BETWEEN_TRIES);
     }
 }
 
 std::size_t TDaemonClient::receive(TOrbAttachmentMsg& record)
+{
+    if (kept_.empty()) return take(record);
+    const auto [next, bytes] = std::move(kept_.front());
+    kept_.pop_front();
+    record = *next;
+    return bytes;
+}
+
+std::size_t TDaemonClient::take(TOrbAttachmentMsg& record)
 {
     const long received = g_qMgr.getMsg(&record, MSG_QUEUE_ALL, true);
     if (received < 0) throw TCtlError(STATUS_NO_CONNECTION, failureText(queuePath(queueId()), errno, PathOf::ownQueue));
@@ -128,11 +175,14 @@ TOrbAttachmentMsg TDaemonClient::reply(std::chrono::seconds patience)
     const auto deadline = std::chrono::steady_clock::now() + patience;
     TOrbAttachmentMsg record;
     do {
-        if (receive(record) > 0 && record.sender == TESS_QUEUE_ID && record.kind != MSG_TEXT) return record;
+        const std::size_t bytes = take(record);
+        if (bytes > 0 && record.sender == TESS_QUEUE_ID && record.kind != MSG_TEXT) return record;
+        if (bytes > 0 && kept_.size() < MOST_KEPT)
+            kept_.emplace_back(std::make_unique<TOrbAttachmentMsg>(record), bytes);
         if (stopAsked()) throw TCtlError(STATUS_NO_ANSWER, "interrupted");
     } while (std::chrono::steady_clock::now() < deadline);
     throw TCtlError(STATUS_NO_ANSWER, queuePath(TESS_QUEUE_ID) + ": no answer from tessd within " +
-                                          std::to_string(patience.count()) + " s");
+                                          std::to_string(patience.count()) + " s: is it stuck?");
 }
 
 void TDaemonClient::askToRegister(std::string_view name, std::uint32_t ports)
@@ -143,10 +193,19 @@ void TDaemonClient::askToRegister(std::string_view name, std::uint32_t ports)
     send(MSG_REGISTER, 0, 0, text);
 }
 
+TOrbAttachmentMsg TDaemonClient::replyToRegister()
+try {
+    return reply();
+} catch (const TCtlError&) { // tessd may yet come to it
+    const TOrbAttachmentMsg record{.kind = MSG_UNREGISTER, .sender = 0, .tag = 0, .len = 0, .text = {}};
+    (void)g_qMgr.sendMsg(TESS_QUEUE_ID, &record, static_cast<long>(MSG_HEADER_BYTES), false);
+    throw;
+}
+
 void TDaemonClient::registerAs(std::string_view name, std::uint32_t ports)
 {
     askToRegister(name, ports);
-    const TOrbAttachmentMsg answer = reply();
+    const TOrbAttachmentMsg answer = replyToRegister();
     if (answer.tag == 0) return;
     throw TCtlError(STATUS_REFUSED,
                     "tessd refuses: " + std::string(answer.text, ::strnlen(answer.text, sizeof answer.text)));

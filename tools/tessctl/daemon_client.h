@@ -1,10 +1,14 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
+#include <deque>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "framework/msg_proc.h"
 #include "framework/orb_attachment_msg.h"
@@ -19,10 +23,13 @@ std::string queuePath(long address);
 /// @return 0, else as errno has it
 int queueError(long address);
 
-/// Set by SIGINT and SIGTERM once TDaemonClient exists: whoever waits gives up.
+/// Set by SIGINT, SIGTERM and SIGHUP once TDaemonClient exists: whoever waits gives up.
 bool stopAsked();
 
-/// A queue of tessctl's own, and what it says to tessd over it. One a process.
+/// Set by the second of these: nothing is waited for any more.
+bool stopAskedAgain();
+
+/// A queue of tessctl's own, and what it says to tessd over it. One a process. SIGPIPE is ignored from then on.
 /// Threads: send() any, the others one.
 class TDaemonClient : public TMsgProc {
 public:
@@ -44,14 +51,21 @@ public:
     /// @return its size in bytes, 0 when there is none
     std::size_t receive(TOrbAttachmentMsg& record);
 
-    /// Waits for tessd's answer to what was sent; other records are lost.
+    /// Waits for tessd's answer to what was sent. receive() hands out what else arrives.
     /// @throws TCtlError  none within `patience`, or the user has stopped waiting
     TOrbAttachmentMsg reply(std::chrono::seconds patience = REPLY_PATIENCE);
 
-    /// Registers, or registers again.
+    /// Registers.
     /// @throws TCtlError  tessd refuses, or does not answer
     void registerAs(std::string_view name, std::uint32_t ports);
 
     /// Asks to be registered without waiting for the answer.
     void askToRegister(std::string_view name, std::uint32_t ports);
+
+private:
+    std::size_t take(TOrbAttachmentMsg& record);
+    TOrbAttachmentMsg replyToRegister();
+
+    std::deque<std::pair<std::unique_ptr<TOrbAttachmentMsg>, std::size_t>>
+        kept_; ///< arrived before a reply, and their sizes
 };

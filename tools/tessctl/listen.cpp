@@ -1,24 +1,45 @@
 #include "tools/tessctl/listen.h"
 
+#include <cerrno>
 #include <iostream>
+#include <poll.h>
+#include <system_error>
+#include <unistd.h>
 
-#include "framework/tess_messages.h"
 #include "tools/tessctl/daemon_client.h"
 #include "tools/tessctl/record_text.h"
+#include "tools/tessctl/registration.h"
 #include "tools/tessctl/say.h"
+
+namespace {
+
+/// Whoever read standard output is gone: "tessctl listen | head -1".
+bool nobodyReads()
+{
+    pollfd output{STDOUT_FILENO, 0, 0};
+    return ::poll(&output, 1, 0) > 0 && (output.revents & POLLERR) != 0;
+}
+
+} // namespace
 
 ExitStatus runListen(const ListenOptions& options)
 {
     TDaemonClient daemon(options.address);
-    daemon.registerAs(options.name, options.ports);
+    TRegistration registration(daemon, options.name, options.ports);
     say("listening as " + options.name + " at address " + std::to_string(daemon.queueId()));
     TOrbAttachmentMsg record;
-    for (std::uint64_t seen = 0; !stopAsked() && (options.count == 0 || seen < options.count);) {
-        const std::size_t bytes = daemon.receive(record);
+    int error = 0;
+    for (std::uint64_t seen = 0;
+         !stopAsked() && (options.count == 0 || seen < options.count) && error == 0 && !nobodyReads();) {
+        const std::size_t bytes = registration.receive(record);
         if (bytes == 0) continue;
         ++seen;
+        errno = 0;
         std::cout << (options.raw ? hexDump(record, bytes) : describe(record, bytes)) << '\n' << std::flush;
+        if (!std::cout) error = errno != 0 ? errno : EIO;
     }
-    daemon.send(MSG_UNREGISTER, 0, 0, "");
+    (void)registration.end();
+    if (error != 0 && error != EPIPE)
+        throw TCtlError(STATUS_REFUSED, "standard output: " + std::generic_category().message(error));
     return STATUS_DONE;
 }

@@ -11,9 +11,9 @@ struct ListenOptions {
     std::uint32_t ports = 0;
     std::optional<long> address;
     bool raw = false;
-    std::uint64_t count = 0; ///< of records to print; 0: until SIGINT or SIGTERM
+    std::uint64_t count = 0; ///< of records to print; 0: until SIGINT, SIGTERM or SIGHUP
 };
 
-/// Registers, prints every record that arrives, and unregisters at the end.
+/// Registers, prints every record that arrives, and unregisters at the end, or when nobody reads what it prints.
 /// @throws TCtlError
 ExitStatus runListen(const ListenOptions& options);

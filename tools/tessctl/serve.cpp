@@ -1,46 +1,87 @@
 #include "tools/tessctl/serve.h"
 
+#include <cerrno>
 #include <condition_variable>
 #include <csignal>
 #include <cstring>
 #include <deque>
 #include <mutex>
+#include <poll.h>
 #include <string_view>
-#include <sys/stat.h>
+#include <sys/eventfd.h>
+#include <system_error>
 #include <thread>
+#include <unistd.h>
 #include <utility>
 
 #include "framework/tess_messages.h"
 #include "tools/tessctl/daemon_client.h"
 #include "tools/tessctl/program.h"
+#include "tools/tessctl/registration.h"
 #include "tools/tessctl/reply_text.h"
 #include "tools/tessctl/say.h"
 
 namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::seconds END_PATIENCE{10};
+constexpr std::chrono::milliseconds BETWEEN_LOOKS{50};
 
 struct Command {
     std::uint32_t tag = 0;
     std::string line;
 };
 
+/// Something that happens once, and that poll(2) can wait for.
+class EventFd {
+public:
+    EventFd() : fd_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+    {
+        if (fd_ < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
+    }
+    EventFd(const EventFd&) = delete;
+    EventFd& operator=(const EventFd&) = delete;
+    ~EventFd() { ::close(fd_); }
+
+    int fd() const { return fd_; }
+    void set() { (void)::eventfd_write(fd_, 1); } // it can only be set already
+    bool isSet() const
+    {
+        pollfd event{fd_, POLLIN, 0};
+        return ::poll(&event, 1, 0) > 0;
+    }
+
+private:
+    int fd_;
+};
+
 /// Answers commands one after the other, in a thread of its own.
 class Answerer {
 public:
-    Answerer(TDaemonClient& daemon, const ServeOptions& options)
-        : daemon_(daemon), options_(options), thread_([this] { work(); })
+    Answerer(TDaemonClient& daemon, const ServeOptions& options) : daemon_(daemon), options_(options)
     {
+        sigset_t all{};
+        sigset_t before{};
+        ::sigfillset(&all);
+        ::pthread_sigmask(SIG_SETMASK, &all, &before); // signals are the other thread's
+        thread_ = std::thread([this] { work(); });
+        ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
     }
     Answerer(const Answerer&) = delete;
     Answerer& operator=(const Answerer&) = delete;
 
-    /// Answers what it has been given, and ends.
+    /// Answers what it has been given, and ends. What is not done after END_PATIENCE, or when the user asks again, is
+    /// answered with an error.
     ~Answerer()
     {
-        {
-            const std::scoped_lock lock(lock_);
-            ending_ = true;
-        }
+        const auto deadline = Clock::now() + END_PATIENCE;
+        std::unique_lock lock(lock_);
+        ending_ = true;
         changed_.notify_one();
+        while (!ended_.wait_for(lock, BETWEEN_LOOKS, [this] { return done_; }))
+            if (stopAskedAgain() || Clock::now() > deadline) giveUp_.set();
+        lock.unlock();
         thread_.join();
     }
 
@@ -54,7 +95,7 @@ public:
                 return;
             }
         }
-        reply(command.tag, replyText("", "too many commands wait for " + options_.name));
+        (void)reply(command.tag, replyText("", "too many commands wait for " + options_.name));
     }
 
 private:
@@ -63,53 +104,46 @@ private:
         std::unique_lock lock(lock_);
         for (;;) {
             changed_.wait(lock, [this] { return ending_ || !waiting_.empty(); });
-            if (waiting_.empty()) return;
+            if (waiting_.empty()) break;
             const Command command = std::move(waiting_.front());
             waiting_.pop_front();
             lock.unlock();
-            const ProgramResult result =
-                runProgram(options_.program, command.line + '\n', options_.timeLimit, MOST_OUTPUT_BYTES);
-            reply(command.tag, replyText(result.output, result.failure));
+            const bool answered = reply(command.tag, answerTo(command));
             lock.lock();
+            if (!answered && giveUp_.isSet()) waiting_.clear(); // nor would the others be
         }
+        done_ = true;
+        ended_.notify_one();
     }
 
-    void reply(std::uint32_t tag, const std::string& text)
+    std::string answerTo(const Command& command)
+    {
+        if (giveUp_.isSet()) return replyText("", options_.name + " is no longer served");
+        const ProgramResult result =
+            runProgram(options_.program, command.line + '\n', options_.timeLimit, MOST_OUTPUT_BYTES, giveUp_.fd());
+        return replyText(result.output, result.failure);
+    }
+
+    bool reply(std::uint32_t tag, const std::string& text)
     try {
         for (const std::string_view message : replyMessages(text))
             daemon_.send(MSG_REPLY, tag, 0, std::string(message) + '\0');
+        return true;
     } catch (const TCtlError& error) {
         say(std::string("an answer is lost: ") + error.what());
+        return false;
     }
 
     TDaemonClient& daemon_;
     const ServeOptions& options_;
     std::mutex lock_;
     std::condition_variable changed_;
+    std::condition_variable ended_;
     std::deque<Command> waiting_;
     bool ending_ = false;
-    std::thread thread_; // the last: it uses all the others
-};
-
-/// Tells one tessd from the next by the socket file of its queue.
-class DaemonMark {
-public:
-    DaemonMark() { (void)::stat(queuePath(TESS_QUEUE_ID).c_str(), &seen_); }
-
-    /// @return true when there is another tessd than the last time
-    bool changed()
-    {
-        struct stat now {};
-        if (::stat(queuePath(TESS_QUEUE_ID).c_str(), &now) != 0) return false;
-        const bool same = now.st_ino == seen_.st_ino && now.st_ctim.tv_sec == seen_.st_ctim.tv_sec &&
-                          now.st_ctim.tv_nsec == seen_.st_ctim.tv_nsec;
-        if (!same && queueError(TESS_QUEUE_ID) != 0) return false; // not ready yet
-        seen_ = now;
-        return !same;
-    }
-
-private:
-    struct stat seen_ {};
+    bool done_ = false;
+    EventFd giveUp_;
+    std::thread thread_;
 };
 
 /// A command without the LF and the NUL that it travels with.
@@ -123,21 +157,15 @@ std::string lineOf(const TOrbAttachmentMsg& record)
 class Server {
 public:
     explicit Server(const ServeOptions& options)
-        : options_(options), daemon_(options.address), answerer_(daemon_, options)
+        : daemon_(options.address), registration_(daemon_, options.name, options.ports), answerer_(daemon_, options)
     {
-        daemon_.registerAs(options_.name, options_.ports);
-        say(options_.name + " is served at address " + std::to_string(daemon_.queueId()));
+        say(options.name + " is served at address " + std::to_string(daemon_.queueId()));
     }
 
     void serve()
     {
-        auto look = std::chrono::steady_clock::now();
-        while (!stopAsked()) {
+        while (!stopAsked())
             (void)takeOne();
-            if (std::chrono::steady_clock::now() < look) continue;
-            look += std::chrono::seconds(1);
-            if (mark_.changed()) registerAgain();
-        }
         leave();
     }
 
@@ -146,52 +174,29 @@ private:
     std::uint32_t takeOne()
     {
         TOrbAttachmentMsg record;
-        if (daemon_.receive(record) == 0 || record.sender != TESS_QUEUE_ID) return 0; // nobody else gives orders here
+        if (registration_.receive(record) == 0 || record.sender != TESS_QUEUE_ID) return 0; // nobody else gives orders
         if (record.kind == MSG_TEXT) answerer_.give({record.tag, lineOf(record)});
-        if (record.kind == MSG_REPLY) onReply(record);
         return record.kind;
-    }
-
-    void onReply(const TOrbAttachmentMsg& record)
-    {
-        if (record.tag != 0)
-            say(std::string("tessd refuses: ") + record.text);
-        else if (askedAgain_)
-            say("tessd was started anew, " + options_.name + " has registered again");
-        askedAgain_ = false;
-    }
-
-    void registerAgain()
-    try {
-        daemon_.askToRegister(options_.name, options_.ports);
-        askedAgain_ = true;
-    } catch (const TCtlError& error) {
-        say(std::string("not registered again: ") + error.what());
     }
 
     /// What tessd has forwarded before it reads this still wants its answer; its reply comes behind it.
     void leave()
-    try {
-        daemon_.send(MSG_UNREGISTER, 0, 0, "");
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-        while (takeOne() != MSG_REPLY && std::chrono::steady_clock::now() < deadline) {
+    {
+        if (!registration_.end()) return;
+        const auto deadline = Clock::now() + TDaemonClient::REPLY_PATIENCE;
+        while (takeOne() != MSG_REPLY && Clock::now() < deadline && !stopAskedAgain()) {
         }
-    } catch (const TCtlError& error) {
-        say(std::string("not unregistered: ") + error.what());
     }
 
-    const ServeOptions& options_;
-    DaemonMark mark_;
-    bool askedAgain_ = false;
     TDaemonClient daemon_;
-    Answerer answerer_;
+    TRegistration registration_;
+    Answerer answerer_; // the first to go: it answers over the others
 };
 
 } // namespace
 
 ExitStatus runServe(const ServeOptions& options)
 {
-    (void)std::signal(SIGPIPE, SIG_IGN); // a program need not read its input
     Server(options).serve();
     return STATUS_DONE;
 }

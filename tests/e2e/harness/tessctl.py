@@ -4,13 +4,15 @@ from __future__ import annotations
 
 import contextlib
 import os
+import shutil
 import signal
 import subprocess
 from collections.abc import Iterator
 
 import pytest
 
-from harness import settings
+from harness import proc, settings
+from harness.daemon import Daemon
 from harness.terminal import Terminal
 from harness.waiting import wait_until
 
@@ -47,24 +49,56 @@ def run(*arguments: str, lines: str | None = None, within: float = 20, **options
 
 
 @contextlib.contextmanager
-def running(*arguments: str, until: str) -> Iterator[subprocess.Popen]:
-    """Starts it, waits until it says `until`, and ends it as a user does when it is not ended yet."""
+def running(*arguments: str, until: str, launcher: tuple[str, ...] = ()) -> Iterator[subprocess.Popen]:
+    """Starts it, waits until it says `until`, and ends it as a user does when it is not ended yet.
+
+    launcher    a program that becomes tessctl, or ends when that does"""
     with open("/tmp/tessctl.errors", "w+", encoding="utf-8") as errors:
-        process = subprocess.Popen([PROGRAM, *arguments], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=errors, text=True)
+        process = subprocess.Popen(
+            [*launcher, PROGRAM, *arguments], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=errors, text=True
+        )
         process.errors = lambda: open("/tmp/tessctl.errors", encoding="utf-8").read()  # type: ignore[attr-defined]
         try:
             wait_until(lambda: until in process.errors(), f"tessctl says {until!r}", 10)
             yield process
         finally:
             if process.poll() is None:
-                process.send_signal(signal.SIGTERM)
+                for child in proc.children(process.pid) if "strace" in launcher else [process.pid]:
+                    os.kill(child, signal.SIGTERM)
                 process.wait(20 * settings.SLOW)
             process.stdout.close()
 
 
-def serving(name: str, *program: str, options: tuple[str, ...] = ()) -> contextlib.AbstractContextManager[subprocess.Popen]:
+def serving(
+    name: str, *program: str, options: tuple[str, ...] = (), launcher: tuple[str, ...] = ()
+) -> contextlib.AbstractContextManager[subprocess.Popen]:
     """`tessctl serve`."""
-    return running("serve", name, *options, "--", *program, until=f"{name} is served")
+    return running("serve", name, *options, "--", *program, until=f"{name} is served", launcher=launcher)
+
+
+def tampered(call: str, how: str) -> tuple[str, ...]:
+    """A launcher: the system treats this call as strace(1) is told."""
+    return ("strace", "-f", "--seccomp-bpf", "-qq", "-o", "/dev/null", "-e", f"trace={call}", "-e", f"inject={call}:{how}")
+
+
+needs_tracer = pytest.mark.skipif(
+    settings.emulated() or settings.sanitized() or shutil.which("strace") is None,
+    reason="strace is not installed, or emulators and sanitizers suffer no tracer",
+)
+
+
+@contextlib.contextmanager
+def held(daemon: Daemon) -> Iterator[None]:
+    """A daemon that does nothing at all."""
+    daemon.signal(signal.SIGSTOP)
+    try:
+        wait_until(
+            lambda: all(proc.status_field(daemon.pid, task, "State").startswith("T") for task in proc.tasks(daemon.pid)),
+            "tessd is held",
+        )
+        yield
+    finally:
+        daemon.signal(signal.SIGCONT)
 
 
 def on_terminal(*arguments: str) -> Terminal:
