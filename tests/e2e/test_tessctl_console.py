@@ -70,6 +70,22 @@ def test_lines_come_back_from_the_history_also_the_next_time(echo):
     leave(terminal)
 
 
+def test_the_history_outlives_an_interruption(echo):
+    terminal = tessctl.on_terminal("console")
+    terminal.expect(PROMPT)
+    terminal.type(b"s3.ECHO remembered\r")
+    terminal.expect(b"\x1b[Jremembered\r\n")
+    terminal.type(b"\x03")  # Ctrl-C
+    assert terminal.expect_end() != DONE
+    terminal = tessctl.on_terminal("console")
+    terminal.expect(PROMPT)
+    terminal.type(UP)
+    terminal.expect(b"s3.ECHO remembered")
+    terminal.type(b"\r")
+    terminal.expect(b"\x1b[Jremembered\r\n")
+    leave(terminal)
+
+
 def test_words_are_completed(echo):
     terminal = tessctl.on_terminal("console")
     terminal.expect(PROMPT)
@@ -92,7 +108,7 @@ def test_a_line_that_is_too_long_is_not_sent(tessd):
     terminal = tessctl.on_terminal("console")
     terminal.expect(PROMPT)
     terminal.type(b"x" * 1007 + b"\r")
-    terminal.expect(b"The line is too long: 1007 bytes, the limit is 1006.")
+    terminal.expect(b"Not sent: a line of 1007 bytes is too long, the limit is 1006")
     terminal.type(b"*\r")
     terminal.expect(b"0\r\n")
     leave(terminal)

@@ -2,9 +2,11 @@
 
 from __future__ import annotations
 
+import contextlib
 import socket
 import subprocess
 import threading
+import time
 
 import pytest
 
@@ -12,9 +14,12 @@ from harness import settings, tessctl, wire
 from harness.clients import IpcClient, XcpClient
 from harness.queue_process import AnsweringProcess, QueueProcess
 from harness.tessctl import DONE, NO_ANSWER, NO_CONNECTION, REFUSED, WRONG_USAGE
-from harness.waiting import Stopwatch
+from harness.waiting import Stopwatch, wait_until
 
 pytestmark = tessctl.needs_tessctl
+
+NO_ANSWER_WITHIN = "tessctl: /tmp/socket: no answer to 's3.SILENT X' within {} s: is the process stuck, or tessd?\n"
+CLOSED = "tessctl: /tmp/socket: tessd has closed the connection: are ten others connected, or has it ended?\n"
 
 
 @pytest.mark.parametrize("port", ["ipc", "xcp"])
@@ -33,6 +38,13 @@ def test_lines_come_from_standard_input(echo):
 
 def test_a_line_end_inside_an_argument_makes_two_lines(echo):
     tessctl.run("send", "s3.ECHO A\ns3.ECHO B").expect(DONE, "A\nB\n", "")
+
+
+@pytest.mark.parametrize("behind", [(), ("--",)], ids=["", "--"])
+def test_every_argument_is_sent_as_it_stands(echo, behind):
+    lines = ["[A,B]", "[A]", "[]", "[", "{}", "%%", "++", "close", "\x01[", "a,b", " c"]
+    tessctl.run("send", *behind, *lines, "").expect(DONE, "".join(line.strip(" ") + "\n" for line in lines), "")
+    tessctl.run("send", "--", "--wait", "-p").expect(DONE, "--wait\n-p\n", "")
 
 
 def test_no_lines_at_all_are_done_at_once(tessd):
@@ -60,7 +72,7 @@ def test_a_line_without_an_answer_ends_the_wait_and_not_the_others(echo):
         process.register(b"SILENT")
         watch = Stopwatch()
         tessctl.run("send", "--wait", "0.5", "s3.SILENT X", "s3.ECHO A", "s3.NOBODY B").expect(
-            NO_ANSWER, "A\n?\n", "tessctl: no answer to 's3.SILENT X' within 0.5 s\n"
+            NO_ANSWER, "A\n?\n", NO_ANSWER_WITHIN.format(0.5)
         )
         assert watch.seconds() >= 0.5
 
@@ -68,7 +80,7 @@ def test_a_line_without_an_answer_ends_the_wait_and_not_the_others(echo):
 def test_there_is_a_time_limit_also_when_nobody_asks_for_one(tessd):
     with QueueProcess(2001) as process:
         process.register(b"SILENT")
-        tessctl.run("send", "s3.SILENT X").expect(NO_ANSWER, "", "tessctl: no answer to 's3.SILENT X' within 5 s\n")
+        tessctl.run("send", "s3.SILENT X").expect(NO_ANSWER, "", NO_ANSWER_WITHIN.format(5))
 
 
 @pytest.mark.parametrize("port", ["ipc", "xcp"])
@@ -131,16 +143,38 @@ def test_a_thousand_lines_of_a_script_lose_nothing(echo, port):
 
 @pytest.mark.parametrize("port", ["ipc", "xcp"])
 def test_lines_that_are_not_waited_for_never_make_a_burst_that_is_thrown_away(tessd, port):
-    with QueueProcess(2001) as process:
+    """Two of them fit: the third waits until the daemon has read those."""
+    with QueueProcess(2001) as process, open("/tmp/errors", "w+", encoding="utf-8") as errors:
         process.register(b"ENC")
-        lines = [f"X{number:04}" + "x" * 400 for number in range(50)]
-        sending = subprocess.Popen(
-            [tessctl.PROGRAM, "send", "-p", port, "--wait", "0.001", *(f"s3.ENC {line}" for line in lines)],
-            stderr=subprocess.DEVNULL,
-        )
+        lines = [f"X{number}" + "x" * 400 for number in range(4)]
+        with tessctl.held(tessd):
+            wait = str(2 * settings.SLOW)
+            sending = subprocess.Popen(
+                [tessctl.PROGRAM, "send", "-p", port, "--wait", wait, *(f"s3.ENC {line}" for line in lines)], stderr=errors
+            )
+            wait_until(lambda: open("/tmp/errors", encoding="utf-8").read().count("no answer to") == 2, "two are sent", 10)
+            assert sending.poll() is None
+            time.sleep(0.5)  # in which the third would have been sent as well
         for line in lines:
             process.expect_command(line.encode())
         assert sending.wait(20 * settings.SLOW) == NO_ANSWER
+
+
+@pytest.mark.parametrize("port, path", [("ipc", "/tmp/socket"), ("xcp", "/tmp/xcp")])
+def test_a_daemon_that_takes_no_connections_is_not_waited_for_without_end(tessd, port, path):
+    said = f"tessctl: {path}: Connection timed out: tessd takes no connections: is it stuck?\n"
+    with tessctl.held(tessd), contextlib.ExitStack() as waiting:
+        with pytest.raises(BlockingIOError):
+            while True:
+                client = waiting.enter_context(socket.socket(socket.AF_UNIX))
+                client.setblocking(False)
+                client.connect(path)
+        watch = Stopwatch()
+        tessctl.run("send", "-p", port, "--wait", "0.5", "*").expect(NO_ANSWER, "", said)
+        assert watch.seconds() >= 0.5
+        tessctl.run("ping", port).expect(REFUSED, "", said)
+        terminal = tessctl.on_terminal("console", "-p", port)
+        assert terminal.expect_end(20) == NO_ANSWER and said.strip().encode() in terminal.shown, terminal.shown
 
 
 def test_a_daemon_that_does_not_read_is_not_waited_for_without_end(tessd):
@@ -148,7 +182,31 @@ def test_a_daemon_that_does_not_read_is_not_waited_for_without_end(tessd):
         process.register(b"ENC")
         holding.send(wire.frame(b"s3.ENC X\n")[:8])  # holds the service thread
         result = tessctl.run("send", "--wait", "0.3", *("x" * 500 for _ in range(4)))
-        assert result.status == NO_ANSWER and result.errors.endswith("tessctl: /tmp/socket: tessd does not read\n"), result.errors
+        result.expect(NO_ANSWER)
+        assert result.errors.endswith("tessctl: /tmp/socket: tessd does not read: is it stuck?\n"), result.errors
+
+
+@pytest.mark.parametrize("line", ["s3.ECHO A\rs3.ECHO B", "A\0B", "A\r\rB\r"], ids=repr)
+def test_a_line_that_the_daemon_would_cut_is_not_sent(echo, line):
+    would_be_cut = "tessctl: a line with a carriage return or a NUL in it would become two commands: send them as lines of their own\n"
+    tessctl.run("send", lines="s3.ECHO 1\n" + line).expect(WRONG_USAGE, "1\n", would_be_cut)
+    if "\0" not in line:
+        tessctl.run("send", "s3.ECHO 1", line).expect(WRONG_USAGE, "", would_be_cut)
+
+
+def test_an_answer_controls_no_terminal(tessd):
+    answer = b"\x1b[2Jred\x07 \xc3\xa4\tb\r\n\r\n"
+    with AnsweringProcess(2001, b"ENC", lambda _: answer):
+        for command in ["send", "s3.ENC X"], ["console"]:
+            terminal = tessctl.on_terminal(*command)
+            if command == ["console"]:
+                terminal.type(b"s3.ENC X\r")
+            terminal.expect(b"\\x1b[2Jred\\x07 \xc3\xa4")
+            if command == ["console"]:
+                terminal.type(b"\x04")
+            assert terminal.expect_end() == DONE
+            assert b"\x1b[2J" not in terminal.shown and b"\x07" not in terminal.shown, terminal.shown
+        tessctl.run("send", "s3.ENC X").expect(DONE, "\x1b[2Jred\x07 \u00e4\tb\n", "")
 
 
 def test_without_a_daemon_there_is_no_connection():
@@ -173,8 +231,7 @@ def test_an_eleventh_connection_is_told_why(tessd):
     for client in clients:
         client.expect_nothing_more()
     result = tessctl.run("send", "*")
-    assert result.status == NO_CONNECTION, result.errors
-    assert result.errors.startswith("tessctl: /tmp/socket: tessd has closed the connection"), result.errors
+    result.expect(NO_CONNECTION, "", CLOSED)
     for client in clients:
         client.close()
 
@@ -189,7 +246,7 @@ def test_a_daemon_that_ends_meanwhile_is_noticed(start_tessd):
         process.expect_command(b"X")
         tessd.stop()
         sending.join()
-        results[0].expect(NO_CONNECTION, "", "tessctl: /tmp/socket: tessd has closed the connection\n")
+        results[0].expect(NO_CONNECTION, "", CLOSED)
 
 
 @pytest.mark.parametrize(
@@ -199,6 +256,8 @@ def test_a_daemon_that_ends_meanwhile_is_noticed(start_tessd):
         ["send", "--wait", "0", "X"],
         ["send", "--wait", "soon", "X"],
         ["send", "--tag", "65536", "X"],
+        ["reset", "--reinit", "", "--yes"],
+        ["reset", "--reinit", "s3 ", "--yes"],
         ["send", "--nonsense"],
         [],
         ["nonsense"],
@@ -208,6 +267,14 @@ def test_a_daemon_that_ends_meanwhile_is_noticed(start_tessd):
 def test_wrong_usage_is_explained(arguments):
     result = tessctl.run(*arguments).expect(WRONG_USAGE)
     assert "--help" in result.errors, result.errors
+
+
+@pytest.mark.parametrize("seconds", ["nan", "inf", "-inf", "-1", "86401", "1e300", "", "5s"])
+def test_a_time_that_is_none_is_wrong_usage(seconds):
+    serve = ["serve", "CAT", "--timeout", seconds, "--", "cat"]
+    for arguments, least in (["send", "--wait", seconds, "X"], 0.001), (["send", "--linger", seconds, "X"], 0), (serve, 0.001):
+        errors = tessctl.run(*arguments).expect(WRONG_USAGE, "").errors
+        assert f"a time is a number of seconds, {least} to 86400" in errors, errors
 
 
 def test_help_and_version_are_everywhere():

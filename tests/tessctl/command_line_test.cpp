@@ -1,6 +1,9 @@
 #include "tools/tessctl/command_line.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+using testing::StartsWith;
 
 TEST(CommandLine, ExpectsAnAnswerForEachCommand)
 {
@@ -17,4 +20,14 @@ TEST(CommandLine, ExpectsAnAnswerForEachCommand)
     };
     for (const Row& row : rows)
         EXPECT_EQ(answersDue(row.line), row.answers) << "'" << row.line << "'";
+}
+
+TEST(CommandLine, FindsWhatTheDaemonWouldCut)
+{
+    for (const std::string& line : {std::string(), std::string("A"), std::string("A\r"), std::string("A\r\r"),
+                                    std::string("A \t\v B"), std::string(MAX_LINE_BYTES, 'x')})
+        EXPECT_EQ(lineProblem(line), "") << line;
+    EXPECT_THAT(lineProblem("A\rB"), StartsWith("a line with a carriage return or a NUL in it"));
+    EXPECT_THAT(lineProblem(std::string_view("A\0", 2)), StartsWith("a line with a carriage return or a NUL in it"));
+    EXPECT_EQ(lineProblem(std::string(MAX_LINE_BYTES + 1, 'x')), "a line of 1007 bytes is too long, the limit is 1006");
 }

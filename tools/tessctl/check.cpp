@@ -16,6 +16,7 @@
 
 #include "framework/tess_messages.h"
 #include "tools/tessctl/answer_reader.h"
+#include "tools/tessctl/bounded_connect.h"
 #include "tools/tessctl/daemon_client.h"
 #include "tools/tessctl/likely_cause.h"
 #include "tools/tessctl/local_client.h"
@@ -50,23 +51,21 @@ Finding lookAtDaemon()
 /// "*" is answered with "0" by the daemon itself.
 Finding lookAtSocket(const char* name, LocalPort port)
 try {
-    TLocalClient client(port, 0);
+    TLocalClient client(port, 0, ANSWER_TIME);
     client.sendLine("*", ANSWER_TIME);
     TAnswerReader reader;
     std::string text;
     for (const auto deadline = Clock::now() + ANSWER_TIME; Clock::now() < deadline;) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
         const TLocalClient::Received received = client.receive(left, text);
-        if (received == TLocalClient::Received::closed)
-            return {name, false,
-                    std::string(client.path()) + ": tessd has closed the connection: are ten others connected?"};
+        if (received == TLocalClient::Received::closed) return {name, false, client.closedText()};
         if (received != TLocalClient::Received::text) continue;
         const TAnswerReader::Progress progress = reader.take(text);
         if (progress.answers == 0) continue;
         const bool right = progress.lines.front() == "0";
         return {name, right, std::string(client.path()) + " answers" + (right ? "" : ", but not as tessd does")};
     }
-    return {name, false, std::string(client.path()) + ": no answer within 5 s"};
+    return {name, false, std::string(client.path()) + ": no answer within 5 s: is tessd stuck?"};
 } catch (const TCtlError& error) {
     return {name, false, error.what()};
 }
@@ -99,8 +98,10 @@ Finding lookAtTelnet()
     address.sin_port = htons(TELNET_PORT);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     Finding finding{"telnet", false, {}};
-    if (fd < 0 || ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        finding.what = failureText(where, errno, PathOf::telnet);
+    const int error =
+        fd < 0 ? errno : connectWithin(ANSWER_TIME, fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    if (error != 0) {
+        finding.what = failureText(where, error, PathOf::telnet);
     } else if (greets(fd)) {
         finding = {"telnet", true, where + " asks for a name"};
     } else {
@@ -110,20 +111,31 @@ Finding lookAtTelnet()
     return finding;
 }
 
-/// Who has a device open, of the processes that this user may look into.
-std::string usersOf(const fs::path& device)
+/// Who has a device open.
+struct Users {
+    std::string names;   ///< of those whose descriptors this user may see
+    bool tessd = false;  ///< is among them
+    bool hidden = false; ///< there may be others
+};
+
+Users usersOf(const fs::path& device)
 {
-    std::string users;
-    std::error_code ignored; // of processes that end meanwhile, or are somebody else's
+    Users users;
+    users.hidden = ::geteuid() != 0; // other processes may not even be shown
+    std::error_code ignored;         // of processes that end meanwhile
     const fs::path target = fs::canonical(device, ignored);
     for (const fs::directory_entry& process : fs::directory_iterator("/proc", ignored)) {
         const std::string number = process.path().filename();
         if (number.find_first_not_of("0123456789") != std::string::npos) continue;
-        for (fs::directory_iterator each(process.path() / "fd", ignored), end; each != end; each.increment(ignored)) {
+        std::error_code error;
+        fs::directory_iterator each(process.path() / "fd", error);
+        users.hidden = users.hidden || error == std::errc::permission_denied;
+        for (const fs::directory_iterator end; each != end; each.increment(ignored)) {
             if (fs::read_symlink(each->path(), ignored) != target) continue;
             std::string name;
             std::getline(std::ifstream(process.path() / "comm"), name);
-            users.append(users.empty() ? "" : ", ").append(name).append(" (").append(number).append(")");
+            users.tessd = users.tessd || name == "tessd";
+            users.names.append(users.names.empty() ? "" : ", ").append(name).append(" (").append(number).append(")");
             break;
         }
     }
@@ -133,11 +145,12 @@ std::string usersOf(const fs::path& device)
 Finding lookAtSerialLine()
 {
     if (::access(SERIAL_LINE, F_OK) != 0) return {"com2", false, failureText(SERIAL_LINE, errno, PathOf::serialLine)};
-    const std::string users = usersOf(SERIAL_LINE);
+    const Users users = usersOf(SERIAL_LINE);
     const std::string line = SERIAL_LINE;
-    if (users.find("tessd (") != std::string::npos) return {"com2", true, line + " is open in " + users};
-    if (!users.empty()) return {"com2", false, line + " is open in " + users + ", not in tessd"};
-    if (::geteuid() != 0) return {"com2", true, line + " exists; who has it open can only root see"};
+    if (users.tessd) return {"com2", true, line + " is open in " + users.names};
+    if (users.hidden && users.names.empty()) return {"com2", true, line + " exists; who has it open can only root see"};
+    if (users.hidden) return {"com2", true, line + " is open in " + users.names + "; in what else, can only root see"};
+    if (!users.names.empty()) return {"com2", false, line + " is open in " + users.names + ", not in tessd"};
     return {"com2", false, line + " is open in no process: does tessd run with the COM2 port?"};
 }
 
@@ -172,7 +185,7 @@ ExitStatus runCheck(bool json)
         }
     }
     report["ok"] = ok;
-    if (json) std::cout << report.dump(2) << '\n';
+    if (json) std::cout << report.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << '\n';
     return ok ? STATUS_DONE : STATUS_REFUSED;
 }
 

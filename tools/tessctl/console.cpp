@@ -15,18 +15,19 @@
 
 #include "tools/tessctl/answer_reader.h"
 #include "tools/tessctl/command_line.h"
+#include "tools/tessctl/visible_text.h"
 #include "tools/tessctl/word_completion.h"
 
 namespace {
 
 constexpr int HISTORY_LINES = 1000;
-constexpr int PAUSE_MS = 200; // then a line without an end is shown as it is
-constexpr std::chrono::seconds SEND_PATIENCE{5};
+constexpr int PAUSE_MS = 200;               // then a line without an end is shown as it is
+constexpr std::chrono::seconds PATIENCE{5}; // with a tessd that takes no connections, or does not read
 
 class Console {
 public:
     explicit Console(LocalPort port)
-        : client_(port, 0), history_(::history_init(), ::history_end),
+        : client_(port, 0, PATIENCE), history_(::history_init(), ::history_end),
           edit_(::el_init("tessctl", stdin, stdout, stderr), ::el_end)
     {
         EditLine* const edit = edit_.get();
@@ -48,11 +49,7 @@ public:
 
     Console(const Console&) = delete;
     Console& operator=(const Console&) = delete;
-    ~Console()
-    {
-        HistEvent event{};
-        if (!historyFile_.empty()) ::history(history_.get(), &event, H_SAVE, historyFile_.c_str());
-    }
+    ~Console() = default;
 
     ExitStatus run()
     {
@@ -64,8 +61,7 @@ public:
                 line.pop_back();
             if (answersDue(line) > 0) send(line);
         }
-        if (closed_)
-            throw TCtlError(STATUS_NO_CONNECTION, std::string(client_.path()) + ": tessd has closed the connection");
+        if (closed_) throw TCtlError(STATUS_NO_CONNECTION, client_.closedText());
         std::puts(""); // behind the prompt
         return STATUS_DONE;
     }
@@ -89,11 +85,13 @@ private:
         HistEvent event{};
         ::history(history_.get(), &event, H_ENTER, line.c_str());
         words_.see(line);
-        if (line.size() > MAX_LINE_BYTES) {
-            std::printf("The line is too long: %zu bytes, the limit is %zu.\n", line.size(), MAX_LINE_BYTES);
+        // At once: Ctrl-C and a closed terminal leave no time for it.
+        if (!historyFile_.empty()) ::history(history_.get(), &event, H_SAVE, historyFile_.c_str());
+        if (const std::string problem = lineProblem(line); !problem.empty()) {
+            std::printf("Not sent: %s\n", problem.c_str());
             return;
         }
-        client_.sendLine(line, SEND_PATIENCE);
+        client_.sendLine(line, PATIENCE);
     }
 
     /// Waits for a key, and shows what tessd sends meanwhile.
@@ -153,8 +151,7 @@ private:
         if (progress.lines.empty()) return;
         std::fputs("\r\033[J", stdout);
         for (const std::string& line : progress.lines) {
-            std::fwrite(line.data(), 1, line.size(), stdout);
-            std::fputs("\n", stdout);
+            std::fputs((visibleText(line) + '\n').c_str(), stdout);
         }
         std::fflush(stdout);
         ::el_set(edit_.get(), EL_REFRESH);

@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include "framework/fixed_text.h"
+#include "tools/tessctl/bounded_connect.h"
 #include "tools/tessctl/exit_status.h"
 #include "tools/tessctl/likely_cause.h"
 
@@ -30,21 +31,18 @@ struct FrameHeader {
     std::uint32_t length = 0;
 };
 
-int connectTo(const char* path)
+int connectTo(const char* path, std::chrono::milliseconds patience)
 {
     const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un name{};
     name.sun_family = AF_UNIX;
     putText(name.sun_path, path);
-    if (fd >= 0 && ::connect(fd, reinterpret_cast<const sockaddr*>(&name), sizeof name) == 0) return fd;
-    const int error = errno;
+    const int error =
+        fd < 0 ? errno : connectWithin(patience, fd, reinterpret_cast<const sockaddr*>(&name), sizeof name);
+    if (error == 0) return fd;
     if (fd >= 0) ::close(fd);
-    throw TCtlError(STATUS_NO_CONNECTION, failureText(path, error, PathOf::localSocket));
-}
-
-std::string closedText(const char* path)
-{
-    return std::string(path) + ": tessd has closed the connection: are ten others connected, or has it ended?";
+    throw TCtlError(error == ETIMEDOUT ? STATUS_NO_ANSWER : STATUS_NO_CONNECTION,
+                    failureText(path, error, PathOf::localSocket));
 }
 
 } // namespace
@@ -54,8 +52,8 @@ const char* pathOf(LocalPort port)
     return port == LocalPort::ipc ? "/tmp/socket" : "/tmp/xcp";
 }
 
-TLocalClient::TLocalClient(LocalPort port, std::uint16_t tag)
-    : port_(port), tag_(tag), path_(pathOf(port)), fd_(connectTo(path_))
+TLocalClient::TLocalClient(LocalPort port, std::uint16_t tag, std::chrono::milliseconds patience)
+    : port_(port), tag_(tag), path_(pathOf(port)), fd_(connectTo(path_, patience))
 {
 }
 
@@ -84,13 +82,18 @@ void TLocalClient::sendLine(std::string_view line, std::chrono::milliseconds pat
     const auto deadline = std::chrono::steady_clock::now() + patience;
     while (!roomFor(bytes.size())) {
         if (std::chrono::steady_clock::now() > deadline)
-            throw TCtlError(STATUS_NO_ANSWER, std::string(path_) + ": tessd does not read");
+            throw TCtlError(STATUS_NO_ANSWER, std::string(path_) + ": tessd does not read: is it stuck?");
         std::this_thread::sleep_for(BETWEEN_LOOKS);
     }
     unread_ += bytes.size();
     // So little always fits the socket's buffer whole.
     if (::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(bytes.size()))
-        throw TCtlError(STATUS_NO_CONNECTION, closedText(path_));
+        throw TCtlError(STATUS_NO_CONNECTION, closedText());
+}
+
+std::string TLocalClient::closedText() const
+{
+    return std::string(path_) + ": tessd has closed the connection: are ten others connected, or has it ended?";
 }
 
 TLocalClient::Received TLocalClient::receive(std::chrono::milliseconds patience, std::string& text)

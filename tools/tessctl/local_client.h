@@ -15,15 +15,19 @@ const char* pathOf(LocalPort port);
 /// Threads: one.
 class TLocalClient {
 public:
-    /// @param tag  goes along with every line of /tmp/xcp, and comes back with answers
-    /// @throws TCtlError  nobody listens there, or not for us
-    TLocalClient(LocalPort port, std::uint16_t tag);
+    /// @param tag       goes along with every line of /tmp/xcp, and comes back with answers
+    /// @param patience  for a tessd that takes no connections
+    /// @throws TCtlError  nobody listens there, or not for us, or takes no connections
+    TLocalClient(LocalPort port, std::uint16_t tag, std::chrono::milliseconds patience);
     TLocalClient(const TLocalClient&) = delete;
     TLocalClient& operator=(const TLocalClient&) = delete;
     ~TLocalClient();
 
     int fd() const { return fd_; }
     const char* path() const { return path_; }
+
+    /// What to say when receive() finds the connection closed.
+    std::string closedText() const;
 
     /// Sends one command line. Waits while tessd has not read enough of what it was sent before: it throws away 1024 bytes
     /// that it finds in one piece.

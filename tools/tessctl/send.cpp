@@ -3,11 +3,13 @@
 #include <algorithm>
 #include <iostream>
 #include <string_view>
+#include <unistd.h>
 
 #include "tools/tessctl/answer_reader.h"
 #include "tools/tessctl/command_line.h"
 #include "tools/tessctl/say.h"
 #include "tools/tessctl/seconds_text.h"
+#include "tools/tessctl/visible_text.h"
 
 namespace {
 
@@ -20,7 +22,7 @@ constexpr milliseconds LONGEST_ANSWER{10'000};
 
 class Sender {
 public:
-    explicit Sender(const SendOptions& options) : options_(options), client_(options.port, options.tag) {}
+    explicit Sender(const SendOptions& options) : options_(options), client_(options.port, options.tag, options.wait) {}
 
     void send(const std::string& line)
     {
@@ -30,7 +32,8 @@ public:
         while (due > 0) {
             const std::size_t answers = receive(options_.wait);
             if (answers == 0) {
-                say("no answer to '" + line + "' within " + secondsText(options_.wait));
+                say(std::string(client_.path()) + ": no answer to '" + line + "' within " + secondsText(options_.wait) +
+                    ": is the process stuck, or tessd?");
                 noAnswer_ = true;
                 return;
             }
@@ -71,8 +74,7 @@ private:
                 break;
             case TLocalClient::Received::closed:
                 print(reader_.takePause());
-                throw TCtlError(STATUS_NO_CONNECTION,
-                                std::string(client_.path()) + ": tessd has closed the connection");
+                throw TCtlError(STATUS_NO_CONNECTION, client_.closedText());
             }
             print(progress);
             if (progress.answers > 0) return progress.answers;
@@ -82,7 +84,7 @@ private:
     void print(const TAnswerReader::Progress& progress)
     {
         for (const std::string& line : progress.lines)
-            std::cout << line << '\n';
+            std::cout << (toTerminal_ ? visibleText(line) : line) << '\n';
         std::cout.flush();
         refused_ = refused_ || progress.refusals > 0;
     }
@@ -90,15 +92,15 @@ private:
     const SendOptions& options_;
     TLocalClient client_;
     TAnswerReader reader_;
+    bool toTerminal_ = ::isatty(STDOUT_FILENO) != 0;
     bool refused_ = false;
     bool noAnswer_ = false;
 };
 
-void checkLength(const std::string& line)
+void checkLine(const std::string& line)
 {
-    if (line.size() <= MAX_LINE_BYTES) return;
-    throw TCtlError(STATUS_WRONG_USAGE, "a line of " + std::to_string(line.size()) +
-                                            " bytes is too long, the limit is " + std::to_string(MAX_LINE_BYTES));
+    const std::string problem = lineProblem(line);
+    if (!problem.empty()) throw TCtlError(STATUS_WRONG_USAGE, problem);
 }
 
 } // namespace
@@ -111,13 +113,13 @@ ExitStatus runSend(const SendOptions& options)
             given.emplace_back(rest.substr(0, end));
         given.emplace_back(rest);
     }
-    std::ranges::for_each(given, checkLength);
+    std::ranges::for_each(given, checkLine);
     Sender sender(options);
     for (const std::string& line : given)
         sender.send(line);
     if (!options.lines.empty()) return sender.status();
     for (std::string line; std::getline(std::cin, line);) {
-        checkLength(line);
+        checkLine(line);
         sender.send(line);
     }
     return sender.status();

@@ -11,7 +11,7 @@
 struct SendOptions {
     LocalPort port = LocalPort::ipc;
     std::uint16_t tag = 0;
-    std::chrono::milliseconds wait{5000}; ///< for each answer
+    std::chrono::milliseconds wait{5000}; ///< for each answer, and for the connection
     std::chrono::milliseconds linger{0};  ///< after the answers to a line
     std::vector<std::string> lines;       ///< standard input's when there are none
 };
