@@ -3,8 +3,9 @@
 from __future__ import annotations
 
 import contextlib
+import fcntl
 import os
-import shutil
+import select
 import signal
 import socket
 import subprocess
@@ -57,14 +58,66 @@ def test_a_queue_directory_that_is_none():
     )
 
 
-@pytest.mark.skipif(settings.emulated() or settings.sanitized(), reason="emulators and sanitizers suffer no tracer")
-@pytest.mark.skipif(shutil.which("strace") is None, reason="strace is not installed")
+@tessctl.needs_tracer
 def test_a_queue_of_its_own_that_cannot_be_read(tessd):
-    command = [tessctl.PROGRAM, "listen", "--address", "4711"]
-    tracer = ["strace", "-f", "-qq", "-o", "/dev/null", "-e", "inject=recvmsg:error=EIO"]
-    run = subprocess.run([*tracer, *command], capture_output=True, text=True, timeout=20, check=False)
+    command = [*tessctl.tampered("recvmsg", "error=EIO"), tessctl.PROGRAM, "listen", "--address", "4711"]
+    run = subprocess.run(command, capture_output=True, text=True, timeout=20, check=False)
     assert run.stderr.endswith(f"tessctl: {settings.QUEUE_DIR}/4711: Input/output error\n"), run
     assert run.returncode == NO_CONNECTION, run
+
+
+@tessctl.needs_tracer
+@pytest.mark.parametrize(
+    "command, path", [(["send", "*"], "/tmp/socket"), (["close"], DAEMON_QUEUE), (["ping", "telnet"], "127.0.0.1:23")], ids=str
+)
+def test_a_process_that_may_open_no_more_files(tessd, command, path):
+    command = [*tessctl.tampered("socket", "error=EMFILE"), tessctl.PROGRAM, *command]
+    run = subprocess.run(command, capture_output=True, text=True, timeout=20, check=False)
+    assert run.stderr == f"tessctl: {path}: Too many open files: this process may open no more files (ulimit -n)\n", run
+
+
+def test_a_queue_directory_with_too_long_a_name():
+    for directory, path, cause in (
+        ("/run/" + "x" * 110, "/1001", "TESS_QUEUE_DIR is too long, a socket's path has 107 bytes at most"),
+        ("/run/" + "x" * 256, "", "TESS_QUEUE_DIR is longer than a path may be"),
+    ):
+        with contextlib.suppress(OSError):
+            os.mkdir(directory)
+        tessctl.run("close", env={**os.environ, "TESS_QUEUE_DIR": directory}).expect(
+            NO_CONNECTION, "", f"tessctl: {directory}{path}: File name too long: {cause}\n"
+        )
+    directory = "/run/" + "x" * 95  # 1001 fits, an address of its own does not
+    os.mkdir(directory)
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as daemon:
+        daemon.bind(f"{directory}/1001")
+        errors = tessctl.run("close", env={**os.environ, "TESS_QUEUE_DIR": directory}).expect(NO_CONNECTION, "").errors
+    assert errors.startswith(f"tessctl: {directory}/1000"), errors
+    assert errors.endswith(": File name too long: TESS_QUEUE_DIR is too long, a socket's path has 107 bytes at most\n"), errors
+
+
+def test_an_address_of_its_own_that_is_no_queue(tessd):
+    path = f"{settings.QUEUE_DIR}/4711"
+    open(path, "wb").close()
+    tessctl.run("listen", "--address", "4711").expect(
+        NO_CONNECTION,
+        "",
+        f"tessctl: {path}: Socket operation on non-socket: something that is no queue has that name; remove it\n",
+    )
+    os.unlink(path)
+    with socket.socket(socket.AF_UNIX) as other:
+        other.bind(path)
+        other.listen()
+        errors = tessctl.run("listen", "--address", "4711").expect(NO_CONNECTION, "").errors
+    assert errors.startswith(f"tessctl: {path}: Address already in use: another process holds that address"), errors
+
+
+def test_a_queue_that_cannot_be_opened_is_told_once(tessd):
+    directory = os.open(settings.QUEUE_DIR, os.O_RDONLY)
+    fcntl.flock(directory, fcntl.LOCK_EX)
+    errors = tessctl.run("close").expect(NO_CONNECTION, "").errors.splitlines()
+    assert "250001 queue address" in errors[0] and errors[0].endswith("Resource temporarily unavailable"), errors
+    assert errors[1:] == ["tessctl: /run/tess/queue: no queue can be opened there: the log has the reason (250001)"], errors
+    os.close(directory)
 
 
 def test_a_queue_of_the_daemon_that_is_closed_to_this_user(tessd):
@@ -105,7 +158,7 @@ def test_a_daemon_that_is_held_up_answers_no_ping(tessd):
         client.send(wire.frame(b"s3.ENC X\n")[:8])
         with IpcClient() as other:
             other.send(b"*\n")
-            tessctl.run("ping", "ipc").expect(REFUSED, "", "tessctl: /tmp/socket: no answer within 5 s\n")
+            tessctl.run("ping", "ipc").expect(REFUSED, "", "tessctl: /tmp/socket: no answer within 5 s: is tessd stuck?\n")
 
 
 def test_somebody_else_who_answers_on_a_socket():
@@ -118,6 +171,19 @@ def test_somebody_who_does_not_greet_on_the_telnet_port():
         tessctl.run("ping", "telnet").expect(REFUSED, "", "tessctl: 127.0.0.1:23: no greeting: are ten others connected?\n")
 
 
+def test_a_telnet_port_that_takes_no_connections(socket_tessd):
+    with tessctl.held(socket_tessd), contextlib.ExitStack() as waiting:
+        accepted = True
+        while accepted:
+            client = waiting.enter_context(socket.socket())
+            client.setblocking(False)
+            client.connect_ex(settings.TELNET_ADDRESS)
+            accepted = bool(select.select([], [client], [], 0.2)[1])
+        tessctl.run("ping", "telnet").expect(
+            REFUSED, "", "tessctl: 127.0.0.1:23: Connection timed out: tessd takes no connections: is it stuck?\n"
+        )
+
+
 def test_a_serial_line_that_nobody_has_open():
     open("/dev/ttyS1", "wb").close()
     tessctl.run("ping", "com2").expect(
@@ -125,6 +191,11 @@ def test_a_serial_line_that_nobody_has_open():
     )
     output = tessctl.run("ping", "com2", **STRANGER).expect(DONE, errors="").output
     assert output.startswith("/dev/ttyS1 exists; who has it open can only root see"), output
+    os.chmod("/dev/ttyS1", 0o666)
+    with open("/dev/ttyS1", "rb") as line, subprocess.Popen(["sleep", "1000"], stdin=line, **STRANGER) as other:
+        output = tessctl.run("ping", "com2", **STRANGER).expect(DONE, errors="").output
+        assert output.startswith(f"/dev/ttyS1 is open in sleep ({other.pid}); in what else, can only root see ("), output
+        other.kill()
 
 
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM], ids=["SIGINT", "SIGTERM"])
@@ -142,7 +213,9 @@ def test_whoever_is_tired_of_waiting_may_leave(command, number):
 @pytest.mark.slow
 def test_a_daemon_that_does_not_stop():
     with QueueProcess(1001):
-        tessctl.run("stop", within=60).expect(NO_ANSWER, "", f"tessctl: {DAEMON_QUEUE}: tessd has not ended within 30 s\n")
+        tessctl.run("stop", within=60).expect(
+            NO_ANSWER, "", f"tessctl: {DAEMON_QUEUE}: tessd has not ended within 30 s: is it stuck?\n"
+        )
 
 
 def test_a_daemon_that_goes_while_a_program_runs_loses_its_answer(tessd):
@@ -165,10 +238,13 @@ def test_a_daemon_started_anew_that_refuses_is_reported(tessd):
             wait_until(lambda: anew.receive().kind == wire.REGISTER, "it registers again", 10)
             refusal = wire.record(wire.REPLY, b"Max # of registered processes reached\0", tag=0xFFFFFFFF)
             (address,) = set(os.listdir(settings.QUEUE_DIR)) - {"1001"}
-            anew.send(refusal, to=int(address))
-            wait_until(
-                lambda: "tessctl: tessd refuses: Max # of registered processes reached\n" in serve.errors(), "that is said", 10
-            )
+            for _ in range(2):
+                anew.send(refusal, to=int(address))
+                assert anew.receive(10).kind == wire.REGISTER, "it asks again"
+            anew.send(wire.record(wire.REPLY, b"\0"), to=int(address))
+            wait_until(lambda: "CAT has registered again" in serve.errors(), "it registers at last", 10)
+            said = "tessctl: tessd refuses: Max # of registered processes reached: it is asked again every second\n"
+            assert serve.errors().count(said) == 1, serve.errors()
             serve.kill()
             serve.wait()
 
@@ -177,7 +253,7 @@ def test_a_daemon_started_anew_that_does_not_read_is_reported(tessd):
     with tessctl.serving("CAT", "cat") as serve:
         os.kill(serve.pid, signal.SIGSTOP)
         tessd.stop()
-        with QueueProcess(1001), QueueProcess(2001) as process:
+        with QueueProcess(1001) as anew, QueueProcess(2001) as process:
             process.socket.setblocking(False)
             with pytest.raises(BlockingIOError):
                 while True:
@@ -185,5 +261,7 @@ def test_a_daemon_started_anew_that_does_not_read_is_reported(tessd):
             os.kill(serve.pid, signal.SIGCONT)
             said = f"tessctl: not registered again: {DAEMON_QUEUE}: the queue stays full: is tessd stuck?\n"
             wait_until(lambda: said in serve.errors(), "that is said", 20)
+            assert set(message.kind for message in anew.waiting()) == {wire.STOP}
+            assert anew.receive(10).kind == wire.REGISTER, "it asks again"
             serve.kill()
             serve.wait()

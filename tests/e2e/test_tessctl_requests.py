@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import json
+import os
 
 import pytest
 
@@ -61,6 +62,21 @@ def test_check_says_what_is_missing():
     assert report["ok"] is False
     assert [check["name"] for check in report["checks"] if check["ok"]] == ["queue"]
     assert report["checks"][1]["what"] == "/run/tess/queue/1001: No such file or directory: is tessd running?"
+
+
+def test_check_says_that_the_queue_directory_is_closed_to_this_user(tessd):
+    os.chmod(settings.QUEUE_DIR, 0o770)
+    output = tessctl.run("check", user=12345, group=12345, extra_groups=[]).expect(REFUSED, errors="").output
+    assert output.startswith(
+        "FAILED  queue   /run/tess/queue: Permission denied: are you in group tess?\n"
+        "FAILED  daemon  /run/tess/queue/1001: Permission denied: are you in group tess?\n"
+    ), output
+
+
+def test_check_in_json_survives_a_path_that_is_no_text():
+    environment = {**os.environb, b"TESS_QUEUE_DIR": b"/run/\xff"}
+    report = json.loads(tessctl.run("check", "--json", env=environment).expect(REFUSED, errors="").output)
+    assert report["checks"][0]["what"].startswith("/run/\ufffd: No such file or directory"), report
 
 
 def test_check_tells_an_unused_serial_line_from_one_in_other_hands(tessd):
@@ -125,8 +141,12 @@ def test_com2_writes_to_the_serial_line(full_tessd):
 
 
 def test_com2_says_when_the_line_did_not_take_it(tessd):
-    result = tessctl.run("com2", "hello").expect(REFUSED, "")
-    assert result.errors.startswith("tessctl: the serial line did not take it: "), result.errors
+    tessctl.run("com2", "hello").expect(
+        REFUSED,
+        "",
+        "tessctl: /dev/ttyS1: tessd has not written the text: is there a second serial line, does its far end read, and does"
+        " tessd run with the COM2 port?\n",
+    )
     tessctl.run("com2", "x" * 8175).expect(WRONG_USAGE, "", "tessctl: the text is too long, the limit is 8176 bytes with its line end\n")
     tessctl.run("com2").expect(WRONG_USAGE, "")
 
@@ -168,7 +188,7 @@ def test_requests_that_are_not_answered_end(launch):
     with QueueProcess(1001):
         for command in ["com2", "X"], ["reset", "--yes"]:
             tessctl.run(*command).expect(
-                NO_ANSWER, "", f"tessctl: {settings.QUEUE_DIR}/1001: no answer from tessd within 5 s\n"
+                NO_ANSWER, "", f"tessctl: {settings.QUEUE_DIR}/1001: no answer from tessd within 5 s: is it stuck?\n"
             )
 
 

@@ -59,8 +59,8 @@ ExitStatus runCom2(const std::string& text, bool newline)
     daemon.send(MSG_COM2_WRITE, static_cast<std::uint32_t>(::getpid()), static_cast<std::int32_t>(bytes.size()), bytes);
     if (daemon.reply().len == 0) return STATUS_DONE;
     throw TCtlError(STATUS_REFUSED,
-                    "the serial line did not take it: is there a second serial line, does its far end read, "
-                    "and does tessd run with the COM2 port?");
+                    "/dev/ttyS1: tessd has not written the text: is there a second serial line, does its far end "
+                    "read, and does tessd run with the COM2 port?");
 }
 
 ExitStatus runReset(const std::string& reinitHost, bool yes)
@@ -88,7 +88,7 @@ ExitStatus runStop()
         if (stopAsked()) throw TCtlError(STATUS_NO_ANSWER, "interrupted");
         if (std::chrono::steady_clock::now() > deadline)
             throw TCtlError(STATUS_NO_ANSWER, queuePath(TESS_QUEUE_ID) + ": tessd has not ended within " +
-                                                  std::to_string(STOP_PATIENCE.count()) + " s");
+                                                  std::to_string(STOP_PATIENCE.count()) + " s: is it stuck?");
         std::this_thread::sleep_for(BETWEEN_LOOKS);
     }
     return STATUS_DONE;
