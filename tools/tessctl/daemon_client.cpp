@@ -197,7 +197,7 @@ TOrbAttachmentMsg TDaemonClient::replyToRegister()
 try {
     return reply();
 } catch (const TCtlError&) { // tessd may yet come to it
-    const TOrbAttachmentMsg record{.kind = MSG_UNREGISTER, .sender = 0, .tag = 0, .len = 0, .text = {}};
+    TOrbAttachmentMsg record{.kind = MSG_UNREGISTER, .sender = 0, .tag = 0, .len = 0, .text = {}};
     (void)g_qMgr.sendMsg(TESS_QUEUE_ID, &record, static_cast<long>(MSG_HEADER_BYTES), false);
     throw;
 }
