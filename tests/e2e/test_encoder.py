@@ -294,7 +294,7 @@ def test_no_answer_is_lost_while_tessd_is_busy(registered, pretended):
 def test_it_can_be_ended_while_tessd_is_halted(registered, pretended):
     fill_queue_of_tessd(pretended)
     registered.terminate()
-    registered.expect_end(-signal.SIGALRM if not settings.emulated() else 128 + signal.SIGALRM, within=ENDED + 5)
+    registered.expect_end(-signal.SIGALRM, within=ENDED + 5)
 
 
 def test_a_log_that_nobody_reads_any_more_does_not_end_it(start, start_tessd):
