@@ -8,3 +8,5 @@
 inline constexpr TTraceMsg LOG_QUEUE_NOT_OPENED = 250001;
 /// A datagram arrived that is no record: shorter than its four words, or longer than a record.
 inline constexpr TTraceMsg LOG_DATAGRAM_DROPPED = 250002;
+/// The service manager that started the process did not take the message that it is up.
+inline constexpr TTraceMsg LOG_MANAGER_NOT_TOLD = 250006;

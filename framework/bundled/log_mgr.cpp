@@ -1,14 +1,17 @@
 #include "framework/log_mgr.h"
 
 #include "framework/bundled/log_line.h"
+#include "framework/bundled/log_messages.h"
 #include "framework/bundled/queue_fd.h"
 #include "framework/bundled/syslog_socket.h"
 #include "framework/fixed_text.h"
+#include "framework/hr_time_out.h"
 
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
+#include <cstring>
 #include <string_view>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -78,6 +81,13 @@ socklen_t notifyAddress(sockaddr_un& address)
     return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
 }
 
+void logManagerFull(const char* name)
+{
+    FixedText<256> text;
+    text << name << ": " << std::strerror(EAGAIN) << ": the service manager does not read, and was not told READY=1";
+    logMgr.log(LOG_MANAGER_NOT_TOLD, text.c_str());
+}
+
 } // namespace
 
 // The bundled log has no entry limit, level or facility of its own; a line is written or it is not.
@@ -97,9 +107,16 @@ void TLogMgr::initAfterDaemonize()
     const TQueueFd sock(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     timeval patience{}; // a manager that is busy gets a moment, one that hangs does not hold up the start
     patience.tv_sec = 1;
-    ::setsockopt(sock.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
-    (void)::sendto(sock.get(), ready.data(), ready.size(), MSG_NOSIGNAL, reinterpret_cast<const sockaddr*>(&manager),
-                   length); // nobody to tell, nothing to do
+    const bool bounded = ::setsockopt(sock.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience) == 0;
+    const int flags = bounded ? MSG_NOSIGNAL : MSG_NOSIGNAL | MSG_DONTWAIT;
+    const TOrbHRTimeOut end(patience); // after a signal the kernel reckons its own time anew
+    ssize_t sent = 0;
+    do {
+        sent = ::sendto(sock.get(), ready.data(), ready.size(), flags, reinterpret_cast<const sockaddr*>(&manager),
+                        length);
+    } while (sent < 0 && errno == EINTR && !end.hasTimedOut());
+    const bool full = sent < 0 && (errno == EAGAIN || errno == EINTR); // else it is told, or nobody is there
+    if (full) logManagerFull(std::getenv("NOTIFY_SOCKET"));
 }
 
 void TLogMgr::log(TTraceMsg id, const char* text)

@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import contextlib
 import datetime
 import os
 import signal
@@ -123,6 +124,20 @@ def test_ready_is_said_only_when_the_ports_are_open(launch):
 def test_starts_without_a_service_manager(launch):
     tessd = launch(*LOCAL_PORTS, environment={"NOTIFY_SOCKET": None})
     tessd.wait_log(*RUNNING)
+    assert serves_ipc()
+
+
+def test_a_service_manager_that_does_not_read_holds_the_start_up_for_a_second(launch):
+    path = "/run/busy"
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
+        manager.bind(path)
+        with contextlib.suppress(BlockingIOError), socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as another:
+            while True:
+                another.sendto(b"STATUS=", socket.MSG_DONTWAIT, path)
+        tessd = launch(*LOCAL_PORTS, environment={"NOTIFY_SOCKET": path})
+        tessd.wait_log(*RUNNING)
+    said = f"{path}: Resource temporarily unavailable: the service manager does not read, and was not told READY=1"
+    assert tessd.entries()[-2:] == [(250006, said), RUNNING]
     assert serves_ipc()
 
 

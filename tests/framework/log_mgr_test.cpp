@@ -1,16 +1,21 @@
 #include "framework/log_mgr.h"
 
 #include "captured_stderr.h"
+#include "fake_system.h"
 #include "framework/bundled/syslog_socket.h"
 #include "raw_socket.h"
 #include "temp_dir.h"
+#include "tests/support/waiting.h"
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <sstream>
 #include <sys/time.h>
 #include <thread>
@@ -53,6 +58,14 @@ protected:
         const TCapturedStderr captured;
         logMgr.log(id, text.c_str());
         return captured.text();
+    }
+
+    /// Leaves a service manager's socket no room.
+    static void fill(const std::string& path)
+    {
+        const TRawSocket busy;
+        while (busy.sendTo(path, "STATUS=", 7)) {
+        }
     }
 
     TTempDir dir_;
@@ -244,6 +257,63 @@ TEST_F(LogMgr, TellsAServiceManagerWithAnAbstractName)
     ::setenv("NOTIFY_SOCKET", ("@" + name).c_str(), 1);
     logMgr.initAfterDaemonize();
     EXPECT_EQ("READY=1", manager.receive());
+}
+
+TEST_F(LogMgr, SaysSoWhenTheServiceManagerDoesNotReadAndGoesOn)
+{
+    const std::string path = dir_ / "notify";
+    const TRawSocket manager(path);
+    fill(path);
+    ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
+    const TCapturedStderr captured;
+    const auto start = std::chrono::steady_clock::now();
+    logMgr.initAfterDaemonize();
+    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(took.count(), 0.95) << "a manager that is busy gets a second";
+    EXPECT_LT(took.count() * 1000, atMost(3000));
+    EXPECT_THAT(captured.text(),
+                HasSubstr(" 250006 " + path + ": Resource temporarily unavailable: the service manager " +
+                          "does not read, and was not told READY=1\n"));
+}
+
+TEST_F(LogMgr, DoesNotWaitForAServiceManagerWithoutATimeOut)
+{
+    const std::string path = dir_ / "notify";
+    const TRawSocket manager(path);
+    fill(path);
+    ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
+    const fake_system::TRefusedOption refused(SO_SNDTIMEO);
+    const TCapturedStderr captured;
+    logMgr.initAfterDaemonize();
+    EXPECT_THAT(captured.text(), HasSubstr(" 250006 "));
+}
+
+TEST_F(LogMgr, ASignalDoesNotKeepTheServiceManagerFromBeingTold)
+{
+    const std::string path = dir_ / "notify";
+    const TRawSocket manager(path);
+    fill(path);
+    ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
+    static std::atomic<int> signals;
+    signals = 0;
+    struct sigaction action {};
+    struct sigaction before {};
+    action.sa_handler = [](int) { ++signals; };
+    ASSERT_EQ(0, ::sigaction(SIGUSR1, &action, &before));
+    const pthread_t starting = ::pthread_self();
+    std::thread disturbing([&] {
+        while (signals < 5) {
+            ::pthread_kill(starting, SIGUSR1);
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        while (manager.receiveNow() == "STATUS=") {
+        }
+    });
+    logMgr.initAfterDaemonize();
+    disturbing.join();
+    ::sigaction(SIGUSR1, &before, nullptr);
+    EXPECT_GE(signals, 5);
+    EXPECT_EQ("READY=1", manager.receiveNow());
 }
 
 TEST_F(LogMgr, GoesOnQuietlyWithoutAServiceManager)
