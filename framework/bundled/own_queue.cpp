@@ -48,18 +48,29 @@ constexpr int DRAIN_AT_ONCE = 64;
     throw std::runtime_error("queue address " + std::to_string(address) + " is in use");
 }
 
+/// @param error  as lockDirectory() leaves it
+[[noreturn]] void failLock(long address, const std::string& path, int error)
+{
+    std::string why = std::strerror(error);
+    if (error == EWOULDBLOCK)
+        why += ": another process has kept the directory locked for " +
+               std::to_string(LOCK_TRIES * LOCK_TRY_MS / 1000) + " seconds";
+    fail(address, path, why);
+}
+
 int newSocket()
 {
-    const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) return -1;
+    TQueueFd fd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (fd.get() < 0) return -1;
     timeval oneSecond{};
     oneSecond.tv_sec = 1;
-    // With a time-out set, a signal ends the wait even if its handler was installed with SA_RESTART (signal(7)).
-    ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &oneSecond, sizeof oneSecond);
+    // With a time-out set, a signal ends the wait even if its handler was installed with SA_RESTART (signal(7)). Without one
+    // nothing but a record would end it.
+    if (::setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &oneSecond, sizeof oneSecond) != 0) return -1;
     const int bytes = SEND_BUFFER_BYTES;
-    if (::setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &bytes, sizeof bytes) != 0)
-        ::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes); // cut to net.core.wmem_max
-    return fd;
+    if (::setsockopt(fd.get(), SOL_SOCKET, SO_SNDBUFFORCE, &bytes, sizeof bytes) != 0)
+        ::setsockopt(fd.get(), SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes); // cut to net.core.wmem_max
+    return fd.release();
 }
 
 /// Puts another socket behind a descriptor that other threads may be using; they find either the old one or the new one.
@@ -171,7 +182,7 @@ TOwnQueue::FileId TOwnQueue::bindSocket(int fd, long address, const TQueueDirect
     if (!in.socketAddress(address, name)) fail(address, path, "path too long for a socket address");
     in.create();
     const TQueueFd lock(lockDirectory(in));
-    if (lock.get() < 0) fail(address, in.path(), std::strerror(errno));
+    if (lock.get() < 0) failLock(address, in.path(), errno);
     removeStaleFile(address, path, name);
     // The file's mode is the descriptor's less the umask: never wider than wanted, not even for a moment.
     if (::fchmod(fd, SOCKET_MODE) != 0) fail(address, path, std::strerror(errno));

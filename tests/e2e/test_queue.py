@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import array
+import fcntl
 import os
 import socket
 import struct
@@ -11,6 +12,7 @@ import pytest
 
 from harness import proc, settings, wire
 from harness.clients import IpcClient
+from harness.daemon import ERROR_RUNTIME, LOCAL_PORTS
 from harness.queue_process import QueueProcess, queue_path, unbound_sender
 
 DROPPED_ID = 250002
@@ -138,3 +140,16 @@ def test_the_daemons_words_are_in_its_own_byte_order(process):
     process.send(struct.pack(swapped + "IIII", wire.UNREGISTER, 0, 0, 0))
     process.expect_daemon_done()
     assert process.waiting() == []
+
+
+def test_a_directory_that_another_process_keeps_locked_ends_the_start(launch):
+    directory = os.open(settings.QUEUE_DIR, os.O_RDONLY | os.O_DIRECTORY)
+    try:
+        fcntl.flock(directory, fcntl.LOCK_EX)
+        tessd = launch(*LOCAL_PORTS)
+        tessd.expect_end(1)
+    finally:
+        os.close(directory)
+    said = f"queue address 1001: {settings.QUEUE_DIR}: Resource temporarily unavailable: "
+    said += "another process has kept the directory locked for 2 seconds"
+    tessd.expect_entries([(250001, said), ERROR_RUNTIME])

@@ -1,8 +1,12 @@
 #include "framework/bundled/own_queue.h"
 
+#include "framework/bundled/queue_fd.h"
+
 #include "child_process.h"
+#include "fake_system.h"
 #include "queue_test.h"
 #include "raw_socket.h"
+#include "tests/support/waiting.h"
 
 #include <atomic>
 #include <cerrno>
@@ -11,6 +15,7 @@
 #include <fstream>
 #include <memory>
 #include <optional>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <thread>
 
@@ -53,6 +58,14 @@ protected:
     {
         struct stat found {};
         return ::lstat(pathOf(address).c_str(), &found) == 0;
+    }
+
+    /// Locks the queue directory, as somebody does who never comes to an end.
+    TQueueFd lockedDirectory() const
+    {
+        const int fd = ::open(dir_.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (::flock(fd, LOCK_EX | LOCK_NB) != 0) throw std::runtime_error("the directory is locked already");
+        return TQueueFd(fd);
     }
 
     static std::ptrdiff_t openDescriptors()
@@ -194,6 +207,58 @@ TEST_F(OwnQueue, ADirectoryThatIsAFileIsAClearError)
     EXPECT_EQ("queue address 1001: " + file + ": Not a directory", openError(1001));
 }
 
+TEST_F(OwnQueue, ADirectoryThatStaysLockedIsAClearErrorAfterTwoSeconds)
+{
+    const TQueueFd lock = lockedDirectory();
+    const TStopwatch watch;
+    EXPECT_EQ("queue address 1001: " + dir_.path() +
+                  ": Resource temporarily unavailable: another process has kept the " +
+                  "directory locked for 2 seconds",
+              openError(1001));
+    EXPECT_GE(watch.milliseconds(), 2000);
+    EXPECT_LT(watch.milliseconds(), atMost(4000));
+    EXPECT_FALSE(exists(1001));
+}
+
+TEST_F(OwnQueue, OpeningWaitsForTheDirectorysLock)
+{
+    std::thread other([lock = lockedDirectory().release()] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        ::close(lock);
+    });
+    const TStopwatch watch;
+    EXPECT_EQ("", openError(1001));
+    EXPECT_GE(watch.milliseconds(), 50) << "the lock was not waited for";
+    other.join();
+}
+
+TEST_F(OwnQueue, ClosingWhileTheDirectoryStaysLockedLeavesAFileThatTheNextOwnerReplaces)
+{
+    ASSERT_EQ("", openError(1001));
+    {
+        const TQueueFd lock = lockedDirectory();
+        const TStopwatch watch;
+        queue_.close();
+        EXPECT_GE(watch.milliseconds(), 2000);
+        EXPECT_LT(watch.milliseconds(), atMost(4000));
+    }
+    EXPECT_TRUE(exists(1001));
+    const TOrbAttachmentMsg sent = numbered(1);
+    EXPECT_FALSE(TRawSocket().sendTo(pathOf(1001), &sent, 20)) << "nobody is there";
+    EXPECT_EQ("", openError(1001));
+    EXPECT_TRUE(TRawSocket().sendTo(pathOf(1001), &sent, 20));
+}
+
+TEST_F(OwnQueue, WithoutAReceiveTimeOutItDoesNotOpen)
+{
+    {
+        const fake_system::TRefusedOption refused(SO_RCVTIMEO);
+        EXPECT_EQ("queue address 1001: socket: Operation not permitted", openError(1001));
+        EXPECT_FALSE(queue_.isOpen());
+    }
+    EXPECT_EQ("", openError(1001));
+}
+
 TEST_F(OwnQueue, AFailedOpenLeavesNothingBehind)
 {
     const TRawSocket owner(pathOf(1001));
@@ -321,10 +386,13 @@ TEST_F(OwnQueue, OpeningAndClosingInTwoProcessesNeverLeavesAnAddressWithoutItsFi
 {
     const auto openAndClose = [&] {
         TOwnQueue queue;
-        for (int i = 0; i < 300; ++i) {
-            if (!openError(queue, 1001).empty()) continue;
-            if (!exists(1001)) return 1;
+        for (int opened = 0; opened < 100;) {
+            const std::string error = openError(queue, 1001);
+            if (error == "queue address 1001 is in use") continue;
+            if (!error.empty()) return 1;
+            if (!exists(1001)) return 2;
             queue.close();
+            ++opened;
         }
         return 0;
     };
