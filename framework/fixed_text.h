@@ -8,9 +8,11 @@
 #include <span>
 #include <string_view>
 
-/// Copies what fits of `from` into `to` and ends it with a NUL.
-/// @param to  at least one byte
+/// Copies what fits of `from` into `to` and ends it with a NUL. Bytes behind that NUL stay as they are.
+/// @param to    at least one byte; must not overlap `from`
+/// @param from  any bytes, NULs too
 /// @return characters copied, without the NUL; fewer than from.size() means it was cut
+/// Threads: any; also from a signal handler.
 inline std::size_t putText(std::span<char> to, std::string_view from)
 {
     const std::size_t n = std::min(from.size(), to.size() - 1);
@@ -19,8 +21,13 @@ inline std::size_t putText(std::span<char> to, std::string_view from)
     return n;
 }
 
-/// A text composed in place, without allocating, so that a signal handler can use it too. What does not fit is cut.
+/// A text composed in place, without allocating, so that a signal handler can use it too. What does not fit is cut, and
+/// nobody is told.
+/// @tparam Capacity  bytes, the NUL at the end included: the text has one character less
+/// Threads: no lock of its own.
 template <std::size_t Capacity> class FixedText {
+    static_assert(Capacity > 0, "there must be room for the NUL");
+
 public:
     FixedText& operator<<(std::string_view part)
     {
@@ -28,13 +35,21 @@ public:
         return *this;
     }
 
+    /// @param part  not null; up to its NUL
     FixedText& operator<<(const char* part) { return *this << std::string_view(part); }
 
+    /// The character itself; the other integers, of eight bits too, are numbers.
+    FixedText& operator<<(char character) { return *this << std::string_view(&character, 1); }
+
+    /// Decimal, with a minus where there is one.
     template <std::integral Number> FixedText& operator<<(Number number) { return append(number, 10); }
+
+    FixedText& operator<<(bool) = delete; // as what?
 
     /// Lower-case hexadecimal without leading zeros.
     template <std::unsigned_integral Number> FixedText& hex(Number number) { return append(number, 16); }
 
+    /// Ends with a NUL. Both are the object's own: what is put to it later shows, and they go with it.
     const char* c_str() const { return text_.data(); }
     std::string_view view() const { return {text_.data(), length_}; }
 
