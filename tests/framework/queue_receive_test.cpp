@@ -85,6 +85,16 @@ TEST_F(QueueReceive, DropsADatagramThatIsNoRecordAndGoesOn)
     EXPECT_EQ(5, std::count(log.begin(), log.end(), '\n')) << log;
 }
 
+TEST_F(QueueReceive, ADroppedDatagramEndsTheWaitAtOnceWithNothing)
+{
+    ASSERT_TRUE(unbound_.sendTo(pathOf(1001), "short", 5));
+    ASSERT_TRUE(sendRaw(unbound_, numbered(7), 40));
+    const TStopwatch watch;
+    EXPECT_EQ(0, receive(true));
+    EXPECT_LT(watch.milliseconds(), atMost(900));
+    EXPECT_EQ(40, receive(true)) << "what came behind it is next";
+}
+
 TEST_F(QueueReceive, TakesTheShortestAndTheLongestRecord)
 {
     for (const std::size_t size : {MSG_HEADER_BYTES, MSG_RECORD_BYTES}) {

@@ -2,6 +2,7 @@
 #include "framework/bundled/queue_sender.h"
 
 #include "child_process.h"
+#include "fake_system.h"
 #include "queue_test.h"
 #include "raw_socket.h"
 #include "tests/support/allocation_count.h"
@@ -23,7 +24,7 @@ static_assert(std::is_same_v<decltype(&TQueueMgr::sendMsg), long (TQueueMgr::*)(
 static_assert(
     std::is_same_v<decltype(&TQueueMgr::getMsg), long (TQueueMgr::*)(TOrbAttachmentMsg*, TMsgQueueTypes, bool)>);
 
-constexpr long PATIENCE_MS = TQueueSender::PATIENCE.count();
+constexpr long PATIENCE_MS = 250;
 
 class QueueSend : public TQueueTest {
 protected:
@@ -488,12 +489,13 @@ TEST_F(QueueSend, AProcessMaySendToItselfAsMuchAsItsBacklogHolds)
     EXPECT_EQ(0, send(1001, 1)) << "room again";
 }
 
-TEST_F(QueueSend, SendingAndReceivingAllocateNothing)
+TEST_F(QueueSend, SendingAndReceivingAllocateOnlyForWhatIsTakenAsideWhileACallWaits)
 {
     const TQuietProc proc(1001);
     TOrbAttachmentMsg msg = numbered(1);
     long failed = 0;
     const unsigned before = allocationCount();
+    const unsigned mallocsBefore = fake_system::mallocCount();
     for (int i = 0; i < 100; ++i) {
         failed += g_qMgr.sendMsg(1001, &msg, 8192, false);
         failed += g_qMgr.getMsg(&msg, MSG_QUEUE_ALL, true) == 8192 ? 0 : 1;
@@ -501,7 +503,13 @@ TEST_F(QueueSend, SendingAndReceivingAllocateNothing)
         failed += g_qMgr.getMsg(&msg, MSG_QUEUE_ALL, false);
     }
     EXPECT_EQ(before, allocationCount());
+    EXPECT_EQ(mallocsBefore, fake_system::mallocCount());
     EXPECT_EQ(0, failed);
+
+    ASSERT_EQ(0, g_qMgr.sendMsg(1001, &msg, 16, false));
+    ASSERT_EQ(TOwnQueue::Drained::records, ownQueue.drain());
+    EXPECT_EQ(before, allocationCount());
+    EXPECT_LT(mallocsBefore, fake_system::mallocCount());
 }
 
 TEST_F(QueueSend, ADeadDestinationRaisesNoSignal)

@@ -1,5 +1,6 @@
 #include "framework/version_re_init.h"
 
+#include "fake_system.h"
 #include "temp_dir.h"
 
 #include <cinttypes>
@@ -83,10 +84,26 @@ TEST_F(VersionReInit, FailsForAFileThatMayNotBeExecuted)
 TEST_F(VersionReInit, AnEmptyVariableMeansTheUsualProgram)
 {
     if (::access("/usr/lib/tess/version-reinit", F_OK) == 0) GTEST_SKIP() << "this machine has the usual program";
+    choose("#!/bin/sh\nexit 0\n");
+    ASSERT_EQ(0, versionReInit());
+    ASSERT_EQ(dir_ / "program", fake_system::spawnedProgram());
     ::setenv("TESS_REINIT", "", 1);
     EXPECT_NE(0, versionReInit());
+    EXPECT_EQ("/usr/lib/tess/version-reinit", fake_system::spawnedProgram());
+    choose("#!/bin/sh\nexit 0\n");
+    ASSERT_EQ(0, versionReInit());
     ::unsetenv("TESS_REINIT");
     EXPECT_NE(0, versionReInit());
+    EXPECT_EQ("/usr/lib/tess/version-reinit", fake_system::spawnedProgram());
+}
+
+TEST_F(VersionReInit, FailsWhenTheEndOfChildrenIsIgnored)
+{
+    choose("#!/bin/sh\nexit 0\n");
+    const auto before = std::signal(SIGCHLD, SIG_IGN);
+    EXPECT_NE(0, versionReInit());
+    std::signal(SIGCHLD, before);
+    EXPECT_EQ(0, versionReInit());
 }
 
 TEST_F(VersionReInit, GivesNoArgumentsAndWaitsForTheEnd)
