@@ -10,10 +10,11 @@ public:
     /// Unarmed, which counts as timed out.
     TOrbHRTimeOut() = default;
 
-    /// Armed: times out `span` from now.
+    /// Armed, as by setTimeOut().
     explicit TOrbHRTimeOut(const timeval& span) { setTimeOut(span); }
 
     /// Arms it afresh: times out `span` from now, whatever it was before.
+    /// @param span  seconds and microseconds, of which there may be more than a million; zero and less are over at once
     void setTimeOut(const timeval& span);
 
     /// @return true when the time is over, or when it was never armed

@@ -3,23 +3,33 @@
 /// Numeric identifier of a log message, fixed per message.
 using TTraceMsg = int;
 
-/// The process's log: one line a call.
+/// The process's log: one line a call, in one write(2):
+///
+///     2026-11-21T05:15:00.123Z    [TESS] 51000 Command listener daemon running
+///
+/// UTC with milliseconds, the tag, the identifier, the text. Lines go to standard error; with TESS_LOG=syslog in the
+/// environment to the datagram socket /dev/log in its place (RFC 3164: facility daemon, severity information), and to
+/// standard error only what that does not take at once; with TESS_LOG=both to both.
 class TLogMgr {
 public:
-    /// Sets how lines look; call once, before the first line and before other threads run.
+    /// Sets how lines look, and looks at TESS_LOG; until then there is no tag, and lines go to standard error. Call once,
+    /// before other threads run.
     /// @param maxEntries  the framework's own, passed as given
     /// @param level       the framework's own, passed as given
     /// @param tag         printed in front of the identifier as it stands, leading blanks included; must outlive the log
     /// @param facility    the framework's own, passed as given
     void setLogParameters(int maxEntries, int level, const char* tag, int facility);
 
-    /// Tells whoever started the process that it is up (sd_notify(3), READY=1). Call once, from the main thread.
+    /// Tells whoever started the process that it is up: READY=1 to the datagram socket that NOTIFY_SOCKET names
+    /// (sd_notify(3)); does nothing without one. Waits up to 2 seconds for room in a full one, then logs that it could not.
+    /// Call once, from the main thread.
     void initAfterDaemonize();
 
-    /// Writes one line. Line ends inside the text become blanks; a text that is too long for a line is cut.
-    /// Takes no lock, allocates nothing, keeps errno. A line that cannot be written is dropped.
+    /// Writes one line. Line ends inside the text become blanks; a line of more than 4095 characters is cut.
+    /// Takes no lock, allocates nothing, keeps errno. A line that cannot be written is dropped. It waits as write(2) does,
+    /// and like it raises SIGPIPE when standard error is a pipe that nobody reads any more: ignore or handle that signal.
     /// @param id    identifier of the message
-    /// @param text  NUL-terminated; stays the caller's
+    /// @param text  NUL-terminated, not null; stays the caller's
     /// Threads: any; also from a signal handler (signal-safety(7)).
     void log(TTraceMsg id, const char* text);
 };

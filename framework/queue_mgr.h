@@ -8,6 +8,8 @@ enum TMsgQueueTypes : int {
 };
 
 /// The process's access to the message queues: its own queue, once a TMsgProc has opened it, and everybody else's.
+/// A forked child sends as its parent does, and when it calls getMsg() each record goes to one of the two; what the parent
+/// had taken aside stays the parent's. It never waits for a thread that it does not have.
 class TQueueMgr {
 public:
     /// Takes the next record of this process's own queue, in order of arrival.
@@ -17,20 +19,25 @@ public:
     /// @param type  MSG_QUEUE_ALL
     /// @param wait  true: sleeps until a record comes, a signal arrives or at most one second has passed;
     ///              false: looks once
-    /// @return bytes received (16 to 8192); 0 nothing came; negative on an error, or when no queue is open
-    /// Threads: one thread at a time.
+    /// @return bytes received (16 to 8192); 0 nothing came, also at once for a datagram that was no record (dropped, with a
+    ///         log line), and then `msg` may have been zeroed; negative on an error, told by errno (recvmsg(2)): EBADF when
+    ///         no queue is open. That comes at once, also with `wait`: a loop must end on it
+    /// Threads: one thread at a time; sendMsg() may run meanwhile.
     long getMsg(TOrbAttachmentMsg* msg, TMsgQueueTypes type, bool wait);
 
     /// Puts a copy of a record into the queue of another process.
-    /// Does not raise SIGPIPE. While it waits it takes records that arrive on this process's own queue aside; getMsg()
-    /// hands those out first.
+    /// Does not raise SIGPIPE, and a signal does not end it: its handler runs, and the call goes on waiting. While it waits
+    /// it takes records that arrive on this process's own queue aside, up to 16 MiB of them; getMsg() hands those out first.
     /// @param address  queue address, 1 to 2147483647
-    /// @param msg      stays the caller's
+    /// @param msg      stays the caller's, and as it is; the sender word need not be set
     /// @param length   bytes to send: header and text; above 8192 is taken as 8192, below 16 is an error
-    /// @param wait     what happens when the destination's queue is full. true: waits for room. false: waits 250 ms at
-    ///                 most, and once that has run out further calls to this destination fail at once until it has room
-    /// @return 0 the record is in the destination's queue; nonzero it is not: no such queue, its owner is gone, no room
-    /// Threads: any.
+    /// @param wait     what happens when the destination's queue is full. true: waits for room, however long; but gives up
+    ///                 when nothing more can be taken aside (16 MiB are full, or memory is short) and nothing has moved for
+    ///                 250 ms. false: waits 250 ms at most, and once that has run out further calls to this destination
+    ///                 fail at once until it has room
+    /// @return 0 the record is in the destination's queue; nonzero it is not: no such queue, its owner is gone, no room, no
+    ///         right to send there. errno does not tell which
+    /// Threads: any, several at once; not from a signal handler.
     long sendMsg(long address, TOrbAttachmentMsg* msg, long length, bool wait);
 };
 

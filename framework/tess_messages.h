@@ -8,18 +8,30 @@
 /// Queue address of tessd.
 inline constexpr long TESS_QUEUE_ID = 1001;
 
-/// Kinds of a TOrbAttachmentMsg. "to tessd" and "from tessd" say who sends it.
+/// Kinds of a TOrbAttachmentMsg. "to tessd" and "from tessd" say who sends it. docs/processes.md has the texts.
 enum TessMessageKind : std::uint32_t {
-    MSG_STOP = 100,       ///< to tessd: end
-    MSG_TEXT = 101,       ///< from tessd: a command; text is the command, a LF and a NUL; tag goes back in MSG_REPLY
-    MSG_REPLY = 102,      ///< to tessd: answer to a command, tag as received, text NUL-terminated;
-                          ///< from tessd: its answer to kinds 200, 201, 203 and 205
-    MSG_REGISTER = 200,   ///< to tessd: text bytes 0-3 port mask (unsigned 32-bit, host order), then the name with NUL
-    MSG_UNREGISTER = 201, ///< to tessd: the sender wants no more commands
-    MSG_CLOSE_ALL = 202,  ///< to tessd: close all connections
-    MSG_COM2_WRITE = 203, ///< to tessd: write len bytes of text to the COM2 line
-    MSG_CLOSE_TELNET = 204, ///< to tessd: close all telnet connections
-    MSG_RESET = 205,        ///< to tessd: text is a RESET command line
+    /// To tessd: end. No answer.
+    MSG_STOP = 100,
+    /// From tessd: a command; text is the command, a LF and a NUL; tag goes back in MSG_REPLY.
+    MSG_TEXT = 101,
+    /// To tessd: answer to a command, tag as received, text NUL-terminated. From tessd: its answer to kinds 200, 201, 203
+    /// and 205.
+    MSG_REPLY = 102,
+    /// To tessd: text bytes 0-3 port mask (unsigned 32-bit, host order), then the name with NUL.
+    /// Answer: tag 0 done, 0xFFFFFFFF refused; text says why.
+    MSG_REGISTER = 200,
+    /// To tessd: the sender wants no more commands. Answer: as to MSG_REGISTER.
+    MSG_UNREGISTER = 201,
+    /// To tessd: close all connections. No answer.
+    MSG_CLOSE_ALL = 202,
+    /// To tessd: write len bytes of text, 0 to 8176, to the COM2 line.
+    /// Answer: tag as received; len 0 written, 1 not, and then its kind may be an earlier answer's.
+    MSG_COM2_WRITE = 203,
+    /// To tessd: close all telnet connections. No answer.
+    MSG_CLOSE_TELNET = 204,
+    /// To tessd: restart the device; text, NUL-terminated, is "RESET", or "RESET REINIT" and the host name, with blanks
+    /// between. Answer: text "OK" or an error, cut to the request's length; tag and len say nothing.
+    MSG_RESET = 205,
 };
 
 /// Kinds of command port, as bits: a process registers for a mask of them.

@@ -13,6 +13,7 @@
 #include <csignal>
 #include <limits>
 #include <memory>
+#include <pthread.h>
 #include <thread>
 #include <type_traits>
 #include <vector>
@@ -261,6 +262,37 @@ TEST_F(QueueSend, AnUnboundedWaitEndsWhenThereIsRoom)
     reader.join();
     for (std::uint32_t i = 1; i <= taken; ++i)
         EXPECT_EQ(i, tagOf(peer.receive()));
+}
+
+TEST_F(QueueSend, ASignalEndsNeitherWait)
+{
+    const TQuietProc proc(1001);
+    const TRawSocket peer(pathOf(2001));
+    fillAtOnce(2001, 64);
+    static std::atomic<int> signals;
+    signals = 0;
+    struct sigaction action {};
+    struct sigaction before {};
+    action.sa_handler = [](int) { ++signals; };
+    ASSERT_EQ(0, ::sigaction(SIGUSR1, &action, &before));
+    const pthread_t waiting = ::pthread_self();
+    std::atomic<bool> reading{false};
+    std::thread disturbing([&] {
+        while (!reading || signals < 10) {
+            ::pthread_kill(waiting, SIGUSR1);
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        (void)peer.receiveNow();
+    });
+    const TStopwatch watch;
+    EXPECT_NE(0, send(2001, 1));
+    EXPECT_GE(watch.milliseconds(), PATIENCE_MS);
+    signals = 0;
+    reading = true;
+    EXPECT_EQ(0, send(2001, 1, 64, true));
+    EXPECT_GE(signals, 10) << "before there was room";
+    disturbing.join();
+    ::sigaction(SIGUSR1, &before, nullptr);
 }
 
 TEST_F(QueueSend, AnUnboundedWaitEndsWhenTheOwnerIsKilled)
