@@ -249,6 +249,17 @@ def test_a_daemon_started_anew_that_refuses_is_reported(tessd):
             serve.wait()
 
 
+def test_what_has_unregistered_does_not_ask_again(tessd):
+    with tessctl.serving("CAT", "cat") as serve:
+        tessd.stop()
+        with QueueProcess(1001) as anew:
+            wait_until(lambda: anew.receive().kind == wire.REGISTER, "it registers again", 10)
+            serve.terminate()
+            wait_until(lambda: anew.receive().kind == wire.UNREGISTER, "it unregisters", 10)
+            assert serve.wait(20 * settings.SLOW) == DONE  # the answer does not come
+            assert not anew.waiting()
+
+
 def test_a_daemon_started_anew_that_does_not_read_is_reported(tessd):
     with tessctl.serving("CAT", "cat") as serve:
         os.kill(serve.pid, signal.SIGSTOP)
