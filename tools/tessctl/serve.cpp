@@ -45,7 +45,7 @@ public:
     ~EventFd() { ::close(fd_); }
 
     int fd() const { return fd_; }
-    void set() { (void)::eventfd_write(fd_, 1); } // it can only be set already
+    void set() const { (void)::eventfd_write(fd_, 1); } // it can only be set already
     bool isSet() const
     {
         pollfd event{fd_, POLLIN, 0};
