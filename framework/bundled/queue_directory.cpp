@@ -79,7 +79,7 @@ const TQueueDirectory& TQueueDirectory::fromEnvironment()
     for (;;) {
         for (const KnownDirectory* known = front; known != nullptr; known = known->next)
             if (known->directory.path() == name) return known->directory;
-        auto fresh = std::make_unique<const KnownDirectory>(TQueueDirectory(name), front);
+        std::unique_ptr<const KnownDirectory> fresh(new KnownDirectory{TQueueDirectory(name), front});
         if (knownDirectories.compare_exchange_strong(front, fresh.get())) return fresh.release()->directory;
     }
 }
