@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import os
 import signal
 import termios
 import threading
@@ -12,7 +13,7 @@ import pytest
 
 from harness import com2, proc, settings, wire
 from harness.clients import IpcClient, XcpClient
-from harness.com2 import CC, CFLAG, IFLAG, ISPEED, LFLAG, MUTE_SECONDS, OFLAG, OSPEED, SerialCable, SerialLine
+from harness.com2 import CC, CFLAG, DEVICE, IFLAG, ISPEED, LFLAG, MUTE_SECONDS, OFLAG, OSPEED, SerialCable, SerialLine
 from harness.daemon import CLOSING_ALL, Daemon
 from harness.queue_process import AnsweringProcess, QueueProcess
 from harness.reply_model import ReplyRecord
@@ -171,9 +172,10 @@ def test_the_line_gets_its_settings_back_at_the_end(line, launch):
 
 
 def test_what_was_typed_before_the_start_is_thrown_away(line, launch):
-    line.type(b"typed before\r")
+    near_end = os.open(DEVICE, os.O_RDWR | os.O_NOCTTY)
+    line.ask(b"typed before", b"typed before\r\n")  # the line's own echo: it has arrived
     launch(*LINE_AND_SOCKETS).wait_running()
-    line.expect(b"typed before\r\n", within=1)  # the line's own echo, from before
+    os.close(near_end)
     with QueueProcess(2001) as process:
         process.register(b"ENC")
         line.expect_nothing_more()
