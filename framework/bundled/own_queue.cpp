@@ -3,6 +3,7 @@
 #include "framework/bundled/log_messages.h"
 #include "framework/bundled/queue_fd.h"
 #include "framework/fixed_text.h"
+#include "framework/hr_time_out.h"
 #include "framework/sleep.h"
 
 #include <cerrno>
@@ -28,7 +29,7 @@ namespace {
 static_assert(std::is_trivially_destructible_v<TOwnQueue>);
 
 constexpr mode_t SOCKET_MODE = 0660;
-constexpr int LOCK_TRIES = 200;
+constexpr int LOCK_PATIENCE_S = 2;
 constexpr int LOCK_TRY_MS = 10;
 
 /// What a socket has sent and nobody has taken counts against its send buffer: 32 full queues of full-size records take
@@ -53,8 +54,7 @@ constexpr int DRAIN_AT_ONCE = 64;
 {
     std::string why = std::strerror(error);
     if (error == EWOULDBLOCK)
-        why += ": another process has kept the directory locked for " +
-               std::to_string(LOCK_TRIES * LOCK_TRY_MS / 1000) + " seconds";
+        why += ": another process has kept the directory locked for " + std::to_string(LOCK_PATIENCE_S) + " seconds";
     fail(address, path, why);
 }
 
@@ -87,8 +87,11 @@ int lockDirectory(const TQueueDirectory& directory)
 {
     TQueueFd fd(::open(directory.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (fd.get() < 0) return -1;
-    for (int tries = 0; ::flock(fd.get(), LOCK_EX | LOCK_NB) != 0; ++tries) {
-        if (errno != EWOULDBLOCK || tries == LOCK_TRIES) return -1;
+    timeval patience{};
+    patience.tv_sec = LOCK_PATIENCE_S;
+    const TOrbHRTimeOut end(patience);
+    while (::flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
+        if (errno != EWOULDBLOCK || end.hasTimedOut()) return -1;
         Sleep(LOCK_TRY_MS);
     }
     return fd.release();

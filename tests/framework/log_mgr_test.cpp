@@ -301,19 +301,21 @@ TEST_F(LogMgr, ASignalDoesNotKeepTheServiceManagerFromBeingTold)
     action.sa_handler = [](int) { ++signals; };
     ASSERT_EQ(0, ::sigaction(SIGUSR1, &action, &before));
     const pthread_t starting = ::pthread_self();
+    std::string other;
     std::thread disturbing([&] {
         while (signals < 5) {
             ::pthread_kill(starting, SIGUSR1);
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
-        while (manager.receiveNow() == "STATUS=") {
+        while ((other = manager.receiveNow()) == "STATUS=") {
         }
     });
     logMgr.initAfterDaemonize();
     disturbing.join();
     ::sigaction(SIGUSR1, &before, nullptr);
     EXPECT_GE(signals, 5);
-    EXPECT_EQ("READY=1", manager.receiveNow());
+    if (other != "READY=1") other = manager.receiveNow();
+    EXPECT_EQ("READY=1", other);
 }
 
 TEST_F(LogMgr, GoesOnQuietlyWithoutAServiceManager)

@@ -268,6 +268,7 @@ TEST_F(QueueSend, ASignalEndsNeitherWait)
 {
     const TQuietProc proc(1001);
     const TRawSocket peer(pathOf(2001));
+    ASSERT_EQ(0, send(2001, 0)) << "not stuck, whatever an earlier test has found";
     fillAtOnce(2001, 64);
     static std::atomic<int> signals;
     signals = 0;
