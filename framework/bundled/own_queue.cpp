@@ -238,6 +238,10 @@ void TOwnQueue::forget()
 
 void TOwnQueue::startInForkedChild()
 {
+    {
+        const std::unique_lock lock(receiveLock_, std::try_to_lock);
+        if (lock.owns_lock()) backlog_.clear();
+    }
     // The one thread here was in no section that they guard. What another one was changing there may be half done.
     std::construct_at(&openLock_);
     std::construct_at(&receiveLock_);
