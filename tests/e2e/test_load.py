@@ -241,12 +241,13 @@ def test_close_all_while_clients_come_and_go_keeps_count_of_them(tessd, opened):
     def come_and_go() -> None:
         while not ending.is_set():
             with contextlib.suppress(OSError), opened() as client:
+                client.socket.settimeout(0.5)
                 client.socket.recv(1)  # until the daemon closes
 
     def close_all() -> None:
         try:
             with QueueProcess(2001) as process:
-                for _ in range(300):
+                for _ in range(round(300 / settings.SLOW)):
                     process.send(wire.record(wire.CLOSE_ALL))
                     process.expect_daemon_done()
         finally:

@@ -98,7 +98,7 @@ def test_the_device_restarts_after_five_seconds_and_is_served_until_then(start_i
         with contextlib.suppress(AssertionError, OSError):
             while watch.seconds() < 20 * settings.SLOW:
                 client.send(b"s3.ENC X\n")
-                process.reply(process.expect_command(b"X").tag, b"5\r\n\r\n")
+                process.reply(process.expect_command(b"X", within=1).tag, b"5\r\n\r\n")
                 client.expect(b"5\r\n\r\n")
                 other.expect_nothing_more()
                 served += 1

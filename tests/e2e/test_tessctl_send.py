@@ -148,9 +148,8 @@ def test_lines_that_are_not_waited_for_never_make_a_burst_that_is_thrown_away(te
         process.register(b"ENC")
         lines = [f"X{number}" + "x" * 400 for number in range(4)]
         with tessctl.held(tessd):
-            wait = str(2 * settings.SLOW)
             sending = subprocess.Popen(
-                [tessctl.PROGRAM, "send", "-p", port, "--wait", wait, *(f"s3.ENC {line}" for line in lines)], stderr=errors
+                [tessctl.PROGRAM, "send", "-p", port, "--wait", "1.5", *(f"s3.ENC {line}" for line in lines)], stderr=errors
             )
             wait_until(lambda: open("/tmp/errors", encoding="utf-8").read().count("no answer to") == 2, "two are sent", 10)
             assert sending.poll() is None
