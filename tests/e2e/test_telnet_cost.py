@@ -61,8 +61,8 @@ def test_ten_clients_in_the_middle_of_a_line_use_at_most_one_percent_of_a_proces
     assert share <= MOST_SHARE, f"{100 * share:.2f} % of a processor"
 
 
-ROUNDS = 3
-ASKED = 200  # times in each round
+FEWEST_ROUNDS, MOST_ROUNDS = 3, 30
+ASKED = 100  # times in each round
 MOST_SLOWDOWN = 1.5
 
 
@@ -76,37 +76,46 @@ def round_trip(client: Client) -> float:
     return statistics.median(times)
 
 
-def slowdown() -> dict[str, float]:
-    """By how much nine idle clients on each port multiply the round trip of a tenth; the two are measured by turns."""
-    asking: dict[str, Client] = {}
-    alone: dict[str, list[float]] = {}
-    in_company: dict[str, list[float]] = {}
-    with contextlib.ExitStack() as stack:
-        for name, opened in (("telnet", TelnetClient), ("IPC", IpcClient), ("XCP", XcpClient)):
-            asking[name] = stack.enter_context(opened())
-        asking["telnet"].log_in()
-        for _ in range(ROUNDS):
-            for name, client in asking.items():
-                alone.setdefault(name, []).append(round_trip(client))
-            with contextlib.ExitStack() as company:
-                for _ in range(9):
-                    company.enter_context(TelnetClient()).log_in()
-                    for opened in (IpcClient, XcpClient):
-                        company.enter_context(opened()).expect_nothing_more()
-                for name, client in asking.items():
-                    in_company.setdefault(name, []).append(round_trip(client))
-            for client in asking.values():  # the nine have been removed
-                client.expect_nothing_more()
-                client.expect_nothing_more()
-    return {name: min(in_company[name]) / min(alone[name]) for name in asking}
+class Slowdown:
+    """By how much nine idle clients on each port multiply the round trip of a tenth. The two are measured by turns, and the best
+    round of each counts: what else the machine does takes no part in it."""
+
+    def __init__(self, asking: dict[str, Client]) -> None:
+        self._asking = asking
+        self._alone: dict[str, list[float]] = {name: [] for name in asking}
+        self._in_company: dict[str, list[float]] = {name: [] for name in asking}
+
+    def measure(self) -> None:
+        """One round."""
+        for name, client in self._asking.items():
+            self._alone[name].append(round_trip(client))
+        with contextlib.ExitStack() as company:
+            for _ in range(9):
+                company.enter_context(TelnetClient()).log_in()
+                for opened in (IpcClient, XcpClient):
+                    company.enter_context(opened()).expect_nothing_more()
+            for name, client in self._asking.items():
+                self._in_company[name].append(round_trip(client))
+        for client in self._asking.values():  # the nine have been removed
+            client.expect_nothing_more()
+            client.expect_nothing_more()
+
+    def result(self) -> dict[str, float]:
+        return {name: min(self._in_company[name]) / min(self._alone[name]) for name in self._asking}
 
 
 @plain_only
 @pytest.mark.deadline(180)
 def test_nine_idle_clients_on_each_port_hardly_slow_a_tenth_down(socket_tessd, record_property):
-    with AnsweringProcess(2001, b"ENC", lambda _command: b"5\r\n\r\n"):
-        tries = []
-        while len(tries) < 3 and not any(max(each.values()) <= MOST_SLOWDOWN for each in tries):
-            tries.append(slowdown())
-    record_property("slowdown", str(tries))
-    assert any(max(each.values()) <= MOST_SLOWDOWN for each in tries), f"slowed down by {tries}"
+    with contextlib.ExitStack() as stack:
+        stack.enter_context(AnsweringProcess(2001, b"ENC", lambda _command: b"5\r\n\r\n"))
+        asking = {name: stack.enter_context(opened()) for name, opened in
+                  (("telnet", TelnetClient), ("IPC", IpcClient), ("XCP", XcpClient))}
+        asking["telnet"].log_in()
+        slowdown = Slowdown(asking)
+        rounds = 0
+        while rounds < FEWEST_ROUNDS or (rounds < MOST_ROUNDS and max(slowdown.result().values()) > MOST_SLOWDOWN):
+            slowdown.measure()
+            rounds += 1
+    record_property("slowdown", f"{slowdown.result()} after {rounds} rounds")
+    assert max(slowdown.result().values()) <= MOST_SLOWDOWN, f"slowed down by {slowdown.result()} in {rounds} rounds"
