@@ -64,6 +64,19 @@ protected:
     /// From now on the connection cannot send, as when a client that does not read has filled its way, but at once.
     void blockWayToClient() const { ASSERT_EQ(::shutdown(conn.fd, SHUT_WR), 0); }
 
+    /// Nobody answers.
+    void expectEchoSwitchOfASecond()
+    {
+        InBackground switching([this] {
+            conn.setEcho(0);
+            return 0;
+        });
+        switching.wait();
+        EXPECT_GE(switching.wallMs(), 1000);
+        EXPECT_LT(switching.wallMs(), atMost(1900));
+        EXPECT_LT(switching.cpuMs(), atMost(100));
+    }
+
     std::unique_ptr<TcpPair> pair;
     TTelnetConn conn{2, 0xAA01'0000};
     int result = 0; ///< of the last read
@@ -525,27 +538,14 @@ TEST_F(TelnetConn, SwitchesTheClientsEchoInLinemodeAndWaitsForItsAnswer)
 TEST_F(TelnetConn, WaitsASecondOfSilenceForTheAnswerToAnEchoSwitch)
 {
     conn.lineMode = 1;
-    InBackground switching([&] {
-        conn.setEcho(0);
-        return 0;
-    });
-    switching.wait();
-    EXPECT_GE(switching.wallMs(), 1000);
-    EXPECT_LT(switching.wallMs(), atMost(1900));
-    EXPECT_LT(switching.cpuMs(), atMost(100));
+    expectEchoSwitchOfASecond();
 }
 
 TEST_F(TelnetConn, WaitsForTheAnswerToAnEchoSwitchThatDidNotGetOutToo)
 {
     conn.lineMode = 1;
     blockWayToClient();
-    InBackground switching([&] {
-        conn.setEcho(0);
-        return 0;
-    });
-    switching.wait();
-    EXPECT_GE(switching.wallMs(), 1000);
-    EXPECT_LT(switching.wallMs(), atMost(1900));
+    expectEchoSwitchOfASecond();
 }
 
 TEST_F(TelnetConn, EndsTheWaitForTheAnswerToAnEchoSwitchAtData)

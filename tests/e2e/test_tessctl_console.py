@@ -8,6 +8,7 @@ import pytest
 
 from harness import tessctl
 from harness.queue_process import QueueProcess
+from harness.terminal import Terminal
 from harness.tessctl import DONE, NO_CONNECTION, WRONG_USAGE
 
 pytestmark = tessctl.needs_tessctl
@@ -53,37 +54,38 @@ def test_an_answer_appears_above_the_line_being_typed(tessd):
         leave(terminal)
 
 
-def test_lines_come_back_from_the_history_also_the_next_time(echo):
+def type_to_remember() -> Terminal:
     terminal = tessctl.on_terminal("console")
     terminal.expect(PROMPT)
     terminal.type(b"s3.ECHO remembered\r")
     terminal.expect(b"\x1b[Jremembered\r\n")
+    return terminal
+
+
+def expect_remembered() -> None:
+    """By another console than the one that it was typed into."""
+    terminal = tessctl.on_terminal("console")
+    terminal.expect(PROMPT)
+    terminal.type(UP)
+    terminal.expect(b"s3.ECHO remembered")
+    terminal.type(b"\r")
+    terminal.expect(b"\x1b[Jremembered\r\n")
+    leave(terminal)
+
+
+def test_lines_come_back_from_the_history_also_the_next_time(echo):
+    terminal = type_to_remember()
     terminal.expect(PROMPT)
     leave(terminal)
     assert os.path.exists("/tmp/.tessctl_history")
-    terminal = tessctl.on_terminal("console")
-    terminal.expect(PROMPT)
-    terminal.type(UP)
-    terminal.expect(b"s3.ECHO remembered")
-    terminal.type(b"\r")
-    terminal.expect(b"\x1b[Jremembered\r\n")
-    leave(terminal)
+    expect_remembered()
 
 
 def test_the_history_outlives_an_interruption(echo):
-    terminal = tessctl.on_terminal("console")
-    terminal.expect(PROMPT)
-    terminal.type(b"s3.ECHO remembered\r")
-    terminal.expect(b"\x1b[Jremembered\r\n")
+    terminal = type_to_remember()
     terminal.type(b"\x03")  # Ctrl-C
     assert terminal.expect_end() != DONE
-    terminal = tessctl.on_terminal("console")
-    terminal.expect(PROMPT)
-    terminal.type(UP)
-    terminal.expect(b"s3.ECHO remembered")
-    terminal.type(b"\r")
-    terminal.expect(b"\x1b[Jremembered\r\n")
-    leave(terminal)
+    expect_remembered()
 
 
 def test_words_are_completed(echo):

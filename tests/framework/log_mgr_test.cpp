@@ -4,6 +4,7 @@
 #include "fake_system.h"
 #include "framework/bundled/syslog_socket.h"
 #include "raw_socket.h"
+#include "signal_counter.h"
 #include "temp_dir.h"
 #include "tests/support/waiting.h"
 
@@ -150,11 +151,7 @@ TEST_F(LogMgr, KeepsErrno)
 
 TEST_F(LogMgr, LinesFromASignalHandlerAndFromThreadsStayWhole)
 {
-    struct sigaction action {};
-    struct sigaction before {};
-    action.sa_handler = [](int) { logMgr.log(51001, "from the handler"); };
-    action.sa_flags = SA_RESTART;
-    ASSERT_EQ(0, ::sigaction(SIGALRM, &action, &before));
+    const TSignalCounter alarms(SIGALRM, SA_RESTART, [] { logMgr.log(51001, "from the handler"); });
     const TCapturedStderr captured;
     itimerval everyMillisecond{};
     everyMillisecond.it_interval.tv_usec = everyMillisecond.it_value.tv_usec = 1'000;
@@ -170,7 +167,6 @@ TEST_F(LogMgr, LinesFromASignalHandlerAndFromThreadsStayWhole)
     ::raise(SIGALRM);
     const itimerval off{};
     ::setitimer(ITIMER_REAL, &off, nullptr);
-    ::sigaction(SIGALRM, &before, nullptr);
 
     const auto fromTheHandler = Matches(MatchesRegex(std::string(isoTime) + "    \\[TEST\\] 51001 from the handler"));
     const auto fromAThread = Matches(MatchesRegex(std::string(isoTime) + "    \\[TEST\\] 51002 from a thread"));
@@ -294,16 +290,11 @@ TEST_F(LogMgr, ASignalDoesNotKeepTheServiceManagerFromBeingTold)
     const TRawSocket manager(path);
     fill(path);
     ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
-    static std::atomic<int> signals;
-    signals = 0;
-    struct sigaction action {};
-    struct sigaction before {};
-    action.sa_handler = [](int) { ++signals; };
-    ASSERT_EQ(0, ::sigaction(SIGUSR1, &action, &before));
+    const TSignalCounter signals(SIGUSR1);
     const pthread_t starting = ::pthread_self();
     std::string other;
     std::thread disturbing([&] {
-        while (signals < 5) {
+        while (signals.count() < 5) {
             ::pthread_kill(starting, SIGUSR1);
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
@@ -312,8 +303,7 @@ TEST_F(LogMgr, ASignalDoesNotKeepTheServiceManagerFromBeingTold)
     });
     logMgr.initAfterDaemonize();
     disturbing.join();
-    ::sigaction(SIGUSR1, &before, nullptr);
-    EXPECT_GE(signals, 5);
+    EXPECT_GE(signals.count(), 5);
     if (other != "READY=1") other = manager.receiveNow();
     EXPECT_EQ("READY=1", other);
 }

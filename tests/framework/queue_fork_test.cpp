@@ -55,6 +55,14 @@ protected:
 
     static long look(TOrbAttachmentMsg& msg) { return g_qMgr.getMsg(&msg, MSG_QUEUE_ALL, false); }
 
+    /// The child ends well, and record 7 is still there.
+    void expectLeftToParent(TChildProcess& child)
+    {
+        EXPECT_EQ(0, child.result(CHILD_PATIENCE));
+        EXPECT_EQ(32, look(msg_));
+        EXPECT_EQ(7U, msg_.tag);
+    }
+
     bool sendRaw(std::uint32_t number, long to = 1001) const
     {
         const TOrbAttachmentMsg msg = numbered(number);
@@ -134,9 +142,7 @@ TEST_F(QueueFork, WhatItsParentHasTakenAsideIsNotHandledTwice)
     ASSERT_TRUE(sendRaw(7));
     ASSERT_EQ(TOwnQueue::Drained::records, ownQueue.drain());
     TChildProcess child([&] { return static_cast<int>(look(msg_)); });
-    EXPECT_EQ(0, child.result(CHILD_PATIENCE));
-    EXPECT_EQ(32, look(msg_));
-    EXPECT_EQ(7U, msg_.tag);
+    expectLeftToParent(child);
 }
 
 TEST_F(QueueFork, AChildThatDoesNotReceiveLeavesToItsParentWhatArrivesWhileItWaits)
@@ -146,9 +152,7 @@ TEST_F(QueueFork, AChildThatDoesNotReceiveLeavesToItsParentWhatArrivesWhileItWai
     fill(2001);
     ASSERT_TRUE(sendRaw(7));
     TChildProcess child([&] { return send(2001) != 0 ? 0 : 1; });
-    EXPECT_EQ(0, child.result(CHILD_PATIENCE));
-    EXPECT_EQ(32, look(msg_));
-    EXPECT_EQ(7U, msg_.tag);
+    expectLeftToParent(child);
 }
 
 TEST_F(QueueFork, AChildThatGoesOnReceivingTakesAsideWhatArrivesWhileItWaits)

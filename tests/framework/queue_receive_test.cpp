@@ -3,6 +3,7 @@
 #include "child_process.h"
 #include "queue_test.h"
 #include "raw_socket.h"
+#include "signal_counter.h"
 #include "tests/support/waiting.h"
 
 #include <algorithm>
@@ -209,11 +210,7 @@ TEST_F(QueueReceive, ARecordEndsTheWait)
 
 TEST_F(QueueReceive, ASignalEndsTheWaitEvenIfItsHandlerRestartsCalls)
 {
-    struct sigaction action {};
-    struct sigaction before {};
-    action.sa_handler = [](int) {};
-    action.sa_flags = SA_RESTART;
-    ASSERT_EQ(0, ::sigaction(SIGUSR1, &action, &before));
+    const TSignalCounter signals(SIGUSR1, SA_RESTART);
     const pthread_t receiver = ::pthread_self();
     std::atomic<bool> done{false};
     std::thread signaller([&] {
@@ -227,7 +224,6 @@ TEST_F(QueueReceive, ASignalEndsTheWaitEvenIfItsHandlerRestartsCalls)
     const long took = watch.milliseconds();
     done = true;
     signaller.join();
-    ::sigaction(SIGUSR1, &before, nullptr);
     EXPECT_LT(took, atMost(900));
 }
 

@@ -5,6 +5,7 @@
 #include "fake_system.h"
 #include "queue_test.h"
 #include "raw_socket.h"
+#include "signal_counter.h"
 #include "tests/support/allocation_count.h"
 #include "tests/support/waiting.h"
 
@@ -270,16 +271,11 @@ TEST_F(QueueSend, ASignalEndsNeitherWait)
     const TRawSocket peer(pathOf(2001));
     ASSERT_EQ(0, send(2001, 0)) << "not stuck, whatever an earlier test has found";
     fillAtOnce(2001, 64);
-    static std::atomic<int> signals;
-    signals = 0;
-    struct sigaction action {};
-    struct sigaction before {};
-    action.sa_handler = [](int) { ++signals; };
-    ASSERT_EQ(0, ::sigaction(SIGUSR1, &action, &before));
+    TSignalCounter signals(SIGUSR1);
     const pthread_t waiting = ::pthread_self();
     std::atomic<bool> reading{false};
     std::thread disturbing([&] {
-        while (!reading || signals < 10) {
+        while (!reading || signals.count() < 10) {
             ::pthread_kill(waiting, SIGUSR1);
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
@@ -288,12 +284,11 @@ TEST_F(QueueSend, ASignalEndsNeitherWait)
     const TStopwatch watch;
     EXPECT_NE(0, send(2001, 1));
     EXPECT_GE(watch.milliseconds(), PATIENCE_MS);
-    signals = 0;
+    signals.startAgain();
     reading = true;
     EXPECT_EQ(0, send(2001, 1, 64, true));
-    EXPECT_GE(signals, 10) << "before there was room";
+    EXPECT_GE(signals.count(), 10) << "before there was room";
     disturbing.join();
-    ::sigaction(SIGUSR1, &before, nullptr);
 }
 
 TEST_F(QueueSend, AnUnboundedWaitEndsWhenTheOwnerIsKilled)

@@ -1,4 +1,5 @@
 #include "framework/sleep.h"
+#include "signal_counter.h"
 
 #include <chrono>
 #include <csignal>
@@ -15,8 +16,6 @@ long millisecondsOf(int argument)
     return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(took).count());
 }
 
-volatile std::sig_atomic_t alarms = 0;
-
 TEST(Sleep, LastsAsLongAsAsked)
 {
     const long took = millisecondsOf(120);
@@ -32,19 +31,15 @@ TEST(Sleep, NothingAndLessAreOverAtOnce)
 
 TEST(Sleep, GoesOnAfterSignals)
 {
-    struct sigaction action {};
-    struct sigaction before {};
-    action.sa_handler = [](int) { alarms = alarms + 1; };
-    ASSERT_EQ(0, ::sigaction(SIGALRM, &action, &before));
+    const TSignalCounter alarms(SIGALRM);
     itimerval every20ms{};
     every20ms.it_interval.tv_usec = every20ms.it_value.tv_usec = 20'000;
     ASSERT_EQ(0, ::setitimer(ITIMER_REAL, &every20ms, nullptr));
     const long took = millisecondsOf(300);
     const itimerval off{};
     ::setitimer(ITIMER_REAL, &off, nullptr);
-    ::sigaction(SIGALRM, &before, nullptr);
     EXPECT_GE(took, 300);
-    EXPECT_GE(alarms, 2);
+    EXPECT_GE(alarms.count(), 2);
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 #include "framework/version_re_init.h"
 
 #include "fake_system.h"
+#include "signal_counter.h"
 #include "temp_dir.h"
 
 #include <cinttypes>
@@ -138,17 +139,13 @@ TEST_F(VersionReInit, TheProgramStartsWithPlainSignals)
 TEST_F(VersionReInit, SignalsMeanwhileDoNotDisturbTheWait)
 {
     choose("#!/bin/sh\nsleep 0.3\nexit 0\n");
-    struct sigaction action {};
-    struct sigaction before {};
-    action.sa_handler = [](int) {};
-    ASSERT_EQ(0, ::sigaction(SIGALRM, &action, &before));
+    const TSignalCounter alarms(SIGALRM);
     itimerval every20ms{};
     every20ms.it_interval.tv_usec = every20ms.it_value.tv_usec = 20'000;
     ASSERT_EQ(0, ::setitimer(ITIMER_REAL, &every20ms, nullptr));
     EXPECT_EQ(0, versionReInit());
     const itimerval off{};
     ::setitimer(ITIMER_REAL, &off, nullptr);
-    ::sigaction(SIGALRM, &before, nullptr);
 }
 
 } // namespace

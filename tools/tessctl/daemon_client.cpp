@@ -20,6 +20,7 @@
 #include "framework/tess_messages.h"
 #include "tools/tessctl/exit_status.h"
 #include "tools/tessctl/likely_cause.h"
+#include "tools/tessctl/record_text.h"
 
 namespace {
 
@@ -207,6 +208,5 @@ void TDaemonClient::registerAs(std::string_view name, std::uint32_t ports)
     askToRegister(name, ports);
     const TOrbAttachmentMsg answer = replyToRegister();
     if (answer.tag == 0) return;
-    throw TCtlError(STATUS_REFUSED,
-                    "tessd refuses: " + std::string(answer.text, ::strnlen(answer.text, sizeof answer.text)));
+    throw TCtlError(STATUS_REFUSED, "tessd refuses: " + std::string(textOf(answer)));
 }

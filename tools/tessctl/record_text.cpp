@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <cstring>
 
 #include "framework/tess_messages.h"
 
@@ -42,6 +43,11 @@ template <class... Values> std::string formatted(const char* format, Values... v
 }
 
 } // namespace
+
+std::string_view textOf(const TOrbAttachmentMsg& record)
+{
+    return {record.text, ::strnlen(record.text, sizeof record.text)};
+}
 
 std::string inQuotes(std::string_view text)
 {

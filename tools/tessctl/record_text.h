@@ -6,6 +6,9 @@
 
 #include "framework/orb_attachment_msg.h"
 
+/// The text of a record; one without a NUL ends at the record's end.
+std::string_view textOf(const TOrbAttachmentMsg& record);
+
 /// A text in double quotes, with what cannot be printed as C writes it ("SETX 5\n").
 std::string inQuotes(std::string_view text);
 

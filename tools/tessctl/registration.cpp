@@ -1,10 +1,10 @@
 #include "tools/tessctl/registration.h"
 
-#include <cstring>
 #include <utility>
 
 #include "framework/tess_messages.h"
 #include "tools/tessctl/exit_status.h"
+#include "tools/tessctl/record_text.h"
 #include "tools/tessctl/say.h"
 
 namespace {
@@ -67,8 +67,7 @@ void TRegistration::onReply(const TOrbAttachmentMsg& record)
     if (!asked_) return;
     asked_ = false;
     if (record.tag != 0) {
-        complain("tessd refuses: " + std::string(record.text, ::strnlen(record.text, sizeof record.text)) +
-                 ": it is asked again every second");
+        complain("tessd refuses: " + std::string(textOf(record)) + ": it is asked again every second");
         return;
     }
     missing_ = false;

@@ -1,7 +1,6 @@
 #include "tools/tessctl/requests.h"
 
 #include <chrono>
-#include <cstring>
 #include <iostream>
 #include <string_view>
 #include <thread>
@@ -9,6 +8,7 @@
 
 #include "framework/tess_messages.h"
 #include "tools/tessctl/daemon_client.h"
+#include "tools/tessctl/record_text.h"
 #include "tools/tessctl/say.h"
 
 namespace {
@@ -27,11 +27,6 @@ bool userAgrees(const std::string& question)
     std::string answer;
     std::getline(std::cin, answer);
     return answer == "y" || answer == "Y" || answer == "yes";
-}
-
-std::string_view textOf(const TOrbAttachmentMsg& record)
-{
-    return {record.text, ::strnlen(record.text, sizeof record.text)};
 }
 
 std::string_view withoutLineEnds(std::string_view text)

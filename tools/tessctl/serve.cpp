@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <condition_variable>
 #include <csignal>
-#include <cstring>
 #include <deque>
 #include <mutex>
 #include <poll.h>
@@ -17,6 +16,7 @@
 #include "framework/tess_messages.h"
 #include "tools/tessctl/daemon_client.h"
 #include "tools/tessctl/program.h"
+#include "tools/tessctl/record_text.h"
 #include "tools/tessctl/registration.h"
 #include "tools/tessctl/reply_text.h"
 #include "tools/tessctl/say.h"
@@ -149,7 +149,7 @@ private:
 /// A command without the LF and the NUL that it travels with.
 std::string lineOf(const TOrbAttachmentMsg& record)
 {
-    std::string line(record.text, ::strnlen(record.text, sizeof record.text));
+    std::string line(textOf(record));
     if (line.ends_with('\n')) line.pop_back();
     return line;
 }
