@@ -1,17 +1,19 @@
 #include "framework/bundled/queue_directory.h"
 
-#include "framework/fixed_text.h"
-
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <charconv>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <fcntl.h>
+#include <filesystem>
 #include <memory>
 #include <stdexcept>
 #include <sys/stat.h>
+#include <system_error>
 
 namespace {
 
@@ -27,12 +29,23 @@ struct KnownDirectory {
 // lock, which a forked child could find locked for good.
 constinit std::atomic<const KnownDirectory*> knownDirectories{nullptr};
 
-std::string_view directoryName()
+/// The path behind the working directory of this moment; as it stands when there is none any more.
+std::string madeAbsolute(const std::string& relative)
+{
+    std::error_code error;
+    const std::filesystem::path here = std::filesystem::current_path(error);
+    return error ? relative : (here / relative).lexically_normal().string();
+}
+
+/// An absolute path keeps its letters, so that whoever puts a slash and an address behind the same value names the same
+/// sockets. To a relative one nobody can do so: it is made absolute, and plain.
+std::string directoryName()
 {
     const char* const value = std::getenv("TESS_QUEUE_DIR");
-    std::string_view name = value != nullptr && *value != '\0' ? std::string_view(value) : DEFAULT_DIRECTORY;
+    std::string name(value != nullptr && *value != '\0' ? std::string_view(value) : DEFAULT_DIRECTORY);
+    if (name.front() != '/') name = madeAbsolute(name);
     while (name.size() > 1 && name.back() == '/')
-        name.remove_suffix(1);
+        name.pop_back();
     return name;
 }
 
@@ -62,7 +75,8 @@ void makeDirectory(const std::string& path)
     }
     if (::lstat(path.c_str(), &found) != 0) fail(path, errno);
     const mode_t inherited = found.st_mode & S_ISGID;
-    if (::chmod(path.c_str(), DIRECTORY_MODE | inherited) != 0) fail(path, errno);
+    // Whoever may write to the parent can put a link in its place meanwhile; what that leads to keeps its mode.
+    if (::fchmodat(AT_FDCWD, path.c_str(), DIRECTORY_MODE | inherited, AT_SYMLINK_NOFOLLOW) != 0) fail(path, errno);
 }
 
 } // namespace
@@ -74,7 +88,7 @@ TQueueDirectory::TQueueDirectory(std::string_view path) : path_(path), prefix_(p
 
 const TQueueDirectory& TQueueDirectory::fromEnvironment()
 {
-    const std::string_view name = directoryName();
+    const std::string name = directoryName();
     const KnownDirectory* front = knownDirectories.load();
     for (;;) {
         for (const KnownDirectory* known = front; known != nullptr; known = known->next)
@@ -104,29 +118,12 @@ long TQueueDirectory::queueOf(const sockaddr_un& from, socklen_t length) const
     // A name that uses all of sun_path has no NUL, and the kernel counts one more byte than the structure has.
     const std::size_t room = std::min<std::size_t>(length - pathAt, sizeof from.sun_path);
     const std::string_view path(from.sun_path, ::strnlen(from.sun_path, room));
-    if (path.starts_with(prefix_)) {
-        const long address = addressNamed(path.substr(prefix_.size()));
-        if (address != 0) return address;
-    }
-    // The same directory can have other names. A relative one would be looked up in the wrong place.
-    const std::size_t slash = path.rfind('/');
-    if (path.front() != '/') return 0;
-    const long address = addressNamed(path.substr(slash + 1));
-    return address != 0 && isThisDirectory(path.substr(0, std::max<std::size_t>(slash, 1))) ? address : 0;
-}
-
-bool TQueueDirectory::isThisDirectory(std::string_view otherPath) const
-{
-    std::array<char, sizeof(sockaddr_un::sun_path) + 1> other;
-    putText(other, otherPath);
-    struct stat here {};
-    struct stat there {};
-    return ::stat(path_.c_str(), &here) == 0 && ::stat(other.data(), &there) == 0 && here.st_dev == there.st_dev &&
-           here.st_ino == there.st_ino;
+    return path.starts_with(prefix_) ? addressNamed(path.substr(prefix_.size())) : 0;
 }
 
 void TQueueDirectory::create() const
 {
+    if (path_.front() != '/') fail(path_, ENOENT); // the working directory has been removed
     for (std::size_t slash = path_.find('/', 1); slash != std::string::npos; slash = path_.find('/', slash + 1))
         makeDirectory(path_.substr(0, slash));
     makeDirectory(path_);

@@ -13,10 +13,11 @@ public:
 
     explicit TQueueDirectory(std::string_view path);
 
-    /// The directory named by TESS_QUEUE_DIR as it is now. Allocates when that is one not seen before.
+    /// The directory named by TESS_QUEUE_DIR as it is now; a relative name starts at the working directory of now, and is
+    /// made absolute. Allocates.
     static const TQueueDirectory& fromEnvironment();
 
-    /// Without trailing slashes.
+    /// Without trailing slashes. Absolute, unless the working directory has been removed: then create() fails.
     const std::string& path() const { return path_; }
 
     std::string socketPath(long address) const { return prefix_ + std::to_string(address); }
@@ -26,9 +27,10 @@ public:
     /// @return false: the path is too long for a socket address
     bool socketAddress(long address, sockaddr_un& to) const;
 
-    /// The queue that a socket belongs to, told by the name the kernel gives for it. Allocates nothing.
+    /// The queue that a socket belongs to, told by the name the kernel gives for it: its owner chose that name, so nothing
+    /// is looked up, the letters decide. Allocates nothing.
     /// @param length  as recvmsg(2) reports it
-    /// @return queue address; 0 for an unbound socket, an abstract name, or a path that is no queue of this directory
+    /// @return queue address; 0 for an unbound socket, an abstract name, or any path but path(), a slash and an address
     long queueOf(const sockaddr_un& from, socklen_t length) const;
 
     /// Makes the directory and its missing parents, with mode 0770 whatever the umask.
@@ -36,8 +38,6 @@ public:
     void create() const;
 
 private:
-    bool isThisDirectory(std::string_view otherPath) const;
-
     std::string path_;
     std::string prefix_; ///< path_ and a slash
 };

@@ -1,15 +1,26 @@
 #include "fake_system.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <cstdint>
+#include <poll.h>
 #include <spawn.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/uio.h>
+#include <utility>
 
 namespace {
 
 std::atomic<int> refusedOption{-1};
 std::atomic<unsigned> mallocs{0};
 std::string program;
+std::atomic<unsigned> polls{0};
+std::atomic<int> pollResult{-1};
+std::atomic<bool> nowait{true};
+std::atomic<std::size_t> mostSent{SIZE_MAX};
+std::function<void(const char*)> afterMkdir;
 
 } // namespace
 
@@ -23,6 +34,46 @@ TRefusedOption::TRefusedOption(int option)
 TRefusedOption::~TRefusedOption()
 {
     refusedOption = -1;
+}
+
+TNoNowait::TNoNowait()
+{
+    nowait = false;
+}
+
+TNoNowait::~TNoNowait()
+{
+    nowait = true;
+}
+
+TShortSend::TShortSend(std::size_t bytes)
+{
+    mostSent = bytes;
+}
+
+TShortSend::~TShortSend()
+{
+    mostSent = SIZE_MAX;
+}
+
+TAfterMkdir::TAfterMkdir(std::function<void(const char*)> act)
+{
+    afterMkdir = std::move(act);
+}
+
+TAfterMkdir::~TAfterMkdir()
+{
+    afterMkdir = nullptr;
+}
+
+unsigned pollCount()
+{
+    return polls;
+}
+
+int lastPoll()
+{
+    return pollResult;
 }
 
 std::string spawnedProgram()
@@ -46,12 +97,25 @@ unsigned mallocCount()
 #define REAL_SETSOCKOPT __real_setsockopt
 #endif
 
+// The same where offsets are.
+#ifdef __USE_FILE_OFFSET64
+#define WRAPPED_PWRITEV2 __wrap_pwritev64v2
+#define REAL_PWRITEV2 __real_pwritev64v2
+#else
+#define WRAPPED_PWRITEV2 __wrap_pwritev2
+#define REAL_PWRITEV2 __real_pwritev2
+#endif
+
 extern "C" {
 
 int REAL_SETSOCKOPT(int fd, int level, int option, const void* value, socklen_t length);
 int __real_posix_spawn(pid_t* pid, const char* path, const posix_spawn_file_actions_t* actions,
                        const posix_spawnattr_t* attributes, char* const argv[], char* const envp[]);
 void* __real_malloc(std::size_t bytes);
+ssize_t REAL_PWRITEV2(int fd, const iovec* from, int count, off_t offset, int flags);
+ssize_t __real_send(int fd, const void* from, std::size_t bytes, int flags);
+int __real_poll(pollfd* fds, nfds_t count, int timeOut);
+int __real_mkdir(const char* path, mode_t mode);
 
 int WRAPPED_SETSOCKOPT(int fd, int level, int option, const void* value, socklen_t length)
 {
@@ -71,5 +135,32 @@ void* __wrap_malloc(std::size_t bytes)
 {
     ++mallocs;
     return __real_malloc(bytes);
+}
+
+ssize_t WRAPPED_PWRITEV2(int fd, const iovec* from, int count, off_t offset, int flags)
+{
+    if (nowait) return REAL_PWRITEV2(fd, from, count, offset, flags);
+    errno = EOPNOTSUPP;
+    return -1;
+}
+
+ssize_t __wrap_send(int fd, const void* from, std::size_t bytes, int flags)
+{
+    return __real_send(fd, from, std::min(bytes, mostSent.load()), flags);
+}
+
+int __wrap_poll(pollfd* fds, nfds_t count, int timeOut)
+{
+    const int result = __real_poll(fds, count, timeOut);
+    ++polls;
+    pollResult = result;
+    return result;
+}
+
+int __wrap_mkdir(const char* path, mode_t mode)
+{
+    const int result = __real_mkdir(path, mode);
+    if (result == 0 && afterMkdir) afterMkdir(path);
+    return result;
 }
 }

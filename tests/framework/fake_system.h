@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstddef>
+#include <functional>
 #include <string>
 
 /// The system as the framework finds it: its own calls come here first, those of the libraries do not.
@@ -13,6 +15,37 @@ public:
     TRefusedOption& operator=(const TRefusedOption&) = delete;
     ~TRefusedOption();
 };
+
+/// A kernel that cannot be asked not to wait for a pipe (pwritev2(2), RWF_NOWAIT), for as long as this lives.
+class TNoNowait {
+public:
+    TNoNowait();
+    TNoNowait(const TNoNowait&) = delete;
+    TNoNowait& operator=(const TNoNowait&) = delete;
+    ~TNoNowait();
+};
+
+/// send(2) takes no more than so many bytes of each message, for as long as this lives.
+class TShortSend {
+public:
+    explicit TShortSend(std::size_t bytes);
+    TShortSend(const TShortSend&) = delete;
+    TShortSend& operator=(const TShortSend&) = delete;
+    ~TShortSend();
+};
+
+/// Somebody acts each time mkdir(2) has made a directory, for as long as this lives.
+class TAfterMkdir {
+public:
+    explicit TAfterMkdir(std::function<void(const char* path)> act);
+    TAfterMkdir(const TAfterMkdir&) = delete;
+    TAfterMkdir& operator=(const TAfterMkdir&) = delete;
+    ~TAfterMkdir();
+};
+
+/// How often poll(2) has been called, by any thread, and what the last call gave.
+unsigned pollCount();
+int lastPoll();
 
 /// The program that posix_spawn(3) was last asked for.
 std::string spawnedProgram();

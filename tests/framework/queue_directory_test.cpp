@@ -1,5 +1,6 @@
 #include "framework/bundled/queue_directory.h"
 
+#include "fake_system.h"
 #include "temp_dir.h"
 
 #include <cstddef>
@@ -8,6 +9,7 @@
 #include <fstream>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <memory>
 #include <sys/stat.h>
 
 namespace {
@@ -54,7 +56,7 @@ TEST(QueueDirectory, ComesFromTheEnvironmentWithoutTrailingSlashes)
         {"/tmp/q///", "/tmp/q", "/tmp/q/1001"},
         {"/", "/", "/1001"},
         {"///", "/", "/1001"},
-        {"relative/q/", "relative/q", "relative/q/1001"},
+        {"/tmp/./q//r", "/tmp/./q//r", "/tmp/./q//r/1001"},
     };
     for (const auto& c : cases) {
         if (c.value != nullptr)
@@ -70,6 +72,64 @@ TEST(QueueDirectory, ComesFromTheEnvironmentWithoutTrailingSlashes)
         EXPECT_EQ(&directory, &TQueueDirectory::fromEnvironment()) << "the same directory, the same object";
     }
     ::unsetenv("TESS_QUEUE_DIR");
+}
+
+/// The working directory for as long as it lives.
+class TWorkingDirectory {
+public:
+    explicit TWorkingDirectory(const std::string& path) : before_(std::filesystem::current_path())
+    {
+        std::filesystem::current_path(path);
+    }
+    TWorkingDirectory(const TWorkingDirectory&) = delete;
+    TWorkingDirectory& operator=(const TWorkingDirectory&) = delete;
+    ~TWorkingDirectory() { std::filesystem::current_path(before_); }
+
+private:
+    std::filesystem::path before_;
+};
+
+const TQueueDirectory& directoryNamed(const char* value)
+{
+    ::setenv("TESS_QUEUE_DIR", value, 1);
+    const TQueueDirectory& directory = TQueueDirectory::fromEnvironment();
+    ::unsetenv("TESS_QUEUE_DIR");
+    return directory;
+}
+
+TEST(QueueDirectory, ARelativePathIsMadeAbsoluteFromWhereTheProcessIsAtThatMoment)
+{
+    const TTempDir dir;
+    const struct {
+        const char* value;
+        const char* path;
+    } cases[] = {
+        {"q", "/q"}, {"q//", "/q"}, {"./q", "/q"}, {".//q/./r/", "/q/r"}, {"q/../r", "/r"},
+        {".", ""},   {"./", ""},    {"..", "/.."}, {"../q", "/../q"},
+    };
+    for (const auto& c : cases) {
+        const TWorkingDirectory here(dir.path());
+        const std::string expected = std::filesystem::path(dir.path() + c.path).lexically_normal().string();
+        EXPECT_EQ(expected, directoryNamed(c.value).path() + (expected.ends_with('/') ? "/" : "")) << c.value;
+    }
+    const TQueueDirectory& elsewhere = directoryNamed("q");
+    EXPECT_EQ(std::filesystem::current_path() / "q", elsewhere.path());
+    const TWorkingDirectory here(dir.path());
+    EXPECT_NE(&elsewhere, &directoryNamed("q")) << "the same name from another place";
+    EXPECT_EQ(dir / "q", directoryNamed("q").path());
+}
+
+TEST(QueueDirectory, WithoutAWorkingDirectoryARelativePathCannotBeMade)
+{
+    auto gone = std::make_unique<TTempDir>();
+    const TWorkingDirectory here(gone->path());
+    gone.reset();
+    try {
+        directoryNamed("q").create();
+        FAIL() << "no error";
+    } catch (const std::runtime_error& error) {
+        EXPECT_STREQ("queue directory q: No such file or directory", error.what());
+    }
 }
 
 TEST(QueueDirectory, APathMustFitASocketAddressWithItsNul)
@@ -112,10 +172,10 @@ TEST(QueueDirectory, TellsQueuesOfThisDirectoryFromEverythingElse)
         {here, 0},
         {here + "/sub/7", 0},
         {here + "x/7", 0},
-        {here + "//7", 7},
-        {here + "/./7", 7},
+        {here + "//7", 0},
+        {here + "/./7", 0},
         {here + "/.//007", 0},
-        {link + "/7", 7},
+        {link + "/7", 0},
         {link + "/007", 0},
         {other.path() + "/7", 0},
         {"/7", 0},
@@ -135,14 +195,12 @@ TEST(QueueDirectory, ARelativePathIsNotLookedUpInTheReceiversOwnWorkingDirectory
 {
     const TTempDir dir;
     const TQueueDirectory directory(dir.path());
-    const std::filesystem::path before = std::filesystem::current_path();
-    std::filesystem::current_path(dir.path());
+    const TWorkingDirectory here(dir.path());
     for (const char* name : {"./7", "7", ".//7"}) {
         socklen_t length = 0;
         const sockaddr_un from = addressOf(name, length);
         EXPECT_EQ(0, directory.queueOf(from, length)) << name;
     }
-    std::filesystem::current_path(before);
 }
 
 TEST(QueueDirectory, AnUnboundSocketBelongsToNoQueue)
@@ -161,7 +219,7 @@ TEST(QueueDirectory, TheRootDirectoryWorksToo)
     const sockaddr_un from = addressOf("/7", length);
     EXPECT_EQ(7, directory.queueOf(from, length));
     const sockaddr_un twice = addressOf("//7", length);
-    EXPECT_EQ(7, directory.queueOf(twice, length));
+    EXPECT_EQ(0, directory.queueOf(twice, length));
 }
 
 TEST(QueueDirectory, MakesWhatIsMissingWithItsModeWhateverTheUmask)
@@ -176,6 +234,24 @@ TEST(QueueDirectory, MakesWhatIsMissingWithItsModeWhateverTheUmask)
         EXPECT_EQ(0711U, modeOf(dir.path())) << "what was there keeps its mode";
         TQueueDirectory(dir / "a/b/c").create();
     }
+}
+
+TEST(QueueDirectory, ALinkPutInThePlaceOfWhatWasMadeIsNotFollowed)
+{
+    const TTempDir dir;
+    const std::string other = dir / "other";
+    ASSERT_EQ(0, ::mkdir(other.c_str(), 0700));
+    const fake_system::TAfterMkdir swap([&](const char* made) {
+        ASSERT_EQ(0, ::rmdir(made));
+        ASSERT_EQ(0, ::symlink(other.c_str(), made));
+    });
+    try {
+        TQueueDirectory(dir / "q").create();
+        ADD_FAILURE() << "no error";
+    } catch (const std::runtime_error& error) {
+        EXPECT_THAT(error.what(), HasSubstr("queue directory " + dir / "q"));
+    }
+    EXPECT_EQ(0700U, modeOf(other));
 }
 
 TEST(QueueDirectory, KeepsAnInheritedGroupBit)

@@ -8,8 +8,10 @@
 
 #include <algorithm>
 #include <csignal>
+#include <filesystem>
 #include <optional>
 #include <pthread.h>
+#include <sys/stat.h>
 #include <thread>
 
 namespace {
@@ -55,8 +57,8 @@ TEST_F(QueueReceive, TheSenderIsTheQueueThatTheKernelNames)
         {pathOf(2001), 2001},     {pathOf(2147483647), 2147483647},
         {dir_ / "2147483648", 0}, {dir_ / "007", 0},
         {dir_ / "0", 0},          {dir_ / "name", 0},
-        {elsewhere / "2002", 0},  {link + "/2003", 2003},
-        {dir_ / "./2004", 2004},  {'\0' + dir_ / "2005", 0},
+        {elsewhere / "2002", 0},  {link + "/2003", 0},
+        {dir_ / "./2004", 0},     {'\0' + dir_ / "2005", 0},
     };
     for (const auto& c : cases) {
         const TRawSocket peer(c.name);
@@ -67,6 +69,23 @@ TEST_F(QueueReceive, TheSenderIsTheQueueThatTheKernelNames)
     ASSERT_TRUE(sendRaw(unbound_, numbered(1), 32));
     ASSERT_EQ(32, receive());
     EXPECT_EQ(0, msg_.sender) << "an unbound socket";
+}
+
+TEST_F(QueueReceive, ASocketMadeElsewhereDoesNotPassForALiveProcess)
+{
+    const TRawSocket live(pathOf(2001));
+    const TTempDir elsewhere;
+    const std::string place = elsewhere / "q";
+    ASSERT_EQ(0, ::mkdir(place.c_str(), 0700));
+    const TRawSocket stranger(place + "/2001");
+    std::filesystem::rename(place, elsewhere / "moved");
+    ASSERT_EQ(0, ::symlink(dir_.path().c_str(), place.c_str())); // its name leads to the live one's socket now
+    ASSERT_TRUE(sendRaw(stranger, numbered(1), 32));
+    ASSERT_EQ(32, receive());
+    EXPECT_EQ(0, msg_.sender);
+    ASSERT_TRUE(sendRaw(live, numbered(2), 32));
+    ASSERT_EQ(32, receive());
+    EXPECT_EQ(2001, msg_.sender);
 }
 
 TEST_F(QueueReceive, DropsADatagramThatIsNoRecordAndGoesOn)
