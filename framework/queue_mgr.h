@@ -7,6 +7,13 @@ enum TMsgQueueTypes : int {
     MSG_QUEUE_ALL = 0, ///< every record; no other type is in use
 };
 
+/// What TQueueMgr::sendMsg() returns. Another framework's library may give any nonzero number; SEND_FAILED is then assumed.
+enum TSendResult : long {
+    SEND_DONE = 0,   ///< the record is in the destination's queue
+    SEND_FAILED = 1, ///< it cannot be delivered: no such queue, its owner is gone, no right to send there, a bad length
+    SEND_QUEUE_FULL = 2, ///< the destination's queue is full, or this process's send buffer is
+};
+
 /// The process's access to the message queues: its own queue, once a TMsgProc has opened it, and everybody else's.
 /// A forked child sends as its parent does, and when it calls getMsg() each record goes to one of the two; what the parent
 /// had taken aside stays the parent's. It never waits for a thread that it does not have.
@@ -26,17 +33,16 @@ public:
     long getMsg(TOrbAttachmentMsg* msg, TMsgQueueTypes type, bool wait);
 
     /// Puts a copy of a record into the queue of another process.
-    /// Does not raise SIGPIPE, and a signal does not end it: its handler runs, and the call goes on waiting. While it waits
-    /// it takes records that arrive on this process's own queue aside, up to 16 MiB of them; getMsg() hands those out first.
+    /// Does not raise SIGPIPE. errno does not tell why it has failed.
     /// @param address  queue address, 1 to 2147483647
     /// @param msg      stays the caller's, and as it is; the sender word need not be set
     /// @param length   bytes to send: header and text; above 8192 is taken as 8192, below 16 is an error
-    /// @param wait     what happens when the destination's queue is full. true: waits for room, however long; but gives up
-    ///                 when nothing more can be taken aside (16 MiB are full, or memory is short) and nothing has moved for
-    ///                 250 ms. false: waits 250 ms at most, and once that has run out further calls to this destination
-    ///                 fail at once until it has room
-    /// @return 0 the record is in the destination's queue; nonzero it is not: no such queue, its owner is gone, no room, no
-    ///         right to send there. errno does not tell which
+    /// @param wait     what happens when the destination's queue is full. false: never waits, tells so; TQueueRoom then tells
+    ///                 when to try again. true: waits for room, however long, and a signal does not end that: its handler
+    ///                 runs, and the call goes on. Meanwhile it takes records that arrive on this process's own queue aside,
+    ///                 up to 16 MiB of them; getMsg() hands those out first. When nothing more can be taken aside (16 MiB are
+    ///                 full, or memory is short) and nothing has moved for 250 ms, it gives up: the queue is full
+    /// @return a TSendResult
     /// Threads: any, several at once; not from a signal handler.
     long sendMsg(long address, TOrbAttachmentMsg* msg, long length, bool wait);
 };

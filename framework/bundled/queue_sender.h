@@ -2,6 +2,7 @@
 
 #include "framework/bundled/own_queue.h"
 #include "framework/orb_attachment_msg.h"
+#include "framework/queue_mgr.h"
 
 #include <chrono>
 #include <cstddef>
@@ -11,29 +12,25 @@
 /// Threads: an object belongs to one thread; several may wait at once.
 class TQueueSender {
 public:
-    enum class Sent {
-        done,   ///< the record is in the queue
-        noRoom, ///< the queue is full
-        failed, ///< no such queue, its owner is gone, or it may not be reached
-    };
-
-    /// How long a bounded wait lasts, and how long an unbounded one may be without any progress once the backlog is full.
+    /// How long a wait may be without any progress once the backlog is full.
     static constexpr std::chrono::milliseconds PATIENCE{250};
 
-    /// @param own     sent from; taken in meanwhile
-    /// @param msg     stays the caller's, as long as the sender lives
-    /// @param length  MSG_HEADER_BYTES to MSG_RECORD_BYTES
-    TQueueSender(TOwnQueue& own, const sockaddr_un& to, const TOrbAttachmentMsg* msg, std::size_t length)
-        : own_(own), to_(to), msg_(msg), length_(length)
+    /// @param own      sent from; taken in meanwhile
+    /// @param address  the queue that is sent to
+    /// @param to       its socket, as own.directory() has it
+    /// @param msg      stays the caller's, as long as the sender lives
+    /// @param length   MSG_HEADER_BYTES to MSG_RECORD_BYTES
+    TQueueSender(TOwnQueue& own, long address, const sockaddr_un& to, const TOrbAttachmentMsg* msg, std::size_t length)
+        : own_(own), address_(address), to_(to), msg_(msg), length_(length)
     {
     }
 
     /// Tries once, without waiting.
-    Sent trySend();
+    TSendResult trySend();
 
     /// Waits for room and sends; meanwhile takes what arrives on the own queue into its backlog.
-    /// @param bounded  true: gives up after PATIENCE; false: only when the own backlog is full and nothing moves
-    Sent sendWhenRoom(bool bounded);
+    /// @return SEND_QUEUE_FULL only when the own backlog is full too and nothing moves
+    TSendResult sendWhenRoom();
 
 private:
     using Clock = std::chrono::steady_clock;
@@ -42,6 +39,7 @@ private:
     class RoomWait;
 
     TOwnQueue& own_;
+    long address_;
     const sockaddr_un& to_;
     const TOrbAttachmentMsg* msg_;
     std::size_t length_;

@@ -1,5 +1,4 @@
 #include "framework/bundled/own_queue.h"
-#include "framework/bundled/queue_sender.h"
 
 #include "child_process.h"
 #include "fake_system.h"
@@ -41,21 +40,11 @@ protected:
     static std::uint32_t fill(long address, std::size_t length = 64)
     {
         std::uint32_t taken = 0;
-        while (taken < 100'000 && send(address, taken, length) == 0)
+        long result = SEND_DONE;
+        while (taken < 100'000 && (result = send(address, taken, length)) == SEND_DONE)
             ++taken;
+        EXPECT_EQ(SEND_QUEUE_FULL, result);
         return taken;
-    }
-
-    /// Fills a queue without waiting in the end.
-    static void fillAtOnce(long address, std::size_t length)
-    {
-        sockaddr_un to{};
-        ASSERT_TRUE(ownQueue.directory().socketAddress(address, to));
-        const TOrbAttachmentMsg msg = numbered(0);
-        TQueueSender sender(ownQueue, to, &msg, length);
-        while (sender.trySend() == TQueueSender::Sent::done) {
-        }
-        ASSERT_EQ(TQueueSender::Sent::noRoom, sender.trySend());
     }
 
     static std::uint32_t tagOf(const std::string& datagram)
@@ -126,47 +115,43 @@ TEST_F(QueueSend, FailsAtOnceWithoutADestination)
     {
         const TRawSocket dead(pathOf(2002));
     }
-    const TStopwatch watch;
+    const unsigned before = fake_system::pollCount();
     for (const bool wait : {false, true}) {
-        EXPECT_NE(0, send(2001, 1, 64, wait)) << "no such queue";
-        EXPECT_NE(0, send(2002, 1, 64, wait)) << "its owner is gone";
-        EXPECT_NE(0, send(0, 1, 64, wait));
-        EXPECT_NE(0, send(-1, 1, 64, wait));
-        EXPECT_NE(0, send(std::numeric_limits<long>::max(), 1, 64, wait))
+        EXPECT_EQ(SEND_FAILED, send(2001, 1, 64, wait)) << "no such queue";
+        EXPECT_EQ(SEND_FAILED, send(2002, 1, 64, wait)) << "its owner is gone";
+        EXPECT_EQ(SEND_FAILED, send(2001, 1, 15, wait)) << "no record";
+        EXPECT_EQ(SEND_FAILED, send(0, 1, 64, wait));
+        EXPECT_EQ(SEND_FAILED, send(-1, 1, 64, wait));
+        EXPECT_EQ(SEND_FAILED, send(std::numeric_limits<long>::max(), 1, 64, wait))
             << "2147483647 where long has 32 bits: no such queue";
     }
-    EXPECT_LT(watch.milliseconds(), PATIENCE_MS);
+    EXPECT_EQ(before, fake_system::pollCount()) << "it has waited";
 }
 
 TEST_F(QueueSend, FailsWhenTheDestinationsPathIsTooLong)
 {
     ::setenv("TESS_QUEUE_DIR", (dir_ / std::string(100, 'd')).c_str(), 1);
     const TQuietProc proc(1001, false);
-    EXPECT_NE(0, send(2001, 1));
+    EXPECT_EQ(SEND_FAILED, send(2001, 1));
 }
 
-TEST_F(QueueSend, AFullQueueCostsOneBoundedWaitAndThenNoneUntilItHasRoom)
+TEST_F(QueueSend, WithoutWaitingAFullQueueIsToldAtOnceAndNothingIsTakenAside)
 {
     const TQuietProc proc(1001);
     const TRawSocket stuck(pathOf(2001));
-    const TStopwatch first;
-    const long cpuBefore = threadCpuMilliseconds();
+    const unsigned before = fake_system::pollCount();
     const std::uint32_t taken = fill(2001);
     EXPECT_GE(taken, 1U);
-    EXPECT_GE(first.milliseconds(), PATIENCE_MS);
-    EXPECT_LT(first.milliseconds(), 2 * PATIENCE_MS);
-    EXPECT_LT(threadCpuMilliseconds() - cpuBefore, atMost(PATIENCE_MS / 4));
-
-    const TStopwatch again;
+    ASSERT_EQ(SEND_DONE, send(1001, 77)) << "something arrives meanwhile";
     for (int i = 0; i < 100; ++i)
-        EXPECT_NE(0, send(2001, 1));
-    EXPECT_LT(again.milliseconds(), PATIENCE_MS) << "100 calls";
+        EXPECT_EQ(SEND_QUEUE_FULL, send(2001, 1));
+    char byte = 0;
+    EXPECT_EQ(1, ::recv(ownQueue.socket(), &byte, 1, MSG_PEEK | MSG_DONTWAIT)) << "it is where it was";
 
-    EXPECT_EQ(0U, tagOf(stuck.receive()));
-    EXPECT_EQ(0, send(2001, taken)) << "it has room again";
-    const TStopwatch anew;
-    EXPECT_NE(0, send(2001, 1));
-    EXPECT_GE(anew.milliseconds(), PATIENCE_MS) << "full anew: a wait again";
+    EXPECT_EQ(0U, tagOf(stuck.receiveNow()));
+    EXPECT_EQ(SEND_DONE, send(2001, taken)) << "it has room again";
+    EXPECT_EQ(SEND_QUEUE_FULL, send(2001, 1)) << "full anew";
+    EXPECT_EQ(before, fake_system::pollCount()) << "it has waited";
 
     for (std::uint32_t i = 1; i <= taken; ++i)
         EXPECT_EQ(i, tagOf(stuck.receive()));
@@ -182,29 +167,26 @@ TEST_F(QueueSend, AFullQueueHoldsUpNoOther)
         (void)fill(address);
     }
     const TRawSocket healthy(pathOf(3001));
-    const TStopwatch watch;
     for (std::uint32_t i = 0; i < 200; ++i) {
         for (long address = 2001; address <= 2008; ++address)
-            EXPECT_NE(0, send(address, i));
-        ASSERT_EQ(0, send(3001, i));
+            EXPECT_EQ(SEND_QUEUE_FULL, send(address, i));
+        ASSERT_EQ(SEND_DONE, send(3001, i));
         EXPECT_EQ(i, tagOf(healthy.receive()));
     }
-    EXPECT_LT(watch.milliseconds(), 8 * PATIENCE_MS);
 }
 
-TEST_F(QueueSend, ANewOwnerOfAStuckAddressIsWaitedForAgain)
+TEST_F(QueueSend, ANewOwnerOfAFullQueuesAddressIsSentTo)
 {
     const TQuietProc proc(1001);
     {
         const TRawSocket stuck(pathOf(2001));
         (void)fill(2001);
     }
-    EXPECT_NE(0, send(2001, 1)) << "its owner is gone";
+    EXPECT_EQ(SEND_FAILED, send(2001, 1)) << "its owner is gone";
     ASSERT_EQ(0, ::unlink(pathOf(2001).c_str()));
     const TRawSocket next(pathOf(2001));
-    const TStopwatch watch;
-    (void)fill(2001);
-    EXPECT_GE(watch.milliseconds(), PATIENCE_MS);
+    EXPECT_EQ(SEND_DONE, send(2001, 2));
+    EXPECT_EQ(2U, tagOf(next.receive()));
 }
 
 TEST_F(QueueSend, EnoughFullQueuesOfFullRecordsLeaveTheSendBufferWithRoom)
@@ -216,7 +198,7 @@ TEST_F(QueueSend, EnoughFullQueuesOfFullRecordsLeaveTheSendBufferWithRoom)
     std::vector<std::unique_ptr<TRawSocket>> stuck;
     for (long address = 2001; address <= 2032; ++address) {
         stuck.push_back(std::make_unique<TRawSocket>(pathOf(address)));
-        fillAtOnce(address, MSG_RECORD_BYTES);
+        (void)fill(address, MSG_RECORD_BYTES);
     }
     const TRawSocket healthy(pathOf(3001));
     EXPECT_EQ(0, send(3001, 1, MSG_RECORD_BYTES));
@@ -231,19 +213,18 @@ TEST_F(QueueSend, AUsedUpSendBufferIsWaitedForWithoutSpinning)
     const TRawSocket healthy(pathOf(3001));
     ASSERT_LT(fill(2001, MSG_RECORD_BYTES), 10U) << "the buffer was to be used up before the queue is";
 
-    const TStopwatch watch;
-    const long cpuBefore = threadCpuMilliseconds();
-    EXPECT_NE(0, send(3001, 1, MSG_RECORD_BYTES));
-    EXPECT_GE(watch.milliseconds(), PATIENCE_MS);
-    EXPECT_LT(watch.milliseconds(), 4 * PATIENCE_MS);
-    EXPECT_LT(threadCpuMilliseconds() - cpuBefore, atMost(PATIENCE_MS / 4));
+    EXPECT_EQ(SEND_QUEUE_FULL, send(3001, 1, MSG_RECORD_BYTES)) << "whose queue it is cannot be told";
 
     std::thread reader([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(30));
+        std::this_thread::sleep_for(std::chrono::milliseconds(PATIENCE_MS));
         while (stuck.receiveNow() != "<nothing there>") {
         }
     });
+    const TStopwatch watch;
+    const unsigned before = fake_system::pollCount();
     EXPECT_EQ(0, send(3001, 2, MSG_RECORD_BYTES, true)) << "there is room again";
+    const long pauses = watch.milliseconds() + 4; // none is shorter, but for the first reports, which were believed
+    EXPECT_LE(static_cast<long>(fake_system::pollCount() - before), pauses);
     reader.join();
     EXPECT_EQ(2U, tagOf(healthy.receive()));
 }
@@ -253,40 +234,34 @@ TEST_F(QueueSend, AnUnboundedWaitEndsWhenThereIsRoom)
     const TQuietProc proc(1001);
     const TRawSocket peer(pathOf(2001));
     const std::uint32_t taken = fill(2001);
+    std::atomic<bool> read{false};
     std::thread reader([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(2 * PATIENCE_MS));
+        read = true;
         (void)peer.receiveNow();
     });
-    const TStopwatch watch;
-    EXPECT_EQ(0, send(2001, taken, 64, true));
-    EXPECT_GE(watch.milliseconds(), PATIENCE_MS) << "longer than a bounded wait";
+    EXPECT_EQ(SEND_DONE, send(2001, taken, 64, true));
+    EXPECT_TRUE(read) << "before there was room";
     reader.join();
     for (std::uint32_t i = 1; i <= taken; ++i)
         EXPECT_EQ(i, tagOf(peer.receive()));
 }
 
-TEST_F(QueueSend, ASignalEndsNeitherWait)
+TEST_F(QueueSend, ASignalDoesNotEndTheWait)
 {
     const TQuietProc proc(1001);
     const TRawSocket peer(pathOf(2001));
-    ASSERT_EQ(0, send(2001, 0)) << "not stuck, whatever an earlier test has found";
-    fillAtOnce(2001, 64);
-    TSignalCounter signals(SIGUSR1);
+    (void)fill(2001);
+    const TSignalCounter signals(SIGUSR1);
     const pthread_t waiting = ::pthread_self();
-    std::atomic<bool> reading{false};
     std::thread disturbing([&] {
-        while (!reading || signals.count() < 10) {
+        while (signals.count() < 10) {
             ::pthread_kill(waiting, SIGUSR1);
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
         (void)peer.receiveNow();
     });
-    const TStopwatch watch;
-    EXPECT_NE(0, send(2001, 1));
-    EXPECT_GE(watch.milliseconds(), PATIENCE_MS);
-    signals.startAgain();
-    reading = true;
-    EXPECT_EQ(0, send(2001, 1, 64, true));
+    EXPECT_EQ(SEND_DONE, send(2001, 1, 64, true));
     EXPECT_GE(signals.count(), 10) << "before there was room";
     disturbing.join();
 }
@@ -302,14 +277,13 @@ TEST_F(QueueSend, AnUnboundedWaitEndsWhenTheOwnerIsKilled)
     });
     ASSERT_TRUE(opened.await());
     const TQuietProc proc(1001);
-    fillAtOnce(2001, 64);
+    (void)fill(2001);
     std::thread killer([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
         owner.kill();
     });
-    const TStopwatch watch;
-    EXPECT_NE(0, send(2001, 1, 64, true));
-    EXPECT_LT(watch.milliseconds(), 900);
+    EXPECT_EQ(SEND_FAILED, send(2001, 1, 64, true));
+    EXPECT_GT(fake_system::lastPoll(), 0) << "found out by the clock";
     killer.join();
 }
 
@@ -330,11 +304,10 @@ TEST_F(QueueSend, AnUnboundedWaitEndsWhenTheOwnerClosesItsQueueAndLivesOn)
     });
     ASSERT_TRUE(opened.await());
     const TQuietProc proc(1001);
-    fillAtOnce(2001, 64);
+    (void)fill(2001);
     full.pass();
-    const TStopwatch watch;
-    EXPECT_NE(0, send(2001, 1, 64, true));
-    EXPECT_LT(watch.milliseconds(), 900);
+    EXPECT_EQ(SEND_FAILED, send(2001, 1, 64, true));
+    EXPECT_GT(fake_system::lastPoll(), 0) << "found out by the clock";
     end.pass();
     EXPECT_EQ(0, owner.result());
 }
@@ -349,14 +322,14 @@ TEST_F(QueueSend, ABurstToAProcessThatAnswersEachArrivesWholeAndSoDoTheAnswers)
         TOrbAttachmentMsg msg{};
         for (std::uint32_t i = 0; i < BURST; ++i) {
             if (receiveNext(msg) != 64 || msg.tag != i || msg.sender != 1001) return 1;
-            if (g_qMgr.sendMsg(msg.sender, &msg, 64, false) != 0) return 2;
+            if (g_qMgr.sendMsg(msg.sender, &msg, 64, true) != 0) return 2;
         }
         return 0;
     });
     ASSERT_TRUE(ready.await());
     const TQuietProc proc(1001);
     for (std::uint32_t i = 0; i < BURST; ++i)
-        ASSERT_EQ(0, send(2001, i)) << "command " << i;
+        ASSERT_EQ(0, send(2001, i, 64, true)) << "command " << i;
     TOrbAttachmentMsg msg{};
     for (std::uint32_t i = 0; i < BURST; ++i) {
         ASSERT_EQ(64, receiveNext(msg)) << "answer " << i;
@@ -389,7 +362,7 @@ TEST_F(QueueSend, ABurstToAPeerThatBlocksInItsAnswersArrivesWhole)
     opened.pass();
     ASSERT_TRUE(ready.await());
     for (std::uint32_t i = 0; i < BURST; ++i)
-        ASSERT_EQ(0, send(2001, i)) << "command " << i;
+        ASSERT_EQ(0, send(2001, i, 64, true)) << "command " << i;
     TOrbAttachmentMsg msg{};
     for (std::uint32_t i = 0; i < BURST * ANSWERS; ++i) {
         ASSERT_EQ(64, receiveNext(msg)) << "answer " << i;
@@ -439,7 +412,7 @@ TEST_F(QueueSend, OneThreadMayWaitInGetMsgWhileAnotherSendsABurst)
         TOrbAttachmentMsg msg{};
         for (std::uint32_t i = 0; i < BURST; ++i) {
             if (receiveNext(msg) != 64 || msg.tag != i) return 1;
-            if (g_qMgr.sendMsg(msg.sender, &msg, 64, false) != 0) return 2;
+            if (g_qMgr.sendMsg(msg.sender, &msg, 64, true) != 0) return 2;
         }
         return 0;
     });
@@ -448,7 +421,7 @@ TEST_F(QueueSend, OneThreadMayWaitInGetMsgWhileAnotherSendsABurst)
     std::atomic<std::uint32_t> refused{0};
     std::thread sender([&] {
         for (std::uint32_t i = 0; i < BURST; ++i)
-            refused += send(2001, i) != 0 ? 1 : 0;
+            refused += send(2001, i, 64, true) != 0 ? 1 : 0;
     });
     TOrbAttachmentMsg msg{};
     for (std::uint32_t i = 0; i < BURST; ++i) {
@@ -481,7 +454,7 @@ TEST_F(QueueSend, TwoThreadsMayWaitAtOnce)
     std::atomic<std::uint32_t> refused{0};
     const auto sendMany = [&](std::uint32_t who) {
         for (std::uint32_t i = 0; i < 2000; ++i)
-            refused += send(2001, who << 16 | i) != 0 ? 1 : 0;
+            refused += send(2001, who << 16 | i, 64, true) != 0 ? 1 : 0;
     };
     std::thread other(sendMany, 1);
     sendMany(0);
@@ -495,17 +468,14 @@ TEST_F(QueueSend, AProcessMaySendToItselfAsMuchAsItsBacklogHolds)
     const TQuietProc proc(1001);
     std::uint32_t sent = 0;
     TStopwatch watch;
-    while (sent < 100'000 && send(1001, sent, MSG_RECORD_BYTES, sent % 2 == 0) == 0) {
+    while (sent < 100'000 && send(1001, sent, MSG_RECORD_BYTES, true) == SEND_DONE) {
         ++sent;
         watch = TStopwatch();
     }
     ASSERT_LT(sent, 100'000U) << "there has to be an end";
     EXPECT_GT(sent, 1500U);
     EXPECT_GE(watch.milliseconds(), PATIENCE_MS);
-    EXPECT_LT(watch.milliseconds(), 8 * PATIENCE_MS);
-    const TStopwatch waiting;
-    EXPECT_NE(0, send(1001, sent, MSG_RECORD_BYTES, true)) << "an unbounded wait without progress ends too";
-    EXPECT_LT(waiting.milliseconds(), 8 * PATIENCE_MS);
+    EXPECT_EQ(SEND_QUEUE_FULL, send(1001, sent, MSG_RECORD_BYTES, true)) << "a wait without progress ends";
 
     TOrbAttachmentMsg msg{};
     for (std::uint32_t i = 0; i < sent; ++i) {

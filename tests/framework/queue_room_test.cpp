@@ -1,0 +1,224 @@
+#include "framework/queue_room.h"
+
+#include "framework/bundled/own_queue.h"
+
+#include "child_process.h"
+#include "queue_test.h"
+#include "raw_socket.h"
+#include "tests/support/descriptor_limit.h"
+#include "tests/support/waiting.h"
+
+#include <fcntl.h>
+#include <filesystem>
+#include <limits>
+#include <poll.h>
+#include <type_traits>
+#include <utility>
+
+namespace {
+
+static_assert(!std::is_copy_constructible_v<TQueueRoom> && !std::is_copy_assignable_v<TQueueRoom>);
+
+class QueueRoom : public TQueueTest {
+protected:
+    static long send(long address)
+    {
+        TOrbAttachmentMsg msg = numbered(1);
+        return g_qMgr.sendMsg(address, &msg, 64, false);
+    }
+
+    static void fill(long address)
+    {
+        long result = SEND_DONE;
+        while ((result = send(address)) == SEND_DONE) {
+        }
+        ASSERT_EQ(SEND_QUEUE_FULL, result);
+    }
+
+    /// @return it is reported as writable, within so many milliseconds
+    static bool isReported(int fd, int milliseconds = 0)
+    {
+        pollfd room{fd, POLLOUT, 0};
+        return ::poll(&room, 1, milliseconds) == 1 && (room.revents & POLLOUT) != 0;
+    }
+
+    static bool willBeReported(int fd) { return isReported(fd, 20'000); }
+
+    static std::ptrdiff_t openDescriptors()
+    {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+    }
+
+    TQuietProc proc_{1001, false};
+    TQueueRoom room_;
+};
+
+TEST_F(QueueRoom, IsReportedAsSoonAsAFullQueueHasSome)
+{
+    const TRawSocket peer(pathOf(2001));
+    EXPECT_TRUE(isReported(room_.watch(2001))) << "there is room";
+    fill(2001);
+    EXPECT_FALSE(isReported(room_.fd()));
+    EXPECT_FALSE(isReported(room_.watch(2001))) << "looked anew";
+    (void)peer.receive();
+    EXPECT_TRUE(isReported(room_.fd()));
+    EXPECT_EQ(SEND_DONE, send(2001));
+    EXPECT_FALSE(isReported(room_.fd())) << "full again";
+}
+
+TEST_F(QueueRoom, WakesWhoeverWaits)
+{
+    const TRawSocket peer(pathOf(2001));
+    fill(2001);
+    const int fd = room_.watch(2001);
+    std::thread reader([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        (void)peer.receive();
+    });
+    EXPECT_TRUE(willBeReported(fd));
+    reader.join();
+}
+
+TEST_F(QueueRoom, TheOwnersEndIsReportedToo)
+{
+    TSignpost opened;
+    TChildProcess owner([&] {
+        const TQuietProc proc(2001);
+        opened.pass();
+        ::pause();
+        return 0;
+    });
+    ASSERT_TRUE(opened.await());
+    fill(2001);
+    const int fd = room_.watch(2001);
+    EXPECT_FALSE(isReported(fd));
+    owner.kill();
+    EXPECT_TRUE(willBeReported(fd));
+    EXPECT_EQ(SEND_FAILED, send(2001));
+}
+
+TEST_F(QueueRoom, AnOwnerThatClosesItsQueueAndLivesOnIsReported)
+{
+    TSignpost opened;
+    TSignpost full;
+    TSignpost end;
+    TChildProcess owner([&] {
+        {
+            const TQuietProc proc(2001);
+            opened.pass();
+            (void)full.await();
+        }
+        (void)end.await();
+        return 0;
+    });
+    ASSERT_TRUE(opened.await());
+    fill(2001);
+    const int fd = room_.watch(2001);
+    full.pass();
+    EXPECT_TRUE(willBeReported(fd));
+    EXPECT_EQ(SEND_FAILED, send(2001));
+    end.pass();
+    EXPECT_EQ(0, owner.result());
+}
+
+TEST_F(QueueRoom, ThereIsNoneToWatchWithoutAQueue)
+{
+    {
+        const TRawSocket dead(pathOf(2002));
+    }
+    const TRawSocket peer(pathOf(2003));
+    const auto before = openDescriptors();
+    for (const long address : {2001L, 2002L, 0L, -1L, std::numeric_limits<long>::max()}) {
+        EXPECT_EQ(-1, room_.watch(address)) << address;
+        EXPECT_EQ(-1, room_.fd()) << address;
+        EXPECT_EQ(before, openDescriptors()) << address;
+        ASSERT_LE(0, room_.watch(2003));
+        EXPECT_EQ(-1, room_.watch(address)) << address << ", after one that there is";
+        EXPECT_EQ(before, openDescriptors()) << address;
+    }
+}
+
+TEST_F(QueueRoom, WithoutADescriptorToSpareThereIsNone)
+{
+    const TRawSocket peer(pathOf(2001));
+    {
+        const DescriptorLimit none(0);
+        ASSERT_TRUE(none.isSet());
+        EXPECT_EQ(-1, room_.watch(2001));
+    }
+    EXPECT_LE(0, room_.watch(2001));
+}
+
+TEST_F(QueueRoom, WatchedAgainItKeepsItsNumberAndLooksAtWhoeverHasTheAddressNow)
+{
+    const TRawSocket other(pathOf(2002));
+    int fd = -1;
+    {
+        const TRawSocket first(pathOf(2001));
+        fill(2001);
+        fd = room_.watch(2001);
+    }
+    ASSERT_EQ(0, ::unlink(pathOf(2001).c_str()));
+    const TRawSocket second(pathOf(2001));
+    fill(2001);
+    EXPECT_TRUE(isReported(fd)) << "the first one is gone";
+    EXPECT_EQ(fd, room_.watch(2001));
+    EXPECT_FALSE(isReported(fd)) << "the second one is full";
+    EXPECT_EQ(fd, room_.watch(2002));
+    EXPECT_TRUE(isReported(fd)) << "another queue";
+}
+
+TEST_F(QueueRoom, ItsDescriptorIsNotPassedOnAndClosedAtTheEnd)
+{
+    const TRawSocket peer(pathOf(2001));
+    const auto before = openDescriptors();
+    {
+        TQueueRoom room;
+        const int fd = room.watch(2001);
+        EXPECT_EQ(fd, room.fd());
+        EXPECT_EQ(FD_CLOEXEC, ::fcntl(fd, F_GETFD));
+        EXPECT_NE(0, ::fcntl(fd, F_GETFL) & O_NONBLOCK);
+        EXPECT_EQ(before + 1, openDescriptors());
+        TQueueRoom moved(std::move(room));
+        EXPECT_EQ(fd, moved.fd());
+        room_ = std::move(moved);
+    }
+    EXPECT_EQ(before + 1, openDescriptors());
+    EXPECT_TRUE(isReported(room_.fd()));
+    room_.stop();
+    EXPECT_EQ(before, openDescriptors());
+    EXPECT_EQ(-1, room_.fd());
+    room_.stop();
+}
+
+TEST_F(QueueRoom, TheReportIsWrongWhereTheOwnSendBufferIsUsedUp)
+{
+    const TQuietProc proc(1001);
+    const int small = 20'000;
+    ASSERT_EQ(0, ::setsockopt(ownQueue.socket(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small));
+    const TRawSocket stuck(pathOf(2001));
+    const TRawSocket healthy(pathOf(3001));
+    TOrbAttachmentMsg msg = numbered(1);
+    while (g_qMgr.sendMsg(2001, &msg, 8192, false) == SEND_DONE) {
+    }
+    EXPECT_EQ(SEND_QUEUE_FULL, g_qMgr.sendMsg(3001, &msg, 8192, false));
+    EXPECT_TRUE(isReported(room_.watch(3001))) << "as the header says: pause";
+}
+
+TEST_F(QueueRoom, AForkedChildHasItsOwnCopy)
+{
+    const TRawSocket peer(pathOf(2001));
+    fill(2001);
+    const int fd = room_.watch(2001);
+    TChildProcess child([&] {
+        if (isReported(fd)) return 1;
+        room_.stop();
+        return 0;
+    });
+    EXPECT_EQ(0, child.result());
+    EXPECT_FALSE(isReported(fd));
+    (void)peer.receive();
+    EXPECT_TRUE(isReported(fd));
+}
+
+} // namespace
