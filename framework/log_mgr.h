@@ -10,6 +10,10 @@ using TTraceMsg = int;
 /// UTC with milliseconds, the tag, the identifier, the text. Lines go to standard error; with TESS_LOG=syslog in the
 /// environment to the datagram socket /dev/log in its place (RFC 3164: facility daemon, severity information), and to
 /// standard error only what that does not take at once; with TESS_LOG=both to both.
+///
+/// The log never waits. A line that no destination takes at once, because a pipe or a journal is full that nobody reads, or a
+/// terminal is halted, is dropped and counted. In front of the next line that goes through stands one that tells how many
+/// were: "250008 3 log lines were lost". A forked child counts anew.
 class TLogMgr {
 public:
     /// Sets how lines look, and looks at TESS_LOG; until then there is no tag, and lines go to standard error. Call once,
@@ -26,8 +30,9 @@ public:
     void initAfterDaemonize();
 
     /// Writes one line. Line ends inside the text become blanks; a line of more than 4095 characters is cut.
-    /// Takes no lock, allocates nothing, keeps errno. A line that cannot be written is dropped. It waits as write(2) does,
-    /// and like it raises SIGPIPE when standard error is a pipe that nobody reads any more: ignore or handle that signal.
+    /// Takes no lock, allocates nothing, keeps errno, never waits and never raises SIGPIPE: a line that cannot be written at
+    /// once is dropped. Standard error may be a file, a pipe, a socket or a terminal, may be another one from line to line,
+    /// and keeps its flags. For a moment a descriptor is open beside it (pipes and terminals).
     /// @param id    identifier of the message
     /// @param text  NUL-terminated, not null; stays the caller's
     /// Threads: any; also from a signal handler (signal-safety(7)).

@@ -10,3 +10,5 @@ inline constexpr TTraceMsg LOG_QUEUE_NOT_OPENED = 250001;
 inline constexpr TTraceMsg LOG_DATAGRAM_DROPPED = 250002;
 /// The service manager that started the process did not take the message that it is up.
 inline constexpr TTraceMsg LOG_MANAGER_NOT_TOLD = 250006;
+/// Lines were lost, because nobody took them at once; the text has their number.
+inline constexpr TTraceMsg LOG_LINES_LOST = 250008;

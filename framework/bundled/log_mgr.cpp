@@ -4,6 +4,7 @@
 #include "framework/bundled/log_messages.h"
 #include "framework/bundled/queue_fd.h"
 #include "framework/bundled/syslog_socket.h"
+#include "framework/bundled/write_at_once.h"
 #include "framework/fixed_text.h"
 #include "framework/hr_time_out.h"
 
@@ -12,6 +13,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <pthread.h>
 #include <string_view>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -29,7 +31,21 @@ constinit std::atomic<const char*> lineTag{""};
 constinit std::atomic<Destination> destination{Destination::standardError};
 constinit TSyslogSocket syslogSocket;
 
+/// Lines that nobody has taken and nobody has been told of.
+constinit std::atomic<unsigned> lostLines{0};
+/// Only the beginning of the last line went to standard error.
+constinit std::atomic<bool> lineIsCut{false};
+
 static_assert(std::atomic<const char*>::is_always_lock_free && std::atomic<Destination>::is_always_lock_free);
+static_assert(std::atomic<unsigned>::is_always_lock_free && std::atomic<bool>::is_always_lock_free);
+
+/// What its parent has lost a forked child does not tell once more.
+void startInForkedChild()
+{
+    lostLines.store(0);
+}
+
+[[maybe_unused]] const int atFork = ::pthread_atfork(nullptr, nullptr, startInForkedChild);
 
 Destination destinationFromEnvironment()
 {
@@ -48,12 +64,18 @@ TLogLine::Time timeNow()
     return TLogLine::Time(seconds + std::chrono::milliseconds(now.tv_nsec / 1'000'000));
 }
 
-void logToStandardError(TLogLine::Time time, TTraceMsg id, const char* text)
+/// A line that is cut is lost; what went out of it gets its end in front of the next one.
+/// @return false: standard error did not take the line, or not the whole of it
+bool logToStandardError(TLogLine::Time time, TTraceMsg id, const char* text)
 {
     TLogLine line;
+    const bool afterPiece = lineIsCut.exchange(false);
+    if (afterPiece) line.lineEnd();
     line.isoTime(time).text(lineTag.load()).text(" ").number(id).text(" ").oneLineText(text).lineEnd();
-    while (::write(STDERR_FILENO, line.view().data(), line.view().size()) < 0 && errno == EINTR) {
-    }
+    const std::size_t written = writeAtOnce(STDERR_FILENO, line.view());
+    if (written == line.view().size()) return true;
+    if (afterPiece || written > 0) lineIsCut.store(true);
+    return false;
 }
 
 /// @return false: the system log did not take the line
@@ -65,6 +87,28 @@ bool logToSystemLog(TLogLine::Time time, TTraceMsg id, const char* text)
     line.text("[").number(::getpid()).text("]:");
     line.text(lineTag.load()).text(" ").number(id).text(" ").oneLineText(text);
     return syslogSocket.send(line.view());
+}
+
+/// @return false: no destination took the line
+bool deliver(TTraceMsg id, const char* text)
+{
+    const TLogLine::Time time = timeNow();
+    const Destination to = destination.load();
+    const bool taken = to != Destination::standardError && logToSystemLog(time, id, text);
+    if (taken && to == Destination::systemLog) return true;
+    return logToStandardError(time, id, text) || taken;
+}
+
+/// @return false: lines have been lost, and there is no room for saying so
+bool tellLostLines()
+{
+    const unsigned lost = lostLines.exchange(0);
+    if (lost == 0) return true;
+    FixedText<48> text;
+    text << lost << " log lines were lost";
+    if (deliver(LOG_LINES_LOST, text.c_str())) return true;
+    lostLines.fetch_add(lost);
+    return false;
 }
 
 /// The socket address that NOTIFY_SOCKET names: a path, or an abstract name after '@' (sd_notify(3)).
@@ -122,9 +166,6 @@ void TLogMgr::initAfterDaemonize()
 void TLogMgr::log(TTraceMsg id, const char* text)
 {
     const int savedErrno = errno;
-    const TLogLine::Time time = timeNow();
-    const Destination to = destination.load();
-    const bool taken = to != Destination::standardError && logToSystemLog(time, id, text);
-    if (to != Destination::systemLog || !taken) logToStandardError(time, id, text);
+    if (!tellLostLines() || !deliver(id, text)) lostLines.fetch_add(1);
     errno = savedErrno;
 }

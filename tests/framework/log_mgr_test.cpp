@@ -1,10 +1,12 @@
 #include "framework/log_mgr.h"
 
 #include "captured_stderr.h"
+#include "child_process.h"
 #include "fake_system.h"
 #include "framework/bundled/syslog_socket.h"
 #include "raw_socket.h"
 #include "signal_counter.h"
+#include "standard_error.h"
 #include "temp_dir.h"
 #include "tests/support/waiting.h"
 
@@ -27,6 +29,7 @@ namespace {
 using testing::HasSubstr;
 using testing::Matches;
 using testing::MatchesRegex;
+using testing::Not;
 
 // For regcomp(3), extended.
 constexpr const char* isoTime = "[0-9]{4}-[01][0-9]-[0-3][0-9]T[0-2][0-9]:[0-5][0-9]:[0-6][0-9]\\.[0-9]{3}Z";
@@ -147,6 +150,7 @@ TEST_F(LogMgr, KeepsErrno)
     ::dup2(saved, STDERR_FILENO);
     ::close(saved);
     EXPECT_EQ(ENOTTY, kept);
+    EXPECT_THAT(logged(8, "next"), HasSubstr(" 250008 1 log lines were lost\n"));
 }
 
 TEST_F(LogMgr, LinesFromASignalHandlerAndFromThreadsStayWhole)
@@ -180,6 +184,168 @@ TEST_F(LogMgr, LinesFromASignalHandlerAndFromThreadsStayWhole)
     }
     EXPECT_EQ(4000, fromThreads);
     EXPECT_GE(fromHandler, 1);
+}
+
+TEST_F(LogMgr, ALineThatNobodyTakesAtOnceIsLostAndTheNextOneTellsSo)
+{
+    for (const TWay::Kind kind : {TWay::PIPE, TWay::STREAM, TWay::TERMINAL}) {
+        const TWay way(kind);
+        const TStandardError standardError(way.fd());
+        way.fill();
+        errno = ENOTTY;
+        for (int i = 0; i < 3; ++i)
+            logMgr.log(7, "lost");
+        EXPECT_EQ(ENOTTY, errno);
+        EXPECT_THAT(way.receive(), Not(HasSubstr("lost")));
+        logMgr.log(8, "first");
+        logMgr.log(9, "second");
+        EXPECT_THAT(way.receive("second\n"),
+                    MatchesRegex(std::string(isoTime) + "    \\[TEST\\] 250008 3 log lines were lost\n" + isoTime +
+                                 "    \\[TEST\\] 8 first\n" + isoTime + "    \\[TEST\\] 9 second\n"))
+            << "way " << kind;
+    }
+}
+
+TEST_F(LogMgr, LinesAreLostWithoutASignalWhenTheReaderHasGone)
+{
+    const auto before = std::signal(SIGPIPE, SIG_DFL); // it would end this process
+    TWay way(TWay::PIPE);
+    way.closeFar();
+    {
+        const TStandardError standardError(way.fd());
+        logMgr.log(7, "lost");
+    }
+    std::signal(SIGPIPE, before);
+    EXPECT_THAT(logged(8, "next"), MatchesRegex(".* 250008 1 log lines were lost\n.* 8 next\n"));
+}
+
+TEST_F(LogMgr, TheNumberOfLostLinesIsExactWhoeverLosesThem)
+{
+    constexpr int THREADS = 4;
+    constexpr int LINES = 500;
+    const TSignalCounter alarms(SIGALRM, SA_RESTART, [] { logMgr.log(51001, "from the handler"); });
+    const TWay way(TWay::PIPE);
+    const TStandardError standardError(way.fd());
+    way.fill();
+    itimerval everyMillisecond{};
+    everyMillisecond.it_interval.tv_usec = everyMillisecond.it_value.tv_usec = 1'000;
+    ASSERT_EQ(0, ::setitimer(ITIMER_REAL, &everyMillisecond, nullptr));
+    std::vector<std::thread> threads;
+    for (int i = 0; i < THREADS; ++i) {
+        threads.emplace_back([] {
+            for (int line = 0; line < LINES; ++line)
+                logMgr.log(51002, "from a thread");
+        });
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    ::raise(SIGALRM);
+    const itimerval off{};
+    ::setitimer(ITIMER_REAL, &off, nullptr);
+    const int lost = THREADS * LINES + alarms.count();
+    EXPECT_THAT(way.receive(), Not(HasSubstr("TEST")));
+    logMgr.log(8, "next");
+    EXPECT_THAT(way.receive(" next\n"),
+                MatchesRegex(".* 250008 " + std::to_string(lost) + " log lines were lost\n.* 8 next\n"));
+}
+
+TEST_F(LogMgr, WhatThreadsLoseAndWhatGoesThroughIsEverything)
+{
+    constexpr int THREADS = 4;
+    constexpr int LINES = 3000;
+    const TWay way(TWay::PIPE);
+    std::string all;
+    {
+        const TStandardError standardError(way.fd());
+        std::atomic<int> atWork{THREADS};
+        std::vector<std::thread> threads;
+        for (int i = 0; i < THREADS; ++i) {
+            threads.emplace_back([&] {
+                for (int line = 0; line < LINES; ++line)
+                    logMgr.log(51002, "from a thread");
+                --atWork;
+            });
+        }
+        while (atWork > 0) { // a reader that is too slow
+            all += way.receiveOne();
+            std::this_thread::yield();
+        }
+        for (std::thread& thread : threads)
+            thread.join();
+        all += way.receive();
+        logMgr.log(8, "last");
+    }
+    all += way.receive(" last\n");
+    std::istringstream lines(all);
+    int seen = 0;
+    for (std::string line; std::getline(lines, line);) {
+        const std::size_t lostAt = line.find(" 250008 ");
+        if (lostAt != std::string::npos) seen += std::stoi(line.substr(lostAt + 8));
+        if (line.ends_with(" 51002 from a thread")) ++seen;
+    }
+    EXPECT_EQ(THREADS * LINES, seen);
+}
+
+TEST_F(LogMgr, ALineThatIsCutIsLostAndDoesNotRunIntoTheNextOne)
+{
+    const TWay way(TWay::STREAM);
+    const TStandardError standardError(way.fd());
+    {
+        const fake_system::TShortSend cut(30);
+        logMgr.log(7, "cut");
+    }
+    {
+        const fake_system::TShortSend none(0);
+        logMgr.log(7, "lost");
+    }
+    logMgr.log(8, "whole");
+    logMgr.log(9, "whole too");
+    EXPECT_THAT(way.receive("too\n"),
+                MatchesRegex(std::string(isoTime) + "    \\[T\n" + isoTime +
+                             "    \\[TEST\\] 250008 2 log lines were lost\n" + isoTime + "    \\[TEST\\] 8 whole\n" +
+                             isoTime + "    \\[TEST\\] 9 whole too\n"));
+}
+
+TEST_F(LogMgr, ALineIsLostOnlyWhenNoDestinationTakesIt)
+{
+    const TWay way(TWay::PIPE);
+    const TStandardError standardError(way.fd());
+    way.fill();
+    configure("both");
+    {
+        const TRawSocket systemLog(systemLogPath_);
+        logMgr.log(1, "taken there");
+        EXPECT_THAT(systemLog.receive(), HasSubstr(" 1 taken there"));
+        ::unlink(systemLogPath_.c_str());
+    }
+    logMgr.log(2, "lost");
+    configure("syslog");
+    logMgr.log(3, "lost");
+    const TRawSocket systemLog(systemLogPath_);
+    logMgr.log(4, "next");
+    EXPECT_THAT(systemLog.receive(), HasSubstr("]:    [TEST] 250008 2 log lines were lost"));
+    EXPECT_THAT(systemLog.receive(), HasSubstr(" 4 next"));
+    EXPECT_EQ("<nothing there>", systemLog.receiveNow());
+    EXPECT_THAT(way.receive(), Not(HasSubstr("TEST")));
+}
+
+TEST_F(LogMgr, AForkedChildTellsOnlyWhatItHasLostItself)
+{
+    const TWay full(TWay::PIPE);
+    full.fill();
+    {
+        const TStandardError standardError(full.fd());
+        logMgr.log(7, "lost");
+    }
+    const TWay childs(TWay::PIPE);
+    TChildProcess child([&] {
+        const TStandardError standardError(childs.fd());
+        logMgr.log(8, "child");
+        return 0;
+    });
+    EXPECT_EQ(0, child.result());
+    EXPECT_THAT(childs.receive(), MatchesRegex(std::string(isoTime) + "    \\[TEST\\] 8 child\n"));
+    EXPECT_THAT(logged(9, "parent"), HasSubstr(" 250008 1 log lines were lost\n"));
 }
 
 TEST_F(LogMgr, GoesToTheSystemLogInsteadWhenAsked)

@@ -1,0 +1,226 @@
+#include "framework/bundled/write_at_once.h"
+
+#include "child_process.h"
+#include "fake_system.h"
+#include "standard_error.h"
+#include "tests/support/allocation_count.h"
+#include "tests/support/descriptor_limit.h"
+
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+#include <gtest/gtest.h>
+#include <optional>
+#include <sys/ioctl.h>
+#include <thread>
+#include <vector>
+
+namespace {
+
+/// How a kernel, or a process short of descriptors, comes to it.
+enum System { AS_IT_IS, WITHOUT_NOWAIT, WITHOUT_DESCRIPTORS };
+
+struct Case {
+    const char* name;
+    TWay::Kind kind;
+    System system;
+};
+
+const Case cases[] = {
+    {"pipe", TWay::PIPE, AS_IT_IS},
+    {"pipe, opened again", TWay::PIPE, WITHOUT_NOWAIT},
+    {"pipe, looked at", TWay::PIPE, WITHOUT_DESCRIPTORS},
+    {"packet pipe", TWay::PACKET_PIPE, AS_IT_IS},
+    {"packet pipe, opened again", TWay::PACKET_PIPE, WITHOUT_NOWAIT},
+    {"packet pipe, looked at", TWay::PACKET_PIPE, WITHOUT_DESCRIPTORS},
+    {"stream socket", TWay::STREAM, AS_IT_IS},
+    {"terminal, opened again", TWay::TERMINAL, AS_IT_IS},
+    {"terminal, looked at", TWay::TERMINAL, WITHOUT_DESCRIPTORS},
+};
+
+/// The system of a case, for as long as it lives.
+class TSystem {
+public:
+    explicit TSystem(System system)
+    {
+        if (system != AS_IT_IS) withoutNowait_.emplace();
+        if (system == WITHOUT_DESCRIPTORS) withoutDescriptors_.emplace(STDERR_FILENO + 1);
+    }
+
+private:
+    std::optional<fake_system::TNoNowait> withoutNowait_;
+    std::optional<DescriptorLimit> withoutDescriptors_;
+};
+
+std::ptrdiff_t openDescriptors()
+{
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+
+bool isPending(int signo)
+{
+    sigset_t pending{};
+    ::sigpending(&pending);
+    return ::sigismember(&pending, signo) == 1;
+}
+
+TEST(WriteAtOnce, WritesWhereThereIsRoom)
+{
+    for (const Case& c : cases) {
+        const TWay way(c.kind);
+        const auto before = openDescriptors();
+        const std::string text(1000, 'x');
+        {
+            const TSystem system(c.system);
+            EXPECT_EQ(1000U, writeAtOnce(way.fd(), text)) << c.name;
+            EXPECT_EQ(3U, writeAtOnce(way.fd(), "yz\n")) << c.name;
+        }
+        EXPECT_EQ(text + "yz\n", way.receive("z\n")) << c.name;
+        EXPECT_EQ(before, openDescriptors()) << c.name;
+    }
+}
+
+TEST(WriteAtOnce, WritesNothingAndDoesNotWaitWhereThereIsNone)
+{
+    for (const Case& c : cases) {
+        const TWay way(c.kind);
+        way.fill();
+        const int flags = ::fcntl(way.fd(), F_GETFL);
+        {
+            const TSystem system(c.system);
+            for (int i = 0; i < 10; ++i)
+                EXPECT_EQ(0U, writeAtOnce(way.fd(), "a line\n")) << c.name;
+        }
+        EXPECT_EQ(std::string::npos, way.receive().find("a line")) << c.name;
+        EXPECT_EQ(flags, ::fcntl(way.fd(), F_GETFL)) << c.name << ": others share them";
+        EXPECT_EQ(7U, writeAtOnce(way.fd(), "a line\n")) << c.name << ": there is room again";
+        EXPECT_EQ("a line\n", way.receive("\n")) << c.name;
+    }
+}
+
+TEST(WriteAtOnce, APacketPipeGetsOnePacketForEach)
+{
+    for (const System system : {AS_IT_IS, WITHOUT_NOWAIT, WITHOUT_DESCRIPTORS}) {
+        const TWay way(TWay::PACKET_PIPE);
+        {
+            const TSystem here(system);
+            EXPECT_EQ(5U, writeAtOnce(way.fd(), "first"));
+            EXPECT_EQ(6U, writeAtOnce(way.fd(), "second"));
+        }
+        EXPECT_EQ("first", way.receiveOne());
+        EXPECT_EQ("second", way.receiveOne());
+    }
+}
+
+TEST(WriteAtOnce, ManyThreadsGetWhatRoomThereIsAndNoneWaits)
+{
+    for (const System system : {AS_IT_IS, WITHOUT_NOWAIT}) {
+        const TWay way(TWay::PIPE);
+        const TSystem here(system);
+        std::atomic<std::size_t> taken{0};
+        std::atomic<int> cut{0};
+        const auto writeMany = [&] {
+            const std::string line(1000, 'x');
+            for (int i = 0; i < 500; ++i) {
+                const std::size_t written = writeAtOnce(way.fd(), line);
+                taken += written;
+                if (written != 0 && written != line.size()) ++cut;
+            }
+        };
+        std::vector<std::thread> others;
+        for (int i = 0; i < 4; ++i)
+            others.emplace_back(writeMany);
+        for (std::thread& other : others)
+            other.join();
+        EXPECT_EQ(0, cut);
+        EXPECT_LT(taken, 4U * 500 * 1000) << "it was never full";
+        EXPECT_EQ(taken, way.receive().size());
+    }
+}
+
+TEST(WriteAtOnce, WithoutAReaderNoSignalIsRaised)
+{
+    const auto before = std::signal(SIGPIPE, SIG_DFL); // it would end this process
+    for (const Case& c : cases) {
+        TWay way(c.kind);
+        way.closeFar();
+        const TSystem system(c.system);
+        EXPECT_EQ(0U, writeAtOnce(way.fd(), "a line\n")) << c.name;
+        EXPECT_FALSE(isPending(SIGPIPE)) << c.name;
+    }
+    std::signal(SIGPIPE, before);
+}
+
+TEST(WriteAtOnce, SignalsThatWereHeldBackStaySo)
+{
+    sigset_t held{};
+    sigset_t before{};
+    ::sigemptyset(&held);
+    ::sigaddset(&held, SIGPIPE);
+    ::pthread_sigmask(SIG_BLOCK, &held, &before);
+    TWay way(TWay::PIPE);
+    way.closeFar();
+    EXPECT_EQ(0U, writeAtOnce(way.fd(), "a line\n"));
+    EXPECT_FALSE(isPending(SIGPIPE)) << "none of its own is left";
+    ::pthread_kill(::pthread_self(), SIGPIPE);
+    EXPECT_EQ(0U, writeAtOnce(way.fd(), "a line\n"));
+    EXPECT_TRUE(isPending(SIGPIPE)) << "somebody else's is";
+    const timespec now{};
+    EXPECT_EQ(SIGPIPE, ::sigtimedwait(&held, nullptr, &now));
+    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+/// One process at a time may write to a terminal that wants it so (TOSTOP); others would be stopped.
+TEST(WriteAtOnce, InTheBackgroundOfATerminalNobodyIsStopped)
+{
+    TChildProcess session([] {
+        std::signal(SIGHUP, SIG_IGN); // the terminal's end
+        if (::setsid() < 0) return 1;
+        const TWay way(TWay::TERMINAL);
+        if (::ioctl(way.fd(), TIOCSCTTY, 0) != 0) return 2;
+        termios line{};
+        ::tcgetattr(way.fd(), &line);
+        line.c_lflag |= TOSTOP;
+        ::tcsetattr(way.fd(), TCSANOW, &line);
+        TChildProcess background([&] {
+            ::setpgid(0, 0);
+            return writeAtOnce(way.fd(), "a line\n") == 7 ? 0 : 1;
+        });
+        return background.result() == 0 && way.receive("\n") == "a line\n" ? 0 : 3;
+    });
+    EXPECT_EQ(0, session.result());
+}
+
+TEST(WriteAtOnce, AFileIsWrittenAtItsOwnPlace)
+{
+    std::FILE* const file = std::tmpfile();
+    ASSERT_NE(nullptr, file);
+    const int fd = ::fileno(file);
+    EXPECT_EQ(3U, writeAtOnce(fd, "abc"));
+    EXPECT_EQ(3U, writeAtOnce(fd, "def"));
+    char bytes[16]{};
+    EXPECT_EQ(6, ::pread(fd, bytes, sizeof bytes, 0));
+    EXPECT_STREQ("abcdef", bytes);
+    std::fclose(file);
+}
+
+TEST(WriteAtOnce, AllocatesNothing)
+{
+    for (const Case& c : cases) {
+        const TWay way(c.kind);
+        const TSystem system(c.system);
+        const unsigned before = allocationCount();
+        const unsigned mallocsBefore = fake_system::mallocCount();
+        (void)writeAtOnce(way.fd(), "a line\n");
+        EXPECT_EQ(before, allocationCount()) << c.name;
+        EXPECT_EQ(mallocsBefore, fake_system::mallocCount()) << c.name;
+    }
+}
+
+TEST(WriteAtOnce, WithoutADescriptorNothingIsWritten)
+{
+    EXPECT_EQ(0U, writeAtOnce(-1, "a line\n"));
+}
+
+} // namespace
