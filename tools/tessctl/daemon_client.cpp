@@ -7,16 +7,17 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <poll.h>
 #include <stdexcept>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
-#include <thread>
 #include <unistd.h>
 #include <utility>
 
 #include "framework/fixed_text.h"
 #include "framework/queue_mgr.h"
+#include "framework/queue_room.h"
 #include "framework/tess_messages.h"
 #include "tools/tessctl/exit_status.h"
 #include "tools/tessctl/likely_cause.h"
@@ -25,6 +26,7 @@
 namespace {
 
 constexpr std::chrono::seconds SEND_PATIENCE{5};
+constexpr std::chrono::milliseconds LAST_PATIENCE{250};
 constexpr std::chrono::milliseconds BETWEEN_TRIES{20};
 // Far from the addresses that device processes are given. Process numbers are below 5 million; containers may share them.
 constexpr long FIRST_FREE_ADDRESS = 1'000'000'000;
@@ -93,6 +95,22 @@ long usableAddress(std::optional<long> wanted)
     return address;
 }
 
+/// Puts a record into tessd's queue, for which it waits while that is full.
+/// @return false: the queue is not there, it stays full, or a second signal has come
+bool reachesTessd(TOrbAttachmentMsg& record, std::size_t bytes, std::chrono::milliseconds patience)
+{
+    const auto deadline = std::chrono::steady_clock::now() + patience;
+    TQueueRoom room;
+    bool believed = true; // a report of room that was wrong is followed by a pause
+    while (g_qMgr.sendMsg(TESS_QUEUE_ID, &record, static_cast<long>(bytes), false) != SEND_DONE) {
+        if (queueError(TESS_QUEUE_ID) != 0 || stopAskedAgain() || std::chrono::steady_clock::now() > deadline)
+            return false;
+        pollfd waitFor{believed ? room.watch(TESS_QUEUE_ID) : -1, POLLOUT, 0};
+        believed = ::poll(&waitFor, 1, static_cast<int>(BETWEEN_TRIES.count())) != 1;
+    }
+    return true;
+}
+
 } // namespace
 
 std::string queueDirectory()
@@ -143,16 +161,10 @@ void TDaemonClient::send(std::uint32_t kind, std::uint32_t tag, std::int32_t len
 {
     TOrbAttachmentMsg record{.kind = kind, .sender = 0, .tag = tag, .len = len, .text = {}};
     const std::size_t textBytes = text.copy(record.text, sizeof record.text);
-    const auto length = static_cast<long>(MSG_HEADER_BYTES + textBytes);
-    const auto deadline = std::chrono::steady_clock::now() + SEND_PATIENCE;
-    while (g_qMgr.sendMsg(TESS_QUEUE_ID, &record, length, false) != 0) {
-        const int error = queueError(TESS_QUEUE_ID);
-        if (error != 0)
-            throw TCtlError(STATUS_NO_CONNECTION, failureText(queuePath(TESS_QUEUE_ID), error, PathOf::daemonQueue));
-        if (stopAskedAgain() || std::chrono::steady_clock::now() > deadline)
-            throw TCtlError(STATUS_NO_ANSWER, queuePath(TESS_QUEUE_ID) + ": the queue stays full: is tessd stuck?");
-        std::this_thread::sleep_for(BETWEEN_TRIES);
-    }
+    if (reachesTessd(record, MSG_HEADER_BYTES + textBytes, SEND_PATIENCE)) return;
+    if (const int error = queueError(TESS_QUEUE_ID))
+        throw TCtlError(STATUS_NO_CONNECTION, failureText(queuePath(TESS_QUEUE_ID), error, PathOf::daemonQueue));
+    throw TCtlError(STATUS_NO_ANSWER, queuePath(TESS_QUEUE_ID) + ": the queue stays full: is tessd stuck?");
 }
 
 std::size_t TDaemonClient::receive(TOrbAttachmentMsg& record)
@@ -199,7 +211,7 @@ try {
     return reply();
 } catch (const TCtlError&) { // tessd may yet come to it
     TOrbAttachmentMsg record{.kind = MSG_UNREGISTER, .sender = 0, .tag = 0, .len = 0, .text = {}};
-    (void)g_qMgr.sendMsg(TESS_QUEUE_ID, &record, static_cast<long>(MSG_HEADER_BYTES), false);
+    (void)reachesTessd(record, MSG_HEADER_BYTES, LAST_PATIENCE);
     throw;
 }
 
