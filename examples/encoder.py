@@ -51,12 +51,18 @@ def log(identifier, text):
         os.write(2, line.encode(errors="replace"))
 
 
+def queue_directory():
+    """Absolute, because receivers know a sender by the absolute path of its socket."""
+    directory = os.environ.get("TESS_QUEUE_DIR") or "/run/tess/queue"
+    return (directory if directory.startswith("/") else os.path.abspath(directory)).rstrip("/")
+
+
 class Queue:
     """This process's own queue, a datagram socket named DIR/ADDRESS, and the way to everybody else's."""
 
     def __init__(self, address):
         os.umask(0o007)  # nothing made here is ever open to others
-        self.directory = (os.environ.get("TESS_QUEUE_DIR") or "/run/tess/queue").rstrip("/")
+        self.directory = queue_directory()
         os.makedirs(self.directory, mode=0o770, exist_ok=True)
         self.path = f"{self.directory}/{address}"
         self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
@@ -132,15 +138,11 @@ class Queue:
     def _address_of(self, path):
         """0 for a sender that has no queue in this directory."""
         directory, _, name = (path or "").rpartition("/") if isinstance(path, str) else ("", "", "")
+        if directory != self.directory:  # compared as text: the sender chose it, so nothing is looked up
+            return 0
         if not re.fullmatch("[1-9][0-9]{0,9}", name, re.ASCII) or int(name) > MAX_ADDRESS:
             return 0
-        if directory == self.directory:
-            return int(name)
-        # The same directory can have other names. A relative one would be looked up in the wrong place.
-        with contextlib.suppress(OSError):
-            if directory.startswith("/") and os.path.samefile(directory, self.directory):
-                return int(name)
-        return 0
+        return int(name)
 
 
 class Encoder:

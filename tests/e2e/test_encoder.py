@@ -330,13 +330,32 @@ def test_only_what_comes_from_the_queue_directory_is_from_tessd(start, pretended
         pretended.expect(wire.REPLY, b"0\r\n\r\n\0", tag=0xBB010001)
 
 
-def test_tessd_may_know_the_queue_directory_by_another_name(start, pretended):
-    os.symlink(settings.QUEUE_DIR, "/run/queues")
-    start(env=os.environ | {"TESS_QUEUE_DIR": "/run/queues/"}).wait_queue()
-    got = pretended.receive()
-    assert (got.kind, got.origin) == (wire.REGISTER, f"/run/queues/{ADDRESS}"), got
-    pretended.command(b"GETX", tag=0xBB010001)
-    assert pretended.receive().line == b"0\r\n\r\n"
+def test_a_name_that_leads_to_tessds_queue_is_not_tessd(start, pretended):
+    """A sender chooses its name: it is compared, and not looked up."""
+    start()
+    pretended.expect(wire.REGISTER, REGISTER_ENC)
+    os.mkdir("/run/elsewhere")
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as stranger:
+        stranger.bind("/run/elsewhere/1001")
+        os.rename("/run/elsewhere", "/run/moved")
+        os.symlink(settings.QUEUE_DIR, "/run/elsewhere")
+        stranger.sendto(wire.record(wire.TEXT_KIND, b"SETX 9\n\0"), queue_path(ADDRESS))
+        pretended.command(b"GETX", tag=0xBB010001)
+        pretended.expect(wire.REPLY, b"0\r\n\r\n\0", tag=0xBB010001)
+
+
+def test_a_relative_queue_directory_is_made_absolute(start):
+    """That is how whoever it sends to knows it, and how it knows the others."""
+    os.makedirs("/run/work/queues")
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as tessd:
+        tessd.bind("/run/work/queues/1001")
+        tessd.settimeout(20)
+        start(cwd="/run/work", env=os.environ | {"TESS_QUEUE_DIR": "./queues/"})
+        _, origin = tessd.recvfrom(8192)
+        assert origin == f"/run/work/queues/{ADDRESS}"
+        tessd.sendto(wire.record(wire.TEXT_KIND, b"GETX\n\0"), origin)
+        answer = tessd.recv(8192)[wire.HEADER :]
+        assert answer == b"0\r\n\r\n\0", answer
 
 
 def test_a_directory_that_stays_locked_holds_it_up_for_moments_only(start, pretended):
