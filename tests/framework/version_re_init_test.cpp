@@ -1,8 +1,10 @@
 #include "framework/version_re_init.h"
 
+#include "child_process.h"
 #include "fake_system.h"
 #include "signal_counter.h"
 #include "temp_dir.h"
+#include "tests/support/waiting.h"
 
 #include <cinttypes>
 #include <csignal>
@@ -13,6 +15,7 @@
 #include <iterator>
 #include <sys/stat.h>
 #include <sys/time.h>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -134,6 +137,39 @@ TEST_F(VersionReInit, TheProgramStartsWithPlainSignals)
     constexpr std::uint64_t standardSignals = 0x7FFFFFFF; // 1 to 31; the C library keeps some of the others for itself
     EXPECT_EQ(0U, blockedThere & standardSignals) << seen;
     EXPECT_EQ(0U, ignoredThere & standardSignals) << seen;
+}
+
+TEST_F(VersionReInit, AThreadWithItsSignalsBlockedMayWaitForIt)
+{
+    choose("#!/bin/sh\ngrep -E '^Sig(Blk|Ign):' /proc/self/status > \"" + dir_ / "seen" + "\"\nexit 0\n");
+    int result = -1;
+    std::thread waiting([&] {
+        sigset_t all{};
+        ::sigfillset(&all);
+        ::pthread_sigmask(SIG_BLOCK, &all, nullptr);
+        result = versionReInit();
+    });
+    waiting.join();
+    EXPECT_EQ(0, result);
+    std::uint64_t blockedThere = 1;
+    ASSERT_EQ(1, std::sscanf(contentOf("seen").c_str(), "SigBlk: %" SCNx64, &blockedThere));
+    EXPECT_EQ(0U, blockedThere & 0x7FFFFFFFU) << "the program's are not";
+}
+
+TEST_F(VersionReInit, TheProcessMayEndWhileAThreadWaitsForIt)
+{
+    choose("#!/bin/sh\ncd '" + dir_.path() +
+           "'\n: > begun\ni=0\nwhile [ ! -e go ] && [ $i -lt 400 ]; do sleep 0.05; i=$((i+1)); done\n: > done\n");
+    const auto exists = [&](const char* name) { return ::access((dir_ / name).c_str(), F_OK) == 0; };
+    TChildProcess process([&] {
+        std::thread([] { (void)versionReInit(); }).detach();
+        if (waitUntil([&] { return exists("begun"); })) std::exit(7);
+        return 8;
+    });
+    EXPECT_EQ(7, process.result());
+    EXPECT_FALSE(exists("done"));
+    std::ofstream(dir_ / "go") << "";
+    EXPECT_TRUE(waitUntil([&] { return exists("done"); })) << "it runs on";
 }
 
 TEST_F(VersionReInit, SignalsMeanwhileDoNotDisturbTheWait)
