@@ -168,7 +168,10 @@ def test_every_header_serves_alone_and_all_it_declares_is_exported(prefix, tmp_p
             if (words.size() != 2 || intTokenizer("1 2", numbers, " ") != 0 || numbers[1] != 2) return 4;
             Sleep(0);
             TOrbAttachmentMsg msg{};
-            if (g_qMgr.getMsg(&msg, MSG_QUEUE_ALL, false) >= 0 || g_qMgr.sendMsg(7, &msg, 16, false) == 0) return 5;
+            if (g_qMgr.getMsg(&msg, MSG_QUEUE_ALL, false) >= 0 || g_qMgr.sendMsg(7, &msg, 16, false) != SEND_FAILED) return 5;
+            TQueueRoom room;
+            if (room.watch(7) != -1 || room.fd() != -1) return 7;
+            room.stop();
             return argc == 1 && versionReInit() == 0 ? 6 : 0;
         }
     """)
@@ -183,6 +186,8 @@ def test_every_header_serves_alone_and_all_it_declares_is_exported(prefix, tmp_p
 INTERFACE = (
     "TQueueMgr::getMsg(TOrbAttachmentMsg*, TMsgQueueTypes, bool)",
     "TQueueMgr::sendMsg(long, TOrbAttachmentMsg*, long, bool)",
+    "TQueueRoom::watch(long)",
+    "TQueueRoom::stop()",
     "Sleep(int)",
     "versionReInit()",
 )
@@ -192,8 +197,24 @@ def test_the_shared_library_exports_nothing_of_its_inside(prefix):
     names = run("nm", "-DC", "--defined-only", next(prefix.rglob(SONAME)))
     for operation in INTERFACE:
         assert operation in names, operation
-    inside = re.findall(r"(?:TOwnQueue|TMsgBacklog|TQueueDirectory|TQueueSender|TStuckQueues|TSyslogSocket|TLogLine)::\w+", names)
+    inside = re.findall(r"(?:TOwnQueue|TMsgBacklog|TQueueDirectory|TQueueSender|TSyslogSocket|TLogLine)::\w+", names)
     assert not inside, inside
+
+
+def test_with_another_framework_library_nobody_knows_when_a_queue_has_room(tmp_path):
+    source = tmp_path / "room.cpp"
+    source.write_text("""#include "framework/queue_room.h"
+        int main()
+        {
+            TQueueRoom room;
+            const int first = room.watch(1001);
+            room.stop();
+            return first == -1 && room.fd() == -1 ? 0 : 1;
+        }
+    """)
+    unknown = PROJECT / "framework/queue_room_unknown.cpp"
+    run("g++", "-std=c++20", "-Wall", "-Wextra", "-Werror", f"-I{PROJECT}", source, unknown, "-o", tmp_path / "room")
+    run(tmp_path / "room")
 
 
 def test_a_processor_of_64_bits_needs_no_size_of_time(prefix):
@@ -208,7 +229,9 @@ def test_the_daemon_links_another_framework_library_in_place_of_its_own(prefix, 
     build = tmp_path / "build"
     run("cmake", "-S", PROJECT, "-B", build, "-G", "Ninja", "-DBUILD_TESTING=OFF", f"-DTESS_FRAMEWORK_LIBRARY={maker}")
     run("cmake", "--build", build, "--target", "tessd", "encoder")
-    assert "framework/bundled" not in (build / "build.ninja").read_text()
+    rules = (build / "build.ninja").read_text()
+    assert "framework/bundled" not in rules
+    assert "framework/queue_room_unknown.cpp" in rules
     assert answer_of(build / "bin/encoder", tmp_path, build / "bin/tessd") == b"0\r\n\r\n5\r\n\r\n"
 
 

@@ -3,9 +3,9 @@
     Reader(folders).lines()     every (identifier, text); what varies within a text is "<>"
     Reader(folders).rows        the rows of the tables, by name
 
-Every call of logMgr.log() is followed: from a table's row (LogMessage) through references, parameters and members to the
-call, and through the "<<" that put values into the text. A call that cannot be followed is an error, so that no line is
-missed in silence.
+Every call of logMgr.log(), and of deliver() inside the log, is followed: from a table's row (LogMessage) through
+references, parameters and members to the call, and through the "<<" that put values into the text. A call that cannot be
+followed is an error, so that no line is missed in silence.
 """
 
 from __future__ import annotations
@@ -167,7 +167,7 @@ class Reader:
         self.tails = {name: literal(text) for name, text in re.findall(rf"\bconstexpr const char\* (\w+) = ({STRING});", everything)}
 
     def lines(self) -> set[tuple[int, str]]:
-        return {line for site, arguments in self.calls(r"logMgr\.log", None) for line in self.logged(arguments, site)}
+        return {line for site, arguments in self.calls(r"(?:logMgr\.log|deliver)", None) for line in self.logged(arguments, site)}
 
     def calls(self, name: str, only: Source | None):
         for source in [only] if only else self.sources:
