@@ -1,6 +1,9 @@
 #include "fake_system.h"
 
+#include "framework/fixed_text.h"
+
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
@@ -15,7 +18,7 @@ namespace {
 
 std::atomic<int> refusedOption{-1};
 std::atomic<unsigned> mallocs{0};
-std::string program;
+std::array<char, 256> program{}; // a string would be destroyed while a thread that outlives main() uses it
 std::atomic<unsigned> polls{0};
 std::atomic<int> pollResult{-1};
 std::atomic<bool> nowait{true};
@@ -78,7 +81,7 @@ int lastPoll()
 
 std::string spawnedProgram()
 {
-    return program;
+    return program.data();
 }
 
 unsigned mallocCount()
@@ -127,7 +130,7 @@ int WRAPPED_SETSOCKOPT(int fd, int level, int option, const void* value, socklen
 int __wrap_posix_spawn(pid_t* pid, const char* path, const posix_spawn_file_actions_t* actions,
                        const posix_spawnattr_t* attributes, char* const argv[], char* const envp[])
 {
-    program = path;
+    putText(program, path);
     return __real_posix_spawn(pid, path, actions, attributes, argv, envp);
 }
 
