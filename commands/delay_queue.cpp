@@ -1,7 +1,6 @@
 #include "commands/delay_queue.h"
 
 #include <algorithm>
-#include <array>
 #include <boost/format.hpp>
 #include <ctime>
 #include <optional>
@@ -16,7 +15,6 @@
 
 namespace {
 
-constexpr std::size_t DELAYED_LINE_BYTES = 256; // its NUL included
 constexpr int CLOCK_RETRY_MS = 100;
 constexpr std::int64_t NS_PER_S = 1'000'000'000;
 constexpr std::int64_t NS_PER_MS = 1'000'000;
@@ -93,7 +91,6 @@ int setDelay(TCommandContext& context, std::span<const std::string_view> tokens)
     const std::string_view argument = trimmed(trimmed(tokens[0]).substr(std::string_view("DELAY").size()));
     if (beginsWithNoCase(argument, "CLEAR")) {
         context.delayQueues.clear();
-        context.delaysCleared = true;
         return 0;
     }
     const std::uint64_t delay = parseDelayTime(argument);
@@ -120,25 +117,39 @@ int listDelays(TCommandContext& context, TPortConn* conn)
     return 0;
 }
 
+namespace {
+
+/// Takes the first line that is due out of the queue.
+/// @return false: none is due
+bool takeDue(TDelayQueue& queue, std::uint64_t now, TDelayedLine& line)
+{
+    const auto first = queue.begin();
+    if (first == queue.end() || first->first > now) return false;
+    putText(line.text, first->second);
+    line.runs = true;
+    queue.erase(first);
+    return true;
+}
+
+/// @return false: it has to wait
+bool run(TCommandContext& context, TDelayedLine& line)
+{
+    const TCmdEntry command{0, line.text.data()};
+    line.runs = processCmd(context, nullptr, &command) == CMD_WAITS; // any other result: there is nobody to tell
+    return !line.runs;
+}
+
+} // namespace
+
 void runDelays(TCommandContext& context)
 {
-    const std::optional<Now> clock = readClock();
-    if (!clock) {
+    TDelayedLine& line = context.delayedLine;
+    if (line.runs && !run(context, line)) return;
+    const std::optional<Now> now = readClock();
+    if (!now) {
         Sleep(CLOCK_RETRY_MS);
         return;
     }
-    const std::uint64_t now = toMilliseconds(*clock);
-    context.delaysCleared = false;
-    for (auto entry = context.delayQueues.begin(); entry != context.delayQueues.end();) {
-        if (entry->first > now) {
-            ++entry;
-            continue;
-        }
-        std::array<char, DELAYED_LINE_BYTES> line;
-        putText(line, entry->second);
-        const TCmdEntry command{0, line.data()};
-        (void)processCmd(context, nullptr, &command); // there is nobody to tell
-        if (context.delaysCleared) return;            // the entry is gone, and whatever followed it
-        entry = context.delayQueues.erase(entry);     // insertions have left the iterator valid
+    while (takeDue(context.delayQueues, toMilliseconds(*now), line) && run(context, line)) {
     }
 }

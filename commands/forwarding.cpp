@@ -31,19 +31,44 @@ bool isAddressed(const TRegisteredProc& proc, const char* procAddr)
     return equalsNoCase(procAddr, "*") && !equalsNoCase(proc.name.c_str(), "GPSD");
 }
 
+/// Sends outMsg to the targets that are left. Needs regLock.
+int sendToTargets(TCommandContext& context, TCmdProgress& progress)
+{
+    for (; progress.target < progress.targetCount; ++progress.target) {
+        const long sent = context.fullQueues.send(progress.queueWaiter, progress.targets[progress.target],
+                                                  context.outMsg, context.outLen);
+        if (sent == SEND_QUEUE_FULL) return FORWARD_WAITS;
+        progress.sendResult = sent == SEND_DONE ? 0 : 1;
+    }
+    return progress.sendResult;
+}
+
 } // namespace
 
-int forwardCmd(TCommandContext& context, const TCommandAddress& address, std::uint32_t portType, std::uint32_t entryTag)
+int forwardCmd(TCommandContext& context, TCmdProgress& progress, const TCommandAddress& address, std::uint32_t portType,
+               std::uint32_t entryTag)
 {
     setMilestone(32);
+    progress.targetCount = 0;
+    progress.target = 0;
+    progress.sendResult = 1;
     const std::scoped_lock lock(context.regLock);
-    int result = 1;
     for (std::size_t i = 0; const TRegisteredProc* proc = liveAt(context.regProcs, i); ++i) {
         if (!takesPort(*proc, portType) || !isThisUnit(address.unitAddr) || !isAddressed(*proc, address.procAddr))
             continue;
         context.outMsg.tag |= entryTag;
-        result = g_qMgr.sendMsg(proc->procId, &context.outMsg, context.outLen, false) == 0 ? 0 : 1;
+        if (progress.targetCount < progress.targets.size()) progress.targets[progress.targetCount++] = proc->procId;
     }
+    const int result = sendToTargets(context, progress);
+    setMilestone(33);
+    return result;
+}
+
+int goOnForwarding(TCommandContext& context, TCmdProgress& progress)
+{
+    setMilestone(32);
+    const std::scoped_lock lock(context.regLock);
+    const int result = sendToTargets(context, progress);
     setMilestone(33);
     return result;
 }

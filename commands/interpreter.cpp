@@ -26,55 +26,116 @@ void prepareForward(TCommandContext& context, std::string_view body, std::uint32
     context.outMsg.tag = connId;
 }
 
-void routeToken(TCommandContext& context, TPortConn* conn, std::string_view token, std::uint32_t entryTag)
-{
-    token = token.substr(0, TOKEN_BYTES - 1);
-    TCommandAddress address;
-    setMilestone(34);
-    const int offset = parseCmdAddress(token, address);
-    setMilestone(35);
-    if (offset == ADDRESS_REJECTED && conn != nullptr) {
-        replyTo(context, conn, "?\r\n");
-        return;
+/// A line that is being interpreted.
+class LineRun {
+public:
+    LineRun(TCommandContext& context, TPortConn* conn, const TCmdEntry& cmd)
+        : context_(context), conn_(conn), cmd_(cmd),
+          progress_(conn != nullptr ? conn->progress : context.delayedLine.progress)
+    {
     }
-    if (offset == ADDRESS_WHOLE_TEXT && address.unitAddr[0] == '*' && address.procAddr[0] != '*' && conn != nullptr) {
-        replyTo(context, conn, "0\r\n\r\n");
-        return;
+
+    int run()
+    {
+        const int result = interpret();
+        if (result != CMD_WAITS) {
+            progress_.token = 0;
+            progress_.pastReset = false;
+        }
+        return result;
     }
-    prepareForward(context, offset > ADDRESS_WHOLE_TEXT ? token.substr(static_cast<std::size_t>(offset)) : token,
-                   conn != nullptr ? conn->connId : 0);
-    const std::uint32_t portType = conn != nullptr ? conn->portId : std::uint32_t{PORT_DELAYED};
-    if (forwardCmd(context, address, portType, entryTag) != 0) replyTo(context, conn, "?\r\n");
-}
+
+private:
+    using Wait = TCmdProgress::Wait;
+
+    int interpret()
+    {
+        const std::string_view line(cmd_.text);
+        // Whatever follows the five letters: reset, Resetting and RESET|X are all for resetDevice().
+        if (!progress_.pastReset && beginsWithNoCase(line, "RESET")) {
+            const ResetResult result = context_.resetDevice(cmd_.text, &progress_);
+            progress_.wait = result == RESET_WAITS ? Wait::reInit : Wait::nothing;
+            if (result == RESET_WAITS) return CMD_WAITS;
+            if (result == RESET_STARTED) return 0;
+            if (conn_ != nullptr) {
+                replyTo(context_, conn_, "Error Processing Reset Command.\r\n\r\n");
+                return 1;
+            }
+            // A delayed RESET that fails is forwarded as text (deliberate).
+        }
+        progress_.pastReset = true;
+        if (conn_ != nullptr && conn_->portId == PORT_TELNET && line.starts_with("quit")) return CMD_CLOSE_CONNECTION;
+        stringTokenizer(line, context_.tokens, "|");
+        return takeTokens();
+    }
+
+    int takeTokens()
+    {
+        for (; progress_.token < context_.tokens.size(); ++progress_.token) {
+            const std::string_view command = trimmed(context_.tokens[progress_.token]);
+            if (beginsWithNoCase(command, delayWord)) return takeDelay(command);
+            if (!routeToken(command)) return CMD_WAITS;
+        }
+        return 0;
+    }
+
+    int takeDelay(std::string_view command)
+    {
+        if (command.size() == delayWord.size()) return listDelays(context_, conn_);
+        const bool done = setDelay(context_, std::span(context_.tokens).subspan(progress_.token)) == 0;
+        replyTo(context_, conn_, done ? "OK\r\n\r\n" : "Error Setting Command: Invalid Arguments.\r\n\r\n");
+        return 0; // the tokens behind it belong to the delayed line
+    }
+
+    /// @return false: it has to wait
+    bool routeToken(std::string_view token)
+    {
+        token = token.substr(0, TOKEN_BYTES - 1);
+        TCommandAddress address;
+        setMilestone(34);
+        const int offset = parseCmdAddress(token, address);
+        setMilestone(35);
+        if (offset == ADDRESS_REJECTED && conn_ != nullptr) {
+            replyTo(context_, conn_, "?\r\n");
+            return true;
+        }
+        if (offset == ADDRESS_WHOLE_TEXT && address.unitAddr[0] == '*' && address.procAddr[0] != '*' &&
+            conn_ != nullptr) {
+            replyTo(context_, conn_, "0\r\n\r\n");
+            return true;
+        }
+        const bool hasAddress = offset > ADDRESS_WHOLE_TEXT;
+        return forward(address, hasAddress ? token.substr(static_cast<std::size_t>(offset)) : token);
+    }
+
+    /// @return false: it has to wait
+    bool forward(const TCommandAddress& address, std::string_view body)
+    {
+        prepareForward(context_, body, conn_ != nullptr ? conn_->connId : 0);
+        const std::uint32_t portType = conn_ != nullptr ? conn_->portId : std::uint32_t{PORT_DELAYED};
+        int result = 0;
+        if (progress_.wait == Wait::room) {
+            context_.outMsg.tag |= cmd_.tag; // a process has matched
+            result = goOnForwarding(context_, progress_);
+        } else {
+            result = forwardCmd(context_, progress_, address, portType, cmd_.tag);
+        }
+        progress_.wait = result == FORWARD_WAITS ? Wait::room : Wait::nothing;
+        if (result == FORWARD_WAITS) return false;
+        if (result != 0) replyTo(context_, conn_, "?\r\n");
+        return true;
+    }
+
+    TCommandContext& context_;
+    TPortConn* conn_;
+    const TCmdEntry& cmd_;
+    TCmdProgress& progress_;
+};
 
 } // namespace
 
 int processCmd(TCommandContext& context, TPortConn* conn, const TCmdEntry* cmd)
 {
     if (cmd == nullptr || cmd->text == nullptr) return 1;
-    const std::string_view line(cmd->text);
-
-    // Whatever follows the five letters: reset, Resetting and RESET|X are all for resetDevice().
-    if (beginsWithNoCase(line, "RESET")) {
-        if (context.resetDevice(cmd->text) == 0) return 0;
-        if (conn != nullptr) {
-            replyTo(context, conn, "Error Processing Reset Command.\r\n\r\n");
-            return 1;
-        }
-        // A delayed RESET that fails is forwarded as text (deliberate).
-    }
-    if (conn != nullptr && conn->portId == PORT_TELNET && line.starts_with("quit")) return CMD_CLOSE_CONNECTION;
-
-    stringTokenizer(line, context.tokens, "|");
-    for (std::size_t i = 0; i < context.tokens.size(); ++i) {
-        const std::string_view command = trimmed(context.tokens[i]);
-        if (beginsWithNoCase(command, delayWord)) {
-            if (command.size() == delayWord.size()) return listDelays(context, conn);
-            const bool done = setDelay(context, std::span(context.tokens).subspan(i)) == 0;
-            replyTo(context, conn, done ? "OK\r\n\r\n" : "Error Setting Command: Invalid Arguments.\r\n\r\n");
-            return 0; // the tokens behind it belong to the delayed line
-        }
-        routeToken(context, conn, command, cmd->tag);
-    }
-    return 0;
+    return LineRun(context, conn, *cmd).run();
 }

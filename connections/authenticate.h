@@ -1,6 +1,8 @@
 #pragma once
 
+#include <pwd.h>
 #include <sys/types.h>
+#include <vector>
 
 /// Results of authenticate().
 enum AuthResult : int {
@@ -14,15 +16,21 @@ struct TUserLookUp {
     int status; ///< AuthResult
     uid_t uid;
     gid_t gid;
-    const char* homeDirectory; ///< in the database's own storage: valid until the next look-up
+    const char* homeDirectory; ///< in `entry`
+
+    passwd entry;              ///< the user's, as the database has it
+    std::vector<char> storage; ///< of the entry's texts
 };
 
-/// Checks a user's name and password against the password field of the user's entry (getpwnam(3), crypt(3)); no shadow
+/// @return true for the super-user, who is refused without a look at the password
+bool isSuperUser(const char* userName);
+
+/// Checks a user's name and password against the password field of the user's entry (getpwnam_r(3), crypt_r(3)); no shadow
 /// database is consulted. The super-user is refused, whatever the password. Takes as long as the hash is made to take.
 /// @param password  NUL-terminated; overwritten with NUL, except for the super-user
 /// @return AuthResult
-/// Threads: one only, as getpwnam() and crypt() keep static storage.
+/// Threads: any.
 int authenticate(const char* userName, char* password);
 
-/// Fills `result` for authenticate(). Threads: as there.
+/// Fills `result` for authenticate(). Threads: any.
 void lookUpUser(TUserLookUp& result, const char* userName, const char* password);

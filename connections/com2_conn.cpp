@@ -1,11 +1,11 @@
 #include "connections/com2_conn.h"
 
+#include <cerrno>
 #include <span>
 #include <termios.h>
 #include <unistd.h>
 
 #include "connections/line_cutter.h"
-#include "connections/serial_line.h"
 
 namespace {
 
@@ -17,58 +17,68 @@ constexpr int EMPTY_READS_BEFORE_REST = 3;
 TCom2Conn::TCom2Conn(std::uint32_t portType, std::uint32_t id) : TPortConn(portType, id)
 {
     loginState = LOGIN_DONE;
+    output = &output_;
 }
 
 int TCom2Conn::readCmd()
 {
     rxLen = 0;
+    wantsInput = true;
+    due = NEVER;
+    const bool isMute = throwsAway();
     if (fd < 0 || fd >= FD_SETSIZE) return 0;
-    FD_SET(fd, &readSet);
-    timeval noWait{0, 0};
-    if (::select(fd + 1, &readSet, nullptr, nullptr, &noWait) < 1) return 0;
-    if (muteExpired() != 0) return readLines();
+    if (!isMute) return readLines();
     readAndDiscard();
     return 0;
 }
 
-/// Keeps a line that yields nothing from waking the service loop again and again.
-void TCom2Conn::noteRead()
+/// @return true while the line is muted, and once when that is over: what came since the last look came before its end
+bool TCom2Conn::throwsAway()
 {
-    if (rxLen > 0) {
-        emptyReads_ = 0;
-        restTimer = TOrbHRTimeOut{};
-    } else if (++emptyReads_ >= EMPTY_READS_BEFORE_REST) {
-        emptyReads_ = EMPTY_READS_BEFORE_REST;
-        restTimer.setTimeOut(REST_TIME);
-    }
+    const std::scoped_lock lock(muteLock);
+    if (muteEnd_ == NEVER) return false;
+    if (muteTimer.hasTimedOut())
+        muteEnd_ = NEVER;
+    else
+        due = muteEnd_;
+    return true;
 }
 
 int TCom2Conn::readLines()
 {
-    rxLen = static_cast<std::int32_t>(::read(fd, rxBuf.data(), static_cast<std::size_t>(rxBufSize)));
-    noteRead();
-    if (rxLen <= 0) return 0;
-    return cutLines(std::span(rxBuf).first(static_cast<std::size_t>(rxLen)), false, cmds);
+    const ssize_t received = ::read(fd, rxBuf.data(), static_cast<std::size_t>(rxBufSize));
+    if (received > 0) {
+        emptyReads_ = 0;
+        rxLen = static_cast<std::int32_t>(received);
+        return cutLines(std::span(rxBuf).first(static_cast<std::size_t>(rxLen)), false, cmds);
+    }
+    const bool nothingThere = received < 0 && (errno == EAGAIN || errno == EINTR);
+    if (!nothingThere && emptyReads_ < EMPTY_READS_BEFORE_REST) ++emptyReads_;
+    if (emptyReads_ >= EMPTY_READS_BEFORE_REST) rest();
+    return 0;
 }
 
 void TCom2Conn::readAndDiscard()
 {
     (void)setCanonical(0); // so that half a line is discarded too; a line that refuses is read as it is
-    rxLen = static_cast<std::int32_t>(::read(fd, rxBuf.data(), static_cast<std::size_t>(rxBufSize)));
-    rxBuf[rxLen > 0 ? static_cast<std::size_t>(rxLen) : 0] = '\0';
-    noteRead();
+    const ssize_t received = ::read(fd, rxBuf.data(), static_cast<std::size_t>(rxBufSize));
+    rxLen = received > 0 ? static_cast<std::int32_t>(received) : 0;
+    rxBuf[static_cast<std::size_t>(rxLen)] = '\0';
     (void)setCanonical(1);
+    (void)::tcflush(fd, TCIFLUSH); // what more there is; what came during the switching would be taken for a line
 }
 
 int TCom2Conn::write(TOrbAttachmentMsg* msg)
 {
-    return fd >= 0 && writeToLine(fd, msg->text, textLength(*msg)) ? 0 : 1;
+    return output_.write(fd, {msg->text, textLength(*msg)}) == TLineOutput::Sent::refused ? 1 : 0;
 }
 
 int TCom2Conn::startMute()
 {
     const std::scoped_lock lock(muteLock);
     muteTimer.setTimeOut(MUTE_TIME);
+    muteEnd_ = instantNow() + std::chrono::seconds(MUTE_TIME.tv_sec); // behind the timer's end: it has timed out then
+    due = muteEnd_;
     return 0;
 }
 

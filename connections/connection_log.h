@@ -12,6 +12,9 @@ inline constexpr LogMessage xcpWriteFailed{250004, "Error writing to the socket"
 /// An XCP client declared a payload that no buffer holds; its connection is closed.
 inline constexpr LogMessage xcpLengthOutOfRange{250004, "XCP frame length out of range"};
 
+/// The serial line takes less than it is given: a text that does not fit into what is kept for it was dropped whole.
+inline constexpr LogMessage com2OutputDropped{250007, "COM2 output dropped"};
+
 /// An answer could not be written to a telnet client: it is gone, or it does not read.
 inline constexpr LogMessage telnetWriteFailed{6004, "Error writting to the telnet socket"};
 

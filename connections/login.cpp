@@ -1,5 +1,7 @@
 #include "connections/login.h"
 
+#include <cstring>
+
 #include "connections/authenticate.h"
 #include "connections/connection_log.h"
 #include "framework/fixed_text.h"
@@ -18,6 +20,17 @@ public:
 
     bool take()
     {
+        if (conn_.settling && !settled()) return true;
+        switch (conn_.login.owes) {
+        case LoginOwes::prompt:
+            return prompt();
+        case LoginOwes::verdict:
+            return conn_.login.check->isOver() ? judge(conn_.login.check->result()) : stillInTime();
+        case LoginOwes::welcome:
+            return welcome();
+        case LoginOwes::nothing:
+            break;
+        }
         switch (conn_.loginState) {
         case LOGIN_NEW:
             return greet();
@@ -44,15 +57,29 @@ private:
         return true;
     }
 
+    /// @return true when the exchange of options that setEcho() has begun is over
+    bool settled()
+    {
+        (void)conn_.readCmd(); // what else it has to tell, it tells again
+        return !conn_.settling;
+    }
+
     bool takeName()
     {
         const Input input = readLine(connection_log::loginNameTooBig);
         if (input != Input::line) return input == Input::none;
         // From the first byte, not from the first line: a name with leading blanks is the empty name (deliberate).
         putText(userName_, conn_.rxBuf.data());
-        conn_.setEcho(0);
-        tell("PassWord:\r\n");
         conn_.loginState = LOGIN_WAIT_PASSWORD;
+        conn_.login.owes = LoginOwes::prompt;
+        conn_.setEcho(0);
+        return conn_.settling || prompt();
+    }
+
+    bool prompt()
+    {
+        conn_.login.owes = LoginOwes::nothing;
+        tell("PassWord:\r\n");
         return true;
     }
 
@@ -60,12 +87,24 @@ private:
     {
         const Input input = readLine(connection_log::loginPasswordTooBig);
         if (input != Input::line) return input == Input::none;
-        switch (authenticate(userName_.data(), conn_.rxBuf.data())) {
+        char* const password = conn_.rxBuf.data();
+        if (isSuperUser(userName_.data())) return judge(authenticate(userName_.data(), password));
+        conn_.login.check = TPasswordCheck::start(userName_.data(), password);
+        ::explicit_bzero(password, std::strlen(password));
+        if (!conn_.login.check) return fail(connection_log::loginUnknownReason);
+        conn_.login.owes = LoginOwes::verdict;
+        conn_.wantsInput = false; // until the verdict is there
+        return true;
+    }
+
+    bool judge(int verdict)
+    {
+        conn_.wantsInput = true;
+        switch (verdict) {
         case AUTH_ACCEPTED:
+            conn_.login.owes = LoginOwes::welcome;
             conn_.setEcho(1);
-            tell((FixedText<LOGIN_TEXT_BYTES + 32>() << "User " << userName_.data() << " connected\r\n").view());
-            conn_.loginState = LOGIN_DONE;
-            return true;
+            return conn_.settling || welcome();
         case AUTH_UNKNOWN:
             return fail(connection_log::loginUserInvalid);
         case AUTH_REFUSED:
@@ -75,13 +114,27 @@ private:
         }
     }
 
+    bool welcome()
+    {
+        FixedText<LOGIN_TEXT_BYTES + 32> text;
+        text << "User " << conn_.login.check->userName() << " connected\r\n";
+        conn_.login = {};
+        tell(text.view());
+        conn_.loginState = LOGIN_DONE;
+        return true;
+    }
+
+    /// The dialogue's time is over, whatever is waited for.
+    bool stillInTime()
+    {
+        if (!conn_.loginTimer.hasTimedOut()) return true;
+        const LogMessage& timeOut = connection_log::loginTimeOut;
+        return fail(timeOut.id, (FailureText() << timeOut.text << conn_.loginState).c_str());
+    }
+
     Input readLine(const LogMessage& tooBig)
     {
-        if (conn_.loginTimer.hasTimedOut()) {
-            const LogMessage& timeOut = connection_log::loginTimeOut;
-            (void)fail(timeOut.id, (FailureText() << timeOut.text << conn_.loginState).c_str());
-            return Input::failed;
-        }
+        if (!stillInTime()) return Input::failed;
         const int lines = conn_.readCmd();
         if (lines == 0) return Input::none;
         if (lines > 0 && conn_.rxLen <= static_cast<std::int32_t>(LOGIN_TEXT_BYTES)) return Input::line;
@@ -115,5 +168,7 @@ private:
 
 bool loginStep(TPortConn& conn, TOrbAttachmentMsg& message, TUserName& userName)
 {
-    return LoginStep(conn, message, userName).take();
+    const bool goesOn = LoginStep(conn, message, userName).take();
+    if (conn.due == AT_ONCE) conn.due = conn.end(); // it has been looked at
+    return goesOn;
 }

@@ -13,7 +13,7 @@ inline constexpr std::size_t LOGIN_TEXT_BYTES = 256;
 using TUserName = std::array<char, LOGIN_TEXT_BYTES + 1>;
 
 /// Takes one step of the login dialogue of a connection that is not logged in: greets, asks, or handles what has arrived.
-/// Waits only where setEcho() of the connection does, and for the password check.
+/// Never waits itself: what the dialogue waits for besides a line is kept in the connection, to be asked for at the next step.
 /// @param message   its text is overwritten with what the client is told
 /// @param userName  the name typed, between two steps
 /// @return true: go on; false: the login has failed, which has been logged and told: remove the connection

@@ -5,7 +5,11 @@
 #include <cstdint>
 #include <sys/select.h>
 
+#include "common/instant.h"
+#include "common/wait_set.h"
 #include "connections/cmd_entry.h"
+#include "connections/cmd_progress.h"
+#include "connections/login_pause.h"
 #include "framework/hr_time_out.h"
 #include "framework/orb_attachment_msg.h"
 
@@ -17,6 +21,8 @@ enum LoginState : std::int32_t {
     LOGIN_DONE = 3,          ///< lines go to the interpreter
 };
 
+class TLineOutput;
+
 /// One live conversation on a command port.
 /// Owns: by subclass, see ~TPortConn(). The daemon's connection list owns the connection itself.
 /// Threads: everything on the service thread or with the daemon's connection lock held, except startMute() and
@@ -27,7 +33,7 @@ public:
         1024; ///< chosen with the first device; also the most command lines a read has
     static constexpr timeval LOGIN_TIME{60, 0};
     static constexpr timeval IDLE_TIME{420, 0};
-    static constexpr timeval REST_TIME{1, 0};
+    static constexpr std::chrono::seconds REST_TIME{1};
 
     /// @param portType  type bit of the port that makes the connection
     /// @param id        connection ID, its lower 16 bits zero
@@ -71,8 +77,17 @@ public:
     /// @return type bit of the port that made the connection
     virtual std::uint32_t getPortId() = 0;
 
-    /// @return true while the service loop is not to wait for the descriptor, which would wake it without a reason
-    bool rests() const { return !restTimer.hasTimedOut(); }
+    /// @return when the login dialogue, or after it the idle time, is over
+    Instant end() const;
+
+    /// @return true while something of it waits for a process, a program or a verdict: it is not read
+    bool isHeld() const { return progress.waits() || login.owes == LoginOwes::verdict; }
+
+    /// Adds what the service loop waits for on its behalf.
+    void addTo(TWaitSet& waits);
+
+    /// @return true when it is to be looked at; not to be asked while one of its lines waits
+    bool isDue(const TWaitSet& waits) const;
 
     std::int32_t fd = -1; ///< socket or serial line; set by the port right after construction
     std::uint32_t connId;
@@ -85,12 +100,32 @@ public:
     TOrbHRTimeOut idleTimer{IDLE_TIME};     ///< armed afresh when a read yields lines
     std::int32_t loginState = LOGIN_NEW;
     std::int32_t rxBufSize = RX_BYTES;
-    TOrbHRTimeOut restTimer; ///< while it runs the service loop does not wait for the descriptor; it still is looked at
+
+    // What the service loop waits for on behalf of the connection. Readers set both anew at every look.
+    bool wantsInput = true; ///< false: the descriptor would wake the loop without a reason
+    Instant due = AT_ONCE;  ///< when it is looked at although nothing has arrived: a new one at once
+
+    /// An exchange of options is under way: readCmd() goes on with it and yields no line until it is over.
+    bool settling = false;
+
+    TLoginPause login;             ///< what the login dialogue waits for, besides the peer's next line
+    TCmdProgress progress;         ///< of the lines of the last read
+    TLineOutput* output = nullptr; ///< what is on its way out of a serial line, the connection's own; else null
 
 protected:
+    /// Arms idleTimer afresh.
+    void keepAlive();
+
+    /// Keeps the descriptor out of the loop's waits for a second.
+    void rest();
+
     /// Closes `fd`, if it is greater than 0, so that the peer sees it at once.
     void closeSocket() const;
 
     /// Length of the text of a record, which must leave room for its NUL inside the record.
     static std::size_t textLength(const TOrbAttachmentMsg& msg);
+
+private:
+    Instant loginEnd_; ///< when loginTimer is over
+    Instant idleEnd_;  ///< when idleTimer is over
 };

@@ -3,7 +3,6 @@
 #include <cstring>
 #include <span>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include "connections/connection_log.h"
 #include "connections/line_cutter.h"
@@ -22,7 +21,9 @@ int TSocketIPCConn::readCmd()
 {
     rxLen = 0;
     echoFlag = 0;
-    // One call polls and reads: whatever is there is taken whole, wanted or not.
+    wantsInput = true;
+    due = NEVER;
+    // One call polls and reads: whatever is there is taken whole, wanted or not. An urgent byte is dropped by it (unix(7)).
     const ssize_t received = ::recv(fd, rxBuf.data(), RX_BYTES, MSG_DONTWAIT);
     if (received < 0) return 0;
     if (received == 0) return -1;
@@ -34,7 +35,7 @@ int TSocketIPCConn::readCmd()
         return 0;
     }
     const int count = cutLines(std::span(rxBuf).first(static_cast<std::size_t>(rxLen)), true, cmds);
-    if (count > 0) idleTimer.setTimeOut(IDLE_TIME);
+    if (count > 0) keepAlive();
     return count;
 }
 

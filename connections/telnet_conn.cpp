@@ -4,25 +4,15 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <poll.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include "connections/connection_log.h"
 #include "connections/line_cutter.h"
-#include "connections/waiting.h"
 #include "connections/white_space.h"
 
 using telnet::Byte;
-
-namespace {
-
-constexpr timeval COMMAND_TIME{1, 0};     // for each step towards a whole command
-constexpr timeval NEGOTIATION_TIME{5, 0}; // real clients are done within 0.1 s
-constexpr timeval ECHO_SWITCH_TIME{2, 0};
-constexpr int LOOK_AGAIN_MS = 10; // while a command is awaited; also how late a time-out may be
-
-} // namespace
+using telnet::Verdict;
 
 TTelnetConn::TTelnetConn(std::uint32_t portType, std::uint32_t id) : TPortConn(portType, id) {}
 
@@ -31,115 +21,81 @@ TTelnetConn::~TTelnetConn()
     closeSocket();
 }
 
-ssize_t TTelnetConn::peek(char* buffer)
+/// Asks the socket, which knows its low water mark.
+TTelnetConn::Ready TTelnetConn::ready()
 {
-    return ::recv(fd, buffer, RX_BYTES, MSG_PEEK | MSG_DONTWAIT);
+    if (fd < 0 || fd >= FD_SETSIZE) return {false, false};
+    fd_set urgent;
+    FD_ZERO(&urgent);
+    FD_SET(fd, &urgent);
+    FD_SET(fd, &readSet);
+    timeval noWait{0, 0};
+    if (::select(fd + 1, &readSet, nullptr, &urgent, &noWait) < 1) return {false, false};
+    return {FD_ISSET(fd, &readSet) != 0, FD_ISSET(fd, &urgent) != 0};
 }
 
-std::span<const Byte> TTelnetConn::command() const
+ssize_t TTelnetConn::peek(std::span<char> buffer) const
 {
-    return {reinterpret_cast<const Byte*>(rxBuf.data()), static_cast<std::size_t>(rxLen)};
+    return ::recv(fd, buffer.data(), buffer.size(), MSG_PEEK | MSG_DONTWAIT);
 }
 
-bool TTelnetConn::sendBytes(std::span<const Byte> bytes)
+/// @return how many bytes got out
+std::size_t TTelnetConn::sendBytes(std::span<const Byte> bytes) const
 {
-    return ::send(fd, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+    if (bytes.empty()) return 0;
+    return static_cast<std::size_t>(
+        std::max<ssize_t>(::send(fd, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL), 0));
 }
 
-/// Reads one telnet command into rxBuf, its length into rxLen. Sleeps until there is one.
-/// @param bound  ends the wait whatever the client sends
-TTelnetConn::Read TTelnetConn::readTelnetCmd(const TOrbHRTimeOut& bound)
+void TTelnetConn::setLowWaterMark(int bytes)
 {
-    using telnet::Front;
-    rxLen = 0;
-    TOrbHRTimeOut step(COMMAND_TIME);
-    Front reached = Front::nothing;
-    while (!step.hasTimedOut() && !bound.hasTimedOut() && !g_endWaits) {
-        const ssize_t received = peek(rxBuf.data());
-        if (received < 0 && errno != EAGAIN) return Read::socketError;
-        const auto waiting = static_cast<std::size_t>(std::max<ssize_t>(received, 0));
-        const auto [front, length] = telnet::scan({reinterpret_cast<const Byte*>(rxBuf.data()), waiting});
-        if (front == Front::data) return Read::data;
-        if (front == Front::command) {
-            if (::recv(fd, rxBuf.data(), length, MSG_DONTWAIT) != static_cast<ssize_t>(length))
-                return Read::socketError;
-            rxLen = static_cast<std::int32_t>(length);
-            return Read::command;
-        }
-        if (front != reached) step.setTimeOut(COMMAND_TIME);
-        reached = front;
-        // Input that is there already, or its end, would wake poll() again and again.
-        pollfd more{received < 0 ? fd : -1, POLLIN, 0};
-        (void)::poll(&more, 1, LOOK_AGAIN_MS); // whatever ended it, the next look tells
-    }
-    return Read::timeOut;
+    if (lowWaterMark_ == bytes) return;
+    if (::setsockopt(fd, SOL_SOCKET, SO_RCVLOWAT, &bytes, sizeof bytes) == 0) lowWaterMark_ = bytes;
 }
 
-/// No LINEMODE: a plain byte stream.
-void TTelnetConn::startPlainMode()
+/// Input that is not used yet stays in the socket, which is therefore readable at any time. Lets it become so when more arrives.
+/// @return false: it cannot tell, or it is readable although no more has arrived: only time brings a change
+bool TTelnetConn::waitForMore(std::size_t waiting)
 {
-    setEcho(1);
-    idleTimer.setTimeOut(IDLE_TIME);
+    const int mark = static_cast<int>(waiting) + 1;
+    if (mark == lowWaterMark_ || waiting >= RX_BYTES)
+        return false; // its end is behind the input, or it has filled the buffer
+    setLowWaterMark(mark);
+    return mark == lowWaterMark_;
+}
+
+/// Lets an exchange of options take what has arrived, and sends what it answers.
+template <class Exchange> Verdict TTelnetConn::takeTurn(Exchange& exchange)
+{
+    const bool isWoken = ready().input;
+    std::array<char, RX_BYTES> scratch;
+    const ssize_t received = peek(scratch);
+    if (received < 0 && errno != EAGAIN) return Verdict::drop;
+    const auto waiting = static_cast<std::size_t>(std::max<ssize_t>(received, 0));
+    const telnet::Turn turn =
+        exchange.take(std::span(reinterpret_cast<const Byte*>(scratch.data()), waiting), instantNow());
+    due = exchange.due();
+    const bool isUsed = turn.used > 0;
+    if (isUsed && ::recv(fd, scratch.data(), turn.used, MSG_DONTWAIT) != static_cast<ssize_t>(turn.used))
+        return Verdict::drop;
+    const Verdict verdict = turn.verdictWhen(sendBytes(turn.answer()));
+    const bool isOnward = isUsed || verdict != Verdict::goOn;
+    if (isOnward) setLowWaterMark(1); // what is left is looked at anew
+    wantsInput = isOnward || (waiting > 0 && waitForMore(waiting)) || !isWoken;
+    return verdict;
 }
 
 int TTelnetConn::negotiateOptions()
 {
-    const TOrbHRTimeOut bound(NEGOTIATION_TIME);
-    const Read first = readTelnetCmd(bound);
-    if (first == Read::socketError) return 1;
-    if (first != Read::command) {
-        startPlainMode();
-        return 0;
-    }
-    if (!sendBytes(telnet::offerOptions)) return 1;
-    do {
-        if (rxLen > 3) {
-            if (telnet::isLinemodeSubNeg(command()) && processSubNegLm() != 0) return 1;
-            break;
-        }
-        processOptStat();
-    } while (readTelnetCmd(bound) == Read::command);
-
-    if (lineMode == 0)
-        startPlainMode();
-    else
-        idleTimer.setTimeOut(IDLE_TIME);
-    return 0;
-}
-
-/// Handles the 3-byte command in rxBuf: notes LINEMODE, refuses what is not known.
-void TTelnetConn::processOptStat()
-{
-    const Byte verb = command()[1];
-    const Byte option = command()[2];
-    if (option == telnet::ECHO_OPTION || option == telnet::SUPPRESS_GO_AHEAD) return;
-    if (option == telnet::LINEMODE) {
-        if (verb == telnet::WILL) lineMode = 1;
-        return;
-    }
-    if (verb != telnet::WILL && verb != telnet::DO) return;
-    // WONT, not DONT, for a WILL too (deliberate).
-    (void)sendBytes(
-        std::array{telnet::IAC, telnet::WONT, option}); // a client that misses it asks again, or goes without
-}
-
-/// Makes the client edit lines and send them at CR, and reads its answers, beginning with what is in rxBuf.
-/// @return 0 done, 1 send failure
-int TTelnetConn::processSubNegLm()
-{
-    const TOrbHRTimeOut bound(NEGOTIATION_TIME);
-    // Both in one segment: a second small one would wait for the first to be acknowledged, and the service thread with it.
-    std::array<Byte, telnet::modeEdit.size() + telnet::slcForward.size()> both;
-    std::ranges::copy(telnet::slcForward, std::ranges::copy(telnet::modeEdit, both.begin()).out);
-    if (!sendBytes(both)) return 1;
-
-    telnet::LinemodeAnswers answers;
-    do {
-        if (rxLen == 3)
-            processOptStat();
-        else if (telnet::isLinemodeSubNeg(command()))
-            answers.take(command());
-    } while (!answers.complete() && readTelnetCmd(bound) == Read::command);
+    if (!negotiation_) negotiation_.emplace(instantNow());
+    const Verdict verdict = takeTurn(*negotiation_);
+    if (verdict == Verdict::goOn) return 2;
+    negotiation_.reset();
+    if (verdict == Verdict::drop) return 1;
+    lineMode = verdict == Verdict::lineMode ? 1 : 0;
+    if (lineMode == 0) setEcho(1);
+    keepAlive();
+    due = AT_ONCE; // the client is to be greeted
     return 0;
 }
 
@@ -149,11 +105,20 @@ void TTelnetConn::setEcho(int on)
         serverEcho = on != 0 ? 1 : 0;
         return;
     }
-    const TOrbHRTimeOut bound(ECHO_SWITCH_TIME);
-    const std::array expected{telnet::IAC, on != 0 ? telnet::DONT : telnet::DO, telnet::ECHO_OPTION};
-    (void)sendBytes(on != 0 ? telnet::echoWont : telnet::echoWill); // the wait is the same when it fails
-    while (readTelnetCmd(bound) == Read::command)
-        if (std::ranges::equal(command(), expected)) return;
+    echoSwitch_.emplace(on != 0, instantNow());
+    (void)sendBytes(echoSwitch_->request()); // the wait is the same when it fails
+    settling = true;
+    wantsInput = true;
+    due = echoSwitch_->due();
+}
+
+void TTelnetConn::goOnSettling()
+{
+    if (takeTurn(*echoSwitch_) == Verdict::goOn) return;
+    echoSwitch_.reset();
+    settling = false;
+    wantsInput = true;
+    due = AT_ONCE; // for what has waited for the end of it
 }
 
 /// Sends back what has not been echoed yet of the input that stays in the socket.
@@ -167,64 +132,69 @@ void TTelnetConn::echo(std::span<const char> received)
     echoPos = static_cast<std::int32_t>(received.size());
 }
 
-/// A line without its end stays in the socket, which is therefore readable at any time. Keeps the service thread asleep until
-/// more arrives, or, where the socket cannot tell, for a while.
-void TTelnetConn::sleepUntilMore(std::int32_t waiting)
-{
-    const int mark = waiting + 1;
-    const bool marked = mark != lowWaterMark_ && waiting < RX_BYTES &&
-                        ::setsockopt(fd, SOL_SOCKET, SO_RCVLOWAT, &mark, sizeof mark) == 0;
-    if (marked)
-        lowWaterMark_ = mark;
-    else
-        restTimer.setTimeOut(REST_TIME); // the line is longer than the buffer, or the client has hung up behind it
-}
-
 int TTelnetConn::readCmd()
 {
     rxLen = 0;
-    if (fd < 0 || fd >= FD_SETSIZE) return 0;
-    fd_set urgent;
-    FD_ZERO(&urgent);
-    FD_SET(fd, &urgent);
-    FD_SET(fd, &readSet);
-    timeval noWait{0, 0};
-    if (::select(fd + 1, &readSet, nullptr, &urgent, &noWait) < 1) return 0;
-
-    std::array<char, RX_BYTES> scratch;
-    if (FD_ISSET(fd, &urgent)) {
-        const ssize_t dropped = ::recv(fd, scratch.data(), scratch.size(), MSG_OOB | MSG_DONTWAIT);
-        if (dropped > 0 || (dropped < 0 && errno != EAGAIN)) return 0;
-    }
-    if (!FD_ISSET(fd, &readSet)) return 0;
-
-    const ssize_t received = peek(scratch.data());
-    if (received < 0) return 0;
-    if (received == 0) return -1;
-    rxLen = static_cast<std::int32_t>(received);
-    const std::span<const char> input = std::span(scratch).first(static_cast<std::size_t>(received));
-    echo(input);
-    if (std::ranges::find_if(input, isLineEnd) == input.end()) {
-        sleepUntilMore(rxLen);
+    wantsInput = true;
+    due = end();
+    if (echoSwitch_) {
+        goOnSettling();
         return 0;
     }
-    if (::recv(fd, rxBuf.data(), input.size(), MSG_DONTWAIT) != received) return 0;
+    const auto [input, urgent] = ready();
+    std::array<char, RX_BYTES> scratch;
+    bool isEnded = false;
+    if (urgent) {
+        const ssize_t dropped = ::recv(fd, scratch.data(), scratch.size(), MSG_OOB | MSG_DONTWAIT);
+        if (dropped > 0) return 0;
+        isEnded = dropped < 0 && errno == ENOTCONN; // the byte can never be taken any more
+    }
+    if (!input) return 0;
+    const ssize_t received = peek(scratch);
+    if (received < 0) return 0;
+    if (received == 0) return -1;
+    const int count = takeInput(std::span(scratch).first(static_cast<std::size_t>(received)));
+    return count == 0 && isEnded ? -1 : count;
+}
+
+/// @param input  what waits in the socket, at least a byte
+/// @return number of lines
+int TTelnetConn::takeInput(std::span<const char> input)
+{
+    rxLen = static_cast<std::int32_t>(input.size());
+    echo(input);
+    if (std::ranges::find_if(input, isLineEnd) == input.end()) return keepHalfLine(input.size());
+    if (::recv(fd, rxBuf.data(), input.size(), MSG_DONTWAIT) != static_cast<ssize_t>(input.size())) return 0;
     rxBuf[input.size()] = '\0';
     echoPos = 0;
-    if (lowWaterMark_ != 1) {
-        lowWaterMark_ = 1;
-        (void)::setsockopt(fd, SOL_SOCKET, SO_RCVLOWAT, &lowWaterMark_,
-                           sizeof lowWaterMark_); // cannot fail once it has worked
-    }
+    setLowWaterMark(1);
     const int count = cutLines(std::span(rxBuf).first(input.size()), false, cmds);
-    if (count > 0) idleTimer.setTimeOut(IDLE_TIME);
+    if (count > 0) keepAlive();
+    due = end();
     return count;
+}
+
+/// @return 0; -1 when the line's end will never come, because the client has reset the connection
+int TTelnetConn::keepHalfLine(std::size_t waiting)
+{
+    if (waitForMore(waiting)) return 0;
+    if (isReset()) return -1;
+    rest();
+    return 0;
+}
+
+/// The error that tells of a reset comes behind what waits, or has been taken by a write.
+bool TTelnetConn::isReset() const
+{
+    tcp_info info{};
+    socklen_t length = sizeof info;
+    return ::getsockopt(fd, IPPROTO_TCP, TCP_INFO, &info, &length) == 0 && info.tcpi_state == TCP_CLOSE;
 }
 
 int TTelnetConn::sendText(const char* text, std::size_t length)
 {
     if (::send(fd, text, length, MSG_DONTWAIT) < 0) return 1;
-    idleTimer.setTimeOut(IDLE_TIME);
+    keepAlive();
     return 0;
 }
 

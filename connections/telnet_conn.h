@@ -2,11 +2,13 @@
 
 #include <cstdint>
 #include <netinet/in.h>
+#include <optional>
 #include <span>
 #include <sys/types.h>
 
 #include "connections/port_conn.h"
-#include "connections/telnet_protocol.h"
+#include "connections/telnet_echo_switch.h"
+#include "connections/telnet_negotiation.h"
 
 /// A telnet client (RFC 854). One that speaks LINEMODE (RFC 1184) edits lines and is told with the ECHO option (RFC 857) when
 /// not to show them; any other is a plain byte stream that gets its bytes echoed.
@@ -16,18 +18,20 @@ public:
     TTelnetConn(std::uint32_t portType, std::uint32_t id);
     ~TTelnetConn() override;
 
-    /// Finds out what the client speaks. Sends nothing until the client has sent a telnet command. Waits: a second for a
-    /// silent client, 5 seconds for the whole exchange, and 5 more for its LINEMODE part, with one that never comes to an
-    /// end.
-    /// @return 0 done; 1 socket error, drop the connection
+    /// Finds out what the client speaks; to be called until it is done, each time when there is input (`wantsInput`) or `due`
+    /// has come. A silent client is done after a second, one that never comes to an end after 5 seconds, and 5 more for its
+    /// LINEMODE part.
+    /// @return 0 done; 1 socket error, drop the connection; 2 under way
     int negotiateOptions();
 
     /// As TPortConn::readCmd(). A line without an end stays in the socket; where the connection echoes, what has come of it
-    /// is echoed once. Urgent data is thrown away. Telnet commands are not taken out of lines.
+    /// is echoed once. Urgent data is thrown away. Telnet commands are not taken out of lines, except while the echo is being
+    /// switched (`settling`): then they are all that is taken, and the result is 0.
     int readCmd() override;
     int write(TOrbAttachmentMsg* msg) override;
     int hasTimedOut() override { return idleTimer.hasTimedOut() ? 1 : 0; }
-    /// LINEMODE: offers or withdraws ECHO and waits for the client's answer, for up to a second of silence or 2 in all.
+    /// LINEMODE: offers or withdraws ECHO, and `settling` tells that the client's answer is awaited, for up to a second of
+    /// silence or 2 in all. Any other client: at once.
     void setEcho(int on) override;
     int isSerialLine() override { return 0; }
     std::uint32_t getPortId() override { return portId; }
@@ -42,18 +46,24 @@ public:
     sockaddr_in peerAddr{};      ///< set by the port
 
 private:
-    enum class Read : int { command = 0, socketError = 1, timeOut = 2, data = 3 };
+    struct Ready {
+        bool input, urgent;
+    };
 
-    Read readTelnetCmd(const TOrbHRTimeOut& bound);
-    ssize_t peek(char* buffer);
-    std::span<const telnet::Byte> command() const;
-    void processOptStat();
-    int processSubNegLm();
-    void startPlainMode();
-    bool sendBytes(std::span<const telnet::Byte> bytes);
-    int sendText(const char* text, std::size_t length);
+    Ready ready();
+    ssize_t peek(std::span<char> buffer) const;
+    std::size_t sendBytes(std::span<const telnet::Byte> bytes) const;
+    void setLowWaterMark(int bytes);
+    bool waitForMore(std::size_t waiting);
+    template <class Exchange> telnet::Verdict takeTurn(Exchange& exchange);
+    void goOnSettling();
     void echo(std::span<const char> received);
-    void sleepUntilMore(std::int32_t waiting);
+    int takeInput(std::span<const char> input);
+    int keepHalfLine(std::size_t waiting);
+    bool isReset() const;
+    int sendText(const char* text, std::size_t length);
 
-    std::int32_t lowWaterMark_ = 1; ///< the socket's, in bytes
+    int lowWaterMark_ = 1;                          ///< the socket's, in bytes
+    std::optional<TTelnetNegotiation> negotiation_; ///< while it is under way
+    std::optional<TTelnetEchoSwitch> echoSwitch_;   ///< while `settling`
 };

@@ -4,21 +4,9 @@
 #include <cstring>
 #include <span>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include "connections/connection_log.h"
 #include "connections/line_cutter.h"
-#include "connections/waiting.h"
-#include "framework/sleep.h"
-
-namespace {
-
-// Between two looks at a short header. Chosen: the first lets a header in two pieces through without delay, the second is
-// for a wait that only a stop can end.
-constexpr int LOOK_AGAIN_MS = 1;
-constexpr int LOOK_FOR_STOP_MS = 50;
-
-} // namespace
 
 TXCPCon::TXCPCon(std::uint32_t portType, std::uint32_t id) : TPortConn(portType, id)
 {
@@ -30,40 +18,39 @@ TXCPCon::~TXCPCon()
     closeSocket();
 }
 
-ssize_t TXCPCon::peek()
+/// Takes in what has arrived until there are so many bytes of the frame. Never peeks, because that would not get past an urgent
+/// byte (unix(7)): it ends a read, and the next one drops it.
+/// @return false: the peer has closed
+bool TXCPCon::takeIn(std::int32_t bytes)
 {
-    const ssize_t received = ::recv(fd, rxBuf.data(), RX_BYTES, MSG_PEEK | MSG_DONTWAIT);
-    rxLen = received > 0 ? static_cast<std::int32_t>(received) : 0;
-    rxBuf[static_cast<std::size_t>(rxLen)] = '\0'; // a frame cut short ends here, not in what an earlier one has left
-    return received;
-}
-
-/// Looks until the header is whole before the frame time is over.
-/// @return false when it gives up
-bool TXCPCon::waitForHeader()
-{
-    const TOrbHRTimeOut frameTimer(FRAME_TIME);
-    while (!g_endUnboundedWaits) {
-        const bool late = frameTimer.hasTimedOut();
-#ifdef TESS_BOUNDED_WAITS
-        if (late) return false;
-#endif
-        // A header that becomes whole too late is not taken (deliberate): only a stop ends that wait.
-        Sleep(late ? LOOK_FOR_STOP_MS : LOOK_AGAIN_MS);
-        (void)peek(); // what counts is how many bytes are there now
-        if (!late && rxLen >= HEADER_BYTES) return true;
+    while (rxLen < bytes) {
+        const ssize_t received =
+            ::recv(fd, &rxBuf[static_cast<std::size_t>(rxLen)], static_cast<std::size_t>(bytes - rxLen), MSG_DONTWAIT);
+        if (received <= 0) return received < 0;
+        rxLen += static_cast<std::int32_t>(received);
     }
-    return false;
+    return true;
 }
 
 int TXCPCon::readCmd()
 {
     echoFlag = 1;
-    const ssize_t waiting = peek();
-    if (waiting == 0) return -1;
-    if (waiting < 0) return 0;
-    if (rxLen < HEADER_BYTES && !waitForHeader()) return -1;
+    wantsInput = true;
+    due = NEVER;
+    if (rxLen >= HEADER_BYTES) rxLen = 0; // less is the header that has begun
+    const bool begins = rxLen == 0;
+    if (!begins && frameEnd_ <= instantNow()) return -1;
+    if (!takeIn(HEADER_BYTES)) return -1;
+    if (rxLen == 0) return 0;
+    if (rxLen == HEADER_BYTES) return cutPayload();
+    if (begins) frameEnd_ = instantNow() + FRAME_TIME;
+    due = frameEnd_;
+    return 0;
+}
 
+/// Takes the payload behind a whole header, and cuts it.
+int TXCPCon::cutPayload()
+{
     std::uint32_t tag;
     std::int32_t payloadBytes;
     std::memcpy(&tag, &rxBuf[offsetof(TOrbAttachmentMsg, tag)], sizeof tag); // a frame's header is that of a record
@@ -72,16 +59,16 @@ int TXCPCon::readCmd()
         logMessage(connection_log::xcpLengthOutOfRange);
         return -1;
     }
-
-    const std::size_t frameBytes = static_cast<std::size_t>(HEADER_BYTES + payloadBytes);
-    rxLen = static_cast<std::int32_t>(::recv(fd, rxBuf.data(), frameBytes, MSG_DONTWAIT));
-    rxBuf[frameBytes] = '\0'; // the last line ends with the payload, whatever the next frame begins with
     echoFlag = 0;
     if (payloadBytes == 0) return 0;
+
+    (void)takeIn(HEADER_BYTES + payloadBytes);     // a peer that has closed shows at the next look
+    rxBuf[static_cast<std::size_t>(rxLen)] = '\0'; // a frame cut short ends here, not in what an earlier one has left
+    const auto declared = static_cast<std::size_t>(payloadBytes);
+    rxBuf[HEADER_BYTES + declared] = '\0'; // and the last line with the payload
     // Over the declared length, whether or not all of it has arrived (deliberate).
-    const int count =
-        cutFrameLines(std::span(rxBuf).subspan(HEADER_BYTES, static_cast<std::size_t>(payloadBytes)), tag, cmds);
-    if (count > 0) idleTimer.setTimeOut(IDLE_TIME);
+    const int count = cutFrameLines(std::span(rxBuf).subspan(HEADER_BYTES, declared), tag, cmds);
+    if (count > 0) keepAlive();
     return count;
 }
 

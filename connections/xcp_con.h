@@ -1,7 +1,5 @@
 #pragma once
 
-#include <sys/types.h>
-
 #include "connections/port_conn.h"
 
 /// A local client of the XCP socket: text lines in frames, answers in frames.
@@ -13,14 +11,14 @@ class TXCPCon : public TPortConn {
 public:
     static constexpr std::int32_t HEADER_BYTES = 16;
     static constexpr std::int32_t MAX_PAYLOAD_BYTES = RX_BYTES - HEADER_BYTES;
-    static constexpr timeval FRAME_TIME{0, 100'000};
+    static constexpr std::chrono::milliseconds FRAME_TIME{100};
 
     TXCPCon(std::uint32_t portType, std::uint32_t id);
     ~TXCPCon() override;
 
-    /// As TPortConn::readCmd(), one frame a call, but waits for a header of which only a part has arrived: within 100 ms it
-    /// can become whole; after that the wait ends, with -1, only when the daemon is asked to stop (built with
-    /// TESS_BOUNDED_WAITS: when the 100 ms are over).
+    /// As TPortConn::readCmd(), one frame a call. Takes the header, and of the payload what has arrived by then; the rest is
+    /// taken for the next header. A header of which only a part has arrived is waited for, until `due`: after FRAME_TIME,
+    /// whole or not, the result is -1.
     int readCmd() override;
     int write(TOrbAttachmentMsg* msg) override;
     int hasTimedOut() override { return 0; }
@@ -31,6 +29,8 @@ public:
     std::uint8_t echoFlag = 1; ///< set and cleared by reads, without effect (deliberate)
 
 private:
-    ssize_t peek();
-    bool waitForHeader();
+    bool takeIn(std::int32_t bytes);
+    int cutPayload();
+
+    Instant frameEnd_ = NEVER; ///< when a header that has begun must be whole
 };

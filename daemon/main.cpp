@@ -42,11 +42,7 @@ try {
     setMilestone(3);
     (void)g_tess.load()->run(); // always 0
     setMilestone(5);
-    delete g_tess.load();
-    setMilestone(40);
-    g_tess = nullptr;
-    logMessage(daemon_log::normalExit);
-    setMilestone(41);
+    endDaemon();
     return EXIT_SUCCESS;
 } catch (...) {
     return EXIT_FAILURE;

@@ -2,17 +2,15 @@
 #include "daemon/tess.h"
 
 #include <algorithm>
-#include <chrono>
+#include <array>
 #include <cstring>
 #include <fcntl.h>
-#include <new>
 #include <unistd.h>
 
 #include "commands/live_list.h"
-#include "connections/serial_line.h"
-#include "connections/waiting.h"
+#include "common/message_wake.h"
+#include "common/wake_up.h"
 #include "daemon/daemon_log.h"
-#include "daemon/reset.h"
 #include "framework/queue_mgr.h"
 #include "framework/tess_messages.h"
 #include "ports/milestone.h"
@@ -20,173 +18,170 @@
 
 namespace {
 
-constexpr std::chrono::seconds LOCK_PATIENCE{1};      // most passes take less
-constexpr std::chrono::seconds LAST_LOCK_PATIENCE{5}; // twice: waits that have a bound, and their end
-constexpr std::size_t MAX_LATER_MSGS = 256;           // chosen: 2 MiB; what comes after them waits in the queue
+// By the results of registerProc() and unregisterProc(); the last one is for any other, and there is none.
+constexpr std::array<std::string_view, 5> registerTexts{
+    "Process register operation successful", "Command register request with nothing enabled",
+    "Max # of registered processes reached", "Couldn't allocate memory for process register request",
+    "Process register operation failed"};
+constexpr std::array<std::string_view, 4> unregisterTexts{
+    "Process unregister operation successful", "Registered process list is empty",
+    "Process not found in registered process list", "Process unregister operation failed"};
 
 } // namespace
 
-/// What is done with a kind of message, and whether its sender gets replyMsg.
+/// What is done with a kind of message. A handler tells whether its sender gets replyMsg now, with inLen bytes.
 struct TTess::KindRow {
     std::uint32_t kind;
-    bool answers;
-    void (TTess::*handle)() noexcept;
+    bool (TTess::*handle)() noexcept;
 };
 
 const TTess::KindRow TTess::kindRows[] = {
-    {MSG_REPLY, false, &TTess::handleReply},          {MSG_REGISTER, true, &TTess::handleRegister},
-    {MSG_UNREGISTER, true, &TTess::handleUnregister}, {MSG_CLOSE_ALL, false, &TTess::closeAllConns},
-    {MSG_COM2_WRITE, true, &TTess::handleCom2Write},  {MSG_CLOSE_TELNET, false, &TTess::closeTelnetConns},
-    {MSG_RESET, true, &TTess::handleReset},
+    {MSG_REPLY, &TTess::handleReply},           {MSG_REGISTER, &TTess::handleRegister},
+    {MSG_UNREGISTER, &TTess::handleUnregister}, {MSG_CLOSE_ALL, &TTess::handleCloseAll},
+    {MSG_COM2_WRITE, &TTess::handleCom2Write},  {MSG_CLOSE_TELNET, &TTess::handleCloseTelnet},
+    {MSG_RESET, &TTess::handleReset},
 };
 
 int TTess::run() noexcept
 {
-    while (stopRequested == 0 && !serviceHeldUp) {
+    while (stopRequested == 0) {
         setMilestone(12);
-        if (!nextMessage()) continue;
+        inLen = static_cast<std::int32_t>(g_qMgr.getMsg(&inMsg, MSG_QUEUE_ALL, true));
+        answerWhatIsOver();
+        if (inLen <= 0) continue;
         setMilestone(13);
         if (inMsg.kind == MSG_STOP) break;
         const auto* const row =
             std::ranges::find(kindRows, inMsg.kind, [](const KindRow& candidate) { return candidate.kind; });
-        if (row == std::end(kindRows)) continue;
-        (this->*row->handle)();
-        if (!row->answers) continue;
-        setMilestone(14);
-        (void)g_qMgr.sendMsg(inMsg.sender, &replyMsg, inLen, false); // a sender that is gone wants no answer
+        if (row != std::end(kindRows) && (this->*row->handle)()) sendReply(inMsg.sender, inLen);
     }
     setMilestone(16);
     return 0;
 }
 
-/// Puts the next message, if there is one within a second, into inMsg and inLen.
-bool TTess::nextMessage() noexcept
+void TTess::sendReply(long address, std::int32_t length) noexcept
 {
-    if (laterMsgs.empty()) {
-        inLen = static_cast<std::int32_t>(g_qMgr.getMsg(&inMsg, MSG_QUEUE_ALL, true));
-        return inLen > 0;
-    }
-    inMsg = laterMsgs.front().msg;
-    inLen = laterMsgs.front().length;
-    laterMsgs.pop_front();
-    return true;
+    setMilestone(14);
+    const std::scoped_lock lock(regLock);
+    if (waitingAnswers.send(address, replyMsg, length)) g_wakeUp.wake();
 }
 
-/// Locks connLock. While the service thread keeps it for long, as it does when a client owes it the rest of a frame header, a
-/// stop message behind the one being handled is seen, and ends the waits that have no bound.
-/// @return false: not locked, and not to be had: the service thread is held up by something else than a peer
-bool TTess::lockConns() noexcept
+/// Answers those messages that have waited and are over.
+void TTess::answerWhatIsOver() noexcept
 {
-    while (!connLock.lockWithin(LOCK_PATIENCE)) {
-        if (stopRequested == 0 && !stopWaits()) continue;
-        g_endUnboundedWaits = true;
-        if (connLock.lockWithin(LAST_LOCK_PATIENCE)) return true;
-        g_endWaits = true;
-        serviceHeldUp = !connLock.lockWithin(LAST_LOCK_PATIENCE);
-        return !serviceHeldUp;
+    if (!takeMessageWake()) return;
+    std::vector<TLineOutput::Report> reports;
+    {
+        const std::scoped_lock lock(connLock);
+        reports.swap(lineReports);
     }
-    return true;
-}
-
-/// Looks through the messages that have arrived, up to a stop message, and keeps them for later.
-bool TTess::stopWaits() noexcept
-try {
-    while (!stopSeen && laterMsgs.size() < MAX_LATER_MSGS) {
-        TLaterMsg later;
-        later.length = static_cast<std::int32_t>(g_qMgr.getMsg(&later.msg, MSG_QUEUE_ALL, false));
-        if (later.length <= 0) break;
-        laterMsgs.push_back(later);
-        stopSeen = later.msg.kind == MSG_STOP;
+    for (const TLineOutput::Report& report : reports) {
+        replyMsg.kind = MSG_REPLY;
+        replyMsg.tag = report.ticket.tag;
+        replyMsg.len = report.written ? 0 : 1;
+        sendReply(report.ticket.asker, MSG_HEADER_BYTES);
     }
-    return stopSeen;
-} catch (const std::bad_alloc&) {
-    return false; // that message is lost; the next look may go better
+    if (!resetMsg.waits || stopRequested != 0 || !reInit.isOver(this)) return;
+    resetMsg.waits = false;
+    replyReset(reset.ask("", this));
+    sendReply(resetMsg.sender, resetMsg.length);
 }
 
 /// Writes a process's answer to the connection that asked. When that is gone the answer is dropped.
-void TTess::handleReply() noexcept
+bool TTess::handleReply() noexcept
 {
     const std::int32_t textEnd = inLen - static_cast<std::int32_t>(MSG_HEADER_BYTES);
     inMsg.text[std::clamp<std::int32_t>(textEnd, 0, MSG_TEXT_BYTES - 1)] = '\0';
-    if (!lockConns()) return;
-    const std::scoped_lock lock(std::adopt_lock, connLock);
+    const std::scoped_lock lock(connLock);
     for (std::size_t i = 0; TPortConn* conn = liveAt(conns, i); ++i) {
         if (conn->connId != (inMsg.tag & 0xFFFF'0000U)) continue;
         (void)conn->write(&inMsg); // the connection has logged a failure; the service thread finds out that it is gone
-        return;
+        if (conn->output != nullptr) g_wakeUp.wake();
+        break;
     }
+    return false;
 }
 
-void TTess::handleRegister() noexcept
+bool TTess::handleCloseAll() noexcept
 {
-    switch (registerProc()) {
-    case 0:
-        return replyRegistry(true, "Process register operation successful");
-    case 1:
-        return replyRegistry(false, "Command register request with nothing enabled");
-    case 2:
-        return replyRegistry(false, "Max # of registered processes reached");
-    case 3:
-        return replyRegistry(false, "Couldn't allocate memory for process register request");
-    default:
-        return replyRegistry(false, "Process register operation failed");
-    }
+    closeAllConns();
+    g_wakeUp.wake(); // the serial line's next session begins at once
+    return false;
 }
 
-void TTess::handleUnregister() noexcept
+bool TTess::handleCloseTelnet() noexcept
 {
-    switch (unregisterProc()) {
-    case 0:
-        return replyRegistry(true, "Process unregister operation successful");
-    case 1:
-        return replyRegistry(false, "Registered process list is empty");
-    case 2:
-        return replyRegistry(false, "Process not found in registered process list");
-    default:
-        return replyRegistry(false, "Process unregister operation failed");
-    }
+    closeTelnetConns();
+    return false;
+}
+
+bool TTess::handleRegister() noexcept
+{
+    replyRegistry(registerProc(), registerTexts);
+    return true;
+}
+
+bool TTess::handleUnregister() noexcept
+{
+    replyRegistry(unregisterProc(), unregisterTexts);
+    return true;
 }
 
 /// Copies the text without its NUL over the last one: a shorter text carries the tail of a longer one (deliberate).
-void TTess::replyRegistry(bool success, std::string_view text) noexcept
+void TTess::replyRegistry(int result, std::span<const std::string_view> texts) noexcept
 {
+    const std::string_view text = texts[std::min(static_cast<std::size_t>(result), texts.size() - 1)];
     replyMsg.kind = MSG_REPLY;
-    replyMsg.tag = success ? 0 : static_cast<std::uint32_t>(-1);
+    replyMsg.tag = result == 0 ? 0 : static_cast<std::uint32_t>(-1);
     replyMsg.len = 0;
     std::memcpy(replyMsg.text, text.data(), text.size());
     inLen = static_cast<std::int32_t>(MSG_HEADER_BYTES + ::strnlen(replyMsg.text, MSG_TEXT_BYTES - 1) + 1);
 }
 
 /// Writes raw bytes out of the serial line, if it has a connection. Without one the answer keeps the length received and the
-/// kind of the answer before it (deliberate).
-void TTess::handleCom2Write() noexcept
+/// kind of the answer before it (deliberate). What the line does not take at once is answered when that is over.
+bool TTess::handleCom2Write() noexcept
 {
     const std::size_t count = static_cast<std::size_t>(std::clamp<std::int32_t>(inMsg.len, 0, MSG_TEXT_BYTES));
-    // Non-blocking: a line without carrier would hold up its opening, and writeToLine() wants it.
-    const int line = ::open(TPortCom2::DEVICE, O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    bool answers = true;
     replyMsg.len = 1;
     replyMsg.tag = inMsg.tag;
-    if (lockConns()) {
-        const std::scoped_lock lock(std::adopt_lock, connLock);
-        for (std::size_t i = 0; TPortConn* conn = liveAt(conns, i); ++i) {
-            if (conn->isSerialLine() == 0) continue;
-            (void)conn->startMute(); // always 0
-            const bool written = line >= 0 && writeToLine(line, inMsg.text, count);
-            replyMsg.len = written ? 0 : 1;
-            replyMsg.kind = MSG_REPLY;
-            inLen = MSG_HEADER_BYTES;
-        }
+    const std::scoped_lock lock(connLock);
+    for (std::size_t i = 0; TPortConn* conn = liveAt(conns, i); ++i) {
+        if (conn->isSerialLine() == 0) continue;
+        (void)conn->startMute(); // always 0
+        // Non-blocking: a line without carrier would hold up its opening, and a slow one its writer.
+        const int line = ::open(TPortCom2::DEVICE, O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+        const TLineOutput::Sent sent =
+            conn->output->writeReported(line, {inMsg.text, count}, {inMsg.sender, inMsg.tag});
+        replyMsg.len = sent == TLineOutput::Sent::whole ? 0 : 1;
+        replyMsg.kind = MSG_REPLY;
+        inLen = MSG_HEADER_BYTES;
+        answers = sent != TLineOutput::Sent::kept;
     }
-    if (line >= 0) (void)::close(line);
+    g_wakeUp.wake(); // for the end of the mute, and what is kept
+    return answers;
 }
 
 /// The answer has the length of the request, and the tag and len of the answer before it (deliberate).
-void TTess::handleReset() noexcept
+bool TTess::handleReset() noexcept
 {
     logMessage(daemon_log::resetReceived);
-    replyMsg.kind = MSG_REPLY;
     inMsg.text[MSG_TEXT_BYTES - 1] = '\0';
-    const std::string_view text =
-        resetDevice(inMsg.text) == 0 ? "OK\r\n\r\n" : "Error Processing RESET Command\r\n\r\n";
+    // One message at a time waits for a program; while one does, others are askers of their own.
+    const void* const asker = resetMsg.waits ? static_cast<const void*>(&inMsg) : this;
+    const ResetResult result = reset.ask(inMsg.text, asker);
+    if (result == RESET_WAITS) {
+        resetMsg = {true, inMsg.sender, inLen};
+        return false;
+    }
+    replyReset(result);
+    return true;
+}
+
+void TTess::replyReset(ResetResult result) noexcept
+{
+    replyMsg.kind = MSG_REPLY;
+    const std::string_view text = result == RESET_STARTED ? "OK\r\n\r\n" : "Error Processing RESET Command\r\n\r\n";
     std::memcpy(replyMsg.text, text.data(), text.size() + 1);
 }

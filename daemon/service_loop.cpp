@@ -1,147 +1,177 @@
-// The service thread: accepts, waits for input, hands command lines to the interpreter.
+// The service thread: waits, accepts, hands command lines to the interpreter.
 #include "daemon/tess.h"
 
-#include <algorithm>
-#include <sys/select.h>
+#include <cstdlib>
+#include <unistd.h>
 
 #include "commands/delay_queue.h"
 #include "commands/interpreter.h"
 #include "commands/live_list.h"
-#include "daemon/service_gate.h"
+#include "common/message_wake.h"
+#include "common/process_copy.h"
+#include "common/wake_up.h"
 #include "framework/tess_messages.h"
 #include "ports/milestone.h"
 
 namespace {
 
-constexpr timeval IDLE_WAIT{1, 0};
-constexpr timeval DELAYED_WAIT{0, 250'000};
-
-bool fitsSet(int fd)
-{
-    return fd >= 0 && fd < FD_SETSIZE;
-}
+constexpr std::chrono::milliseconds IDLE_WAIT{1000};
+constexpr std::chrono::milliseconds DELAYED_WAIT{250};
 
 } // namespace
 
 void* TTess::serviceThread(void* daemon)
 {
     setMilestone(6);
-    static_cast<TTess*>(daemon)->serviceLoop();
+    auto* const tess = static_cast<TTess*>(daemon);
+    tess->serviceLoop();
+    if (g_isCopy) { // it is all there is of this process
+        endDaemon();
+        ::_exit(EXIT_SUCCESS);
+    }
+    wakeMessageLoop();
     return nullptr;
 }
 
 void TTess::serviceLoop() noexcept
 {
     setMilestone(17);
-    int maxFd = -1;
-    for (bool first = true;; first = false) {
-        timeval wait{};
-        fd_set readSet;
-        {
-            const ServiceGate::Stay stay(g_serviceGate, this);
-            if (!stay) return;
-            if (first || maxFd != -1) acceptConnections();
-            if (!first && maxFd != -1) servicePass();
-            if (stopRequested != 0) {
-                setMilestone(21);
-                serviceDone = true;
-                return;
-            }
-            setMilestone(18);
-            maxFd = collectDescriptors(readSet);
-            setMilestone(20);
-            wait = IDLE_WAIT;
-            if (!delayQueues.empty()) {
-                runDelays(commandContext);
-                wait = DELAYED_WAIT;
-            }
-        }
-        // Without any descriptor there is no wait (deliberate). Errors, EINTR among them, are as good as input: every
-        // connection looks for itself.
-        if (maxFd != -1) (void)::select(maxFd + 1, &readSet, nullptr, nullptr, &wait);
+    TWaitSet waits; // as the last wait has left it
+    acceptConnections(waits);
+    while (!isToEnd(instantNow())) {
+        setMilestone(18);
+        TWaitSet next;
+        const bool waitsForDescriptors = collectConns(next);
+        setMilestone(20);
+        runDelayedLines(waits);
+        serviceQueues(waits, next);
+        waits = next;
+        if (!waitsForDescriptors) continue; // without any there is no wait (deliberate)
+        waits.wait(delayQueues.empty() ? IDLE_WAIT : DELAYED_WAIT);
+        if (waits.hasInput(g_wakeUp.fd())) g_wakeUp.clear();
+        acceptConnections(waits);
+        servicePass(waits);
     }
+    setMilestone(21);
+    serviceDone = true;
 }
 
-/// @return highest descriptor of the set or just left out of it, -1 when there is none
-int TTess::collectDescriptors(fd_set& readSet) noexcept
+bool TTess::isToEnd(Instant now) noexcept
 {
-    FD_ZERO(&readSet);
-    int maxFd = -1;
-    for (std::size_t i = 0; const TCmdPort* port = liveAt(ports, i); ++i) {
-        if (!fitsSet(port->fd)) continue;
-        if (!port->rests()) FD_SET(port->fd, &readSet);
-        maxFd = std::max(maxFd, port->fd);
-    }
+    if (stopRequested != 0) return true;
+    const std::scoped_lock lock(connLock);
+    return now >= serviceEnd;
+}
+
+/// @return false when there is no descriptor of a port or a connection
+bool TTess::collectConns(TWaitSet& waits) noexcept
+{
+    for (std::size_t i = 0; const TCmdPort* port = liveAt(ports, i); ++i)
+        port->addTo(waits);
     setMilestone(19);
     const std::scoped_lock lock(connLock);
-    for (std::size_t i = 0; TPortConn* conn = liveAt(conns, i); ++i) {
-        if (!fitsSet(conn->fd)) continue;
-        // A muted or unplugged serial line is taken out again: its port has put the same descriptor in.
-        if ((conn->isSerialLine() != 0 && conn->muteExpired() == 0) || conn->rests())
-            FD_CLR(conn->fd, &readSet);
-        else
-            FD_SET(conn->fd, &readSet);
-        maxFd = std::max(maxFd, conn->fd);
-    }
-    return maxFd;
+    for (std::size_t i = 0; TPortConn* conn = liveAt(conns, i); ++i)
+        conn->addTo(waits);
+    waits.addDue(serviceEnd);
+    const bool found = waits.hasDescriptors();
+    waits.addInput(g_wakeUp.fd());
+    return found;
 }
 
-void TTess::acceptConnections() noexcept
+/// Goes on with answers that have waited, and adds what waits for a queue now: after the delayed lines, which may have begun to.
+void TTess::serviceQueues(const TWaitSet& waits, TWaitSet& next) noexcept
+{
+    const std::scoped_lock lock(regLock);
+    waitingAnswers.goOn(waits);
+    fullQueues.addTo(next);
+}
+
+void TTess::acceptConnections(const TWaitSet& waits) noexcept
 {
     setMilestone(28);
     for (std::size_t i = 0; TCmdPort* port = liveAt(ports, i); ++i) {
         TPortConn* conn = nullptr;
-        if (port->chkNewConn(&conn) != 1 || conn == nullptr) continue;
+        if (!port->isDue(waits) || port->chkNewConn(&conn) != 1 || conn == nullptr) continue;
         const std::scoped_lock lock(connLock);
         conns.push_back(conn);
     }
     setMilestone(29);
 }
 
-void TTess::servicePass() noexcept
+void TTess::runDelayedLines(const TWaitSet& waits) noexcept
+{
+    const bool mayRun = delayedLine.runs ? mayGoOn(delayedLine.progress, waits) : !delayQueues.empty();
+    if (mayRun) runDelays(commandContext);
+}
+
+void TTess::servicePass(const TWaitSet& waits) noexcept
 {
     setMilestone(30);
     outMsg.kind = MSG_TEXT;
     const std::scoped_lock lock(connLock);
-    for (std::size_t i = 0; TPortConn* conn = liveAt(conns, i); ++i) {
-        if (conn->loginState == LOGIN_DONE) {
-            serviceConn(i);
-        } else if (!loginStep(*conn, outMsg, userName)) {
-            (void)removeConn(i); // it fails for no port only; the connection is gone either way
-            --i;                 // whoever moved here gets its turn
-        }
+    for (std::size_t i = 0; TPortConn* conn = liveAt(conns, i);) {
+        serviceOutput(*conn, waits);
+        const bool mayServe = conn->progress.waits() ? mayGoOn(conn->progress, waits) : conn->isDue(waits);
+        i = mayServe ? serviceConn(i) : i + 1;
     }
+    if (stopRequested == 0) reset.finishForgotten();
     setMilestone(31);
 }
 
-/// Reads a connection and serves its lines. After a removal `index` stays, so that the connection that moves there waits for
-/// the next pass (deliberate).
-void TTess::serviceConn(std::size_t& index) noexcept
+/// @return true when a line that waits is to be tried again. Nothing is restarted after a stop.
+bool TTess::mayGoOn(const TCmdProgress& progress, const TWaitSet& waits) noexcept
+{
+    if (progress.wait == TCmdProgress::Wait::reInit) return reInit.isOver(&progress) && stopRequested == 0;
+    const std::scoped_lock lock(regLock);
+    return fullQueues.mayTry(progress.queueWaiter, waits);
+}
+
+void TTess::serviceOutput(TPortConn& conn, const TWaitSet& waits) noexcept
+{
+    if (conn.output == nullptr || (!waits.hasRoom(conn.output->waitsFor()) && !waits.isDue(conn.output->due()))) return;
+    conn.output->goOn(waits.now());
+    takeReports(*conn.output);
+}
+
+/// Takes a login step, or reads a connection and serves its lines, or goes on with those that have waited.
+/// @return where the pass goes on. After a removal the connection that moves there waits for the next pass, except after that of a
+///         failed login (deliberate)
+std::size_t TTess::serviceConn(std::size_t index) noexcept
 {
     TPortConn& conn = *conns[index];
-    const int lineCount = conn.readCmd();
-    if (lineCount < 0 || (lineCount == 0 && conn.hasTimedOut() != 0))
-        (void)removeConn(index); // as above
-    else if (lineCount > 0)
-        serviceLines(index, lineCount);
-}
-
-/// Hands the lines of one read to the interpreter. When a line closes its connection, `index` steps back, and the lines
-/// left are taken from the connection now there (deliberate).
-void TTess::serviceLines(std::size_t& index, int lineCount) noexcept
-{
-    for (std::size_t j = 0; j < static_cast<std::size_t>(lineCount); ++j) {
-        TPortConn* const conn = conns[index];
-        if (processCmd(conn, &conn->cmds[j]) != CMD_CLOSE_CONNECTION) continue;
-        (void)removeConn(index);
-        --index;                                            // from 0 to the value that ++ brings back to 0
-        if (index >= conns.size() || !conns[index]) return; // nobody stands in front
+    if (conn.loginState != LOGIN_DONE) {
+        if (loginStep(conn, outMsg, userName)) return index + 1;
+        (void)removeConn(index); // it fails for no port only; the connection is gone either way
+        return index;
     }
+    if (conn.progress.waits()) return serviceLines(index);
+    const int lineCount = conn.readCmd();
+    if (lineCount < 0 || (lineCount == 0 && conn.hasTimedOut() != 0)) (void)removeConn(index); // as above
+    if (lineCount <= 0) return index + 1;
+    conn.progress.line = 0;
+    conn.progress.lineCount = lineCount;
+    return serviceLines(index);
 }
 
-int TTess::processCmd(TPortConn* conn, const TCmdEntry* cmd) noexcept
+/// Hands lines to the interpreter until one has to wait. When a line closes its connection, those left are taken from the
+/// connection in front (deliberate), unless that one has a line that waits.
+/// @return where the pass goes on
+std::size_t TTess::serviceLines(std::size_t index) noexcept
 {
-    return ::processCmd(commandContext, conn, cmd);
+    const int lineCount = conns[index]->progress.lineCount;
+    for (int line = conns[index]->progress.line; line < lineCount; ++line) {
+        TPortConn* const conn = conns[index];
+        conn->progress.line = line;
+        conn->progress.lineCount = lineCount;
+        const int result = processCmd(commandContext, conn, &conn->cmds[static_cast<std::size_t>(line)]);
+        if (result == CMD_WAITS) break;
+        if (result != CMD_CLOSE_CONNECTION) continue;
+        (void)removeConn(index);
+        if (index == 0) return 0; // nobody stands in front
+        --index;
+        if (conns[index] == nullptr || conns[index]->isHeld()) break;
+    }
+    return index + 1;
 }
 
 /// Disposes of the connection at `index`, through its port, and erases it from the list. Needs connLock.
@@ -150,6 +180,7 @@ int TTess::removeConn(std::size_t index) noexcept
 {
     setMilestone(36);
     if (conns[index] == nullptr) return 1;
+    forgetConn(*conns[index]);
     int result = 1;
     for (std::size_t i = 0; TCmdPort* port = liveAt(ports, i); ++i) {
         if (port->portType != conns[index]->getPortId()) continue;
@@ -160,4 +191,25 @@ int TTess::removeConn(std::size_t index) noexcept
     conns.erase(conns.begin() + static_cast<std::ptrdiff_t>(index));
     setMilestone(37);
     return result;
+}
+
+/// What a connection that is removed waits for goes on without it.
+void TTess::forgetConn(TPortConn& conn) noexcept
+{
+    reInit.forget(&conn.progress);
+    {
+        const std::scoped_lock lock(regLock);
+        fullQueues.leave(conn.progress.queueWaiter);
+    }
+    if (conn.output == nullptr) return;
+    conn.output->fail();
+    takeReports(*conn.output);
+}
+
+/// Hands what has become of texts to the message loop, which tells their askers.
+void TTess::takeReports(TLineOutput& output) noexcept
+{
+    for (const TLineOutput::Report& report : output.takeReports())
+        lineReports.push_back(report);
+    if (!lineReports.empty()) wakeMessageLoop();
 }

@@ -1,18 +1,14 @@
 #include "daemon/tess.h"
 
-#include <chrono>
-#include <cstdlib>
-#include <memory>
 #include <new>
-#include <sched.h>
+#include <unistd.h>
 
 #include "commands/live_list.h"
-#include "connections/waiting.h"
+#include "common/message_wake.h"
+#include "common/process_copy.h"
+#include "common/wake_up.h"
 #include "daemon/daemon_log.h"
-#include "daemon/reset.h"
-#include "daemon/service_gate.h"
 #include "daemon/signals.h"
-#include "framework/hr_time_out.h"
 #include "framework/tess_messages.h"
 #include "ports/milestone.h"
 #include "ports/port_com2.h"
@@ -20,13 +16,14 @@
 #include "ports/port_telnet.h"
 #include "ports/xcp_port.h"
 
+constexpr pthread_t NO_THREAD = static_cast<pthread_t>(-1);
+
 std::atomic<TTess*> g_tess{nullptr};
-pthread_t g_serviceThread = static_cast<pthread_t>(-1);
+pthread_t g_serviceThread = NO_THREAD;
 
 namespace {
 
-constexpr timeval SERVICE_END_TIME{2, 0};
-constexpr std::chrono::seconds GATE_PATIENCE{10};               // no wait for a peer outlasts g_endWaits
+constexpr std::chrono::seconds SERVICE_END_TIME{2};
 constexpr std::size_t MAX_TOKENS = TPortConn::RX_BYTES / 2 + 1; // every second character of a line a separator
 
 template <class Port> void createPort(std::vector<TCmdPort*>& ports, const LogMessage& start, const LogMessage& failure)
@@ -38,14 +35,23 @@ template <class Port> void createPort(std::vector<TCmdPort*>& ports, const LogMe
         logMessage(failure);
 }
 
+void wakeBothThreads()
+{
+    g_wakeUp.wake();
+    wakeMessageLoop();
+}
+
 } // namespace
 
 TTess::TTess(long queueId, bool com2, bool telnet, bool xcp, bool ipc)
-    : TMsgDmn(queueId, true), commandContext{outMsg, outLen, regProcs, regLock, delayQueues, tokens, resetDevice}
+    : TMsgDmn(queueId, true), reInit(wakeBothThreads), reset(reInit, [this] { return forkWhole(); }),
+      commandContext{
+          outMsg,      outLen,     regProcs,
+          regLock,     fullQueues, delayQueues,
+          delayedLine, tokens,     [this](const char* line, const void* asker) { return reset.ask(line, asker); }}
 {
     setMilestone(7);
-    g_endWaits = false;
-    g_endUnboundedWaits = false;
+    g_wakeUp.open();
     tokens.reserve(MAX_TOKENS);
     try {
         createPorts(com2, telnet, xcp, ipc);
@@ -78,23 +84,18 @@ void TTess::deletePorts() noexcept
 TTess::~TTess()
 {
     setMilestone(9);
-    g_endUnboundedWaits = true;
-    const TOrbHRTimeOut serviceEnd(SERVICE_END_TIME);
-    setMilestone(300);
-    while (!serviceDone && !serviceEnd.hasTimedOut())
-        ::sched_yield();
-    const bool started = g_serviceThread != static_cast<pthread_t>(-1);
-    if (serviceDone) {
-        if (started) (void)::pthread_join(g_serviceThread, nullptr); // it has ended
-    } else {
-        // After a stop message nobody has told the service thread to end. It is left running, outside of this object.
-        g_endWaits = true;
-        if (serviceHeldUp || !g_serviceGate.close(GATE_PATIENCE)) endWithoutServiceThread();
-        (void)::pthread_detach(g_serviceThread); // it exists and is not joined
+    reInit.cancel();
+    {
+        const std::scoped_lock lock(connLock);
+        serviceEnd = instantNow() + SERVICE_END_TIME;
     }
-    g_serviceThread = static_cast<pthread_t>(-1);
+    g_wakeUp.wake();
+    setMilestone(300);
+    if (g_serviceThread != NO_THREAD) (void)::pthread_join(g_serviceThread, nullptr); // it never waits for anybody
+    g_serviceThread = NO_THREAD;
     setMilestone(301);
     closeAllConns();
+    answerWhatIsOver();
     setMilestone(302);
     deletePorts();
     setMilestone(303);
@@ -102,45 +103,61 @@ TTess::~TTess()
     g_tess = nullptr; // a signal that arrives from here on finds no daemon
 }
 
-/// The end of the process while the service thread is held up in something that has no bound, which the device's version
-/// re-initialisation is alone in having: nothing is freed, because the thread may come back any time.
-void TTess::endWithoutServiceThread() noexcept
-{
-    for (TCmdPort* port : ports)
-        if (port != nullptr) (void)port->closePort(); // always 0
-    logMessage(daemon_log::normalExit);
-    std::_Exit(EXIT_SUCCESS);
-}
-
 int TTess::startService()
 {
-    g_serviceGate.open(this);
-    serviceDone = false; // a stop message may be handled before the thread has run its first line
+    serviceDone = false;
     const int error = ::pthread_create(&g_serviceThread, nullptr, serviceThread, this);
-    if (error != 0) serviceDone = true;
+    if (error != 0) {
+        g_serviceThread = NO_THREAD;
+        serviceDone = true;
+    }
     return error;
 }
 
+// Called by a signal handler. Every other thread that handles signals has been joined before the daemon is freed.
 void TTess::requestStop() noexcept
 {
     setMilestone(42);
     stopRequested = 1;
-    g_endUnboundedWaits = true;
-    g_endWaits = true;
+    g_wakeUp.wake();
 }
 
+/// fork(2) at a moment when no other thread is in the middle of a change, so that a copy begins with whole lists and free locks.
+int TTess::forkWhole() noexcept
+{
+    std::unique_lock conns(connLock, std::defer_lock);
+    if (!connLock.isMine()) conns.lock();
+    const std::scoped_lock lock(regLock);
+    const pid_t child = ::fork();
+    if (child == 0) continueAsCopy();
+    return child;
+}
+
+/// In the child: of the threads only the calling one is there.
 void TTess::continueAsCopy() noexcept
 {
+    g_isCopy = true;
+    g_serviceThread = NO_THREAD; // if it is the calling one, it is nobody's to join
+    g_wakeUp.openAnew();
     connLock.forgetWaiters();
-    std::construct_at(&regLock);
+    reInit.startInCopy();
+    resetMsg.waits = false; // the original answers it
+}
+
+void endDaemon() noexcept
+{
+    delete g_tess.load();
+    setMilestone(40);
+    g_tess = nullptr;
+    logMessage(daemon_log::normalExit);
+    setMilestone(41);
 }
 
 void TTess::closeAllConns() noexcept
 {
     setMilestone(38);
     logMessage(daemon_log::closingAll);
-    if (!lockConns()) return;
-    const std::scoped_lock lock(std::adopt_lock, connLock);
+    const std::scoped_lock lock(connLock);
     while (liveAt(conns, 0) != nullptr)
         (void)removeConn(0); // the slot is live, so it goes whatever the result
     setMilestone(39);
@@ -150,8 +167,7 @@ void TTess::closeTelnetConns() noexcept
 {
     setMilestone(38);
     logMessage(daemon_log::closingTelnet);
-    if (!lockConns()) return;
-    const std::scoped_lock lock(std::adopt_lock, connLock);
+    const std::scoped_lock lock(connLock);
     for (std::size_t i = 0; i < conns.size();) {
         const bool isTelnet = conns[i] != nullptr && conns[i]->getPortId() == PORT_TELNET;
         // What moves to the front after a removal there is passed over, and so is what follows a failed removal

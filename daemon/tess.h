@@ -3,18 +3,21 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <mutex>
 #include <pthread.h>
-#include <string>
+#include <span>
 #include <string_view>
 #include <vector>
 
 #include "commands/command_context.h"
 #include "commands/registered_proc.h"
+#include "commands/waiting_answers.h"
+#include "common/fair_mutex.h"
+#include "common/wait_set.h"
+#include "connections/line_output.h"
 #include "connections/login.h"
 #include "connections/port_conn.h"
-#include "daemon/fair_mutex.h"
+#include "daemon/reset.h"
 #include "framework/msg_dmn.h"
 #include "framework/orb_attachment_msg.h"
 #include "ports/cmd_port.h"
@@ -29,7 +32,8 @@ public:
     /// @throws std::runtime_error  the queue or a port could not be set up; what was open is closed again
     TTess(long queueId, bool com2, bool telnet, bool xcp, bool ipc);
 
-    /// Waits up to 2 seconds for the service thread, then closes all connections and ports, whether or not it has ended.
+    /// Tells the service thread to end, which goes on for 2 seconds unless requestStop() was called, waits for it, and closes
+    /// all connections and ports.
     ~TTess() override;
 
     /// The message loop: serves the daemon's queue until a stop message or requestStop().
@@ -40,10 +44,6 @@ public:
     /// @return 0, or an error number as pthread_create(3) gives it
     int startService();
 
-    /// Makes this the daemon of a process that has just been forked: of the threads only the calling one is there, and what
-    /// the others had locked for a moment would stay locked for good.
-    void continueAsCopy() noexcept;
-
     /// Asks the message loop and the service thread to end. Threads: any; also from a signal handler.
     void requestStop() noexcept;
 
@@ -53,13 +53,19 @@ private:
     // --- service thread (service_loop.cpp)
     static void* serviceThread(void* daemon);
     void serviceLoop() noexcept;
-    int collectDescriptors(fd_set& readSet) noexcept;
-    void acceptConnections() noexcept;
-    void servicePass() noexcept;
-    void serviceConn(std::size_t& index) noexcept;
-    void serviceLines(std::size_t& index, int lineCount) noexcept;
+    bool collectConns(TWaitSet& waits) noexcept;
+    void serviceQueues(const TWaitSet& waits, TWaitSet& next) noexcept;
+    bool isToEnd(Instant now) noexcept;
+    void acceptConnections(const TWaitSet& waits) noexcept;
+    void runDelayedLines(const TWaitSet& waits) noexcept;
+    void servicePass(const TWaitSet& waits) noexcept;
+    bool mayGoOn(const TCmdProgress& progress, const TWaitSet& waits) noexcept;
+    void serviceOutput(TPortConn& conn, const TWaitSet& waits) noexcept;
+    std::size_t serviceConn(std::size_t index) noexcept;
+    std::size_t serviceLines(std::size_t index) noexcept;
     int removeConn(std::size_t index) noexcept;
-    int processCmd(TPortConn* conn, const TCmdEntry* cmd) noexcept;
+    void forgetConn(TPortConn& conn) noexcept;
+    void takeReports(TLineOutput& output) noexcept;
 
     // --- bulk closing, by either thread (tess.cpp)
     void closeAllConns() noexcept;
@@ -71,25 +77,24 @@ private:
     void clearRegistry() noexcept;
 
     // --- message loop (message_loop.cpp)
-    struct TLaterMsg {
-        TOrbAttachmentMsg msg;
-        std::int32_t length;
-    };
     struct KindRow;
     static const KindRow kindRows[];
-    bool nextMessage() noexcept;
-    bool lockConns() noexcept;
-    bool stopWaits() noexcept;
-    void handleReply() noexcept;
-    void handleRegister() noexcept;
-    void handleUnregister() noexcept;
-    void handleCom2Write() noexcept;
-    void handleReset() noexcept;
-    void replyRegistry(bool success, std::string_view text) noexcept;
+    bool handleReply() noexcept;
+    bool handleRegister() noexcept;
+    bool handleUnregister() noexcept;
+    bool handleCloseAll() noexcept;
+    bool handleCom2Write() noexcept;
+    bool handleCloseTelnet() noexcept;
+    bool handleReset() noexcept;
+    void replyRegistry(int result, std::span<const std::string_view> texts) noexcept;
+    void replyReset(ResetResult result) noexcept;
+    void sendReply(long address, std::int32_t length) noexcept;
+    void answerWhatIsOver() noexcept;
 
     void createPorts(bool com2, bool telnet, bool xcp, bool ipc);
     void deletePorts() noexcept;
-    [[noreturn]] void endWithoutServiceThread() noexcept;
+    int forkWhole() noexcept;
+    void continueAsCopy() noexcept;
 
     TOrbAttachmentMsg inMsg{};              ///< the message being handled
     TOrbAttachmentMsg replyMsg{};           ///< answer to its sender; never cleared in between
@@ -97,7 +102,7 @@ private:
     TOrbAttachmentMsg outMsg{};             ///< texts to connections and commands to processes; service thread only
     std::int32_t outLen = 0;                ///< bytes of outMsg to send to a process
     std::vector<TRegisteredProc*> regProcs; ///< owned; outlive the daemon, as nothing deletes them at its end
-    std::mutex regLock;                     ///< guards regProcs
+    std::mutex regLock;                     ///< guards regProcs, fullQueues, waitingAnswers
     std::vector<TCmdPort*> ports;           ///< owned, in order of creation
     std::vector<TPortConn*> conns;          ///< owned, of all ports; disposed of by removeConn()
     FairMutex connLock;                     ///< guards conns
@@ -106,10 +111,19 @@ private:
     TUserName userName{};                ///< of whoever typed one last
     TDelayQueue delayQueues;             ///< service thread only
 
+    Instant serviceEnd = NEVER;           ///< of the service thread after a stop message; guarded by connLock
+    TDelayedLine delayedLine;             ///< service thread only
     std::vector<std::string_view> tokens; ///< the interpreter's scratch
-    std::deque<TLaterMsg> laterMsgs;      ///< taken out of the queue while the message loop waited for connLock
-    bool stopSeen = false;                ///< a stop message is the last of them
-    bool serviceHeldUp = false;           ///< the service thread keeps connLock for good
+    TFullQueues fullQueues;
+    TWaitingAnswers waitingAnswers{fullQueues};
+    std::vector<TLineOutput::Report> lineReports; ///< for the message loop; guarded by connLock
+    TReInit reInit;
+    TReset reset;
+    struct {
+        bool waits = false;
+        std::int32_t sender; ///< who asked
+        std::int32_t length; ///< of the message
+    } resetMsg;              ///< the reset message that waits for a program; main thread only
     TCommandContext commandContext;
 };
 
@@ -118,3 +132,6 @@ extern std::atomic<TTess*> g_tess;
 
 /// The service thread; -1 until it is started.
 extern pthread_t g_serviceThread;
+
+/// Deletes the daemon, if there is one, and logs the end.
+void endDaemon() noexcept;

@@ -4,19 +4,21 @@
 #include <cstdint>
 #include <sys/select.h>
 #include <sys/socket.h>
+#include <vector>
 
+#include "common/wait_set.h"
 #include "connections/port_conn.h"
 
 /// One listening endpoint for commands.
 /// Owns: `fd`, from openPort() to closePort(). A connection is handed out by chkNewConn() and comes back in closeConn() to
 /// be deleted; in between it is the daemon's.
-/// Threads: no lock of its own. chkNewConn() on the service thread; closeConn() also on the main thread, then with the
-/// daemon's connection lock held.
+/// Threads: no lock of its own. chkNewConn() and isDue() on the service thread; closeConn() also on the main thread, then with the
+/// daemon's connection lock held: it changes nothing but `activeConns`.
 class TCmdPort {
 public:
     /// Connection IDs are this far apart: the lower 16 bits are free for a client's tag.
     static constexpr std::uint32_t CONN_ID_STEP = 0x10000;
-    static constexpr timeval REST_TIME{1, 0};
+    static constexpr std::chrono::seconds REST_TIME{1};
 
     /// @param type      the kind of port, as a single bit (TessPortType)
     /// @param limit     how many connections may live at a time
@@ -44,9 +46,11 @@ public:
     /// @return 0
     virtual int closeConn(TPortConn** conn) = 0;
 
-    /// @return true while the service loop is not to wait for the descriptor: a client that cannot be accepted, because the
-    ///         process or the system has no descriptors left, would wake it without end
-    bool rests() const { return !restTimer.hasTimedOut(); }
+    /// Adds what the service loop waits for on its behalf.
+    void addTo(TWaitSet& waits) const;
+
+    /// @return true when chkNewConn() may have something to do
+    bool isDue(const TWaitSet& waits) const;
 
     std::uint32_t portType;
     int fd = -1; ///< listening socket or serial device; negative when it could not be opened
@@ -57,7 +61,12 @@ public:
     std::atomic<std::int32_t> activeConns{0};
     std::int32_t maxConns;
     std::uint32_t nextConnId; ///< ID of the newest connection; wraps silently
-    TOrbHRTimeOut restTimer;
+
+    // What the service loop waits for on behalf of the port.
+    bool wantsInput = true; ///< false: the descriptor would wake the loop without a reason
+    bool standing = false;  ///< there is a connection whenever there may be one: nobody knocks
+    Instant due = AT_ONCE;  ///< when it is asked for new connections although nobody knocks: at once when it is new
+    std::vector<TPortConn*> arriving; ///< clients that have been accepted and are not ready to be handed out; owned
 
 protected:
     /// Counts a connection that is about to be made.
@@ -70,9 +79,14 @@ protected:
     /// @return true when a client waits to be accepted
     bool clientWaits();
 
-    /// Accepts a client into `conn`, non-blocking and close-on-exec.
+    /// Accepts a client, non-blocking and close-on-exec. When the process or the system has no descriptors left, the port
+    /// rests for a second: the client still waits, and would wake the service loop without end.
+    /// @param client    its descriptor; -1 when there is no client any more
     /// @param peer      receives the client's address; may be null
     /// @param peerSize  in: its room, out: its size; may be null
-    /// @return false when there is no client any more, or no place in an fd_set for its descriptor
-    bool acceptInto(TPortConn& conn, sockaddr* peer, socklen_t* peerSize);
+    /// @return false when nobody was accepted for want of descriptors
+    bool accept(int& client, sockaddr* peer, socklen_t* peerSize);
+
+    /// @return true when a connection has a descriptor that an fd_set can hold, and is not one too many
+    bool mayStay(const TPortConn& conn) const;
 };

@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "common/process_copy.h"
 #include "framework/fixed_text.h"
 #include "ports/milestone.h"
 
@@ -36,8 +37,13 @@ TLocalSocketPort::~TLocalSocketPort()
 {
     setMilestone(kind_.milestones.destructorEntry);
     (void)TLocalSocketPort::closePort(); // always 0
-    (void)std::remove(kind_.path);       // closePort() has removed it, unless the port was closed all along
+    removeFile();                        // closePort() has done so, unless the port was closed all along
     setMilestone(kind_.milestones.destructorExit);
+}
+
+void TLocalSocketPort::removeFile() const
+{
+    if (!g_isCopy) (void)std::remove(kind_.path); // somebody else may have been faster
 }
 
 int TLocalSocketPort::openPort()
@@ -64,7 +70,7 @@ int TLocalSocketPort::closePort()
         activeConns = 0;
         isOpen = false;
         logMessage(kind_.portClosed);
-        (void)std::remove(kind_.path); // somebody else may have been faster
+        removeFile();
     }
     setMilestone(CLOSE_EXIT);
     return 0;
@@ -81,8 +87,11 @@ int TLocalSocketPort::chkNewConn(TPortConn** newConn)
 
 TPortConn* TLocalSocketPort::acceptClient()
 {
+    int client = -1;
+    if (!accept(client, nullptr, nullptr)) return nullptr;
     TPortConn* conn = kind_.makeConn(portType, countNewConn());
-    if (!acceptInto(*conn, nullptr, nullptr) || activeConns > maxConns) {
+    conn->fd = client;
+    if (!mayStay(*conn)) {
         (void)closeConn(&conn); // always 0
         return nullptr;
     }

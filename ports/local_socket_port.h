@@ -45,6 +45,7 @@ protected:
 
 private:
     TPortConn* acceptClient();
+    void removeFile() const;
 
     const LocalSocketKind& kind_;
 };

@@ -4,6 +4,7 @@
 #include <stdexcept>
 #include <unistd.h>
 
+#include "common/process_copy.h"
 #include "connections/com2_conn.h"
 #include "framework/fixed_text.h"
 #include "framework/tess_messages.h"
@@ -24,9 +25,9 @@ termios lineSettings()
     termios tio{};
     tio.c_iflag = IGNPAR | ICRNL | IXOFF;
     tio.c_oflag = OPOST;
-    tio.c_cflag = B38400 | CS8 | CREAD | CLOCAL;
+    tio.c_cflag = CS8 | CREAD | CLOCAL;
     tio.c_lflag = ICANON;
-    (void)::cfsetispeed(&tio, B38400); // a speed that every line knows
+    (void)::cfsetispeed(&tio, B38400); // which put it where it belongs; it is a speed that every line knows
     (void)::cfsetospeed(&tio, B38400);
     tio.c_cc[VINTR] = ctrl('C');
     tio.c_cc[VQUIT] = ctrl('\\');
@@ -50,6 +51,8 @@ termios lineSettings()
 TPortCom2::TPortCom2() : TCmdPort(PORT_COM2, 1, 0x0055'0000)
 {
     setMilestone(1000);
+    wantsInput = false; // what is typed is for its connection
+    standing = true;
     isOpen = TPortCom2::openPort() == 0;
     setMilestone(1001);
 }
@@ -62,9 +65,8 @@ TPortCom2::~TPortCom2()
 int TPortCom2::openPort()
 {
     setMilestone(1002);
-    fd = ::open(DEVICE, O_RDWR | O_NOCTTY | O_CLOEXEC);
+    fd = ::open(DEVICE, O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK); // nothing waits for the line, the opening neither
     if (fd < 0) return 1;
-    (void)::fcntl(fd, F_SETFL, O_NONBLOCK); // as writeToLine() wants it; reads look first
     if (::tcgetattr(fd, &savedTio) != 0) throw std::runtime_error("unable to get COM2 attributes");
     portTio = lineSettings();
     if (::tcflush(fd, TCIFLUSH) != 0) throw std::runtime_error("failed tcflush");
@@ -77,9 +79,11 @@ int TPortCom2::closePort()
 {
     setMilestone(1004);
     if (isOpen) {
-        // A line that refuses has been unplugged: nothing is left to restore.
-        (void)::tcflush(fd, TCIFLUSH);
-        (void)::tcsetattr(fd, TCSANOW, &savedTio);
+        if (!g_isCopy) {
+            // A line that refuses has been unplugged: nothing is left to restore.
+            (void)::tcflush(fd, TCIFLUSH);
+            (void)::tcsetattr(fd, TCSANOW, &savedTio);
+        }
         (void)::close(fd);
         activeConns = 0;
         isOpen = false;
@@ -92,6 +96,7 @@ int TPortCom2::closePort()
 int TPortCom2::chkNewConn(TPortConn** newConn)
 {
     setMilestone(1006);
+    due = NEVER;
     const bool isFree = activeConns < maxConns;
     if (isFree) {
         *newConn = new TCom2Conn(portType, countNewConn());

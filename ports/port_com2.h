@@ -18,10 +18,11 @@ public:
     /// As TCmdPort::openPort(); 1 also when the device is missing or busy.
     int openPort() override;
 
-    /// As TCmdPort::closePort(); the line gets back the settings that openPort() found.
+    /// As TCmdPort::closePort(); the line gets back the settings that openPort() found, except from a copy of the daemon.
     int closePort() override;
 
-    /// As TCmdPort::chkNewConn(), but nothing is accepted: a new connection is handed out whenever there is none.
+    /// As TCmdPort::chkNewConn(), but nothing is accepted: a new connection is handed out whenever there is none. So the port
+    /// waits for no input, but to be asked once when it is new, and again after closeConn().
     int chkNewConn(TPortConn** newConn) override;
     int closeConn(TPortConn** conn) override;
 

@@ -37,6 +37,15 @@ void enlargeSendBuffer(int fd)
     logMgr.log(failed.id, (FixedText<128>() << failed.text << std::strerror(errno)).c_str());
 }
 
+void logOpened(const TTelnetConn& conn)
+{
+    const LogMessage& opened = port_log::telnetOpened;
+    FixedText<96> text;
+    text << opened.text;
+    text.hex(conn.connId - TCmdPort::CONN_ID_STEP) << port_log::telnetFrom << DottedAddress(conn.peerAddr).c_str();
+    logMgr.log(opened.id, text.c_str());
+}
+
 /// Echo and answer are two small segments: the second would wait for the first to be acknowledged, which takes 40 ms (tcp(7)).
 void sendAtOnce(int fd)
 {
@@ -49,6 +58,7 @@ void sendAtOnce(int fd)
 TPortTelnet::TPortTelnet() : TCmdPort(PORT_TELNET, MAX_CONNS, 0xAA00'0000)
 {
     setMilestone(1010);
+    arriving.reserve(MAX_CONNS);
     isOpen = TPortTelnet::openPort() == 0;
     setMilestone(1011);
 }
@@ -78,6 +88,9 @@ int TPortTelnet::openPort()
 int TPortTelnet::closePort()
 {
     setMilestone(1014);
+    for (TPortConn*& conn : arriving)
+        (void)closeConn(&conn); // always 0
+    arriving.clear();
     if (isOpen) {
         (void)::close(fd); // nothing is left to do for a descriptor that fails to close
         activeConns = 0;
@@ -91,38 +104,56 @@ int TPortTelnet::closePort()
 int TPortTelnet::chkNewConn(TPortConn** newConn)
 {
     setMilestone(1016);
-    TPortConn* const conn = clientWaits() ? acceptClient() : nullptr;
+    const bool rests = !wantsInput && instantNow() < due;
+    if (!rests && clientWaits()) acceptClient();
+    TPortConn* const conn = takeArrived();
     if (conn != nullptr) *newConn = conn;
     setMilestone(1017);
     return conn != nullptr ? 1 : 0;
 }
 
-TPortConn* TPortTelnet::acceptClient()
+void TPortTelnet::acceptClient()
 {
-    auto* const client = new TTelnetConn(portType, countNewConn());
-    TPortConn* conn = client;
-    const auto drop = [this, &conn]() -> TPortConn* {
-        (void)closeConn(&conn); // always 0
-        return nullptr;
-    };
-    socklen_t peerSize = sizeof client->peerAddr;
-    if (!acceptInto(*client, reinterpret_cast<sockaddr*>(&client->peerAddr), &peerSize)) return drop();
-    if (activeConns > maxConns) {
-        (void)client->writeText("Connection refused: limit reached.\r\n"); // it is closed either way
-        return drop();
+    sockaddr_in peer{};
+    socklen_t peerSize = sizeof peer;
+    int client = -1;
+    if (!accept(client, reinterpret_cast<sockaddr*>(&peer), &peerSize)) return;
+    auto* const accepted = new TTelnetConn(portType, countNewConn());
+    accepted->fd = client;
+    accepted->peerAddr = peer;
+    if (mayStay(*accepted)) {
+        enlargeSendBuffer(client);
+        sendAtOnce(client);
+        arriving.push_back(accepted);
+        return;
     }
-    enlargeSendBuffer(client->fd);
-    sendAtOnce(client->fd);
-    if (client->negotiateOptions() != 0) {
+    if (activeConns > maxConns)
+        (void)accepted->writeText("Connection refused: limit reached.\r\n"); // it is closed either way
+    TPortConn* conn = accepted;
+    (void)closeConn(&conn); // always 0
+}
+
+/// Goes on with the clients that are arriving, until one is ready: the others are still ready, or due, next time.
+/// @return that one; null when there is none
+TPortConn* TPortTelnet::takeArrived()
+{
+    for (std::size_t i = 0; i < arriving.size();) {
+        auto* const client = static_cast<TTelnetConn*>(arriving[i]); // this port makes no other connections
+        const int result = client->negotiateOptions();
+        if (result == 2) {
+            ++i;
+            continue;
+        }
+        TPortConn* conn = client;
+        arriving.erase(arriving.begin() + static_cast<std::ptrdiff_t>(i));
+        if (result == 0) {
+            logOpened(*client);
+            return conn;
+        }
         (void)client->writeText("\r\n"); // it is closed either way
-        return drop();
+        (void)closeConn(&conn);          // always 0
     }
-    const LogMessage& opened = port_log::telnetOpened;
-    FixedText<96> text;
-    text << opened.text;
-    text.hex(announcedConnId()) << port_log::telnetFrom << DottedAddress(client->peerAddr).c_str();
-    logMgr.log(opened.id, text.c_str());
-    return conn;
+    return nullptr;
 }
 
 int TPortTelnet::closeConn(TPortConn** conn)

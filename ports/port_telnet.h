@@ -17,15 +17,18 @@ public:
     ~TPortTelnet() override;
 
     int openPort() override;
+
+    /// As TCmdPort::closePort(), but the clients that are still arriving are disposed of.
     int closePort() override;
 
-    /// As TCmdPort::chkNewConn(). The option negotiation runs in here (TTelnetConn::negotiateOptions()): a silent client
-    /// costs the service thread a second. A client over the limit is told so.
+    /// As TCmdPort::chkNewConn(). A client is handed out when its option negotiation (TTelnetConn::negotiateOptions()) is done;
+    /// until then it is one of `arriving`. A client over the limit is told so.
     int chkNewConn(TPortConn** newConn) override;
     int closeConn(TPortConn** conn) override;
 
     sockaddr_in listenAddr{};
 
 private:
-    TPortConn* acceptClient();
+    void acceptClient();
+    TPortConn* takeArrived();
 };

@@ -6,12 +6,14 @@
 
 #include "commands/command_context.h"
 #include "framework/msg_proc.h"
+#include "framework/queue_mgr.h"
 #include "framework/tess_messages.h"
 #include "tests/support/queue_process.h"
 
 /// What command processing needs of a daemon, with real queues in a directory of their own.
 struct CommandTestBench {
     static constexpr long DAEMON = 1001;
+    static constexpr const char* FILLER = "filler";
 
     /// A process in the registry, which needs no queue of its own.
     void registerProcess(long procId, std::uint32_t portMask, std::string name)
@@ -19,11 +21,42 @@ struct CommandTestBench {
         regProcs.push_back(new TRegisteredProc{static_cast<std::int32_t>(procId), portMask, std::move(name)});
     }
 
-    ~CommandTestBench()
+    /// Sends records of its own to a queue until there is no room.
+    /// @return how many
+    static std::size_t fill(long address)
+    {
+        Outgoing filler = message(MSG_TEXT, FILLER);
+        std::size_t count = 0;
+        while (g_qMgr.sendMsg(address, &filler.record, static_cast<long>(filler.length), false) == SEND_DONE)
+            ++count;
+        return count;
+    }
+
+    /// What has been forwarded to a process, without what fill() has sent.
+    static std::vector<std::string> forwardedTo(const QueueProcess& process)
+    {
+        std::vector<std::string> texts = process.receiveTexts();
+        std::erase(texts, FILLER);
+        return texts;
+    }
+
+    /// What those find who wait for queues, without a wait.
+    TWaitSet look() const
+    {
+        TWaitSet waits;
+        fullQueues.addTo(waits);
+        waits.wait(std::chrono::milliseconds(0));
+        return waits;
+    }
+
+    void clearRegistry()
     {
         for (const TRegisteredProc* proc : regProcs)
             delete proc;
+        regProcs.clear();
     }
+
+    ~CommandTestBench() { clearRegistry(); }
 
     class Queue : public TMsgProc {
     public:
@@ -37,7 +70,9 @@ struct CommandTestBench {
     std::int32_t outLen = 0;
     std::vector<TRegisteredProc*> regProcs;
     std::mutex regLock;
+    TFullQueues fullQueues;
     TDelayQueue delayQueues;
+    TDelayedLine delayedLine;
     std::vector<std::string_view> tokens;
-    TCommandContext context{outMsg, outLen, regProcs, regLock, delayQueues, tokens, nullptr};
+    TCommandContext context{outMsg, outLen, regProcs, regLock, fullQueues, delayQueues, delayedLine, tokens, nullptr};
 };

@@ -23,21 +23,15 @@ namespace {
 
 constexpr std::int64_t START = 1000; // seconds on the clock
 
-Texts resetLines;
-
-int refuseReset(const char* line)
-{
-    resetLines.emplace_back(line);
-    return 1;
-}
-
 class DelayQueue : public testing::Test {
 protected:
     DelayQueue()
     {
-        resetLines.clear();
         bench.outMsg.kind = MSG_TEXT;
-        bench.context.resetDevice = refuseReset;
+        bench.context.resetDevice = [this](const char* line, const void*) {
+            resetLines.emplace_back(line);
+            return resetResult;
+        };
         bench.registerProcess(2001, 0, "ENC"); // takes nothing but delayed commands
     }
 
@@ -79,6 +73,8 @@ protected:
     QueueProcess encoder{bench.directory, 2001};
     FakeConn conn{PORT_IPC, 0xBB01'0000};
     FakeClock clock{START, 0};
+    Texts resetLines;
+    ResetResult resetResult = RESET_REFUSED;
 };
 
 } // namespace
@@ -447,7 +443,6 @@ TEST_F(DelayQueue, WaitsALittleWhenTheClockCannotBeRead)
     const Stopwatch watch;
     EXPECT_THAT(run(), IsEmpty());
     EXPECT_GE(watch.ms(), 95);
-    EXPECT_LT(watch.ms(), atMost(2000));
     EXPECT_THAT(queue(), SizeIs(1));
     clock.fails = false;
     EXPECT_THAT(run(), ElementsAre("A\n"));
@@ -458,4 +453,134 @@ TEST_F(DelayQueue, ComparesTimesWithoutASign)
     queue() = {{~0ULL, "never"}, {1ULL << 63, "never"}};
     EXPECT_THAT(run(), IsEmpty());
     EXPECT_THAT(queue(), SizeIs(2));
+}
+
+// --- lines that wait
+
+namespace {
+
+/// With a second process, whose queue is full.
+class WaitingDelay : public DelayQueue {
+protected:
+    WaitingDelay()
+    {
+        bench.registerProcess(2002, 0, "MOT");
+        CommandTestBench::fill(2002);
+    }
+
+    bool waits() const { return bench.delayedLine.runs; }
+
+    QueueProcess motor{bench.directory, 2002};
+    StoppedTime time;
+};
+
+} // namespace
+
+TEST_F(WaitingDelay, KeepsThoseBehindItInOrder)
+{
+    queue() = {{1, "s3.ENC A|s3.MOT B|s3.ENC C"}, {2, "s3.ENC D"}, {3, "s3.MOT E"}, {2'000'000, "s3.ENC F"}};
+    EXPECT_THAT(run(), ElementsAre("A\n"));
+    EXPECT_TRUE(waits());
+    EXPECT_THAT(queue(), SizeIs(3));
+    EXPECT_THAT(run(), IsEmpty()) << "nothing has been taken";
+    clock.set(START + 1, 0);
+    EXPECT_THAT(run(), IsEmpty());
+    (void)motor.receive();
+    EXPECT_THAT(run(), ElementsAre("C\n", "D\n"));
+    EXPECT_TRUE(waits()) << "the next one for that process";
+    EXPECT_THAT(queue(), ElementsAre(Due(2'000'000, "s3.ENC F")));
+    (void)motor.receive();
+    EXPECT_THAT(run(), IsEmpty());
+    EXPECT_FALSE(waits());
+    EXPECT_THAT(CommandTestBench::forwardedTo(motor), ElementsAre("B\n", "E\n"));
+    EXPECT_FALSE(bench.delayedLine.progress.waits());
+}
+
+TEST_F(WaitingDelay, RunsWhatHasFallenDueMeanwhile)
+{
+    queue() = {{1, "s3.MOT A"}, {1'001'000, "s3.ENC B"}};
+    EXPECT_THAT(run(), IsEmpty());
+    clock.set(START + 1, 0);
+    (void)motor.receive();
+    EXPECT_THAT(run(), ElementsAre("B\n"));
+    EXPECT_THAT(queue(), IsEmpty());
+}
+
+TEST_F(WaitingDelay, IsGivenUpWithoutAnAnswerWhenTheProcessIsStuck)
+{
+    queue() = {{1, "s3.MOT A|s3.ENC B"}, {2, "s3.MOT C"}, {3, "s3.ENC D"}};
+    EXPECT_THAT(run(), IsEmpty());
+    time.pass(TFullQueues::PATIENCE);
+    EXPECT_THAT(run(), ElementsAre("B\n", "D\n")) << "C does not wait any more";
+    EXPECT_FALSE(waits());
+    EXPECT_THAT(CommandTestBench::forwardedTo(motor), IsEmpty());
+    EXPECT_THAT(conn.written, IsEmpty());
+}
+
+TEST_F(WaitingDelay, DoesNotHoldLinesThatAreTyped)
+{
+    queue() = {{1, "s3.MOT A"}};
+    run();
+    bench.regProcs.front()->portMask = PORT_IPC;
+    EXPECT_THAT(replies("s3.ENC X|DELAY 10.0|Y"), ElementsAre("OK\r\n\r\n"));
+    EXPECT_THAT(encoder.receiveTexts(), ElementsAre("X\n"));
+    EXPECT_THAT(queue(), ElementsAre(Due(1'010'000, "Y")));
+    EXPECT_TRUE(waits());
+    (void)motor.receive();
+    EXPECT_THAT(run(), IsEmpty());
+    EXPECT_THAT(CommandTestBench::forwardedTo(motor), ElementsAre("A\n"));
+}
+
+TEST_F(WaitingDelay, IsNeitherListedNorClearedAsItIsUnderWay)
+{
+    queue() = {{1, "s3.MOT A|s3.ENC B"}, {998'000, "s3.ENC C"}, {1'010'000, "s3.ENC D"}};
+    run();
+    EXPECT_EQ(readable(listing()), readable("OK\r\n"
+                                            "000:00:-2.000 s3.ENC C\r\n"
+                                            "000:00:10.000 s3.ENC D\r\n"
+                                            "\r\n"));
+    EXPECT_THAT(replies("DELAY CLEAR"), ElementsAre("OK\r\n\r\n"));
+    EXPECT_THAT(queue(), IsEmpty());
+    EXPECT_TRUE(waits());
+    EXPECT_EQ(readable(listing()), "OK\\r\\n\\r\\n");
+    (void)motor.receive();
+    EXPECT_THAT(run(), ElementsAre("B\n"));
+    EXPECT_THAT(CommandTestBench::forwardedTo(motor), ElementsAre("A\n"));
+    queue() = {{1, "s3.ENC E"}};
+    EXPECT_THAT(run(), ElementsAre("E\n")) << "the next walk is a whole one";
+}
+
+TEST_F(WaitingDelay, ClearsWhatIsBehindItWhenItGoesOn)
+{
+    queue() = {{1, "s3.MOT A|DELAY CLEAR"}, {2, "s3.ENC B"}};
+    EXPECT_THAT(run(), IsEmpty());
+    EXPECT_THAT(queue(), SizeIs(1));
+    (void)motor.receive();
+    EXPECT_THAT(run(), IsEmpty());
+    EXPECT_THAT(queue(), IsEmpty());
+    EXPECT_FALSE(waits());
+}
+
+TEST_F(WaitingDelay, GoesOnWithALineThatIsCut)
+{
+    const std::string tail(300, 'x');
+    queue() = {{1, "s3.MOT A|s3.ENC " + tail}};
+    run();
+    (void)motor.receive();
+    EXPECT_THAT(run(), ElementsAre(tail.substr(0, 255 - 16) + "\n"));
+}
+
+TEST_F(WaitingDelay, WaitsForAResetAndIsForwardedOnceWhenItFails)
+{
+    queue() = {{1, "RESET REINIT s3"}, {2, "s3.ENC A"}};
+    (void)motor.receiveAll();
+    resetResult = RESET_WAITS;
+    EXPECT_THAT(run(), IsEmpty());
+    EXPECT_THAT(run(), IsEmpty());
+    EXPECT_TRUE(waits());
+    resetResult = RESET_REFUSED;
+    EXPECT_THAT(run(), ElementsAre("RESET REINIT s3\n", "A\n"));
+    EXPECT_FALSE(waits());
+    EXPECT_THAT(resetLines, SizeIs(3));
+    EXPECT_THAT(run(), IsEmpty());
 }

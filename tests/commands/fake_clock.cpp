@@ -8,6 +8,7 @@
 namespace {
 
 const FakeClock* fake = nullptr;
+const StoppedTime* stopped = nullptr;
 
 // Where 64-bit times are a choice, clock_gettime() is a macro's name for the call of the second name below, and its system
 // call has a number of its own.
@@ -42,6 +43,16 @@ FakeClock::~FakeClock()
     fake = nullptr;
 }
 
+StoppedTime::StoppedTime() : now(std::chrono::steady_clock::now())
+{
+    stopped = this;
+}
+
+StoppedTime::~StoppedTime()
+{
+    stopped = nullptr;
+}
+
 extern "C" {
 
 int __wrap_clock_gettime(clockid_t clock, timespec* now);
@@ -56,4 +67,16 @@ int __wrap___clock_gettime64(clockid_t clock, timespec* now)
 {
     return readClock(clock, now);
 }
+}
+
+/// std::chrono::steady_clock::now(), as the compiler names it.
+std::chrono::steady_clock::time_point steadyNow() noexcept __asm__("__wrap__ZNSt6chrono3_V212steady_clock3nowEv");
+
+std::chrono::steady_clock::time_point steadyNow() noexcept
+{
+    if (stopped != nullptr) return stopped->now;
+    timespec now{};
+    (void)::syscall(READ_CLOCK, CLOCK_MONOTONIC, &now);
+    return std::chrono::steady_clock::time_point(std::chrono::seconds(now.tv_sec) +
+                                                 std::chrono::nanoseconds(now.tv_nsec));
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 
 /// While one lives, the monotonic clock of this program's own code shows what a test sets, or cannot be read. One at a time.
@@ -20,4 +21,18 @@ public:
     std::int64_t seconds;
     std::int64_t nanoseconds;
     bool fails = false;
+};
+
+/// While one lives, no moment passes for this program's own code but those that a test lets pass; a FakeClock is another one.
+/// One at a time. The linker's option --wrap leads std::chrono::steady_clock::now() here.
+class StoppedTime {
+public:
+    StoppedTime();
+    StoppedTime(const StoppedTime&) = delete;
+    StoppedTime& operator=(const StoppedTime&) = delete;
+    ~StoppedTime();
+
+    void pass(std::chrono::steady_clock::duration time) { now += time; }
+
+    std::chrono::steady_clock::time_point now;
 };

@@ -1,6 +1,7 @@
 #include "commands/forwarding.h"
 
 #include <cstring>
+#include <deque>
 #include <gmock/gmock.h>
 #include <memory>
 #include <mutex>
@@ -9,6 +10,7 @@
 #include "framework/fixed_text.h"
 #include "ports/milestone.h"
 #include "tests/commands/command_test_bench.h"
+#include "tests/commands/fake_clock.h"
 #include "tests/commands/send_hook.h"
 #include "tests/support/lock_probe.h"
 
@@ -31,10 +33,11 @@ protected:
         TCommandAddress address{};
         putText(address.unitAddr, unit);
         putText(address.procAddr, process);
-        return forwardCmd(bench.context, address, portType, entryTag);
+        return forwardCmd(bench.context, progress, address, portType, entryTag);
     }
 
     CommandTestBench bench;
+    TCmdProgress progress;
 };
 
 } // namespace
@@ -179,17 +182,17 @@ TEST_F(Forwarding, HoldsTheLockOfTheRegistryWhileItSends)
     bench.registerProcess(2002, PORT_IPC, "ENC");
     std::vector<std::unique_ptr<LockProbe<std::mutex>>> probes;
     std::vector<bool> free;
-    std::vector<std::int32_t> progress;
+    std::vector<std::int32_t> milestones;
     {
         const SendHook hook([&] {
-            progress.push_back(g_milestone);
+            milestones.push_back(g_milestone);
             probes.push_back(std::make_unique<LockProbe<std::mutex>>(bench.regLock));
             free.push_back(probes.back()->takenWithin(std::chrono::milliseconds(50)));
         });
         EXPECT_EQ(forward("s3", "ENC"), 0);
     }
     EXPECT_THAT(free, ElementsAre(false, false));
-    EXPECT_THAT(progress, ElementsAre(32, 32));
+    EXPECT_THAT(milestones, ElementsAre(32, 32));
     for (const auto& probe : probes)
         EXPECT_TRUE(probe->takenWithin(DEADLINE)) << "and no longer";
 }
@@ -200,4 +203,70 @@ TEST_F(Forwarding, LeavesTheLockFreeAndTheNumberOfItsProgress)
     EXPECT_EQ(g_milestone.load(), 33);
     EXPECT_TRUE(bench.regLock.try_lock());
     bench.regLock.unlock();
+}
+
+// --- full queues
+
+TEST_F(Forwarding, WaitsAtAFullQueueAndGoesOnThere)
+{
+    const QueueProcess first(bench.directory, 2001);
+    const QueueProcess second(bench.directory, 2002);
+    const QueueProcess third(bench.directory, 2003);
+    bench.registerProcess(2001, PORT_IPC, "ENC");
+    bench.registerProcess(2002, PORT_IPC, "ENC");
+    bench.registerProcess(2003, PORT_IPC, "ENC");
+    const StoppedTime time;
+    CommandTestBench::fill(2002);
+    ASSERT_EQ(forward("s3", "ENC"), FORWARD_WAITS);
+    EXPECT_EQ(g_milestone.load(), 33);
+    EXPECT_THAT(first.receiveTexts(), ElementsAre("X\n"));
+    EXPECT_THAT(third.receiveTexts(), ElementsAre()) << "in the order of the list";
+    EXPECT_EQ(goOnForwarding(bench.context, progress), FORWARD_WAITS) << "nothing has been taken";
+
+    bench.regProcs.front()->procId = 2099; // what changes meanwhile is for the next command
+    bench.regProcs.back()->procId = 2099;
+    (void)second.receive();
+    ASSERT_TRUE(bench.fullQueues.mayTry(progress.queueWaiter, bench.look()));
+    EXPECT_EQ(goOnForwarding(bench.context, progress), 0);
+    EXPECT_THAT(first.receiveTexts(), ElementsAre()) << "once only";
+    EXPECT_THAT(CommandTestBench::forwardedTo(second), ElementsAre("X\n"));
+    EXPECT_THAT(third.receiveTexts(), ElementsAre("X\n"));
+    EXPECT_EQ(progress.queueWaiter.address, 0);
+}
+
+TEST_F(Forwarding, LetsTheLastSendDecideAlsoAfterAWait)
+{
+    struct Row {
+        const char* behaviour;
+        bool takes[2]; ///< the queues, one after the other, before they are stuck
+        int result;
+    };
+    const Row rows[] = {
+        {"both take it", {true, true}, 0},
+        {"the last one takes it", {false, true}, 0},
+        {"the last one is stuck", {true, false}, 1},
+        {"both are stuck", {false, false}, 1},
+    };
+    long address = 3001; // each process has one of its own, so that none is known to be stuck
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.behaviour);
+        bench.clearRegistry();
+        std::deque<QueueProcess> processes;
+        StoppedTime time;
+        for (int i = 0; i < 2; ++i) {
+            processes.emplace_back(bench.directory, address);
+            bench.registerProcess(address, PORT_IPC, "ENC");
+            CommandTestBench::fill(address++);
+        }
+        int result = forward("s3", "ENC");
+        for (std::size_t i = 0; i < 2; ++i) {
+            ASSERT_EQ(result, FORWARD_WAITS) << "at queue " << i;
+            if (row.takes[i])
+                (void)processes[i].receive();
+            else
+                time.pass(TFullQueues::PATIENCE);
+            result = goOnForwarding(bench.context, progress);
+        }
+        EXPECT_EQ(result, row.result);
+    }
 }

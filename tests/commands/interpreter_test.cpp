@@ -8,10 +8,10 @@
 
 #include "ports/milestone.h"
 #include "tests/commands/command_test_bench.h"
+#include "tests/commands/fake_clock.h"
 #include "tests/support/allocation_count.h"
 #include "tests/support/fake_conn.h"
 #include "tests/support/readable.h"
-#include "tests/support/waiting.h"
 
 using testing::ElementsAre;
 using testing::ElementsAreArray;
@@ -27,24 +27,17 @@ constexpr const char* DELAY_REFUSED = "Error Setting Command: Invalid Arguments.
 constexpr const char* NOBODY = "?\r\n";
 constexpr std::uint32_t ALL_PORTS = PORT_COM2 | PORT_TELNET | PORT_XCP | PORT_IPC;
 
-Texts resetLines;
-int resetResult = 0;
-
-int fakeResetDevice(const char* line)
-{
-    resetLines.emplace_back(line);
-    return resetResult;
-}
-
 class Interpreter : public testing::Test {
 protected:
     Interpreter()
     {
-        resetLines.clear();
-        resetResult = 1;
         bench.outMsg.kind = MSG_TEXT;
         bench.outMsg.sender = 4711;
-        bench.context.resetDevice = fakeResetDevice;
+        bench.context.resetDevice = [this](const char* line, const void* asker) {
+            resetLines.emplace_back(line);
+            resetAskers.push_back(asker);
+            return resetResult;
+        };
         bench.tokens.reserve(513);
     }
 
@@ -67,6 +60,9 @@ protected:
     FakeConn ipc{PORT_IPC, 0xBB01'0000};
     FakeConn telnet{PORT_TELNET, 0xAA01'0000};
     int result = 0; ///< of the last line
+    Texts resetLines;
+    std::vector<const void*> resetAskers;
+    ResetResult resetResult = RESET_REFUSED;
 };
 
 /// With a process ENC that takes every port.
@@ -89,7 +85,7 @@ TEST_F(Interpreter, DoesNothingWithoutALine)
 
 TEST_F(Interpreter, TakesEveryLineThatBeginsWithResetForAReset)
 {
-    resetResult = 0;
+    resetResult = RESET_STARTED;
     const Texts lines = {"RESET",   "reset",    "ReSeT",         "Resetting", "RESET|X",
                          "RESET A", "reset\t",  "RESETs3.ENC X", "RESET ",    "reset|delay|quit",
                          "RESET*",  "RESET $5", "RESET a b c d", "RESET.X",   "RESET REINIT s3"};
@@ -122,7 +118,7 @@ TEST_F(InterpreterWithEncoder, ForwardsADelayedResetThatFailed)
 
 TEST_F(InterpreterWithEncoder, DoesNotForwardADelayedResetThatSucceeds)
 {
-    resetResult = 0;
+    resetResult = RESET_STARTED;
     EXPECT_EQ(process(nullptr, "RESET"), 0);
     EXPECT_THAT(encoder.receiveTexts(), IsEmpty());
 }
@@ -417,25 +413,7 @@ TEST_F(Interpreter, AnswersForAProcessThatDied)
 {
     bench.registerProcess(2001, ALL_PORTS, "ENC");
     encoder.die();
-    const Stopwatch watch;
-    EXPECT_THAT(replies("s3.ENC X"), ElementsAre(NOBODY));
-    EXPECT_LT(watch.ms(), atMost(200));
-}
-
-TEST_F(InterpreterWithEncoder, WaitsOnceForAProcessThatDoesNotReadAndThenNoMore)
-{
-    int taken = 0;
-    const Stopwatch first;
-    while (replies("s3.ENC X").empty())
-        ASSERT_LT(++taken, 1000);
-    EXPECT_GE(first.ms(), 250);
-    EXPECT_THAT(ipc.written, ElementsAre(NOBODY));
-    const Stopwatch then;
-    for (int i = 0; i < 10; ++i)
-        EXPECT_THAT(replies("s3.ENC X"), ElementsAre(NOBODY));
-    EXPECT_LT(then.ms(), atMost(250));
-    EXPECT_EQ(encoder.receiveAll().size(), static_cast<std::size_t>(taken));
-    EXPECT_THAT(replies("s3.ENC X"), IsEmpty()) << "it reads again";
+    EXPECT_THAT(replies("s3.ENC X"), ElementsAre(NOBODY)) << "without a wait";
 }
 
 TEST_F(Interpreter, GoesOnWhenAReplyCannotBeWritten)
@@ -443,6 +421,233 @@ TEST_F(Interpreter, GoesOnWhenAReplyCannotBeWritten)
     ipc.writeResult = 1;
     EXPECT_THAT(replies("A|B"), ElementsAre(NOBODY, NOBODY));
     EXPECT_EQ(result, 0);
+}
+
+// --- lines that wait
+
+namespace {
+
+/// With three processes whose queues are filled at will, and a time that a test lets pass.
+class WaitingLine : public Interpreter {
+protected:
+    WaitingLine()
+    {
+        bench.registerProcess(2001, ALL_PORTS, "ENC");
+        bench.registerProcess(2002, ALL_PORTS, "MOT");
+        bench.registerProcess(2003, ALL_PORTS, "CAM");
+    }
+
+    void expectAtItsStart(const TCmdProgress& progress)
+    {
+        EXPECT_FALSE(progress.waits());
+        EXPECT_EQ(progress.token, 0U);
+        EXPECT_FALSE(progress.pastReset);
+        EXPECT_EQ(progress.queueWaiter.address, 0);
+    }
+
+    /// What is left of other commands in between.
+    void spoilRecord()
+    {
+        FakeConn other(PORT_XCP, 0x0058'0000);
+        EXPECT_EQ(process(&other, "t1.NONE spoilt", 0x77), 0);
+        EXPECT_THAT(other.written, ElementsAre(NOBODY));
+        bench.outMsg.tag = 0xFFFF'FFFF; // as an XCP connection leaves it
+    }
+
+    static Texts forwardedTo(const QueueProcess& process) { return CommandTestBench::forwardedTo(process); }
+
+    QueueProcess motor{bench.directory, 2002};
+    QueueProcess camera{bench.directory, 2003};
+    StoppedTime time;
+};
+
+} // namespace
+
+TEST_F(WaitingLine, GoesOnExactlyWhereItLeftOff)
+{
+    const Texts lines = {
+        "s3.ENC A|s3.MOT B|s3.CAM C", "s3.ENC A|s3.MOT B|DELAY 60.0|s3.ENC later",
+        "* A|s3.MOT B|s3.CAM C",      "*|SET $5|s3.ENC A|s3.MOT B|*|t1.ENC",
+        "||s3.MOT B||s3.ENC A|",      "s3.NONE A|s3.MOT B|s3.NONE C",
+    };
+    for (const std::string& line : lines) {
+        SCOPED_TRACE(line);
+        const auto outcome = [&] {
+            std::vector<Texts> all = {ipc.written, encoder.receiveTexts(), forwardedTo(motor), camera.receiveTexts()};
+            ipc.written.clear();
+            for (const auto& [due, delayed] : bench.delayQueues)
+                all.back().push_back(delayed);
+            bench.delayQueues.clear();
+            return all;
+        };
+        EXPECT_EQ(process(&ipc, line), 0);
+        const std::vector<Texts> expected = outcome();
+
+        CommandTestBench::fill(2002);
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_EQ(process(&ipc, line), CMD_WAITS);
+            EXPECT_EQ(ipc.progress.wait, TCmdProgress::Wait::room);
+            spoilRecord();
+        }
+        (void)motor.receiveAll();
+        EXPECT_EQ(process(&ipc, line), 0);
+        expectAtItsStart(ipc.progress);
+        EXPECT_EQ(outcome(), expected);
+    }
+}
+
+TEST_F(WaitingLine, WaitsAtEveryTokenThatHasTo)
+{
+    const std::string line = "s3.ENC A|s3.MOT B|s3.MOT C|s3.ENC D";
+    CommandTestBench::fill(2001);
+    CommandTestBench::fill(2002);
+    EXPECT_EQ(process(&ipc, line), CMD_WAITS);
+    (void)encoder.receive();
+    EXPECT_EQ(process(&ipc, line), CMD_WAITS);
+    (void)motor.receive();
+    EXPECT_EQ(process(&ipc, line), CMD_WAITS);
+    (void)motor.receive();
+    EXPECT_EQ(process(&ipc, line), CMD_WAITS);
+    (void)encoder.receive();
+    EXPECT_EQ(process(&ipc, line), 0);
+    EXPECT_THAT(forwardedTo(encoder), ElementsAre("A\n", "D\n"));
+    EXPECT_THAT(forwardedTo(motor), ElementsAre("B\n", "C\n"));
+    EXPECT_THAT(ipc.written, IsEmpty());
+    expectAtItsStart(ipc.progress);
+}
+
+TEST_F(WaitingLine, IsAnsweredForEveryTokenOfAStuckProcessAndWaitsOnce)
+{
+    const std::string line = "s3.MOT A|s3.MOT B|s3.ENC C|s3.MOT D";
+    CommandTestBench::fill(2002);
+    EXPECT_EQ(process(&ipc, line), CMD_WAITS);
+    time.pass(TFullQueues::PATIENCE - std::chrono::nanoseconds(1));
+    EXPECT_EQ(process(&ipc, line), CMD_WAITS);
+    time.pass(std::chrono::nanoseconds(1));
+    EXPECT_EQ(process(&ipc, line), 0);
+    EXPECT_THAT(ipc.written, ElementsAre(NOBODY, NOBODY, NOBODY));
+    EXPECT_THAT(encoder.receiveTexts(), ElementsAre("C\n"));
+    expectAtItsStart(ipc.progress);
+    EXPECT_THAT(replies("s3.MOT E"), ElementsAre(NOBODY)) << "at once";
+    EXPECT_THAT(forwardedTo(motor), IsEmpty());
+    EXPECT_THAT(replies("s3.MOT F"), IsEmpty());
+    EXPECT_THAT(forwardedTo(motor), ElementsAre("F\n")) << "it reads again";
+}
+
+TEST_F(WaitingLine, KeepsTheTagOfItsConnectionAndItsEntry)
+{
+    FakeConn xcp(PORT_XCP, 0x0057'0000);
+    CommandTestBench::fill(2002);
+    EXPECT_EQ(process(&xcp, "* A|s3.MOT B", 0x0005'0007), CMD_WAITS);
+    spoilRecord();
+    (void)motor.receiveAll();
+    EXPECT_EQ(process(&xcp, "* A|s3.MOT B", 0x0005'0007), 0);
+    std::vector<std::uint32_t> tags;
+    for (const QueueProcess* const queue : {&encoder, &motor, &camera})
+        for (const Received& received : queue->receiveAll())
+            tags.push_back(received.record.tag);
+    EXPECT_THAT(tags, ElementsAre(0x0057'0007U, 0x0057'0007U, 0x0057'0007U, 0x0057'0007U));
+}
+
+TEST_F(WaitingLine, ReachesTheRestOfABroadcastOnce)
+{
+    CommandTestBench::fill(2002);
+    EXPECT_EQ(process(&ipc, "X|*"), CMD_WAITS);
+    EXPECT_THAT(encoder.receiveTexts(), ElementsAre("X\n"));
+    EXPECT_THAT(camera.receiveTexts(), IsEmpty());
+    (void)motor.receive();
+    EXPECT_EQ(process(&ipc, "X|*"), 0);
+    EXPECT_THAT(encoder.receiveTexts(), IsEmpty());
+    EXPECT_THAT(forwardedTo(motor), ElementsAre("X\n"));
+    EXPECT_THAT(camera.receiveTexts(), ElementsAre("X\n"));
+    EXPECT_THAT(ipc.written, ElementsAre("0\r\n\r\n"));
+}
+
+TEST_F(WaitingLine, LeavesAStuckProcessOutOfABroadcast)
+{
+    CommandTestBench::fill(2002);
+    EXPECT_EQ(process(&ipc, "X"), CMD_WAITS);
+    time.pass(TFullQueues::PATIENCE);
+    EXPECT_EQ(process(&ipc, "X"), 0);
+    EXPECT_THAT(ipc.written, IsEmpty()) << "the last send decides";
+    EXPECT_THAT(encoder.receiveTexts(), ElementsAre("X\n"));
+    EXPECT_THAT(camera.receiveTexts(), ElementsAre("X\n"));
+}
+
+TEST_F(WaitingLine, OfOneClientDoesNotHoldAnother)
+{
+    CommandTestBench::fill(2002);
+    EXPECT_EQ(process(&ipc, "s3.MOT A"), CMD_WAITS);
+    EXPECT_EQ(process(&telnet, "s3.ENC B|*"), 0);
+    EXPECT_THAT(encoder.receiveTexts(), ElementsAre("B\n"));
+    EXPECT_EQ(process(&telnet, "s3.MOT C"), CMD_WAITS) << "behind the first one";
+    (void)motor.receive();
+    EXPECT_EQ(process(&telnet, "s3.MOT C"), CMD_WAITS) << "it is not its turn";
+    EXPECT_EQ(process(&ipc, "s3.MOT A"), 0);
+    (void)motor.receive();
+    EXPECT_EQ(process(&telnet, "s3.MOT C"), 0);
+    EXPECT_THAT(forwardedTo(motor), ElementsAre("A\n", "C\n"));
+}
+
+TEST_F(WaitingLine, WaitsForAReset)
+{
+    resetResult = RESET_WAITS;
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_THAT(replies("RESET REINIT s3"), IsEmpty());
+        EXPECT_EQ(result, CMD_WAITS);
+        EXPECT_EQ(ipc.progress.wait, TCmdProgress::Wait::reInit);
+    }
+    for (const ResetResult end : {RESET_STARTED, RESET_REFUSED}) {
+        resetResult = end;
+        if (end == RESET_STARTED)
+            EXPECT_THAT(replies("RESET REINIT s3"), IsEmpty());
+        else
+            EXPECT_THAT(replies("RESET REINIT s3"), ElementsAre(RESET_FAILED));
+        EXPECT_EQ(result, end == RESET_STARTED ? 0 : 1);
+        expectAtItsStart(ipc.progress);
+        resetResult = RESET_WAITS;
+        replies("RESET REINIT s3");
+    }
+    EXPECT_THAT(resetAskers, testing::Each(resetAskers.front())) << "the same asker each time";
+    EXPECT_THAT(encoder.receiveTexts(), IsEmpty());
+}
+
+TEST_F(WaitingLine, TellsOneAskerForAResetFromAnother)
+{
+    resetResult = RESET_WAITS;
+    replies("RESET REINIT s3");
+    resetResult = RESET_REFUSED;
+    EXPECT_EQ(process(&telnet, "RESET REINIT s3"), 1);
+    EXPECT_THAT(telnet.written, ElementsAre(RESET_FAILED));
+    expectAtItsStart(telnet.progress);
+    EXPECT_EQ(process(nullptr, "RESET REINIT s3"), 0);
+    ASSERT_THAT(resetAskers, SizeIs(3));
+    EXPECT_NE(resetAskers[0], resetAskers[1]);
+    EXPECT_NE(resetAskers[0], resetAskers[2]);
+    EXPECT_NE(resetAskers[1], resetAskers[2]);
+    EXPECT_TRUE(ipc.progress.waits()) << "the first one still does";
+}
+
+TEST_F(WaitingLine, IsForwardedOnceAfterADelayedResetThatFails)
+{
+    const std::string line = "RESET REINIT s3|reset|X";
+    resetResult = RESET_WAITS;
+    EXPECT_EQ(process(nullptr, line), CMD_WAITS);
+    resetResult = RESET_REFUSED;
+    CommandTestBench::fill(2002);
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(process(nullptr, line), CMD_WAITS);
+    EXPECT_THAT(resetLines, SizeIs(2)) << "not asked again while it is forwarded";
+    (void)motor.receive();
+    (void)motor.receive();
+    (void)motor.receive();
+    EXPECT_EQ(process(nullptr, line), 0);
+    EXPECT_THAT(resetLines, SizeIs(2));
+    for (const QueueProcess* const queue : {&encoder, &motor, &camera})
+        EXPECT_THAT(forwardedTo(*queue), ElementsAre("RESET REINIT s3\n", "reset\n", "X\n"));
+    expectAtItsStart(bench.delayedLine.progress);
+    EXPECT_EQ(process(nullptr, "RESET"), 0);
+    EXPECT_THAT(resetLines, SizeIs(3)) << "the next line is one of its own";
 }
 
 // --- costs

@@ -6,6 +6,7 @@
 #include <string>
 #include <thread>
 
+#include "connections/line_output.h"
 #include "tests/support/conn_texts.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/private_mounts.h"
@@ -28,6 +29,7 @@ protected:
         conn.fd = far->open();
         ASSERT_GE(conn.fd, 0);
         ASSERT_TRUE(PtyLine::makePlain(conn.fd));
+        ASSERT_EQ(::fcntl(conn.fd, F_SETFL, O_NONBLOCK), 0);
     }
     void TearDown() override
     {
@@ -45,6 +47,17 @@ protected:
         EXPECT_TRUE(far->type(bytes));
         EXPECT_TRUE(isReadable(conn.fd));
         return readLines();
+    }
+
+    /// Whether the service loop would wait for input, and for nothing else.
+    bool waitsForInput() const { return conn.wantsInput && conn.due == NEVER; }
+
+    /// Whether it is looked at a second after it was looked at last, and not before.
+    bool rests() const
+    {
+        const auto left = conn.due - instantNow();
+        return !conn.wantsInput && conn.due != NEVER && left <= std::chrono::seconds(1) &&
+               left > std::chrono::seconds(-DEADLINE);
     }
 
     bool isCanonical() const
@@ -69,14 +82,16 @@ TEST_F(Com2Conn, StartsLoggedInAndNotMuted)
     EXPECT_EQ(conn.connId, 0x0056'0000U);
     EXPECT_NE(conn.muteExpired(), 0);
     EXPECT_EQ(conn.hasTimedOut(), 0);
+    EXPECT_EQ(conn.due, AT_ONCE);
 }
 
-TEST_F(Com2Conn, YieldsNothingAtOnceWhileNothingHasArrived)
+TEST_F(Com2Conn, YieldsNothingWhileNothingHasArrived)
 {
-    const Stopwatch watch;
-    EXPECT_EQ(conn.readCmd(), 0);
-    EXPECT_LT(watch.ms(), atMost(900));
-    EXPECT_EQ(conn.rxLen, 0);
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(conn.readCmd(), 0);
+        EXPECT_EQ(conn.rxLen, 0);
+        EXPECT_TRUE(waitsForInput()) << "a look in vain is no reason to rest";
+    }
 }
 
 TEST_F(Com2Conn, YieldsOneLineARead)
@@ -126,13 +141,24 @@ TEST_F(Com2Conn, TakesASingleEndOfFileForNothing)
     for (int i = 0; i < 2; ++i) {
         EXPECT_THAT(typeAndRead("\x04"), IsEmpty());
         EXPECT_EQ(result, 0);
-        EXPECT_FALSE(conn.rests());
+        EXPECT_TRUE(waitsForInput());
     }
     EXPECT_THAT(typeAndRead("A\r"), ElementsAre("A"));
     for (int i = 0; i < 2; ++i) {
         EXPECT_THAT(typeAndRead("\x04"), IsEmpty());
-        EXPECT_FALSE(conn.rests()) << "bytes have come in between";
+        EXPECT_TRUE(waitsForInput()) << "bytes have come in between";
     }
+}
+
+TEST_F(Com2Conn, RestsAfterThreeReadsThatGaveNothingUntilOneGivesBytes)
+{
+    for (int i = 0; i < 3; ++i)
+        EXPECT_THAT(typeAndRead("\x04"), IsEmpty());
+    EXPECT_TRUE(rests());
+    EXPECT_EQ(conn.readCmd(), 0);
+    EXPECT_TRUE(rests()) << "nothing there is not yet a line that gives bytes";
+    EXPECT_THAT(typeAndRead("A\r"), ElementsAre("A"));
+    EXPECT_TRUE(waitsForInput());
 }
 
 TEST_F(Com2Conn, NeverReportsALineThatHasHungUpButLetsItRest)
@@ -141,13 +167,12 @@ TEST_F(Com2Conn, NeverReportsALineThatHasHungUpButLetsItRest)
     ASSERT_TRUE(isReadable(conn.fd));
     for (int i = 0; i < 2; ++i) {
         EXPECT_EQ(conn.readCmd(), 0);
-        EXPECT_FALSE(conn.rests()) << "read " << i + 1;
+        EXPECT_TRUE(waitsForInput()) << "read " << i + 1;
     }
     for (int i = 2; i < 5; ++i) {
         EXPECT_EQ(conn.readCmd(), 0);
-        EXPECT_TRUE(conn.rests()) << "read " << i + 1;
+        EXPECT_TRUE(rests()) << "read " << i + 1;
     }
-    EXPECT_EQ(TPortConn::REST_TIME.tv_sec, 1);
 }
 
 TEST_F(Com2Conn, YieldsNothingWithoutADescriptorForASet)
@@ -155,6 +180,9 @@ TEST_F(Com2Conn, YieldsNothingWithoutADescriptorForASet)
     for (const int fd : {-1, FD_SETSIZE, 1'000'000}) {
         TCom2Conn closed(1, 0);
         closed.fd = fd;
+        EXPECT_EQ(closed.readCmd(), 0);
+        EXPECT_EQ(closed.due, NEVER);
+        closed.startMute();
         EXPECT_EQ(closed.readCmd(), 0);
     }
 }
@@ -165,24 +193,66 @@ TEST_F(Com2Conn, ThrowsEverythingAwayWhileItIsMuted)
 {
     EXPECT_EQ(conn.startMute(), 0);
     EXPECT_EQ(conn.muteExpired(), 0);
+    const Instant end = conn.due;
     EXPECT_THAT(typeAndRead("s3.ENC X\r"), IsEmpty());
     EXPECT_EQ(result, 0);
+    EXPECT_EQ(conn.due, end) << "it is looked at again when the mute ends";
     EXPECT_TRUE(isCanonical());
     EXPECT_THAT(typeAndRead("A\r"), IsEmpty());
     conn.startMute();
+    EXPECT_GE(conn.due, end);
     EXPECT_THAT(typeAndRead("FULL\rPART"), IsEmpty());
     EXPECT_EQ(conn.rxLen, 9) << "half a line goes with the whole one in front of it";
+}
+
+TEST_F(Com2Conn, ThrowsAwayAtTheEndOfTheMuteWhatHasComeSinceTheLastLook)
+{
+    conn.startMute();
+    for (int i = 0; i < 300; ++i)
+        ASSERT_TRUE(far->type("a line\r")); // more than a read
+    ASSERT_TRUE(far->type("and half a one"));
+    ASSERT_TRUE(waitUntil([&] { return instantNow() >= conn.due; }));
+    EXPECT_NE(conn.muteExpired(), 0) << "at the look that is due";
+    EXPECT_EQ(conn.readCmd(), 0);
+    EXPECT_TRUE(waitsForInput());
+    EXPECT_TRUE(isCanonical());
+    EXPECT_EQ(conn.readCmd(), 0) << "nothing is left";
+    EXPECT_THAT(typeAndRead("B\r"), ElementsAre("B"));
+}
+
+TEST_F(Com2Conn, LooksOnceMoreAfterAMuteInWhichNothingHasCome)
+{
+    conn.startMute();
     ASSERT_TRUE(waitUntil([&] { return conn.muteExpired() != 0; }));
+    ASSERT_TRUE(waitUntil([&] { return instantNow() >= conn.due; }));
+    EXPECT_EQ(conn.readCmd(), 0);
+    EXPECT_TRUE(waitsForInput());
     EXPECT_THAT(typeAndRead("B\r"), ElementsAre("B"));
 }
 
 TEST_F(Com2Conn, IsMutedForTwoSecondsFromTheLastStart)
 {
-    const Stopwatch watch;
     conn.startMute();
+    const Instant before = instantNow();
+    conn.startMute();
+    EXPECT_GE(conn.due, before + std::chrono::seconds(2));
+    EXPECT_LE(conn.due, instantNow() + std::chrono::seconds(2));
     ASSERT_TRUE(waitUntil([&] { return conn.muteExpired() != 0; }));
-    EXPECT_GE(watch.ms(), 1999);
-    EXPECT_LT(watch.ms(), atMost(3000));
+    EXPECT_GE(instantNow(), before + std::chrono::seconds(2));
+}
+
+TEST_F(Com2Conn, RestsOnALineThatHasHungUpAfterAMuteToo)
+{
+    far->hangUp();
+    ASSERT_TRUE(isReadable(conn.fd));
+    for (int i = 0; i < 3; ++i)
+        EXPECT_EQ(conn.readCmd(), 0);
+    conn.startMute();
+    EXPECT_EQ(conn.readCmd(), 0);
+    ASSERT_TRUE(waitUntil([&] { return instantNow() >= conn.due; }));
+    EXPECT_EQ(conn.readCmd(), 0);
+    EXPECT_EQ(conn.readCmd(), 0);
+    EXPECT_TRUE(rests());
 }
 
 TEST_F(Com2Conn, EndsWhatItThrowsAwayWithANul)
@@ -261,6 +331,28 @@ TEST_F(Com2Conn, FailsToWriteSilently)
     TCom2Conn closed(1, 0);
     EXPECT_EQ(closed.write(&record), 1) << "no descriptor";
     EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST_F(Com2Conn, KeepsWhatTheLineDoesNotTakeForItsOutput)
+{
+    ASSERT_NE(conn.output, nullptr);
+    EXPECT_EQ(conn.output->waitsFor(), -1);
+    ASSERT_EQ(::tcflow(conn.fd, TCOOFF), 0); // the line takes nothing
+    TOrbAttachmentMsg record = recordWith(std::string(8000, 'x'));
+    const LogCapture log;
+    for (int i = 0; i < 8; ++i)
+        EXPECT_EQ(conn.write(&record), 0) << "kept";
+    EXPECT_EQ(conn.output->waitsFor(), conn.fd);
+    EXPECT_EQ(conn.write(&record), 1) << "72000 bytes are too many";
+    EXPECT_THAT(log.lines(), ElementsAre(LogLine{250007, "COM2 output dropped"}));
+    ASSERT_EQ(::tcflow(conn.fd, TCOON), 0);
+    std::string all;
+    EXPECT_TRUE(waitUntil([&] {
+        conn.output->goOn(instantNow());
+        all += far->received();
+        return all.size() >= 64'000;
+    }));
+    EXPECT_TRUE(all == std::string(64'000, 'x')) << all.size() << " bytes, or others";
 }
 
 TEST_F(Com2Conn, LeavesItsDescriptorOpenAtItsEnd)

@@ -9,6 +9,7 @@
 #include "connections/line_cutter.h"
 #include "framework/fixed_text.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/no_threads.h"
 #include "tests/support/passwd_file.h"
 #include "tests/support/private_mounts.h"
 #include "tests/support/readable.h"
@@ -31,6 +32,11 @@ public:
     {
         done.emplace_back("read");
         rxLen = 0;
+        if (settling) {
+            settling = --exchanges > 0;
+            due = settling ? NEVER : AT_ONCE;
+            return closed ? -1 : 0;
+        }
         if (closed && input.empty()) return -1;
         if (input.empty()) return 0;
         const std::string bytes = input.front();
@@ -46,13 +52,18 @@ public:
         return writeResult;
     }
     int hasTimedOut() override { return 0; }
-    void setEcho(int on) override { done.push_back("echo " + std::to_string(on)); }
+    void setEcho(int on) override
+    {
+        done.push_back("echo " + std::to_string(on));
+        settling = exchanges > 0;
+    }
     int isSerialLine() override { return 0; }
     std::uint32_t getPortId() override { return portId; }
 
     std::deque<std::string> input; ///< one entry a read
     bool closed = false;           ///< behind the input
     int writeResult = 0;
+    int exchanges = 0;             ///< reads that the next switch of the echo takes
     std::vector<std::string> done; ///< in order
 };
 
@@ -75,9 +86,27 @@ protected:
         return conn.done;
     }
 
+    /// The end of the check is waited for, and taken into the next step.
+    std::vector<std::string> doneByVerdict(bool goesOn)
+    {
+        EXPECT_EQ(conn.login.owes, LoginOwes::verdict);
+        if (conn.login.check == nullptr) return {"no check"};
+        EXPECT_TRUE(waitUntil([this] { return conn.login.check->isOver(); }));
+        return doneInStep(goesOn);
+    }
+
+    /// As with a check that takes very long.
+    void beginEndlessCheck(const char* user = "alice")
+    {
+        goTo(LOGIN_WAIT_PASSWORD, user);
+        conn.login = {LoginOwes::verdict, std::make_shared<TPasswordCheck>(user, "secret")};
+        conn.wantsInput = false;
+    }
+
     void goTo(std::int32_t state, const char* user = "alice")
     {
         conn.loginState = state;
+        conn.login = {};
         putText(userName, user);
     }
 
@@ -109,10 +138,14 @@ TEST_F(Login, GreetsAsksAndLetsAUserIn)
     EXPECT_EQ(conn.loginState, 2);
 
     conn.input = {"secret\r\n"};
-    EXPECT_THAT(doneInStep(true), ElementsAre("read", "echo 1", "write User alice connected\\r\\n"));
+    EXPECT_THAT(doneInStep(true), ElementsAre("read"));
+    EXPECT_THAT(doneByVerdict(true), ElementsAre("echo 1", "write User alice connected\\r\\n"));
     EXPECT_EQ(conn.loginState, 3);
     EXPECT_THAT(log.lines(), IsEmpty());
     EXPECT_EQ(message.kind, 101U);
+    EXPECT_EQ(conn.login.owes, LoginOwes::nothing);
+    EXPECT_EQ(conn.login.check, nullptr) << "the name and the password are not kept";
+    EXPECT_TRUE(conn.wantsInput);
     EXPECT_EQ(std::string(conn.rxBuf.data(), 6), "\0\0\0\0\0\0"s) << "the password is wiped";
 }
 
@@ -120,7 +153,8 @@ TEST_F(Login, LetsUsersInWithEachKindOfHash)
 {
     goTo(2, "bob");
     conn.input = {"geheim\n"};
-    EXPECT_THAT(doneInStep(true), ElementsAre("read", "echo 1", "write User bob connected\\r\\n"));
+    EXPECT_THAT(doneInStep(true), ElementsAre("read"));
+    EXPECT_THAT(doneByVerdict(true), ElementsAre("echo 1", "write User bob connected\\r\\n"));
 }
 
 TEST_F(Login, RefusesWithoutTellingTheClientWhy)
@@ -145,7 +179,12 @@ TEST_F(Login, RefusesWithoutTellingTheClientWhy)
         const LogCapture ownLog;
         goTo(2, row.user);
         conn.input = {row.password};
-        EXPECT_THAT(doneInStep(false), ElementsAre("read", "write \\r\\n"));
+        if (row.user == std::string("root")) { // nothing is to be computed
+            EXPECT_THAT(doneInStep(false), ElementsAre("read", "write \\r\\n"));
+        } else {
+            EXPECT_THAT(doneInStep(true), ElementsAre("read"));
+            EXPECT_THAT(doneByVerdict(false), ElementsAre("write \\r\\n"));
+        }
         EXPECT_THAT(ownLog.lines(), ElementsAre(LogLine{FAILED_LOGIN, row.reason}));
         EXPECT_EQ(conn.loginState, 2);
     }
@@ -222,7 +261,8 @@ TEST_F(Login, NamesAUserOfTheLongestNameInFull)
     conn.input = {name + "\r\n"};
     EXPECT_TRUE(step());
     conn.input = {"secret\r\n"};
-    EXPECT_THAT(doneInStep(true), ElementsAre("read", "echo 1", "write User " + name + " connected\\r\\n"));
+    EXPECT_THAT(doneInStep(true), ElementsAre("read"));
+    EXPECT_THAT(doneByVerdict(true), ElementsAre("echo 1", "write User " + name + " connected\\r\\n"));
 }
 
 TEST_F(Login, HoldsANameOf256Characters)
@@ -265,7 +305,8 @@ TEST_F(Login, ForgetsALongerNameBefore)
     conn.input = {"bob\r\n"};
     step();
     conn.input = {"geheim\r\n"};
-    EXPECT_THAT(doneInStep(true), ElementsAre("read", "echo 1", "write User bob connected\\r\\n"));
+    EXPECT_THAT(doneInStep(true), ElementsAre("read"));
+    EXPECT_THAT(doneByVerdict(true), ElementsAre("echo 1", "write User bob connected\\r\\n"));
 }
 
 TEST_F(Login, LetsTwoClientsOverwriteEachOthersName)
@@ -278,7 +319,8 @@ TEST_F(Login, LetsTwoClientsOverwriteEachOthersName)
     EXPECT_TRUE(loginStep(conn, message, userName));
     EXPECT_TRUE(loginStep(second, message, userName));
     conn.input = {"geheim\r\n"};
-    EXPECT_THAT(doneInStep(true), ElementsAre("read", "echo 1", "write User bob connected\\r\\n"));
+    EXPECT_THAT(doneInStep(true), ElementsAre("read"));
+    EXPECT_THAT(doneByVerdict(true), ElementsAre("echo 1", "write User bob connected\\r\\n"));
 }
 
 TEST_F(Login, AsksOnlyAfterALineThatHoldsSomething)
@@ -309,5 +351,172 @@ TEST_F(Login, GoesOnWhenWhatItTellsCannotBeWritten)
     EXPECT_TRUE(step());
     conn.input = {"secret\r\n"};
     EXPECT_TRUE(step());
+    EXPECT_THAT(doneByVerdict(true), ElementsAre("echo 1", "write User alice connected\\r\\n"));
     EXPECT_EQ(conn.loginState, 3);
+}
+
+// --- while something else than a line is waited for
+
+TEST_F(Login, WaitsForTheVerdictWithoutReading)
+{
+    beginEndlessCheck();
+    conn.input = {"*\r\n"};
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_THAT(doneInStep(true), IsEmpty());
+        EXPECT_EQ(conn.loginState, 2);
+        EXPECT_FALSE(conn.wantsInput);
+    }
+    EXPECT_THAT(log.lines(), IsEmpty());
+}
+
+TEST_F(Login, LeavesTheDescriptorAloneWhileThePasswordIsChecked)
+{
+    goTo(2);
+    conn.input = {"secret\r\n"};
+    EXPECT_TRUE(step());
+    EXPECT_FALSE(conn.wantsInput);
+    EXPECT_THAT(doneByVerdict(true), ElementsAre("echo 1", "write User alice connected\\r\\n"));
+    EXPECT_TRUE(conn.wantsInput);
+}
+
+TEST_F(Login, WipesThePasswordThatWasReadAsSoonAsItIsChecked)
+{
+    for (const char* const user : {"alice", "carol"}) {
+        goTo(2, user);
+        conn.input = {"secret\r\n"};
+        EXPECT_TRUE(step());
+        EXPECT_EQ(std::string(conn.rxBuf.data(), 6), "\0\0\0\0\0\0"s) << user;
+        EXPECT_FALSE(doneByVerdict(user == "alice"s).empty());
+    }
+}
+
+TEST_F(Login, EndsInTimeWhileThePasswordIsChecked)
+{
+    beginEndlessCheck();
+    conn.loginTimer.setTimeOut({0, 0});
+    EXPECT_THAT(doneInStep(false), ElementsAre("write \\r\\n"));
+    EXPECT_THAT(log.lines(), ElementsAre(LogLine{FAILED_LOGIN, "Timeout during connection login, state = 2"}));
+}
+
+TEST_F(Login, TakesAVerdictThatIsThereAlthoughTimeIsOver)
+{
+    goTo(2);
+    conn.input = {"secret\r\n"};
+    EXPECT_TRUE(step());
+    conn.loginTimer.setTimeOut({0, 0});
+    EXPECT_THAT(doneByVerdict(true), ElementsAre("echo 1", "write User alice connected\\r\\n"));
+}
+
+TEST_F(Login, FailsForNoReasonOfTheClientsWithoutAThread)
+{
+    const NoThreads none;
+    ASSERT_TRUE(none.isSet());
+    for (const char* const user : {"alice", "carol"}) {
+        const LogCapture ownLog;
+        goTo(2, user);
+        conn.input = {"secret\r\n"};
+        EXPECT_THAT(doneInStep(false), ElementsAre("read", "write \\r\\n"));
+        EXPECT_THAT(ownLog.lines(), ElementsAre(LogLine{FAILED_LOGIN, "Failed login, unknown reason "}));
+        EXPECT_EQ(std::string(conn.rxBuf.data(), 6), "\0\0\0\0\0\0"s);
+    }
+    goTo(2, "root");
+    conn.input = {"toor\r\n"};
+    EXPECT_THAT(doneInStep(false), ElementsAre("read", "write \\r\\n"));
+    EXPECT_THAT(log.lines(), ElementsAre(LogLine{FAILED_LOGIN, "Failed login, password invalid "})) << "needs none";
+}
+
+TEST_F(Login, NamesTheUserWhoseVerdictItIs)
+{
+    goTo(2);
+    conn.input = {"secret\r\n"};
+    EXPECT_TRUE(step());
+    putText(userName, "somebody else meanwhile");
+    EXPECT_THAT(doneByVerdict(true), ElementsAre("echo 1", "write User alice connected\\r\\n"));
+}
+
+TEST_F(Login, AsksForThePasswordOnceTheEchoIsOff)
+{
+    goTo(1);
+    conn.input = {"alice\r\n"};
+    conn.exchanges = 3;
+    EXPECT_THAT(doneInStep(true), ElementsAre("read", "echo 0"));
+    EXPECT_EQ(conn.loginState, 2);
+    EXPECT_THAT(doneInStep(true), ElementsAre("read"));
+    EXPECT_THAT(doneInStep(true), ElementsAre("read"));
+    EXPECT_THAT(doneInStep(true), ElementsAre("read", "write PassWord:\\r\\n"));
+    EXPECT_THAT(doneInStep(true), ElementsAre("read")) << "asked once";
+}
+
+TEST_F(Login, WelcomesOnceTheEchoIsOn)
+{
+    goTo(2);
+    conn.input = {"secret\r\n"};
+    conn.exchanges = 2;
+    EXPECT_TRUE(step());
+    EXPECT_THAT(doneByVerdict(true), ElementsAre("echo 1"));
+    EXPECT_EQ(conn.loginState, 2);
+    putText(userName, "somebody else meanwhile");
+    EXPECT_THAT(doneInStep(true), ElementsAre("read"));
+    EXPECT_EQ(conn.loginState, 2);
+    EXPECT_THAT(doneInStep(true), ElementsAre("read", "write User alice connected\\r\\n"));
+    EXPECT_EQ(conn.loginState, 3);
+    EXPECT_EQ(conn.login.check, nullptr);
+}
+
+TEST_F(Login, TellsWhatItOwesAlthoughTimeIsOverMeanwhile)
+{
+    goTo(1);
+    conn.input = {"alice\r\n"};
+    conn.exchanges = 1;
+    EXPECT_TRUE(step());
+    conn.loginTimer.setTimeOut({0, 0});
+    EXPECT_THAT(doneInStep(true), ElementsAre("read", "write PassWord:\\r\\n")) << "as if nobody had waited";
+    EXPECT_THAT(doneInStep(false), ElementsAre("write \\r\\n"));
+    EXPECT_THAT(log.lines(), ElementsAre(LogLine{FAILED_LOGIN, "Timeout during connection login, state = 2"}));
+}
+
+TEST_F(Login, FindsOutAfterAnExchangeThatTheClientHasClosed)
+{
+    goTo(1);
+    conn.input = {"alice\r\n"};
+    conn.exchanges = 1;
+    EXPECT_TRUE(step());
+    conn.closed = true;
+    EXPECT_THAT(doneInStep(true), ElementsAre("read", "write PassWord:\\r\\n"));
+    EXPECT_THAT(doneInStep(false), ElementsAre("read", "write \\r\\n"));
+    EXPECT_THAT(log.lines(),
+                ElementsAre(LogLine{FAILED_LOGIN, "Received connection close request from client during login"}));
+}
+
+TEST_F(Login, LeavesNothingDueAtOnceBehind)
+{
+    conn.due = AT_ONCE;
+    EXPECT_TRUE(step());
+    EXPECT_EQ(conn.due, conn.end()) << "a busy loop otherwise";
+    conn.due = AT_ONCE;
+    goTo(1);
+    conn.input = {"alice\r\n"};
+    conn.exchanges = 1;
+    EXPECT_TRUE(step());
+    conn.due = NEVER;
+    EXPECT_TRUE(step()); // the exchange ends, which makes it due at once
+    EXPECT_EQ(conn.due, conn.end());
+    beginEndlessCheck();
+    conn.due = AT_ONCE;
+    EXPECT_TRUE(step());
+    EXPECT_EQ(conn.due, conn.end());
+}
+
+TEST_F(Login, MayEndBeforeTheCheckDoes)
+{
+    std::weak_ptr<TPasswordCheck> check;
+    {
+        LoginConn gone;
+        gone.loginState = LOGIN_WAIT_PASSWORD;
+        putText(userName, "alice");
+        gone.input = {"secret\r\n"};
+        EXPECT_TRUE(loginStep(gone, message, userName));
+        check = gone.login.check;
+    }
+    EXPECT_TRUE(waitUntil([&] { return check.expired(); })) << "its thread lets go of it at its end";
 }

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <string>
+#include <vector>
 
 #include "tests/support/conn_texts.h"
 #include "tests/support/log_capture.h"
@@ -63,6 +64,8 @@ TEST_F(SocketIpcConn, YieldsNothingWhileNothingHasArrived)
     EXPECT_THAT(readLines(), ElementsAre());
     EXPECT_EQ(result, 0);
     EXPECT_EQ(conn.rxLen, 0);
+    EXPECT_TRUE(conn.wantsInput);
+    EXPECT_EQ(conn.due, NEVER);
 }
 
 TEST_F(SocketIpcConn, YieldsTheLinesOfOneRead)
@@ -194,6 +197,36 @@ TEST_F(SocketIpcConn, StaysOpenAfterAReadError)
     unopened.fd = pipeEnds[1];
     EXPECT_EQ(unopened.readCmd(), 0) << "not a socket";
     ::close(pipeEnds[0]);
+}
+
+TEST_F(SocketIpcConn, DropsUrgentBytesWithoutBeingWokenByThemAgainAndAgain)
+{
+    // What is sent before a look; '!' stands for an urgent byte.
+    const std::vector<Texts> rows[] = {
+        {{"!"}}, {{"!", "A\n"}}, {{"A\n", "!"}}, {{"A\n", "!", "A\n"}}, {{"!"}, {"!"}, {"A\n"}},
+    };
+    for (const std::vector<Texts>& looks : rows) {
+        StreamPair client;
+        TSocketIPCConn reading(8, 0);
+        reading.fd = client.releaseServer();
+        std::size_t sent = 0;
+        std::size_t lines = 0;
+        for (const Texts& pieces : looks) {
+            for (const std::string& piece : pieces) {
+                if (piece == "!" && !client.sendUrgent()) GTEST_SKIP() << "this kernel has no urgent data here";
+                if (piece != "!" && client.send(piece)) ++sent;
+            }
+            for (int look = 0; look < 4; ++look)
+                for (const std::string& line : linesOf(reading, reading.readCmd())) {
+                    EXPECT_EQ(line, "A");
+                    ++lines;
+                }
+            EXPECT_FALSE(hasInput(reading.fd));
+        }
+        EXPECT_EQ(lines, sent);
+        client.closeClient();
+        EXPECT_EQ(reading.readCmd(), -1);
+    }
 }
 
 TEST_F(SocketIpcConn, ArmsTheIdleTimerWhenAReadYieldsLines)

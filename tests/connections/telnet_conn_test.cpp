@@ -1,19 +1,17 @@
 #include "connections/telnet_conn.h"
 
 #include <fcntl.h>
-#include <future>
 #include <gmock/gmock.h>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "connections/waiting.h"
 #include "tests/support/conn_texts.h"
-#include "tests/support/in_background.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/looks.h"
 #include "tests/support/private_network.h"
 #include "tests/support/readable.h"
 #include "tests/support/tcp_pair.h"
+#include "tests/support/telnet_conversation.h"
 #include "tests/support/waiting.h"
 
 using namespace std::string_literals;
@@ -24,26 +22,16 @@ namespace {
 
 const LogLine writeFailed{6004, "Error writting to the telnet socket"};
 
-const std::string OFFERS = "\xFF\xFD\x03\xFF\xFD\x22";
-const std::string MODE_AND_SLC = "\xFF\xFA\x22\x01\x01\xFF\xF0\xFF\xFA\x22\x03\x11\x02\x0D\x12\x02\x0D\xFF\xF0";
-const std::string MODE_ACK = "\xFF\xFA\x22\x01\x05\xFF\xF0";
-const std::string SLC_ACK = "\xFF\xFA\x22\x03\x11\x82\x0D\x12\x82\x0D\xFF\xF0";
-const std::string WILL_ECHO = "\xFF\xFB\x01";
-const std::string WONT_ECHO = "\xFF\xFC\x01";
-const std::string DO_ECHO = "\xFF\xFD\x01";
-const std::string DONT_ECHO = "\xFF\xFE\x01";
-const std::string WILL_LINEMODE = "\xFF\xFB\x22";
+constexpr std::chrono::seconds A_SECOND{1};
 
 class TelnetConn : public testing::Test {
 protected:
     void SetUp() override
     {
         if (!privateNetworkProblem().empty()) GTEST_SKIP() << privateNetworkProblem();
-        g_endWaits = false;
         pair = std::make_unique<TcpPair>();
         conn.fd = pair->releaseServer();
     }
-    void TearDown() override { g_endWaits = false; }
 
     const TcpClient& client() const { return pair->client; }
 
@@ -61,46 +49,67 @@ protected:
         return readLines();
     }
 
+    void sendAndArrive(std::string_view bytes) const
+    {
+        ASSERT_TRUE(client().send(bytes));
+        ASSERT_TRUE(hasArrived(conn.fd, bytes.size()));
+    }
+
+    /// Goes on with a negotiation, as the service loop does, until it is over.
+    /// @return as negotiateOptions()
+    int negotiate()
+    {
+        for (looks = 1; (result = conn.negotiateOptions()) == 2; ++looks)
+            waitForLook(conn);
+        return result;
+    }
+
+    /// The service loop's looks until a read yields lines or the end of the connection.
+    /// @return how many those were
+    int looksUntilResult()
+    {
+        for (int count = 1;; ++count) {
+            waitForLook(conn);
+            if ((result = conn.readCmd()) != 0) return count;
+        }
+    }
+
+    /// Goes on with an echo switch until it is over; it yields no line before that.
+    void settle()
+    {
+        for (looks = 0; conn.settling; ++looks) {
+            waitForLook(conn);
+            EXPECT_EQ(conn.readCmd(), 0);
+        }
+    }
+
+    /// The connection waits for time to pass, `span` from a moment between `before` and now, and for nothing else.
+    void expectRest(Instant before, std::chrono::seconds span)
+    {
+        EXPECT_FALSE(conn.wantsInput);
+        EXPECT_FALSE(wouldBeLookedAt(conn));
+        EXPECT_GE(conn.due, before + span);
+        EXPECT_LE(conn.due, instantNow() + span);
+    }
+
     /// From now on the connection cannot send, as when a client that does not read has filled its way, but at once.
     void blockWayToClient() const { ASSERT_EQ(::shutdown(conn.fd, SHUT_WR), 0); }
 
-    /// Nobody answers.
-    void expectEchoSwitchOfASecond()
+    /// Sends a byte of urgent data, which alone wakes nobody.
+    void sendUrgent() const
     {
-        InBackground switching([this] {
-            conn.setEcho(0);
-            return 0;
-        });
-        switching.wait();
-        EXPECT_GE(switching.wallMs(), 1000);
-        EXPECT_LT(switching.wallMs(), atMost(1900));
-        EXPECT_LT(switching.cpuMs(), atMost(100));
+        ASSERT_TRUE(client().send("!", MSG_OOB));
+        ASSERT_TRUE(waitUntil([&] {
+            pollfd urgent{conn.fd, POLLPRI, 0};
+            return ::poll(&urgent, 1, 0) == 1;
+        }));
     }
 
     std::unique_ptr<TcpPair> pair;
     TTelnetConn conn{2, 0xAA01'0000};
     int result = 0; ///< of the last read
+    int looks = 0;
 };
-
-/// How a negotiation has gone.
-struct Negotiated {
-    int result;
-    int lineMode, serverEcho;
-    double wallMs, cpuMs;
-};
-
-/// Negotiates with the client of a pair, in a thread of its own.
-std::future<Negotiated> negotiationWith(TcpPair& pair)
-{
-    return std::async(std::launch::async, [fd = pair.releaseServer()] {
-        const auto conn = std::make_unique<TTelnetConn>(2, 0);
-        conn->fd = fd;
-        const Stopwatch watch;
-        const double before = threadCpuMs();
-        const int result = conn->negotiateOptions();
-        return Negotiated{result, conn->lineMode, conn->serverEcho, watch.ms(), threadCpuMs() - before};
-    });
-}
 
 } // namespace
 
@@ -112,6 +121,9 @@ TEST_F(TelnetConn, StartsNotLoggedInWithoutLinemodeAndWithoutEcho)
     EXPECT_EQ(fresh.lineMode, 0);
     EXPECT_EQ(fresh.serverEcho, 0);
     EXPECT_EQ(fresh.echoPos, 0);
+    EXPECT_FALSE(fresh.settling);
+    EXPECT_TRUE(fresh.wantsInput);
+    EXPECT_EQ(fresh.due, AT_ONCE);
     EXPECT_EQ(fresh.peerAddr.sin_addr.s_addr, 0U);
     EXPECT_EQ(fresh.peerAddr.sin_port, 0U);
     EXPECT_EQ(conn.getPortId(), 2U);
@@ -126,11 +138,14 @@ TEST_F(TelnetConn, StartsNotLoggedInWithoutLinemodeAndWithoutEcho)
 TEST_F(TelnetConn, TakesAClientThatIsSilentForASecondForAPlainOne)
 {
     conn.idleTimer.setTimeOut({0, 0});
-    InBackground negotiation([&] { return conn.negotiateOptions(); });
-    EXPECT_EQ(negotiation.wait(), 0);
-    EXPECT_GE(negotiation.wallMs(), 1000);
-    EXPECT_LT(negotiation.wallMs(), atMost(1900));
-    EXPECT_LT(negotiation.cpuMs(), atMost(100));
+    const Instant before = instantNow();
+    EXPECT_EQ(conn.negotiateOptions(), 2);
+    EXPECT_TRUE(conn.wantsInput);
+    EXPECT_GE(conn.due, before + A_SECOND);
+    EXPECT_LE(conn.due, instantNow() + A_SECOND);
+    EXPECT_EQ(negotiate(), 0);
+    EXPECT_GE(instantNow(), before + A_SECOND);
+    EXPECT_LE(looks, 2);
     EXPECT_EQ(conn.lineMode, 0);
     EXPECT_EQ(conn.serverEcho, 1);
     EXPECT_FALSE(conn.hasTimedOut());
@@ -139,362 +154,157 @@ TEST_F(TelnetConn, TakesAClientThatIsSilentForASecondForAPlainOne)
 
 TEST_F(TelnetConn, TakesAClientThatSendsDataForAPlainOneAtOnceAndLeavesItsData)
 {
-    ASSERT_TRUE(client().send("alice\r\n"));
-    ASSERT_TRUE(hasArrived(conn.fd, 7));
-    const Stopwatch watch;
+    sendAndArrive("alice\r\n");
     EXPECT_EQ(conn.negotiateOptions(), 0);
-    EXPECT_LT(watch.ms(), atMost(900));
+    EXPECT_TRUE(conn.wantsInput);
+    EXPECT_EQ(conn.due, AT_ONCE) << "it is to be greeted";
     EXPECT_EQ(conn.serverEcho, 1);
     EXPECT_EQ(conn.lineMode, 0);
     EXPECT_EQ(readable(client().received()), "");
     EXPECT_THAT(readLines(), ElementsAre("alice"));
 }
 
-TEST_F(TelnetConn, StartsTheSecondAfreshWithEveryStepOfACommand)
+TEST_F(TelnetConn, SettlesLinemodeWithAClientThatSaysItWill)
 {
-    InBackground negotiation([&] { return conn.negotiateOptions(); });
-    for (const char* const piece : {"\xFF", "\xFA\x18"}) { // to be late is the case here
-        std::this_thread::sleep_for(std::chrono::milliseconds(600));
-        ASSERT_TRUE(client().send(piece));
-    }
-    EXPECT_EQ(negotiation.wait(), 0);
-    EXPECT_GE(negotiation.wallMs(), 2100) << "600 ms, 600 ms, and a second";
-    EXPECT_LT(negotiation.wallMs(), atMost(3200));
-    EXPECT_EQ(conn.serverEcho, 1);
-    EXPECT_EQ(readable(client().received()), "") << "no whole command has come";
-}
-
-namespace {
-
-/// What a real client sends, and what it must get to see.
-struct RealClient {
-    const char* name;
-    std::string first;   ///< before it has got anything
-    std::string answers; ///< to the offers
-    std::string seen;    ///< all that it gets
-    bool linemode;       ///< and so does acknowledge MODE and SLC
-};
-
-const std::string SLC_LIST_A =
-    "\xFF\xFA\x22\x03\x01\x00\x00\x03\x62\x03\x04\x02\x0F\x05\x00\x00\x07\x62\x1C\x08\x02\x04\x09\x42\x1A\x0A\x02\x7F"
-    "\x0B\x02\x15\x0C\x02\x17\x0D\x02\x12\x0E\x02\x16\x0F\x02\x11\x10\x02\x13\x11\x00\x00\x12\x00\x00\xFF\xF0"s;
-const std::string SLC_LIST_B =
-    "\xFF\xFA\x22\x03\x01\x00\x00\x03\x00\x00\x04\x00\x00\x05\x00\x00\x07\x00\x00\x08\x00\x00\x09\x00\x00\x0A\x00\x00"
-    "\x0B\x00\x00\x0C\x00\x00\x0D\x00\x00\x0E\x00\x00\x0F\x00\x00\x10\x00\x00\x11\x00\x00\x12\x00\x00\xFF\xF0"s;
-const std::string SLC_LIST_C =
-    "\xFF\xFA\x22\x03\x01\x00\x00\x03\x62\x03\x04\x02\x0F\x05\x00\x00\x07\x62\x1C\x08\x02\x04\x09\x42\x1A\x0A\x02\x7F"
-    "\x0B\x02\x15\x0F\x02\x11\x10\x02\x13\x11\x00\x00\x12\x00\x00\xFF\xF0"s;
-
-const RealClient realClients[] = {
-    {"inetutils telnet HOST",
-     "\xFF\xFD\x26\xFF\xFB\x26\xFF\xFD\x03\xFF\xFB\x18\xFF\xFB\x1F\xFF\xFB\x20\xFF\xFB\x21\xFF\xFB\x22\xFF\xFB\x27"
-     "\xFF\xFD\x05",
-     "\xFF\xFB\x03" + SLC_LIST_A + "\xFF\xFD\x03",
-     OFFERS + "\xFF\xFC\x26\xFF\xFC\x26\xFF\xFC\x18\xFF\xFC\x1F\xFF\xFC\x20\xFF\xFC\x21\xFF\xFC\x27\xFF\xFC\x05" +
-         MODE_AND_SLC,
-     true},
-    {"inetutils telnet HOST, its input a pipe",
-     "\xFF\xFD\x26\xFF\xFB\x26\xFF\xFD\x03\xFF\xFB\x18\xFF\xFB\x1F\xFF\xFB\x20\xFF\xFB\x21\xFF\xFB\x22\xFF\xFB\x27"
-     "\xFF\xFD\x05",
-     "\xFF\xFB\x03" + SLC_LIST_B + "\xFF\xFD\x03",
-     OFFERS + "\xFF\xFC\x26\xFF\xFC\x26\xFF\xFC\x18\xFF\xFC\x1F\xFF\xFC\x20\xFF\xFC\x21\xFF\xFC\x27\xFF\xFC\x05" +
-         MODE_AND_SLC,
-     true},
-    {"telnet-ssl",
-     "\xFF\xFB\x27\xFF\xFB\x25\xFF\xFD\x03\xFF\xFB\x18\xFF\xFB\x1F\xFF\xFB\x20\xFF\xFB\x21\xFF\xFB\x22\xFF\xFD\x05",
-     "\xFF\xFB\x03" + SLC_LIST_C + "\xFF\xFD\x03",
-     OFFERS + "\xFF\xFC\x27\xFF\xFC\x25\xFF\xFC\x18\xFF\xFC\x1F\xFF\xFC\x20\xFF\xFC\x21\xFF\xFC\x05" + MODE_AND_SLC,
-     true},
-    {"plink -telnet", "\xFF\xFB\x1F\xFF\xFB\x20\xFF\xFB\x18\xFF\xFB\x27\xFF\xFD\x01\xFF\xFB\x03\xFF\xFD\x03",
-     "\xFF\xFC\x22", OFFERS + "\xFF\xFC\x1F\xFF\xFC\x20\xFF\xFC\x18\xFF\xFC\x27", false},
-    {"C-Kermit", "\xFF\xFB\x25\xFF\xFB\x1F\xFF\xFB\x18\xFF\xFB\x27\xFF\xFB\x2C", "\xFF\xFB\x03\xFF\xFC\x22",
-     OFFERS + "\xFF\xFC\x25\xFF\xFC\x1F\xFF\xFC\x18\xFF\xFC\x27\xFF\xFC\x2C", false},
-    {"gensiot with rfc2217", "\xFF\xFB\x2C", "\xFF\xFB\x03\xFF\xFC\x22", OFFERS + "\xFF\xFC\x2C", false},
-};
-
-} // namespace
-
-TEST_F(TelnetConn, ComesToTermsWithRealClients)
-{
-    for (const RealClient& row : realClients) {
-        SCOPED_TRACE(row.name);
-        TcpPair own;
-        TTelnetConn negotiating(2, 0);
-        negotiating.fd = own.releaseServer();
-        InBackground negotiation([&] { return negotiating.negotiateOptions(); });
-        EXPECT_TRUE(own.client.send(row.first));
-        std::string seen = own.client.receive(OFFERS.size());
-        EXPECT_EQ(readable(seen), readable(OFFERS));
-        EXPECT_TRUE(own.client.send(row.answers));
-        if (row.linemode) {
-            seen += own.client.receive(row.seen.size() - seen.size());
-            EXPECT_TRUE(own.client.send(MODE_ACK + SLC_ACK));
-        }
-        EXPECT_EQ(negotiation.wait(), 0);
-        seen += own.client.received();
-        EXPECT_EQ(readable(seen), readable(row.seen));
-        EXPECT_EQ(negotiating.lineMode, row.linemode ? 1 : 0);
-        EXPECT_EQ(negotiating.serverEcho, row.linemode ? 0 : 1);
-        if (row.linemode)
-            EXPECT_LT(negotiation.wallMs(), atMost(900)) << "LINEMODE is settled with the last answer";
-        else
-            EXPECT_GE(negotiation.wallMs(), 1000) << "a second of silence ends it";
-        EXPECT_LT(negotiation.wallMs(), atMost(1900));
-    }
-}
-
-TEST_F(TelnetConn, RefusesUnknownOptionsAlwaysWithWont)
-{
-    struct Row {
-        const char* command;
-        std::string answer;
-    };
-    const Row rows[] = {
-        {"\xFF\xFD\x18", "\xFF\xFC\x18"},  // DO
-        {"\xFF\xFB\x18", "\xFF\xFC\x18"},  // WILL
-        {"\xFF\xFC\x18", ""},              // WONT
-        {"\xFF\xFE\x18", ""},              // DONT
-        {"\xFF\xFD\x01", ""},              // DO ECHO
-        {"\xFF\xFB\x01", ""},              // WILL ECHO
-        {"\xFF\xFD\x03", ""},              // DO SUPPRESS-GO-AHEAD
-        {"\xFF\xFB\x03", ""},              // WILL SUPPRESS-GO-AHEAD
-        {"\xFF\xFD\x22", ""},              // DO LINEMODE
-        {"\xFF\xFC\x22", ""},              // WONT LINEMODE
-        {"\xFF\xF6\xF6", ""},              // no option at all
-        {"\xFF\xFD\xFF", "\xFF\xFC\xFF"s}, // the highest option
-        {"\xFF\xFB\xC8\xFF\xFD\xC8", "\xFF\xFC\xC8\xFF\xFC\xC8"},
-    };
-    std::vector<std::unique_ptr<TcpPair>> pairs;
-    std::vector<std::future<Negotiated>> negotiations;
-    for (const Row& row : rows) { // all at once: each lasts a second
-        pairs.push_back(std::make_unique<TcpPair>());
-        ASSERT_TRUE(pairs.back()->client.send(row.command));
-        negotiations.push_back(negotiationWith(*pairs.back()));
-    }
-    for (std::size_t i = 0; i < std::size(rows); ++i) {
-        SCOPED_TRACE(readable(rows[i].command));
-        const Negotiated outcome = negotiations[i].get();
-        EXPECT_EQ(outcome.result, 0);
-        EXPECT_EQ(outcome.lineMode, 0);
-        EXPECT_EQ(outcome.serverEcho, 1);
-        EXPECT_EQ(readable(pairs[i]->client.receiveToEnd()), readable(OFFERS + rows[i].answer));
-    }
+    sendAndArrive(WILL_LINEMODE + "\xFF\xFB\x18\xFF\xFA\x22\x03\x11\x00\x00\xFF\xF0"s);
+    EXPECT_EQ(conn.negotiateOptions(), 2);
+    EXPECT_EQ(readable(client().receive(28)), readable(OFFERS + "\xFF\xFC\x18" + MODE_AND_SLC));
+    sendAndArrive(MODE_ACK + SLC_ACK + "alice\r\n");
+    EXPECT_EQ(negotiate(), 0);
+    EXPECT_EQ(conn.due, AT_ONCE);
+    EXPECT_EQ(conn.lineMode, 1);
+    EXPECT_EQ(conn.serverEcho, 0);
+    EXPECT_EQ(readable(client().received()), "");
+    EXPECT_THAT(readLines(), ElementsAre("alice")) << "behind the answers";
 }
 
 TEST_F(TelnetConn, NegotiatesWithAClientThatSendsByteByByte)
 {
-    InBackground negotiation([&] { return conn.negotiateOptions(); });
-    for (const char c : WILL_LINEMODE + SLC_LIST_A)
-        ASSERT_TRUE(client().send({&c, 1}));
-    EXPECT_EQ(readable(client().receive(OFFERS.size() + MODE_AND_SLC.size())), readable(OFFERS + MODE_AND_SLC));
-    for (const char c : SLC_ACK + MODE_ACK)
-        ASSERT_TRUE(client().send({&c, 1}));
-    EXPECT_EQ(negotiation.wait(), 0);
-    EXPECT_LT(negotiation.wallMs(), atMost(1000));
-    EXPECT_EQ(conn.lineMode, 1);
-}
-
-TEST_F(TelnetConn, SpeaksLinemodeWithAClientThatSaysItWillButNegotiatesNoMore)
-{
-    ASSERT_TRUE(client().send(WILL_LINEMODE));
+    for (const char byte : WILL_LINEMODE + MODE_ACK + SLC_ACK) {
+        EXPECT_EQ(conn.negotiateOptions(), 2);
+        EXPECT_TRUE(conn.wantsInput);
+        EXPECT_FALSE(wouldBeLookedAt(conn)) << "a part of a command wakes nobody";
+        ASSERT_TRUE(client().send({&byte, 1}));
+        ASSERT_TRUE(waitUntil([&] { return wouldBeLookedAt(conn); }));
+    }
     EXPECT_EQ(conn.negotiateOptions(), 0);
     EXPECT_EQ(conn.lineMode, 1);
-    EXPECT_EQ(conn.serverEcho, 0);
-    EXPECT_EQ(readable(client().received()), readable(OFFERS)) << "MODE and SLC wait for its first sub-negotiation";
+    EXPECT_EQ(readable(client().receive(25)), readable(OFFERS + MODE_AND_SLC));
 }
 
-TEST_F(TelnetConn, EndsTheNegotiationAtASubNegotiationOfAnotherOption)
+TEST_F(TelnetConn, TakesASubNegotiationOfExactlyItsBuffersSize)
 {
-    ASSERT_TRUE(client().send("\xFF\xFA\x18\x00XTERM\xFF\xF0\xFF\xFB\x18"s));
-    ASSERT_TRUE(hasArrived(conn.fd, 14));
-    const Stopwatch watch;
-    EXPECT_EQ(conn.negotiateOptions(), 0);
-    EXPECT_LT(watch.ms(), atMost(900));
-    EXPECT_EQ(conn.serverEcho, 1);
-    EXPECT_EQ(readable(client().received()), readable(OFFERS));
-    EXPECT_TRUE(hasArrived(conn.fd, 3)) << "what follows is left for the reader";
-}
-
-TEST_F(TelnetConn, SendsModeAndSlcForALinemodeSubNegotiationWithoutWillLinemodeToo)
-{
-    ASSERT_TRUE(client().send(MODE_ACK + SLC_ACK));
-    EXPECT_EQ(conn.negotiateOptions(), 0);
-    EXPECT_EQ(conn.lineMode, 0);
-    EXPECT_EQ(conn.serverEcho, 1) << "a plain client: it has not said WILL";
-    EXPECT_EQ(readable(client().received()), readable(OFFERS + MODE_AND_SLC));
-}
-
-TEST_F(TelnetConn, AnswersOffersBetweenTheLinemodeAnswers)
-{
-    ASSERT_TRUE(client().send(WILL_LINEMODE + SLC_LIST_A + "\xFF\xFB\x18" + MODE_ACK + "\xFF\xFA\x18\x01\xFF\xF0" +
-                              "\xFF\xFD\x1F" + SLC_ACK + "alice\r\n"));
-    EXPECT_EQ(conn.negotiateOptions(), 0);
+    const std::string bytes =
+        WILL_LINEMODE + "\xFF\xFA\x22\x07" + std::string(1018, 'x') + "\xFF\xF0" + MODE_ACK + SLC_ACK;
+    sendAndArrive(bytes);
+    EXPECT_EQ(negotiate(), 0);
+    EXPECT_LE(looks, 4) << "no more than it has bufferfuls, and one behind each";
     EXPECT_EQ(conn.lineMode, 1);
-    EXPECT_EQ(readable(client().received()), readable(OFFERS + MODE_AND_SLC + "\xFF\xFC\x18\xFF\xFC\x1F"));
-    EXPECT_THAT(readLines(), ElementsAre("alice"));
+    EXPECT_EQ(readable(client().receive(25)), readable(OFFERS + MODE_AND_SLC));
 }
 
-TEST_F(TelnetConn, LeavesDataInTheMiddleOfTheLinemodeAnswersAlone)
+TEST_F(TelnetConn, RestsUntilItsSecondIsOverWhenNoMoreCanBeLearnt)
 {
-    ASSERT_TRUE(client().send(WILL_LINEMODE + SLC_LIST_A + "alice\r\n" + MODE_ACK));
-    const Stopwatch watch;
-    EXPECT_EQ(conn.negotiateOptions(), 0);
-    EXPECT_LT(watch.ms(), atMost(900));
-    EXPECT_EQ(conn.lineMode, 1);
-    EXPECT_THAT(readLines(), ElementsAre("alice", MODE_ACK)) << "it stays in the text";
-}
-
-TEST_F(TelnetConn, FailsToNegotiateWithAClientThatHasReset)
-{
-    pair->client.reset();
-    const Stopwatch watch;
-    EXPECT_EQ(conn.negotiateOptions(), 1);
-    EXPECT_LT(watch.ms(), atMost(900));
-}
-
-TEST_F(TelnetConn, FailsToNegotiateWithAClientThatTakesNoOffers)
-{
-    ASSERT_TRUE(client().send(WILL_LINEMODE));
-    ASSERT_TRUE(hasArrived(conn.fd, 3));
-    blockWayToClient();
-    const Stopwatch watch;
-    EXPECT_EQ(conn.negotiateOptions(), 1);
-    EXPECT_LT(watch.ms(), atMost(900));
-    EXPECT_EQ(conn.lineMode, 0) << "its command is not looked at any more";
-}
-
-TEST_F(TelnetConn, FailsToNegotiateWithAClientThatTakesTheOffersButNotModeAndSlc)
-{
-    ASSERT_TRUE(client().send(WILL_LINEMODE));
-    InBackground negotiation([&] { return conn.negotiateOptions(); });
-    EXPECT_EQ(readable(client().receive(OFFERS.size())), readable(OFFERS));
-    blockWayToClient();
-    ASSERT_TRUE(client().send("\xFF\xFB\x18" + SLC_LIST_A)); // the refusal that does not get out changes nothing
-    EXPECT_EQ(negotiation.wait(), 1);
-    EXPECT_LT(negotiation.wallMs(), atMost(900));
-    EXPECT_EQ(conn.lineMode, 1);
+    struct Row {
+        const char* behaviour;
+        std::string bytes;
+        bool shutDown;
+        const char* urgent;
+    };
+    const Row rows[] = {
+        {"its end", "", true, ""},
+        {"its end behind a part of a command", "\xFF\xFD", true, ""},
+        {"its end behind a part of a sub-negotiation", "\xFF\xFA\x22\x03\x01", true, ""},
+        {"a sub-negotiation that fills the buffer", "\xFF\xFA\x22" + std::string(1100, 'x') + "\xFF\xF0", false, ""},
+        {"64 kB", "\xFF\xFA\x22" + std::string(65000, 'x') + "\xFF\xF0", false, ""},
+        {"its end behind an urgent byte", "", true, "!"},
+        {"an urgent byte in the middle of a command", "\xFF", false, "!!"},
+        {"and the end behind that", "\xFF", true, "!"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.behaviour);
+        TcpPair own;
+        TTelnetConn stuck(2, 0);
+        stuck.fd = own.releaseServer();
+        ASSERT_TRUE(own.client.send(row.bytes, MSG_DONTWAIT));
+        ASSERT_TRUE(own.client.send(row.urgent, MSG_OOB));
+        if (row.shutDown) own.client.shutDown();
+        const Instant before = instantNow();
+        int count = 0;
+        for (; stuck.wantsInput; ++count) {
+            ASSERT_LT(count, 8) << "a look for each thing that arrives, and no more";
+            ASSERT_EQ(stuck.negotiateOptions(), 2);
+            if (stuck.wantsInput) waitForLook(stuck);
+        }
+        EXPECT_FALSE(wouldBeLookedAt(stuck));
+        EXPECT_LE(stuck.due, instantNow() + A_SECOND);
+        EXPECT_GE(stuck.due, before + A_SECOND);
+        stuck.due = AT_ONCE;
+        ASSERT_EQ(stuck.negotiateOptions(), 2) << "a look in between changes nothing";
+        EXPECT_FALSE(stuck.wantsInput);
+        EXPECT_EQ(readable(own.client.received()), "");
+    }
 }
 
 TEST_F(TelnetConn, NegotiatesAsWithASilentClientWithOneThatHasClosed)
 {
     pair->client.close();
-    InBackground negotiation([&] { return conn.negotiateOptions(); });
-    EXPECT_EQ(negotiation.wait(), 0);
-    EXPECT_GE(negotiation.wallMs(), 1000);
-    EXPECT_LT(negotiation.cpuMs(), atMost(100)) << "its end is readable all the time";
+    EXPECT_EQ(negotiate(), 0);
+    EXPECT_LE(looks, 3) << "its end is readable all the time";
+    EXPECT_EQ(conn.serverEcho, 1);
     EXPECT_EQ(conn.readCmd(), -1);
 }
 
-TEST_F(TelnetConn, EndsANegotiationSoonWhenTheDaemonIsToStop)
+TEST_F(TelnetConn, ShowsAPartOfACommandThatHasCostItsSecondToTheReader)
 {
-    g_endWaits = true;
-    const Stopwatch watch;
-    EXPECT_EQ(conn.negotiateOptions(), 0);
-    EXPECT_LT(watch.ms(), atMost(500));
+    sendAndArrive("\xFF\xFD");
+    EXPECT_EQ(negotiate(), 0);
+    EXPECT_LE(looks, 3);
+    EXPECT_THAT(readLines(), ElementsAre());
+    EXPECT_EQ(readable(client().receive(2)), "\\xff\\xfd") << "it is echoed at once: the socket's mark is gone";
 }
 
-TEST_F(TelnetConn, GivesASubNegotiationWithoutEndASecond)
+TEST_F(TelnetConn, FailsToNegotiateWithAClientThatHasReset)
 {
-    struct Row {
-        const char* behaviour;
-        std::string bytes;
-    };
-    const Row rows[] = {
-        {"cut short", "\xFF\xFA\x22\x03\x01"},
-        {"IAC at its end", "\xFF\xFA\x22\x03\x01\xFF"},
-        {"1023 bytes", "\xFF\xFA\x22" + std::string(1020, 'x')},
-        {"1024 bytes", "\xFF\xFA\x22" + std::string(1021, 'x')},
-        {"1025 bytes, ended", "\xFF\xFA\x22" + std::string(1020, 'x') + "\xFF\xF0"},
-        {"64 kB", "\xFF\xFA\x22" + std::string(65000, 'x') + "\xFF\xF0"},
-        {"IAC alone", "\xFF"},
-        {"IAC SB alone", "\xFF\xFA"},
-    };
-    std::vector<std::unique_ptr<TcpPair>> pairs;
-    std::vector<std::future<Negotiated>> negotiations;
-    for (const Row& row : rows) {
-        pairs.push_back(std::make_unique<TcpPair>());
-        ASSERT_TRUE(pairs.back()->client.send(row.bytes, MSG_DONTWAIT)) << row.behaviour;
-        negotiations.push_back(negotiationWith(*pairs.back()));
-    }
-    for (std::size_t i = 0; i < std::size(rows); ++i) {
-        SCOPED_TRACE(rows[i].behaviour);
-        const Negotiated outcome = negotiations[i].get();
-        EXPECT_EQ(outcome.result, 0);
-        EXPECT_EQ(outcome.serverEcho, 1);
-        EXPECT_GE(outcome.wallMs, 1000);
-        EXPECT_LT(outcome.wallMs, atMost(2900));
-        EXPECT_LT(outcome.cpuMs, atMost(150));
-    }
+    pair->client.reset();
+    EXPECT_EQ(negotiate(), 1);
+    EXPECT_LE(looks, 2);
 }
 
-TEST_F(TelnetConn, GivesASubNegotiationThatTricklesInNoMoreThanThatSecond)
+TEST_F(TelnetConn, FailsToNegotiateWithAClientThatResetsBehindAnUrgentByte)
 {
-    ASSERT_TRUE(client().send("\xFF\xFA\x22"));
-    InBackground negotiation([&] { return conn.negotiateOptions(); });
-    for (int i = 0; i < 15 && !negotiation.done(); ++i) { // to go on for longer than the second is the case here
-        ASSERT_TRUE(client().send("x"));
-        waitUntil([&] { return negotiation.done(); }, std::chrono::milliseconds(300));
-    }
-    EXPECT_EQ(negotiation.wait(), 0);
-    EXPECT_GE(negotiation.wallMs(), 1000);
-    EXPECT_LT(negotiation.wallMs(), atMost(1900));
-    EXPECT_EQ(conn.serverEcho, 1);
-    EXPECT_EQ(readable(client().received()), "");
+    EXPECT_EQ(conn.negotiateOptions(), 2);
+    sendUrgent();
+    EXPECT_EQ(conn.negotiateOptions(), 2);
+    EXPECT_FALSE(wouldBeLookedAt(conn));
+    pair->client.reset();
+    EXPECT_EQ(negotiate(), 1);
+    EXPECT_LE(looks, 2);
 }
 
-TEST_F(TelnetConn, TakesASubNegotiationOfExactlyItsBuffersSize)
+TEST_F(TelnetConn, FailsToNegotiateWithAClientThatTakesNoOffers)
 {
-    ASSERT_TRUE(
-        client().send(WILL_LINEMODE + "\xFF\xFA\x22\x07" + std::string(1018, 'x') + "\xFF\xF0" + MODE_ACK + SLC_ACK));
-    EXPECT_EQ(conn.negotiateOptions(), 0);
-    EXPECT_EQ(conn.lineMode, 1);
-    EXPECT_EQ(readable(client().received()), readable(OFFERS + MODE_AND_SLC));
+    sendAndArrive(WILL_LINEMODE);
+    blockWayToClient();
+    EXPECT_EQ(conn.negotiateOptions(), 1);
+    EXPECT_EQ(conn.lineMode, 0);
 }
 
-TEST_F(TelnetConn, EndsANegotiationThatNeverEndsAfterFiveSeconds)
+TEST_F(TelnetConn, FailsToNegotiateWithAClientThatTakesTheOffersButNotModeAndSlc)
 {
-    struct Row {
-        const char* behaviour;
-        std::string first;
-        std::string again; ///< every 20 ms
-        double atLeastMs, atMostMs;
-    };
-    const Row rows[] = {
-        {"commands that want no answer", "", "\xFF\xFC\x01", 4990, 6500},
-        {"every refusal is answered with the offer", "\xFF\xFB\x18", "\xFF\xFB\x18", 4990, 6500},
-        {"LINEMODE refused again and again", "\xFF\xFC\x22", "\xFF\xFC\x22", 4990, 6500},
-        {"LINEMODE that is never acknowledged", WILL_LINEMODE + SLC_LIST_A, SLC_LIST_A, 4990, 6500},
-    };
-    std::vector<std::future<Negotiated>> negotiations;
-    std::vector<std::unique_ptr<TcpPair>> pairs;
-    for (const Row& row : rows) {
-        pairs.push_back(std::make_unique<TcpPair>());
-        ASSERT_TRUE(pairs.back()->client.send(row.first));
-        negotiations.push_back(negotiationWith(*pairs.back()));
-    }
-    const Stopwatch watch;
-    while (watch.ms() < 9000) {
-        for (std::size_t i = 0; i < std::size(rows); ++i)
-            (void)pairs[i]->client.send(rows[i].again, MSG_DONTWAIT); // fails when the other end has gone
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        bool done = true;
-        for (const auto& negotiation : negotiations)
-            done = done && negotiation.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
-        if (done) break;
-    }
-    for (std::size_t i = 0; i < std::size(rows); ++i) {
-        SCOPED_TRACE(rows[i].behaviour);
-        const Negotiated outcome = negotiations[i].get();
-        EXPECT_EQ(outcome.result, 0);
-        EXPECT_GE(outcome.wallMs, rows[i].atLeastMs);
-        EXPECT_LT(outcome.wallMs, atMost(rows[i].atMostMs));
-        EXPECT_LT(outcome.cpuMs, atMost(800));
-    }
+    sendAndArrive(WILL_LINEMODE);
+    EXPECT_EQ(conn.negotiateOptions(), 2);
+    EXPECT_EQ(readable(client().receive(OFFERS.size())), readable(OFFERS));
+    blockWayToClient();
+    sendAndArrive("\xFF\xFB\x18");
+    EXPECT_EQ(conn.negotiateOptions(), 2) << "a refusal that does not get out changes nothing";
+    sendAndArrive(MODE_ACK);
+    EXPECT_EQ(conn.negotiateOptions(), 1);
 }
 
 // --- echo
 
-TEST_F(TelnetConn, SwitchesTheServersEchoForAPlainClientWithoutAByte)
+TEST_F(TelnetConn, SwitchesTheServersEchoForAPlainClientAtOnceAndWithoutAByte)
 {
     conn.setEcho(7);
     EXPECT_EQ(conn.serverEcho, 1);
@@ -502,6 +312,7 @@ TEST_F(TelnetConn, SwitchesTheServersEchoForAPlainClientWithoutAByte)
     EXPECT_EQ(conn.serverEcho, 0);
     conn.setEcho(-1);
     EXPECT_EQ(conn.serverEcho, 1);
+    EXPECT_FALSE(conn.settling);
     EXPECT_EQ(readable(client().received()), "");
 }
 
@@ -514,20 +325,23 @@ TEST_F(TelnetConn, SwitchesTheClientsEchoInLinemodeAndWaitsForItsAnswer)
     const Row rows[] = {
         {0, WILL_ECHO, DO_ECHO},
         {1, WONT_ECHO, DONT_ECHO},
-        {0, WILL_ECHO, "\xFF\xFE\x01\xFF\xFB\x01" + MODE_ACK + SLC_ACK + "\xFF\xF1\xF1" + DO_ECHO},
+        {0, WILL_ECHO, DONT_ECHO + "\xFF\xFB\x01" + MODE_ACK + SLC_ACK + "\xFF\xF1\xF1" + DO_ECHO},
         {5, WONT_ECHO, DO_ECHO + DONT_ECHO},
     };
     conn.lineMode = 1;
     for (const Row& row : rows) {
         SCOPED_TRACE(readable(row.answer));
-        InBackground switching([&] {
-            conn.setEcho(row.on);
-            return 0;
-        });
+        const Instant before = instantNow();
+        conn.setEcho(row.on);
+        EXPECT_TRUE(conn.settling);
+        EXPECT_TRUE(conn.wantsInput);
+        EXPECT_GE(conn.due, before + A_SECOND);
+        EXPECT_LE(conn.due, instantNow() + A_SECOND);
+        EXPECT_FALSE(wouldBeLookedAt(conn));
         EXPECT_EQ(readable(client().receive(3)), readable(row.sent));
         EXPECT_TRUE(client().send(row.answer + "A\r\n"));
-        switching.wait();
-        EXPECT_LT(switching.wallMs(), atMost(900));
+        settle();
+        EXPECT_EQ(conn.due, AT_ONCE);
         EXPECT_TRUE(hasArrived(conn.fd, 3));
         EXPECT_THAT(readLines(), ElementsAre("A")) << "everything up to the answer is gone, nothing behind it";
         EXPECT_EQ(readable(client().received()), "") << "nothing in between is answered";
@@ -535,62 +349,57 @@ TEST_F(TelnetConn, SwitchesTheClientsEchoInLinemodeAndWaitsForItsAnswer)
     }
 }
 
-TEST_F(TelnetConn, WaitsASecondOfSilenceForTheAnswerToAnEchoSwitch)
-{
-    conn.lineMode = 1;
-    expectEchoSwitchOfASecond();
-}
-
-TEST_F(TelnetConn, WaitsForTheAnswerToAnEchoSwitchThatDidNotGetOutToo)
+TEST_F(TelnetConn, WaitsASecondOfSilenceForTheAnswerToAnEchoSwitchThatDidNotGetOutToo)
 {
     conn.lineMode = 1;
     blockWayToClient();
-    expectEchoSwitchOfASecond();
+    const Instant before = instantNow();
+    conn.setEcho(0);
+    settle();
+    EXPECT_GE(instantNow(), before + A_SECOND);
+    EXPECT_LE(looks, 2);
 }
 
-TEST_F(TelnetConn, EndsTheWaitForTheAnswerToAnEchoSwitchAtData)
+TEST_F(TelnetConn, EndsTheWaitForTheAnswerToAnEchoSwitchAtDataThatIsThereAlready)
 {
     conn.lineMode = 1;
-    ASSERT_TRUE(client().send("secret\r\n"));
-    ASSERT_TRUE(hasArrived(conn.fd, 8));
-    const Stopwatch watch;
+    sendAndArrive("secret\r\n");
     conn.setEcho(0);
-    EXPECT_LT(watch.ms(), atMost(900));
+    EXPECT_TRUE(wouldBeLookedAt(conn));
+    EXPECT_THAT(readLines(), ElementsAre()) << "the look that ends the wait yields no line";
+    EXPECT_FALSE(conn.settling);
+    EXPECT_EQ(conn.due, AT_ONCE);
     EXPECT_THAT(readLines(), ElementsAre("secret"));
 }
 
-TEST_F(TelnetConn, EndsTheWaitForTheAnswerToAnEchoSwitchAfterTwoSecondsOfOtherCommands)
+TEST_F(TelnetConn, RestsUntilTheEndOfAnEchoSwitchWhenItsClientHasClosed)
 {
     conn.lineMode = 1;
-    for (int attempt = 0; attempt < 5; ++attempt) {
-        InBackground switching([&] {
-            conn.setEcho(0);
-            return 0;
-        });
-        double longestSilence = 0;
-        const Stopwatch watch;
-        for (double last = 0; last < 2600; last = watch.ms()) {
-            ASSERT_TRUE(client().send(DONT_ECHO));
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-            longestSilence = std::max(longestSilence, watch.ms() - last);
-        }
-        switching.wait();
-        if (longestSilence > 500) continue; // the machine was too busy, which says nothing
-        EXPECT_GE(switching.wallMs(), 1990);
-        EXPECT_LT(switching.wallMs(), atMost(2500));
-        return;
-    }
-    FAIL() << "never without a silence of its client";
+    const Instant before = instantNow();
+    conn.setEcho(0);
+    pair->client.shutDown();
+    waitForLook(conn);
+    EXPECT_THAT(readLines(), ElementsAre());
+    EXPECT_TRUE(conn.settling);
+    expectRest(before, A_SECOND);
+    settle();
+    EXPECT_EQ(looks, 1);
+    EXPECT_EQ(conn.readCmd(), -1);
 }
 
-TEST_F(TelnetConn, SwitchesTheEchoOfAClientThatHasGoneWithoutEnd)
+TEST_F(TelnetConn, EndsAnEchoSwitchWhenItsClientResets)
 {
     conn.lineMode = 1;
-    pair->client.reset();
-    const Stopwatch watch;
     conn.setEcho(0);
+    pair->client.reset();
+    settle();
+    EXPECT_EQ(looks, 1);
+    EXPECT_LE(looksUntilResult(), 2);
+    EXPECT_EQ(result, -1);
+    const Instant before = instantNow();
     conn.setEcho(1);
-    EXPECT_LT(watch.ms(), atMost(2900));
+    EXPECT_EQ(conn.readCmd(), 0);
+    expectRest(before, A_SECOND);
 }
 
 // --- reading
@@ -599,7 +408,27 @@ TEST_F(TelnetConn, YieldsNothingWhileNothingHasArrived)
 {
     EXPECT_EQ(conn.readCmd(), 0);
     EXPECT_EQ(conn.rxLen, 0);
-    EXPECT_FALSE(conn.rests());
+    EXPECT_TRUE(conn.wantsInput);
+    EXPECT_FALSE(wouldBeLookedAt(conn));
+}
+
+TEST_F(TelnetConn, IsDueWhenItsLoginOrItsIdleTimeIsOver)
+{
+    const auto expectDueIn = [&](Instant before, const timeval& span) {
+        EXPECT_EQ(conn.readCmd(), 0);
+        EXPECT_GE(conn.due, before + std::chrono::seconds(span.tv_sec - 1)); // made a moment ago
+        EXPECT_LE(conn.due, instantNow() + std::chrono::seconds(span.tv_sec));
+    };
+    expectDueIn(instantNow(), TPortConn::LOGIN_TIME);
+    conn.loginState = LOGIN_DONE;
+    expectDueIn(instantNow(), TPortConn::IDLE_TIME);
+    const Instant before = instantNow();
+    EXPECT_EQ(conn.writeText("*"), 0);
+    EXPECT_EQ(conn.readCmd(), 0);
+    EXPECT_GE(conn.due, before + std::chrono::seconds(TPortConn::IDLE_TIME.tv_sec)) << "an answer keeps it alive";
+    const Instant later = instantNow();
+    EXPECT_THAT(sendAndRead("A\n"), ElementsAre("A"));
+    EXPECT_GE(conn.due, later + std::chrono::seconds(TPortConn::IDLE_TIME.tv_sec)) << "a line too";
 }
 
 TEST_F(TelnetConn, YieldsTheLinesOfOneRead)
@@ -663,7 +492,7 @@ TEST_F(TelnetConn, NeverTakesALineThatFillsItsBufferWithoutAnEnd)
 {
     EXPECT_THAT(sendAndRead(std::string(1024, 'x') + "\r\n"), ElementsAre());
     EXPECT_EQ(conn.rxLen, 1024);
-    EXPECT_TRUE(conn.rests()) << "so that it does not wake the service loop again and again";
+    expectRest(Instant{}, TPortConn::REST_TIME);
     EXPECT_THAT(readLines(), ElementsAre());
     conn.idleTimer.setTimeOut({0, 0});
     EXPECT_NE(conn.hasTimedOut(), 0) << "the idle time ends it";
@@ -689,20 +518,23 @@ TEST_F(TelnetConn, KeepsAPeerThatClosedBehindHalfALineAndRests)
     ASSERT_TRUE(client().send("A"));
     pair->client.shutDown();
     ASSERT_TRUE(hasArrived(conn.fd, 1));
-    EXPECT_TRUE(waitUntil([&] {
-        EXPECT_EQ(conn.readCmd(), 0);
-        return conn.rests();
-    }));
+    const Instant before = instantNow();
+    for (int i = 0; conn.wantsInput; ++i) {
+        ASSERT_LT(i, 3);
+        waitForLook(conn);
+        EXPECT_THAT(readLines(), ElementsAre());
+    }
+    expectRest(before, TPortConn::REST_TIME);
+    EXPECT_EQ(conn.readCmd(), 0);
+    EXPECT_FALSE(conn.wantsInput) << "time and again";
 }
 
-TEST_F(TelnetConn, StaysOpenAfterAReset)
+TEST_F(TelnetConn, ReportsAPeerThatHasResetAtTheSecondLook)
 {
+    EXPECT_EQ(conn.readCmd(), 0);
     pair->client.reset();
-    EXPECT_TRUE(waitUntil([&] {
-        const int read = conn.readCmd(); // the error is reported once, then there is nothing more to read
-        EXPECT_LE(read, 0);
-        return read == -1;
-    }));
+    EXPECT_LE(looksUntilResult(), 2) << "the error is reported once, then there is nothing more to read";
+    EXPECT_EQ(result, -1);
 }
 
 TEST_F(TelnetConn, YieldsNothingOnADescriptorThatNoSetHolds)
@@ -717,23 +549,16 @@ TEST_F(TelnetConn, YieldsNothingOnADescriptorThatNoSetHolds)
 
 TEST_F(TelnetConn, DoesNotWakeTheLoopForAHalfTypedLineUntilMoreArrives)
 {
-    const auto readable = [&] {
-        fd_set set;
-        FD_ZERO(&set);
-        FD_SET(conn.fd, &set);
-        timeval noWait{0, 0};
-        return ::select(conn.fd + 1, &set, nullptr, nullptr, &noWait) == 1;
-    };
     EXPECT_THAT(sendAndRead("ab"), ElementsAre());
-    EXPECT_FALSE(readable());
-    EXPECT_FALSE(conn.rests());
+    EXPECT_TRUE(conn.wantsInput);
+    EXPECT_FALSE(wouldBeLookedAt(conn));
     ASSERT_TRUE(client().send("c"));
-    EXPECT_TRUE(waitUntil(readable));
+    EXPECT_TRUE(waitUntil([&] { return wouldBeLookedAt(conn); }));
     EXPECT_THAT(readLines(), ElementsAre());
-    EXPECT_FALSE(readable());
+    EXPECT_FALSE(wouldBeLookedAt(conn));
     EXPECT_THAT(sendAndRead("\r", 3), ElementsAre("abc"));
     ASSERT_TRUE(client().send("d"));
-    EXPECT_TRUE(waitUntil(readable)) << "a single byte of the next line wakes it again";
+    EXPECT_TRUE(waitUntil([&] { return wouldBeLookedAt(conn); })) << "a single byte of the next line wakes it again";
     EXPECT_THAT(readLines(), ElementsAre());
 }
 
@@ -786,17 +611,76 @@ TEST_F(TelnetConn, EchoesNothingWithoutServerEcho)
 
 TEST_F(TelnetConn, ThrowsUrgentDataAwayAndReadsNothingElseInThatPass)
 {
-    ASSERT_TRUE(client().send("A\r\n"));
-    ASSERT_TRUE(hasArrived(conn.fd, 3));
-    ASSERT_TRUE(client().send("\xF2", MSG_OOB));
-    ASSERT_TRUE(waitUntil([&] {
-        pollfd urgent{conn.fd, POLLPRI, 0};
-        return ::poll(&urgent, 1, 0) == 1;
-    }));
+    sendAndArrive("A\r\n");
+    sendUrgent();
     EXPECT_EQ(conn.readCmd(), 0);
     EXPECT_EQ(conn.rxLen, 0);
+    EXPECT_TRUE(wouldBeLookedAt(conn));
     EXPECT_THAT(readLines(), ElementsAre("A"));
     EXPECT_EQ(conn.readCmd(), 0) << "it is gone";
+    EXPECT_FALSE(wouldBeLookedAt(conn));
+}
+
+TEST_F(TelnetConn, ReportsAPeerThatEndsWithAnUrgentByteNotTaken)
+{
+    struct Row {
+        const char* behaviour;
+        std::string line;
+        bool reset;
+        Texts lines; ///< that come before the end
+    };
+    const Row rows[] = {
+        {"a reset", "", true, {}},
+        {"a reset behind half a line", "A", true, {}},
+        {"a reset behind a line", "A\r\n", true, {"A"}},
+        {"a close", "", false, {}},
+        {"a close behind a line", "A\r\n", false, {"A"}},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.behaviour);
+        pair = std::make_unique<TcpPair>();
+        TTelnetConn ending(2, 0);
+        ending.fd = pair->releaseServer();
+        ASSERT_TRUE(client().send(row.line));
+        ASSERT_TRUE(client().send("!", MSG_OOB));
+        ASSERT_TRUE(waitUntil([&] {
+            pollfd urgent{ending.fd, POLLPRI, 0};
+            return ::poll(&urgent, 1, 0) == 1;
+        }));
+        if (row.reset)
+            pair->client.reset();
+        else
+            pair->client.close();
+        ASSERT_TRUE(waitUntil([&] {
+            pollfd gone{ending.fd, POLLRDHUP, 0};
+            return ::poll(&gone, 1, 0) == 1;
+        }));
+        ending.due = NEVER; // only the descriptor tells
+        Texts lines;
+        int count = 0;
+        for (result = 0; result != -1; ++count) {
+            ASSERT_LT(count, 4) << "a look for the urgent byte, one for the line, one for the error, one for the end";
+            ASSERT_TRUE(wouldBeLookedAt(ending));
+            result = ending.readCmd();
+            if (result > 0) lines = linesOf(ending, result);
+        }
+        EXPECT_LE(count, row.lines.empty() ? 2 : 4);
+        EXPECT_EQ(lines, row.lines);
+    }
+}
+
+TEST_F(TelnetConn, KeepsALineWithAnUrgentMarkInItsMiddleAndRests)
+{
+    EXPECT_THAT(sendAndRead("ab"), ElementsAre());
+    sendUrgent();
+    ASSERT_TRUE(client().send("c\r\n"));
+    const Instant before = instantNow();
+    for (int i = 0; conn.wantsInput; ++i) {
+        ASSERT_LT(i, 5);
+        waitForLook(conn);
+        EXPECT_THAT(readLines(), ElementsAre()) << "what is behind the mark cannot be seen";
+    }
+    expectRest(before, TPortConn::REST_TIME);
 }
 
 TEST_F(TelnetConn, TakesASynchWithItsDataMarkForText)

@@ -1,17 +1,13 @@
-// Built twice: with TESS_BOUNDED_WAITS and without.
 #include "connections/xcp_con.h"
 
 #include <climits>
 #include <cstring>
 #include <gmock/gmock.h>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "connections/waiting.h"
 #include "framework/fixed_text.h"
 #include "tests/support/conn_texts.h"
-#include "tests/support/in_background.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/readable.h"
 #include "tests/support/stream_pair.h"
@@ -47,12 +43,10 @@ std::string frame(std::uint32_t tag, std::string_view payload)
 
 class XcpCon : public testing::Test {
 protected:
-    XcpCon()
-    {
-        g_endUnboundedWaits = false;
-        conn.fd = pair.releaseServer();
-    }
-    ~XcpCon() override { g_endUnboundedWaits = false; }
+    XcpCon() { conn.fd = pair.releaseServer(); }
+
+    /// Whether the service loop would wait for input, and for nothing else.
+    bool waitsForInput() const { return conn.wantsInput && conn.due == NEVER; }
 
     Texts readLines()
     {
@@ -71,21 +65,7 @@ protected:
     int result = 0; ///< of the last read
 };
 
-/// A read in a thread of its own, which may take long; a stop ends it at the latest.
-class SlowRead : public InBackground {
-public:
-    explicit SlowRead(TXCPCon& conn) : InBackground([&conn] { return conn.readCmd(); }) {}
-    SlowRead(const SlowRead&) = delete;
-    SlowRead& operator=(const SlowRead&) = delete;
-    ~SlowRead()
-    {
-        g_endUnboundedWaits = true;
-        wait();
-        g_endUnboundedWaits = false;
-    }
-};
-
-/// The first line of a frame whose pieces are sent one by one while a connection reads, and its tag.
+/// What comes of a frame whose pieces are sent one by one, each looked at: the first line, and its tag.
 /// On a machine that is too busy the pieces can be too late, which says nothing; then it is tried again.
 std::string readInPieces(const std::vector<std::string>& pieces)
 {
@@ -93,12 +73,16 @@ std::string readInPieces(const std::vector<std::string>& pieces)
         StreamPair pair;
         TXCPCon conn(4, 0);
         conn.fd = pair.releaseServer();
-        if (!pair.send(pieces.front())) return "not sent";
-        SlowRead read(conn);
-        for (std::size_t i = 1; i < pieces.size(); ++i)
-            if (!pair.send(pieces[i])) return "not sent";
-        if (!waitUntil([&read] { return read.done(); }, std::chrono::seconds(1))) continue;
-        if (read.wait() < 1) continue;
+        int result = 0;
+        bool inTime = true;
+        for (const std::string& piece : pieces) {
+            if (!pair.send(piece)) return "not sent";
+            const Instant due = conn.due;
+            if (result == 0) result = conn.readCmd();
+            inTime = inTime && (due == AT_ONCE || instantNow() < due);
+        }
+        if (!inTime) continue;
+        if (result < 1) return "result " + std::to_string(result);
         return (FixedText<32>() << "0x").hex(conn.cmds[0].tag).c_str() + (" " + readable(conn.cmds[0].text));
     }
     return "never whole in time";
@@ -124,6 +108,7 @@ TEST_F(XcpCon, YieldsNothingWhileNothingHasArrived)
     EXPECT_EQ(result, 0);
     EXPECT_EQ(conn.rxLen, 0);
     EXPECT_EQ(conn.echoFlag, 1);
+    EXPECT_TRUE(waitsForInput());
 }
 
 TEST_F(XcpCon, YieldsTheLinesOfOneFrame)
@@ -151,6 +136,7 @@ TEST_F(XcpCon, YieldsTheLinesOfOneFrame)
         EXPECT_THAT(sendAndRead(frame(5, row.payload)), ElementsAreArray(row.lines));
         EXPECT_EQ(conn.rxLen, static_cast<int>(16 + row.payload.size()));
         EXPECT_EQ(conn.echoFlag, 0);
+        EXPECT_TRUE(waitsForInput());
     }
 }
 
@@ -303,75 +289,130 @@ TEST_F(XcpCon, TakesAHeaderThatArrivesInPiecesWithinTheFrameTime)
     std::vector<std::string> single;
     for (const char c : bytes)
         single.emplace_back(1, c);
-    // The payload has not all arrived when the header is whole: only what is certain is compared.
-    EXPECT_THAT(readInPieces(single), testing::StartsWith("0x50007 v"));
+    single.resize(16); // sent one by one, the payload would be the next header
+    single.back() += bytes.substr(16);
+    EXPECT_EQ(readInPieces(single), "0x50007 ver\\r");
 }
 
-#ifdef TESS_BOUNDED_WAITS
+TEST_F(XcpCon, TakesAPayloadThatComesAfterItsHeaderForTheNextHeader)
+{
+    ASSERT_TRUE(pair.send(frame(5, 4, "")));
+    EXPECT_EQ(sendAndRead(""), Texts{""}) << "what is there is cut: nothing";
+    ASSERT_TRUE(pair.send("ver\n"));
+    EXPECT_EQ(conn.readCmd(), 0);
+    EXPECT_FALSE(waitsForInput()) << "this would be a short header";
+    ASSERT_TRUE(waitUntil([this] { return instantNow() >= conn.due; }));
+    EXPECT_EQ(conn.readCmd(), -1);
+}
+
+TEST_F(XcpCon, WaitsForTheRestOfAHeaderUntilTheFrameTimeIsOver)
+{
+    const Instant before = instantNow();
+    ASSERT_TRUE(pair.send(std::string(15, 'A')));
+    EXPECT_EQ(conn.readCmd(), 0);
+    const Instant end = conn.due;
+    EXPECT_GE(end, before + std::chrono::milliseconds(100));
+    EXPECT_LE(end, instantNow() + std::chrono::milliseconds(100));
+    EXPECT_TRUE(conn.wantsInput);
+    EXPECT_FALSE(hasInput(conn.fd)) << "what there is of it wakes nobody";
+    if (conn.readCmd() == 0) {
+        EXPECT_EQ(conn.due, end) << "no look makes it longer";
+    } else
+        EXPECT_GE(instantNow(), end);
+}
 
 TEST_F(XcpCon, EndsWhenAHeaderIsNotWholeInTheFrameTime)
 {
     for (const std::size_t bytes : {1U, 15U}) {
-        ASSERT_TRUE(pair.send(std::string(bytes, 'A')));
-        SlowRead read(conn);
-        EXPECT_EQ(read.wait(), -1);
-        EXPECT_GE(read.wallMs(), 99);
-        EXPECT_LT(read.cpuMs(), atMost(read.wallMs() / 2));
-        (void)pair.send(std::string(16 - bytes, '\0')); // a whole header again, for the next row
-        conn.readCmd();
+        SCOPED_TRACE(bytes);
+        for (const bool becomesWhole : {false, true}) {
+            StreamPair client;
+            TXCPCon late(4, 0);
+            late.fd = client.releaseServer();
+            ASSERT_TRUE(client.send(frame(5, "late").substr(0, bytes)));
+            ASSERT_EQ(late.readCmd(), 0);
+            ASSERT_TRUE(waitUntil([&late] { return instantNow() >= late.due; }));
+            ASSERT_TRUE(!becomesWhole || client.send(frame(5, "late").substr(bytes)));
+            EXPECT_EQ(late.readCmd(), -1) << (becomesWhole ? "whole too late" : "never whole");
+        }
     }
 }
 
 TEST_F(XcpCon, EndsWhenThePeerClosesInsideAHeader)
 {
     ASSERT_TRUE(pair.send("AB"));
+    EXPECT_EQ(conn.readCmd(), 0);
     pair.closeClient();
     EXPECT_EQ(conn.readCmd(), -1);
+
+    StreamPair other;
+    TXCPCon gone(4, 0);
+    gone.fd = other.releaseServer();
+    ASSERT_TRUE(other.send("AB"));
+    other.closeClient();
+    EXPECT_EQ(gone.readCmd(), -1) << "at the first look";
 }
 
-#else
-
-TEST_F(XcpCon, WaitsForAHeaderThatIsLateUntilTheDaemonStopsWithoutUsingTheProcessor)
+TEST_F(XcpCon, DropsUrgentBytesWhereverTheyStand)
 {
-    ASSERT_TRUE(pair.send(std::string(15, 'A')));
-    SlowRead read(conn);
-    std::this_thread::sleep_for(std::chrono::milliseconds(150)); // longer than the frame time: that is the case here
-    EXPECT_FALSE(read.done());
-    ASSERT_TRUE(pair.send(frame(5, "late").substr(15)));
-    std::this_thread::sleep_for(std::chrono::milliseconds(350)); // time for it to be taken, which it must not be
-    EXPECT_FALSE(read.done()) << "a header that becomes whole too late is not taken";
-    g_endUnboundedWaits = true;
-    EXPECT_EQ(read.wait(), -1);
-    EXPECT_GE(read.wallMs(), 450);
-    EXPECT_LT(read.cpuMs(), atMost(read.wallMs() / 4));
+    const std::string bytes = frame(5, "ver\r\n");
+    const std::string next = frame(6, "next");
+    const std::string head = bytes.substr(0, 16);
+    const std::string body = bytes.substr(16);
+    struct Row {
+        const char* where;
+        std::vector<Texts> looks; ///< what is sent before a look; '!' stands for an urgent byte
+    };
+    const Row rows[] = {
+        {"alone, then a frame", {{"!"}, {bytes, next}}},
+        {"before a header", {{"!", bytes, next}}},
+        {"between header and payload", {{head, "!", body, next}}},
+        {"inside the header", {{bytes.substr(0, 7), "!", bytes.substr(7), next}}},
+        {"inside the payload", {{bytes.substr(0, 18), "!", bytes.substr(18), next}}},
+        {"behind the frame", {{bytes, "!"}, {next}}},
+        {"twice", {{"!"}, {"!"}, {bytes, next}}},
+        {"twice around a frame", {{"!"}, {bytes, "!"}, {next}}},
+        {"behind half a header", {{bytes.substr(0, 7), "!"}, {bytes.substr(7), next}}},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.where);
+        StreamPair client;
+        TXCPCon reading(4, 0);
+        reading.fd = client.releaseServer();
+        Texts lines;
+        bool inTime = true;
+        for (const Texts& pieces : row.looks) {
+            for (const std::string& piece : pieces)
+                if (!(piece == "!" ? client.sendUrgent() : client.send(piece)))
+                    GTEST_SKIP() << "this kernel has no urgent data here";
+            for (int look = 0; look < 4; ++look) {
+                const Instant due = reading.due;
+                for (const std::string& line : linesOf(reading, reading.readCmd()))
+                    lines.push_back(line);
+                inTime = inTime && (due == AT_ONCE || instantNow() < due);
+            }
+            EXPECT_FALSE(inTime && hasInput(reading.fd)) << "four looks are enough for any of these";
+        }
+        if (!inTime) continue; // the machine was too busy, which says nothing
+        EXPECT_THAT(lines, ElementsAre("ver\r", "next"));
+    }
 }
 
-TEST_F(XcpCon, WaitsOnWhenThePeerClosesInsideAHeader)
+TEST_F(XcpCon, IsNotWokenAgainByUrgentBytesOfWhichSeveralCameAtOnce)
 {
-    ASSERT_TRUE(pair.send("AB"));
+    // The kernel keeps one, the last; those before it are ordinary bytes then (unix(7)).
+    for (int i = 0; i < 3; ++i)
+        if (!pair.sendUrgent()) GTEST_SKIP() << "this kernel has no urgent data here";
+    for (int look = 0; look < 2; ++look)
+        (void)conn.readCmd();
+    EXPECT_FALSE(hasInput(conn.fd));
+}
+
+TEST_F(XcpCon, ReportsAPeerThatClosedBehindAnUrgentByte)
+{
+    if (!pair.sendUrgent()) GTEST_SKIP() << "this kernel has no urgent data here";
     pair.closeClient();
-    SlowRead read(conn);
-    std::this_thread::sleep_for(std::chrono::milliseconds(150));
-    EXPECT_FALSE(read.done());
-    g_endUnboundedWaits = true;
-    EXPECT_EQ(read.wait(), -1);
-}
-
-#endif
-
-TEST_F(XcpCon, EndsTheWaitForAHeaderSoonAfterTheDaemonIsToStop)
-{
-    ASSERT_TRUE(pair.send("AB"));
-    g_endUnboundedWaits = true;
-    const Stopwatch watch;
     EXPECT_EQ(conn.readCmd(), -1);
-    EXPECT_LT(watch.ms(), atMost(1000));
-}
-
-TEST_F(XcpCon, TakesAWholeHeaderAlsoWhenTheDaemonIsToStop)
-{
-    g_endUnboundedWaits = true;
-    EXPECT_THAT(sendAndRead(frame(5, "A\n")), ElementsAre("A\n"));
 }
 
 TEST_F(XcpCon, WritesTheTextInAFrame)

@@ -46,6 +46,7 @@ public:
                                        ports == WITH_LOCAL_PORTS)),
           peer(*tess)
     {
+        g_wakeUp.clear(); // of what an earlier daemon's end has left
     }
     DaemonTestBench(const DaemonTestBench&) = delete;
     DaemonTestBench& operator=(const DaemonTestBench&) = delete;

@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "common/process_copy.h"
+
 namespace {
 
 FakeSystem* fake = nullptr;
@@ -18,6 +20,7 @@ FakeSystem::FakeSystem()
 FakeSystem::~FakeSystem()
 {
     fake = nullptr;
+    g_isCopy = false; // a fork() that has returned 0 makes one of this process
 }
 
 // The linker's option --wrap leads the calls here, and __real_ to the system's own.
@@ -34,6 +37,7 @@ pid_t __wrap_fork()
     if (fake == nullptr) return __real_fork(); // a test's own child
     fake->calls.emplace_back("fork");
     if (fake->onFork) fake->onFork();
+    if (fake->forksReally) return __real_fork();
     if (fake->forkResult < 0) errno = EAGAIN;
     return fake->forkResult;
 }

@@ -15,6 +15,7 @@ public:
     ~FakeSystem();
 
     pid_t forkResult = 4711;      ///< what fork() returns; negative: with errno EAGAIN
+    bool forksReally = false;     ///< fork() forks: what follows is done by a child too
     int rebootResult = -1;        ///< what reboot() returns; -1: with errno EPERM
     std::function<void()> onFork; ///< called at every fork()
 

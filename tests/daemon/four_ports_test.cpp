@@ -19,6 +19,8 @@ using testing::IsEmpty;
 
 namespace {
 
+constexpr std::chrono::milliseconds SHORT{20};
+
 /// A daemon with every port, the serial line being a pseudo-terminal.
 class FourPorts : public testing::Test {
 protected:
@@ -71,8 +73,8 @@ TEST_F(FourPorts, StartWithoutTheSerialDevice)
     ASSERT_EQ(peer.conns().size(), 1U) << "its connection exists all the same";
     peer.servicePass();
     EXPECT_EQ(peer.conns().size(), 1U);
-    fd_set set;
-    EXPECT_GE(peer.collectDescriptors(set), 0);
+    TWaitSet waits;
+    EXPECT_TRUE(peer.collectConns(waits)) << "the other ports have descriptors";
 }
 
 TEST_F(FourPorts, AreLeftOutWhenThereIsNoMemoryForThem)
@@ -116,14 +118,14 @@ TEST_F(FourPorts, TakeATelnetUserThroughTheLoginToACommand)
     const TcpClient client(TcpClient::connectTo(23));
     ASSERT_TRUE(client.send("\r\n")); // says at once that it is no telnet client
     ASSERT_TRUE(waitUntil([&] {
-        peer.acceptConnections();
+        peer.serve(SHORT);
         return peer.conns().size() == 2;
     }));
     const auto pass = [&](std::string_view typed, const std::string& expected) {
         EXPECT_TRUE(client.send(typed));
         std::string seen;
         EXPECT_TRUE(waitUntil([&] {
-            peer.servicePass();
+            peer.serve(SHORT);
             seen += client.received();
             return seen.size() >= expected.size();
         }));
@@ -137,7 +139,7 @@ TEST_F(FourPorts, TakeATelnetUserThroughTheLoginToACommand)
     EXPECT_EQ(peer.delayQueues().size(), 1U);
     ASSERT_TRUE(client.send("quit\r\n"));
     ASSERT_TRUE(waitUntil([&] {
-        peer.servicePass();
+        peer.serve(SHORT);
         return peer.conns().size() == 1;
     }));
     EXPECT_EQ(readable(client.receiveToEnd()), "quit\\r\\n");
@@ -153,14 +155,19 @@ TEST_F(FourPorts, RemoveAClientWhoseLoginFailsAndServeTheNextInTheSamePass)
         clients.push_back(std::make_unique<TcpClient>(TcpClient::connectTo(23)));
         ASSERT_TRUE(clients[i]->send("\r\n"));
         ASSERT_TRUE(waitUntil([&] {
-            peer.acceptConnections();
+            peer.serve(SHORT);
             return peer.conns().size() == 2 + i;
         }));
     }
     peer.conns()[1]->loginState = 99;
+    peer.conns()[2]->loginState = LOGIN_NEW;
+    for (TPortConn* const conn : peer.conns())
+        conn->due = AT_ONCE;
     peer.servicePass();
     ASSERT_EQ(peer.conns().size(), 2U);
     EXPECT_EQ(peer.conns()[1]->loginState, 1) << "the second client has had its turn";
     EXPECT_EQ(log.count({251526, "Invalid login state (99) reached, closing connection"}), 1);
-    EXPECT_EQ(readable(clients[0]->receiveToEnd()), "\\r\\n");
+    EXPECT_EQ(readable(clients[0]->receiveToEnd()),
+              readable("\r\nMarvo Resident Telnet Server...\r\nUserName:\r\n\r\n\r\n"))
+        << "with the echo of its line";
 }

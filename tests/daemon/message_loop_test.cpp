@@ -25,7 +25,7 @@ constexpr const char* NO_MEMORY = "Couldn't allocate memory for process register
 constexpr const char* UNREGISTERED = "Process unregister operation successful";
 constexpr const char* REGISTRY_EMPTY = "Registered process list is empty";
 constexpr const char* NOT_REGISTERED = "Process not found in registered process list";
-constexpr const char* RESET_REFUSED = "Error Processing RESET Command\r\n\r\n";
+constexpr const char* REFUSED = "Error Processing RESET Command\r\n\r\n";
 constexpr std::uint32_t FAILURE = 0xFFFF'FFFF;
 constexpr const char* SERIAL_LINE = "/dev/ttyS1";
 
@@ -294,7 +294,7 @@ TEST_F(MessageLoop, WritesBytesToTheSerialLine)
         {"far more than a record holds", INT32_MAX, "bytes" + std::string(8171, '\0')},
     };
     FakeConn& serial = bench.addConn(1, 0x0056'0000);
-    serial.serial = 1;
+    serial.makeSerial();
     const FakeConn& other = bench.addConn(8, 0xBB01'0000);
     int mutes = 0;
     for (const Row& row : rows) {
@@ -318,7 +318,7 @@ TEST_F(MessageLoop, ReportsASerialLineThatCannotBeOpened)
 {
     if (!privateMountsProblem().empty()) GTEST_SKIP() << privateMountsProblem();
     FakeConn& serial = bench.addConn(1, 0x0056'0000);
-    serial.serial = 1;
+    serial.makeSerial();
     bench.peer.conns().insert(bench.peer.conns().begin(), nullptr);
     const Received answer = answerTo(message(MSG_COM2_WRITE, "bytes", 7, 5));
     EXPECT_EQ(answer.record.kind, 102U);
@@ -362,8 +362,8 @@ TEST_F(MessageLoop, AnswersAResetThatIsRefused)
     EXPECT_EQ(answer.record.tag, FAILURE) << "of the answer before it";
     EXPECT_EQ(answer.record.len, 0);
     EXPECT_EQ(answer.length, request.length);
-    EXPECT_EQ(answer.textBytes(), std::string(RESET_REFUSED).substr(0, request.length - 16)) << "cut to that length";
-    EXPECT_EQ(std::string(bench.peer.replyMsg().text), RESET_REFUSED) << "with its NUL";
+    EXPECT_EQ(answer.textBytes(), std::string(REFUSED).substr(0, request.length - 16)) << "cut to that length";
+    EXPECT_EQ(std::string(bench.peer.replyMsg().text), REFUSED) << "with its NUL";
     EXPECT_THAT(system.calls, IsEmpty());
     EXPECT_THAT(bench.log.lines(), ElementsAre(resetReceived));
 }
@@ -374,7 +374,7 @@ TEST_F(MessageLoop, RefusesAResetWithoutAWord)
     Outgoing empty = message(MSG_RESET);
     empty.length = 16;
     EXPECT_EQ(answerTo(empty).length, 16U);
-    EXPECT_EQ(std::string(bench.peer.replyMsg().text), RESET_REFUSED);
+    EXPECT_EQ(std::string(bench.peer.replyMsg().text), REFUSED);
     EXPECT_THAT(system.calls, IsEmpty());
 }
 

@@ -1,28 +1,18 @@
 #include "daemon/reset.h"
 
+#include <atomic>
 #include <cctype>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <gmock/gmock.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "tests/daemon/fake_system.h"
+#include "tests/daemon/reinit_program.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/waiting.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;
-namespace fs = std::filesystem;
 
 namespace {
-
-std::string hostName()
-{
-    char name[256]{};
-    if (::gethostname(name, sizeof name - 1) != 0) std::abort();
-    return name;
-}
 
 std::string swappedCase(std::string text)
 {
@@ -31,29 +21,26 @@ std::string swappedCase(std::string text)
     return text;
 }
 
-/// A re-initialisation program that notes that it ran.
-class ReinitProgram {
-public:
-    explicit ReinitProgram(int status)
-    {
-        if (::mkdtemp(folder_.data()) == nullptr) std::abort();
-        const std::string program = folder_ + "/program";
-        std::ofstream(program) << "#!/bin/sh\n: > " << folder_ << "/ran\nexit " << status << "\n";
-        ::chmod(program.c_str(), 0700);
-        ::setenv("TESS_REINIT", program.c_str(), 1);
-    }
-    ReinitProgram(const ReinitProgram&) = delete;
-    ReinitProgram& operator=(const ReinitProgram&) = delete;
-    ~ReinitProgram()
-    {
-        ::unsetenv("TESS_REINIT");
-        fs::remove_all(folder_);
-    }
-    bool hasRun() const { return fs::exists(folder_ + "/ran"); }
+int forkOnly()
+{
+    return ::fork();
+}
 
-private:
-    std::string folder_ = "/tmp/reinit-XXXXXX";
-};
+void tellNobody() {}
+
+/// What becomes of a line, once the program has ended that it may start.
+int ask(const char* line)
+{
+    const char asker = 0;
+    TReInit reInit(tellNobody);
+    TReset reset(reInit, forkOnly);
+    ResetResult result = reset.ask(line, &asker);
+    while (result == RESET_WAITS) {
+        EXPECT_TRUE(waitUntil([&] { return reInit.isOver(&asker); }));
+        result = reset.ask(line, &asker);
+    }
+    return result;
+}
 
 } // namespace
 
@@ -61,7 +48,7 @@ TEST(Reset, StartsForALineOfOneWord)
 {
     for (const char* line : {"RESET", "reset", "Resetting", "RESET|X", " RESET ", "X", "RESET\tA"}) {
         FakeSystem system;
-        EXPECT_EQ(resetDevice(line), 0) << '"' << line << '"';
+        EXPECT_EQ(ask(line), 0) << '"' << line << '"';
         EXPECT_THAT(system.calls, ElementsAre("fork")) << '"' << line << '"';
     }
 }
@@ -93,7 +80,7 @@ TEST(Reset, IsRefusedForLinesOfOtherForms)
     FakeSystem system;
     const LogCapture log;
     for (const std::string& line : lines)
-        EXPECT_EQ(resetDevice(line.c_str()), 1) << '"' << line << '"';
+        EXPECT_EQ(ask(line.c_str()), 1) << '"' << line << '"';
     EXPECT_THAT(system.calls, IsEmpty());
     EXPECT_FALSE(program.hasRun());
     EXPECT_THAT(log.lines(), IsEmpty());
@@ -105,7 +92,7 @@ TEST(Reset, ComparesTheHostNameWithRegardToCase)
     const std::string swapped = swappedCase(host);
     if (swapped == host) GTEST_SKIP() << "the host name \"" << host << "\" has no letters";
     FakeSystem system;
-    EXPECT_EQ(resetDevice(("RESET REINIT " + swapped).c_str()), 1);
+    EXPECT_EQ(ask(("RESET REINIT " + swapped).c_str()), 1);
     EXPECT_THAT(system.calls, IsEmpty());
 }
 
@@ -116,7 +103,7 @@ TEST(Reset, ReinitialisesFirstWhenAskedByThisHostsName)
                                     "  RESET   REINIT  " + host + "  ", "X REINIT " + host + ".example.org"}) {
         const ReinitProgram program(0);
         FakeSystem system;
-        EXPECT_EQ(resetDevice(line.c_str()), 0) << '"' << line << '"';
+        EXPECT_EQ(ask(line.c_str()), 0) << '"' << line << '"';
         EXPECT_TRUE(program.hasRun()) << '"' << line << '"';
         EXPECT_THAT(system.calls, ElementsAre("fork")) << '"' << line << '"';
     }
@@ -126,7 +113,7 @@ TEST(Reset, DoesNotReinitialiseForALineOfOneWord)
 {
     const ReinitProgram program(0);
     FakeSystem system;
-    EXPECT_EQ(resetDevice("RESET"), 0);
+    EXPECT_EQ(ask("RESET"), 0);
     EXPECT_FALSE(program.hasRun());
 }
 
@@ -136,11 +123,11 @@ TEST(Reset, IsRefusedWhenTheReinitialisationFails)
     const std::string line = "RESET REINIT " + hostName();
     {
         const ReinitProgram failing(3);
-        EXPECT_EQ(resetDevice(line.c_str()), 1);
+        EXPECT_EQ(ask(line.c_str()), 1);
         EXPECT_TRUE(failing.hasRun());
     }
     ::setenv("TESS_REINIT", "/nonexistent/program", 1);
-    EXPECT_EQ(resetDevice(line.c_str()), 1);
+    EXPECT_EQ(ask(line.c_str()), 1);
     ::unsetenv("TESS_REINIT");
     EXPECT_THAT(system.calls, IsEmpty());
 }
@@ -150,7 +137,7 @@ TEST(Reset, LogsAForkThatFails)
     FakeSystem system;
     system.forkResult = -1;
     const LogCapture log;
-    EXPECT_EQ(resetDevice("RESET"), 1);
+    EXPECT_EQ(ask("RESET"), 1);
     EXPECT_THAT(log.lines(),
                 ElementsAre(LogLine{250005, "Error forking for reboot: Resource temporarily unavailable"}));
     EXPECT_THAT(system.calls, ElementsAre("fork"));
@@ -161,7 +148,7 @@ TEST(Reset, RestartsTheDeviceFromTheChildAfterFiveSeconds)
     FakeSystem system;
     system.forkResult = 0;
     const LogCapture log;
-    EXPECT_EQ(resetDevice("RESET"), 1) << "the restart was refused: the child reports that";
+    EXPECT_EQ(ask("RESET"), 1) << "the restart was refused: the child reports that";
     EXPECT_THAT(system.calls, ElementsAre("fork", "sync", "sleep 5", "reboot 0x1234567"));
     EXPECT_THAT(log.lines(), ElementsAre(LogLine{250005, "Error forcing reboot: Operation not permitted"}));
 }
@@ -172,8 +159,124 @@ TEST(Reset, EndsTheChildWhenTheRestartIsUnderWay)
         FakeSystem system;
         system.forkResult = 0;
         system.rebootResult = 0;
-        resetDevice("RESET");
+        ask("RESET");
         std::_Exit(77); // not reached
     };
     EXPECT_EXIT(inChild(), testing::ExitedWithCode(0), "");
+}
+
+// --- while a program runs
+
+namespace {
+
+std::atomic<int> programsOver{0};
+
+class LongReset : public testing::Test {
+protected:
+    LongReset()
+    {
+        EXPECT_EQ(reset.ask(line.c_str(), &asker), RESET_WAITS);
+        EXPECT_TRUE(waitUntil([this] { return program.hasRun(); }));
+    }
+
+    void endProgram()
+    {
+        const int before = programsOver;
+        program.letEnd();
+        ASSERT_TRUE(waitUntil([&] { return programsOver > before; }));
+    }
+
+    FakeSystem system;
+    const ReinitProgram program{0, ReinitProgram::UNTIL_TOLD};
+    const std::string line = reinitLine();
+    const char asker = 0;
+    const char other = 0;
+    TReInit reInit{[] { ++programsOver; }};
+    TReset reset{reInit, forkOnly};
+};
+
+} // namespace
+
+TEST_F(LongReset, WaitsForTheProgram)
+{
+    EXPECT_FALSE(reInit.isOver(&asker));
+    EXPECT_EQ(reset.ask(line.c_str(), &asker), RESET_WAITS) << "asked too early";
+    EXPECT_THAT(system.calls, IsEmpty());
+    endProgram();
+    EXPECT_TRUE(reInit.isOver(&asker));
+    EXPECT_THAT(system.calls, IsEmpty()) << "before it is asked again";
+    EXPECT_EQ(reset.ask(line.c_str(), &asker), RESET_STARTED);
+    EXPECT_THAT(system.calls, ElementsAre("fork"));
+    EXPECT_EQ(reset.ask(line.c_str(), &other), RESET_WAITS) << "the next program may start";
+    EXPECT_TRUE(waitUntil([this] { return reInit.isOver(&other); }));
+}
+
+TEST_F(LongReset, RefusesAnotherProgramMeanwhile)
+{
+    EXPECT_EQ(reset.ask(line.c_str(), &other), RESET_REFUSED);
+    endProgram();
+    EXPECT_EQ(reset.ask(line.c_str(), &other), RESET_REFUSED) << "until the first one is told";
+    EXPECT_EQ(reset.ask(line.c_str(), &asker), RESET_STARTED);
+}
+
+TEST_F(LongReset, RestartsMeanwhileForWhoAsksForNothingElse)
+{
+    EXPECT_EQ(reset.ask("RESET", &other), RESET_STARTED);
+    EXPECT_THAT(system.calls, ElementsAre("fork"));
+    EXPECT_FALSE(reInit.isOver(&asker));
+    endProgram();
+}
+
+TEST_F(LongReset, RestartsAfterTheProgramOfAnAskerThatIsGone)
+{
+    reInit.forget(&other);
+    reInit.forget(&asker);
+    EXPECT_EQ(reset.ask(line.c_str(), &asker), RESET_REFUSED) << "as one that comes after it";
+    reset.finishForgotten();
+    EXPECT_THAT(system.calls, IsEmpty());
+    endProgram();
+    reset.finishForgotten();
+    EXPECT_THAT(system.calls, ElementsAre("fork"));
+    reset.finishForgotten();
+    EXPECT_THAT(system.calls, ElementsAre("fork")) << "once";
+}
+
+TEST_F(LongReset, LeavesAskersAloneThatAreThere)
+{
+    endProgram();
+    reset.finishForgotten();
+    EXPECT_THAT(system.calls, IsEmpty());
+}
+
+TEST_F(LongReset, NeverRestartsAfterItWasCancelled)
+{
+    reInit.cancel();
+    endProgram();
+    EXPECT_FALSE(reInit.isOver(&asker));
+    EXPECT_EQ(reset.ask(line.c_str(), &asker), RESET_WAITS);
+    reInit.forget(&asker);
+    reset.finishForgotten();
+    EXPECT_THAT(system.calls, IsEmpty());
+}
+
+TEST(Reset, StartsNoProgramAfterItWasCancelled)
+{
+    const char asker = 0;
+    const ReinitProgram program(0);
+    FakeSystem system;
+    TReInit reInit(tellNobody);
+    TReset reset(reInit, forkOnly);
+    reInit.cancel();
+    EXPECT_EQ(reset.ask(reinitLine().c_str(), &asker), RESET_REFUSED);
+    EXPECT_FALSE(program.hasRun());
+    EXPECT_THAT(system.calls, IsEmpty());
+}
+
+TEST_F(LongReset, HasFailedInACopyThatIsMadeMeanwhile)
+{
+    reInit.startInCopy();
+    EXPECT_TRUE(reInit.isOver(&asker));
+    EXPECT_EQ(reset.ask(line.c_str(), &asker), RESET_REFUSED);
+    EXPECT_THAT(system.calls, IsEmpty());
+    endProgram();
 }

@@ -7,10 +7,11 @@
 #include <unistd.h>
 #include <vector>
 
-#include "connections/waiting.h"
+#include "common/wake_up.h"
 #include "ports/milestone.h"
 #include "tests/daemon/daemon_test_bench.h"
 #include "tests/support/allocation_count.h"
+#include "tests/support/pty_line.h"
 #include "tests/support/waiting.h"
 
 using testing::ElementsAre;
@@ -41,7 +42,8 @@ TEST(SignalHandler, AsksTheDaemonToStop)
         EXPECT_EQ(bench.peer.stopRequested(), 0);
         signalHandler(signo);
         EXPECT_EQ(bench.peer.stopRequested(), 1);
-        EXPECT_TRUE(g_endWaits && g_endUnboundedWaits);
+        EXPECT_TRUE(isReadable(g_wakeUp.fd())) << "the service thread is woken";
+        g_wakeUp.clear();
         EXPECT_EQ(g_milestone.load(), 42);
         EXPECT_THAT(bench.log.lines(), ElementsAre(signo == SIGTERM ? terminated : quitted));
     }

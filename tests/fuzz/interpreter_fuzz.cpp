@@ -2,8 +2,9 @@
 
 #include <algorithm>
 #include <cstring>
-#include <strings.h>
 
+#include "commands/command_text.h"
+#include "framework/tokenizer.h"
 #include "tests/commands/command_test_bench.h"
 #include "tests/fuzz/fuzz_check.h"
 #include "tests/fuzz/fuzz_input.h"
@@ -11,20 +12,17 @@
 
 namespace {
 
-/// More would fill the queue of the process, which makes every one of them slow.
-constexpr std::ptrdiff_t MOST_FORWARDS = 10;
-
 int resets = 0;
+bool waitsForReset = false;
 
-int fakeResetDevice(const char* line)
+/// Refused by turns, and by turns at a second asking only.
+ResetResult fakeResetDevice(const char* line, const void*)
 {
+    const std::size_t length = std::strlen(line);
+    waitsForReset = !waitsForReset && length % 4 < 2;
+    if (waitsForReset) return RESET_WAITS;
     ++resets;
-    return static_cast<int>(std::strlen(line) % 2); // refused by turns
-}
-
-bool beginsWithNoCase(const std::string& text, const char* head)
-{
-    return ::strncasecmp(text.c_str(), head, std::strlen(head)) == 0;
+    return length % 2 == 0 ? RESET_STARTED : RESET_REFUSED;
 }
 
 bool isReply(std::string_view text)
@@ -56,13 +54,15 @@ public:
     void process(std::uint32_t portType, std::uint32_t tag, std::string line)
     {
         line = line.c_str(); // as readers hand it over: up to its NUL
-        const bool many = std::count(line.begin(), line.end(), '|') >= MOST_FORWARDS;
-        bench_.regProcs[0]->procId = many ? 2003 : 2001; // 2003 has no queue
         FakeConn conn(portType, 0xBB01'0000);
         std::vector<char> buffer(line.c_str(), line.c_str() + line.size() + 1);
         const TCmdEntry entry{tag, buffer.data()};
         const int resetsBefore = resets;
-        const int result = processCmd(bench_.context, portType != 0 ? &conn : nullptr, &entry);
+        forwarded_.clear();
+        int result = 0;
+        while ((result = processCmd(bench_.context, portType != 0 ? &conn : nullptr, &entry)) == CMD_WAITS)
+            makeRoom(portType != 0 ? conn.progress : bench_.delayedLine.progress);
+        checkAtItsStart(portType != 0 ? conn.progress : bench_.delayedLine.progress);
 
         const bool isReset = beginsWithNoCase(line, "RESET");
         const bool quits = portType == PORT_TELNET && line.starts_with("quit") && !isReset;
@@ -75,7 +75,9 @@ public:
         for (const std::string& text : conn.written)
             fuzzCheck(isReply(text) || isListing(text), "a reply is one of the known texts");
         checkRecord();
+        takeForwarded();
         checkForwards(portType != 0 ? conn.connId | tag : tag);
+        if (!isReset && !quits) checkNothingIsLost(line, conn.written.size(), portType != 0);
     }
 
     /// Lets everything that is delayed fall due at once.
@@ -83,16 +85,59 @@ public:
     {
         TDelayQueue due;
         for (auto& [time, line] : bench_.delayQueues)
-            if (std::count(line.begin(), line.end(), '|') < MOST_FORWARDS) due.emplace(0, std::move(line));
+            due.emplace(0, std::move(line));
         bench_.delayQueues = std::move(due);
-        bench_.regProcs[0]->procId = 2003;
-        runDelays(bench_.context);
+        forwarded_.clear();
+        for (runDelays(bench_.context); bench_.delayedLine.runs; runDelays(bench_.context))
+            makeRoom(bench_.delayedLine.progress);
+        checkAtItsStart(bench_.delayedLine.progress);
         for (const auto& [time, line] : bench_.delayQueues)
             fuzzCheck(time != 0, "what was due is no longer queued");
         checkRecord();
+        takeForwarded();
+        checkForwards(0);
     }
 
 private:
+    void takeForwarded()
+    {
+        for (const Received& record : encoder_.receiveAll())
+            forwarded_.push_back(record);
+    }
+
+    /// For a line that waits; others write to the record meanwhile.
+    void makeRoom(const TCmdProgress& progress)
+    {
+        fuzzCheck(progress.waits(), "a line that waits says what for");
+        if (progress.wait == TCmdProgress::Wait::room) {
+            fuzzCheck(progress.queueWaiter.address == 2001, "it waits for the process whose queue is full");
+            const std::size_t before = forwarded_.size();
+            takeForwarded();
+            fuzzCheck(forwarded_.size() > before, "it waits for a queue that is full");
+        }
+        bench_.outMsg.tag = 0xFFFF'FFFF;
+        bench_.outMsg.text[0] = '\0';
+        bench_.outLen = 0;
+    }
+
+    void checkAtItsStart(const TCmdProgress& progress)
+    {
+        fuzzCheck(!progress.waits() && progress.token == 0 && !progress.pastReset && progress.queueWaiter.address == 0,
+                  "a line leaves nothing behind");
+    }
+
+    /// Every token up to a DELAY is forwarded, or answered, or both; without a connection some are neither.
+    void checkNothingIsLost(const std::string& line, std::size_t replies, bool hasConn)
+    {
+        std::vector<std::string_view> tokens;
+        stringTokenizer(line, tokens, "|");
+        const auto delay =
+            std::ranges::find_if(tokens, [](auto token) { return beginsWithNoCase(trimmed(token), "DELAY"); });
+        const auto before = static_cast<std::size_t>(delay - tokens.begin());
+        fuzzCheck(forwarded_.size() <= before, "no token is forwarded twice");
+        if (hasConn) fuzzCheck(forwarded_.size() + replies >= before, "no token is lost");
+    }
+
     void checkRecord()
     {
         fuzzCheck(bench_.outMsg.kind == MSG_TEXT && bench_.outMsg.sender == 4711, "kind and sender are left alone");
@@ -103,7 +148,7 @@ private:
 
     void checkForwards(std::uint32_t tag)
     {
-        for (const Received& forwarded : encoder_.receiveAll()) {
+        for (const Received& forwarded : forwarded_) {
             const std::string_view text = forwarded.textBytes();
             fuzzCheck(text.size() >= 2 && text.ends_with(std::string_view("\n\0", 2)),
                       "a command ends with LF and NUL");
@@ -116,6 +161,7 @@ private:
 
     CommandTestBench bench_;
     QueueProcess encoder_{bench_.directory, 2001};
+    std::vector<Received> forwarded_; ///< to the process, since the line began
 };
 
 } // namespace

@@ -11,11 +11,15 @@
 #include "tests/fuzz/fuzz_input.h"
 #include "tests/support/private_mounts.h"
 
-// In place of the daemon's own, which is then not linked in: nothing here restarts anything.
-int resetDevice(const char* line) noexcept
+// In place of the daemon's own, which are then not linked in: nothing here restarts anything.
+TReset::TReset(TReInit& reInit, std::function<int()> forkWhole) : reInit_(reInit), forkWhole_(std::move(forkWhole)) {}
+
+ResetResult TReset::ask(const char* line, const void* /*asker*/) noexcept
 {
-    return static_cast<int>(std::strlen(line) % 2); // refused by turns
+    return std::strlen(line) % 2 == 0 ? RESET_STARTED : RESET_REFUSED; // refused by turns
 }
+
+void TReset::finishForgotten() noexcept {}
 
 namespace {
 
@@ -199,7 +203,7 @@ public:
         bench_.addConn(PORT_IPC, 0xBB01'0000);
         bench_.addConn(PORT_TELNET, 0xAA01'0000);
         bench_.addConn(PORT_TELNET, 0xAA02'0000);
-        bench_.addConn(PORT_COM2, 0x0056'0000).serial = 1;
+        bench_.addConn(PORT_COM2, 0x0056'0000).makeSerial();
         bench_.addConn(PORT_XCP, 0x0057'0000);
         bench_.addConn(PORT_TELNET, 0xAA03'0000);
         model_.emplace(bench_.peer.conns());

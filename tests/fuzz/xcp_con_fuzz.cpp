@@ -4,7 +4,6 @@
 #include <cstring>
 #include <memory>
 
-#include "connections/waiting.h"
 #include "tests/fuzz/fuzz_check.h"
 #include "tests/fuzz/fuzz_input.h"
 #include "tests/support/line_rules.h"
@@ -44,17 +43,20 @@ struct Session {
     /// @return false when the connection is to be closed
     bool read()
     {
+        const Instant frameEnd = conn.due;
         const int count = conn.readCmd();
         fuzzCheck(count >= -1 && count <= TPortConn::RX_BYTES, "the result is a number of lines, or -1");
-        if (inFlight.empty()) {
-            fuzzCheck(count == 0, "nothing yields nothing");
+        const bool isLate = hasBegun && instantNow() >= frameEnd;
+        if (count == -1 && isLate) return false; // a slow machine
+        FrameHeader header{};
+        hasBegun = !inFlight.empty() && inFlight.size() < sizeof header;
+        fuzzCheck(conn.wantsInput, "input is waited for");
+        if (inFlight.size() < sizeof header) {
+            fuzzCheck(count == 0, "a header that is not whole yields nothing");
+            fuzzCheck(hasBegun == (conn.due != NEVER), "and is waited for, once it has begun");
             return true;
         }
-        FrameHeader header{};
-        if (inFlight.size() < sizeof header) {
-            fuzzCheck(count == -1, "a header that is not whole ends the connection when the daemon is to stop");
-            return false;
-        }
+        if (count >= 0) fuzzCheck(conn.due == NEVER, "nothing is due behind a frame");
         std::memcpy(&header, inFlight.data(), sizeof header);
         if (header.payloadBytes < 0 || header.payloadBytes > 1008) {
             fuzzCheck(count == -1, "a length that does not fit ends the connection");
@@ -92,6 +94,7 @@ struct Session {
     StreamPair pair;
     TXCPCon conn{4, 0x0057'0000};
     std::string inFlight;
+    bool hasBegun = false; ///< a header
 };
 
 } // namespace
@@ -118,7 +121,6 @@ std::span<const std::string_view> fuzzDictionary()
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
-    g_endUnboundedWaits = true; // a header that is not whole is not waited for
     FuzzInput input(data, size);
     auto session = std::make_unique<Session>();
     while (!input.empty()) {

@@ -10,9 +10,11 @@
 #include <string>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
+#include "common/process_copy.h"
 #include "framework/fixed_text.h"
 #include "ports/milestone.h"
 #include "ports/port_ipc_socket.h"
@@ -20,7 +22,6 @@
 #include "tests/support/descriptor_limit.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/private_mounts.h"
-#include "tests/support/waiting.h"
 
 using testing::ElementsAre;
 using testing::ElementsAreArray;
@@ -252,9 +253,9 @@ TEST_P(LocalSocketPort, FindsNobodyAtOnceWhenNobodyConnects)
 {
     const auto port = kind().make();
     TPortConn* conn = nullptr;
-    const Stopwatch watch;
+    EXPECT_EQ(port->due, AT_ONCE);
     EXPECT_EQ(port->chkNewConn(&conn), 0);
-    EXPECT_LT(watch.ms(), atMost(1000));
+    EXPECT_EQ(port->due, NEVER);
     EXPECT_EQ(conn, nullptr);
     EXPECT_EQ(port->activeConns, 0);
     EXPECT_EQ(port->nextConnId, kind().firstConnId - 0x10000);
@@ -342,20 +343,56 @@ TEST_P(LocalSocketPort, ClosesTheEleventhClientAtOnceAndTakesTheNextWhenOneHasGo
     EXPECT_EQ(next->connId, kind().firstConnId + 11 * 0x10000U);
 }
 
-TEST_P(LocalSocketPort, DisposesOfAClientThatItCannotAccept)
+TEST_P(LocalSocketPort, LeavesAClientWaitingForWhomThereIsNoDescriptor)
 {
     const auto port = kind().make();
     Clients clients(path());
     clients.connect();
-    TPortConn* conn = nullptr;
+    HandedOut handedOut(*port);
+    const LogCapture log;
+    const Instant before = instantNow();
     {
         const DescriptorLimit none(0);
-        EXPECT_EQ(port->chkNewConn(&conn), 0);
+        EXPECT_EQ(handedOut.take(), nullptr);
+        EXPECT_EQ(handedOut.take(), nullptr) << "asked again, too";
     }
-    EXPECT_EQ(conn, nullptr);
     EXPECT_EQ(port->activeConns, 0);
-    EXPECT_EQ(port->nextConnId, kind().firstConnId) << "it has used an ID";
-    EXPECT_TRUE(port->rests()) << "the client still waits, and would wake the service loop again and again";
+    EXPECT_EQ(port->nextConnId, kind().firstConnId - 0x10000) << "it has used no ID";
+    EXPECT_THAT(log.lines(), ElementsAre());
+    EXPECT_FALSE(port->wantsInput) << "it would wake the service loop again and again";
+    EXPECT_GE(port->due, before + std::chrono::seconds(1));
+    EXPECT_LE(port->due, instantNow() + std::chrono::seconds(1));
+
+    const TPortConn* const conn = handedOut.take();
+    ASSERT_NE(conn, nullptr) << "it is served when there are descriptors";
+    EXPECT_EQ(conn->connId, kind().firstConnId);
+    EXPECT_TRUE(port->wantsInput);
+    EXPECT_EQ(port->due, NEVER);
+}
+
+TEST_P(LocalSocketPort, LeavesTheFileAndTheClientsToTheOriginalWhenACopyCloses)
+{
+    auto original = kind().make();
+    Clients clients(path());
+    const int client = clients.connect();
+    HandedOut handedOut(*original);
+    ASSERT_NE(handedOut.take(), nullptr);
+    const pid_t copy = ::fork();
+    ASSERT_GE(copy, 0);
+    if (copy == 0) {
+        g_isCopy = true;
+        original->closeConn(&handedOut.slot(0));
+        original->closePort();
+        original.reset();
+        ::_exit(0);
+    }
+    int status = -1;
+    ASSERT_EQ(::waitpid(copy, &status, 0), copy);
+    ASSERT_EQ(status, 0);
+    EXPECT_FALSE(closedByServer(client));
+    EXPECT_TRUE(fs::is_socket(path()));
+    EXPECT_GE(clients.connect(), 0);
+    EXPECT_NE(handedOut.take(), nullptr);
 }
 
 TEST_P(LocalSocketPort, ClosesAClientWhoseDescriptorNoSetHolds)

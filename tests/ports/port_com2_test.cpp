@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <unistd.h>
 
+#include "common/process_copy.h"
 #include "connections/com2_conn.h"
 #include "ports/milestone.h"
 #include "tests/support/log_capture.h"
@@ -98,6 +99,8 @@ TEST_F(PortCom2, OpensWithItsNumbers)
     EXPECT_NE(::fcntl(port.fd, F_GETFD) & FD_CLOEXEC, 0);
     EXPECT_EQ(::fcntl(port.fd, F_GETFL) & O_ACCMODE, O_RDWR);
     EXPECT_NE(::fcntl(port.fd, F_GETFL) & O_NONBLOCK, 0);
+    EXPECT_FALSE(port.wantsInput) << "what is typed is for its connection";
+    EXPECT_EQ(port.due, AT_ONCE);
 }
 
 TEST_F(PortCom2, SetsTheLineByName)
@@ -127,6 +130,10 @@ TEST_F(PortCom2, SetsTheLineByName)
         for (const Character& character : characters)
             EXPECT_EQ(tio.c_cc[character.index], character.value) << character.name;
     }
+    // As this C library numbers the speed; a newer one may keep it elsewhere.
+    termios speed{};
+    ASSERT_EQ(::cfsetospeed(&speed, B38400), 0);
+    EXPECT_EQ(port.portTio.c_cflag, speed.c_cflag | static_cast<tcflag_t>(CS8 | CREAD | CLOCAL));
     EXPECT_EQ(port.portTio.c_cc[27], 0x18) << "which the kernel does not give back";
     EXPECT_EQ(setCharacters(port.portTio).size(), 14U) << "and nothing else is set";
 }
@@ -243,6 +250,22 @@ TEST_F(PortCom2, GivesTheLineItsSettingsBackWhenItCloses)
     EXPECT_EQ(std::memcmp(after.c_cc, before.c_cc, sizeof after.c_cc), 0);
 }
 
+TEST_F(PortCom2, LeavesTheLineToTheOriginalWhenACopyCloses)
+{
+    TPortCom2 port;
+    ASSERT_TRUE(far->type("for the original\r"));
+    ASSERT_TRUE(isReadable(line));
+    const LogCapture log;
+    g_isCopy = true;
+    EXPECT_EQ(port.closePort(), 0);
+    g_isCopy = false;
+    EXPECT_FALSE(port.isOpen);
+    EXPECT_THAT(log.lines(), ElementsAre(portClosed));
+    EXPECT_EQ(settings().c_lflag, static_cast<tcflag_t>(ICANON)) << "not as they were found";
+    char typed[100];
+    EXPECT_EQ(::read(line, typed, sizeof typed), 17);
+}
+
 TEST_F(PortCom2, HasOneConnectionAtATimeAndTheNextWhenThatHasGone)
 {
     TPortCom2 port;
@@ -256,14 +279,18 @@ TEST_F(PortCom2, HasOneConnectionAtATimeAndTheNextWhenThatHasGone)
     EXPECT_EQ(port.activeConns, 1);
 
     TPortConn* none = nullptr;
+    EXPECT_FALSE(port.isDue(TWaitSet())) << "there is one: nothing to ask for";
     EXPECT_EQ(port.chkNewConn(&none), 0);
     EXPECT_EQ(none, nullptr);
     EXPECT_EQ(port.nextConnId, 0x0056'0000U);
+    EXPECT_EQ(port.due, NEVER);
 
     EXPECT_EQ(port.closeConn(&conn), 0);
     EXPECT_EQ(conn, nullptr);
     EXPECT_EQ(port.activeConns, 0);
     EXPECT_NE(::fcntl(port.fd, F_GETFD), -1) << "the line stays open";
+    EXPECT_TRUE(port.isDue(TWaitSet())) << "the next one is wanted";
+    EXPECT_FALSE(port.wantsInput);
 
     ASSERT_EQ(port.chkNewConn(&conn), 1);
     EXPECT_EQ(conn->connId, 0x0057'0000U);
@@ -294,6 +321,8 @@ TEST_F(PortCom2, StaysClosedWithoutItsDeviceButHasItsConnectionAllTheSame)
         ASSERT_EQ(port.chkNewConn(&conn), 1);
         EXPECT_LT(conn->fd, 0);
         EXPECT_EQ(conn->readCmd(), 0);
+        EXPECT_EQ(conn->due, NEVER);
+        EXPECT_EQ(port.due, NEVER);
         TOrbAttachmentMsg record{};
         EXPECT_EQ(conn->write(&record), 1);
         EXPECT_EQ(conn->startMute(), 0);

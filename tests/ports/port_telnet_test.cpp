@@ -8,11 +8,13 @@
 #include <thread>
 #include <vector>
 
+#include "common/process_copy.h"
+#include "common/wait_set.h"
 #include "connections/telnet_conn.h"
-#include "connections/waiting.h"
 #include "ports/milestone.h"
 #include "tests/support/descriptor_limit.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/looks.h"
 #include "tests/support/private_network.h"
 #include "tests/support/readable.h"
 #include "tests/support/tcp_pair.h"
@@ -39,29 +41,62 @@ protected:
     void SetUp() override
     {
         if (!privateNetworkProblem().empty()) GTEST_SKIP() << privateNetworkProblem();
-        g_endWaits = false;
         port = std::make_unique<TPortTelnet>();
     }
     void TearDown() override
     {
-        g_endWaits = false;
         for (TPortConn*& conn : conns)
             port->closeConn(&conn);
     }
 
-    /// Lets the port take whoever waits; loopback is quick, not immediate.
+    /// Waits for the port as the service loop does.
+    /// @return false when nothing was ready or due before the end
+    bool waitForPort(std::chrono::milliseconds end = DEADLINE) const
+    {
+        TWaitSet waits;
+        if (port->wantsInput) waits.addInput(port->fd);
+        waits.addDue(port->due);
+        for (const TPortConn* conn : port->arriving) {
+            if (conn->wantsInput) waits.addInput(conn->fd);
+            waits.addDue(conn->due);
+        }
+        waits.wait(end);
+        bool isReady = (port->wantsInput && waits.hasInput(port->fd)) || waits.isDue(port->due);
+        for (const TPortConn* conn : port->arriving)
+            isReady = isReady || (conn->wantsInput && waits.hasInput(conn->fd)) || waits.isDue(conn->due);
+        return isReady;
+    }
+
+    /// A look.
+    /// @return the new connection, null when there is none
+    TPortConn* check()
+    {
+        TPortConn* conn = nullptr;
+        const int result = port->chkNewConn(&conn);
+        EXPECT_EQ(result, conn != nullptr ? 1 : 0);
+        if (conn != nullptr) conns.push_back(conn);
+        return conn;
+    }
+
+    /// Looks, as the service loop does, until a client that has just connected is handed out or has been disposed of.
     /// @return the new connection, null when there is none
     TPortConn* take()
     {
-        TPortConn* conn = nullptr;
         const std::uint32_t before = port->nextConnId;
-        waitUntil([&] {
-            const int result = port->chkNewConn(&conn);
-            EXPECT_EQ(result, conn != nullptr ? 1 : 0);
-            return port->nextConnId != before;
-        });
-        if (conn != nullptr) conns.push_back(conn);
-        return conn;
+        do {
+            EXPECT_TRUE(waitForPort());
+            if (TPortConn* const conn = check()) return conn;
+        } while (port->nextConnId == before || !port->arriving.empty());
+        return nullptr;
+    }
+
+    /// Looks until so many clients are arriving.
+    void acceptUntil(std::size_t count)
+    {
+        while (port->arriving.size() < count) {
+            ASSERT_TRUE(waitForPort());
+            ASSERT_EQ(check(), nullptr);
+        }
     }
 
     std::unique_ptr<TPortTelnet> port;
@@ -128,6 +163,8 @@ TEST_F(PortTelnet, HandsOutAClientAsAConnectionThatIsNotLoggedIn)
     EXPECT_EQ(conn->portId, 2U);
     EXPECT_EQ(conn->loginState, 0);
     EXPECT_EQ(conn->serverEcho, 1);
+    EXPECT_TRUE(conn->wantsInput);
+    EXPECT_EQ(conn->due, AT_ONCE) << "it is to be greeted";
     EXPECT_EQ(conn->peerAddr.sin_family, AF_INET);
     EXPECT_EQ(conn->peerAddr.sin_addr.s_addr, htonl(INADDR_LOOPBACK));
     EXPECT_NE(ntohs(conn->peerAddr.sin_port), 23);
@@ -148,11 +185,78 @@ TEST_F(PortTelnet, HandsOutAClientAsAConnectionThatIsNotLoggedIn)
 TEST_F(PortTelnet, NegotiatesBeforeItHandsOut)
 {
     const TcpClient client(TcpClient::connectTo(23));
-    ASSERT_TRUE(client.send("\xFF\xFB\x22"));
+    ASSERT_TRUE(
+        client.send("\xFF\xFB\x22\xFF\xFA\x22\x01\x05\xFF\xF0\xFF\xFA\x22\x03\x11\x82\x0D\x12\x82\x0D\xFF\xF0"));
     const auto* const conn = dynamic_cast<TTelnetConn*>(take());
     ASSERT_NE(conn, nullptr);
     EXPECT_EQ(conn->lineMode, 1);
     EXPECT_EQ(readable(client.receive(6)), readable("\xFF\xFD\x03\xFF\xFD\x22"));
+}
+
+TEST_F(PortTelnet, LetsNobodyWaitForASilentClient)
+{
+    const LogCapture log;
+    const Instant before = instantNow();
+    const TcpClient silent(TcpClient::connectTo(23));
+    acceptUntil(1);
+    EXPECT_EQ(port->activeConns, 1);
+    const Client talkative;
+    while (check() == nullptr)
+        ASSERT_TRUE(waitForPort());
+    EXPECT_EQ(conns[0]->connId, 0xAA02'0000U);
+    ASSERT_EQ(port->arriving.size(), 1U);
+    int looks = 1;
+    for (; check() == nullptr; ++looks)
+        ASSERT_TRUE(waitForPort());
+    EXPECT_GE(instantNow(), before + std::chrono::seconds(1));
+    EXPECT_LE(looks, 4) << "nothing is looked at that is not due";
+    EXPECT_EQ(conns[1]->connId, 0xAA01'0000U);
+    EXPECT_EQ(conns[1]->due, AT_ONCE);
+    EXPECT_THAT(port->arriving, IsEmpty());
+    EXPECT_EQ(silent.received(), "");
+    EXPECT_THAT(log.lines(), ElementsAre(LogLine{6000, "Opened telnet connection 0xaa010000 from 127.0.0.1"},
+                                         LogLine{6000, "Opened telnet connection 0xaa000000 from 127.0.0.1"}))
+        << "each with its own number";
+}
+
+TEST_F(PortTelnet, HandsOutOneClientACallAndIsAskedAgainAtOnce)
+{
+    std::vector<std::unique_ptr<TcpClient>> clients;
+    for (std::size_t i = 1; i <= 3; ++i) {
+        clients.push_back(std::make_unique<TcpClient>(TcpClient::connectTo(23)));
+        acceptUntil(i);
+    }
+    for (const auto& client : clients)
+        ASSERT_TRUE(client->send("*\r\n"));
+    for (const TPortConn* conn : port->arriving)
+        ASSERT_TRUE(hasArrived(conn->fd, 3));
+    for (std::uint32_t i = 1; i <= 3; ++i) {
+        ASSERT_TRUE(waitForPort(std::chrono::milliseconds(0)));
+        const TPortConn* const conn = check();
+        ASSERT_NE(conn, nullptr);
+        EXPECT_EQ(conn->connId, 0xAA00'0000U + i * 0x1'0000) << "in the order in which they came";
+    }
+}
+
+TEST_F(PortTelnet, DoesNotLookAgainAndAgainAtAClientThatIsNotReady)
+{
+    struct Row {
+        const char* behaviour;
+        std::string bytes;
+        bool shutDown;
+    };
+    for (const Row& row : {Row{"half a command", "\xFF", false}, Row{"its end", "", true}, Row{"both", "\xFF", true}}) {
+        SCOPED_TRACE(row.behaviour);
+        const TcpClient client(TcpClient::connectTo(23));
+        ASSERT_TRUE(client.send(row.bytes));
+        if (row.shutDown) client.shutDown();
+        int looks = 0;
+        for (const std::size_t before = conns.size(); conns.size() == before; ++looks) {
+            ASSERT_TRUE(waitForPort());
+            (void)check();
+        }
+        EXPECT_LE(looks, 6);
+    }
 }
 
 TEST_F(PortTelnet, TellsTheEleventhClientAndTakesTheNextWhenOneHasGone)
@@ -204,22 +308,54 @@ TEST_F(PortTelnet, DropsAClientThatHasResetWithoutAnOpenedLine)
     EXPECT_THAT(log.lines()[0].text, testing::EndsWith(".  Active connections = 0"));
 }
 
-TEST_F(PortTelnet, DropsAClientThatItCannotAccept)
+TEST_F(PortTelnet, DropsAClientThatResetsBehindAnUrgentByte)
 {
+    TcpClient client(TcpClient::connectTo(23));
+    acceptUntil(1);
+    ASSERT_TRUE(client.send("!", MSG_OOB));
+    client.reset();
+    const LogCapture log;
+    int looks = 0;
+    for (; port->activeConns != 0; ++looks) {
+        ASSERT_TRUE(waitForPort());
+        EXPECT_EQ(check(), nullptr);
+    }
+    EXPECT_LE(looks, 3);
+    EXPECT_THAT(port->arriving, IsEmpty());
+    EXPECT_THAT(log.lines(),
+                ElementsAre(LogLine{6001, "Telnet connection closed for 127.0.0.1.  Active connections = 0"}));
+}
+
+TEST_F(PortTelnet, RestsWhenThereAreNoDescriptorsButGoesOnWithThoseWhoHaveCome)
+{
+    const TcpClient arriving(TcpClient::connectTo(23));
+    acceptUntil(1);
     const Client client;
     pollfd waiting{port->fd, POLLIN, 0};
     ASSERT_EQ(::poll(&waiting, 1, 10'000), 1);
     const LogCapture log;
-    TPortConn* conn = nullptr;
     {
         const DescriptorLimit none(0);
-        EXPECT_EQ(port->chkNewConn(&conn), 0);
+        const Instant before = instantNow();
+        EXPECT_EQ(check(), nullptr);
+        EXPECT_FALSE(port->wantsInput);
+        EXPECT_GE(port->due, before + TCmdPort::REST_TIME);
+        EXPECT_LE(port->due, instantNow() + TCmdPort::REST_TIME);
     }
-    EXPECT_EQ(conn, nullptr);
-    EXPECT_EQ(port->activeConns, 0);
-    EXPECT_EQ(port->nextConnId, 0xAA01'0000U) << "it has used an ID";
-    EXPECT_THAT(log.lines(),
-                ElementsAre(LogLine{6001, "Telnet connection closed for 0.0.0.0.  Active connections = 0"}));
+    EXPECT_EQ(port->activeConns, 1);
+    EXPECT_EQ(port->nextConnId, 0xAA01'0000U) << "it has used no ID";
+    EXPECT_THAT(log.lines(), IsEmpty());
+
+    const Instant due = port->due;
+    ASSERT_TRUE(arriving.send("*\r\n"));
+    ASSERT_TRUE(hasArrived(port->arriving[0]->fd, 3));
+    ASSERT_NE(check(), nullptr);
+    EXPECT_EQ(port->due, due) << "it is not asked while it rests";
+    EXPECT_EQ(port->nextConnId, 0xAA01'0000U);
+
+    ASSERT_NE(take(), nullptr) << "the other has waited";
+    EXPECT_GE(instantNow(), due);
+    EXPECT_EQ(conns.back()->connId, 0xAA02'0000U);
 }
 
 TEST_F(PortTelnet, ClosesAClientWhoseDescriptorNoSetHolds)
@@ -303,6 +439,37 @@ TEST_F(PortTelnet, ClosesOnceAndKeepsItsConnections)
     EXPECT_EQ(client.receive(1), "?");
     EXPECT_EQ(port->closeConn(&conns[0]), 0);
     EXPECT_EQ(port->activeConns, -1) << "nothing checks the counter after that";
+}
+
+TEST_F(PortTelnet, DisposesOfClientsThatAreArrivingBeforeItCloses)
+{
+    const TcpClient first(TcpClient::connectTo(23));
+    const TcpClient second(TcpClient::connectTo(23));
+    acceptUntil(2);
+    const LogCapture log;
+    EXPECT_EQ(port->closePort(), 0);
+    EXPECT_EQ(first.receiveToEnd(), "");
+    EXPECT_EQ(second.receiveToEnd(), "");
+    EXPECT_EQ(port->activeConns, 0);
+    EXPECT_THAT(port->arriving, IsEmpty());
+    EXPECT_THAT(log.lines(),
+                ElementsAre(LogLine{6001, "Telnet connection closed for 127.0.0.1.  Active connections = 1"},
+                            LogLine{6001, "Telnet connection closed for 127.0.0.1.  Active connections = 0"},
+                            portClosed));
+}
+
+TEST_F(PortTelnet, OnlyLetsGoOfClientsThatAreArrivingInACopy)
+{
+    const TcpClient client(TcpClient::connectTo(23));
+    acceptUntil(1);
+    const int original = ::fcntl(port->arriving[0]->fd, F_DUPFD_CLOEXEC, 0);
+    g_isCopy = true;
+    port.reset();
+    g_isCopy = false;
+    ASSERT_EQ(::send(original, "*", 1, 0), 1) << "the original goes on with it";
+    EXPECT_EQ(client.receive(1), "*");
+    ::close(original);
+    EXPECT_EQ(client.receiveToEnd(), "");
 }
 
 TEST_F(PortTelnet, LeavesTheNumbersOfItsProgress)

@@ -6,12 +6,14 @@
 #include <string>
 #include <vector>
 
+#include "connections/line_output.h"
 #include "connections/port_conn.h"
 
 /// What fakes of one test have done, in order.
 using Events = std::vector<std::string>;
 
-/// A connection that yields what a test puts in and keeps what is written to it.
+/// A connection that yields what a test puts in and keeps what is written to it. It is due at once, again and again, unless a
+/// test sets `due`.
 class FakeConn : public TPortConn {
 public:
     /// @param events  gets "NAME gone" at the end of the connection; may be null
@@ -23,6 +25,13 @@ public:
     ~FakeConn() override
     {
         if (events_ != nullptr) events_->push_back(name_ + " gone");
+    }
+
+    /// Makes it the serial line's.
+    void makeSerial()
+    {
+        serial = 1;
+        output = &line;
     }
 
     /// The next read yields these lines. Without any, reads yield nothing.
@@ -70,6 +79,7 @@ public:
     int writeResult = 0;
     int timedOut = 0;
     int serial = 0;
+    TLineOutput line;
     int unmuted = 1;
     int mutes = 0;
     int reads = 0;

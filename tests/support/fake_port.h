@@ -23,6 +23,7 @@ public:
     {
         ++checks;
         if (onCheck) onCheck();
+        due = waiting.size() > 1 ? AT_ONCE : NEVER;
         if (waiting.empty()) return checkResult;
         *newConn = waiting.front();
         waiting.pop_front();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdlib>
+#include <poll.h>
 #include <string>
 #include <string_view>
 #include <sys/socket.h>
@@ -40,6 +41,10 @@ public:
         return ::send(client_, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
     }
 
+    /// Sends one urgent byte, '!'.
+    /// @return false where the kernel has none for such streams (unix(7))
+    bool sendUrgent() const { return ::send(client_, "!", 1, MSG_OOB | MSG_NOSIGNAL) == 1; }
+
     /// Everything that has arrived at the client.
     std::string received() const
     {
@@ -67,3 +72,10 @@ private:
     int client_ = -1;
     int server_ = -1;
 };
+
+/// @return true when the service loop would be woken by that descriptor
+inline bool hasInput(int fd)
+{
+    pollfd input{fd, POLLIN, 0};
+    return ::poll(&input, 1, 0) == 1;
+}

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "common/wake_up.h"
 #include "daemon/tess.h"
 
 /// Lets a test at the inside of a daemon.
@@ -7,15 +8,31 @@ class TTessPeer {
 public:
     explicit TTessPeer(TTess& tess) : tess_(tess) {}
 
-    void acceptConnections() { tess_.acceptConnections(); }
-    void servicePass() { tess_.servicePass(); }
+    void acceptConnections(const TWaitSet& waits = {}) { tess_.acceptConnections(waits); }
+    void servicePass(const TWaitSet& waits = {}) { tess_.servicePass(waits); }
     void serviceLoop() { tess_.serviceLoop(); }
-    int collectDescriptors(fd_set& set) { return tess_.collectDescriptors(set); }
+    bool collectConns(TWaitSet& waits) { return tess_.collectConns(waits); }
+    void serviceQueues(const TWaitSet& waits, TWaitSet& next) { tess_.serviceQueues(waits, next); }
+
+    /// One turn of the service loop, which waits for `most` at most.
+    void serve(std::chrono::milliseconds most = {})
+    {
+        TWaitSet next;
+        (void)tess_.collectConns(next);
+        tess_.runDelayedLines(waits_);
+        tess_.serviceQueues(waits_, next);
+        waits_ = next;
+        waits_.wait(most);
+        g_wakeUp.clear();
+        tess_.acceptConnections(waits_);
+        tess_.servicePass(waits_);
+    }
     int removeConn(std::size_t index) { return tess_.removeConn(index); }
     void closeAllConns() { tess_.closeAllConns(); }
     void closeTelnetConns() { tess_.closeTelnetConns(); }
     int registerProc() { return tess_.registerProc(); }
     int unregisterProc() { return tess_.unregisterProc(); }
+    bool handleReset() { return tess_.handleReset(); }
     void clearRegistry() { tess_.clearRegistry(); }
 
     TOrbAttachmentMsg& inMsg() { return tess_.inMsg; }
@@ -28,8 +45,15 @@ public:
     std::mutex& regLock() { return tess_.regLock; }
     TDelayQueue& delayQueues() { return tess_.delayQueues; }
     std::int32_t stopRequested() const { return tess_.stopRequested; }
+    /// @return true when the service thread has been told to end after a stop message
+    bool isEnding()
+    {
+        const std::scoped_lock lock(tess_.connLock);
+        return tess_.serviceEnd != NEVER;
+    }
     bool serviceDone() const { return tess_.serviceDone; }
 
 private:
     TTess& tess_;
+    TWaitSet waits_; ///< as the last wait has left it
 };

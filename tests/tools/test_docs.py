@@ -43,7 +43,7 @@ def test_every_oddity_names_a_test_that_exists():
 def test_only_its_own_tests_know_the_inside_of_the_bundled_framework():
     found = [
         os.path.relpath(name, PROJECT)
-        for room in ("connections", "ports", "commands", "daemon", "examples", "tools")
+        for room in ("common", "connections", "ports", "commands", "daemon", "examples", "tools")
         for name in glob.glob(os.path.join(PROJECT, room, "**", "*.*"), recursive=True)
         if name.endswith((".h", ".cpp")) and "framework/bundled/" in read(name)
     ]

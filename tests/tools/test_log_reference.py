@@ -8,7 +8,7 @@ sys.path.insert(0, os.path.dirname(os.path.realpath(__file__)))
 
 from log_calls import PROJECT, VARIES, Reader  # noqa: E402
 
-FOLDERS = ["framework", "connections", "ports", "commands", "daemon"]
+FOLDERS = ["framework", "common", "connections", "ports", "commands", "daemon"]
 
 
 def reference() -> list[tuple[int, str, list[str]]]:

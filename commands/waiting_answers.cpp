@@ -1,0 +1,35 @@
+#include "commands/waiting_answers.h"
+
+#include <cstring>
+#include <new>
+
+#include "framework/queue_mgr.h"
+
+bool TWaitingAnswers::send(long address, TOrbAttachmentMsg& msg, long length) noexcept
+try {
+    TQueueWaiter once; // most answers are sent at once, and need no copy
+    if (fullQueues_.send(once, address, msg, length) != SEND_QUEUE_FULL) return false;
+    fullQueues_.leave(once);
+    if (answers_.size() >= MAX_ANSWERS) return false;
+    const auto* const bytes = reinterpret_cast<const char*>(&msg);
+    answers_.push_back({address, std::vector<char>(bytes, bytes + length), {}});
+    const bool kept = fullQueues_.send(answers_.back().waiter, address, msg, length) == SEND_QUEUE_FULL;
+    if (!kept) answers_.pop_back();
+    return kept;
+} catch (const std::bad_alloc&) {
+    return false;
+}
+
+bool TWaitingAnswers::isDone(Answer& answer, const TWaitSet& waits)
+{
+    if (!fullQueues_.mayTry(answer.waiter, waits)) return false;
+    TOrbAttachmentMsg msg;
+    std::memcpy(&msg, answer.record.data(), answer.record.size());
+    return fullQueues_.send(answer.waiter, answer.address, msg, static_cast<long>(answer.record.size())) !=
+           SEND_QUEUE_FULL; // what cannot be delivered is done, too
+}
+
+void TWaitingAnswers::goOn(const TWaitSet& waits)
+{
+    answers_.remove_if([this, &waits](Answer& answer) { return isDone(answer, waits); });
+}

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <list>
+#include <vector>
+
+#include "commands/full_queues.h"
+
+/// Answers of the message loop to processes whose queue is full: they wait as commands do, in order.
+/// Threads: no lock of its own; under the daemon's registry lock.
+class TWaitingAnswers {
+public:
+    /// Chosen: what comes on top is lost, as an answer to a stuck queue is.
+    static constexpr std::size_t MAX_ANSWERS = 64;
+
+    explicit TWaitingAnswers(TFullQueues& fullQueues) : fullQueues_(fullQueues) {}
+
+    /// Sends an answer, or keeps a copy that is sent when its queue has room. Allocates only for what is kept.
+    /// @return true when it is kept
+    bool send(long address, TOrbAttachmentMsg& msg, long length) noexcept;
+
+    /// Sends what may be sent now.
+    void goOn(const TWaitSet& waits);
+
+private:
+    struct Answer {
+        long address;
+        std::vector<char> record;
+        TQueueWaiter waiter;
+    };
+
+    bool isDone(Answer& answer, const TWaitSet& waits);
+
+    TFullQueues& fullQueues_;
+    std::list<Answer> answers_;
+};

@@ -1,0 +1,55 @@
+#include "common/wait_set.h"
+
+#include <algorithm>
+
+namespace {
+
+/// Rounded up: who wakes up early would find nothing due, and wait again.
+timeval timeUntil(Instant due, Instant now, std::chrono::microseconds most)
+{
+    using std::chrono::microseconds;
+    const microseconds left = due <= now          ? microseconds(0)
+                              : due - now >= most ? most
+                                                  : std::chrono::ceil<microseconds>(due - now);
+    timeval span{};
+    span.tv_sec = static_cast<time_t>(left.count() / 1'000'000);
+    span.tv_usec = static_cast<suseconds_t>(left.count() % 1'000'000);
+    return span;
+}
+
+} // namespace
+
+TWaitSet::TWaitSet()
+{
+    FD_ZERO(&input_);
+    FD_ZERO(&output_);
+}
+
+void TWaitSet::add(int fd, fd_set& set)
+{
+    if (!fits(fd)) return;
+    FD_SET(fd, &set);
+    count(fd);
+}
+
+void TWaitSet::count(int fd)
+{
+    if (fits(fd)) maxFd_ = std::max(maxFd_, fd);
+}
+
+void TWaitSet::addDue(Instant due)
+{
+    due_ = std::min(due_, due);
+}
+
+void TWaitSet::wait(std::chrono::milliseconds most)
+{
+    timeval span = timeUntil(due_, instantNow(), most);
+    failed_ = ::select(maxFd_ + 1, &input_, &output_, nullptr, &span) < 0;
+    now_ = instantNow();
+}
+
+bool TWaitSet::isIn(int fd, const fd_set& set) const
+{
+    return fits(fd) && (failed_ || FD_ISSET(fd, &set));
+}

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <sys/select.h>
+
+#include "common/instant.h"
+
+/// What the service loop waits for, in one select(2): descriptors, and the nearest moment at which something is due.
+/// Descriptors that an fd_set cannot hold (below 0, 1024 and above) are left out.
+/// Threads: an object belongs to one.
+class TWaitSet {
+public:
+    TWaitSet();
+
+    /// @return true for a descriptor that can be waited for
+    static bool fits(int fd) { return fd >= 0 && fd < FD_SETSIZE; }
+
+    void addInput(int fd) { add(fd, input_); }
+    void addOutput(int fd) { add(fd, output_); }
+    /// Wakes up no later than then.
+    void addDue(Instant due);
+
+    /// Counts a descriptor that could be waited for, whether or not it is now.
+    void count(int fd);
+
+    /// @return false: no descriptor was added or counted
+    bool hasDescriptors() const { return maxFd_ >= 0; }
+
+    /// Waits until a descriptor is ready, something is due, a signal arrives, or `most` has passed.
+    void wait(std::chrono::milliseconds most);
+
+    /// After wait(); both are true when the wait has failed: whoever asks then looks for himself.
+    bool hasInput(int fd) const { return isIn(fd, input_); }
+    bool hasRoom(int fd) const { return isIn(fd, output_); }
+
+    /// @return true when `due` had come at the end of the wait
+    bool isDue(Instant due) const { return due <= now_; }
+
+    /// When the wait ended; before it, when the set was made.
+    Instant now() const { return now_; }
+
+private:
+    void add(int fd, fd_set& set);
+    bool isIn(int fd, const fd_set& set) const;
+
+    fd_set input_;
+    fd_set output_;
+    int maxFd_ = -1;
+    Instant due_ = NEVER;
+    Instant now_ = instantNow();
+    bool failed_ = false;
+};

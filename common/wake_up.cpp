@@ -1,0 +1,37 @@
+#include "common/wake_up.h"
+
+#include <cerrno>
+#include <cstdint>
+#include <stdexcept>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+constinit TWakeUp g_wakeUp;
+
+void TWakeUp::open()
+{
+    if (fd_ >= 0) return;
+    fd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (fd_ < 0) throw std::runtime_error("failed creating wake-up descriptor");
+}
+
+void TWakeUp::openAnew()
+{
+    if (fd_ < 0) return;
+    (void)::close(fd_); // the parent keeps its own
+    fd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+}
+
+void TWakeUp::wake() const
+{
+    const int savedErrno = errno;
+    const std::uint64_t one = 1;
+    (void)::write(fd_, &one, sizeof one); // a count that is full wakes as well
+    errno = savedErrno;
+}
+
+void TWakeUp::clear() const
+{
+    std::uint64_t count = 0;
+    (void)::read(fd_, &count, sizeof count); // nothing there is as good
+}

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <atomic>
+
+/// Ends the service loop's wait from elsewhere, by a descriptor that becomes readable (eventfd(2)). There is one, it is never
+/// closed, and whoever is late to wake it disturbs nobody: threads of their own and the signal handler may outlive a daemon.
+class TWakeUp {
+public:
+    constexpr TWakeUp() = default;
+    TWakeUp(const TWakeUp&) = delete;
+    TWakeUp& operator=(const TWakeUp&) = delete;
+
+    /// Makes the descriptor, once. Threads: main thread, before there are others.
+    /// @throws std::runtime_error  "failed creating wake-up descriptor"
+    void open();
+
+    /// For a process that has just been forked, which must not wake its parent. Without a descriptor of its own it wakes up
+    /// when its wait is over.
+    void openAnew();
+
+    /// @return -1: not open
+    int fd() const { return fd_.load(); }
+
+    /// Threads: any; also from a signal handler. Keeps errno.
+    void wake() const;
+
+    /// Takes the wakes that have come. Threads: the one that waits.
+    void clear() const;
+
+private:
+    std::atomic<int> fd_{-1};
+};
+
+extern TWakeUp g_wakeUp;

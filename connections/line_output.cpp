@@ -1,0 +1,151 @@
+#include "connections/line_output.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <unistd.h>
+#include <utility>
+
+#include "connections/connection_log.h"
+
+namespace {
+
+/// @return how many bytes the line has taken; nothing when it is gone
+std::optional<std::size_t> offer(int line, std::string_view bytes)
+{
+    const ssize_t taken = ::write(line, bytes.data(), bytes.size());
+    if (taken > 0) return static_cast<std::size_t>(taken);
+    if (taken < 0 && (errno == EAGAIN || errno == EINTR)) return 0;
+    return std::nullopt;
+}
+
+void closeLine(int line)
+{
+    if (line >= 0) (void)::close(line); // nothing is left to do for a descriptor that fails to close
+}
+
+} // namespace
+
+TLineOutput::~TLineOutput()
+{
+    closeLine(reportedLine_);
+}
+
+TLineOutput::Sent TLineOutput::write(int line, std::string_view text)
+{
+    return send(line, text, std::nullopt);
+}
+
+TLineOutput::Sent TLineOutput::writeReported(int line, std::string_view text, const Ticket& ticket)
+{
+    const bool hasLine = reportedLine_ >= 0;
+    const Sent sent = send(line >= 0 && hasLine ? reportedLine_ : line, text, ticket);
+    if (sent == Sent::kept && !hasLine)
+        reportedLine_ = line;
+    else
+        closeLine(line);
+    return sent;
+}
+
+TLineOutput::Sent TLineOutput::send(int line, std::string_view text, const std::optional<Ticket>& ticket)
+{
+    if (line < 0) return Sent::refused;
+    if (text.size() > CAPACITY - keptBytes_) {
+        logMessage(connection_log::com2OutputDropped);
+        return Sent::refused;
+    }
+    if (texts_.empty() && !text.empty()) {
+        const auto taken = offer(line, text);
+        if (!taken) return Sent::refused;
+        text.remove_prefix(*taken);
+    }
+    if (text.empty()) return Sent::whole;
+    keep(line, text, ticket);
+    return Sent::kept;
+}
+
+void TLineOutput::keep(int line, std::string_view rest, const std::optional<Ticket>& ticket)
+{
+    keptBytes_ += rest.size();
+    const bool goesWithTheLast = !ticket && !texts_.empty() && !texts_.back().ticket && texts_.back().line == line;
+    if (goesWithTheLast)
+        texts_.back().rest += rest;
+    else
+        texts_.push_back({line, std::string(rest), ticket, instantNow()});
+}
+
+void TLineOutput::goOn(Instant now)
+{
+    if (pauseEnd_ != NEVER) {
+        if (pauseEnd_ <= now) pauseEnd_ = NEVER;
+        return;
+    }
+    const std::size_t before = keptBytes_;
+    while (!texts_.empty() && sendFirst(now)) {
+    }
+    // A tab goes as a whole, and may find less room than was reported: select(2) would come back at once, again and again.
+    if (!texts_.empty() && keptBytes_ == before) pauseEnd_ = now + RETRY_TIME;
+    for (auto text = firstReported(); text != texts_.end() && failure(*text) <= now; text = firstReported())
+        end(text, false);
+}
+
+/// @return true when the first text has come to its end
+bool TLineOutput::sendFirst(Instant now)
+{
+    Text& text = texts_.front();
+    const auto taken = offer(text.line, text.rest);
+    if (!taken) {
+        end(texts_.begin(), false);
+        return true;
+    }
+    if (*taken == 0) return false;
+    lastTaken_ = now;
+    text.rest.erase(0, *taken);
+    keptBytes_ -= *taken;
+    if (!text.rest.empty()) return false;
+    end(texts_.begin(), true);
+    return true;
+}
+
+std::deque<TLineOutput::Text>::const_iterator TLineOutput::firstReported() const
+{
+    return std::find_if(texts_.begin(), texts_.end(), [](const Text& text) { return text.ticket.has_value(); });
+}
+
+/// @return when a reported text fails unless the line takes something before
+Instant TLineOutput::failure(const Text& text) const
+{
+    return std::max(lastTaken_, text.since) + PATIENCE;
+}
+
+/// Removes a text, and reports it when somebody asked for that.
+void TLineOutput::end(const std::deque<Text>::const_iterator& text, bool written)
+{
+    if (text->ticket) reports_.push_back({*text->ticket, written});
+    keptBytes_ -= text->rest.size();
+    texts_.erase(text);
+    if (firstReported() == texts_.end()) closeLine(std::exchange(reportedLine_, -1));
+    if (texts_.empty()) pauseEnd_ = NEVER;
+}
+
+int TLineOutput::waitsFor() const
+{
+    return texts_.empty() || pauseEnd_ != NEVER ? -1 : texts_.front().line;
+}
+
+Instant TLineOutput::due() const
+{
+    if (pauseEnd_ != NEVER) return pauseEnd_;
+    const auto text = firstReported();
+    return text != texts_.end() ? failure(*text) : NEVER;
+}
+
+void TLineOutput::fail()
+{
+    while (!texts_.empty())
+        end(texts_.begin(), false);
+}
+
+std::vector<TLineOutput::Report> TLineOutput::takeReports()
+{
+    return std::exchange(reports_, {});
+}

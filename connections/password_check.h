@@ -1,0 +1,39 @@
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <memory>
+#include <optional>
+
+#include "connections/authenticate.h"
+
+/// A name and a password that are being checked by authenticate(), in a thread of its own: a hash takes as long as it is made
+/// to take. The service loop is woken at the end.
+class TPasswordCheck {
+public:
+    static constexpr std::size_t TEXT_BYTES = 257; ///< a name or a password, its NUL included
+
+    /// @param password  copied; the copy is wiped
+    /// @return null: no thread could be made
+    static std::shared_ptr<TPasswordCheck> start(const char* userName, const char* password);
+
+    TPasswordCheck(const char* userName, const char* password);
+    TPasswordCheck(const TPasswordCheck&) = delete;
+    TPasswordCheck& operator=(const TPasswordCheck&) = delete;
+    ~TPasswordCheck();
+
+    const char* userName() const { return userName_.data(); }
+
+    bool isOver() const { return over_; }
+
+    /// @return AuthResult; to be asked when it is over
+    int result() const { return result_; }
+
+private:
+    void run();
+
+    std::array<char, TEXT_BYTES> userName_;
+    std::array<char, TEXT_BYTES> password_;
+    int result_ = AUTH_REFUSED;
+    std::atomic<bool> over_{false};
+};

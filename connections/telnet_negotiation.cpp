@@ -1,0 +1,65 @@
+#include "connections/telnet_negotiation.h"
+
+#include <algorithm>
+#include <array>
+
+using telnet::Byte;
+using telnet::Turn;
+using telnet::Verdict;
+
+Turn TTelnetNegotiation::take(std::span<const Byte> input, Instant now)
+{
+    using Read = TTelnetCmdReader::Read;
+    input = input.first(std::min(input.size(), Turn::INPUT_BYTES));
+    Turn turn;
+    while (turn.verdict == Verdict::goOn) {
+        const std::span<const Byte> rest = input.subspan(turn.used);
+        const auto [read, length] = reader_.readTelnetCmd(rest, now);
+        if (read == Read::incomplete) break;
+        turn.used += length;
+        if (read == Read::command)
+            takeCommand(rest.first(length), now, turn);
+        else
+            turn.verdict = outcome();
+    }
+    return turn;
+}
+
+void TTelnetNegotiation::takeCommand(std::span<const Byte> command, Instant now, Turn& turn)
+{
+    if (!offered_) turn.insist(telnet::offerOptions);
+    offered_ = true;
+    if (command.size() == 3)
+        processOptStat(command, turn);
+    else if (telnet::isLinemodeSubNeg(command))
+        processSubNegLm(command, now, turn);
+    else if (!askedMode_)
+        turn.verdict = outcome();
+}
+
+/// Notes LINEMODE, refuses what is not known.
+void TTelnetNegotiation::processOptStat(std::span<const Byte> command, Turn& turn)
+{
+    const Byte verb = command[1];
+    const Byte option = command[2];
+    if (option == telnet::ECHO_OPTION || option == telnet::SUPPRESS_GO_AHEAD) return;
+    if (option == telnet::LINEMODE) {
+        if (verb == telnet::WILL) lineMode_ = true;
+        return;
+    }
+    if (verb != telnet::WILL && verb != telnet::DO) return;
+    turn.say(std::array{telnet::IAC, telnet::WONT, option}); // WONT, not DONT, for a WILL too (deliberate)
+}
+
+/// Makes the client edit lines and send them at CR, and notes its answers.
+void TTelnetNegotiation::processSubNegLm(std::span<const Byte> command, Instant now, Turn& turn)
+{
+    if (!askedMode_) {
+        turn.insist(telnet::modeEdit);
+        turn.insist(telnet::slcForward);
+        reader_.restart(now, LINEMODE_TIME);
+    }
+    askedMode_ = true;
+    answers_.take(command);
+    if (answers_.complete()) turn.verdict = outcome();
+}
