@@ -8,6 +8,7 @@ import subprocess
 SHA512 = b"$6$Zq3nB0uT$75bVGaMmqaY2KMRd5Rk2pvNM0CcfiWX8tolejA.uwIwPc8zJs5ZdoR.68IrlTSiA1DguIjn3cFXjAwDLVomSA/"
 YESCRYPT = b"$y$j9T$wq8R1pXz0dVnK3e.Lm5Tu/$sKHHyAqVhAO7HS/BO7wzLH7NSjGvHh7ZqsOACJ07dk8"
 SHA512_OF_ROOT = b"$6$kH7sW2xE$X4UGlXnayluzITquHiYIqasPd7Y18eyAo8F1nhQKg2OUwUHTToMFtx6GeOeHaQDQNa2vHr2Th4SDYCyDmtxHb."
+EXPENSIVE = b"$6$rounds=3000000$q8sVw2Lm0TzR$N3KqjjDfeHyikP/NW4DTdfrnpR9jUc6K8kb9zIw4bBscM23lpPqs8dTDwEqADP9QfG1haoTUPkVan/FWPV.9h."  # a second of a fast processor
 
 
 @dataclasses.dataclass(frozen=True)
@@ -23,6 +24,7 @@ ROOT = Account(b"root", b"toor", SHA512_OF_ROOT)
 SHADOWED = Account(b"sheila", b"secret", b"x")
 LOCKED = Account(b"lola", b"secret", b"!" + SHA512)
 WITHOUT_PASSWORD = Account(b"olga", b"", b"")
+PATIENT = Account(b"paula", b"secret", EXPENSIVE)
 LONGEST_NAME = Account(b"n" * 255, b"secret", SHA512)  # with its line end as long as a name may be
 TOO_LONG_NAME = Account(b"m" * 256, b"secret", SHA512)
 FORMAT_NAME = Account(b"%s%n%d", b"secret", SHA512)
@@ -36,6 +38,7 @@ ALL = (
     SHADOWED,
     LOCKED,
     WITHOUT_PASSWORD,
+    PATIENT,
     LONGEST_NAME,
     TOO_LONG_NAME,
     FORMAT_NAME,

@@ -67,6 +67,7 @@ class Daemon:
         launcher: Sequence[str] = (),
         closed_streams: Iterable[int] = (),
         occupied: Iterable[int] = (),
+        standard_error: int | None = None,
     ) -> None:
         """Starts the program; wait_ready() says when it serves.
 
@@ -74,6 +75,7 @@ class Daemon:
         launcher        a program that runs the daemon as its one child
         closed_streams  which of the descriptors 0, 1 and 2 are closed when the program starts
         occupied        descriptors that are open on /dev/null when the program starts
+        standard_error  what it gets in the place of the log file; who reads from it hands on to take_log()
         """
         self.number = next(Daemon._numbers)
         self._log_file = self._artefact("log")
@@ -95,7 +97,7 @@ class Daemon:
             self.command,
             stdin=subprocess.DEVNULL,
             stdout=self._output_file,
-            stderr=self._log_file,
+            stderr=self._log_file if standard_error is None else standard_error,
             env=_environment(environment, notify_path),
             preexec_fn=prepare if closed or taken else None,
             close_fds=not taken,
@@ -162,6 +164,10 @@ class Daemon:
     def output_text(self) -> str:
         """Everything the daemon has written to standard output."""
         return os.pread(self._output_file, 1 << 26, 0).decode(errors="replace")
+
+    def take_log(self, piece: bytes) -> None:
+        """Something that the daemon has written to another standard error than its log file."""
+        os.write(self._log_file, piece)
 
     def read_log(self) -> list[LogLine]:
         """The log lines so far."""

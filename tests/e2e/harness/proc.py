@@ -66,6 +66,26 @@ def cpu_nanoseconds(pid: int) -> int:
     return total
 
 
+def seconds_in_line(pid: int) -> dict[int, float]:
+    """How long each thread that lives now has stood ready to run without a processor, since it began."""
+    found = {}
+    with contextlib.suppress(FileNotFoundError, ProcessLookupError):
+        for task in tasks(pid):
+            with contextlib.suppress(FileNotFoundError, ProcessLookupError):  # it ended meanwhile
+                found[task] = _second_in_schedstat(f"/proc/{pid}/task/{task}/schedstat")
+    return found
+
+
+def own_seconds_in_line() -> float:
+    """The same of the calling thread."""
+    return _second_in_schedstat("/proc/thread-self/schedstat")
+
+
+def _second_in_schedstat(path: str) -> float:
+    with open(path, encoding="ascii") as schedstat:
+        return int(schedstat.read().split()[1]) / 1e9
+
+
 def unread(client: socket.socket) -> int:
     """How many bytes that this end of a TCP connection has sent lie unread at the other end, which is on this machine too."""
     near, far = (f":{address[1]:04X}" for address in (client.getsockname(), client.getpeername()))
