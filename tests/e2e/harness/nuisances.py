@@ -16,7 +16,7 @@ from collections.abc import Callable, Iterator
 from harness import accounts, com2, proc, settings, wire
 from harness.clients import Client, IpcClient, XcpClient
 from harness.com2 import SerialLine
-from harness.daemon import Daemon
+from harness.daemon import RUNNING, Daemon
 from harness.log_pipe import LogPipe
 from harness.queue_process import QueueProcess
 from harness.telnet import GREETING, IAC, NOP, PASSWORD_PROMPT, WILL_ECHO, LinemodeClient, TelnetClient
@@ -41,12 +41,12 @@ class Scene:
         )
         if self.log_pipe:
             self.log_pipe.attach(self.tessd)
-            self.tessd.wait_ready()
             self.log_pipe.read_until(com2.opened(1))
+            self.log_pipe.read_until(RUNNING)
             self.tessd.wait_asleep()
-            self.log_pipe.read()
-        self.tessd.wait_running()
-        self.tessd.wait_log(*com2.opened(1))
+        else:
+            self.tessd.wait_running()
+            self.tessd.wait_log(*com2.opened(1))
         self._addresses = iter(range(2001, 2999))
 
     def process(self) -> QueueProcess:
@@ -119,6 +119,9 @@ class Nuisance:
 
         self._threads.append(threading.Thread(target=run, daemon=True))
         self._threads[-1].start()
+
+    def wait_for(self, event: threading.Event, what: str) -> None:
+        assert event.wait(10 * settings.SLOW), f"not within {10 * settings.SLOW:g} s: {what}"
 
     def stay(self, seconds: float) -> None:
         """Or to the end."""
@@ -193,7 +196,7 @@ class FrameInTwoWrites(Nuisance):
     def begin(self) -> None:
         self._served = threading.Event()
         self.again_and_again(self._one)
-        assert self._served.wait(5 * settings.SLOW)
+        self.wait_for(self._served, "a header is taken")
 
     def _one(self) -> None:
         with XcpClient() as client:
@@ -266,7 +269,7 @@ class UrgentResets(Nuisance):
 class SilentTelnet(Nuisance):
     """Telnet clients that connect and say nothing, and again when they are greeted."""
 
-    count = 4
+    count = 3
 
     def begin(self) -> None:
         for _ in range(self.count):
@@ -283,7 +286,7 @@ class DeafToEcho(Nuisance):
     def begin(self) -> None:
         self._asked = threading.Event()
         self.again_and_again(self._one)
-        assert self._asked.wait(5 * settings.SLOW)
+        self.wait_for(self._asked, "a client is asked for its echo")
 
     def _one(self) -> None:
         with LinemodeClient() as client:
@@ -305,7 +308,7 @@ class ExpensivePassword(Nuisance):
     def begin(self) -> None:
         self._given = threading.Event()
         self.again_and_again(self._one)
-        assert self._given.wait(5 * settings.SLOW)
+        self.wait_for(self._given, "a password is given")
 
     def _one(self) -> None:
         with TelnetClient() as client:
@@ -377,9 +380,15 @@ def without_descriptors(pid: int) -> Iterator[None]:
 
 
 class NoDescriptors(Nuisance):
-    """A client of each socket port that cannot be accepted."""
+    """A client of each socket port that cannot be accepted, and another that asks all the time."""
+
+    asks = XcpClient
+    computes = True
 
     def begin(self) -> None:
+        busy = self.keep(IpcClient())
+        busy.expect_nothing_more()
+        self.again_and_again(busy.expect_nothing_more, 0)
         self.keep(without_descriptors(self.scene.tessd.pid))
         for opened in (TelnetClient, XcpClient, IpcClient):
             self.keep(opened())

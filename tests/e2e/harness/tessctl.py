@@ -18,6 +18,9 @@ from harness.waiting import wait_until
 
 PROGRAM = os.path.join(settings.BIN_DIR, "tessctl")
 
+# Whoever started the tests may ignore SIGHUP, which a program inherits and tessctl respects.
+HEEDING_SIGHUP = ("env", "--default-signal=HUP")
+
 DONE, REFUSED, NO_ANSWER, NO_CONNECTION, WRONG_USAGE = 0, 1, 2, 3, 64
 
 needs_tessctl = pytest.mark.skipif(not os.path.exists(PROGRAM), reason="tessctl is a program of the host, not of the target")
@@ -55,7 +58,7 @@ def running(*arguments: str, until: str, launcher: tuple[str, ...] = ()) -> Iter
     launcher    a program that becomes tessctl, or ends when that does"""
     with open("/tmp/tessctl.errors", "w+", encoding="utf-8") as errors:
         process = subprocess.Popen(
-            [*launcher, PROGRAM, *arguments], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=errors, text=True
+            [*HEEDING_SIGHUP, *launcher, PROGRAM, *arguments], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=errors, text=True
         )
         process.errors = lambda: open("/tmp/tessctl.errors", encoding="utf-8").read()  # type: ignore[attr-defined]
         try:
