@@ -8,6 +8,7 @@ import time
 import pytest
 
 from harness import proc, settings, wire
+from harness.answers import Blame, ask, expect_prompt
 from harness.clients import IpcClient, XcpClient
 from harness.queue_process import QueueProcess
 from harness.shifted_clock import ShiftedClock
@@ -133,11 +134,12 @@ TIMES = [
 def test_times_are_read_from_the_right(client):
     for text, seconds in TIMES:
         for line in (b"DELAY " + text, b"delay" + text, b" Delay\t" + text + b" "):
+            watch = Stopwatch()
             client.send(line + b"|some command\nDELAY\n")
             client.expect(OK)
             (entry,) = parse_listing(receive_text(client))
             # The listing shows one second less, and one less again when the clock's second has ended in between.
-            assert seconds_of(entry) in (seconds - 1, seconds - 2), f"{line!r}: {entry}"
+            assert 1 <= seconds - seconds_of(entry) <= 2 + watch.seconds(), f"{line!r}: {entry}"
             assert entry[4] == b"some command"
             client.ask(b"DELAY CLEAR", OK)
 
@@ -190,24 +192,24 @@ def test_delays_that_overflow_are_accepted_and_never_run(clock, client, process,
 
 
 @pytest.mark.parametrize("text", [b"1", b"500", b"999", b"0.999", b"0:0.1"])
-def test_less_than_a_second_is_due_at_once(client, process, text):
-    watch = Stopwatch()
+def test_less_than_a_second_is_due_at_once(tessd, client, process, text):
+    watch = Blame(tessd)
     client.ask(b"DELAY " + text + b"|X", OK)
     process.expect_command(b"X")
     assert watch.seconds() < 0.4 * settings.SLOW, f"took {watch.seconds():.3f} s"
 
 
 def test_milliseconds_do_not_count_in_real_time(start_tessd):
-    start_tessd()
+    tessd = start_tessd()
     with QueueProcess(2001) as process, IpcClient() as client:
         process.register(b"ENC")
         for text in (b"1.0", b"1999", b"1.999"):
-            watch = Stopwatch()
+            watch, blame = Stopwatch(), Blame(tessd)
             client.ask(b"DELAY " + text + b"|X", OK)
             process.expect_command(b"X")
-            took = watch.seconds()
-            # At most a quarter of a second late; the rest is for a busy machine.
-            assert 1.0 <= took < 1.0 + 0.25 + 0.5 * settings.SLOW, f"{text!r}: {took:.3f} s"
+            passed, blamed = watch.seconds(), blame.seconds()
+            assert passed >= 1.0, f"{text!r}: {passed:.3f} s"
+            assert blamed < 1.0 + 0.25 + 0.1 * settings.SLOW, f"{text!r}: {blamed:.3f} s"  # a quarter late at most
 
 
 # Listing and clearing
@@ -221,6 +223,7 @@ def test_an_empty_queue_is_listed_and_cleared(client):
 
 
 def test_the_listing_shows_time_left_and_text_in_order_of_time(client):
+    watch = Stopwatch()
     client.send(
         b"DELAY 1:0:0.0|hour\nDELAY 30.0|half a minute\nDELAY 999:1.0|long\nDELAY 30.0|again\nDELAY 20.0\n"
         b"DELAY 25.0| A |B  |\n"
@@ -229,7 +232,7 @@ def test_the_listing_shows_time_left_and_text_in_order_of_time(client):
     entries = receive_listing(client)
     assert [entry[4] for entry in entries] == [b"", b" A |B  ", b"half a minute", b"again", b"hour", b"long"]
     for entry, seconds in zip(entries, (20, 25, 30, 30, 3600, 999 * 60 + 1), strict=True):
-        assert 0 < seconds - seconds_of(entry) <= 2 + settings.SLOW, f"{entry}: {seconds} s were given"
+        assert 0 < seconds - seconds_of(entry) <= 2 + watch.seconds(), f"{entry}: {seconds} s were given"
         assert 0 <= entry[3] <= 999 and entry[1] < 60 and entry[2] < 60, entry
     # The milliseconds are those to the clock's next whole second: the same for all of them.
     assert len({entry[3] for entry in entries}) == 1, entries
@@ -237,10 +240,11 @@ def test_the_listing_shows_time_left_and_text_in_order_of_time(client):
 
 def test_listed_time_runs_down(clock, client):
     client.ask(b"DELAY 1:0:0.0|X", OK)
+    watch = Stopwatch()
     (before,) = receive_listing(client)
     clock.advance(1800)
     (after,) = receive_listing(client)
-    assert 1800 <= seconds_of(before) - seconds_of(after) <= 1802 + settings.SLOW, (before, after)
+    assert 1800 <= seconds_of(before) - seconds_of(after) <= 1801 + watch.seconds(), (before, after)
 
 
 def test_a_line_that_falls_due_within_the_second_is_listed_with_a_negative_one(client):
@@ -465,11 +469,11 @@ def test_a_delayed_line_is_cut_to_255_characters_when_it_runs(client, process, l
 def test_a_full_queue_of_a_process_loses_delayed_commands_but_holds_nobody_up(client, process, tessd):
     client.send(b"".join(b"DELAY 500|s3.ENC %d\n" % number for number in range(30)))
     client.expect(OK * 30)
-    watch = Stopwatch()
-    client.expect_nothing_more()
-    assert watch.seconds() < 1.5 * settings.SLOW
+    expect_prompt(ask(tessd, [client], 0.6))  # longer than anything waits for the process
     numbers = [int(message.line) for message in process.waiting()]
     assert numbers == list(range(len(numbers))) and len(numbers) >= 10, numbers
+    client.expect_nothing_more()
+    assert process.waiting() == [], "what was given up comes all the same"
 
 
 # Costs
@@ -487,7 +491,7 @@ def test_the_daemon_wakes_up_four_times_a_second_while_something_is_pending_and_
     tessd.wait_asleep()
     before = proc.cpu_seconds(tessd.pid)
     pending = wakeups_a_second(tessd.pid, 4)
-    assert 3.5 <= pending <= 7, f"{pending:.1f} wake-ups a second"  # those of the main thread among them
+    assert 2 <= pending <= 7, f"{pending:.1f} wake-ups a second"  # those of the main thread among them
     assert proc.cpu_seconds(tessd.pid) - before <= 0.05
     client.ask(b"DELAY CLEAR", OK)
     tessd.wait_asleep()

@@ -14,6 +14,7 @@ from harness.waiting import Stopwatch, wait_until
 
 NOBODY = b"?\r\n"
 QUEUE_DEPTH = 10  # net.unix.max_dgram_qlen
+MOST_TURNS = 20  # of another client until one is answered; it needs two, and a process in between
 QUEUE_HOLDS = QUEUE_DEPTH + 1  # the kernel takes one more than it says
 
 
@@ -118,14 +119,15 @@ def test_a_process_that_does_not_read_costs_one_wait(tessd):
             watch = Stopwatch()
             client.ask(b"s3.STUCK X", NOBODY)
             first = watch.seconds()
-            assert 0.2 <= first <= 0.25 + 0.5 * settings.SLOW, f"the first refusal took {first:.3f} s"
+            assert first >= 0.25, f"the first refusal took {first:.3f} s"
             watch = Stopwatch()
             for _ in range(30):
                 client.ask(b"s3.STUCK X", NOBODY)
                 other.ask(b"s3.OK X", b"ok\r\n")
                 framed.ask(b"s3.OK X", b"ok\r\n")
             rest = watch.seconds()
-            assert rest < 1.0 * settings.SLOW, f"90 commands after it took {rest:.3f} s"
+            # A wait for each of the 30 would take twice as long.
+            assert rest < 30 * 0.25 / 2 * settings.SLOW, f"90 commands after it took {rest:.3f} s"
             # Room again: commands get through again.
             for _ in range(QUEUE_HOLDS):
                 stuck.expect_command(b"X")
@@ -143,7 +145,8 @@ def test_a_process_that_does_not_read_holds_up_broadcasts_once(tessd):
         for number in range(QUEUE_HOLDS + 30):
             client.send(b"%d\n" % number)
             healthy.expect_command(b"%d" % number)
-        assert watch.seconds() < 0.25 + 2 * settings.SLOW, f"took {watch.seconds():.3f} s"
+        # A wait for each of the 30 would take twice as long.
+        assert watch.seconds() < 30 * 0.25 / 2 * settings.SLOW, f"took {watch.seconds():.3f} s"
         client.expect_nothing_more()
         assert len(stuck.waiting()) == QUEUE_HOLDS
 
@@ -197,10 +200,8 @@ def test_a_client_that_never_reads_holds_nobody_up(tessd):
             deaf_framed.send_frame(b"s3.ENC 0123456789\n\n" * 20)
             sent += 60
             wait_until(lambda: process.answered >= sent, f"{sent} commands are answered", within=20)
-            watch = Stopwatch()
             client.ask(b"s3.ENC x", b"x" * 40 + b"\r\n")
             sent += 1
-            assert watch.seconds() < 1.0 * settings.SLOW, f"took {watch.seconds():.3f} s"
 
 
 def test_a_client_that_left_with_answers_on_the_way_does_not_disturb_the_next(tessd):
@@ -273,21 +274,25 @@ def test_close_all_while_clients_come_and_go_keeps_count_of_them(tessd, opened):
 def test_replies_are_served_while_commands_keep_the_service_thread_busy(tessd):
     """Commands without end from several clients must not starve the replies."""
     ending = threading.Event()
+    asked, others = 100, 4
+    bursts = [0] * others
 
-    def press(client: IpcClient) -> None:
+    def press(client: IpcClient, number: int) -> None:
         while not ending.is_set():
             client.send(b"*\n" * 100)
             client.expect(b"0\r\n\r\n" * 100, within=20)
+            bursts[number] += 1
 
     def ask(client: IpcClient) -> None:
         try:
-            watch = Stopwatch()
-            for number in range(100):
+            for number in range(asked):
                 client.ask(b"s3.ENC %d" % number, b"%d\r\n" % number, within=20)
-            assert watch.seconds() < 5 * settings.SLOW, f"100 answers took {watch.seconds():.2f} s"
+            served = sum(bursts)
+            assert served < asked * others * MOST_TURNS, f"{served} bursts of the others during {asked} answers"
         finally:
             ending.set()
 
     with AnsweringProcess(2001, b"ENC", lambda command: command + b"\r\n"), Clients() as clients:
         members = [clients.enter_context(IpcClient()) for _ in range(5)]
-        clients.run(*(lambda c=client: press(c) for client in members[1:]), lambda: ask(members[0]))
+        pressing = (lambda c=client, n=number: press(c, n) for number, client in enumerate(members[1:]))
+        clients.run(*pressing, lambda: ask(members[0]))

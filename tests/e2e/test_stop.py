@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import contextlib
 import os
 import re
 import signal
@@ -23,6 +24,7 @@ from harness.daemon import (
     RECEIVED_SIGTERM,
     XCP_PORT_CLOSED,
 )
+from harness.endings import AT_ONCE, SERVED_AFTER_STOP, end_by_signal, time_to_end
 from harness.queue_process import AnsweringProcess, QueueProcess, queue_path
 from harness.telnet import DO_ECHO, PASSWORD_PROMPT, WILL_ECHO, LinemodeClient
 from harness.waiting import Stopwatch
@@ -80,25 +82,42 @@ def test_stopping_removes_sockets_and_queue(tessd, stop, _said_first):
         assert not os.path.lexists(path), path
 
 
-def test_sigterm_ends_an_idle_daemon_in_about_a_second(tessd):
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGQUIT])
+def test_a_signal_ends_an_idle_daemon_at_once(tessd, number):
     with IpcClient() as client:
         client.expect_nothing_more()
-        watch = Stopwatch()
-        tessd.signal(signal.SIGTERM)
+        tessd.wait_asleep()
+        seconds = end_by_signal(tessd, number)
+        assert seconds <= AT_ONCE * settings.SLOW, f"took {seconds:.2f} s"
         tessd.expect_normal_end()
-        assert watch.seconds() < 2.0 * settings.SLOW, f"took {watch.seconds():.2f} s"
+
+
+def test_a_second_signal_changes_nothing(tessd):
+    for number in (signal.SIGTERM, signal.SIGQUIT, signal.SIGTERM):
+        with contextlib.suppress(ProcessLookupError, IndexError):
+            tessd.signal(number)
+    tessd.expect_normal_end()
+
+
+def test_a_signal_after_a_stop_message_ends_it_at_once(tessd):
+    with QueueProcess(2999) as process:
+        process.send(wire.record(wire.STOP))
+        process.wait_taken()
+    seconds = end_by_signal(tessd)
+    assert seconds <= AT_ONCE * settings.SLOW, f"took {seconds:.2f} s"
+    tessd.expect_normal_end()
 
 
 def test_stop_message_ends_the_daemon_after_two_seconds(tessd):
-    """Nothing tells the service thread to end, so the daemon waits for it the full two seconds."""
     watch = Stopwatch()
-    send_stop_message(tessd)
+    seconds = time_to_end(tessd, lambda: send_stop_message(tessd))
+    assert watch.seconds() >= SERVED_AFTER_STOP, f"took {watch.seconds():.2f} s"
+    assert seconds <= SERVED_AFTER_STOP + AT_ONCE * settings.SLOW, f"took {seconds:.2f} s"
     tessd.expect_normal_end()
-    assert 1.9 <= watch.seconds() < 3.0 * settings.SLOW, f"took {watch.seconds():.2f} s"
 
 
 def test_everybody_is_served_for_two_seconds_after_a_stop_message(start_socket_tessd):
-    """It ends the message loop only; the service thread runs on until the process ends."""
+    """It ends the message loop only; the service thread is told to end when the two seconds are over."""
     tessd = start_socket_tessd()
     with IpcClient() as ipc, XcpClient() as xcp, LinemodeClient() as telnet, QueueProcess(2999) as process:
         telnet.negotiate()

@@ -56,6 +56,19 @@ class StoodInLine:
         return sum(now - self._at_first.get(task, 0.0) for task, now in self._now.items())
 
 
+class Blame:
+    """A stopwatch that stands still while the daemon, or the thread that asks, is ready to run and others have the processors."""
+
+    def __init__(self, tessd: Daemon) -> None:
+        self._in_line, self._own = StoodInLine(tessd.pid), proc.own_seconds_in_line()
+        self._began = time.monotonic()
+
+    def seconds(self) -> float:
+        """To be asked while the daemon runs."""
+        passed = time.monotonic() - self._began
+        return max(0.0, passed - self._in_line.seconds() - (proc.own_seconds_in_line() - self._own))
+
+
 def ask(tessd: Daemon, clients: list[Client], seconds: float, pause: float = 0.02) -> Answers:
     """Each client asks `*` in its turn, one question in each `pause`, for so long. Gives up at an answer that does not come."""
     answers = Answers()
@@ -73,11 +86,10 @@ def ask(tessd: Daemon, clients: list[Client], seconds: float, pause: float = 0.0
 
 
 def _one_answer(tessd: Daemon, client: Client) -> tuple[float, float]:
-    in_line, own = StoodInLine(tessd.pid), proc.own_seconds_in_line()
-    asked = time.monotonic()
+    blame, asked = Blame(tessd), time.monotonic()
     client.expect_nothing_more()
     passed = time.monotonic() - asked
-    return max(0.0, passed - in_line.seconds() - (proc.own_seconds_in_line() - own)), passed
+    return min(passed, blame.seconds()), passed
 
 
 def expect_prompt(answers: Answers) -> None:

@@ -227,16 +227,8 @@ class Daemon:
         assert last == [NORMAL_EXIT], f"expected the log to end with {NORMAL_EXIT}, got\n{self.log_text()}"
 
     def stop(self) -> None:
-        """SIGTERM, and everything about the end must be in order.
-
-        Clients connect meanwhile, so that the service thread need not sleep to the end of its second."""
+        """SIGTERM, and everything about the end must be in order."""
         self.signal(signal.SIGTERM)
-        for _ in range(20):
-            with contextlib.suppress(OSError), socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as waker:
-                waker.setblocking(False)
-                waker.connect(settings.IPC_PATH)
-            if select.select([self._pidfd], [], [], 0.02)[0]:
-                break
         self.expect_normal_end()
 
     def kill(self) -> None:
