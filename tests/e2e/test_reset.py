@@ -157,23 +157,6 @@ def test_a_reinitialisation_that_fails_refuses_the_reset(start_in_own_device):
     end_own_device(tessd)
 
 
-@pytest.mark.parametrize("stop", ["SIGTERM", "stop message"])
-def test_a_stop_gets_through_while_a_reinitialisation_does_not_end(start_in_own_device, stop):
-    tessd = start_in_own_device()
-    with open(REINIT_PROGRAM, "w", encoding="ascii") as program:
-        program.write(f"#!/bin/sh\necho started >>{REINIT_DONE}\nexec sleep 1000\n")
-    with IpcClient() as client, QueueProcess(2001) as process:
-        client.send(b"RESET REINIT s3\n")
-        wait_until(lambda: os.path.exists(REINIT_DONE), "the re-initialisation runs")
-        if stop == "SIGTERM":
-            tessd.signal(signal.SIGTERM)
-        else:
-            process.send(wire.record(wire.STOP))
-        assert tessd.wait_end(within=30) == 0
-    assert tessd.entries()[-1] == (51001, "Normal application exit"), tessd.log_text()
-    assert not os.path.exists("/tmp/socket") and not os.path.exists("/tmp/xcp")
-
-
 def test_only_this_host_is_reinitialised(start_in_own_device):
     socket.sethostname("tess-north")
     tessd = start_in_own_device()
@@ -212,8 +195,37 @@ def test_the_copy_of_a_denied_restart_goes_on_whatever_the_daemon_was_doing(star
         (copy,) = proc.children(tessd.pid)
         tessd.wait_log(*MAY_NOT_RESTART, within=15)
         os.kill(copy, signal.SIGTERM)
-        wait_until(lambda: proc.status_field(copy, copy, "State").startswith("Z"), "the copy ends", within=5)
+        wait_ended(copy)
     end_own_device(tessd)
+
+
+def wait_ended(copy: int) -> None:
+    wait_until(lambda: proc.status_field(copy, copy, "State").startswith("Z"), "the copy ends", within=5)
+
+
+def test_the_copy_of_a_denied_restart_serves_and_its_end_disturbs_nobody_of_the_original(start_in_own_device):
+    tessd = start_in_own_device(OWN_DEVICE_WITHOUT_RESTART)
+    with IpcClient() as client, XcpClient() as framed, QueueProcess(2001) as process:
+        framed.expect_nothing_more()
+        process.send(wire.record(wire.RESET, b"RESET" + bytes(60)))
+        assert process.receive().line == b"OK\r\n\r\n"
+        (copy,) = proc.children(tessd.pid)
+        assert process.receive(within=15).line == RESET_MESSAGE_ERROR
+        for _ in range(20):  # by one of the two
+            with IpcClient() as newcomer:
+                newcomer.expect_nothing_more()
+        os.kill(copy, signal.SIGTERM)
+        wait_ended(copy)
+        client.expect_nothing_more()
+        framed.expect_nothing_more()
+        process.register(b"ENC")
+        for opened in (IpcClient, XcpClient):
+            with opened() as newcomer:
+                newcomer.expect_nothing_more()
+        client.send(b"s3.ENC X\n")
+        process.reply(process.expect_command(b"X").tag, b"5\r\n\r\n")
+        client.expect(b"5\r\n\r\n")
+    tessd.stop()
 
 
 def test_a_message_whose_restart_is_denied_is_answered_twice(start_in_own_device):

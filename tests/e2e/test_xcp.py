@@ -6,13 +6,15 @@ import array
 import contextlib
 import signal
 import socket
+import time
 
 import pytest
 
-from harness import proc, settings, wire
+from harness import proc, wire
+from harness.answers import ask, expect_prompt
 from harness.clients import IpcClient, XcpClient
 from harness.queue_process import QueueProcess
-from harness.waiting import Stopwatch, wait_until
+from harness.waiting import Stopwatch
 
 OUT_OF_RANGE = (250004, "XCP frame length out of range")
 WRITE_FAILED = (250004, "Error writing to the socket")
@@ -191,103 +193,80 @@ def test_descriptors_that_come_with_a_frame_do_not_stay_open(process, tessd):
         assert after == before, f"before {before}, after {after}"
 
 
+FRAME_TIMER = 0.1  # seconds that a header has to become whole
+
+
 def test_a_header_in_two_pieces_is_put_together(process):
-    """The second piece follows at once: the daemon gives a header 100 ms."""
-    with XcpClient() as client:
-        for round_number in range(5):
-            for cut in range(1, wire.HEADER):
-                number = round_number * wire.HEADER + cut
-                whole = wire.frame(b"s3.ENC %d\n" % number, number)
-                client.send(whole[:cut])
+    """The second piece follows at once."""
+    with contextlib.ExitStack() as stack:
+        client = stack.enter_context(XcpClient())
+        connection = wire.FIRST_XCP_ID
+        for cut in range(1, wire.HEADER):
+            whole = wire.frame(b"s3.ENC %d\n" % cut, cut)
+            watch = Stopwatch()
+            client.send(whole[:cut])
+            with contextlib.suppress(BrokenPipeError):
                 client.send(whole[cut:])
-                process.expect_command(b"%d" % number, tag=wire.FIRST_XCP_ID | number)
+            if watch.seconds() < FRAME_TIMER / 2:
+                process.expect_command(b"%d" % cut, tag=connection | cut)
+            else:  # this process had to wait for a processor in between
+                client.close()
+                client = stack.enter_context(XcpClient())
+                connection += wire.ID_STEP
+                process.expect_daemon_done()
+                process.waiting()
 
 
-def answers(client: IpcClient) -> bool:
-    """Whether a command is answered within half a second."""
-    client.send(b"*\n")
-    return client.receive(5, within=0.5 / settings.SLOW) == b"0\r\n\r\n"
-
-
-@pytest.mark.parametrize("stop", ["SIGTERM", "stop message"])
-def test_a_header_cut_short_holds_the_service_thread_until_the_daemon_stops(start_tessd, stop):
-    tessd = start_tessd()
-    with QueueProcess(2001) as process, IpcClient() as ipc, XcpClient() as client:
-        process.register(b"ENC")
+@pytest.mark.parametrize("length", [1, 8, 15])
+def test_half_a_header_closes_its_connection_after_100_ms_and_no_other(process, tessd, length):
+    with IpcClient() as ipc, XcpClient() as other:
         ipc.expect_nothing_more()
-        client.expect_nothing_more()
-        client.send(wire.frame(b"s3.ENC X\n")[:8])
-        wait_until(lambda: not answers(ipc), "the service thread is held", within=20)
-        before = proc.cpu_seconds(tessd.pid)
-        watch = Stopwatch()
-        assert not answers(ipc), "the service thread is held no longer"
-        # Registrations need no connection, so they are still served.
-        process.expect_daemon_done()
-        used = proc.cpu_seconds(tessd.pid) - before
-        assert used < 0.1 * watch.seconds(), f"{used:.2f} s of processor time in {watch.seconds():.2f} s of waiting"
-        if stop == "SIGTERM":
-            tessd.signal(signal.SIGTERM)
-        else:
-            process.send(wire.record(wire.STOP))
-        tessd.expect_normal_end()
-        client.expect_close()
+        other.expect_nothing_more()
+        before = len(tessd.entries())
+        with XcpClient() as client:
+            client.expect_nothing_more()
+            watch = Stopwatch()
+            client.send(wire.frame(b"s3.ENC X\n")[:length])
+            expect_prompt(ask(tessd, [ipc, other], 0.3, pause=0.005))
+            client.expect_close()
+            tessd.wait_log(*closed(1))
+        assert watch.seconds() >= FRAME_TIMER, f"closed after {watch.seconds():.3f} s"
+        other.expect_nothing_more()
+        assert tessd.entries()[before:] == [opened(2), closed(1)]
+    assert process.waiting() == []
 
 
-@pytest.mark.parametrize("stop", ["SIGTERM", "stop message"])
-def test_a_stop_frees_a_held_service_thread_and_the_answers_that_wait_for_it(start_tessd, stop):
-    """What came before the stop message is handled before it."""
-    tessd = start_tessd()
-    with QueueProcess(2001) as process, IpcClient() as ipc, IpcClient() as other, XcpClient() as client:
-        process.register(b"ENC")
-        ipc.send(b"s3.ENC GETX\n")
-        command = process.expect_command(b"GETX")
-        client.send(wire.frame(b"s3.ENC X\n")[:8])
-        wait_until(lambda: not answers(other), "the service thread is held", within=20)
-        for number in range(5):
-            process.reply(command.tag, b"%d\r\n" % number)
-        process.send(wire.record(wire.COM2_WRITE, b"A", length=1))
-        if stop == "SIGTERM":
-            tessd.signal(signal.SIGTERM)
-        else:
-            process.send(wire.record(wire.REGISTER, bytes(4) + b"X\0"))
-            process.send(wire.record(wire.STOP))
-            ipc.expect(b"".join(b"%d\r\n" % number for number in range(5)))
-            assert process.receive().length_word == 1, "there is no serial line"
-            assert process.receive().line.startswith(b"Command register request with nothing enabled")
-        tessd.expect_normal_end()
+def test_a_header_that_becomes_whole_too_late_closes_its_connection(process, tessd):
+    """The daemon is held while the header becomes whole, so that it finds the timer run out with all 16 bytes there."""
+    whole = wire.frame(b"s3.ENC X\n")
+    with IpcClient() as ipc:
+        for _ in range(5):
+            with XcpClient() as client:
+                client.expect_nothing_more()
+                watch = Stopwatch()
+                client.send(whole[:8])
+                for _ in range(2):  # the daemon has seen the first half
+                    ipc.expect_nothing_more()
+                tessd.signal(signal.SIGSTOP)
+                in_time = watch.seconds() < FRAME_TIMER
+                with contextlib.suppress(BrokenPipeError):
+                    client.send(whole[8:])
+                time.sleep(2 * FRAME_TIMER)
+                tessd.signal(signal.SIGCONT)
+                client.expect_close()
+            assert process.waiting() == []
+            if in_time:
+                return
+    pytest.skip("this machine is too busy to be in time")
 
 
-def test_a_header_that_becomes_whole_too_late_goes_on_waiting(start_tessd):
-    """A deliberate oddity: once the frame timer has run out, whole headers do not help any more."""
-    tessd = start_tessd()
-    with QueueProcess(2001) as process, XcpClient() as client:
-        process.register(b"ENC")
-        whole = wire.frame(b"s3.ENC X\n")
-        client.send(whole[:8])
-        late = Stopwatch()
-        wait_until(lambda: late.seconds() > 0.3 * settings.SLOW, "the frame timer has run out", within=10)
-        client.send(whole[8:])
-        client.socket.settimeout(0.5)
-        with pytest.raises(TimeoutError):
-            client.socket.recv(1)
-        assert process.waiting() == []
-        before = proc.cpu_seconds(tessd.pid)
-        with pytest.raises(TimeoutError):
-            client.socket.recv(1)
-        used = proc.cpu_seconds(tessd.pid) - before
-        assert used <= 0.06, f"{used:.2f} s of processor time in half a second of waiting"
-
-
-def test_a_header_cut_short_by_closing_holds_the_service_thread_too(start_tessd):
-    tessd = start_tessd()
+def test_half_a_header_ended_by_closing_removes_the_connection(tessd):
     with XcpClient() as client:
         client.expect_nothing_more()
         client.send(wire.frame(b"*\n")[:8])
+    tessd.wait_log(*closed(0))
     with XcpClient() as other:
-        other.send_frame(b"*\n")
-        assert other.receive(1, within=0.5 / settings.SLOW) == b""
-    tessd.signal(signal.SIGTERM)
-    tessd.expect_normal_end()
+        other.expect_nothing_more()
 
 
 def test_connections_are_announced_one_step_behind_their_number(tessd):
