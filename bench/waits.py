@@ -10,21 +10,14 @@ named in the table; all of them without any. TESSD_BIN_DIR says where the daemon
 
 from __future__ import annotations
 
-import os
 import statistics
 import sys
-import tempfile
-from collections.abc import Callable
 
-PROJECT = os.path.dirname(os.path.dirname(os.path.realpath(__file__)))
-sys.path[:0] = [os.path.join(PROJECT, "tests/e2e"), os.path.join(PROJECT, "tools")]
-
-import device_ns  # noqa: E402
-from harness import settings  # noqa: E402
-from harness.answers import ask  # noqa: E402
-from harness.daemon import Daemon  # noqa: E402
-from harness.endings import end_by_signal  # noqa: E402
-from harness.nuisances import ROWS, AllAtOnce, Nuisance, Scene  # noqa: E402
+import device  # of this folder
+from harness.answers import ask
+from harness.daemon import Daemon
+from harness.endings import end_by_signal
+from harness.nuisances import ROWS, AllAtOnce, Nuisance, Scene
 
 SECONDS = 2.5
 
@@ -63,15 +56,6 @@ def row_text(name: str, times: list[float], share: float, ended: float) -> str:
     return f"{name:30}{statistics.median(times):9.2f}{at_99:9.2f}{times[-1]:9.2f}{1000 * share:10.1f}{1000 * ended:9.0f}"
 
 
-def in_device(what: Callable[[], None]) -> None:
-    with tempfile.TemporaryDirectory(prefix="tessd-bench-") as folder:
-        Daemon.artefacts = os.open(folder, os.O_DIRECTORY | os.O_PATH | os.O_CLOEXEC)
-        try:
-            device_ns.run_in_device(what, keep=[settings.BIN_DIR])
-        finally:
-            os.close(Daemon.artefacts)
-
-
 def main() -> int:
     names = sys.argv[1:] or list(TABLE)
     unknown = [name for name in names if name not in TABLE]
@@ -80,7 +64,7 @@ def main() -> int:
         return 64
     print(HEAD, flush=True)
     for name in names:
-        in_device(lambda row=name: measure(row))
+        device.run(lambda row=name: measure(row))
     return 0
 
 
