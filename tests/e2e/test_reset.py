@@ -105,7 +105,7 @@ def test_the_device_restarts_after_five_seconds_and_is_served_until_then(start_i
         seconds = watch.seconds()
         assert tessd.wait_end() == RESTARTED
     assert 4.9 < seconds < 5 + 10 * settings.SLOW, f"restarted after {seconds:.1f} s"
-    assert served > 100 / settings.SLOW, f"only {served} commands served meanwhile"
+    assert served >= 10, f"only {served} commands served meanwhile"
     assert not [entry for entry in tessd.entries() if entry[0] == 250005], tessd.log_text()
 
 
