@@ -122,12 +122,11 @@ def test_everything_at_once_is_nobody_elses_wait_either(set_scene, stop, record_
         expect_prompt(answers)
         with nuisances.NoDescriptors(scene):
             expect_prompt(ask(scene.tessd, asking, 1))
-        scene.log_pipe.read()  # which makes room for what the end says
-        if stop == "signal":
-            expect_end_at_once(scene.tessd)
-        else:
-            expect_service_and_end_after_stop_message(scene, asking, scene.log_pipe.read)
-        scene.log_pipe.read()
+        with scene.log_pipe.reading():  # or what the end says would be lost
+            if stop == "signal":
+                expect_end_at_once(scene.tessd)
+            else:
+                expect_service_and_end_after_stop_message(scene, asking)
     expect_whole_end(scene.tessd, nothing_lost=False)
 
 
@@ -142,15 +141,12 @@ def test_after_a_stop_message_everybody_is_served_for_two_seconds_and_the_end_is
     expect_orderly_end(scene)
 
 
-def expect_service_and_end_after_stop_message(
-    scene: Scene, asking: list[Client], meanwhile: Callable[[], None] = lambda: None
-) -> None:
+def expect_service_and_end_after_stop_message(scene: Scene, asking: list[Client]) -> None:
     watch = Stopwatch()
 
     def serve() -> None:
         send_stop_message()
         expect_prompt(ask(scene.tessd, asking, SERVED_AFTER_STOP - 0.4 - watch.seconds()))
-        meanwhile()
 
     seconds = time_to_end(scene.tessd, serve)
     assert watch.seconds() >= SERVED_AFTER_STOP, f"ended {watch.seconds():.2f} s after a stop message"
@@ -285,30 +281,38 @@ def test_half_a_header_and_hundreds_of_replies_do_not_hide_a_stop_message(scene)
         asking[0].send(b"s3.ENC X\n")
         tag = process.expect_command(b"X").tag
 
-        def replies_and_stop() -> None:
-            for number in range(400):
+        for first in range(0, 400, 100):  # what the client has not read counts against its socket
+            for number in range(first, first + 100):
                 process.reply(tag, b"%d\r\n" % number)
-            process.send(wire.record(wire.STOP))
-            process.wait_taken()
-
-        watch = Stopwatch()
-        replies_and_stop()
-        asking[0].expect(b"".join(b"%d\r\n" % number for number in range(400)))
-        taken = watch.seconds()
-        seconds = time_to_end(scene.tessd, lambda: None)
-        assert seconds <= SERVED_AFTER_STOP + AT_ONCE * settings.SLOW, f"ended {taken + seconds:.2f} s after a stop message"
+            if first == 300:
+                process.send(wire.record(wire.STOP))
+            asking[0].expect(b"".join(b"%d\r\n" % number for number in range(first, first + 100)))
+        seconds = time_to_end(scene.tessd, process.wait_taken)
+        assert seconds <= SERVED_AFTER_STOP + AT_ONCE * settings.SLOW, f"ended {seconds:.2f} s after a stop message"
     expect_whole_end(scene.tessd)
 
 
+def send_frame_around_urgent_byte(whole: bytes, cut: int) -> None:
+    for _ in range(10):
+        with XcpClient() as client:
+            client.expect_nothing_more()
+            watch = Stopwatch()
+            client.send(whole[:cut])
+            with contextlib.suppress(BrokenPipeError):
+                client.socket.send(b"!", socket.MSG_OOB)
+                client.send(whole[cut:])
+            if watch.seconds() < 0.05:  # else this process had to wait for a processor, longer than a header may take
+                client.expect_frame(b"0\r\n\r\n")
+                client.expect_nothing_more()
+                return
+    pytest.skip("this machine is too busy to send a frame in time")
+
+
 def test_urgent_data_is_no_part_of_a_frame_and_wakes_nobody_again(scene):
-    whole = wire.frame(b"*\n")
+    for cut in (0, 1, 8, 15):
+        send_frame_around_urgent_byte(wire.frame(b"*\n"), cut)
     with XcpClient() as client:
-        for pieces in ((b"", whole), (whole[:8], whole[8:]), (whole[:1], whole[1:])):
-            if pieces[0]:
-                client.send(pieces[0])
-            client.socket.send(b"!", socket.MSG_OOB)
-            client.send(pieces[1])
-            client.expect_frame(b"0\r\n\r\n")
+        client.expect_nothing_more()
         client.socket.send(b"!", socket.MSG_OOB)
         if not settings.emulated() and not settings.sanitized():
             share = share_of_processor(scene.tessd, 1.5)

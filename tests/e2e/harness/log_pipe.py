@@ -5,6 +5,8 @@ from __future__ import annotations
 import contextlib
 import fcntl
 import os
+import threading
+from collections.abc import Iterator
 
 from harness.daemon import Daemon
 from harness.waiting import wait_until
@@ -34,6 +36,25 @@ class LogPipe:
             return entry in self._daemon.entries()
 
         wait_until(seen, f"log line {entry}", 10)
+
+    @contextlib.contextmanager
+    def reading(self) -> Iterator[None]:
+        """Somebody does read it meanwhile, and it holds what is written until he comes."""
+        fcntl.fcntl(self._read_end, fcntl.F_SETPIPE_SZ, 1 << 18)
+        ending = threading.Event()
+
+        def run() -> None:
+            while not ending.wait(0.002):
+                self.read()
+
+        thread = threading.Thread(target=run, daemon=True)
+        thread.start()
+        try:
+            yield
+        finally:
+            ending.set()
+            thread.join()
+            self.read()
 
     def read(self) -> None:
         """Hands what is in the pipe now to the daemon's log, without what filled it."""
