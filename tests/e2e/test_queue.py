@@ -92,6 +92,31 @@ def test_a_sender_outside_the_queue_directory_has_no_address(process):
         assert process.waiting() == [], path
 
 
+def test_a_sender_that_moved_its_directory_away_is_nobody_elses_address(process):
+    """Its name leads to another's socket by now; where it leads is not asked."""
+    with IpcClient() as client, socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as outsider:
+        process.register(b"ENC")
+        os.mkdir("/run/elsewhere")
+        outsider.bind(f"/run/elsewhere/{process.address}")
+        os.rename("/run/elsewhere", "/run/away")
+        os.symlink(settings.QUEUE_DIR, "/run/elsewhere")
+        outsider.sendto(wire.record(wire.UNREGISTER), queue_path(wire.DAEMON))
+        process.expect_daemon_done()
+        client.send(b"s3.ENC X\n")
+        process.expect_command(b"X")
+
+
+def test_a_relative_queue_directory_is_meant_from_where_the_daemon_started(launch):
+    os.chdir("/run")
+    launch(*LOCAL_PORTS, environment={"TESS_QUEUE_DIR": "own/queue"}).wait_running()
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as process:
+        process.bind("/run/own/queue/2001")
+        process.settimeout(5 * settings.SLOW)
+        process.sendto(wire.registration(b"ENC", wire.IPC), f"/run/own/queue/{wire.DAEMON}")
+        got = wire.Message.parse(*process.recvfrom(65536))
+        assert (got.kind, got.tag, got.origin) == (wire.REPLY, 0, f"/run/own/queue/{wire.DAEMON}"), got
+
+
 def test_the_highest_address_is_served(tessd):
     with QueueProcess(2147483647) as process, IpcClient() as client:
         process.register(b"ENC")

@@ -24,7 +24,6 @@ from harness.telnet import (
     DO_ECHO,
     DONT,
     DONT_ECHO,
-    ECHO,
     GREETING,
     IAC,
     LIMIT_REACHED,
@@ -53,7 +52,6 @@ from harness.telnet import (
     connected,
     opened,
 )
-from harness.accounts import ALICE
 from harness.waiting import Stopwatch, wait_until
 
 ANSWER = b"5\r\n\r\n"

@@ -14,7 +14,7 @@ from collections.abc import Callable, Iterator
 import pytest
 
 from harness import accounts, nuisances, proc, settings, wire
-from harness.answers import GIVES_UP, Answers, ask, expect_prompt
+from harness.answers import Answers, ask, expect_prompt
 from harness.clients import Client, IpcClient, XcpClient
 from harness.com2 import MUTE_SECONDS
 from harness.daemon import NORMAL_EXIT, Daemon
@@ -29,8 +29,7 @@ from harness.endings import (
     time_to_end,
 )
 from harness.measure import system_calls
-from harness.nuisances import BURST, ROWS, Nuisance, Scene, SlowProcess
-from harness.queue_process import QueueProcess
+from harness.nuisances import BURST, ROWS, Scene, SlowProcess
 from harness.telnet import (
     GREETING,
     IAC,
@@ -674,7 +673,6 @@ def test_a_held_daemon_is_told_from_a_busy_machine(scene):
     with witnesses(scene, IpcClient) as asking:
         scene.tessd.signal(signal.SIGSTOP)
         wait_until(lambda: proc.status_field(scene.tessd.pid, scene.tessd.pid, "State").startswith("T"), "it is held")
-        asking[0].socket.settimeout(GIVES_UP)
         pid = os.fork()
         if pid == 0:
             time.sleep(0.6 * settings.SLOW)

@@ -13,8 +13,6 @@ from harness import proc, settings
 from harness.clients import Client
 from harness.daemon import Daemon
 
-GIVES_UP = 5.0  # seconds for one answer
-
 
 @dataclasses.dataclass
 class Answers:

@@ -6,6 +6,7 @@ import os
 import re
 import signal
 import time
+from collections.abc import Callable
 
 from harness import com2, settings, wire
 from harness.answers import StoodInLine
@@ -25,17 +26,26 @@ _CLOSED = {
     "telnet": re.compile(r"Telnet connection closed for .*\.  Active connections = (\d+)"),
     "XCP": re.compile(r"XCP socket connection closed\.  Active connections = (\d+)"),
 }
-_AT_LAST = [CLOSING_ALL, com2.CONNECTION_CLOSED, COM2_PORT_CLOSED, TELNET_PORT_CLOSED, XCP_PORT_CLOSED, IPC_PORT_CLOSED, NORMAL_EXIT]
+_AT_LAST = [
+    CLOSING_ALL,
+    com2.CONNECTION_CLOSED,
+    COM2_PORT_CLOSED,
+    TELNET_PORT_CLOSED,
+    XCP_PORT_CLOSED,
+    IPC_PORT_CLOSED,
+    NORMAL_EXIT,
+]
 AT_ONCE = 0.5  # seconds from a signal to the end
 SERVED_AFTER_STOP = 2.0  # seconds from a stop message to the teardown
 
 
 def end_by_signal(tessd: Daemon, number: int = signal.SIGTERM) -> float:
-    """Sends it and waits for the end. Returns the seconds that it took, without those in which others had the processors."""
+    """Sends it and waits for the end. Returns the seconds that it took, as time_to_end() does."""
     return time_to_end(tessd, lambda: tessd.signal(number))
 
 
-def time_to_end(tessd: Daemon, what) -> float:
+def time_to_end(tessd: Daemon, what: Callable[[], object]) -> float:
+    """Seconds from the begin of `what` to the end of the daemon, without those in which others had the processors."""
     in_line = StoodInLine(tessd.pid)
     began = time.monotonic()
     what()
@@ -77,7 +87,8 @@ def expect_whole_end(tessd: Daemon, nothing_lost: bool = True) -> None:
 
 
 def expect_no_files() -> None:
-    left = [path for path in (queue_path(wire.DAEMON), settings.IPC_PATH, settings.XCP_PATH) if os.path.lexists(path)]
+    files = (queue_path(wire.DAEMON), settings.IPC_PATH, settings.XCP_PATH)
+    left = [path for path in files if os.path.lexists(path)]
     assert not left, f"left behind: {left}"
 
 

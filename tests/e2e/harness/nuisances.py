@@ -20,7 +20,7 @@ from harness.daemon import RUNNING, Daemon
 from harness.log_pipe import LogPipe
 from harness.queue_process import QueueProcess
 from harness.telnet import GREETING, IAC, NOP, PASSWORD_PROMPT, WILL_ECHO, LinemodeClient, TelnetClient
-from harness.waiting import Stopwatch, wait_until
+from harness.waiting import wait_until
 
 REINIT_PROGRAM = "/run/reinit"
 REINIT_STARTED = "/run/reinit.started"
