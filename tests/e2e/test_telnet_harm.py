@@ -11,7 +11,7 @@ from collections.abc import Callable, Iterator
 import pytest
 
 from harness import proc, settings, wire
-from harness.answers import Blame, ask, expect_prompt
+from harness.answers import Blame, ask, expect_prompt, share_of_processor
 from harness.daemon import Daemon
 from harness.neighbours import Neighbours
 from harness.queue_process import QueueProcess
@@ -114,13 +114,10 @@ class Pressing:
         wait_until(lambda: text in self.received, f"{text!r} comes", within)
 
 
-def expect_processor_at_rest(pid: int, seconds: float = 3) -> None:
+def expect_processor_at_rest(tessd: Daemon, seconds: float = 3) -> None:
     """The daemon uses at most 1 % of a processor for so long."""
-    used = proc.cpu_seconds(pid)
-    watch = Stopwatch()
-    threading.Event().wait(seconds)
-    used = proc.cpu_seconds(pid) - used
-    assert used <= 0.01 * watch.seconds(), f"{used:.3f} s of processor time in {watch.seconds():.1f} s"
+    share = share_of_processor(tessd, seconds)
+    assert share <= 0.01, f"{100 * share:.1f} % of a processor in {seconds:g} s"
 
 
 def expect_over_after(watch: Stopwatch, blame: Blame, seconds: float) -> None:
@@ -342,7 +339,7 @@ def test_a_line_without_end_wedges_its_session_and_costs_nothing(neighbours, tes
         client.send(b"\r\ns3.ENC GETX\r\n")
         client.expect_silence(0.3)
         if not settings.emulated() and not settings.sanitized():
-            expect_processor_at_rest(tessd.pid)
+            expect_processor_at_rest(tessd)
         neighbours.expect_service()
 
 
@@ -404,7 +401,7 @@ def test_a_session_that_is_stuck_uses_no_processor(neighbours, tessd, get_stuck:
     with TelnetClient() as client:
         get_stuck(client)
         neighbours.expect_local_service()
-        expect_processor_at_rest(tessd.pid)
+        expect_processor_at_rest(tessd)
 
 
 def test_urgent_data_at_any_time_hurts_nobody(neighbours):

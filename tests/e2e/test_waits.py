@@ -14,7 +14,7 @@ from collections.abc import Callable, Iterator
 import pytest
 
 from harness import accounts, nuisances, proc, settings, wire
-from harness.answers import Answers, ask, expect_prompt
+from harness.answers import Answers, ask, expect_prompt, share_of_processor
 from harness.clients import Client, IpcClient, XcpClient
 from harness.com2 import MUTE_SECONDS
 from harness.daemon import NORMAL_EXIT, Daemon
@@ -87,12 +87,6 @@ def expect_rest(answers: Answers) -> None:
     """The daemon did not spin, or compute, or try again and again."""
     if not settings.emulated() and not settings.sanitized():
         assert answers.processor_share <= MOST_SHARE, str(answers)
-
-
-def share_of_processor(tessd: Daemon, seconds: float) -> float:
-    watch, before = Stopwatch(), proc.cpu_seconds(tessd.pid)
-    time.sleep(seconds)
-    return (proc.cpu_seconds(tessd.pid) - before) / watch.seconds()
 
 
 # Every wait

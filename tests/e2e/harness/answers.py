@@ -67,11 +67,31 @@ class Blame:
         return max(0.0, passed - self._in_line.seconds() - (proc.own_seconds_in_line() - self._own))
 
 
+class ShareOfProcessor:
+    """What the daemon uses of one, of the time in which it need not stand in line for it: 1 when it never sleeps, however busy
+    the machine is."""
+
+    def __init__(self, tessd: Daemon) -> None:
+        self._tessd = tessd
+        self._in_line, self._used, self._began = StoodInLine(tessd.pid), proc.cpu_seconds(tessd.pid), time.monotonic()
+
+    def share(self) -> float:
+        used = proc.cpu_seconds(self._tessd.pid) - self._used
+        return used / max(time.monotonic() - self._began - self._in_line.seconds(), used, 0.1)
+
+
+def share_of_processor(tessd: Daemon, seconds: float) -> float:
+    """While nobody does anything for so long."""
+    share = ShareOfProcessor(tessd)
+    time.sleep(seconds)
+    return share.share()
+
+
 def ask(tessd: Daemon, clients: list[Client], seconds: float, pause: float = 0.02) -> Answers:
     """Each client asks `*` in its turn, one question in each `pause`, for so long. Gives up at an answer that does not come."""
     answers = Answers()
     end = time.monotonic() + seconds
-    began, used = time.monotonic(), proc.cpu_seconds(tessd.pid)
+    share = ShareOfProcessor(tessd)
     number = 0
     while (asked := time.monotonic()) < end:
         blamed, passed = _one_answer(tessd, clients[number % len(clients)])
@@ -79,7 +99,7 @@ def ask(tessd: Daemon, clients: list[Client], seconds: float, pause: float = 0.0
         answers.passed.append(passed)
         number += 1
         time.sleep(max(0.0, asked + pause - time.monotonic()))
-    answers.processor_share = (proc.cpu_seconds(tessd.pid) - used) / (time.monotonic() - began)
+    answers.processor_share = share.share()
     return answers
 
 
