@@ -356,11 +356,6 @@ def leave_half_a_line(client: TelnetClient) -> None:
     client.socket.shutdown(socket.SHUT_WR)
 
 
-def reset_behind_half_a_line(client: TelnetClient) -> None:
-    leave_half_a_line(client)
-    client.reset()
-
-
 def interrupt_half_a_line(client: TelnetClient) -> None:
     """An urgent mark in the middle of a line: what is behind it is not seen before the line is taken."""
     client.log_in()
@@ -370,7 +365,7 @@ def interrupt_half_a_line(client: TelnetClient) -> None:
     client.send(b"TX\r\n")
 
 
-STUCK = [wedge, leave_half_a_line, reset_behind_half_a_line, interrupt_half_a_line]
+STUCK = [wedge, leave_half_a_line, interrupt_half_a_line]
 
 
 @pytest.mark.parametrize("get_stuck", STUCK)
@@ -382,6 +377,13 @@ def test_a_session_that_is_stuck_is_ended_by_the_idle_time_out(neighbours, tessd
             neighbours.expect_local_service()
         assert tessd.entries().count(closed(0)) == 1, "only that of the first look"
         clock.advance(10)
+        tessd.wait_log(*closed(0), count=2)
+
+
+def test_a_session_that_is_reset_behind_half_a_line_is_gone_at_once(neighbours, tessd):
+    with TelnetClient() as client:
+        leave_half_a_line(client)
+        client.reset()
         tessd.wait_log(*closed(0), count=2)
 
 

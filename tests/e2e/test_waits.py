@@ -665,12 +665,11 @@ def test_a_signal_is_logged_without_waiting_for_the_log(set_scene):
 def test_a_held_daemon_is_told_from_a_busy_machine(scene):
     """Guards the measure itself: a daemon that does nothing is to blame."""
     with witnesses(scene, IpcClient) as asking:
-        scene.tessd.signal(signal.SIGSTOP)
-        wait_until(lambda: proc.status_field(scene.tessd.pid, scene.tessd.pid, "State").startswith("T"), "it is held")
+        scene.tessd.hold()
         pid = os.fork()
         if pid == 0:
             time.sleep(0.6 * settings.SLOW)
-            scene.tessd.signal(signal.SIGCONT)
+            scene.tessd.release()
             os._exit(0)
         answers = ask(scene.tessd, asking, 0.1)
         os.waitpid(pid, 0)

@@ -4,7 +4,6 @@ from __future__ import annotations
 
 import array
 import contextlib
-import signal
 import socket
 import time
 
@@ -247,12 +246,12 @@ def test_a_header_that_becomes_whole_too_late_closes_its_connection(process, tes
                 client.send(whole[:8])
                 for _ in range(2):  # the daemon has seen the first half
                     ipc.expect_nothing_more()
-                tessd.signal(signal.SIGSTOP)
+                tessd.hold()
                 in_time = watch.seconds() < FRAME_TIMER
                 with contextlib.suppress(BrokenPipeError):
                     client.send(whole[8:])
                 time.sleep(2 * FRAME_TIMER)
-                tessd.signal(signal.SIGCONT)
+                tessd.release()
                 client.expect_close()
             assert process.waiting() == []
             if in_time:

@@ -93,15 +93,11 @@ needs_tracer = pytest.mark.skipif(
 @contextlib.contextmanager
 def held(daemon: Daemon) -> Iterator[None]:
     """A daemon that does nothing at all."""
-    daemon.signal(signal.SIGSTOP)
+    daemon.hold()
     try:
-        wait_until(
-            lambda: all(proc.status_field(daemon.pid, task, "State").startswith("T") for task in proc.tasks(daemon.pid)),
-            "tessd is held",
-        )
         yield
     finally:
-        daemon.signal(signal.SIGCONT)
+        daemon.release()
 
 
 def on_terminal(*arguments: str) -> Terminal:
