@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -33,7 +34,7 @@ constexpr long FIRST_FREE_ADDRESS = 1'000'000'000;
 constexpr long ADDRESS_STEP = 5'000'000;
 
 constexpr std::size_t MOST_KEPT = 1000;
-constexpr long SAME_SIGNAL_MS = 100; // timeout(1) and closing terminals signal twice and mean once
+constexpr std::int64_t SAME_SIGNAL_MS = 100; // timeout(1) and closing terminals signal twice and mean once
 
 std::atomic<int> stopSignals{0}; // any thread may look
 static_assert(std::atomic<int>::is_always_lock_free);
@@ -48,7 +49,7 @@ extern "C" void noteStop(int)
         stopSignals = 1;
         return;
     }
-    const long ms = (now.tv_sec - firstStop.tv_sec) * 1000L + (now.tv_nsec - firstStop.tv_nsec) / 1'000'000;
+    const std::int64_t ms = (now.tv_sec - firstStop.tv_sec) * 1000L + (now.tv_nsec - firstStop.tv_nsec) / 1'000'000;
     if (ms > SAME_SIGNAL_MS) stopSignals = 2;
 }
 

@@ -4,6 +4,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
@@ -101,12 +102,12 @@ public:
         for (;;) {
             const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
             if (left <= 0) return End::timeOver;
-            const long atMost = ended_.get() >= 0 ? 1'000'000 : LOOK_FOR_END_MS;
+            const std::int64_t atMost = ended_.get() >= 0 ? 1'000'000 : LOOK_FOR_END_MS;
             std::array<pollfd, 4> each{{{ended_.get(), POLLIN, 0},
                                         {reading_ ? fromChild_.get() : -1, POLLIN, 0},
                                         {toChild_.get(), POLLOUT, 0},
                                         {giveUp_, POLLIN, 0}}};
-            (void)::poll(each.data(), each.size(), static_cast<int>(std::min<long>(left, atMost)));
+            (void)::poll(each.data(), each.size(), static_cast<int>(std::min<std::int64_t>(left, atMost)));
             if (each[2].revents != 0) write();
             if (each[1].revents != 0) read(PIECES_AT_ONCE);
             if (each[0].revents != 0 || (ended_.get() < 0 && hasEnded())) {
