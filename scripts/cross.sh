@@ -10,7 +10,7 @@
 
 TRIPLET=powerpc-linux-gnu
 CACHE=${XDG_CACHE_HOME:-$HOME/.cache}/tessd-board
-CROSS_PACKAGES=(g++-$TRIPLET dpkg-dev xz-utils make autoconf automake libtool pkg-config)
+CROSS_PACKAGES=("g++-$TRIPLET" dpkg-dev xz-utils make autoconf automake libtool pkg-config)
 
 place()
 {

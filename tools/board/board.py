@@ -22,7 +22,6 @@ START_SECONDS = 60.0  # of the emulator itself; generous: a loaded machine
 HOST = "127.0.0.1"
 PR_SET_PDEATHSIG = 1
 USER, PASSWORD = "alice", "wonderland"  # of tools/board/root/etc/passwd
-PROMPT = "board# "
 
 _libc = ctypes.CDLL(None)
 
