@@ -172,6 +172,11 @@ class Board:
         self.console.wait_for(b"registered at tessd as ENC", seconds)
         self.run("stty columns 1000")  # or the shell would break the lines that it is sent
 
+    def reconnect_com2(self) -> None:
+        """Takes the far end of the serial line away and puts another one there."""
+        self.com2.close()
+        self.com2 = Stream(self._path("com2"))
+
     def run(self, command: str, seconds: float = 60) -> tuple[int, str]:
         """Runs a command in the console's shell; its exit status, and what it and the log have shown meanwhile."""
         self.console.rest()
