@@ -38,7 +38,7 @@ def test_a_dialogue_on_the_console(board, port):
         board.console.wait_for(re.compile(rb"(\n|\x1b\[J)" + re.escape(answer) + rb"\r\n"), SECONDS)
     board.console.wait_for(b"tess> ", SECONDS)
     board.console.send(b"\x04")
-    shell(board, "true")
+    board.console.wait_for(b"board# ", SECONDS)
 
 
 def test_everything_works_that_can_be_seen_from_the_board(board):
