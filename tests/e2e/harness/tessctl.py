@@ -23,7 +23,9 @@ HEEDING_SIGHUP = ("env", "--default-signal=HUP")
 
 DONE, REFUSED, NO_ANSWER, NO_CONNECTION, WRONG_USAGE = 0, 1, 2, 3, 64
 
-needs_tessctl = pytest.mark.skipif(not os.path.exists(PROGRAM), reason="tessctl is a program of the host, not of the target")
+needs_tessctl = pytest.mark.skipif(
+    not os.path.exists(PROGRAM) or settings.emulated(), reason="tessctl is run without what emulates the daemon's processor"
+)
 
 
 class Result:
