@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import re
 import time
 
 from users import SECONDS, Telnet, number, shell, uptime
@@ -31,6 +32,13 @@ def test_memory(board, figures):
     assert own < alone <= with_clients < MOST_KIB
     threads = number(board, "awk '/^Threads/ { print $2 }' /proc/$(cat /run/tessd.pid)/status")
     assert threads <= 3
+
+
+def test_boot_time(board, figures):
+    now = uptime(board)
+    (run_init,) = re.findall(rb"\[ +(\d+\.\d+)\] Run /init as init process", board.console.shown)
+    figures["boot, by the board's clock, s"] = f"{float(run_init):.2f} to its init, less than {now:.2f} to a registered process"
+    assert float(run_init) < now < SECONDS
 
 
 def test_start_time(board, figures):

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-2.0
 /*
  * Plays a fault that the emulated serial line never has: a byte with a parity error, as the line's driver would report
  * it. From there on it goes the way of every byte.
