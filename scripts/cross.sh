@@ -2,7 +2,8 @@
 # What is built for the target, a 32-bit big-endian PowerPC, before tessd is. To be sourced by bash after lib.sh.
 #
 #   make_once PRODUCT [INPUT...]   makes CACHE/PRODUCT-SUM with the function make_PRODUCT, unless it is there; SUM stands for
-#                                  that function, the compiler and the input files. To be used with step or check
+#                                  that function, the compiler and the input files, with their names and rights. To be used
+#                                  with step or check
 #   place PRODUCT [INPUT...]       prints the path of that folder
 #   use_libraries                  has the preset powerpc find the libraries that make_libraries has made
 #
@@ -17,7 +18,8 @@ place()
     local product=$1
     shift
     printf '%s/%s-%.16s\n' "$CACHE" "$product" \
-        "$({ declare -f "make_$product" && $TRIPLET-gcc -dumpfullversion && cat /dev/null "$@"; } | sha256sum)"
+        "$({ declare -f "make_$product" && $TRIPLET-gcc -dumpfullversion && printf '%s\n' "${@##*/}" &&
+            stat -c %a /dev/null "$@" && cat /dev/null "$@"; } | sha256sum)"
 }
 
 # The folder appears whole or not at all, and only one at a time makes it.
@@ -27,7 +29,8 @@ make_once()
     folder=$(place "$@") && mkdir -p "$CACHE" && exec 9>"$CACHE/$product.lock" && flock 9 || return
     if [ -e "$folder" ]; then return; fi
     shift
-    work=$(mktemp -d "$CACHE/making-$product-XXXXXX") && mkdir "$work/kept" "$work/work" || return
+    work=$CACHE/making-$product
+    rm -rf "$work" && mkdir -p "$work/kept" "$work/work" || return # it is there when somebody has stopped a run
     mapfile -t inputs < <(realpath -m "$@" /)
     unset 'inputs[-1]'
     (cd "$work/work" && "make_$product" "$work/kept" "${inputs[@]}") && mv "$work/kept" "$folder" || status=$?
