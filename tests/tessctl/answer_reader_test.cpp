@@ -1,5 +1,6 @@
 #include "tools/tessctl/answer_reader.h"
 
+#include <algorithm>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -25,7 +26,8 @@ TEST(AnswerReader, TellsWhereAnswersEnd)
     struct Row {
         std::string received;
         std::vector<std::string> lines;
-        std::size_t answers, refusals;
+        std::size_t answers;
+        std::ptrdiff_t failures;
         bool inside;
     };
     const Row rows[] = {
@@ -41,15 +43,19 @@ TEST(AnswerReader, TellsWhereAnswersEnd)
         {"A\r\n?\r\n", {"A", "?"}, 0, 0, true}, // no refusal: another line of the same answer
         {"? what\r\n\r\n", {"? what"}, 1, 0, false},
         {"\r\n\r\n", {}, 0, 0, false},
-        {"A\nB\n\n", {"A", "B"}, 1, 0, false}, // line ends of any kind
+        {"Error: no\r\n\r\n", {"Error: no"}, 1, 1, false},
+        {"half\r\nError: no\r\n\r\n", {"half", "Error: no"}, 1, 1, false},
+        {"Error: no\r\nbut then\r\n\r\n", {"Error: no", "but then"}, 1, 0, false}, // only the last line counts
+        {"A\nB\n\n", {"A", "B"}, 1, 0, false},                                     // line ends of any kind
         {"A\rB\r\n\r\n", {"A\rB"}, 1, 0, false},
     };
     for (const Row& row : rows) {
         TAnswerReader reader;
         const TAnswerReader::Progress progress = reader.take(row.received);
         EXPECT_EQ(progress.lines, row.lines) << testing::PrintToString(row.received);
-        EXPECT_EQ(progress.answers, row.answers) << testing::PrintToString(row.received);
-        EXPECT_EQ(progress.refusals, row.refusals) << testing::PrintToString(row.received);
+        EXPECT_EQ(progress.answers.size(), row.answers) << testing::PrintToString(row.received);
+        EXPECT_EQ(std::ranges::count_if(progress.answers, &TAnswer::failed), row.failures)
+            << testing::PrintToString(row.received);
         EXPECT_EQ(reader.insideAnswer(), row.inside) << testing::PrintToString(row.received);
     }
 }
@@ -67,7 +73,31 @@ TEST(AnswerReader, TakesAPauseForTheEnd)
     (void)reader.take("one\r\ntwo\r");
     const TAnswerReader::Progress progress = reader.takePause();
     EXPECT_THAT(progress.lines, ElementsAre("two"));
-    EXPECT_EQ(progress.answers, 1U);
+    ASSERT_EQ(progress.answers.size(), 1U);
+    EXPECT_EQ(progress.answers[0].text, "one\ntwo");
     EXPECT_FALSE(reader.insideAnswer());
-    EXPECT_EQ(reader.take("?\r\n").refusals, 1U) << "the next answer begins afresh";
+    EXPECT_TRUE(reader.take("?\r\n").answers.at(0).failed) << "the next answer begins afresh";
+}
+
+TEST(AnswerReader, KnowsWhatMeansThatACommandFailed)
+{
+    struct Row {
+        const char* lastLine;
+        std::size_t lines;
+        bool failure;
+    };
+    const Row rows[] = {
+        {"?", 1, true},
+        {"?", 2, false},
+        {"Error: sh ended with status 3", 1, true},
+        {"Error: sh ended with status 3", 7, true},
+        {"Error:", 1, false},
+        {"error: no", 1, false},
+        {"Error Setting Command: Invalid Arguments.", 1, true},
+        {"Error Processing Reset Command.", 1, true},
+        {"Error Setting Command: Invalid Arguments.", 2, false},
+        {"OK", 1, false},
+    };
+    for (const Row& row : rows)
+        EXPECT_EQ(meansFailure(row.lastLine, row.lines), row.failure) << row.lastLine << ", " << row.lines;
 }

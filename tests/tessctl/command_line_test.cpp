@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+using testing::HasSubstr;
 using testing::StartsWith;
 
 TEST(CommandLine, ExpectsAnAnswerForEachCommand)
@@ -20,6 +21,31 @@ TEST(CommandLine, ExpectsAnAnswerForEachCommand)
     };
     for (const Row& row : rows)
         EXPECT_EQ(answersDue(row.line), row.answers) << "'" << row.line << "'";
+}
+
+TEST(CommandLine, FindsTheCommandsOfALine)
+{
+    struct Row {
+        const char* line;
+        std::vector<std::string_view> commands;
+    };
+    const Row rows[] = {
+        {" ", {}},
+        {"s3.ENC GETX", {"s3.ENC GETX"}},
+        {"A| B ||C", {"A", " B ", "C"}},
+        {"A|delay 5.0|B|C", {"A", "delay 5.0|B|C"}},
+        {"RESET|A", {"RESET|A"}},
+    };
+    for (const Row& row : rows)
+        EXPECT_EQ(commandsOf(row.line), row.commands) << "'" << row.line << "'";
+}
+
+TEST(CommandLine, DoesNotMakeARestartOfAPartOfALine)
+{
+    for (const char* line : {"A|B", "RESET|A", "RESET", "DELAY 5.0|RESET", ""})
+        EXPECT_EQ(splitProblem(line), "") << line;
+    for (const char* line : {"A|RESET", "A| reset", "A|B|Resetting"})
+        EXPECT_THAT(splitProblem(line), HasSubstr("would restart the device")) << line;
 }
 
 TEST(CommandLine, FindsWhatTheDaemonWouldCut)

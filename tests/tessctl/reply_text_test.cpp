@@ -25,7 +25,8 @@ TEST(ReplyText, MakesAnAnswerOfWhatAProgramPrints)
         {"\na\n", "", " \r\na\r\n\r\n"},
         {"?\n", "", "?\r\n"},
         {"? no\n", "", "? no\r\n\r\n"},
-        {"?\n", "false ended with status 1", "?\r\nError: false ended with status 1\r\n\r\n"},
+        {"?\n", "false ended with status 1", "?\r\n"}, // a refusal says it all
+        {"?\nwhat\n", "", "? \r\nwhat\r\n\r\n"},       // it must not end the answer
         {"", "false ended with status 1", "Error: false ended with status 1\r\n\r\n"},
         {"half", "it was ended by signal 9", "half\r\nError: it was ended by signal 9\r\n\r\n"},
         {"a\0b\n"s, "", "ab\r\n\r\n"},

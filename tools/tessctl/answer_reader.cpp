@@ -2,6 +2,13 @@
 
 #include <utility>
 
+bool meansFailure(std::string_view lastLine, std::size_t lines)
+{
+    if (lastLine.starts_with("Error: ")) return true;
+    return lines == 1 && (lastLine == "?" || lastLine == "Error Setting Command: Invalid Arguments." ||
+                          lastLine == "Error Processing Reset Command.");
+}
+
 TAnswerReader::Progress TAnswerReader::take(std::string_view bytes)
 {
     Progress progress;
@@ -19,26 +26,26 @@ TAnswerReader::Progress TAnswerReader::takePause()
     Progress progress;
     if (rest_.ends_with('\r')) rest_.pop_back();
     if (!rest_.empty()) takeLine(std::exchange(rest_, {}), progress);
-    if (linesOfAnswer_ > 0) endAnswer(progress);
+    if (!answer_.empty()) endAnswer(progress);
     return progress;
 }
 
 void TAnswerReader::takeLine(std::string line, Progress& progress)
 {
     if (line.empty()) {
-        if (linesOfAnswer_ > 0) endAnswer(progress); // otherwise it belongs to no answer
+        if (!answer_.empty()) endAnswer(progress); // otherwise it belongs to no answer
         return;
     }
-    const bool refused = linesOfAnswer_ == 0 && line == "?";
-    progress.lines.push_back(std::move(line));
-    ++linesOfAnswer_;
-    if (!refused) return;
-    ++progress.refusals;
-    endAnswer(progress);
+    const bool refused = answer_.empty() && line == "?";
+    progress.lines.push_back(line);
+    answer_.push_back(std::move(line));
+    if (refused) endAnswer(progress);
 }
 
 void TAnswerReader::endAnswer(Progress& progress)
 {
-    ++progress.answers;
-    linesOfAnswer_ = 0;
+    TAnswer answer{{}, meansFailure(answer_.back(), answer_.size())};
+    for (const std::string& line : std::exchange(answer_, {}))
+        answer.text.append(answer.text.empty() ? "" : "\n").append(line);
+    progress.answers.push_back(std::move(answer));
 }

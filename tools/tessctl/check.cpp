@@ -61,7 +61,7 @@ try {
         if (received == TLocalClient::Received::closed) return {name, false, client.closedText()};
         if (received != TLocalClient::Received::text) continue;
         const TAnswerReader::Progress progress = reader.take(text);
-        if (progress.answers == 0) continue;
+        if (progress.answers.empty()) continue;
         const bool right = progress.lines.front() == "0";
         return {name, right, std::string(client.path()) + " answers" + (right ? "" : ", but not as tessd does")};
     }

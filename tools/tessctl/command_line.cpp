@@ -1,6 +1,6 @@
 #include "tools/tessctl/command_line.h"
 
-#include <vector>
+#include <algorithm>
 
 #include "framework/tokenizer.h"
 #include "tools/tessctl/begins_with.h"
@@ -25,16 +25,31 @@ std::string lineProblem(std::string_view line)
     return "a line with a carriage return or a NUL in it would become two commands: send them as lines of their own";
 }
 
-std::size_t answersDue(std::string_view line)
+std::vector<std::string_view> commandsOf(std::string_view line)
 {
-    if (beginsWith(line, "RESET")) return 1; // whatever follows
+    if (withoutLeadingBlanks(line).empty()) return {};
+    if (beginsWith(line, "RESET")) return {line}; // whatever follows
     std::vector<std::string_view> commands;
     stringTokenizer(line, commands, "|");
-    std::size_t due = 0;
-    for (const std::string_view each : commands) {
-        const std::string_view command = withoutLeadingBlanks(each);
-        ++due; // an empty one is forwarded to everybody
-        if (beginsWith(command, "DELAY")) break;
-    }
-    return withoutLeadingBlanks(line).empty() ? 0 : due;
+    const auto delay = std::ranges::find_if(
+        commands, [](std::string_view command) { return beginsWith(withoutLeadingBlanks(command), "DELAY"); });
+    if (delay == commands.end()) return commands;
+    *delay = {delay->data(), static_cast<std::size_t>(line.data() + line.size() - delay->data())};
+    commands.erase(delay + 1, commands.end());
+    return commands;
+}
+
+std::string splitProblem(std::string_view line)
+{
+    const std::vector<std::string_view> commands = commandsOf(line);
+    const auto resets = [](std::string_view command) { return beginsWith(withoutLeadingBlanks(command), "RESET"); };
+    if (commands.empty() || std::none_of(commands.begin() + 1, commands.end(), resets)) return {};
+    return "'" + std::string(line) +
+           "': with --each, the RESET behind the '|' would restart the device; send it as a line "
+           "of its own if it shall";
+}
+
+std::size_t answersDue(std::string_view line)
+{
+    return commandsOf(line).size();
 }

@@ -10,7 +10,7 @@ std::string replyText(std::string_view output, std::string_view failure)
     std::erase(clean, '\0');
     const std::size_t lastByte = clean.find_last_not_of("\r\n");
     clean.erase(lastByte == std::string::npos ? 0 : lastByte + 1);
-    if (failure.empty() && clean == "?") return "?\r\n";
+    if (clean == "?") return "?\r\n";
 
     std::string reply;
     if (!clean.empty()) {
@@ -21,6 +21,7 @@ std::string replyText(std::string_view output, std::string_view failure)
             std::string_view line = rest.substr(0, end);
             if (line.ends_with('\r')) line.remove_suffix(1);
             reply += line.empty() ? " " : line;
+            if (reply == "?") reply += ' ';
             reply += "\r\n";
             if (more) rest.remove_prefix(end + 1);
         }
