@@ -190,11 +190,11 @@ def test_a_serial_line_that_nobody_has_open():
         REFUSED, "", "tessctl: /dev/ttyS1 is open in no process: does tessd run with the COM2 port?\n"
     )
     output = tessctl.run("ping", "com2", **STRANGER).expect(DONE, errors="").output
-    assert output.startswith("/dev/ttyS1 exists; who has it open can only root see"), output
+    assert output.startswith("/dev/ttyS1 exists; only root can see who has it open"), output
     os.chmod("/dev/ttyS1", 0o666)
     with open("/dev/ttyS1", "rb") as line, subprocess.Popen(["sleep", "1000"], stdin=line, **STRANGER) as other:
         output = tessctl.run("ping", "com2", **STRANGER).expect(DONE, errors="").output
-        assert output.startswith(f"/dev/ttyS1 is open in sleep ({other.pid}); in what else, can only root see ("), output
+        assert output.startswith(f"/dev/ttyS1 is open in sleep ({other.pid}); only root can see in what else ("), output
         other.kill()
 
 
@@ -243,7 +243,10 @@ def test_a_daemon_started_anew_that_refuses_is_reported(tessd):
                 assert anew.receive(10).kind == wire.REGISTER, "it asks again"
             anew.send(wire.record(wire.REPLY, b"\0"), to=int(address))
             wait_until(lambda: "CAT has registered again" in serve.errors(), "it registers at last", 10)
-            said = "tessctl: tessd refuses: Max # of registered processes reached: it is asked again every second\n"
+            said = (
+                "tessctl: tessd does not register CAT: it has 32 names, and more do not fit: end another process; it is asked again"
+                " every second\n"
+            )
             assert serve.errors().count(said) == 1, serve.errors()
             serve.kill()
             serve.wait()

@@ -75,10 +75,10 @@ def test_a_program_gets_its_arguments_as_they_stand(tessd):
 def test_a_program_that_prints_without_end_is_stopped_at_its_limits(tessd):
     launcher = tessctl.tampered("read", "delay_exit=1000")  # there is always more when it comes back
     with tessctl.serving("P", "yes", options=("--timeout", "0.5"), launcher=launcher):
-        output = tessctl.run("send", "s3.P go").expect(DONE, errors="").output
+        output = tessctl.run("send", "s3.P go").expect(REFUSED, errors="").output
         assert output == "y\n" * 32768 + "Error: yes did not end within 0.5 s\n", output[-100:]
     with tessctl.serving("Q", "sh", "-c", "yes & sleep 0.5", options=("--timeout", "100"), launcher=launcher):
-        output = tessctl.run("send", "s3.Q go").expect(DONE, errors="").output
+        output = tessctl.run("send", "s3.Q go").expect(REFUSED, errors="").output
         assert output == "y\n" * 32768 + "Error: sh printed more than 65536 bytes\n", output[-100:]
 
 
@@ -107,7 +107,7 @@ def test_twenty_thousand_bytes_arrive_whole(tessd, port):
 def test_what_is_printed_beyond_65536_bytes_is_thrown_away_and_said(tessd):
     script = "head -c 100000 /dev/zero | tr '\\0' x | fold -w 79"
     with tessctl.serving("LONG", "sh", "-c", script):
-        result = tessctl.run("send", "s3.LONG go").expect(DONE, errors="")
+        result = tessctl.run("send", "s3.LONG go").expect(REFUSED, errors="")
         assert result.output.endswith("\nError: sh printed more than 65536 bytes\n")
         assert len(result.output) == 65536 + 1 + len("Error: sh printed more than 65536 bytes\n")
 
@@ -238,12 +238,93 @@ def test_it_registers_again_at_a_daemon_that_was_started_anew(start_tessd):
             client.ask(b"s3.CAT X", b"X\r\n\r\n")
 
 
+# Who has the name
+
+TAKEN = "tessctl: CAT is taken: another tessctl serves it or listens under it; "
+
+
+def test_a_name_that_is_taken_is_not_taken_over_unasked(tessd):
+    with tessctl.serving("CAT", "cat") as serve, IpcClient() as client:
+        said = TAKEN + "--take-over takes its commands until this one ends\n"
+        tessctl.run("listen", "CAT").expect(REFUSED, "", said)
+        tessctl.run("serve", "CAT", "--", "true").expect(REFUSED, "", TAKEN + "end that one first\n")
+        client.ask(b"s3.CAT X", b"X\r\n\r\n")
+        with tessctl.running("listen", "cat", until="listening as cat"):  # another name to tessd, too
+            pass
+        assert "taken" not in serve.errors(), serve.errors()
+    with tessctl.running("listen", "CAT", until="listening as CAT"):
+        tessctl.run("serve", "CAT", "--", "true").expect(REFUSED, "", TAKEN + "end that one first\n")
+
+
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGKILL], ids=["SIGTERM", "SIGKILL"])
+def test_a_name_that_was_taken_over_is_served_again_afterwards(tessd, number):
+    with tessctl.serving("CAT", "cat") as serve, IpcClient() as client:
+        listen = subprocess.Popen([tessctl.PROGRAM, "listen", "CAT", "--take-over"], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        assert listen.stderr.readline().startswith("tessctl: listening as CAT")
+        over = "tessctl: CAT was taken over by 'tessctl listen --take-over': it gets no commands until that has ended\n"
+        wait_until(lambda: over in serve.errors(), "it says that it was taken over", 10)
+        client.send(b"s3.CAT heard\n")
+        assert listen.stdout.readline().endswith('"heard\\n"\n')
+        listen.send_signal(number)
+        listen.communicate(timeout=10 * settings.SLOW)
+        back = "tessctl: CAT is back: 'tessctl listen --take-over' has ended\n"
+        wait_until(lambda: back in serve.errors(), "it says that it is back", 10)
+        client.ask(b"s3.CAT X", b"X\r\n\r\n")
+        assert serve.errors().count("taken over") == 1, serve.errors()
+
+
+@pytest.mark.slow
+def test_a_name_that_another_process_took_is_taken_back(tessd):
+    """What that one is, tessctl cannot know. The renewal that finds it out comes every ten seconds."""
+    with tessctl.serving("CAT", "cat") as serve, QueueProcess(2001) as other, IpcClient() as client:
+        other.register(b"CAT")
+        client.send(b"s3.CAT theirs\n")
+        other.expect_command(b"theirs")
+        said = "tessctl: CAT was taken by another process, and is back: that one gets no commands now\n"
+        wait_until(lambda: said in serve.errors(), "it says that it was replaced and is back", 25)
+        client.ask(b"s3.CAT ours", b"ours\r\n\r\n")
+        assert other.waiting() == []
+
+
+def forwarded_to(daemon: QueueProcess, seconds: float) -> list[int]:
+    """The kinds of what a daemon that answers everything with success gets."""
+    kinds, watch = [], Stopwatch()
+    while watch.seconds() < seconds:
+        with contextlib.suppress(AssertionError):
+            message = daemon.receive(1)
+            kinds.append(message.kind)
+            text = {wire.REGISTER: b"Process register operation successful\0", wire.UNREGISTER: b"Process unregister operation successful\0"}
+            daemon.send(wire.record(wire.REPLY, text[message.kind]), to=4242)
+    return kinds
+
+
+@pytest.mark.slow
+@pytest.mark.deadline(120)
+def test_a_name_is_looked_after_without_a_gap_while_nobody_comes():
+    """Only the first renewal asks whether the name was lost; later ones do when somebody has come, and no command has."""
+    with QueueProcess(1001) as daemon:
+        serve = subprocess.Popen([tessctl.PROGRAM, "serve", "CAT", "--address", "4242", "--", "cat"], stderr=subprocess.DEVNULL)
+        try:
+            begun = [wire.REGISTER, wire.UNREGISTER, wire.REGISTER]
+            kinds = forwarded_to(daemon, 26)
+            assert kinds[:3] == begun and set(kinds[3:]) == {wire.REGISTER}, kinds
+            with QueueProcess(2001):
+                daemon.send(wire.record(wire.TEXT_KIND, b"busy\n\0"), to=4242)
+                assert daemon.receive().kind == wire.REPLY
+                assert forwarded_to(daemon, 11.5) == [wire.REGISTER]
+                assert forwarded_to(daemon, 11.5) == [wire.UNREGISTER, wire.REGISTER]
+        finally:
+            serve.kill()
+            serve.wait()
+
+
 def test_a_full_registry_refuses_it(tessd):
     processes = [QueueProcess(3000 + number) for number in range(32)]
     for number, process in enumerate(processes):
         process.register(b"P%d" % number)
-    for command in (["serve", "CAT", "--", "cat"], ["listen"]):
-        tessctl.run(*command).expect(REFUSED, "", "tessctl: tessd refuses: Max # of registered processes reached\n")
+    for command, name in (["serve", "CAT", "--", "cat"], "CAT"), (["listen"], "LISTEN"):
+        said = f"tessctl: tessd does not register {name}: it has 32 names, and more do not fit: end another process\n"
+        tessctl.run(*command).expect(REFUSED, "", said)
     for process in processes:
         process.close()
 

@@ -23,6 +23,7 @@
 #include "tools/tessctl/exit_status.h"
 #include "tools/tessctl/likely_cause.h"
 #include "tools/tessctl/record_text.h"
+#include "tools/tessctl/registry_answer.h"
 
 namespace {
 
@@ -221,5 +222,5 @@ void TDaemonClient::registerAs(std::string_view name, std::uint32_t ports)
     askToRegister(name, ports);
     const TOrbAttachmentMsg answer = replyToRegister();
     if (answer.tag == 0) return;
-    throw TCtlError(STATUS_REFUSED, "tessd refuses: " + std::string(textOf(answer)));
+    throw TCtlError(STATUS_REFUSED, refusalText(name, textOf(answer)));
 }

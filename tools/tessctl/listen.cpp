@@ -10,6 +10,7 @@
 #include "tools/tessctl/record_text.h"
 #include "tools/tessctl/registration.h"
 #include "tools/tessctl/say.h"
+#include "tools/tessctl/standard_output.h"
 
 namespace {
 
@@ -25,7 +26,8 @@ bool nobodyReads()
 ExitStatus runListen(const ListenOptions& options)
 {
     TDaemonClient daemon(options.address);
-    TRegistration registration(daemon, options.name, options.ports);
+    TRegistration registration(daemon, options.name, options.ports,
+                               options.takeOver ? Keep::takeOver : Keep::whileFree);
     say("listening as " + options.name + " at address " + std::to_string(daemon.queueId()));
     TOrbAttachmentMsg record;
     int error = 0;
@@ -34,9 +36,8 @@ ExitStatus runListen(const ListenOptions& options)
         const std::size_t bytes = registration.receive(record);
         if (bytes == 0) continue;
         ++seen;
-        errno = 0;
-        std::cout << (options.raw ? hexDump(record, bytes) : describe(record, bytes)) << '\n' << std::flush;
-        if (!std::cout) error = errno != 0 ? errno : EIO;
+        std::cout << (options.raw ? hexDump(record, bytes) : describe(record, bytes)) << '\n';
+        error = flushOutput();
     }
     (void)registration.end();
     if (error != 0 && error != EPIPE)

@@ -10,6 +10,7 @@ struct ListenOptions {
     std::string name = "LISTEN";
     std::uint32_t ports = 0;
     std::optional<long> address;
+    bool takeOver = false; ///< the name, from another tessctl
     bool raw = false;
     std::uint64_t count = 0; ///< of records to print; 0: until SIGINT, SIGTERM or SIGHUP
 };

@@ -5,41 +5,47 @@
 #include "framework/tess_messages.h"
 #include "tools/tessctl/exit_status.h"
 #include "tools/tessctl/record_text.h"
+#include "tools/tessctl/registry_answer.h"
 #include "tools/tessctl/say.h"
 
 namespace {
 
 constexpr std::chrono::seconds BETWEEN_LOOKS{1};
+constexpr std::chrono::seconds BETWEEN_RENEWALS{10};
+constexpr const char* TAKER = "'tessctl listen --take-over'";
 
 } // namespace
 
-TRegistration::DaemonMark::DaemonMark()
-{
-    (void)::stat(queuePath(TESS_QUEUE_ID).c_str(), &seen_);
-}
-
-bool TRegistration::DaemonMark::changed()
+bool TRegistration::FileMark::changed() const
 {
     struct stat now {};
-    if (::stat(queuePath(TESS_QUEUE_ID).c_str(), &now) != 0) return false;
-    const bool same = now.st_ino == seen_.st_ino && now.st_ctim.tv_sec == seen_.st_ctim.tv_sec &&
-                      now.st_ctim.tv_nsec == seen_.st_ctim.tv_nsec;
-    if (!same && queueError(TESS_QUEUE_ID) != 0) return false; // not ready yet
-    seen_ = now;
-    return !same;
+    if (::stat(path_.c_str(), &now) != 0) return false;
+    return now.st_ino != seen_.st_ino || now.st_ctim.tv_sec != seen_.st_ctim.tv_sec ||
+           now.st_ctim.tv_nsec != seen_.st_ctim.tv_nsec;
 }
 
-TRegistration::TRegistration(TDaemonClient& daemon, std::string name, std::uint32_t ports)
-    : daemon_(daemon), name_(std::move(name)), ports_(ports)
+TRegistration::TRegistration(TDaemonClient& daemon, std::string name, std::uint32_t ports, Keep keep)
+    : daemon_(daemon), name_(std::move(name)), ports_(ports), keep_(keep), claim_(name_),
+      daemonMark_(queuePath(TESS_QUEUE_ID)), directoryMark_(queueDirectory())
 {
+    if (keep_ != Keep::takeOver && claim_.taken())
+        throw TCtlError(
+            STATUS_REFUSED,
+            name_ + " is taken: another tessctl serves it or listens under it; " +
+                (keep_ == Keep::renewed ? "end that one first" : "--take-over takes its commands until this one ends"));
+    claim_.hold(keep_ == Keep::takeOver);
     daemon_.registerAs(name_, ports_);
     nextLook_ = Clock::now();
+    nextRenewal_ = nextLook_ + BETWEEN_RENEWALS;
 }
 
 std::size_t TRegistration::receive(TOrbAttachmentMsg& record)
 {
     const std::size_t bytes = daemon_.receive(record);
-    if (bytes > 0 && record.sender == TESS_QUEUE_ID && record.kind == MSG_REPLY) onReply(record);
+    if (bytes > 0 && record.sender == TESS_QUEUE_ID) {
+        busy_ = busy_ || record.kind == MSG_TEXT;
+        if (record.kind == MSG_REPLY) onReply(record);
+    }
     if (Clock::now() >= nextLook_) look();
     return bytes;
 }
@@ -47,32 +53,90 @@ std::size_t TRegistration::receive(TOrbAttachmentMsg& record)
 void TRegistration::look()
 {
     nextLook_ = Clock::now() + BETWEEN_LOOKS;
-    if (mark_.changed()) {
-        missing_ = true;
+    if (keep_ == Keep::renewed) lookForOthers();
+    if (daemonMark_.changed() && queueError(TESS_QUEUE_ID) == 0) { // before that it is not ready yet
+        daemonMark_.see();
+        missing_ = Missing::atNewDaemon;
         asked_ = false; // what an earlier tessd was asked is nothing to this one
+        unregistersDue_ = 0;
     }
-    if (!missing_) return;
+    if (aside_) return;
     if (asked_ && Clock::now() < askedAt_ + TDaemonClient::REPLY_PATIENCE) return;
-    try {
-        daemon_.askToRegister(name_, ports_);
-        asked_ = true;
-        askedAt_ = Clock::now();
-    } catch (const TCtlError& error) {
-        complain(std::string("not registered again: ") + error.what());
-    }
+    if (missing_ != Missing::no)
+        ask(false);
+    else if (keep_ == Keep::renewed && Clock::now() >= nextRenewal_)
+        renew();
+}
+
+void TRegistration::lookForOthers()
+{
+    const bool aside = claim_.takenOver();
+    if (aside && !aside_) say(name_ + " was taken over by " + TAKER + ": it gets no commands until that has ended");
+    if (!aside && aside_ && missing_ == Missing::no) missing_ = Missing::takenOver;
+    aside_ = aside;
+}
+
+/// tessd does not tell whether a name that is registered again was another one's meanwhile; only that an address has nothing
+/// to unregister. To ask for that leaves a gap: it is done only where somebody else has come or gone, or the name was lost
+/// before, and no command that comes shows that it is not.
+void TRegistration::renew()
+{
+    nextRenewal_ = Clock::now() + BETWEEN_RENEWALS;
+    suspicious_ = suspicious_ || directoryMark_.changed();
+    const bool whetherReplaced = suspicious_ && !busy_;
+    if (whetherReplaced) directoryMark_.see();
+    busy_ = false;
+    ask(whetherReplaced);
+}
+
+void TRegistration::ask(bool whetherReplaced)
+try {
+    if (whetherReplaced) unregister();
+    daemon_.askToRegister(name_, ports_);
+    asked_ = true;
+    askedAt_ = Clock::now();
+} catch (const TCtlError& error) {
+    if (missing_ == Missing::no) missing_ = Missing::notAsked;
+    complain(std::string("not registered again: ") + error.what());
+}
+
+void TRegistration::unregister()
+{
+    daemon_.send(MSG_UNREGISTER, 0, 0, "");
+    ++unregistersDue_;
 }
 
 void TRegistration::onReply(const TOrbAttachmentMsg& record)
 {
-    if (!asked_) return;
-    asked_ = false;
-    if (record.tag != 0) {
-        complain("tessd refuses: " + std::string(textOf(record)) + ": it is asked again every second");
+    const bool done = record.tag == 0;
+    if (answersUnregistering(textOf(record))) {
+        if (unregistersDue_ > 0) --unregistersDue_;
+        suspicious_ = !done;
+        if (!done && missing_ == Missing::no) missing_ = Missing::replaced;
         return;
     }
-    missing_ = false;
+    if (!asked_) return;
+    asked_ = false;
+    if (done) return onRegistered();
+    if (missing_ == Missing::no) missing_ = Missing::notAsked;
+    complain(refusalText(name_, textOf(record)) + "; it is asked again every second");
+}
+
+void TRegistration::onRegistered()
+{
     complaint_.clear();
-    say("tessd was started anew, " + name_ + " has registered again");
+    switch (std::exchange(missing_, Missing::no)) {
+    case Missing::no:
+        return;
+    case Missing::atNewDaemon:
+        return say("tessd was started anew, " + name_ + " has registered again");
+    case Missing::takenOver:
+        return say(name_ + " is back: " + TAKER + " has ended");
+    case Missing::replaced:
+        return say(name_ + " was taken by another process, and is back: that one gets no commands now");
+    case Missing::notAsked:
+        return say(name_ + " has registered again");
+    }
 }
 
 void TRegistration::complain(const std::string& text)
@@ -85,7 +149,8 @@ bool TRegistration::end()
 try {
     nextLook_ = Clock::time_point::max();
     asked_ = false;
-    daemon_.send(MSG_UNREGISTER, 0, 0, "");
+    unregister();
+    claim_.release();
     return true;
 } catch (const TCtlError& error) {
     say(std::string("not unregistered: ") + error.what());

@@ -5,16 +5,25 @@
 #include <cstdint>
 #include <string>
 #include <sys/stat.h>
+#include <utility>
 
 #include "tools/tessctl/daemon_client.h"
+#include "tools/tessctl/name_claim.h"
+
+/// How a name is kept.
+enum class Keep {
+    whileFree, ///< refused where another tessctl has it; another process may take it
+    takeOver,  ///< taken from another tessctl, which has it back at the end; another process may take it
+    renewed,   ///< refused where another tessctl has it; taken back from other processes, every 10 seconds
+};
 
 /// Keeps a name registered, also when tessd is started anew: it asks that one until it is registered there.
 /// Threads: one.
 class TRegistration {
 public:
     /// Registers.
-    /// @throws TCtlError  tessd refuses, or does not answer
-    TRegistration(TDaemonClient& daemon, std::string name, std::uint32_t ports);
+    /// @throws TCtlError  the name is taken, or tessd refuses, or does not answer
+    TRegistration(TDaemonClient& daemon, std::string name, std::uint32_t ports, Keep keep);
 
     /// Takes the next record, as TDaemonClient::receive(), and looks after the registration.
     std::size_t receive(TOrbAttachmentMsg& record);
@@ -23,32 +32,52 @@ public:
     /// @return false when it was not
     bool end();
 
+    /// Whether tessd has confirmed that: what it forwarded before has been received.
+    bool unregistered() const { return unregistersDue_ == 0; }
+
 private:
     using Clock = std::chrono::steady_clock;
 
-    /// Tells one tessd from the next by the socket file of its queue.
-    class DaemonMark {
+    /// Tells whether a file is another one than the last time, or was changed since.
+    class FileMark {
     public:
-        DaemonMark();
+        explicit FileMark(std::string path) : path_(std::move(path)) { see(); }
 
-        /// @return true when there is another tessd than the last time
-        bool changed();
+        void see() { (void)::stat(path_.c_str(), &seen_); } // one that is not there will be another one
+        bool changed() const;
 
     private:
+        std::string path_;
         struct stat seen_ {};
     };
 
+    /// Why it is not registered, as far as it knows.
+    enum class Missing { no, atNewDaemon, takenOver, replaced, notAsked };
+
     void look();
+    void lookForOthers();
+    void renew();
+    void ask(bool whetherReplaced);
+    void unregister();
     void onReply(const TOrbAttachmentMsg& record);
+    void onRegistered();
     void complain(const std::string& text);
 
     TDaemonClient& daemon_;
     std::string name_;
     std::uint32_t ports_;
-    DaemonMark mark_;
-    bool missing_ = false; ///< at this tessd
-    bool asked_ = false;   ///< for it, without an answer so far
+    Keep keep_;
+    TNameClaim claim_;
+    FileMark daemonMark_;    ///< of its queue: tells one tessd from the next
+    FileMark directoryMark_; ///< of the queues: processes that come and go
+    Missing missing_ = Missing::no;
+    bool aside_ = false;     ///< while another tessctl has taken the name over
+    bool suspicious_ = true; ///< another process may have taken the name
+    bool busy_ = false;      ///< a command has come since the last renewal: then it was registered
+    bool asked_ = false;     ///< to be registered, without an answer so far
+    int unregistersDue_ = 0; ///< answers to what ask() and end() have sent
     Clock::time_point askedAt_;
     Clock::time_point nextLook_;
+    Clock::time_point nextRenewal_;
     std::string complaint_; ///< the last one: it is said once
 };

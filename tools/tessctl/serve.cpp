@@ -157,7 +157,8 @@ std::string lineOf(const TOrbAttachmentMsg& record)
 class Server {
 public:
     explicit Server(const ServeOptions& options)
-        : daemon_(options.address), registration_(daemon_, options.name, options.ports), answerer_(daemon_, options)
+        : daemon_(options.address), registration_(daemon_, options.name, options.ports, Keep::renewed),
+          answerer_(daemon_, options)
     {
         say(options.name + " is served at address " + std::to_string(daemon_.queueId()));
     }
@@ -165,18 +166,17 @@ public:
     void serve()
     {
         while (!stopAsked())
-            (void)takeOne();
+            takeOne();
         leave();
     }
 
 private:
-    /// @return the kind of what came from tessd, 0 when nothing did within a second
-    std::uint32_t takeOne()
+    /// Waits for a second at most.
+    void takeOne()
     {
         TOrbAttachmentMsg record;
-        if (registration_.receive(record) == 0 || record.sender != TESS_QUEUE_ID) return 0; // nobody else gives orders
+        if (registration_.receive(record) == 0 || record.sender != TESS_QUEUE_ID) return; // nobody else gives orders
         if (record.kind == MSG_TEXT) answerer_.give({record.tag, lineOf(record)});
-        return record.kind;
     }
 
     /// What tessd has forwarded before it reads this still wants its answer; its reply comes behind it.
@@ -184,8 +184,8 @@ private:
     {
         if (!registration_.end()) return;
         const auto deadline = Clock::now() + TDaemonClient::REPLY_PATIENCE;
-        while (takeOne() != MSG_REPLY && Clock::now() < deadline && !stopAskedAgain()) {
-        }
+        while (!registration_.unregistered() && Clock::now() < deadline && !stopAskedAgain())
+            takeOne();
     }
 
     TDaemonClient daemon_;
