@@ -14,7 +14,7 @@ from harness.tessctl import DONE, NO_CONNECTION, WRONG_USAGE
 pytestmark = tessctl.needs_tessctl
 
 PROMPT = b"tess> "
-CTRL_D, UP, TAB = b"\x04", b"\x1b[A", b"\t"
+CTRL_C, CTRL_D, UP, TAB = b"\x03", b"\x04", b"\x1b[A", b"\t"
 
 
 def leave(terminal) -> None:
@@ -77,15 +77,86 @@ def test_lines_come_back_from_the_history_also_the_next_time(echo):
     terminal = type_to_remember()
     terminal.expect(PROMPT)
     leave(terminal)
-    assert os.path.exists("/tmp/.tessctl_history")
+    assert os.path.exists("/tmp/.local/state/tessctl/history")
     expect_remembered()
 
 
 def test_the_history_outlives_an_interruption(echo):
     terminal = type_to_remember()
-    terminal.type(b"\x03")  # Ctrl-C
-    assert terminal.expect_end() != DONE
+    terminal.process.kill()
+    terminal.process.wait()
     expect_remembered()
+
+
+def test_the_history_of_earlier_versions_is_taken_over(echo):
+    with open("/tmp/.tessctl_history", "w", encoding="ascii") as file:
+        file.write("_HiStOrY_V2_\ns3.ECHO\\040remembered\n")
+    expect_remembered()
+    assert not os.path.exists("/tmp/.tessctl_history")
+
+
+def test_bytes_are_passed_through_where_no_locale_is_set(tessd):
+    """The terminal of the harness has LC_ALL=C."""
+    with QueueProcess(2001) as process:
+        process.register(b"ENC")
+        terminal = tessctl.on_terminal("console")
+        terminal.expect(PROMPT)
+        for text in "Gr\u00f6\u00dfe \u20ac \U0001f600".encode(), b"\xe9t\xe9 \xff\xfe":
+            terminal.type(b"s3.ENC " + text + b"\r")
+            process.expect_command(text)
+        terminal.type(UP + b"\r")  # also out of the history
+        process.expect_command(text)
+        leave(terminal)
+
+
+def test_ctrl_c_clears_the_line(echo):
+    terminal = tessctl.on_terminal("console")
+    terminal.expect(PROMPT)
+    terminal.type(b"s3.ECHO half")
+    terminal.expect(b"half")
+    terminal.type(CTRL_C)
+    terminal.expect(PROMPT)
+    terminal.type(CTRL_C)  # on an empty line, too
+    terminal.expect(PROMPT)
+    terminal.type(b"s3.ECHO whole\r")
+    terminal.expect(b"\x1b[Jwhole\r\n")
+    assert echo.answered == 1
+    leave(terminal)
+
+
+def test_ctrl_z_stops_it_until_it_is_called_back(tessd):
+    shell = Terminal("/usr/bin/env", "ASAN_OPTIONS=detect_leaks=0", "bash", "--norc", "-i")
+    shell.type(f"PS1='shell> '; {tessctl.PROGRAM} console\r".encode())
+    shell.expect(PROMPT)
+    shell.type(b"\x1a")
+    shell.expect(b"Stopped")
+    shell.expect(b"shell> ")
+    shell.type(b"fg\r")
+    shell.expect(PROMPT)
+    shell.type(b"*\r")
+    shell.expect(b"0\r\n")
+    shell.type(CTRL_D)
+    shell.expect(b"shell> ")
+    shell.type(b"exit $?\r")
+    assert shell.expect_end() == DONE, shell.shown
+
+
+def test_it_says_how_to_leave_and_to_get_help(echo):
+    terminal = tessctl.on_terminal("console")
+    hint = b"\\h shows help, \\q or Ctrl-D leaves.\r\n"
+    terminal.expect(hint)
+    for word in b"quit", b"exit", b"help":
+        terminal.expect(PROMPT)
+        terminal.type(word + b"\r")
+        terminal.expect(b"Not sent: " + hint)
+        terminal.expect(b"'* " + word + b"' would send the word to every process.\r\n")
+    terminal.type(b"\\h\r")
+    terminal.expect(b"Tab completes")
+    terminal.type(b"* quit\r")
+    terminal.expect(b"\x1b[Jquit\r\n")
+    assert echo.answered == 1
+    terminal.type(b"\\q\r")
+    assert terminal.expect_end() == DONE, terminal.shown
 
 
 def test_words_are_completed(echo):

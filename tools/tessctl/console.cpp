@@ -4,17 +4,23 @@
 #include <cerrno>
 #include <chrono>
 #include <clocale>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <cwchar>
 #include <histedit.h>
+#include <langinfo.h>
 #include <memory>
+#include <optional>
 #include <poll.h>
 #include <string>
+#include <string_view>
 #include <unistd.h>
+#include <utility>
 
 #include "tools/tessctl/answer_reader.h"
 #include "tools/tessctl/command_line.h"
+#include "tools/tessctl/history_file.h"
+#include "tools/tessctl/key_decoder.h"
 #include "tools/tessctl/visible_text.h"
 #include "tools/tessctl/word_completion.h"
 
@@ -23,6 +29,26 @@ namespace {
 constexpr int HISTORY_LINES = 1000;
 constexpr int PAUSE_MS = 200;               // then a line without an end is shown as it is
 constexpr std::chrono::seconds PATIENCE{5}; // with a tessd that takes no connections, or does not read
+
+constexpr std::string_view ASCII = "ANSI_X3.4-1968"; // of the locales C and POSIX
+constexpr const char* HINT = "\\h shows help, \\q or Ctrl-D leaves.";
+constexpr const char* HELP = R"(Type a command and Enter; answers appear above the line that you are typing.
+
+  s3.ENC GETX      to the process ENC of this device, whose unit is s3
+  GETX             to every process but GPSD
+  *                are you there? tessd answers 0
+  A|B              two commands in one line
+  DELAY 10.0|A     in ten seconds
+  ?                as an answer: nobody took the command, or it was refused
+
+Tab completes, the arrow up brings earlier lines back, Ctrl-C clears the line.
+\h shows this, \q or Ctrl-D leaves. man tessctl has the rest.)";
+
+/// What people type who want something of the console, and not of the device.
+bool meantForTheConsole(std::string_view line)
+{
+    return line == "quit" || line == "exit" || line == "help";
+}
 
 class Console {
 public:
@@ -38,11 +64,16 @@ public:
         ::el_set(edit, EL_GETCFN, getCharacter);
         ::el_set(edit, EL_ADDFN, "complete", "completes a word", completeWord);
         ::el_set(edit, EL_BIND, "^I", "complete", nullptr);
+        // Ctrl-C and Ctrl-Z are keys like others while a line is typed.
+        ::el_set(edit, EL_SETTY, "-d", "-isig", nullptr);
+        ::el_set(edit, EL_ADDFN, "clear-typed", "clears the line", clearTyped);
+        ::el_set(edit, EL_BIND, "^C", "clear-typed", nullptr);
+        ::el_set(edit, EL_ADDFN, "suspend", "stops the console until it is called back", suspend);
+        ::el_set(edit, EL_BIND, "^Z", "suspend", nullptr);
         HistEvent event{};
         ::history(history_.get(), &event, H_SETSIZE, HISTORY_LINES);
         ::history(history_.get(), &event, H_SETUNIQUE, 1);
         ::el_set(edit, EL_HIST, ::history, history_.get());
-        if (const char* home = std::getenv("HOME")) historyFile_ = std::string(home) + "/.tessctl_history";
         if (!historyFile_.empty()) ::history(history_.get(), &event, H_LOAD, historyFile_.c_str());
         ::el_source(edit, nullptr); // the user's own key bindings, editrc(5)
     }
@@ -53,13 +84,17 @@ public:
 
     ExitStatus run()
     {
-        int count = 0;
-        while (const char* typed = ::el_gets(edit_.get(), &count)) {
-            if (count <= 0) break;
+        std::puts(HINT);
+        for (;;) {
+            int count = 0;
+            const char* const typed = ::el_gets(edit_.get(), &count);
+            if (std::exchange(cleared_, false)) continue; // an empty line looks like the end
+            if (typed == nullptr || count <= 0) break;
             std::string line(typed, static_cast<std::size_t>(count));
             while (line.ends_with('\n') || line.ends_with('\r'))
                 line.pop_back();
-            if (answersDue(line) > 0) send(line);
+            if (line == "\\q") return STATUS_DONE;
+            take(line);
         }
         if (closed_) throw TCtlError(STATUS_NO_CONNECTION, client_.closedText());
         std::puts(""); // behind the prompt
@@ -80,6 +115,16 @@ private:
         return text.data();
     }
 
+    void take(const std::string& line)
+    {
+        if (line == "\\h")
+            std::puts(HELP);
+        else if (meantForTheConsole(line))
+            std::printf("Not sent: %s\n'* %s' would send the word to every process.\n", HINT, line.c_str());
+        else if (answersDue(line) > 0)
+            send(line);
+    }
+
     void send(const std::string& line)
     {
         HistEvent event{};
@@ -87,34 +132,47 @@ private:
         words_.see(line);
         // At once: Ctrl-C and a closed terminal leave no time for it.
         if (!historyFile_.empty()) ::history(history_.get(), &event, H_SAVE, historyFile_.c_str());
-        if (const std::string problem = lineProblem(line); !problem.empty()) {
+        const std::string bytes = typedBytes(line);
+        if (const std::string problem = lineProblem(bytes); !problem.empty()) {
             std::printf("Not sent: %s\n", problem.c_str());
             return;
         }
-        client_.sendLine(line, PATIENCE);
+        client_.sendLine(bytes, PATIENCE);
     }
 
     /// Waits for a key, and shows what tessd sends meanwhile.
     static int getCharacter(EditLine* edit, wchar_t* character)
     {
         Console& self = of(edit);
-        std::mbstate_t state{};
         for (;;) {
+            if (const std::optional<wchar_t> next = self.keys_.next()) {
+                *character = *next;
+                return 1;
+            }
             if (!self.waitForKey()) return 0;
             char byte = 0;
             const ssize_t count = ::read(STDIN_FILENO, &byte, 1);
             if (count < 0 && errno == EINTR) continue;
             if (count <= 0) return static_cast<int>(count);
-            switch (std::mbrtowc(character, &byte, 1, &state)) {
-            case static_cast<std::size_t>(-2):
-                continue; // the rest of it follows
-            case static_cast<std::size_t>(-1):
-                *character = L'?';
-                return 1;
-            default:
-                return 1;
-            }
+            self.keys_.add(byte);
         }
+    }
+
+    /// Leaves it on the screen and begins a new one.
+    static unsigned char clearTyped(EditLine* edit, int)
+    {
+        const LineInfo* const line = ::el_line(edit);
+        (void)::el_cursor(edit, static_cast<int>(line->lastchar - line->cursor));
+        ::el_set(edit, EL_REFRESH);
+        std::puts("^C");
+        of(edit).cleared_ = true;
+        return CC_NEWLINE;
+    }
+
+    static unsigned char suspend(EditLine*, int)
+    {
+        (void)::raise(SIGTSTP); // libedit gives the terminal back, and takes it again afterwards
+        return CC_REDISPLAY;
     }
 
     /// @return false when tessd has closed the connection
@@ -184,7 +242,9 @@ private:
     TWordCompletion words_;
     std::unique_ptr<History, void (*)(History*)> history_;
     std::unique_ptr<EditLine, void (*)(EditLine*)> edit_;
-    std::string historyFile_;
+    std::string historyFile_ = historyFile();
+    TKeyDecoder keys_;
+    bool cleared_ = false;
     bool closed_ = false;
 };
 
@@ -194,6 +254,8 @@ ExitStatus runConsole(LocalPort port)
 {
     if (::isatty(STDIN_FILENO) == 0 || ::isatty(STDOUT_FILENO) == 0)
         throw TCtlError(STATUS_WRONG_USAGE, "console wants a terminal; 'tessctl send' reads lines from anywhere");
-    (void)std::setlocale(LC_CTYPE, "");
+    // Where no locale is set, characters would end at 127; devices have none, and terminals speak UTF-8.
+    if (std::setlocale(LC_CTYPE, "") == nullptr || ::nl_langinfo(CODESET) == ASCII)
+        (void)std::setlocale(LC_CTYPE, "C.UTF-8");
     return Console(port).run();
 }
