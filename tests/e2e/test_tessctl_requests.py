@@ -64,6 +64,15 @@ def test_check_says_what_is_missing():
     assert report["checks"][1]["what"] == "/run/tess/queue/1001: No such file or directory: is tessd running?"
 
 
+def test_check_looks_only_at_what_is_wanted(tessd):
+    """A device without a serial line and telnet can be healthy."""
+    tessctl.run("check").expect(REFUSED)
+    output = "ok      ipc     /tmp/socket answers\nok      queue   /run/tess/queue can be used\n"
+    tessctl.run("check", "ipc", "queue").expect(DONE, output, "")
+    report = json.loads(tessctl.run("check", "--json", "queue", "daemon", "ipc", "xcp").expect(DONE, errors="").output)
+    assert report["ok"] is True and [check["name"] for check in report["checks"]] == NAMES[:4], report
+
+
 def test_check_says_that_the_queue_directory_is_closed_to_this_user(tessd):
     os.chmod(settings.QUEUE_DIR, 0o770)
     output = tessctl.run("check", user=12345, group=12345, extra_groups=[]).expect(REFUSED, errors="").output
@@ -159,7 +168,7 @@ def test_reset_restarts_the_device(start_tessd):
 
 def test_reset_asks_first(start_tessd):
     tessd = start_tessd(launcher=OWN_DEVICE)
-    tessctl.run("reset").expect(REFUSED, "", "tessctl: Restart this device? Say --yes, there is no terminal to ask on\n")
+    tessctl.run("reset").expect(REFUSED, "", "tessctl: refusing without --yes: standard input is not a terminal\n")
     for typed, status in (b"n\r", REFUSED), (b"\r", REFUSED), (b"y\r", DONE):
         terminal = tessctl.on_terminal("reset")
         terminal.expect(b"Restart this device? [y/N]")

@@ -3,6 +3,9 @@
 from __future__ import annotations
 
 import contextlib
+import datetime
+import json
+import re
 import socket
 import subprocess
 import threading
@@ -18,6 +21,7 @@ from harness.waiting import Stopwatch, wait_until
 
 pytestmark = tessctl.needs_tessctl
 
+TIME = re.compile(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z ")
 NO_ANSWER_WITHIN = "tessctl: /tmp/socket: no answer to 's3.SILENT X' within {} s: is the process stuck, or tessd?\n"
 CLOSED = "tessctl: /tmp/socket: tessd has closed the connection: are ten others connected, or has it ended?\n"
 
@@ -55,6 +59,73 @@ def test_no_lines_at_all_are_done_at_once(tessd):
 def test_a_refusal_is_printed_and_makes_the_status(echo, port):
     tessctl.run("send", "-p", port, "s3.NOBODY X").expect(REFUSED, "?\n", "")
     tessctl.run("send", "-p", port, "s3.ECHO A", "s3.NOBODY X|s3.NOBODY Y", "s3.ECHO B").expect(REFUSED, "A\n?\n?\nB\n", "")
+
+
+@pytest.mark.parametrize("port", ["ipc", "xcp"])
+@pytest.mark.parametrize(
+    "program, said",
+    [
+        (["sh", "-c", "echo half; exit 3"], "half\nError: sh ended with status 3\n"),
+        (["sh", "-c", "kill -9 $$"], "Error: sh was ended by signal 9\n"),
+        (["sleep", "1000"], "Error: sleep did not end within 0.5 s\n"),
+        (["/nowhere/at-all"], "Error: /nowhere/at-all: No such file or directory\n"),
+        (["sh", "-c", "echo '?'; exit 1"], "?\n"),
+        (["echo", "Error: too hot"], "Error: too hot\n"),
+    ],
+    ids=["status", "signal", "time", "missing", "refusal", "its own words"],
+)
+def test_a_command_that_failed_makes_the_status(tessd, port, program, said):
+    with tessctl.serving("P", *program, options=("--timeout", "0.5")):
+        tessctl.run("send", "-p", port, "s3.P go", "*").expect(REFUSED, said + "0\n", "")
+
+
+def test_what_the_daemon_itself_refuses_makes_the_status(tessd):
+    tessctl.run("send", "DELAY soon|X").expect(REFUSED, "Error Setting Command: Invalid Arguments.\n", "")
+
+
+def test_an_error_in_the_midst_of_an_answer_is_none(tessd):
+    with AnsweringProcess(2001, b"LOG", lambda _: b"Error: yesterday\r\nall is well\r\n\r\n"):
+        tessctl.run("send", "s3.LOG SHOW").expect(DONE, "Error: yesterday\nall is well\n", "")
+
+
+def test_each_command_of_a_line_is_answered_before_the_next_goes_out(tessd):
+    """Of a line that is sent whole, the quicker process answers first."""
+    line = "s3.SLOW a|s3.QUICK b"
+    with tessctl.serving("SLOW", "sh", "-c", "sleep 0.5; cat"), AnsweringProcess(2001, b"QUICK", lambda text: text + b"\r\n\r\n"):
+        tessctl.run("send", line).expect(DONE, "b\na\n", "")
+        tessctl.run("send", "--each", line).expect(DONE, "a\nb\n", "")
+        tessctl.run("send", "--each", lines=f"{line}|DELAY CLEAR|X\n").expect(DONE, "a\nb\nOK\n", "")
+        result = tessctl.run("send", "--each", "s3.QUICK a| reset")
+        result.expect(WRONG_USAGE, "")
+        assert "would restart the device" in result.errors, result.errors
+
+
+def test_answers_in_json_belong_to_their_lines(echo):
+    result = tessctl.run("send", "--json", "s3.ECHO A|s3.ECHO B", "s3.NOBODY X", "").expect(REFUSED, errors="")
+    first, second = map(json.loads, result.output.splitlines())
+    assert 0 <= first.pop("milliseconds") < 10_000 * settings.SLOW and second.pop("milliseconds") >= 0
+    assert first == {"line": "s3.ECHO A|s3.ECHO B", "answers": ["A", "B"], "refused": False}
+    assert second == {"line": "s3.NOBODY X", "answers": ["?"], "refused": True}
+    result = tessctl.run("send", "--json", "--each", "--timestamps", "s3.ECHO A|s3.ECHO B").expect(DONE, errors="")
+    each = [json.loads(line) for line in result.output.splitlines()]
+    assert [(one["line"], one["answers"]) for one in each] == [("s3.ECHO A", ["A"]), ("s3.ECHO B", ["B"])]
+    assert all(TIME.fullmatch(one["time"] + " ") for one in each), each
+
+
+def test_a_line_without_an_answer_is_reported_in_json_too(tessd):
+    with QueueProcess(2002) as process:
+        process.register(b"SILENT")
+        result = tessctl.run("send", "--json", "--wait", "0.5", "s3.SILENT X").expect(NO_ANSWER, errors=NO_ANSWER_WITHIN.format(0.5))
+        report = json.loads(result.output)
+        assert report["answers"] == [] and report["refused"] is False and report["milliseconds"] >= 500, report
+
+
+def test_answers_are_stamped_with_their_times(echo):
+    before = datetime.datetime.now(datetime.UTC)
+    lines = tessctl.run("send", "--timestamps", "s3.ECHO A", "*").expect(DONE, errors="").output.splitlines()
+    assert [TIME.sub("", line) for line in lines] == ["A", "0"], lines
+    came = datetime.datetime.fromisoformat(lines[0].split()[0])
+    assert before - datetime.timedelta(milliseconds=1) <= came <= datetime.datetime.now(datetime.UTC), lines
 
 
 def test_the_tag_goes_along_on_xcp(tessd):
@@ -248,37 +319,9 @@ def test_a_daemon_that_ends_meanwhile_is_noticed(start_tessd):
         results[0].expect(NO_CONNECTION, "", CLOSED)
 
 
-@pytest.mark.parametrize(
-    "arguments",
-    [
-        ["send", "--port", "telnet", "X"],
-        ["send", "--wait", "0", "X"],
-        ["send", "--wait", "soon", "X"],
-        ["send", "--tag", "65536", "X"],
-        ["reset", "--reinit", "", "--yes"],
-        ["reset", "--reinit", "s3 ", "--yes"],
-        ["send", "--nonsense"],
-        [],
-        ["nonsense"],
-    ],
-    ids=" ".join,
-)
-def test_wrong_usage_is_explained(arguments):
-    result = tessctl.run(*arguments).expect(WRONG_USAGE)
-    assert "--help" in result.errors, result.errors
-
-
 @pytest.mark.parametrize("seconds", ["nan", "inf", "-inf", "-1", "86401", "1e300", "", "5s"])
 def test_a_time_that_is_none_is_wrong_usage(seconds):
     serve = ["serve", "CAT", "--timeout", seconds, "--", "cat"]
     for arguments, least in (["send", "--wait", seconds, "X"], 0.001), (["send", "--linger", seconds, "X"], 0), (serve, 0.001):
         errors = tessctl.run(*arguments).expect(WRONG_USAGE, "").errors
         assert f"a time is a number of seconds, {least} to 86400" in errors, errors
-
-
-def test_help_and_version_are_everywhere():
-    version = tessctl.run("--version").expect(DONE, errors="").output
-    assert version.startswith("tessctl ")
-    for command in "send", "console", "serve", "listen", "check", "ping", "close", "com2", "reset", "stop":
-        assert "Usage: tessctl " + command in tessctl.run(command, "--help").expect(DONE, errors="").output
-        tessctl.run(command, "--version").expect(DONE, version, "")

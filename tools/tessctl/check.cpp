@@ -21,6 +21,7 @@
 #include "tools/tessctl/likely_cause.h"
 #include "tools/tessctl/local_client.h"
 #include "tools/tessctl/say.h"
+#include "tools/tessctl/standard_output.h"
 
 namespace {
 
@@ -148,13 +149,11 @@ Finding lookAtSerialLine()
     const Users users = usersOf(SERIAL_LINE);
     const std::string line = SERIAL_LINE;
     if (users.tessd) return {"com2", true, line + " is open in " + users.names};
-    if (users.hidden && users.names.empty()) return {"com2", true, line + " exists; who has it open can only root see"};
-    if (users.hidden) return {"com2", true, line + " is open in " + users.names + "; in what else, can only root see"};
+    if (users.hidden && users.names.empty()) return {"com2", true, line + " exists; only root can see who has it open"};
+    if (users.hidden) return {"com2", true, line + " is open in " + users.names + "; only root can see in what else"};
     if (!users.names.empty()) return {"com2", false, line + " is open in " + users.names + ", not in tessd"};
     return {"com2", false, line + " is open in no process: does tessd run with the COM2 port?"};
 }
-
-constexpr std::array<const char*, 6> NAMES{"queue", "daemon", "ipc", "xcp", "telnet", "com2"};
 
 } // namespace
 
@@ -168,11 +167,11 @@ Finding look(std::string_view name)
     return lookAtSerialLine();
 }
 
-ExitStatus runCheck(bool json)
+ExitStatus runCheck(bool json, const std::vector<std::string>& names)
 {
     nlohmann::ordered_json report{{"ok", true}, {"checks", nlohmann::json::array()}};
     bool ok = true;
-    for (const char* name : NAMES) {
+    for (const std::string& name : names) {
         const Finding finding = look(name);
         ok = ok && finding.ok;
         if (json) {
@@ -180,12 +179,13 @@ ExitStatus runCheck(bool json)
                 nlohmann::ordered_json{{"name", finding.name}, {"ok", finding.ok}, {"what", finding.what}});
         } else {
             std::cout << (finding.ok ? "ok      " : "FAILED  ") << finding.name
-                      << std::string(8 - finding.name.size(), ' ') << finding.what << '\n'
-                      << std::flush;
+                      << std::string(8 - finding.name.size(), ' ') << finding.what << '\n';
+            requireOutput();
         }
     }
     report["ok"] = ok;
     if (json) std::cout << report.dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace) << '\n';
+    requireOutput();
     return ok ? STATUS_DONE : STATUS_REFUSED;
 }
 
@@ -199,5 +199,6 @@ ExitStatus runPing(std::string_view name)
     }
     const auto took = std::chrono::duration<double, std::milli>(Clock::now() - start).count();
     std::cout << finding.what << " (" << took << " ms)\n";
+    requireOutput();
     return STATUS_DONE;
 }

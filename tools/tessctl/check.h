@@ -17,9 +17,14 @@ struct Finding {
 /// @param name  as in Finding
 Finding look(std::string_view name);
 
-/// Looks at everything and says what works from here.
+/// What can be looked at.
+inline const std::vector<std::string> ALL_CHECKS{"queue", "daemon", "ipc", "xcp", "telnet", "com2"};
+
+/// Looks at several things and says what works from here.
+/// @param names  as in Finding
 /// @return STATUS_DONE when all of it does
-ExitStatus runCheck(bool json);
+/// @throws TCtlError  what is printed is lost
+ExitStatus runCheck(bool json, const std::vector<std::string>& names);
 
 /// Looks at one thing only.
 ExitStatus runPing(std::string_view name);

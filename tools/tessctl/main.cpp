@@ -1,12 +1,12 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cmath>
-#include <cstdlib>
 #include <iostream>
 #include <iterator>
 #include <limits>
 #include <map>
 #include <sstream>
+#include <unistd.h>
 
 #include "framework/log_mgr.h"
 #include "framework/tess_messages.h"
@@ -14,17 +14,20 @@
 #include "tools/tessctl/console.h"
 #include "tools/tessctl/exit_status.h"
 #include "tools/tessctl/listen.h"
+#include "tools/tessctl/option_checks.h"
 #include "tools/tessctl/port_mask.h"
+#include "tools/tessctl/remote.h"
 #include "tools/tessctl/requests.h"
 #include "tools/tessctl/say.h"
 #include "tools/tessctl/send.h"
 #include "tools/tessctl/serve.h"
+#include "tools/tessctl/standard_output.h"
+#include "tools/tessctl/usage_error.h"
 
 namespace {
 
 constexpr long HIGHEST_ADDRESS = std::numeric_limits<std::int32_t>::max();
 constexpr const char* VERSION = "tessctl " TESS_VERSION;
-constexpr double MOST_SECONDS = 86'400;
 
 const std::map<std::string, LocalPort> LOCAL_PORTS{{"ipc", LocalPort::ipc}, {"xcp", LocalPort::xcp}};
 
@@ -33,94 +36,78 @@ std::chrono::milliseconds fromSeconds(double seconds)
     return std::chrono::milliseconds(std::llround(seconds * 1000));
 }
 
-/// A name that tessd's command addresses can hold, and that can be told from the wildcard.
-std::string nameProblem(const std::string& name)
-{
-    if (name.empty() || name.size() > 255) return "a name has 1 to 255 characters";
-    if (name == "*" || name.find_first_of(" \t\r\n\v\f.|$") != std::string::npos)
-        return "a name has no white space, '.', '|' or '$' in it, and is not '*'";
-    return {};
-}
-
-/// A time in seconds. CLI::Range would let a nan pass.
-std::string secondsProblem(const std::string& text, double least)
-{
-    char* end = nullptr;
-    const double seconds = std::strtod(text.c_str(), &end);
-    if (!text.empty() && *end == '\0' && seconds >= least && seconds <= MOST_SECONDS) return {};
-    std::ostringstream problem;
-    problem << "a time is a number of seconds, " << least << " to " << MOST_SECONDS;
-    return problem.str();
-}
-
-/// What the host's name cannot be. Nothing at all would restart the device without re-initialising it.
-std::string hostProblem(const std::string& name)
-{
-    if (!name.empty() && name.find_first_of(" \t\r\n\v\f") == std::string::npos) return {};
-    return "the name of this host has at least one character and no white space";
-}
-
-// CLI11 reads more out of lists than is meant here: "[a,b]" are two values, "{}" is none, and "++" ends them. A mark in front
-// hides such words from it.
-constexpr char MARK = '\x01';
-
-std::string hidden(const std::string& word)
-{
-    const bool special =
-        word.starts_with('[') || word.starts_with(MARK) || word == "{}" || word == "%%" || word == "++";
-    return special ? MARK + word : word;
-}
-
-std::string shown(std::string word)
-{
-    if (word.starts_with(MARK)) word.erase(0, 1);
-    return word;
-}
-
-std::string portsProblem(const std::string& names)
-{
-    return portMask(names) ? std::string() : "ports are com2, telnet, xcp and ipc, joined by commas";
-}
-
 /// The command line: fills the options, and remembers what is to be run.
 class TCommandLine {
 public:
     TCommandLine()
     {
-        app_.set_version_flag("--version", VERSION);
+        app_.set_version_flag("-V,--version", VERSION);
         app_.set_help_all_flag("--help-all", "Help for all commands");
         app_.require_subcommand(1);
-        app_.failure_message(CLI::FailureMessage::simple);
+        app_.footer("Examples:\n  tessctl send 's3.ENC GETX'\n  tessctl console\n  tessctl check\n\n"
+                    "'tessctl help COMMAND' tells more of each, 'man tessctl' everything.");
+        addHost(app_);
         addSend();
         addConsole();
         addServe();
         addListen();
         addChecks();
         addRequests();
+        addHelp();
     }
 
     int run(int argc, char** argv)
     {
+        const std::vector<std::string> typed(argv + 1, argv + argc);
         try {
             std::vector<std::string> words; // the last one first
-            for (int i = argc - 1; i > 0; --i)
-                words.push_back(hidden(argv[i]));
+            std::transform(typed.rbegin(), typed.rend(), std::back_inserter(words), hidden);
             app_.parse(std::move(words));
         } catch (const CLI::ParseError& error) {
-            return app_.exit(error) == 0 ? STATUS_DONE : STATUS_WRONG_USAGE;
+            return explain(error);
         }
+        if (!host_.empty()) runRemote(remoteCommand(host_, withoutHost(typed), wantsTerminal()));
         return run_();
     }
 
 private:
     using Runner = std::function<ExitStatus()>;
 
-    CLI::App& command(const std::string& name, const std::string& what, Runner runner)
+    /// What was asked for, or what is wrong.
+    ExitStatus explain(const CLI::ParseError& error) const
+    {
+        if (error.get_exit_code() == 0) {
+            std::ostringstream text;
+            (void)app_.exit(error, text, text);
+            std::cout << text.str();
+            requireOutput();
+            return STATUS_DONE;
+        }
+        say(usageError(app_, error));
+        say("try '" + helpCommand(app_) + "'");
+        return STATUS_WRONG_USAGE;
+    }
+
+    CLI::App& command(const std::string& name, const std::string& what, const std::string& examples, Runner runner)
     {
         CLI::App& made = *app_.add_subcommand(name, what);
-        made.set_version_flag("--version", VERSION);
+        made.set_version_flag("-V,--version", VERSION);
+        made.footer("Examples:\n" + examples + "\nThe manual has more: man tessctl");
         made.callback([this, runner = std::move(runner)] { run_ = runner; });
+        addHost(made);
         return made;
+    }
+
+    void addHost(CLI::App& to)
+    {
+        addText(to, "-H,--host", host_, "Run there, over ssh")->type_name("[USER@]HOST")->check(remoteHostProblem);
+    }
+
+    /// Those that ask at it.
+    bool wantsTerminal() const
+    {
+        return (app_.got_subcommand("console") || app_.got_subcommand("reset")) && ::isatty(STDIN_FILENO) != 0 &&
+               ::isatty(STDOUT_FILENO) != 0;
     }
 
     static void addPort(CLI::App& to, LocalPort& port)
@@ -128,7 +115,10 @@ private:
         to.add_option_function<std::string>(
               "-p,--port", [&port](const std::string& name) { port = LOCAL_PORTS.at(name); },
               "Socket to use: ipc (/tmp/socket, the default) or xcp (/tmp/xcp)")
-            ->check(CLI::IsMember(LOCAL_PORTS));
+            ->type_name("PORT")
+            ->check([](const std::string& name) {
+                return choiceProblem(name, {"ipc", "xcp"}, "a port");
+            });
     }
 
     static void addSeconds(CLI::App& to, const std::string& name, std::chrono::milliseconds& time, double least,
@@ -145,7 +135,7 @@ private:
         return to
             .add_option_function<std::string>(
                 name, [&text](const std::string& word) { text = shown(word); }, what)
-            ->type_name("TEXT");
+            ->type_name("");
     }
 
     static CLI::Option* addWords(CLI::App& to, const std::string& name, std::vector<std::string>& texts,
@@ -155,7 +145,7 @@ private:
             texts.clear();
             std::ranges::transform(words, std::back_inserter(texts), shown);
         };
-        return to.add_option_function<std::vector<std::string>>(name, take, what);
+        return to.add_option_function<std::vector<std::string>>(name, take, what)->type_name("");
     }
 
     static void addPorts(CLI::App& to, std::uint32_t& mask)
@@ -164,40 +154,55 @@ private:
         to.add_option_function<std::string>(
               "--ports", [&mask](const std::string& names) { mask = *portMask(names); },
               "Ports whose commands are wanted: com2,telnet,xcp,ipc (all of them by default)")
+            ->type_name("LIST")
             ->check(portsProblem);
     }
 
-    static void addAddress(CLI::App& to, std::optional<long>& address)
+    /// @param what  the number is ("a tag")
+    template <class Number>
+    static void addNumber(CLI::App& to, const std::string& name, std::string_view what, long least, long most,
+                          Number& number, const std::string& help)
     {
-        to.add_option("--address", address, "Queue address (a free one by default)")
+        to.add_option_function<std::string>(
+              name, [&number](const std::string& text) { number = static_cast<Number>(std::stol(text)); }, help)
             ->type_name("N")
-            ->check(CLI::Range(1L, HIGHEST_ADDRESS));
+            ->check([=](const std::string& text) { return wholeNumberProblem(text, least, most, what); });
     }
 
     void addSend()
     {
-        CLI::App& send = command("send", "Send command lines and print the answers", [this] { return runSend(send_); });
+        CLI::App& send = command("send", "Send command lines and print the answers",
+                                 "  tessctl send 's3.ENC SETX 5' 's3.ENC GETX'\n"
+                                 "  tessctl send --each 's3.ENC SETX 7|s3.ENC GETX'\n"
+                                 "  tessctl send --json <commands.txt\n",
+                                 [this] { return runSend(send_); });
         addPort(send, send_.port);
-        send.add_option("--tag", send_.tag, "Tag that goes with the lines on xcp")->type_name("N");
+        addNumber(send, "--tag", "a tag", 0, 65535, send_.tag, "Tag that goes with the lines on xcp");
         addSeconds(send, "-w,--wait", send_.wait, 0.001, "How long to wait for each answer (5)");
         addSeconds(send, "--linger", send_.linger, 0, "How long to go on printing after a line's answers (0)");
+        send.add_flag("--each", send_.each, "Send the commands between the '|' of a line one by one");
+        send.add_flag("--json", send_.json, "Print a JSON object for each line");
+        send.add_flag("--timestamps", send_.timestamps, "Print the time, too");
         addWords(send, "LINE", send_.lines, "Command lines; those of standard input when there are none");
     }
 
     void addConsole()
     {
         CLI::App& console =
-            command("console", "Hold a dialogue at the terminal", [this] { return runConsole(consolePort_); });
+            command("console", "Hold a dialogue at the terminal", "  tessctl console\n  tessctl console --port xcp\n",
+                    [this] { return runConsole(consolePort_); });
         addPort(console, consolePort_);
     }
 
     void addServe()
     {
         CLI::App& serve = command("serve", "Be a process of the device, with answers made by a program",
+                                  "  tessctl serve LOAD -- cat /proc/loadavg\n"
+                                  "  tessctl serve THERM --ports ipc,xcp -- ./thermometer.sh\n",
                                   [this] { return runServe(serve_); });
         addText(serve, "NAME", serve_.name, "Name to register under")->required()->check(nameProblem);
         addPorts(serve, serve_.ports);
-        addAddress(serve, serve_.address);
+        addNumber(serve, "--address", "an address", 1, HIGHEST_ADDRESS, serve_.address, "Queue address (a free one)");
         addSeconds(serve, "--timeout", serve_.timeLimit, 0.001, "How long the program may run for a command (10)");
         addWords(serve, "PROGRAM", serve_.program,
                  "Behind --: the program, run once for each command, and its arguments")
@@ -206,45 +211,77 @@ private:
 
     void addListen()
     {
-        CLI::App& listen =
-            command("listen", "Register, and print every record that arrives", [this] { return runListen(listen_); });
+        CLI::App& listen = command("listen", "Register, and print every record that arrives",
+                                   "  tessctl listen\n  tessctl listen THERM --take-over --count 1\n",
+                                   [this] { return runListen(listen_); });
         addText(listen, "NAME", listen_.name, "Name to register under (LISTEN)")->check(nameProblem);
         addPorts(listen, listen_.ports);
-        addAddress(listen, listen_.address);
+        addNumber(listen, "--address", "an address", 1, HIGHEST_ADDRESS, listen_.address, "Queue address (a free one)");
+        listen.add_flag("--take-over", listen_.takeOver,
+                        "Take the commands of another tessctl of that name, until the end");
         listen.add_flag("--raw", listen_.raw, "Print whole records in hexadecimal");
-        listen.add_option("--count", listen_.count, "End after so many records")
-            ->type_name("N")
-            ->check(CLI::PositiveNumber);
+        addNumber(listen, "--count", "a count", 1, std::numeric_limits<long>::max(), listen_.count,
+                  "End after so many records");
     }
 
     void addChecks()
     {
-        CLI::App& check =
-            command("check", "Say what works from here, port by port", [this] { return runCheck(json_); });
+        CLI::App& check = command("check", "Say what works from here, port by port",
+                                  "  tessctl check\n  tessctl check ipc xcp telnet\n  tessctl check --json\n",
+                                  [this] { return runCheck(json_, checked_); });
         check.add_flag("--json", json_, "As JSON");
-        CLI::App& ping = command("ping", "Say whether one port works", [this] { return runPing(pinged_); });
+        check.add_option("PORT", checked_, "What to look at: queue, daemon, ipc, xcp, telnet, com2 (all of them)")
+            ->type_name("")
+            ->check([](const std::string& name) { return choiceProblem(name, ALL_CHECKS, "what is checked"); });
+        CLI::App& ping = command("ping", "Say whether one port works", "  tessctl ping\n  tessctl ping telnet\n",
+                                 [this] { return runPing(pinged_); });
         ping.add_option("PORT", pinged_, "queue, ipc (the default), xcp, telnet or com2")
-            ->check(CLI::IsMember({"queue", "ipc", "xcp", "telnet", "com2"}));
+            ->type_name("")
+            ->check([](const std::string& name) {
+                return choiceProblem(name, {"queue", "ipc", "xcp", "telnet", "com2"}, "a port");
+            });
     }
 
     void addRequests()
     {
-        CLI::App& close = command("close", "Close all connections to tessd", [this] { return runClose(telnetOnly_); });
+        CLI::App& close = command("close", "Close all connections to tessd", "  tessctl close --telnet\n",
+                                  [this] { return runClose(telnetOnly_); });
         close.add_flag("--telnet", telnetOnly_, "Telnet connections only");
 
-        CLI::App& com2 =
-            command("com2", "Write a text to the serial line", [this] { return runCom2(com2Text_, !noNewline_); });
+        CLI::App& com2 = command("com2", "Write a text to the serial line",
+                                 "  tessctl com2 'Going down at noon.'\n  tessctl com2 -n 'name: '\n",
+                                 [this] { return runCom2(com2Text_, !noNewline_); });
         addText(com2, "TEXT", com2Text_, "The text")->required();
         com2.add_flag("-n,--no-newline", noNewline_, "Without a line end behind it");
 
-        CLI::App& reset = command("reset", "Restart the device", [this] { return runReset(reinitHost_, yes_); });
+        CLI::App& reset = command("reset", "Restart the device", "  tessctl reset\n  tessctl reset --yes\n",
+                                  [this] { return runReset(reinitHost_, yes_); });
         addText(reset, "--reinit", reinitHost_,
                 "Re-initialise the software version first; wants the name of this host, so that no other is hit")
             ->type_name("HOST")
-            ->check(hostProblem);
+            ->check(ownHostProblem);
         reset.add_flag("--yes", yes_, "Do not ask");
 
-        command("stop", "End tessd", [] { return runStop(); });
+        command("stop", "End tessd", "  tessctl stop\n", [] { return runStop(); });
+    }
+
+    void addHelp()
+    {
+        CLI::App& help =
+            command("help", "Tell more of a command", "  tessctl help send\n", [this] { return runHelp(); });
+        help.add_option("COMMAND", helped_, "The command")->type_name("");
+    }
+
+    ExitStatus runHelp() const
+    {
+        const auto named =
+            app_.get_subcommands([this](const CLI::App* command) { return command->get_name() == helped_; });
+        if (named.empty() && !helped_.empty()) throw TCtlError(STATUS_WRONG_USAGE, unknownCommand(app_, helped_));
+        const CLI::App* const app = named.empty() ? &app_ : named.front();
+        const std::string name = named.empty() ? app_.get_name() : app_.get_name() + " " + helped_;
+        std::cout << app->get_formatter()->make_help(app, name, CLI::AppFormatMode::Normal);
+        requireOutput();
+        return STATUS_DONE;
     }
 
     CLI::App app_{"Talks to tessd, the command-listener daemon.", "tessctl"};
@@ -252,6 +289,9 @@ private:
     SendOptions send_;
     ServeOptions serve_;
     ListenOptions listen_;
+    std::string host_;
+    std::string helped_;
+    std::vector<std::string> checked_ = ALL_CHECKS;
     std::string pinged_ = "ipc";
     std::string com2Text_;
     std::string reinitHost_;
@@ -267,6 +307,7 @@ private:
 int main(int argc, char** argv)
 try {
     logMgr.setLogParameters(128, 6, "    [tessctl]", 4);
+    keepStandardDescriptors();
     return TCommandLine().run(argc, argv);
 } catch (const TCtlError& error) {
     say(error.what());

@@ -10,6 +10,7 @@
 #include "tools/tessctl/daemon_client.h"
 #include "tools/tessctl/record_text.h"
 #include "tools/tessctl/say.h"
+#include "tools/tessctl/standard_output.h"
 
 namespace {
 
@@ -20,7 +21,7 @@ constexpr std::chrono::milliseconds BETWEEN_LOOKS{20};
 bool userAgrees(const std::string& question)
 {
     if (::isatty(STDIN_FILENO) == 0) {
-        say(question + " Say --yes, there is no terminal to ask on");
+        say("refusing without --yes: standard input is not a terminal");
         return false;
     }
     std::cout << question << " [y/N] " << std::flush;
@@ -71,6 +72,7 @@ ExitStatus runReset(const std::string& reinitHost, bool yes)
     daemon.send(MSG_RESET, 0, 0, line);
     const TOrbAttachmentMsg answer = daemon.reply(reinitHost.empty() ? TDaemonClient::REPLY_PATIENCE : REINIT_PATIENCE);
     std::cout << withoutLineEnds(textOf(answer)) << '\n';
+    requireOutput();
     return textOf(answer).starts_with("OK") ? STATUS_DONE : STATUS_REFUSED;
 }
 

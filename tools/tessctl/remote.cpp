@@ -1,0 +1,52 @@
+#include "tools/tessctl/remote.h"
+
+#include <cerrno>
+#include <system_error>
+#include <unistd.h>
+
+std::string shellWord(const std::string& word)
+{
+    std::string quoted = "'";
+    for (const char c : word)
+        quoted.append(c == '\'' ? "'\\''" : std::string(1, c));
+    return quoted + '\'';
+}
+
+std::vector<std::string> withoutHost(const std::vector<std::string>& words)
+{
+    std::vector<std::string> rest;
+    for (auto word = words.begin(); word != words.end(); ++word) {
+        if (*word == "--") {
+            rest.insert(rest.end(), word, words.end());
+            break;
+        }
+        if ((*word == "-H" || *word == "--host") && word + 1 != words.end())
+            ++word; // it is the next one
+        else if (!word->starts_with("-H") && !word->starts_with("--host="))
+            rest.push_back(*word);
+    }
+    return rest;
+}
+
+std::vector<std::string> remoteCommand(const std::string& host, const std::vector<std::string>& words, bool terminal)
+{
+    std::vector<std::string> command{"ssh"};
+    command.emplace_back(terminal ? "-t" : "-T");
+    command.push_back(host);
+    command.emplace_back("tessctl");
+    for (const std::string& word : words)
+        command.push_back(shellWord(word)); // ssh makes one line of them, for the shell there
+    return command;
+}
+
+void runRemote(const std::vector<std::string>& command)
+{
+    std::vector<char*> arguments;
+    arguments.reserve(command.size() + 1);
+    for (const std::string& word : command)
+        arguments.push_back(const_cast<char*>(word.c_str())); // it does not write to them
+    arguments.push_back(nullptr);
+    ::execvp(arguments[0], arguments.data());
+    throw TCtlError(STATUS_NO_CONNECTION, command.front() + ": " + std::generic_category().message(errno) +
+                                              ": -H wants ssh, of the package openssh-client");
+}
