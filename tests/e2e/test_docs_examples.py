@@ -83,6 +83,19 @@ def test_the_list_of_delayed_lines_looks_as_the_document_shows(tessd):
         assert without_seconds(printed) == without_seconds(lines), command
 
 
+def test_reports_and_times_look_as_the_document_shows(encoder):
+    """But for the times."""
+
+    def without_times(text: str) -> str:
+        return re.sub(r'\d{4}-\d\d-\d\dT[\d:.]+Z|(?<="milliseconds":)[\d.]+', "T", text)
+
+    shown = examples("operators.md", "--json")
+    assert len(shown) == 2, shown
+    for command, lines in shown:
+        printed = tessctl.run(*shlex.split(command)[1:]).output.splitlines()
+        assert list(map(without_times, printed)) == list(map(without_times, lines)), command
+
+
 def test_listen_says_what_the_document_shows(tessd):
     """Its numbers differ from run to run; everything else is as shown."""
     ((command, lines),) = examples("processes.md", "listen")
