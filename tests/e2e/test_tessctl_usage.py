@@ -51,6 +51,10 @@ def test_wrong_usage_names_the_mistake_and_the_way_out(arguments, said, help_for
     tessctl.run(*arguments).expect(WRONG_USAGE, "", f"tessctl: {said}\ntessctl: try '{tried}'\n")
 
 
+def test_a_host_behind_another_letter_is_not_run_there_again_and_again():
+    tessctl.run("com2", "-nHdevice", "X").expect(WRONG_USAGE, "", "tessctl: -H stands alone: tessctl COMMAND -H device\n")
+
+
 def test_help_shows_examples_and_the_manual_page():
     for command in COMMANDS:
         text = tessctl.run(command, "--help").expect(DONE, errors="").output

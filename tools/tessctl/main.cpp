@@ -66,8 +66,11 @@ public:
         } catch (const CLI::ParseError& error) {
             return explain(error);
         }
-        if (!host_.empty()) runRemote(remoteCommand(host_, withoutHost(typed), wantsTerminal()));
-        return run_();
+        if (host_.empty()) return run_();
+        const std::vector<std::string> there = withoutHost(typed);
+        if (there.size() == typed.size()) // it would go from host to host without end
+            throw TCtlError(STATUS_WRONG_USAGE, "-H stands alone: tessctl COMMAND -H " + host_);
+        runRemote(remoteCommand(host_, there, wantsTerminal()));
     }
 
 private:

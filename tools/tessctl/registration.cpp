@@ -12,6 +12,7 @@ namespace {
 
 constexpr std::chrono::seconds BETWEEN_LOOKS{1};
 constexpr std::chrono::seconds BETWEEN_RENEWALS{10};
+constexpr std::chrono::seconds BETWEEN_COMMANDS{1}; // then there are few
 constexpr const char* TAKER = "'tessctl listen --take-over'";
 
 } // namespace
@@ -42,17 +43,18 @@ TRegistration::TRegistration(TDaemonClient& daemon, std::string name, std::uint3
 std::size_t TRegistration::receive(TOrbAttachmentMsg& record)
 {
     const std::size_t bytes = daemon_.receive(record);
+    const auto now = Clock::now();
     if (bytes > 0 && record.sender == TESS_QUEUE_ID) {
-        busy_ = busy_ || record.kind == MSG_TEXT;
+        if (record.kind == MSG_TEXT) lastCommand_ = now;
         if (record.kind == MSG_REPLY) onReply(record);
     }
-    if (Clock::now() >= nextLook_) look();
+    if (now >= nextLook_) look(now);
     return bytes;
 }
 
-void TRegistration::look()
+void TRegistration::look(Clock::time_point now)
 {
-    nextLook_ = Clock::now() + BETWEEN_LOOKS;
+    nextLook_ = now + BETWEEN_LOOKS;
     if (keep_ == Keep::renewed) lookForOthers();
     if (daemonMark_.changed() && queueError(TESS_QUEUE_ID) == 0) { // before that it is not ready yet
         daemonMark_.see();
@@ -61,11 +63,11 @@ void TRegistration::look()
         unregistersDue_ = 0;
     }
     if (aside_) return;
-    if (asked_ && Clock::now() < askedAt_ + TDaemonClient::REPLY_PATIENCE) return;
+    if (asked_ && now < askedAt_ + TDaemonClient::REPLY_PATIENCE) return;
     if (missing_ != Missing::no)
         ask(false);
-    else if (keep_ == Keep::renewed && Clock::now() >= nextRenewal_)
-        renew();
+    else if (keep_ == Keep::renewed && now >= nextRenewal_)
+        renew(now);
 }
 
 void TRegistration::lookForOthers()
@@ -78,14 +80,13 @@ void TRegistration::lookForOthers()
 
 /// tessd does not tell whether a name that is registered again was another one's meanwhile; only that an address has nothing
 /// to unregister. To ask for that leaves a gap: it is done only where somebody else has come or gone, or the name was lost
-/// before, and no command that comes shows that it is not.
-void TRegistration::renew()
+/// before, and when it does not stand among commands. One that came just now shows that the name is not lost, too.
+void TRegistration::renew(Clock::time_point now)
 {
-    nextRenewal_ = Clock::now() + BETWEEN_RENEWALS;
+    nextRenewal_ = now + BETWEEN_RENEWALS;
     suspicious_ = suspicious_ || directoryMark_.changed();
-    const bool whetherReplaced = suspicious_ && !busy_;
+    const bool whetherReplaced = suspicious_ && now >= lastCommand_ + BETWEEN_COMMANDS;
     if (whetherReplaced) directoryMark_.see();
-    busy_ = false;
     ask(whetherReplaced);
 }
 

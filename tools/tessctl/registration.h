@@ -54,9 +54,9 @@ private:
     /// Why it is not registered, as far as it knows.
     enum class Missing { no, atNewDaemon, takenOver, replaced, notAsked };
 
-    void look();
+    void look(Clock::time_point now);
     void lookForOthers();
-    void renew();
+    void renew(Clock::time_point now);
     void ask(bool whetherReplaced);
     void unregister();
     void onReply(const TOrbAttachmentMsg& record);
@@ -73,10 +73,10 @@ private:
     Missing missing_ = Missing::no;
     bool aside_ = false;     ///< while another tessctl has taken the name over
     bool suspicious_ = true; ///< another process may have taken the name
-    bool busy_ = false;      ///< a command has come since the last renewal: then it was registered
     bool asked_ = false;     ///< to be registered, without an answer so far
     int unregistersDue_ = 0; ///< answers to what ask() and end() have sent
     Clock::time_point askedAt_;
+    Clock::time_point lastCommand_;
     Clock::time_point nextLook_;
     Clock::time_point nextRenewal_;
     std::string complaint_; ///< the last one: it is said once

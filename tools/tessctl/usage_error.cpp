@@ -112,7 +112,7 @@ std::string unknownCommand(const CLI::App& app, const std::string& word)
 
 std::string usageError(const CLI::App& app, const CLI::ParseError& error)
 {
-    const std::string what = error.what();
+    std::string what = error.what();
     for (const CLI::App* command : {&chosen(app), &app})
         if (const auto words = strangersOf(*command); !words.empty()) return strangers(*command, words);
     if (error.get_name() == "RequiredError") return missing(app);
