@@ -100,12 +100,14 @@ def test_bytes_are_passed_through_where_no_locale_is_set(tessd):
     with QueueProcess(2001) as process:
         process.register(b"ENC")
         terminal = tessctl.on_terminal("console")
-        terminal.expect(PROMPT)
         for text in "Gr\u00f6\u00dfe \u20ac \U0001f600".encode(), b"\xe9t\xe9 \xff\xfe":
+            terminal.expect(PROMPT)
             terminal.type(b"s3.ENC " + text + b"\r")
             process.expect_command(text)
+        terminal.expect(PROMPT)
         terminal.type(UP + b"\r")  # also out of the history
         process.expect_command(text)
+        terminal.expect(b"\r\n" + PROMPT)
         leave(terminal)
 
 
@@ -114,10 +116,10 @@ def test_ctrl_c_clears_the_line(echo):
     terminal.expect(PROMPT)
     terminal.type(b"s3.ECHO half")
     terminal.expect(b"half")
-    terminal.type(CTRL_C)
-    terminal.expect(PROMPT)
-    terminal.type(CTRL_C)  # on an empty line, too
-    terminal.expect(PROMPT)
+    for _ in range(2):  # on an empty line, too
+        terminal.type(CTRL_C)
+        terminal.expect(b"^C\r\n")
+        terminal.expect(PROMPT)
     terminal.type(b"s3.ECHO whole\r")
     terminal.expect(b"\x1b[Jwhole\r\n")
     assert echo.answered == 1
@@ -150,8 +152,10 @@ def test_it_says_how_to_leave_and_to_get_help(echo):
         terminal.type(word + b"\r")
         terminal.expect(b"Not sent: " + hint)
         terminal.expect(b"'* " + word + b"' would send the word to every process.\r\n")
+    terminal.expect(PROMPT)
     terminal.type(b"\\h\r")
     terminal.expect(b"Tab completes")
+    terminal.expect(PROMPT)
     terminal.type(b"* quit\r")
     terminal.expect(b"\x1b[Jquit\r\n")
     assert echo.answered == 1

@@ -87,6 +87,7 @@ public:
         std::puts(HINT);
         for (;;) {
             int count = 0;
+            ::el_set(edit_.get(), EL_PREP_TERM, 1); // libedit shows the prompt before it takes the keys
             const char* const typed = ::el_gets(edit_.get(), &count);
             if (std::exchange(cleared_, false)) continue; // an empty line looks like the end
             if (typed == nullptr || count <= 0) break;
