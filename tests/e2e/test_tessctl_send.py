@@ -13,8 +13,8 @@ import time
 
 import pytest
 
-from harness import settings, tessctl, wire
-from harness.clients import IpcClient, XcpClient
+from harness import settings, tessctl
+from harness.clients import IpcClient
 from harness.queue_process import AnsweringProcess, QueueProcess
 from harness.tessctl import DONE, NO_ANSWER, NO_CONNECTION, REFUSED, WRONG_USAGE
 from harness.waiting import Stopwatch, wait_until
@@ -248,9 +248,7 @@ def test_a_daemon_that_takes_no_connections_is_not_waited_for_without_end(tessd,
 
 
 def test_a_daemon_that_does_not_read_is_not_waited_for_without_end(tessd):
-    with XcpClient() as holding, QueueProcess(2001) as process:
-        process.register(b"ENC")
-        holding.send(wire.frame(b"s3.ENC X\n")[:8])  # holds the service thread
+    with tessctl.held(tessd):
         result = tessctl.run("send", "--wait", "0.3", *("x" * 500 for _ in range(4)))
         result.expect(NO_ANSWER)
         assert result.errors.endswith("tessctl: /tmp/socket: tessd does not read: is it stuck?\n"), result.errors
