@@ -1,6 +1,6 @@
 #include "commands/command_address.h"
 
-#include "connections/white_space.h"
+#include "common/white_space.h"
 #include "framework/fixed_text.h"
 
 namespace {

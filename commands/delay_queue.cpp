@@ -6,9 +6,10 @@
 #include <optional>
 
 #include "commands/command_context.h"
-#include "commands/command_text.h"
 #include "commands/delay_time.h"
 #include "commands/interpreter.h"
+#include "commands/reply.h"
+#include "common/text.h"
 #include "connections/port_conn.h"
 #include "framework/fixed_text.h"
 #include "framework/sleep.h"

@@ -1,18 +1,12 @@
 #include "commands/forwarding.h"
 
-#include <strings.h>
-
-#include "commands/live_list.h"
+#include "common/live_list.h"
+#include "common/milestone.h"
+#include "common/text.h"
 #include "framework/queue_mgr.h"
 #include "framework/tess_messages.h"
-#include "ports/milestone.h"
 
 namespace {
-
-bool equalsNoCase(const char* a, const char* b)
-{
-    return ::strcasecmp(a, b) == 0;
-}
 
 bool isThisUnit(const char* unitAddr)
 {

@@ -3,13 +3,14 @@
 #include <span>
 
 #include "commands/command_address.h"
-#include "commands/command_text.h"
 #include "commands/delay_queue.h"
 #include "commands/forwarding.h"
+#include "commands/reply.h"
+#include "common/milestone.h"
+#include "common/text.h"
 #include "framework/fixed_text.h"
 #include "framework/tess_messages.h"
 #include "framework/tokenizer.h"
-#include "ports/milestone.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 
 #include <cstddef>
 
-#include "connections/white_space.h"
+#include "common/white_space.h"
 
 int cutLines(std::span<char> received, bool nulIsSpace, std::span<TCmdEntry> lines)
 {

@@ -7,9 +7,9 @@
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 
+#include "common/white_space.h"
 #include "connections/connection_log.h"
 #include "connections/line_cutter.h"
-#include "connections/white_space.h"
 
 using telnet::Byte;
 using telnet::Verdict;

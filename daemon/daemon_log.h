@@ -1,6 +1,6 @@
 #pragma once
 
-#include "connections/log_message.h"
+#include "common/log_message.h"
 
 /// What the daemon's core logs. Numbers are fixed; some are shared by several texts.
 namespace daemon_log {

@@ -2,12 +2,12 @@
 #include <iostream>
 #include <stdexcept>
 
+#include "common/milestone.h"
 #include "daemon/daemon_log.h"
 #include "daemon/options.h"
 #include "daemon/std_descriptors.h"
 #include "daemon/tess.h"
 #include "framework/tess_messages.h"
-#include "ports/milestone.h"
 
 namespace {
 

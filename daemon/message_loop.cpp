@@ -7,13 +7,13 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "commands/live_list.h"
+#include "common/live_list.h"
 #include "common/message_wake.h"
+#include "common/milestone.h"
 #include "common/wake_up.h"
 #include "daemon/daemon_log.h"
 #include "framework/queue_mgr.h"
 #include "framework/tess_messages.h"
-#include "ports/milestone.h"
 #include "ports/port_com2.h"
 
 namespace {

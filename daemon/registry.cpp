@@ -4,9 +4,9 @@
 #include <cstring>
 #include <new>
 
-#include "commands/live_list.h"
+#include "common/live_list.h"
+#include "common/milestone.h"
 #include "framework/tess_messages.h"
-#include "ports/milestone.h"
 
 namespace {
 

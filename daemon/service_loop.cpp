@@ -6,12 +6,12 @@
 
 #include "commands/delay_queue.h"
 #include "commands/interpreter.h"
-#include "commands/live_list.h"
+#include "common/live_list.h"
 #include "common/message_wake.h"
+#include "common/milestone.h"
 #include "common/process_copy.h"
 #include "common/wake_up.h"
 #include "framework/tess_messages.h"
-#include "ports/milestone.h"
 
 namespace {
 

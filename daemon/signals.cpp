@@ -4,10 +4,10 @@
 #include <csignal>
 #include <cstdlib>
 
+#include "common/milestone.h"
 #include "daemon/daemon_log.h"
 #include "daemon/tess.h"
 #include "framework/fixed_text.h"
-#include "ports/milestone.h"
 
 namespace {
 

@@ -3,14 +3,14 @@
 #include <new>
 #include <unistd.h>
 
-#include "commands/live_list.h"
+#include "common/live_list.h"
 #include "common/message_wake.h"
+#include "common/milestone.h"
 #include "common/process_copy.h"
 #include "common/wake_up.h"
 #include "daemon/daemon_log.h"
 #include "daemon/signals.h"
 #include "framework/tess_messages.h"
-#include "ports/milestone.h"
 #include "ports/port_com2.h"
 #include "ports/port_ipc_socket.h"
 #include "ports/port_telnet.h"

@@ -5,9 +5,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "common/milestone.h"
 #include "common/process_copy.h"
 #include "framework/fixed_text.h"
-#include "ports/milestone.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 
 #include <sys/un.h>
 
-#include "connections/log_message.h"
+#include "common/log_message.h"
 #include "ports/cmd_port.h"
 
 /// What differs between the two local socket ports.

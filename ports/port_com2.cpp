@@ -4,11 +4,11 @@
 #include <stdexcept>
 #include <unistd.h>
 
+#include "common/milestone.h"
 #include "common/process_copy.h"
 #include "connections/com2_conn.h"
 #include "framework/fixed_text.h"
 #include "framework/tess_messages.h"
-#include "ports/milestone.h"
 #include "ports/port_log.h"
 
 namespace {

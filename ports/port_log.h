@@ -1,6 +1,6 @@
 #pragma once
 
-#include "connections/log_message.h"
+#include "common/log_message.h"
 
 /// What ports log.
 namespace port_log {

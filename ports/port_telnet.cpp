@@ -7,10 +7,10 @@
 #include <stdexcept>
 #include <unistd.h>
 
+#include "common/milestone.h"
 #include "connections/telnet_conn.h"
 #include "framework/fixed_text.h"
 #include "framework/tess_messages.h"
-#include "ports/milestone.h"
 #include "ports/port_log.h"
 #include "ports/socket_options.h"
 

@@ -7,8 +7,8 @@
 #include <mutex>
 #include <vector>
 
+#include "common/milestone.h"
 #include "framework/fixed_text.h"
-#include "ports/milestone.h"
 #include "tests/commands/command_test_bench.h"
 #include "tests/commands/fake_clock.h"
 #include "tests/commands/send_hook.h"

@@ -6,7 +6,7 @@
 #include <thread>
 #include <vector>
 
-#include "ports/milestone.h"
+#include "common/milestone.h"
 #include "tests/commands/command_test_bench.h"
 #include "tests/commands/fake_clock.h"
 #include "tests/support/allocation_count.h"

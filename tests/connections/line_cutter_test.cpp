@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "connections/white_space.h"
+#include "common/white_space.h"
 #include "tests/support/readable.h"
 
 using namespace std::string_literals;

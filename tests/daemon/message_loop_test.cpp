@@ -4,7 +4,7 @@
 #include <iterator>
 #include <thread>
 
-#include "ports/milestone.h"
+#include "common/milestone.h"
 #include "tests/daemon/daemon_test_bench.h"
 #include "tests/daemon/fake_system.h"
 #include "tests/support/allocation_count.h"

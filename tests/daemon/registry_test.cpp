@@ -1,7 +1,7 @@
 #include <cstring>
 #include <gmock/gmock.h>
 
-#include "ports/milestone.h"
+#include "common/milestone.h"
 #include "tests/daemon/daemon_test_bench.h"
 
 using testing::ElementsAre;

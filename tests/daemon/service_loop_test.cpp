@@ -3,8 +3,8 @@
 #include <sys/eventfd.h>
 #include <thread>
 
+#include "common/milestone.h"
 #include "framework/queue_mgr.h"
-#include "ports/milestone.h"
 #include "tests/daemon/daemon_test_bench.h"
 #include "tests/daemon/fake_system.h"
 #include "tests/support/stream_pair.h"

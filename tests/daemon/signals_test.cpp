@@ -7,8 +7,8 @@
 #include <unistd.h>
 #include <vector>
 
+#include "common/milestone.h"
 #include "common/wake_up.h"
-#include "ports/milestone.h"
 #include "tests/daemon/daemon_test_bench.h"
 #include "tests/support/allocation_count.h"
 #include "tests/support/pty_line.h"

@@ -6,7 +6,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "ports/milestone.h"
+#include "common/milestone.h"
 #include "tests/daemon/daemon_test_bench.h"
 #include "tests/daemon/local_client.h"
 #include "tests/support/in_background.h"

@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "connections/white_space.h"
+#include "common/white_space.h"
 #include "tests/fuzz/fuzz_check.h"
 #include "tests/fuzz/fuzz_input.h"
 #include "tests/support/address_rules.h"

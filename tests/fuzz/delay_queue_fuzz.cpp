@@ -3,8 +3,9 @@
 #include <algorithm>
 #include <optional>
 
-#include "commands/command_text.h"
 #include "commands/delay_time.h"
+#include "commands/reply.h"
+#include "common/text.h"
 #include "tests/commands/command_test_bench.h"
 #include "tests/commands/fake_clock.h"
 #include "tests/fuzz/fuzz_check.h"

@@ -3,7 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
-#include "commands/command_text.h"
+#include "commands/reply.h"
+#include "common/text.h"
 #include "framework/tokenizer.h"
 #include "tests/commands/command_test_bench.h"
 #include "tests/fuzz/fuzz_check.h"

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "connections/white_space.h"
+#include "common/white_space.h"
 #include "tests/fuzz/fuzz_check.h"
 #include "tests/fuzz/fuzz_input.h"
 #include "tests/support/line_rules.h"

@@ -14,9 +14,9 @@
 #include <unistd.h>
 #include <vector>
 
+#include "common/milestone.h"
 #include "common/process_copy.h"
 #include "framework/fixed_text.h"
-#include "ports/milestone.h"
 #include "ports/port_ipc_socket.h"
 #include "ports/xcp_port.h"
 #include "tests/support/descriptor_limit.h"

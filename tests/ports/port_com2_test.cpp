@@ -10,9 +10,9 @@
 #include <stdexcept>
 #include <unistd.h>
 
+#include "common/milestone.h"
 #include "common/process_copy.h"
 #include "connections/com2_conn.h"
-#include "ports/milestone.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/private_mounts.h"
 #include "tests/support/pty_line.h"

@@ -8,10 +8,10 @@
 #include <thread>
 #include <vector>
 
+#include "common/milestone.h"
 #include "common/process_copy.h"
 #include "common/wait_set.h"
 #include "connections/telnet_conn.h"
-#include "ports/milestone.h"
 #include "tests/support/descriptor_limit.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/looks.h"

@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
+#include "common/text.h"
 #include "framework/tokenizer.h"
-#include "tools/tessctl/begins_with.h"
 
 namespace {
 
@@ -28,11 +28,11 @@ std::string lineProblem(std::string_view line)
 std::vector<std::string_view> commandsOf(std::string_view line)
 {
     if (withoutLeadingBlanks(line).empty()) return {};
-    if (beginsWith(line, "RESET")) return {line}; // whatever follows
+    if (beginsWithNoCase(line, "RESET")) return {line}; // whatever follows
     std::vector<std::string_view> commands;
     stringTokenizer(line, commands, "|");
     const auto delay = std::ranges::find_if(
-        commands, [](std::string_view command) { return beginsWith(withoutLeadingBlanks(command), "DELAY"); });
+        commands, [](std::string_view command) { return beginsWithNoCase(withoutLeadingBlanks(command), "DELAY"); });
     if (delay == commands.end()) return commands;
     *delay = {delay->data(), static_cast<std::size_t>(line.data() + line.size() - delay->data())};
     commands.erase(delay + 1, commands.end());
@@ -42,7 +42,9 @@ std::vector<std::string_view> commandsOf(std::string_view line)
 std::string splitProblem(std::string_view line)
 {
     const std::vector<std::string_view> commands = commandsOf(line);
-    const auto resets = [](std::string_view command) { return beginsWith(withoutLeadingBlanks(command), "RESET"); };
+    const auto resets = [](std::string_view command) {
+        return beginsWithNoCase(withoutLeadingBlanks(command), "RESET");
+    };
     if (commands.empty() || std::none_of(commands.begin() + 1, commands.end(), resets)) return {};
     return "'" + std::string(line) +
            "': with --each, the RESET behind the '|' would restart the device; send it as a line "

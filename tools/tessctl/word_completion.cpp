@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cctype>
 
+#include "common/text.h"
 #include "framework/tokenizer.h"
-#include "tools/tessctl/begins_with.h"
 
 namespace {
 
@@ -31,7 +31,7 @@ std::vector<std::string> TWordCompletion::complete(std::string_view line) const
     std::vector<std::string> found;
     if (beginning.empty()) return found;
     std::ranges::copy_if(words_, std::back_inserter(found),
-                         [&](const std::string& word) { return beginsWith(word, beginning); });
+                         [&](const std::string& word) { return beginsWithNoCase(word, beginning); });
     return found;
 }
 

@@ -1,4 +1,4 @@
-#include "commands/live_list.h"
+#include "common/live_list.h"
 
 #include <gmock/gmock.h>
 
