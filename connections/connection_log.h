@@ -1,6 +1,6 @@
 #pragma once
 
-#include "common/log_message.h"
+#include "framework/log_message.h"
 
 /// What connections log.
 namespace connection_log {
@@ -18,7 +18,7 @@ inline constexpr LogMessage com2OutputDropped{250007, "COM2 output dropped"};
 /// An answer could not be written to a telnet client: it is gone, or it does not read.
 inline constexpr LogMessage telnetWriteFailed{6004, "Error writting to the telnet socket"};
 
-// Failed logins. The three that begin so end in a blank.
+// Failed logins. The texts that begin with "Failed login" end in a blank (deliberate).
 inline constexpr LogMessage loginNameTooBig{251526, "Login name too big"};
 inline constexpr LogMessage loginPasswordTooBig{251526, "Login password too big"};
 /// The password database has no such user.
@@ -27,9 +27,9 @@ inline constexpr LogMessage loginUserInvalid{251526, "Failed login, username inv
 inline constexpr LogMessage loginPasswordInvalid{251526, "Failed login, password invalid "};
 inline constexpr LogMessage loginUnknownReason{251526, "Failed login, unknown reason "};
 inline constexpr LogMessage loginClosed{251526, "Received connection close request from client during login"};
-/// Followed by the state: 1 no name within 60 seconds of the connection's begin, 2 no password.
-inline constexpr LogMessage loginTimeOut{251526, "Timeout during connection login, state = "};
-/// Followed by the state and a text; cannot happen.
-inline constexpr LogMessage loginBadState{251526, "Invalid login state ("};
+/// No name (state 1) or no password (state 2) within 60 seconds of the connection's begin.
+inline constexpr LogMessage<Number> loginTimeOut{251526, "Timeout during connection login, state = {}"};
+/// Cannot happen.
+inline constexpr LogMessage<Number> loginBadState{251526, "Invalid login state ({}) reached, closing connection"};
 
 } // namespace connection_log

@@ -1,14 +1,13 @@
 #include "connections/login.h"
 
 #include <cstring>
+#include <type_traits>
 
 #include "connections/authenticate.h"
 #include "connections/connection_log.h"
 #include "framework/fixed_text.h"
 
 namespace {
-
-using FailureText = FixedText<128>;
 
 /// One step: the connection and what the step may use.
 class LoginStep {
@@ -39,10 +38,7 @@ public:
         case LOGIN_WAIT_PASSWORD:
             return takePassword();
         default:
-            return fail(connection_log::loginBadState.id,
-                        (FailureText() << connection_log::loginBadState.text << conn_.loginState
-                                       << ") reached, closing connection")
-                            .c_str());
+            return fail(connection_log::loginBadState, conn_.loginState);
         }
     }
 
@@ -128,11 +124,10 @@ private:
     bool stillInTime()
     {
         if (!conn_.loginTimer.hasTimedOut()) return true;
-        const LogMessage& timeOut = connection_log::loginTimeOut;
-        return fail(timeOut.id, (FailureText() << timeOut.text << conn_.loginState).c_str());
+        return fail(connection_log::loginTimeOut, conn_.loginState);
     }
 
-    Input readLine(const LogMessage& tooBig)
+    Input readLine(const LogMessage<>& tooBig)
     {
         if (!stillInTime()) return Input::failed;
         const int lines = conn_.readCmd();
@@ -148,13 +143,12 @@ private:
         (void)conn_.write(&message_); // the connection has logged a failure; the next read finds out that it is gone
     }
 
-    bool fail(const LogMessage& reason) { return fail(reason.id, reason.text); }
-
     /// The client is not told why.
     /// @return false
-    bool fail(TTraceMsg id, const char* reason)
+    template <class... Values>
+    bool fail(const LogMessage<Values...>& reason, const std::type_identity_t<Values>&... values)
     {
-        logMgr.log(id, reason);
+        logMessage(reason, values...);
         tell("\r\n");
         return false;
     }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "common/log_message.h"
+#include "framework/log_message.h"
 
 /// What the daemon's core logs. Numbers are fixed; some are shared by several texts.
 namespace daemon_log {
@@ -23,16 +23,14 @@ inline constexpr LogMessage closingAll{36201, "Closing all connections!"};
 inline constexpr LogMessage closingTelnet{36201, "Closing all telnet connections!"};
 
 inline constexpr LogMessage resetReceived{250003, "Received RESET command."};
-/// Followed by the system's reason.
-inline constexpr LogMessage forkFailed{250005, "Error forking for reboot: "};
-/// Followed by the system's reason.
-inline constexpr LogMessage rebootFailed{250005, "Error forcing reboot: "};
+/// No child process could be made, or the kernel refused the restart; both for the system's reason.
+inline constexpr LogMessage<Text> forkFailed{250005, "Error forking for reboot: {}"};
+inline constexpr LogMessage<Text> rebootFailed{250005, "Error forcing reboot: {}"};
 
-/// Followed by the signal's name and signalShutdownTail.
-inline constexpr LogMessage signalReceived{250009, "Received "};
-inline constexpr const char* signalShutdownTail = ", proceeding with orderly shutdown";
-/// Followed by the number of the milestone last passed.
-inline constexpr LogMessage signalSegv{250009, "Segmentation fault detected after milestone "};
+inline constexpr LogMessage signalTerm{250009, "Received SIGTERM, proceeding with orderly shutdown"};
+inline constexpr LogMessage signalQuit{250009, "Received SIGQUIT, proceeding with orderly shutdown"};
+/// The number is that of the milestone last passed.
+inline constexpr LogMessage<Number> signalSegv{250009, "Segmentation fault detected after milestone {}"};
 /// Logged whichever child it was (deliberate).
 inline constexpr LogMessage signalChild{250009, "Signal 'SIGCHLD' received, but no child exists"};
 

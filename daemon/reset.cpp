@@ -7,17 +7,11 @@
 
 #include "commands/reset_line.h"
 #include "daemon/daemon_log.h"
-#include "framework/fixed_text.h"
 
 namespace {
 
 constexpr unsigned REBOOT_DELAY_S = 5;
 constexpr int REBOOT_RESTART = 0x1234567; // RB_AUTOBOOT, reboot(2)
-
-void logSystemError(const LogMessage& message)
-{
-    logMgr.log(message.id, (FixedText<256>() << message.text << std::strerror(errno)).c_str());
-}
 
 } // namespace
 
@@ -43,7 +37,7 @@ ResetResult TReset::restart() noexcept
 {
     const int child = forkWhole_();
     if (child < 0) {
-        logSystemError(daemon_log::forkFailed);
+        logMessage(daemon_log::forkFailed, std::strerror(errno));
         return RESET_REFUSED;
     }
     if (child > 0) return RESET_STARTED;
@@ -51,6 +45,6 @@ ResetResult TReset::restart() noexcept
     ::sync();
     ::sleep(REBOOT_DELAY_S); // by which the requester and the log are told before the end
     if (::reboot(REBOOT_RESTART) == 0) ::_exit(0);
-    logSystemError(daemon_log::rebootFailed);
+    logMessage(daemon_log::rebootFailed, std::strerror(errno));
     return RESET_REFUSED;
 }

@@ -7,11 +7,8 @@
 #include "common/milestone.h"
 #include "daemon/daemon_log.h"
 #include "daemon/tess.h"
-#include "framework/fixed_text.h"
 
 namespace {
-
-using SignalText = FixedText<128>;
 
 void requestStopOfDaemon()
 {
@@ -25,20 +22,13 @@ void signalHandler(int signo)
     const int savedErrno = errno;
     switch (signo) {
     case SIGQUIT:
-    case SIGTERM: {
-        SignalText text;
-        text << daemon_log::signalReceived.text << (signo == SIGTERM ? "SIGTERM" : "SIGQUIT")
-             << daemon_log::signalShutdownTail;
-        logMgr.log(daemon_log::signalReceived.id, text.c_str());
+    case SIGTERM:
+        logMessage(signo == SIGTERM ? daemon_log::signalTerm : daemon_log::signalQuit);
         requestStopOfDaemon();
         break;
-    }
-    case SIGSEGV: {
-        SignalText text;
-        text << daemon_log::signalSegv.text << g_milestone.load(std::memory_order_relaxed);
-        logMgr.log(daemon_log::signalSegv.id, text.c_str());
+    case SIGSEGV:
+        logMessage(daemon_log::signalSegv, g_milestone.load(std::memory_order_relaxed));
         std::exit(1);
-    }
     case SIGCHLD:
         logMessage(daemon_log::signalChild);
         break;

@@ -26,7 +26,8 @@ namespace {
 constexpr std::chrono::seconds SERVICE_END_TIME{2};
 constexpr std::size_t MAX_TOKENS = TPortConn::RX_BYTES / 2 + 1; // every second character of a line a separator
 
-template <class Port> void createPort(std::vector<TCmdPort*>& ports, const LogMessage& start, const LogMessage& failure)
+template <class Port>
+void createPort(std::vector<TCmdPort*>& ports, const LogMessage<>& start, const LogMessage<>& failure)
 {
     logMessage(start);
     if (Port* const port = new (std::nothrow) Port)

@@ -95,8 +95,7 @@ TPortConn* TLocalSocketPort::acceptClient()
         (void)closeConn(&conn); // always 0
         return nullptr;
     }
-    if (kind_.opened != nullptr)
-        logMgr.log(kind_.opened->id, (FixedText<96>() << kind_.opened->text).hex(announcedConnId()).c_str());
+    if (kind_.opened != nullptr) logMessage(*kind_.opened, Hex{announcedConnId()});
     return conn;
 }
 
@@ -107,8 +106,7 @@ int TLocalSocketPort::closeConn(TPortConn** conn)
         delete *conn;
         *conn = nullptr;
         activeConns -= 1;
-        if (kind_.closed != nullptr)
-            logMgr.log(kind_.closed->id, (FixedText<96>() << kind_.closed->text << activeConns.load()).c_str());
+        if (kind_.closed != nullptr) logMessage(*kind_.closed, activeConns.load());
     }
     setMilestone(CLOSE_CONN_EXIT);
     return 0;

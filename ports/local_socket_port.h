@@ -2,7 +2,7 @@
 
 #include <sys/un.h>
 
-#include "common/log_message.h"
+#include "framework/log_message.h"
 #include "ports/cmd_port.h"
 
 /// What differs between the two local socket ports.
@@ -12,9 +12,9 @@ struct LocalSocketKind {
     const char* path;
     const char* bindFailure;
     const char* listenFailure;
-    const LogMessage* opened; ///< followed by a number; null: not logged
-    const LogMessage* closed; ///< followed by the number of connections left; null: not logged
-    const LogMessage& portClosed;
+    const LogMessage<Hex>* opened;    ///< null: not logged
+    const LogMessage<Number>* closed; ///< null: not logged
+    const LogMessage<>& portClosed;
     struct {
         std::int32_t constructorEntry, constructorExit, destructorEntry, destructorExit;
     } milestones;

@@ -7,7 +7,6 @@
 #include "common/milestone.h"
 #include "common/process_copy.h"
 #include "connections/com2_conn.h"
-#include "framework/fixed_text.h"
 #include "framework/tess_messages.h"
 #include "ports/port_log.h"
 
@@ -101,8 +100,7 @@ int TPortCom2::chkNewConn(TPortConn** newConn)
     if (isFree) {
         *newConn = new TCom2Conn(portType, countNewConn());
         (*newConn)->fd = fd;
-        const LogMessage& opened = port_log::com2Opened;
-        logMgr.log(opened.id, (FixedText<96>() << opened.text).hex(announcedConnId()).c_str());
+        logMessage(port_log::com2Opened, Hex{announcedConnId()});
     }
     setMilestone(1007);
     return isFree ? 1 : 0;

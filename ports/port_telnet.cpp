@@ -9,7 +9,6 @@
 
 #include "common/milestone.h"
 #include "connections/telnet_conn.h"
-#include "framework/fixed_text.h"
 #include "framework/tess_messages.h"
 #include "ports/port_log.h"
 #include "ports/socket_options.h"
@@ -33,17 +32,7 @@ void enlargeSendBuffer(int fd)
 {
     const int bytes = TPortTelnet::CLIENT_SEND_BUFFER_BYTES;
     if (::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes) == 0) return;
-    const LogMessage& failed = port_log::telnetBufferFailed;
-    logMgr.log(failed.id, (FixedText<128>() << failed.text << std::strerror(errno)).c_str());
-}
-
-void logOpened(const TTelnetConn& conn)
-{
-    const LogMessage& opened = port_log::telnetOpened;
-    FixedText<96> text;
-    text << opened.text;
-    text.hex(conn.connId - TCmdPort::CONN_ID_STEP) << port_log::telnetFrom << DottedAddress(conn.peerAddr).c_str();
-    logMgr.log(opened.id, text.c_str());
+    logMessage(port_log::telnetBufferFailed, std::strerror(errno));
 }
 
 /// Echo and answer are two small segments: the second would wait for the first to be acknowledged, which takes 40 ms (tcp(7)).
@@ -147,7 +136,8 @@ TPortConn* TPortTelnet::takeArrived()
         TPortConn* conn = client;
         arriving.erase(arriving.begin() + static_cast<std::ptrdiff_t>(i));
         if (result == 0) {
-            logOpened(*client);
+            logMessage(port_log::telnetOpened, Hex{client->connId - CONN_ID_STEP},
+                       DottedAddress(client->peerAddr).c_str());
             return conn;
         }
         (void)client->writeText("\r\n"); // it is closed either way
@@ -164,10 +154,7 @@ int TPortTelnet::closeConn(TPortConn** conn)
         delete *conn;
         *conn = nullptr;
         activeConns -= 1;
-        const LogMessage& closed = port_log::telnetClosed;
-        logMgr.log(
-            closed.id,
-            (FixedText<96>() << closed.text << peer.c_str() << port_log::telnetActive << activeConns.load()).c_str());
+        logMessage(port_log::telnetGone, peer.c_str(), activeConns.load());
     }
     setMilestone(1019);
     return 0;

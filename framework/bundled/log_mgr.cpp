@@ -104,9 +104,8 @@ bool tellLostLines()
 {
     const unsigned lost = lostLines.exchange(0);
     if (lost == 0) return true;
-    FixedText<48> text;
-    text << lost << " log lines were lost";
-    if (deliver(LOG_LINES_LOST, text.c_str())) return true;
+    const LogMessage<Number>& row = framework_log::linesLost;
+    if (deliver(row.id, composed(row, lost).c_str())) return true;
     lostLines.fetch_add(lost);
     return false;
 }
@@ -123,13 +122,6 @@ socklen_t notifyAddress(sockaddr_un& address)
     putText(address.sun_path, name);
     if (name.front() == '@') address.sun_path[0] = '\0';
     return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
-}
-
-void logManagerFull(const char* name)
-{
-    FixedText<256> text;
-    text << name << ": " << std::strerror(EAGAIN) << ": the service manager does not read, and was not told READY=1";
-    logMgr.log(LOG_MANAGER_NOT_TOLD, text.c_str());
 }
 
 } // namespace
@@ -160,7 +152,7 @@ void TLogMgr::initAfterDaemonize()
                         length);
     } while (sent < 0 && errno == EINTR && !end.hasTimedOut());
     const bool full = sent < 0 && (errno == EAGAIN || errno == EINTR); // else it is told, or nobody is there
-    if (full) logManagerFull(std::getenv("NOTIFY_SOCKET"));
+    if (full) logMessage(framework_log::managerNotTold, std::getenv("NOTIFY_SOCKET"), std::strerror(EAGAIN));
 }
 
 void TLogMgr::log(TTraceMsg id, const char* text)

@@ -2,7 +2,6 @@
 
 #include "framework/bundled/log_messages.h"
 #include "framework/bundled/queue_fd.h"
-#include "framework/fixed_text.h"
 #include "framework/hr_time_out.h"
 #include "framework/sleep.h"
 
@@ -145,7 +144,7 @@ void TOwnQueue::open(long address)
     try {
         openLocked(address);
     } catch (const std::runtime_error& error) {
-        logMgr.log(LOG_QUEUE_NOT_OPENED, error.what());
+        logMgr.log(framework_log::QUEUE_NOT_OPENED, error.what());
         throw;
     }
 }
@@ -296,10 +295,7 @@ long TOwnQueue::takeFromSocket(TOrbAttachmentMsg* msg, int flags)
     const auto length = static_cast<std::size_t>(received);
     if (length < MSG_HEADER_BYTES || length > MSG_RECORD_BYTES) {
         std::memset(static_cast<void*>(msg), 0, MSG_RECORD_BYTES);
-        FixedText<128> text;
-        text << "dropped a datagram of " << length << " bytes: a record has " << MSG_HEADER_BYTES << " to "
-             << MSG_RECORD_BYTES;
-        logMgr.log(LOG_DATAGRAM_DROPPED, text.c_str());
+        logMessage(framework_log::datagramDropped, length);
         return 0;
     }
     std::memset(reinterpret_cast<char*>(msg) + length, 0, MSG_RECORD_BYTES - length);

@@ -1,11 +1,13 @@
 """What the C++ sources can log, read from the sources themselves.
 
-    Reader(folders).lines()     every (identifier, text); what varies within a text is "<>"
-    Reader(folders).rows        the rows of the tables, by name
+    Reader(folders).lines()         every (identifier, text); what varies within a text is "<>"
+    Reader(folders).rows            the rows of the tables, by name
+    Reader(folders).logged_rows()   the names of those that a call takes
 
-Every call of logMgr.log(), and of deliver() inside the log, is followed: from a table's row (LogMessage) through
-references, parameters and members to the call, and through the "<<" that put values into the text. A call that cannot be
-followed is an error, so that no line is missed in silence.
+A row of a table (LogMessage) holds the whole text of its lines. Every call that takes one, logMessage() and composed(), is
+followed to the rows that it can take: through references, parameters and members. What logMgr.log() is given itself, an
+identifier and a literal or the text of an exception, is read too. A call that cannot be followed is an error, so that no line
+is missed in silence.
 """
 
 from __future__ import annotations
@@ -20,6 +22,7 @@ import sys
 PROJECT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.realpath(__file__))))
 VARIES = "<>"
 
+FORMATTER = "framework/log_message.h"  # logMessage() and composed() themselves
 STRING = r'"(?:[^"\\\n]|\\.)*"'
 KEYWORDS = {"if", "for", "while", "switch", "catch", "return", "sizeof", "defined"}
 
@@ -30,6 +33,8 @@ class CannotFollow(Exception):
 
 @dataclasses.dataclass(frozen=True)
 class Row:
+    name: str
+    values: tuple[str, ...]  # Number, Hex, Text
     id: int
     text: str
 
@@ -38,6 +43,7 @@ class Row:
 class Function:
     name: str
     parameters: tuple[str, ...]
+    takes_any_number: bool  # the last parameter is a pack
     start: int
     end: int
 
@@ -89,8 +95,9 @@ def functions_in(code: str):
     for match in re.finditer(r"\b(\w+)\(([^(){};]*)\)(?:\s|const\b|noexcept\b|override\b|final\b|try\b)*\{", code):
         if match[1] in KEYWORDS:
             continue
-        names = tuple(re.split(r"\W+", part.strip())[-1] for part in match[2].split(",") if part.strip())
-        yield Function(match[1], names, match.start(), closing(code, match.end() - 1) + 1)
+        parameters = re.sub(r"<[^<>]*>", "", match[2])  # there may be commas in them
+        names = tuple(re.split(r"\W+", part.strip())[-1] for part in parameters.split(",") if part.strip())
+        yield Function(match[1], names, "..." in parameters, match.start(), closing(code, match.end() - 1) + 1)
 
 
 def closing(code: str, at: int) -> int:
@@ -115,8 +122,8 @@ def split(text: str, separator: str) -> list[str]:
 
 
 def bare(expression: str) -> str:
-    """Without what does not change the value: brackets around it, an address-of, a c_str() behind brackets."""
-    expression = re.sub(r"\.c_str\(\)$", "", expression.strip()).lstrip("&").strip()
+    """Without what does not change the value: brackets around it, an address-of, a dereference."""
+    expression = expression.strip().lstrip("&*").strip()
     while expression.startswith("(") and closing(expression, 0) == len(expression) - 1:
         expression = bare(expression[1:-1])
     return expression
@@ -142,13 +149,6 @@ def literal(expression: str) -> str | None:
     return re.sub(r"\\(.)", lambda escape: {"n": "\n", "r": "\r"}.get(escape[1], escape[1]), text)
 
 
-def chain(expression: str) -> list[str]:
-    """What is put into a text, in order; the empty text at the beginning is left out."""
-    parts = [bare(part) for part in split(expression, "<<") if part]
-    flat = [inner for part in parts for inner in (chain(part) if len(split(part, "<<")) > 1 else [part])]
-    return [part for part in flat if not re.fullmatch(r"FixedText<\w+>\(\)|\w+Text\(\)", part)]
-
-
 def texts_of(parts: list[list[str]]) -> list[str]:
     """Every combination of the parts' alternatives; values side by side count as one."""
     return [re.sub(f"(?:{VARIES})+", VARIES, "".join(choice)) for choice in itertools.product(*parts)]
@@ -160,17 +160,31 @@ class Reader:
         paths = {path for pattern in patterns for path in glob.glob(pattern, root_dir=PROJECT, recursive=True)}
         self.sources = [Source(path) for path in sorted(paths)]
         everything = "\n".join(source.code for source in self.sources)
-        self.rows = {name: Row(int(number), literal(text) or "") for name, number, text in
-                     re.findall(rf"\bLogMessage (\w+)\{{(\d+),\s*((?:{STRING}\s*)+)\}};", everything)}
+        self.rows: dict[str, Row] = {}
+        for values, name, number, text in re.findall(
+                rf"\bLogMessage(?:<([\w, ]*)>)? (\w+)\{{\s*(\d+),\s*((?:{STRING}\s*)+)\}};", everything):
+            if name in self.rows:
+                raise CannotFollow(f"two rows are called {name}")
+            whole = (literal(text.strip()) or "").replace("{}", VARIES)
+            self.rows[name] = Row(name, tuple(re.findall(r"\w+", values)), int(number), whole)
         self.identifiers = {name: int(number) for name, number in re.findall(r"\bTTraceMsg (\w+) = (\d+);", everything)}
         self.numbers = dict(re.findall(r"\bconstexpr (?:long|int|std::\w+) (\w+) = (\d+);", everything))
-        self.tails = {name: literal(text) for name, text in re.findall(rf"\bconstexpr const char\* (\w+) = ({STRING});", everything)}
 
     def lines(self) -> set[tuple[int, str]]:
-        return {line for site, arguments in self.calls(r"(?:logMgr\.log|deliver)", None) for line in self.logged(arguments, site)}
+        of_rows = {(row.id, row.text) for row in self.followed_rows()}
+        return of_rows | {line for site, arguments in self.calls(r"logMgr\.log", None) for line in self.logged(arguments, site)}
+
+    def logged_rows(self) -> set[str]:
+        return {row.name for row in self.followed_rows()}
+
+    def followed_rows(self):
+        for site, arguments in self.calls("(?:logMessage|composed)", None):
+            yield from self.rows_of(arguments[0], site)
 
     def calls(self, name: str, only: Source | None):
         for source in [only] if only else self.sources:
+            if source.path == FORMATTER:
+                continue
             definitions = {function.start for function in source.functions}
             for match in re.finditer(rf"\b{name}(?:<[\w:]+>)?\(", source.code):
                 if match.start() in definitions:
@@ -184,7 +198,7 @@ class Reader:
         everywhere = site.source.path.endswith(".h")
         found = False
         for call, arguments in self.calls(function.name, None if everywhere else site.source):
-            if len(arguments) == len(function.parameters):
+            if len(arguments) == len(function.parameters) or function.takes_any_number:
                 found = True
                 yield call, dict(zip(function.parameters, arguments))
         if not found:
@@ -193,25 +207,20 @@ class Reader:
     def logged(self, arguments: list[str], site: Site):
         """The lines of a call log(identifier, text)."""
         identifier, text = arguments
-        row_of = re.fullmatch(r"(.+?)(?:\.|->)id", identifier)
-        if row_of:
-            for row in self.rows_of(row_of[1], site):
-                for composed in self.compose(text, site, row_of[1], row):
-                    yield row.id, composed
-        elif identifier in site.function.parameters:
-            for call, given in self.calls_of_function_at(site):
-                if text not in given:
-                    raise CannotFollow(f"{site}: {text} is no parameter")
-                yield from self.logged([given[identifier], given[text]], call)
-        elif identifier in self.identifiers or identifier.isdigit():
-            for composed in self.compose(text, site, None, None):
-                yield self.identifiers.get(identifier) or int(identifier), composed
-        else:
+        number = self.identifiers.get(identifier.rpartition("::")[2])
+        if number is None:
             raise CannotFollow(f"{site}: which identifier is {identifier}?")
+        if literal(text) is not None:
+            yield number, literal(text)
+        elif re.fullmatch(r"\w+\.what\(\)", text):
+            for thrown in self.thrown_in(site.source.folder):
+                yield number, thrown
+        else:
+            raise CannotFollow(f"{site}: a text that is composed belongs into a row: {text}")
 
     def rows_of(self, expression: str, site: Site):
         for value in alternatives(expression):
-            local = re.findall(rf"\bLogMessage& {re.escape(value)} = ([^;]+);", site.before()) if value.isidentifier() else []
+            local = re.findall(rf"\bLogMessage(?:<[\w, ]*>)?& {re.escape(value)} = ([^;]+);", site.before()) if value.isidentifier() else []
             member = re.fullmatch(r"\w+(?:\.|->)(\w+)", value)
             if value.rpartition("::")[2] in self.rows:
                 yield self.rows[value.rpartition("::")[2]]
@@ -234,29 +243,9 @@ class Reader:
                 if match[1] != "nullptr":
                     yield from self.rows_of(match[1], Site(source, match.start()))
 
-    def compose(self, expression: str, site: Site, base: str | None, row: Row | None) -> list[str]:
-        """The texts that the expression can be; `base` is how the code names the row."""
-        variable = re.fullmatch(r"(\w+)\.c_str\(\)", expression.strip())
-        thrown = re.fullmatch(r"\w+\.what\(\)", expression.strip())
-        if thrown:
-            return self.thrown_in(site.source.folder)
-        if variable:
-            since = re.split(rf"\b[\w<>]+ {variable[1]};", site.before())
-            if len(since) == 1:
-                raise CannotFollow(f"{site}: where is {variable[1]} declared?")
-            statements = re.findall(rf"\b{variable[1]}((?:\.hex\(|\s*<<)[^;]*);", since[-1])
-            expression = " << ".join(statement.removeprefix(" <<") for statement in statements)
-        expression = re.sub(r"\.hex\(", " << hex(", bare(expression))
-        return texts_of([[self.part(value, base, row) for value in alternatives(part)] for part in chain(expression)])
-
-    def part(self, value: str, base: str | None, row: Row | None) -> str:
+    def part(self, value: str) -> str:
         text = literal(value)
-        name = value.rpartition("::")[2]
-        if text is not None:
-            return text
-        if base is not None and row is not None and value in (f"{base}.text", f"{base}->text"):
-            return row.text
-        return self.tails.get(name) or self.numbers.get(name) or VARIES
+        return text if text is not None else self.numbers.get(value.rpartition("::")[2], VARIES)
 
     def thrown_in(self, folder: str) -> list[str]:
         """What the run-time errors of a folder say."""
@@ -271,7 +260,7 @@ class Reader:
                 for _, given in self.calls_of_function_at(site) if helper else [(site, {})]:
                     parts = [given.get(part, part) for part in split(said, "+")]
                     parts = [re.sub(r"^std::to_string\((.+)\)$", r"\1", part) for part in parts]
-                    texts += texts_of([[self.part(value, None, None) for value in alternatives(part)] for part in parts])
+                    texts += texts_of([[self.part(value) for value in alternatives(part)] for part in parts])
         if not texts:
             raise CannotFollow(f"{folder}: nothing is thrown there")
         return texts

@@ -46,11 +46,18 @@ def test_the_reference_has_nothing_that_the_sources_do_not_log():
 def test_every_row_of_the_tables_is_logged_somewhere():
     """A row that is left over, or one whose call is not understood, shows here."""
     reader = Reader(FOLDERS)
-    logged = reader.lines()
-    unused = [name for name, row in sorted(reader.rows.items())
-              if not any(number == row.id and text.startswith(row.text) for number, text in logged)]
+    unused = sorted(reader.rows.keys() - reader.logged_rows())
     assert len(reader.rows) > 30, f"only {len(reader.rows)} rows were read"
     assert not unused, unused
+
+
+def test_numbers_are_called_numbers_and_nothing_else_is():
+    reader = Reader(FOLDERS)
+    kinds = {(row.id, row.text): [value != "Text" for value in row.values] for row in reader.rows.values() if row.values}
+    assert len(kinds) > 10, kinds
+    named = {(number, with_gaps(text)): [gap == "<number>" for gap in re.findall(r"<[a-z ]+>", text)] for number, text, _ in reference()}
+    wrong = [line for line in sorted(kinds) if named.get(line) != kinds[line]]
+    assert not wrong, wrong
 
 
 def test_every_line_of_the_reference_stands_once_and_is_explained():
