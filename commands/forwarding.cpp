@@ -42,7 +42,7 @@ int sendToTargets(TCommandContext& context, TCmdProgress& progress)
 int forwardCmd(TCommandContext& context, TCmdProgress& progress, const TCommandAddress& address, std::uint32_t portType,
                std::uint32_t entryTag)
 {
-    setMilestone(32);
+    setMilestone(Milestone::forwardBegun);
     progress.targetCount = 0;
     progress.target = 0;
     progress.sendResult = 1;
@@ -54,15 +54,15 @@ int forwardCmd(TCommandContext& context, TCmdProgress& progress, const TCommandA
         if (progress.targetCount < progress.targets.size()) progress.targets[progress.targetCount++] = proc->procId;
     }
     const int result = sendToTargets(context, progress);
-    setMilestone(33);
+    setMilestone(Milestone::forwardDone);
     return result;
 }
 
 int goOnForwarding(TCommandContext& context, TCmdProgress& progress)
 {
-    setMilestone(32);
+    setMilestone(Milestone::forwardBegun);
     const std::scoped_lock lock(context.regLock);
     const int result = sendToTargets(context, progress);
-    setMilestone(33);
+    setMilestone(Milestone::forwardDone);
     return result;
 }

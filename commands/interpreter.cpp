@@ -93,9 +93,9 @@ private:
     {
         token = token.substr(0, TOKEN_BYTES - 1);
         TCommandAddress address;
-        setMilestone(34);
+        setMilestone(Milestone::addressBegun);
         const int offset = parseCmdAddress(token, address);
-        setMilestone(35);
+        setMilestone(Milestone::addressDone);
         if (offset == ADDRESS_REJECTED && conn_ != nullptr) {
             replyTo(context_, conn_, "?\r\n");
             return true;

@@ -25,7 +25,7 @@ try {
 int main(int argc, char* argv[])
 try {
     openStdDescriptors();
-    setMilestone(0);
+    setMilestone(Milestone::programBegun);
     logMgr.setLogParameters(128, 6, "    [TESS]", 4);
     const Options options = parseOptions(argc, argv);
     if (options.missingArgument != 0) {
@@ -33,15 +33,15 @@ try {
         return EXIT_FAILURE;
     }
 
-    setMilestone(1);
+    setMilestone(Milestone::creatingDaemon);
     g_tess = construct(options);
     logMgr.initAfterDaemonize();
-    setMilestone(2);
+    setMilestone(Milestone::daemonCreated);
     logMessage(daemon_log::running);
     if (g_tess.load()->startService() != 0) return -1;
-    setMilestone(3);
+    setMilestone(Milestone::serviceStarted);
     (void)g_tess.load()->run(); // always 0
-    setMilestone(5);
+    setMilestone(Milestone::messageLoopLeft);
     endDaemon();
     return EXIT_SUCCESS;
 } catch (...) {

@@ -45,23 +45,23 @@ const TTess::KindRow TTess::kindRows[] = {
 int TTess::run() noexcept
 {
     while (stopRequested == 0) {
-        setMilestone(12);
+        setMilestone(Milestone::receivingMessage);
         inLen = static_cast<std::int32_t>(g_qMgr.getMsg(&inMsg, MSG_QUEUE_ALL, true));
         answerWhatIsOver();
         if (inLen <= 0) continue;
-        setMilestone(13);
+        setMilestone(Milestone::messageReceived);
         if (inMsg.kind == MSG_STOP) break;
         const auto* const row =
             std::ranges::find(kindRows, inMsg.kind, [](const KindRow& candidate) { return candidate.kind; });
         if (row != std::end(kindRows) && (this->*row->handle)()) sendReply(inMsg.sender, inLen);
     }
-    setMilestone(16);
+    setMilestone(Milestone::messageLoopDone);
     return 0;
 }
 
 void TTess::sendReply(long address, std::int32_t length) noexcept
 {
-    setMilestone(14);
+    setMilestone(Milestone::sendingReply);
     const std::scoped_lock lock(regLock);
     if (waitingAnswers.send(address, replyMsg, length)) g_wakeUp.wake();
 }

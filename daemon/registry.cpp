@@ -30,7 +30,7 @@ RegisterRequest readRequest(const TOrbAttachmentMsg& msg)
 /// @return 0 registered or updated, 1 nothing enabled, 2 list full, 3 no memory
 int TTess::registerProc() noexcept
 try {
-    setMilestone(24);
+    setMilestone(Milestone::registerBegun);
     const RegisterRequest request = readRequest(inMsg);
     if (request.portMask == 0) return 1;
     const std::scoped_lock lock(regLock);
@@ -43,7 +43,7 @@ try {
     if (regProcs.size() >= MAX_REGISTERED_PROCS) return 2;
     regProcs.reserve(MAX_REGISTERED_PROCS);
     regProcs.push_back(new TRegisteredProc{inMsg.sender, request.portMask, std::string(request.name)});
-    setMilestone(25);
+    setMilestone(Milestone::registerDone);
     return 0;
 } catch (const std::bad_alloc&) {
     return 3;
@@ -52,7 +52,7 @@ try {
 /// @return 0 removed, 1 list empty, 2 not found
 int TTess::unregisterProc() noexcept
 {
-    setMilestone(26);
+    setMilestone(Milestone::unregisterBegun);
     const std::scoped_lock lock(regLock);
     if (regProcs.empty()) return 1;
     int result = 2;
@@ -63,16 +63,16 @@ int TTess::unregisterProc() noexcept
         result = 0;
         break;
     }
-    setMilestone(27);
+    setMilestone(Milestone::unregisterDone);
     return result;
 }
 
 void TTess::clearRegistry() noexcept
 {
-    setMilestone(22);
+    setMilestone(Milestone::clearRegistryBegun);
     const std::scoped_lock lock(regLock);
     for (const TRegisteredProc* proc : regProcs)
         delete proc;
     regProcs.clear();
-    setMilestone(23);
+    setMilestone(Milestone::clearRegistryDone);
 }

@@ -22,7 +22,7 @@ constexpr std::chrono::milliseconds DELAYED_WAIT{250};
 
 void* TTess::serviceThread(void* daemon)
 {
-    setMilestone(6);
+    setMilestone(Milestone::serviceThreadBegun);
     auto* const tess = static_cast<TTess*>(daemon);
     tess->serviceLoop();
     if (g_isCopy) { // it is all there is of this process
@@ -35,14 +35,14 @@ void* TTess::serviceThread(void* daemon)
 
 void TTess::serviceLoop() noexcept
 {
-    setMilestone(17);
+    setMilestone(Milestone::serviceLoopBegun);
     TWaitSet waits; // as the last wait has left it
     acceptConnections(waits);
     while (!isToEnd(instantNow())) {
-        setMilestone(18);
+        setMilestone(Milestone::servicePassBegun);
         TWaitSet next;
         const bool waitsForDescriptors = collectConns(next);
-        setMilestone(20);
+        setMilestone(Milestone::runningDelays);
         runDelayedLines(waits);
         serviceQueues(waits, next);
         waits = next;
@@ -52,7 +52,7 @@ void TTess::serviceLoop() noexcept
         acceptConnections(waits);
         servicePass(waits);
     }
-    setMilestone(21);
+    setMilestone(Milestone::serviceLoopDone);
     serviceDone = true;
 }
 
@@ -68,7 +68,7 @@ bool TTess::collectConns(TWaitSet& waits) noexcept
 {
     for (std::size_t i = 0; const TCmdPort* port = liveAt(ports, i); ++i)
         port->addTo(waits);
-    setMilestone(19);
+    setMilestone(Milestone::collectingConnections);
     const std::scoped_lock lock(connLock);
     for (std::size_t i = 0; TPortConn* conn = liveAt(conns, i); ++i)
         conn->addTo(waits);
@@ -88,14 +88,14 @@ void TTess::serviceQueues(const TWaitSet& waits, TWaitSet& next) noexcept
 
 void TTess::acceptConnections(const TWaitSet& waits) noexcept
 {
-    setMilestone(28);
+    setMilestone(Milestone::acceptBegun);
     for (std::size_t i = 0; TCmdPort* port = liveAt(ports, i); ++i) {
         TPortConn* conn = nullptr;
         if (!port->isDue(waits) || port->chkNewConn(&conn) != 1 || conn == nullptr) continue;
         const std::scoped_lock lock(connLock);
         conns.push_back(conn);
     }
-    setMilestone(29);
+    setMilestone(Milestone::acceptDone);
 }
 
 void TTess::runDelayedLines(const TWaitSet& waits) noexcept
@@ -106,7 +106,7 @@ void TTess::runDelayedLines(const TWaitSet& waits) noexcept
 
 void TTess::servicePass(const TWaitSet& waits) noexcept
 {
-    setMilestone(30);
+    setMilestone(Milestone::serveBegun);
     outMsg.kind = MSG_TEXT;
     const std::scoped_lock lock(connLock);
     for (std::size_t i = 0; TPortConn* conn = liveAt(conns, i);) {
@@ -115,7 +115,7 @@ void TTess::servicePass(const TWaitSet& waits) noexcept
         i = mayServe ? serviceConn(i) : i + 1;
     }
     if (stopRequested == 0) reset.finishForgotten();
-    setMilestone(31);
+    setMilestone(Milestone::serveDone);
 }
 
 /// @return true when a line that waits is to be tried again. Nothing is restarted after a stop.
@@ -178,7 +178,7 @@ std::size_t TTess::serviceLines(std::size_t index) noexcept
 /// @return 0; 1 when no port claims it, or the slot is empty (then nothing is done)
 int TTess::removeConn(std::size_t index) noexcept
 {
-    setMilestone(36);
+    setMilestone(Milestone::removeConnectionBegun);
     if (conns[index] == nullptr) return 1;
     forgetConn(*conns[index]);
     int result = 1;
@@ -189,7 +189,7 @@ int TTess::removeConn(std::size_t index) noexcept
     }
     delete conns[index]; // null unless no port has claimed it
     conns.erase(conns.begin() + static_cast<std::ptrdiff_t>(index));
-    setMilestone(37);
+    setMilestone(Milestone::removeConnectionDone);
     return result;
 }
 

@@ -51,7 +51,7 @@ TTess::TTess(long queueId, bool com2, bool telnet, bool xcp, bool ipc)
           regLock,     fullQueues, delayQueues,
           delayedLine, tokens,     [this](const char* line, const void* asker) { return reset.ask(line, asker); }}
 {
-    setMilestone(7);
+    setMilestone(Milestone::daemonConstructorBegun);
     g_wakeUp.open();
     tokens.reserve(MAX_TOKENS);
     try {
@@ -62,7 +62,7 @@ TTess::TTess(long queueId, bool com2, bool telnet, bool xcp, bool ipc)
     }
     clearRegistry();
     installSignalHandlers();
-    setMilestone(8);
+    setMilestone(Milestone::daemonConstructorDone);
 }
 
 void TTess::createPorts(bool com2, bool telnet, bool xcp, bool ipc)
@@ -84,23 +84,23 @@ void TTess::deletePorts() noexcept
 
 TTess::~TTess()
 {
-    setMilestone(9);
+    setMilestone(Milestone::daemonDestructorBegun);
     reInit.cancel();
     {
         const std::scoped_lock lock(connLock);
         serviceEnd = instantNow() + SERVICE_END_TIME;
     }
     g_wakeUp.wake();
-    setMilestone(300);
+    setMilestone(Milestone::serviceEndSet);
     if (g_serviceThread != NO_THREAD) (void)::pthread_join(g_serviceThread, nullptr); // it never waits for anybody
     g_serviceThread = NO_THREAD;
-    setMilestone(301);
+    setMilestone(Milestone::serviceThreadJoined);
     closeAllConns();
     answerWhatIsOver();
-    setMilestone(302);
+    setMilestone(Milestone::connectionsClosed);
     deletePorts();
-    setMilestone(303);
-    setMilestone(10);
+    setMilestone(Milestone::portsDeleted);
+    setMilestone(Milestone::daemonDestructorDone);
     g_tess = nullptr; // a signal that arrives from here on finds no daemon
 }
 
@@ -118,7 +118,7 @@ int TTess::startService()
 // Called by a signal handler. Every other thread that handles signals has been joined before the daemon is freed.
 void TTess::requestStop() noexcept
 {
-    setMilestone(42);
+    setMilestone(Milestone::stopRequested);
     stopRequested = 1;
     g_wakeUp.wake();
 }
@@ -148,25 +148,25 @@ void TTess::continueAsCopy() noexcept
 void endDaemon() noexcept
 {
     delete g_tess.load();
-    setMilestone(40);
+    setMilestone(Milestone::daemonDeleted);
     g_tess = nullptr;
     logMessage(daemon_log::normalExit);
-    setMilestone(41);
+    setMilestone(Milestone::exitLogged);
 }
 
 void TTess::closeAllConns() noexcept
 {
-    setMilestone(38);
+    setMilestone(Milestone::closeConnectionsBegun);
     logMessage(daemon_log::closingAll);
     const std::scoped_lock lock(connLock);
     while (liveAt(conns, 0) != nullptr)
         (void)removeConn(0); // the slot is live, so it goes whatever the result
-    setMilestone(39);
+    setMilestone(Milestone::closeConnectionsDone);
 }
 
 void TTess::closeTelnetConns() noexcept
 {
-    setMilestone(38);
+    setMilestone(Milestone::closeConnectionsBegun);
     logMessage(daemon_log::closingTelnet);
     const std::scoped_lock lock(connLock);
     for (std::size_t i = 0; i < conns.size();) {
@@ -176,5 +176,5 @@ void TTess::closeTelnetConns() noexcept
         if (isTelnet && removeConn(i) == 0 && i != 0) continue;
         ++i;
     }
-    setMilestone(39);
+    setMilestone(Milestone::closeConnectionsDone);
 }

@@ -9,36 +9,20 @@
 #include "common/process_copy.h"
 #include "framework/fixed_text.h"
 
-namespace {
-
-// The same numbers for both kinds (deliberate).
-enum : std::int32_t {
-    OPEN_ENTRY = 1024,
-    OPEN_EXIT = 1025,
-    CLOSE_ENTRY = 1026,
-    CLOSE_EXIT = 1027,
-    CHECK_ENTRY = 1028,
-    CHECK_EXIT = 1029,
-    CLOSE_CONN_ENTRY = 1030,
-    CLOSE_CONN_EXIT = 1031,
-};
-
-} // namespace
-
 TLocalSocketPort::TLocalSocketPort(const LocalSocketKind& kind)
     : TCmdPort(kind.portType, MAX_CONNS, kind.firstConnId), kind_(kind)
 {
-    setMilestone(kind_.milestones.constructorEntry);
+    setMilestone(Milestone::localConstructorBegun);
     isOpen = TLocalSocketPort::openPort() == 0;
-    setMilestone(kind_.milestones.constructorExit);
+    setMilestone(kind_.constructorExit);
 }
 
 TLocalSocketPort::~TLocalSocketPort()
 {
-    setMilestone(kind_.milestones.destructorEntry);
+    setMilestone(kind_.destructorEntry);
     (void)TLocalSocketPort::closePort(); // always 0
     removeFile();                        // closePort() has done so, unless the port was closed all along
-    setMilestone(kind_.milestones.destructorExit);
+    setMilestone(kind_.destructorExit);
 }
 
 void TLocalSocketPort::removeFile() const
@@ -48,7 +32,7 @@ void TLocalSocketPort::removeFile() const
 
 int TLocalSocketPort::openPort()
 {
-    setMilestone(OPEN_ENTRY);
+    setMilestone(Milestone::localOpenBegun);
     (void)std::remove(kind_.path);                                         // no such file is the normal case
     fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0); // accept() must never block
     if (fd < 0) return 1;
@@ -58,13 +42,13 @@ int TLocalSocketPort::openPort()
     if (::bind(fd, reinterpret_cast<const sockaddr*>(&listenAddr), sizeof listenAddr) != 0)
         throw std::runtime_error(kind_.bindFailure);
     if (::listen(fd, BACKLOG) != 0) throw std::runtime_error(kind_.listenFailure);
-    setMilestone(OPEN_EXIT);
+    setMilestone(Milestone::localOpenDone);
     return 0;
 }
 
 int TLocalSocketPort::closePort()
 {
-    setMilestone(CLOSE_ENTRY);
+    setMilestone(Milestone::localCloseBegun);
     if (isOpen) {
         (void)::close(fd); // nothing is left to do for a descriptor that fails to close
         activeConns = 0;
@@ -72,16 +56,16 @@ int TLocalSocketPort::closePort()
         logMessage(kind_.portClosed);
         removeFile();
     }
-    setMilestone(CLOSE_EXIT);
+    setMilestone(Milestone::localCloseDone);
     return 0;
 }
 
 int TLocalSocketPort::chkNewConn(TPortConn** newConn)
 {
-    setMilestone(CHECK_ENTRY);
+    setMilestone(Milestone::localCheckBegun);
     TPortConn* const conn = clientWaits() ? acceptClient() : nullptr;
     if (conn != nullptr) *newConn = conn;
-    setMilestone(CHECK_EXIT);
+    setMilestone(Milestone::localCheckDone);
     return conn != nullptr ? 1 : 0;
 }
 
@@ -101,13 +85,13 @@ TPortConn* TLocalSocketPort::acceptClient()
 
 int TLocalSocketPort::closeConn(TPortConn** conn)
 {
-    setMilestone(CLOSE_CONN_ENTRY);
+    setMilestone(Milestone::localCloseConnBegun);
     if (*conn != nullptr) {
         delete *conn;
         *conn = nullptr;
         activeConns -= 1;
         if (kind_.closed != nullptr) logMessage(*kind_.closed, activeConns.load());
     }
-    setMilestone(CLOSE_CONN_EXIT);
+    setMilestone(Milestone::localCloseConnDone);
     return 0;
 }

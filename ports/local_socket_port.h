@@ -2,6 +2,7 @@
 
 #include <sys/un.h>
 
+#include "common/milestone.h"
 #include "framework/log_message.h"
 #include "ports/cmd_port.h"
 
@@ -15,9 +16,8 @@ struct LocalSocketKind {
     const LogMessage<Hex>* opened;    ///< null: not logged
     const LogMessage<Number>* closed; ///< null: not logged
     const LogMessage<>& portClosed;
-    struct {
-        std::int32_t constructorEntry, constructorExit, destructorEntry, destructorExit;
-    } milestones;
+    // All other milestones are the same for both kinds (deliberate).
+    Milestone constructorExit, destructorEntry, destructorExit;
     TPortConn* (*makeConn)(std::uint32_t portType, std::uint32_t connId);
 };
 

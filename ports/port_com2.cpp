@@ -49,11 +49,11 @@ termios lineSettings()
 
 TPortCom2::TPortCom2() : TCmdPort(PORT_COM2, 1, 0x0055'0000)
 {
-    setMilestone(1000);
+    setMilestone(Milestone::com2ConstructorBegun);
     wantsInput = false; // what is typed is for its connection
     standing = true;
     isOpen = TPortCom2::openPort() == 0;
-    setMilestone(1001);
+    setMilestone(Milestone::com2ConstructorDone);
 }
 
 TPortCom2::~TPortCom2()
@@ -63,20 +63,20 @@ TPortCom2::~TPortCom2()
 
 int TPortCom2::openPort()
 {
-    setMilestone(1002);
+    setMilestone(Milestone::com2OpenBegun);
     fd = ::open(DEVICE, O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK); // nothing waits for the line, the opening neither
     if (fd < 0) return 1;
     if (::tcgetattr(fd, &savedTio) != 0) throw std::runtime_error("unable to get COM2 attributes");
     portTio = lineSettings();
     if (::tcflush(fd, TCIFLUSH) != 0) throw std::runtime_error("failed tcflush");
     if (::tcsetattr(fd, TCSANOW, &portTio) != 0) throw std::runtime_error("failed setting COM2 attributes");
-    setMilestone(1003);
+    setMilestone(Milestone::com2OpenDone);
     return 0;
 }
 
 int TPortCom2::closePort()
 {
-    setMilestone(1004);
+    setMilestone(Milestone::com2CloseBegun);
     if (isOpen) {
         if (!g_isCopy) {
             // A line that refuses has been unplugged: nothing is left to restore.
@@ -88,13 +88,13 @@ int TPortCom2::closePort()
         isOpen = false;
         logMessage(port_log::com2PortClosed);
     }
-    setMilestone(1005);
+    setMilestone(Milestone::com2CloseDone);
     return 0;
 }
 
 int TPortCom2::chkNewConn(TPortConn** newConn)
 {
-    setMilestone(1006);
+    setMilestone(Milestone::com2CheckBegun);
     due = NEVER;
     const bool isFree = activeConns < maxConns;
     if (isFree) {
@@ -102,19 +102,19 @@ int TPortCom2::chkNewConn(TPortConn** newConn)
         (*newConn)->fd = fd;
         logMessage(port_log::com2Opened, Hex{announcedConnId()});
     }
-    setMilestone(1007);
+    setMilestone(Milestone::com2CheckDone);
     return isFree ? 1 : 0;
 }
 
 int TPortCom2::closeConn(TPortConn** conn)
 {
-    setMilestone(1008);
+    setMilestone(Milestone::com2CloseConnBegun);
     if (*conn != nullptr) {
         delete *conn;
         *conn = nullptr;
         activeConns -= 1;
         logMessage(port_log::com2Closed);
     }
-    setMilestone(1009);
+    setMilestone(Milestone::com2CloseConnDone);
     return 0;
 }

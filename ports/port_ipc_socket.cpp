@@ -20,7 +20,9 @@ constexpr LocalSocketKind ipcKind{
     .opened = nullptr, // this port logs neither (deliberate)
     .closed = nullptr,
     .portClosed = port_log::ipcPortClosed,
-    .milestones = {1020, 1021, 1022, 1023},
+    .constructorExit = Milestone::ipcConstructorDone,
+    .destructorEntry = Milestone::ipcDestructorBegun,
+    .destructorExit = Milestone::ipcDestructorDone,
     .makeConn = makeIpcConn,
 };
 

@@ -46,10 +46,10 @@ void sendAtOnce(int fd)
 
 TPortTelnet::TPortTelnet() : TCmdPort(PORT_TELNET, MAX_CONNS, 0xAA00'0000)
 {
-    setMilestone(1010);
+    setMilestone(Milestone::telnetConstructorBegun);
     arriving.reserve(MAX_CONNS);
     isOpen = TPortTelnet::openPort() == 0;
-    setMilestone(1011);
+    setMilestone(Milestone::telnetConstructorDone);
 }
 
 TPortTelnet::~TPortTelnet()
@@ -59,7 +59,7 @@ TPortTelnet::~TPortTelnet()
 
 int TPortTelnet::openPort()
 {
-    setMilestone(1012);
+    setMilestone(Milestone::telnetOpenBegun);
     fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0); // accept() must never block
     if (fd < 0) return 1;
     applySocketOptions(fd);
@@ -70,13 +70,13 @@ int TPortTelnet::openPort()
     if (::bind(fd, reinterpret_cast<const sockaddr*>(&listenAddr), sizeof listenAddr) != 0)
         throw std::runtime_error("failed binding to telnet socket");
     if (::listen(fd, BACKLOG) != 0) throw std::runtime_error("failed setting up telnet socket listener");
-    setMilestone(1013);
+    setMilestone(Milestone::telnetOpenDone);
     return 0;
 }
 
 int TPortTelnet::closePort()
 {
-    setMilestone(1014);
+    setMilestone(Milestone::telnetCloseBegun);
     for (TPortConn*& conn : arriving)
         (void)closeConn(&conn); // always 0
     arriving.clear();
@@ -86,18 +86,18 @@ int TPortTelnet::closePort()
         isOpen = false;
         logMessage(port_log::telnetPortClosed);
     }
-    setMilestone(1015);
+    setMilestone(Milestone::telnetCloseDone);
     return 0;
 }
 
 int TPortTelnet::chkNewConn(TPortConn** newConn)
 {
-    setMilestone(1016);
+    setMilestone(Milestone::telnetCheckBegun);
     const bool rests = !wantsInput && instantNow() < due;
     if (!rests && clientWaits()) acceptClient();
     TPortConn* const conn = takeArrived();
     if (conn != nullptr) *newConn = conn;
-    setMilestone(1017);
+    setMilestone(Milestone::telnetCheckDone);
     return conn != nullptr ? 1 : 0;
 }
 
@@ -148,7 +148,7 @@ TPortConn* TPortTelnet::takeArrived()
 
 int TPortTelnet::closeConn(TPortConn** conn)
 {
-    setMilestone(1018);
+    setMilestone(Milestone::telnetCloseConnBegun);
     if (*conn != nullptr) {
         const DottedAddress peer(static_cast<TTelnetConn*>(*conn)->peerAddr); // this port makes no other connections
         delete *conn;
@@ -156,6 +156,6 @@ int TPortTelnet::closeConn(TPortConn** conn)
         activeConns -= 1;
         logMessage(port_log::telnetGone, peer.c_str(), activeConns.load());
     }
-    setMilestone(1019);
+    setMilestone(Milestone::telnetCloseConnDone);
     return 0;
 }

@@ -20,7 +20,9 @@ constexpr LocalSocketKind xcpKind{
     .opened = &port_log::xcpOpened,
     .closed = &port_log::xcpClosed,
     .portClosed = port_log::xcpPortClosed,
-    .milestones = {1020, 1111, 1112, 1113},
+    .constructorExit = Milestone::xcpConstructorDone,
+    .destructorEntry = Milestone::xcpDestructorBegun,
+    .destructorExit = Milestone::xcpDestructorDone,
     .makeConn = makeXcpConn,
 };
 

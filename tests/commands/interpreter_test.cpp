@@ -207,7 +207,7 @@ TEST_F(Interpreter, AnswersEveryTokenByItself)
 TEST_F(Interpreter, NotesThatItHasParsedTheAddress)
 {
     for (const char* const line : {"*", "SET $5"}) { // neither is forwarded, which would note more
-        setMilestone(0);
+        g_milestone = 0;
         EXPECT_THAT(replies(line), SizeIs(1));
         EXPECT_EQ(g_milestone.load(), 35) << line;
     }

@@ -104,7 +104,7 @@ TEST(SignalHandler, AllocatesNothing)
 TEST(SignalHandler, EndsTheProgramAfterASegmentationFaultAndSaysHowFarItHadGot)
 {
     const auto inChild = [] {
-        setMilestone(4711);
+        g_milestone = 4711;
         signalHandler(SIGSEGV);
     };
     EXPECT_EXIT(inChild(), testing::ExitedWithCode(1), "250009 Segmentation fault detected after milestone 4711");

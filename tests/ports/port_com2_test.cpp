@@ -336,7 +336,7 @@ TEST_F(PortCom2, ThrowsWhenItsDeviceIsNoTerminal)
 {
     fs::remove(DEVICE);
     std::ofstream(DEVICE) << "a plain file";
-    setMilestone(0);
+    g_milestone = 0;
     EXPECT_EQ(problem(), "unable to get COM2 attributes");
     EXPECT_EQ(g_milestone.load(), 1002) << "an exception leaves the entry number";
 }
@@ -380,7 +380,7 @@ TEST_F(PortCom2, LeavesTheNumbersOfItsProgress)
     port->chkNewConn(&conn);
     EXPECT_EQ(g_milestone.load(), 1007);
     TPortConn* none = nullptr;
-    setMilestone(0);
+    g_milestone = 0;
     port->chkNewConn(&none);
     EXPECT_EQ(g_milestone.load(), 1007);
     port->closeConn(&conn);
@@ -390,7 +390,7 @@ TEST_F(PortCom2, LeavesTheNumbersOfItsProgress)
     port->openPort();
     EXPECT_EQ(g_milestone.load(), 1003);
     const int reopened = port->fd;
-    setMilestone(0);
+    g_milestone = 0;
     port.reset();
     EXPECT_EQ(g_milestone.load(), 1005);
     ::close(reopened); // opened behind the constructor's back: the port does not count it as open

@@ -370,7 +370,7 @@ TEST_F(PortTelnet, ClosesAClientWhoseDescriptorNoSetHolds)
 
 TEST_F(PortTelnet, ThrowsWhenItsTcpPortIsInUse)
 {
-    setMilestone(0);
+    g_milestone = 0;
     EXPECT_EQ(problem(), "failed binding to telnet socket");
     EXPECT_EQ(g_milestone.load(), 1012) << "an exception leaves the entry number";
 }

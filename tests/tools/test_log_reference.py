@@ -1,4 +1,4 @@
-"""docs/log.md has every line that the sources can log, with its text, and nothing else."""
+"""docs/log.md has every line that the sources can log, with its text, and every milestone; and nothing else."""
 
 import os
 import re
@@ -66,3 +66,32 @@ def test_every_line_of_the_reference_stands_once_and_is_explained():
     assert len(texts) == len(set(texts)), sorted(text for text in texts if texts.count(text) > 1)
     bare = [text for _, text, cells in rows if len(cells) != 2 or not all(cells)]
     assert not bare, bare
+
+
+def milestones(path: str, row: str) -> dict[str, tuple[int, str]]:
+    """Number and meaning by name."""
+    with open(f"{PROJECT}/{path}", encoding="utf-8") as file:
+        found = list(re.finditer(row, file.read(), re.MULTILINE))
+    assert len(found) > 70, f"only {len(found)} milestones were read from {path}"
+    names = {match["name"]: (int(match["number"]), match["meaning"]) for match in found}
+    assert len(names) == len(found) == len({number for number, _ in names.values()}), f"a name or a number stands twice in {path}"
+    return names
+
+
+def test_the_milestones_of_the_reference_are_those_of_the_sources():
+    listed_there = milestones("docs/log.md", r"^\| (?P<number>\d+) \| (?P<meaning>[^|]+) \| `(?P<name>\w+)` \|$")
+    header = "common/milestone.h"
+    passed = milestones(header, r"^ +(?P<name>\w+) = (?P<number>\d+), +///< (?P<meaning>.+)$")
+    differ = {name: (passed.get(name), listed_there.get(name)) for name in passed.keys() | listed_there.keys()
+              if passed.get(name) != listed_there.get(name)}
+    assert not differ, f"{header}, docs/log.md: {differ}"
+
+
+def test_every_enumerator_is_explained_and_passed_somewhere():
+    with open(f"{PROJECT}/common/milestone.h", encoding="utf-8") as file:
+        body = re.search(r"enum class Milestone[^{]*\{(.*?)\};", file.read(), re.DOTALL)[1]
+    explained = milestones("common/milestone.h", r"^ +(?P<name>\w+) = (?P<number>\d+), +///< (?P<meaning>.+)$")
+    enumerators = re.findall(r"^\s*(\w+)", re.sub(r"//.*", "", body), re.MULTILINE)
+    assert sorted(enumerators) == sorted(explained), set(enumerators) ^ set(explained)
+    passed = {name for source in Reader(FOLDERS).sources for name in re.findall(r"\bMilestone::(\w+)", source.code)}
+    assert passed == set(enumerators), passed ^ set(enumerators)
