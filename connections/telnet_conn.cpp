@@ -195,6 +195,7 @@ int TTelnetConn::sendText(const char* text, std::size_t length)
 {
     if (::send(fd, text, length, MSG_DONTWAIT) < 0) return 1;
     keepAlive();
+    // Without MSG_NOSIGNAL, unlike every other send here (deliberate): the daemon's handler takes the SIGPIPE.
     return 0;
 }
 

@@ -78,6 +78,7 @@ int TXCPCon::write(TOrbAttachmentMsg* msg)
     msg->text[textBytes - 1] = '\0';
     msg->len = static_cast<std::int32_t>(textBytes);
     msg->tag &= 0xFFFFU;
+    // Without MSG_NOSIGNAL (deliberate): the daemon's handler takes the SIGPIPE.
     if (::send(fd, msg, MSG_HEADER_BYTES + textBytes, MSG_DONTWAIT) >= 0) return 0;
     logMessage(connection_log::xcpWriteFailed);
     return 1;

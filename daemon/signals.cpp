@@ -28,7 +28,7 @@ void signalHandler(int signo)
         break;
     case SIGSEGV:
         logMessage(daemon_log::signalSegv, g_milestone.load(std::memory_order_relaxed));
-        std::exit(1);
+        std::exit(1); // runs exit handlers, although they are not made for a signal handler (deliberate)
     case SIGCHLD:
         logMessage(daemon_log::signalChild);
         break;

@@ -30,7 +30,8 @@ public:
 
     /// Opens the endpoint.
     /// @return 0 open; 1 the descriptor could not be created, the port stays closed and safe to destroy
-    /// @throws std::runtime_error  the endpoint could not be set up
+    /// @throws std::runtime_error  the endpoint could not be set up; its descriptor stays open (deliberate), until the process
+    ///                             ends, as it then does
     virtual int openPort() = 0;
 
     /// Closes the endpoint, once; its connections stay, and are forgotten in `activeConns`.

@@ -1,7 +1,13 @@
 #include "connections/port_conn.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include "connections/socket_ipc_conn.h"
+#include "connections/telnet_conn.h"
+#include "connections/xcp_con.h"
+#include "tests/support/stream_pair.h"
 #include "tests/support/virtual_slot.h"
 
 namespace {
@@ -17,6 +23,39 @@ public:
     int isSerialLine() override { return 0; }
     std::uint32_t getPortId() override { return portId; }
 };
+
+/// While it lives, descriptor 0 is another one.
+class DescriptorZero {
+public:
+    explicit DescriptorZero(int by) : before_(::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 3))
+    {
+        EXPECT_EQ(::dup2(by, STDIN_FILENO), STDIN_FILENO);
+    }
+    DescriptorZero(const DescriptorZero&) = delete;
+    DescriptorZero& operator=(const DescriptorZero&) = delete;
+    ~DescriptorZero()
+    {
+        if (before_ >= 0) ::dup2(before_, STDIN_FILENO);
+        ::close(before_ >= 0 ? before_ : STDIN_FILENO);
+    }
+
+private:
+    int before_;
+};
+
+/// A connection whose descriptor is 0 comes to its end.
+template <class Conn> void expectDescriptorZeroStaysOpen(const char* kind)
+{
+    const StreamPair pair;
+    const DescriptorZero zero(pair.server());
+    {
+        Conn conn(0, 0);
+        conn.fd = STDIN_FILENO;
+    }
+    EXPECT_NE(::fcntl(STDIN_FILENO, F_GETFD), -1) << kind;
+    EXPECT_EQ(::send(STDIN_FILENO, "x", 1, MSG_NOSIGNAL), 1) << kind << ": it was not shut down either";
+    EXPECT_EQ(pair.received(), "x") << kind;
+}
 
 } // namespace
 
@@ -69,4 +108,11 @@ TEST(PortConn, KeepsItsOperationsInOrder)
     EXPECT_EQ(virtualSlot(&TPortConn::reservedHook), 8U);
     EXPECT_EQ(virtualSlot(&TPortConn::muteExpired), 9U);
     EXPECT_EQ(virtualSlot(&TPortConn::getPortId), 10U);
+}
+
+TEST(PortConn, NeverClosesDescriptorZeroAtItsEnd)
+{
+    expectDescriptorZeroStaysOpen<TTelnetConn>("telnet");
+    expectDescriptorZeroStaysOpen<TSocketIPCConn>("IPC");
+    expectDescriptorZeroStaysOpen<TXCPCon>("XCP");
 }

@@ -1,11 +1,11 @@
 #include "connections/socket_ipc_conn.h"
 
-#include <csignal>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <string>
 #include <vector>
 
+#include "tests/support/broken_pipes.h"
 #include "tests/support/conn_texts.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/readable.h"
@@ -285,16 +285,13 @@ TEST_F(SocketIpcConn, StopsATextWithoutNulAtTheRecordsEnd)
 
 TEST_F(SocketIpcConn, FailsToWriteToAPeerThatClosedWithoutASignalOrALogLine)
 {
-    static volatile std::sig_atomic_t brokenPipes;
-    brokenPipes = 0;
-    const auto before = ::signal(SIGPIPE, [](int) { brokenPipes = brokenPipes + 1; });
+    const BrokenPipes brokenPipes;
     pair.closeClient();
     TOrbAttachmentMsg record = recordWith("OK\r\n\r\n");
     const LogCapture log;
     EXPECT_EQ(conn.write(&record), 1);
     EXPECT_THAT(log.lines(), ElementsAre());
-    EXPECT_EQ(brokenPipes, 0);
-    ::signal(SIGPIPE, before);
+    EXPECT_EQ(brokenPipes.count(), 0);
 }
 
 TEST_F(SocketIpcConn, FailsToWriteToAPeerThatDoesNotReadAndDoesNotWaitForIt)

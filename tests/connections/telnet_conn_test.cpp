@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/broken_pipes.h"
 #include "tests/support/conn_texts.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/looks.h"
@@ -749,6 +750,23 @@ TEST_F(TelnetConn, LogsEveryWriteToAClientThatHasReset)
     EXPECT_EQ(conn.writeText("\r\n"), 1);
     EXPECT_EQ(log.lines().size(), 2U) << "writeText() does not log";
     EXPECT_NE(conn.hasTimedOut(), 0);
+}
+
+TEST_F(TelnetConn, RaisesABrokenPipeWithAnAnswerAndNoneWithAnEchoOrAnOption)
+{
+    blockWayToClient();
+    const BrokenPipes brokenPipes;
+    conn.serverEcho = 1;
+    EXPECT_THAT(sendAndRead("ENC\r\n"), ElementsAre("ENC"));
+    conn.lineMode = 1;
+    conn.setEcho(0);
+    EXPECT_EQ(brokenPipes.count(), 0);
+    TOrbAttachmentMsg record = recordWith("OK\r\n\r\n");
+    const LogCapture log;
+    EXPECT_EQ(conn.write(&record), 1);
+    EXPECT_EQ(brokenPipes.count(), 1);
+    EXPECT_EQ(conn.writeText("\r\n"), 1);
+    EXPECT_EQ(brokenPipes.count(), 2);
 }
 
 TEST_F(TelnetConn, FailsToWriteToAClientThatDoesNotReadAndDoesNotWaitForIt)

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "framework/fixed_text.h"
+#include "tests/support/broken_pipes.h"
 #include "tests/support/conn_texts.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/readable.h"
@@ -464,6 +465,16 @@ TEST_F(XcpCon, LogsAWriteToAPeerThatClosed)
     const LogCapture log;
     EXPECT_EQ(conn.write(&record), 1);
     EXPECT_THAT(log.lines(), ElementsAre(writeFailed));
+}
+
+TEST_F(XcpCon, RaisesABrokenPipeWithAWriteToAPeerThatClosed)
+{
+    const BrokenPipes brokenPipes;
+    pair.closeClient();
+    TOrbAttachmentMsg record = recordWith("OK\r\n", 5);
+    const LogCapture log;
+    EXPECT_EQ(conn.write(&record), 1);
+    EXPECT_EQ(brokenPipes.count(), 1);
 }
 
 TEST_F(XcpCon, LogsAWriteToAPeerThatDoesNotReadAndDoesNotWaitForIt)

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <gmock/gmock.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -108,6 +109,15 @@ TEST(SignalHandler, EndsTheProgramAfterASegmentationFaultAndSaysHowFarItHadGot)
         signalHandler(SIGSEGV);
     };
     EXPECT_EXIT(inChild(), testing::ExitedWithCode(1), "250009 Segmentation fault detected after milestone 4711");
+}
+
+TEST(SignalHandler, RunsTheExitHandlersAfterASegmentationFault)
+{
+    const auto inChild = [] {
+        std::atexit([] { (void)::write(STDERR_FILENO, "exit handler\n", 13); });
+        signalHandler(SIGSEGV);
+    };
+    EXPECT_EXIT(inChild(), testing::ExitedWithCode(1), "Segmentation fault detected.*\nexit handler");
 }
 
 TEST(SignalHandler, IsInstalledByTheDaemon)

@@ -21,6 +21,7 @@
 #include "ports/xcp_port.h"
 #include "tests/support/descriptor_limit.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/open_descriptors.h"
 #include "tests/support/private_mounts.h"
 
 using testing::ElementsAre;
@@ -226,6 +227,15 @@ TEST_P(LocalSocketPort, ThrowsWhenItCannotBind)
     }
     EXPECT_EQ(thrown, kind().bindFailure);
     EXPECT_EQ(g_milestone.load(), 1024) << "an exception leaves the entry number";
+    fs::remove_all(path());
+}
+
+TEST_P(LocalSocketPort, LeavesItsDescriptorOpenWhenItThrows)
+{
+    fs::create_directories(fs::path(path()) / "not empty");
+    const auto before = openDescriptors();
+    EXPECT_THROW(kind().make(), std::runtime_error);
+    EXPECT_EQ(openDescriptors(), before + 1);
     fs::remove_all(path());
 }
 

@@ -14,6 +14,7 @@
 #include "common/process_copy.h"
 #include "connections/com2_conn.h"
 #include "tests/support/log_capture.h"
+#include "tests/support/open_descriptors.h"
 #include "tests/support/private_mounts.h"
 #include "tests/support/pty_line.h"
 #include "tests/support/readable.h"
@@ -339,6 +340,15 @@ TEST_F(PortCom2, ThrowsWhenItsDeviceIsNoTerminal)
     g_milestone = 0;
     EXPECT_EQ(problem(), "unable to get COM2 attributes");
     EXPECT_EQ(g_milestone.load(), 1002) << "an exception leaves the entry number";
+}
+
+TEST_F(PortCom2, LeavesItsDescriptorOpenWhenItThrows)
+{
+    fs::remove(DEVICE);
+    std::ofstream(DEVICE) << "a plain file";
+    const auto before = openDescriptors();
+    EXPECT_NE(problem(), "none");
+    EXPECT_EQ(openDescriptors(), before + 1);
 }
 
 TEST_F(PortCom2, ClosesOnce)

@@ -15,6 +15,7 @@
 #include "tests/support/descriptor_limit.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/looks.h"
+#include "tests/support/open_descriptors.h"
 #include "tests/support/private_network.h"
 #include "tests/support/readable.h"
 #include "tests/support/tcp_pair.h"
@@ -373,6 +374,13 @@ TEST_F(PortTelnet, ThrowsWhenItsTcpPortIsInUse)
     g_milestone = 0;
     EXPECT_EQ(problem(), "failed binding to telnet socket");
     EXPECT_EQ(g_milestone.load(), 1012) << "an exception leaves the entry number";
+}
+
+TEST_F(PortTelnet, LeavesItsDescriptorOpenWhenItThrows)
+{
+    const auto before = openDescriptors();
+    EXPECT_NE(problem(), "none");
+    EXPECT_EQ(openDescriptors(), before + 1);
 }
 
 TEST_F(PortTelnet, BindsAgainWhileOldSessionsLinger)

@@ -34,6 +34,7 @@ public:
     }
 
     int client() const { return client_; }
+    int server() const { return server_; }
 
     /// @return false when not all of it could be sent
     bool send(std::string_view bytes) const
