@@ -5,7 +5,7 @@
 
 namespace {
 
-/// Remembers the first two characters appended: more of a pattern is never looked at.
+/// Collects characters to compare them with a pattern of two: keeps the first two, the others do not matter.
 class PatternHead {
 public:
     void append(char c)

@@ -15,8 +15,8 @@ TFullQueues::Queue* TFullQueues::find(long address)
     return const_cast<Queue*>(std::as_const(*this).find(address));
 }
 
-/// A queue that was not known to be full. When there are too many, one that nobody waits for is forgotten: it costs its next
-/// sender another wait.
+/// Adds a queue that has just been found full. When there are too many, one that nobody waits for is forgotten: should it be
+/// stuck, the next sender has to wait until that shows once more.
 TFullQueues::Queue& TFullQueues::remember(long address)
 {
     if (queues_.size() >= MAX_QUEUES) {
@@ -33,7 +33,8 @@ bool TFullQueues::isFirst(const Queue& queue, const TQueueWaiter& who)
     return queue.waiters.empty() || queue.waiters.front() == &who;
 }
 
-/// Room that proves not to be there twice running tells nothing: the own send buffer may be used up, or others are faster.
+/// @return false when there is no descriptor that tells of room; or when it has told so twice in a row and the next send found
+///         none: this process's send buffer may be used up, or other senders are faster. Then it is tried by the clock
 bool TFullQueues::isTrusted(const Queue& queue)
 {
     return TWaitSet::fits(queue.room.fd()) && queue.falseReports < 2;
@@ -55,7 +56,8 @@ long TFullQueues::refused(Queue& queue, TQueueWaiter& who)
     queue.isStuck = now >= queue.stuckFrom;
     if (queue.isStuck) return givenUp(who);
     if (who.address != 0) ++queue.falseReports;
-    // What reports in vain may be the queue of an owner that is gone. Without a descriptor time serves.
+    // A descriptor that reports room where there is none may belong to the queue of an owner that is gone: the address is looked
+    // up anew. Where that fails, it is tried by the clock.
     if (queue.room.fd() < 0 || queue.falseReports > 0) (void)queue.room.watch(queue.address);
     queue.tryAt = isTrusted(queue) ? NEVER : now + RETRY_TIME;
     return join(queue, who);
@@ -98,7 +100,7 @@ void TFullQueues::addTo(TWaitSet& waits) const
 {
     for (const Queue& queue : queues_) {
         if (queue.waiters.empty()) continue;
-        waits.addDue(std::min(queue.stuckFrom, queue.tryAt)); // of a stuck one it has come
+        waits.addDue(std::min(queue.stuckFrom, queue.tryAt)); // past for a stuck one, which is tried at once
         if (isTrusted(queue)) waits.addOutput(queue.room.fd());
     }
 }

@@ -116,7 +116,7 @@ private:
         const std::uint32_t portType = conn_ != nullptr ? conn_->portId : std::uint32_t{PORT_DELAYED};
         int result = 0;
         if (progress_.wait == Wait::room) {
-            context_.outMsg.tag |= cmd_.tag; // a process has matched
+            context_.outMsg.tag |= cmd_.tag; // as forwardCmd() does when a process matches; one did
             result = goOnForwarding(context_, progress_);
         } else {
             result = forwardCmd(context_, progress_, address, portType, cmd_.tag);

@@ -8,7 +8,7 @@
 
 namespace {
 
-const char forgotten = 0; ///< stands in for an asker that is gone
+const char forgotten = 0; ///< its address is the asker in place of one that is gone
 
 } // namespace
 

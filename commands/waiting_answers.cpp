@@ -20,13 +20,15 @@ try {
     return false;
 }
 
+/// Tries to send an answer, when that may succeed.
+/// @return true when it has been sent, or cannot be delivered: either way it is done with
 bool TWaitingAnswers::isDone(Answer& answer, const TWaitSet& waits)
 {
     if (!fullQueues_.mayTry(answer.waiter, waits)) return false;
     TOrbAttachmentMsg msg;
     std::memcpy(&msg, answer.record.data(), answer.record.size());
     return fullQueues_.send(answer.waiter, answer.address, msg, static_cast<long>(answer.record.size())) !=
-           SEND_QUEUE_FULL; // what cannot be delivered is done, too
+           SEND_QUEUE_FULL;
 }
 
 void TWaitingAnswers::goOn(const TWaitSet& waits)

@@ -9,7 +9,7 @@
 /// Threads: no lock of its own; under the daemon's registry lock.
 class TWaitingAnswers {
 public:
-    /// Chosen: what comes on top is lost, as an answer to a stuck queue is.
+    /// Chosen, not measured. One more answer is lost, as an answer to a stuck queue is.
     static constexpr std::size_t MAX_ANSWERS = 64;
 
     explicit TWaitingAnswers(TFullQueues& fullQueues) : fullQueues_(fullQueues) {}

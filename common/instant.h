@@ -5,7 +5,7 @@
 /// A moment on the monotonic clock, unmoved by changes of the date: when something is due.
 using Instant = std::chrono::steady_clock::time_point;
 
-/// Due at once, and due at no time.
+/// Before every moment, so that it is always due; and behind every moment, so that it never is.
 inline constexpr Instant AT_ONCE = Instant::min();
 inline constexpr Instant NEVER = Instant::max();
 

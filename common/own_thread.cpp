@@ -6,7 +6,8 @@
 
 namespace {
 
-/// Blocks signals for this thread, and for those that it makes, while it lives; not those by which the kernel reports a fault.
+/// While an object lives, the calling thread takes no signals, and neither do threads that it makes, ever; except those by which
+/// the kernel reports a fault.
 class SignalsBlocked {
 public:
     SignalsBlocked()

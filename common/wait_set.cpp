@@ -4,7 +4,8 @@
 
 namespace {
 
-/// Rounded up: who wakes up early would find nothing due, and wait again.
+/// How long to wait for `due`: at least 0, at most `most`. Rounded up, because whoever wakes up early finds nothing due, and waits
+/// again.
 timeval timeUntil(Instant due, Instant now, std::chrono::microseconds most)
 {
     using std::chrono::microseconds;

@@ -19,7 +19,7 @@ public:
     /// Wakes up no later than then.
     void addDue(Instant due);
 
-    /// Counts a descriptor that could be waited for, whether or not it is now.
+    /// Does not wait for a descriptor, but has hasDescriptors() say that there is one.
     void count(int fd);
 
     /// @return false: no descriptor was added or counted
@@ -28,7 +28,8 @@ public:
     /// Waits until a descriptor is ready, something is due, a signal arrives, or `most` has passed.
     void wait(std::chrono::milliseconds most);
 
-    /// After wait(); both are true when the wait has failed: whoever asks then looks for himself.
+    /// For after wait(). Both are true for every descriptor when the wait itself has failed: whoever asks then tries to read or
+    /// to write, and learns more.
     bool hasInput(int fd) const { return isIn(fd, input_); }
     bool hasRoom(int fd) const { return isIn(fd, output_); }
 

@@ -26,12 +26,13 @@ void TWakeUp::wake() const
 {
     const int savedErrno = errno;
     const std::uint64_t one = 1;
-    (void)::write(fd_, &one, sizeof one); // a count that is full wakes as well
+    // Fails only when the counter is full, and then the descriptor is readable already.
+    (void)::write(fd_, &one, sizeof one);
     errno = savedErrno;
 }
 
 void TWakeUp::clear() const
 {
     std::uint64_t count = 0;
-    (void)::read(fd_, &count, sizeof count); // nothing there is as good
+    (void)::read(fd_, &count, sizeof count); // fails only when nobody has woken it, and then there is nothing to clear
 }

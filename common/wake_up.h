@@ -2,8 +2,9 @@
 
 #include <atomic>
 
-/// Ends the service loop's wait from elsewhere, by a descriptor that becomes readable (eventfd(2)). There is one, it is never
-/// closed, and whoever is late to wake it disturbs nobody: threads of their own and the signal handler may outlive a daemon.
+/// Ends the service loop's wait from elsewhere, by a descriptor that becomes readable (eventfd(2)). There is one object, and its
+/// descriptor is never closed: the signal handler and the threads that nobody waits for (startOwnThread()) may wake it when the
+/// daemon is gone already, and its number must not be somebody else's then.
 class TWakeUp {
 public:
     constexpr TWakeUp() = default;

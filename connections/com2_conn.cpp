@@ -9,7 +9,8 @@
 
 namespace {
 
-// A line that has hung up is readable at any time and gives nothing. A single Ctrl-D looks the same once.
+// A line that has hung up is readable all the time, and every read gives 0 bytes. A Ctrl-D that is typed gives one such read: only
+// several in a row mean that the line would wake the service loop without end.
 constexpr int EMPTY_READS_BEFORE_REST = 3;
 
 } // namespace
@@ -32,7 +33,7 @@ int TCom2Conn::readCmd()
     return 0;
 }
 
-/// @return true while the line is muted, and once when that is over: what came since the last look came before its end
+/// @return true while the line is muted, and at the first look after that: what is there then has come while it was muted
 bool TCom2Conn::throwsAway()
 {
     const std::scoped_lock lock(muteLock);
@@ -65,7 +66,7 @@ void TCom2Conn::readAndDiscard()
     rxLen = received > 0 ? static_cast<std::int32_t>(received) : 0;
     rxBuf[static_cast<std::size_t>(rxLen)] = '\0';
     (void)setCanonical(1);
-    (void)::tcflush(fd, TCIFLUSH); // what more there is; what came during the switching would be taken for a line
+    (void)::tcflush(fd, TCIFLUSH); // the rest; and what has come during the switching would be taken for a line
 }
 
 int TCom2Conn::write(TOrbAttachmentMsg* msg)
@@ -77,7 +78,8 @@ int TCom2Conn::startMute()
 {
     const std::scoped_lock lock(muteLock);
     muteTimer.setTimeOut(MUTE_TIME);
-    muteEnd_ = instantNow() + std::chrono::seconds(MUTE_TIME.tv_sec); // behind the timer's end: it has timed out then
+    // Taken after the timer was set, so that the timer is over when this moment comes.
+    muteEnd_ = instantNow() + std::chrono::seconds(MUTE_TIME.tv_sec);
     due = muteEnd_;
     return 0;
 }

@@ -22,7 +22,7 @@ int cutLines(std::span<char> received, bool nulIsSpace, std::span<TCmdEntry> lin
 int cutFrameLines(std::span<char> payload, std::uint32_t tag, std::span<TCmdEntry> lines)
 {
     std::size_t count = 0;
-    for (std::size_t i = 0; i < payload.size(); ++i) { // ++i: one past the line end, which stays (deliberate)
+    for (std::size_t i = 0; i < payload.size(); ++i) { // ++i steps over the line end, which stays (deliberate)
         for (; i < payload.size() && isWhiteSpace(payload[i]); ++i)
             payload[i] = '\0';
         if (i >= payload.size()) break;

@@ -82,7 +82,8 @@ void TLineOutput::goOn(Instant now)
     const std::size_t before = keptBytes_;
     while (!texts_.empty() && sendFirst(now)) {
     }
-    // A tab goes as a whole, and may find less room than was reported: select(2) would come back at once, again and again.
+    // The line discipline sends a tab as several blanks, all or none, and may have too little room for that although it reports
+    // some: select(2) would return at once, again and again.
     if (!texts_.empty() && keptBytes_ == before) pauseEnd_ = now + RETRY_TIME;
     for (auto text = firstReported(); text != texts_.end() && failure(*text) <= now; text = firstReported())
         end(text, false);

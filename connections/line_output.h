@@ -20,7 +20,7 @@ public:
     static constexpr std::size_t CAPACITY = 65536;
     /// A reported text has failed when the line has taken nothing for so long.
     static constexpr std::chrono::seconds PATIENCE{2};
-    /// Until it is tried again on a line that took nothing although it had reported room.
+    /// The pause before another attempt on a line that has reported room and then taken nothing.
     static constexpr std::chrono::milliseconds RETRY_TIME{50};
 
     /// What has become of a text.

@@ -56,7 +56,7 @@ private:
     /// @return true when the exchange of options that setEcho() has begun is over
     bool settled()
     {
-        (void)conn_.readCmd(); // what else it has to tell, it tells again
+        (void)conn_.readCmd(); // if it finds the client gone, the next one does so too
         return !conn_.settling;
     }
 

@@ -29,8 +29,8 @@ class TLineOutput;
 /// muteExpired().
 class TPortConn {
 public:
-    static constexpr std::int32_t RX_BYTES =
-        1024; ///< chosen with the first device; also the most command lines a read has
+    /// Most bytes that one read takes, and therefore most command lines that it can yield. Chosen with the first device.
+    static constexpr std::int32_t RX_BYTES = 1024;
     static constexpr timeval LOGIN_TIME{60, 0};
     static constexpr timeval IDLE_TIME{420, 0};
     static constexpr std::chrono::seconds REST_TIME{1};
@@ -67,7 +67,7 @@ public:
     /// @return 0
     virtual int startMute() { return 0; }
 
-    /// Nothing calls it; it keeps its place among the operations.
+    /// Unused: nothing calls it, but the operations behind it keep their places in the table of virtual functions.
     /// @return 0
     virtual int reservedHook() { return 0; }
 
@@ -101,7 +101,7 @@ public:
     std::int32_t loginState = LOGIN_NEW;
     std::int32_t rxBufSize = RX_BYTES;
 
-    // What the service loop waits for on behalf of the connection. Readers set both anew at every look.
+    // What the service loop waits for on behalf of the connection. Every readCmd() sets both anew.
     bool wantsInput = true; ///< false: the descriptor would wake the loop without a reason
     Instant due = AT_ONCE;  ///< when it is looked at although nothing has arrived: a new one at once
 
@@ -116,7 +116,7 @@ protected:
     /// Arms idleTimer afresh.
     void keepAlive();
 
-    /// Keeps the descriptor out of the loop's waits for a second.
+    /// Has the service loop leave the descriptor alone for a second, because it is readable although there is nothing to do.
     void rest();
 
     /// Closes `fd`, if it is greater than 0, so that the peer sees it at once.

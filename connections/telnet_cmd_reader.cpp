@@ -15,8 +15,8 @@ TTelnetCmdReader::Result TTelnetCmdReader::readTelnetCmd(std::span<const telnet:
     if (front == Front::data) return {Read::data, 0};
     const bool isCommand = front == Front::command && now < bound_;
     const Front reached = isCommand ? Front::nothing : front;
-    if (isCommand || reached != reached_)
-        step_ = now + STEP_TIME; // what has come in time counts, however late it is looked at
+    // Also when the time was over already: what is there has come in time, and was only looked at late.
+    if (isCommand || reached != reached_) step_ = now + STEP_TIME;
     reached_ = reached;
     if (isCommand) return {Read::command, length};
     return {now < due() ? Read::incomplete : Read::timeOut, 0};

@@ -21,7 +21,7 @@ TTelnetConn::~TTelnetConn()
     closeSocket();
 }
 
-/// Asks the socket, which knows its low water mark.
+/// Asks select(2), because recv(2) would not mind the low water mark (setLowWaterMark()).
 TTelnetConn::Ready TTelnetConn::ready()
 {
     if (fd < 0 || fd >= FD_SETSIZE) return {false, false};
@@ -53,13 +53,14 @@ void TTelnetConn::setLowWaterMark(int bytes)
     if (::setsockopt(fd, SOL_SOCKET, SO_RCVLOWAT, &bytes, sizeof bytes) == 0) lowWaterMark_ = bytes;
 }
 
-/// Input that is not used yet stays in the socket, which is therefore readable at any time. Lets it become so when more arrives.
-/// @return false: it cannot tell, or it is readable although no more has arrived: only time brings a change
+/// Input that cannot be used yet stays in the socket, which is therefore readable, and would wake the service loop again and
+/// again. Has the socket count as readable only when more has arrived than is waiting now.
+/// @return false: that cannot be had, so that somebody has to look after a time
 bool TTelnetConn::waitForMore(std::size_t waiting)
 {
     const int mark = static_cast<int>(waiting) + 1;
-    if (mark == lowWaterMark_ || waiting >= RX_BYTES)
-        return false; // its end is behind the input, or it has filled the buffer
+    // It has been woken at this mark and found no more: the input ends behind what waits. Or no more fits into the buffer.
+    if (mark == lowWaterMark_ || waiting >= RX_BYTES) return false;
     setLowWaterMark(mark);
     return mark == lowWaterMark_;
 }
@@ -127,8 +128,8 @@ void TTelnetConn::echo(std::span<const char> received)
     const auto done = static_cast<std::size_t>(echoPos);
     if (serverEcho == 0 || done >= received.size()) return;
     const std::span<const char> fresh = received.subspan(done);
-    (void)::send(fd, fresh.data(), fresh.size(),
-                 MSG_DONTWAIT | MSG_NOSIGNAL); // a client that does not read goes without
+    // A client that does not read goes without its echo.
+    (void)::send(fd, fresh.data(), fresh.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
     echoPos = static_cast<std::int32_t>(received.size());
 }
 
@@ -183,7 +184,8 @@ int TTelnetConn::keepHalfLine(std::size_t waiting)
     return 0;
 }
 
-/// The error that tells of a reset comes behind what waits, or has been taken by a write.
+/// Asks for the state of the connection, because recv(2) may not tell: it gives what waits first, and then an error only if no
+/// write has had it before.
 bool TTelnetConn::isReset() const
 {
     tcp_info info{};
@@ -193,9 +195,9 @@ bool TTelnetConn::isReset() const
 
 int TTelnetConn::sendText(const char* text, std::size_t length)
 {
+    // Without MSG_NOSIGNAL, unlike every other send here (deliberate): the daemon's handler takes the SIGPIPE.
     if (::send(fd, text, length, MSG_DONTWAIT) < 0) return 1;
     keepAlive();
-    // Without MSG_NOSIGNAL, unlike every other send here (deliberate): the daemon's handler takes the SIGPIPE.
     return 0;
 }
 

@@ -11,9 +11,8 @@
 /// clock.
 class TTelnetNegotiation {
 public:
-    static constexpr std::chrono::seconds TIME{5}; ///< for all of it; real clients are done within 0.1 s
-    static constexpr std::chrono::seconds LINEMODE_TIME{
-        5}; ///< for the part in which MODE and SLC are settled, once it begins
+    static constexpr std::chrono::seconds TIME{5};          ///< for all of it; real clients are done within 0.1 s
+    static constexpr std::chrono::seconds LINEMODE_TIME{5}; ///< for MODE and SLC, once they are asked for
 
     explicit TTelnetNegotiation(Instant now) : reader_(now, TIME) {}
 

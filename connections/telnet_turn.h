@@ -47,7 +47,7 @@ public:
     Verdict verdictWhen(std::size_t sent) const { return sent < needed_ ? Verdict::drop : verdict; }
 
 private:
-    /// No command is answered with more bytes than it has, but for the first and the one that asks for MODE and SLC.
+    /// A command is answered with no more bytes than it has itself; to one of them the offers are added, to one MODE and SLC.
     static constexpr std::size_t ANSWER_BYTES = INPUT_BYTES + offerOptions.size() + modeEdit.size() + slcForward.size();
 
     std::array<Byte, ANSWER_BYTES> answer_{};

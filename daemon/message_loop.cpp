@@ -18,14 +18,22 @@
 
 namespace {
 
-// By the results of registerProc() and unregisterProc(); the last one is for any other, and there is none.
+// By what registerProc() and unregisterProc() return. The last text is for any other result, of which there is none.
+// clang-format off
 constexpr std::array<std::string_view, 5> registerTexts{
-    "Process register operation successful", "Command register request with nothing enabled",
-    "Max # of registered processes reached", "Couldn't allocate memory for process register request",
-    "Process register operation failed"};
+    "Process register operation successful",
+    "Command register request with nothing enabled",
+    "Max # of registered processes reached",
+    "Couldn't allocate memory for process register request",
+    "Process register operation failed",
+};
 constexpr std::array<std::string_view, 4> unregisterTexts{
-    "Process unregister operation successful", "Registered process list is empty",
-    "Process not found in registered process list", "Process unregister operation failed"};
+    "Process unregister operation successful",
+    "Registered process list is empty",
+    "Process not found in registered process list",
+    "Process unregister operation failed",
+};
+// clang-format on
 
 } // namespace
 
@@ -36,10 +44,15 @@ struct TTess::KindRow {
 };
 
 const TTess::KindRow TTess::kindRows[] = {
-    {MSG_REPLY, &TTess::handleReply},           {MSG_REGISTER, &TTess::handleRegister},
-    {MSG_UNREGISTER, &TTess::handleUnregister}, {MSG_CLOSE_ALL, &TTess::handleCloseAll},
-    {MSG_COM2_WRITE, &TTess::handleCom2Write},  {MSG_CLOSE_TELNET, &TTess::handleCloseTelnet},
+    // clang-format off
+    {MSG_REPLY, &TTess::handleReply},
+    {MSG_REGISTER, &TTess::handleRegister},
+    {MSG_UNREGISTER, &TTess::handleUnregister},
+    {MSG_CLOSE_ALL, &TTess::handleCloseAll},
+    {MSG_COM2_WRITE, &TTess::handleCom2Write},
+    {MSG_CLOSE_TELNET, &TTess::handleCloseTelnet},
     {MSG_RESET, &TTess::handleReset},
+    // clang-format on
 };
 
 int TTess::run() noexcept
@@ -139,7 +152,8 @@ void TTess::replyRegistry(int result, std::span<const std::string_view> texts) n
 }
 
 /// Writes raw bytes out of the serial line, if it has a connection. Without one the answer keeps the length received and the
-/// kind of the answer before it (deliberate). What the line does not take at once is answered when that is over.
+/// kind of the answer before it (deliberate). When the line does not take all of them at once, the answer follows once it has
+/// taken the rest, or that has failed.
 bool TTess::handleCom2Write() noexcept
 {
     const std::size_t count = static_cast<std::size_t>(std::clamp<std::int32_t>(inMsg.len, 0, MSG_TEXT_BYTES));
@@ -150,7 +164,7 @@ bool TTess::handleCom2Write() noexcept
     for (std::size_t i = 0; TPortConn* conn = liveAt(conns, i); ++i) {
         if (conn->isSerialLine() == 0) continue;
         (void)conn->startMute(); // always 0
-        // Non-blocking: a line without carrier would hold up its opening, and a slow one its writer.
+        // Non-blocking: else the opening would wait for a line without carrier, and the writing for a slow one.
         const int line = ::open(TPortCom2::DEVICE, O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
         const TLineOutput::Sent sent =
             conn->output->writeReported(line, {inMsg.text, count}, {inMsg.sender, inMsg.tag});
@@ -159,7 +173,7 @@ bool TTess::handleCom2Write() noexcept
         inLen = MSG_HEADER_BYTES;
         answers = sent != TLineOutput::Sent::kept;
     }
-    g_wakeUp.wake(); // for the end of the mute, and what is kept
+    g_wakeUp.wake(); // it has to wait for the end of the mute now, and for room for what is kept
     return answers;
 }
 

@@ -8,11 +8,16 @@ Options parseOptions(int argc, char* argv[])
 {
     // The short options do not match the long ones (deliberate): -x takes an argument, -w does not exist.
     static constexpr const char* shortOptions = ":z:yx:v";
+    // clang-format off
     static constexpr std::array longOptions{
-        option{"debug", required_argument, nullptr, 'z'}, option{"nocom2", no_argument, nullptr, 'y'},
-        option{"notelnet", no_argument, nullptr, 'x'},    option{"noipcsocket", no_argument, nullptr, 'w'},
-        option{"noxcp", no_argument, nullptr, 'v'},       option{nullptr, 0, nullptr, 0},
+        option{"debug", required_argument, nullptr, 'z'},
+        option{"nocom2", no_argument, nullptr, 'y'},
+        option{"notelnet", no_argument, nullptr, 'x'},
+        option{"noipcsocket", no_argument, nullptr, 'w'},
+        option{"noxcp", no_argument, nullptr, 'v'},
+        option{nullptr, 0, nullptr, 0},
     };
+    // clang-format on
 
     Options options;
     std::string debug; // accepted, without effect

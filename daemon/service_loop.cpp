@@ -25,7 +25,7 @@ void* TTess::serviceThread(void* daemon)
     setMilestone(Milestone::serviceThreadBegun);
     auto* const tess = static_cast<TTess*>(daemon);
     tess->serviceLoop();
-    if (g_isCopy) { // it is all there is of this process
+    if (g_isCopy) { // this process has no other thread, and no main() to return to
         endDaemon();
         ::_exit(EXIT_SUCCESS);
     }
@@ -36,7 +36,7 @@ void* TTess::serviceThread(void* daemon)
 void TTess::serviceLoop() noexcept
 {
     setMilestone(Milestone::serviceLoopBegun);
-    TWaitSet waits; // as the last wait has left it
+    TWaitSet waits; // what the last wait has found; before the first one, nothing
     acceptConnections(waits);
     while (!isToEnd(instantNow())) {
         setMilestone(Milestone::servicePassBegun);
@@ -78,7 +78,8 @@ bool TTess::collectConns(TWaitSet& waits) noexcept
     return found;
 }
 
-/// Goes on with answers that have waited, and adds what waits for a queue now: after the delayed lines, which may have begun to.
+/// Goes on with answers that have waited, and adds the queues that somebody waits for. Comes after the delayed lines, which may
+/// have begun such a wait.
 void TTess::serviceQueues(const TWaitSet& waits, TWaitSet& next) noexcept
 {
     const std::scoped_lock lock(regLock);
@@ -193,7 +194,7 @@ int TTess::removeConn(std::size_t index) noexcept
     return result;
 }
 
-/// What a connection that is removed waits for goes on without it.
+/// Ends what a connection that is about to be removed waits for. A program that it has started runs on.
 void TTess::forgetConn(TPortConn& conn) noexcept
 {
     reInit.forget(&conn.progress);

@@ -101,7 +101,7 @@ private:
     std::int32_t inLen = 0;                 ///< bytes received; then bytes of replyMsg to send
     TOrbAttachmentMsg outMsg{};             ///< texts to connections and commands to processes; service thread only
     std::int32_t outLen = 0;                ///< bytes of outMsg to send to a process
-    std::vector<TRegisteredProc*> regProcs; ///< owned; outlive the daemon, as nothing deletes them at its end
+    std::vector<TRegisteredProc*> regProcs; ///< owned; not deleted when the daemon ends (deliberate)
     std::mutex regLock;                     ///< guards regProcs, fullQueues, waitingAnswers
     std::vector<TCmdPort*> ports;           ///< owned, in order of creation
     std::vector<TPortConn*> conns;          ///< owned, of all ports; disposed of by removeConn()

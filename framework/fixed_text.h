@@ -16,7 +16,7 @@
 inline std::size_t putText(std::span<char> to, std::string_view from)
 {
     const std::size_t n = std::min(from.size(), to.size() - 1);
-    (void)from.copy(to.data(), n); // n again; unlike memcpy() it takes a null pointer for no characters
+    (void)from.copy(to.data(), n); // always n; unlike memcpy() it may be given a null pointer and no characters
     to[n] = '\0';
     return n;
 }
@@ -44,12 +44,12 @@ public:
     /// Decimal, with a minus where there is one.
     template <std::integral Number> FixedText& operator<<(Number number) { return append(number, 10); }
 
-    FixedText& operator<<(bool) = delete; // as what?
+    FixedText& operator<<(bool) = delete; // it could be meant as a number or as a word
 
     /// Lower-case hexadecimal without leading zeros.
     template <std::unsigned_integral Number> FixedText& hex(Number number) { return append(number, 16); }
 
-    /// Ends with a NUL. Both are the object's own: what is put to it later shows, and they go with it.
+    /// Ends with a NUL. Both point into the object: they show what is appended later, and are invalid once it is gone.
     const char* c_str() const { return text_.data(); }
     std::string_view view() const { return {text_.data(), length_}; }
 

@@ -18,10 +18,10 @@ class TLogMgr {
 public:
     /// Sets how lines look, and looks at TESS_LOG; until then there is no tag, and lines go to standard error. Call once,
     /// before other threads run.
-    /// @param maxEntries  the framework's own, passed as given
-    /// @param level       the framework's own, passed as given
+    /// @param maxEntries  for a framework that has a use for it; the bundled one has none
+    /// @param level       as maxEntries
     /// @param tag         printed in front of the identifier as it stands, leading blanks included; must outlive the log
-    /// @param facility    the framework's own, passed as given
+    /// @param facility    as maxEntries
     void setLogParameters(int maxEntries, int level, const char* tag, int facility);
 
     /// Tells whoever started the process that it is up: READY=1 to the datagram socket that NOTIFY_SOCKET names

@@ -65,8 +65,8 @@ public:
 
     // What the service loop waits for on behalf of the port.
     bool wantsInput = true; ///< false: the descriptor would wake the loop without a reason
-    bool standing = false;  ///< there is a connection whenever there may be one: nobody knocks
-    Instant due = AT_ONCE;  ///< when it is asked for new connections although nobody knocks: at once when it is new
+    bool standing = false;  ///< the port makes a connection whenever there is none: no client asks for it
+    Instant due = AT_ONCE;  ///< when it is asked for new connections whether or not a client waits: a new port at once
     std::vector<TPortConn*> arriving; ///< clients that have been accepted and are not ready to be handed out; owned
 
 protected:

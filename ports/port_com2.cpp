@@ -26,7 +26,8 @@ termios lineSettings()
     tio.c_oflag = OPOST;
     tio.c_cflag = CS8 | CREAD | CLOCAL;
     tio.c_lflag = ICANON;
-    (void)::cfsetispeed(&tio, B38400); // which put it where it belongs; it is a speed that every line knows
+    // Every line knows this speed, so that neither fails.
+    (void)::cfsetispeed(&tio, B38400);
     (void)::cfsetospeed(&tio, B38400);
     tio.c_cc[VINTR] = ctrl('C');
     tio.c_cc[VQUIT] = ctrl('\\');
@@ -64,7 +65,8 @@ TPortCom2::~TPortCom2()
 int TPortCom2::openPort()
 {
     setMilestone(Milestone::com2OpenBegun);
-    fd = ::open(DEVICE, O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK); // nothing waits for the line, the opening neither
+    // Non-blocking, because not even the opening may wait for the line.
+    fd = ::open(DEVICE, O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0) return 1;
     if (::tcgetattr(fd, &savedTio) != 0) throw std::runtime_error("unable to get COM2 attributes");
     portTio = lineSettings();

@@ -39,7 +39,7 @@ constinit std::atomic<bool> lineIsCut{false};
 static_assert(std::atomic<const char*>::is_always_lock_free && std::atomic<Destination>::is_always_lock_free);
 static_assert(std::atomic<unsigned>::is_always_lock_free && std::atomic<bool>::is_always_lock_free);
 
-/// What its parent has lost a forked child does not tell once more.
+/// The lines that the parent has lost are told of by the parent, not by the child too.
 void startInForkedChild()
 {
     lostLines.store(0);
@@ -64,7 +64,8 @@ TLogLine::Time timeNow()
     return TLogLine::Time(seconds + std::chrono::milliseconds(now.tv_nsec / 1'000'000));
 }
 
-/// A line that is cut is lost; what went out of it gets its end in front of the next one.
+/// A line of which standard error has taken only the beginning counts as lost; the line end that it lacks is written in front of
+/// the next line.
 /// @return false: standard error did not take the line, or not the whole of it
 bool logToStandardError(TLogLine::Time time, TTraceMsg id, const char* text)
 {

@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 
-/// The record follows behind the node, as many bytes of it as it has.
+/// The record's bytes, only as many as were received, follow the node in memory.
 struct alignas(std::max_align_t) TMsgBacklog::Node {
     Node* next;
     std::size_t length;

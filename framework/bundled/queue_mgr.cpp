@@ -10,7 +10,7 @@ constinit TQueueMgr g_qMgr;
 
 namespace {
 
-/// A forked child has one thread only, but every lock as some thread of its parent held it.
+/// A forked child has one thread only, but finds every lock as it was in its parent: held, if any thread there held it.
 void startInForkedChild()
 {
     ownQueue.startInForkedChild();

@@ -8,8 +8,8 @@
 #include <poll.h>
 #include <sys/socket.h>
 
-/// Sleeps until the destination may have room again or the own queue has something to take.
-/// A report of room that proves wrong twice running is answered with pauses.
+/// Sleeps until the destination may have room again or the own queue has something to take. When room was reported twice in a row
+/// and there was none, it sleeps for a short time instead, and then trusts the reports again.
 class TQueueSender::RoomWait {
 public:
     explicit RoomWait(long address) : address_(address) { (void)room_.watch(address_); }

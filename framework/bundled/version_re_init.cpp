@@ -11,7 +11,7 @@ namespace {
 
 constexpr const char* DEFAULT_PROGRAM = "/usr/lib/tess/version-reinit";
 
-/// Whatever this process has made of its signals, the program starts with none blocked and all at their defaults.
+/// Has the program start with no signal blocked and every signal at its default, whatever this process has set up for itself.
 class TPlainSignals {
 public:
     TPlainSignals()

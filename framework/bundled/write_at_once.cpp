@@ -23,7 +23,7 @@ public:
         sigset_t held{};
         ::sigemptyset(&held);
         ::sigaddset(&held, SIGPIPE);
-        ::sigaddset(&held, SIGTTOU); // held, it lets the write through
+        ::sigaddset(&held, SIGTTOU); // while it is blocked, the terminal takes the write
         ::pthread_sigmask(SIG_BLOCK, &held, &before_);
         hadOne_ = isPending();
     }
@@ -56,8 +56,8 @@ private:
     bool hadOne_ = false;
 };
 
-/// The kernel is asked not to wait, which it can be for pipes since Linux 6.4.
-/// @return false: it knows no such thing here
+/// Asks the kernel for a write that does not wait. For pipes it has one since Linux 6.4.
+/// @return false: it has none for this descriptor, and nothing was written
 bool writeWithoutWaiting(int fd, std::string_view bytes, ssize_t& written)
 {
     const iovec from{const_cast<char*>(bytes.data()), bytes.size()}; // it is only read
@@ -79,7 +79,8 @@ int openedAgain(int fd)
     return own;
 }
 
-/// For want of anything better: somebody else may take the room between the two calls, and then the second one waits.
+/// Looks for room, then writes. The last resort, because it may wait after all: when somebody else has taken the room between the
+/// two calls.
 ssize_t writeIfRoom(int fd, std::string_view bytes)
 {
     pollfd room{fd, POLLOUT, 0};
