@@ -1,4 +1,4 @@
-#include "commands/delay_queue.h"
+#include "commands/delay_command.h"
 
 #include <algorithm>
 #include <boost/format.hpp>
