@@ -6,7 +6,8 @@
 #include <string_view>
 #include <vector>
 
-#include "commands/delay_command.h"
+#include "commands/delay_queue.h"
+#include "commands/delayed_line.h"
 #include "commands/full_queues.h"
 #include "commands/registered_proc.h"
 #include "framework/orb_attachment_msg.h"

@@ -64,7 +64,7 @@ TEST_F(Copy, GoesOnBehindADelayedReset)
 {
     bench.registerProcess(2001, 15, "ENC");
     const QueueProcess encoder(bench.directory, 2001);
-    bench.peer.delayQueues().emplace(0, "RESET");
+    bench.peer.delayQueues().add(0, "RESET");
     bench.peer.serve();
     EXPECT_THAT(encoder.receiveTexts(), ElementsAre("RESET\n")) << "a delayed line that fails is for processes";
     expectsCopy();
@@ -156,7 +156,7 @@ TEST_F(RealCopy, OfTheServiceThreadDisturbsNobodyOfTheOriginal)
             const std::scoped_lock lock(bench->peer.connLock());
         }
     });
-    bench->peer.delayQueues().emplace(0, "RESET");
+    bench->peer.delayQueues().add(0, "RESET");
     bench->peer.serve();
     if (isChild()) endCopy();
     ended = true;
