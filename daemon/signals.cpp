@@ -1,22 +1,20 @@
 #include "daemon/signals.h"
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
 
 #include "common/milestone.h"
 #include "daemon/daemon_log.h"
-#include "daemon/tess.h"
 #include "framework/fixed_text.h"
 
 namespace {
 
 using SignalText = FixedText<128>;
 
-void requestStopOfDaemon()
-{
-    if (TTess* const tess = g_tess) tess->requestStop();
-}
+constinit std::atomic<void (*)()> stopDaemon{nullptr};
+static_assert(std::atomic<void (*)()>::is_always_lock_free);
 
 } // namespace
 
@@ -30,7 +28,7 @@ void signalHandler(int signo)
         text << daemon_log::signalReceived.text << (signo == SIGTERM ? "SIGTERM" : "SIGQUIT")
              << daemon_log::signalShutdownTail;
         logMgr.log(daemon_log::signalReceived.id, text.c_str());
-        requestStopOfDaemon();
+        if (void (*const stop)() = stopDaemon) stop();
         break;
     }
     case SIGSEGV: {
@@ -48,8 +46,9 @@ void signalHandler(int signo)
     errno = savedErrno;
 }
 
-void installSignalHandlers()
+void installSignalHandlers(void (*stop)())
 {
+    stopDaemon = stop;
     struct sigaction action {};
     action.sa_handler = signalHandler;
     sigfillset(&action.sa_mask);

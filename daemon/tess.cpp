@@ -41,6 +41,12 @@ void wakeBothThreads()
     wakeMessageLoop();
 }
 
+/// For the signal handler.
+void stopDaemon()
+{
+    if (TTess* const tess = g_tess) tess->requestStop();
+}
+
 } // namespace
 
 TTess::TTess(long queueId, bool com2, bool telnet, bool xcp, bool ipc)
@@ -60,7 +66,7 @@ TTess::TTess(long queueId, bool com2, bool telnet, bool xcp, bool ipc)
         throw;
     }
     clearRegistry();
-    installSignalHandlers();
+    installSignalHandlers(stopDaemon);
     setMilestone(8);
 }
 

@@ -17,6 +17,7 @@
 #include "connections/line_output.h"
 #include "connections/login.h"
 #include "connections/port_conn.h"
+#include "daemon/registry_result.h"
 #include "daemon/reset.h"
 #include "framework/msg_dmn.h"
 #include "framework/orb_attachment_msg.h"
@@ -72,8 +73,8 @@ private:
     void closeTelnetConns() noexcept;
 
     // --- registry (registry.cpp)
-    int registerProc() noexcept;
-    int unregisterProc() noexcept;
+    RegisterResult registerProc() noexcept;
+    UnregisterResult unregisterProc() noexcept;
     void clearRegistry() noexcept;
 
     // --- message loop (message_loop.cpp)
@@ -86,7 +87,7 @@ private:
     bool handleCom2Write() noexcept;
     bool handleCloseTelnet() noexcept;
     bool handleReset() noexcept;
-    void replyRegistry(int result, std::span<const std::string_view> texts) noexcept;
+    void replyRegistry(std::size_t result, std::span<const std::string_view> texts) noexcept;
     void replyReset(ResetResult result) noexcept;
     void sendReply(long address, std::int32_t length) noexcept;
     void answerWhatIsOver() noexcept;
