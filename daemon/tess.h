@@ -48,6 +48,9 @@ public:
     /// Asks the message loop and the service thread to end. Threads: any; also from a signal handler.
     void requestStop() noexcept;
 
+    /// In a forked child, before anything else there (pthread_atfork(3)): of the threads only the calling one is there.
+    void startInForkedChild() noexcept;
+
 private:
     friend class TTessPeer; // tests
 
@@ -95,7 +98,6 @@ private:
     void createPorts(bool com2, bool telnet, bool xcp, bool ipc);
     void deletePorts() noexcept;
     int forkWhole() noexcept;
-    void continueAsCopy() noexcept;
 
     TOrbAttachmentMsg inMsg{};              ///< the message being handled
     TOrbAttachmentMsg replyMsg{};           ///< answer to its sender; never cleared in between
