@@ -78,17 +78,12 @@ int TPortCom2::openPort()
 int TPortCom2::closePort()
 {
     setMilestone(1004);
-    if (isOpen) {
-        if (!g_isCopy) {
-            // A line that refuses has been unplugged: nothing is left to restore.
-            (void)::tcflush(fd, TCIFLUSH);
-            (void)::tcsetattr(fd, TCSANOW, &savedTio);
-        }
-        (void)::close(fd);
-        activeConns = 0;
-        isOpen = false;
-        logMessage(port_log::com2PortClosed);
+    if (isOpen && !g_isCopy) {
+        // A line that refuses has been unplugged: nothing is left to restore.
+        (void)::tcflush(fd, TCIFLUSH);
+        (void)::tcsetattr(fd, TCSANOW, &savedTio);
     }
+    if (closeEndpoint()) logMessage(port_log::com2PortClosed);
     setMilestone(1005);
     return 0;
 }
@@ -99,8 +94,7 @@ int TPortCom2::chkNewConn(TPortConn** newConn)
     due = NEVER;
     const bool isFree = activeConns < maxConns;
     if (isFree) {
-        *newConn = new TCom2Conn(portType, countNewConn());
-        (*newConn)->fd = fd;
+        *newConn = addConn(makeConn<TCom2Conn>, fd);
         const LogMessage& opened = port_log::com2Opened;
         logMgr.log(opened.id, (FixedText<96>() << opened.text).hex(announcedConnId()).c_str());
     }
@@ -111,12 +105,7 @@ int TPortCom2::chkNewConn(TPortConn** newConn)
 int TPortCom2::closeConn(TPortConn** conn)
 {
     setMilestone(1008);
-    if (*conn != nullptr) {
-        delete *conn;
-        *conn = nullptr;
-        activeConns -= 1;
-        logMessage(port_log::com2Closed);
-    }
+    if (dispose(conn)) logMessage(port_log::com2Closed);
     setMilestone(1009);
     return 0;
 }

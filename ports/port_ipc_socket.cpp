@@ -6,11 +6,6 @@
 
 namespace {
 
-TPortConn* makeIpcConn(std::uint32_t portType, std::uint32_t connId)
-{
-    return new TSocketIPCConn(portType, connId);
-}
-
 constexpr LocalSocketKind ipcKind{
     .portType = PORT_IPC,
     .firstConnId = 0xBB00'0000,
@@ -21,7 +16,7 @@ constexpr LocalSocketKind ipcKind{
     .closed = nullptr,
     .portClosed = port_log::ipcPortClosed,
     .milestones = {1020, 1021, 1022, 1023},
-    .makeConn = makeIpcConn,
+    .makeConn = makeConn<TSocketIPCConn>,
 };
 
 } // namespace

@@ -6,11 +6,6 @@
 
 namespace {
 
-TPortConn* makeXcpConn(std::uint32_t portType, std::uint32_t connId)
-{
-    return new TXCPCon(portType, connId);
-}
-
 constexpr LocalSocketKind xcpKind{
     .portType = PORT_XCP,
     .firstConnId = 0x0056'0000, // the second COM2 connection gets the same first ID (deliberate)
@@ -21,7 +16,7 @@ constexpr LocalSocketKind xcpKind{
     .closed = &port_log::xcpClosed,
     .portClosed = port_log::xcpPortClosed,
     .milestones = {1020, 1111, 1112, 1113},
-    .makeConn = makeXcpConn,
+    .makeConn = makeConn<TXCPCon>,
 };
 
 } // namespace
