@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "commands/delay_queue.h"
+#include "commands/delayed_line.h"
 #include "commands/full_queues.h"
 #include "commands/registered_proc.h"
 #include "framework/orb_attachment_msg.h"

@@ -3,7 +3,7 @@
 #include <span>
 
 #include "commands/command_address.h"
-#include "commands/delay_queue.h"
+#include "commands/delay_command.h"
 #include "commands/forwarding.h"
 #include "commands/reply.h"
 #include "common/milestone.h"

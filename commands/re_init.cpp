@@ -29,6 +29,7 @@ try {
     });
     if (!started) return false;
     run_ = run;
+    isLost_ = false;
     asker_ = asker;
     return true;
 } catch (const std::bad_alloc&) {
@@ -43,7 +44,7 @@ bool TReInit::isAskedBy(const void* asker) const
 
 bool TReInit::endedLocked() const
 {
-    return run_->over && !cancelled_;
+    return (isLost_ || run_->over) && !cancelled_;
 }
 
 bool TReInit::isOver(const void* asker) const
@@ -54,7 +55,7 @@ bool TReInit::isOver(const void* asker) const
 
 bool TReInit::takeResultLocked()
 {
-    const bool endedWell = run_->result == 0;
+    const bool endedWell = !isLost_ && run_->result == 0;
     asker_ = nullptr;
     run_ = nullptr;
     return endedWell;
@@ -87,7 +88,5 @@ void TReInit::cancel()
 void TReInit::startInCopy()
 {
     std::construct_at(&lock_);
-    if (run_ == nullptr) return;
-    run_ = std::make_shared<Run>();
-    run_->over = true;
+    isLost_ = true;
 }

@@ -47,4 +47,5 @@ private:
     const void* asker_ = nullptr; ///< null: nobody has asked
     bool cancelled_ = false;
     std::shared_ptr<Run> run_;
+    bool isLost_ = false; ///< the program, if there is one, is the original's
 };

@@ -2,11 +2,23 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <pthread.h>
 #include <stdexcept>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
 constinit TWakeUp g_wakeUp;
+
+namespace {
+
+void startInForkedChild()
+{
+    g_wakeUp.openAnew();
+}
+
+[[maybe_unused]] const int atFork = ::pthread_atfork(nullptr, nullptr, startInForkedChild);
+
+} // namespace
 
 void TWakeUp::open()
 {

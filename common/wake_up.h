@@ -15,8 +15,8 @@ public:
     /// @throws std::runtime_error  "failed creating wake-up descriptor"
     void open();
 
-    /// For a process that has just been forked, which must not wake its parent. Without a descriptor of its own it wakes up
-    /// when its wait is over.
+    /// In a process that has just been forked, which must not wake its parent; g_wakeUp does so by itself. Without a
+    /// descriptor of its own it wakes up when its wait is over.
     void openAnew();
 
     /// @return -1: not open

@@ -7,16 +7,6 @@
 #include "connections/connection_log.h"
 #include "connections/line_cutter.h"
 
-TSocketIPCConn::TSocketIPCConn(std::uint32_t portType, std::uint32_t id) : TPortConn(portType, id)
-{
-    loginState = LOGIN_DONE;
-}
-
-TSocketIPCConn::~TSocketIPCConn()
-{
-    closeSocket();
-}
-
 int TSocketIPCConn::readCmd()
 {
     rxLen = 0;

@@ -5,6 +5,7 @@
 
 #include "common/instant.h"
 #include "connections/telnet_protocol.h"
+#include "connections/telnet_turn.h"
 
 /// Reads telnet commands off the front of a client's input, for as long as an exchange of options may last: a second for each
 /// step towards a whole command, and a bound for all of it. Knows neither socket nor clock: input and time are given to it.
@@ -32,6 +33,26 @@ public:
 
     /// @param input  all that waits; a command that is found counts as taken, the next call gets what is behind it
     Result readTelnetCmd(std::span<const telnet::Byte> input, Instant now);
+
+    /// Reads commands for an exchange until that is over, or the input ends within a command.
+    /// @param takeCommand  gets each command, and the turn to answer in; the turn's verdict ends the exchange
+    /// @param outcome      gives the verdict when something else than a command stands in front, or time is up
+    template <class TakeCommand, class Outcome>
+    telnet::Turn takeTurn(std::span<const telnet::Byte> input, Instant now, TakeCommand takeCommand, Outcome outcome)
+    {
+        telnet::Turn turn;
+        while (turn.verdict == telnet::Verdict::goOn) {
+            const std::span<const telnet::Byte> rest = input.subspan(turn.used);
+            const auto [read, length] = readTelnetCmd(rest, now);
+            if (read == Read::incomplete) break;
+            turn.used += length;
+            if (read == Read::command)
+                takeCommand(rest.first(length), turn);
+            else
+                turn.verdict = outcome();
+        }
+        return turn;
+    }
 
     /// @return when readTelnetCmd() gives a time-out although nothing arrives
     Instant due() const { return step_ < bound_ ? step_ : bound_; }

@@ -15,15 +15,8 @@ TTelnetEchoSwitch::TTelnetEchoSwitch(bool on, Instant now)
 
 Turn TTelnetEchoSwitch::take(std::span<const Byte> input, Instant now)
 {
-    using Read = TTelnetCmdReader::Read;
-    Turn turn;
-    while (turn.verdict == Verdict::goOn) {
-        const std::span<const Byte> rest = input.subspan(turn.used);
-        const auto [read, length] = reader_.readTelnetCmd(rest, now);
-        if (read == Read::incomplete) break;
-        turn.used += length;
-        if (read != Read::command || std::ranges::equal(rest.first(length), expected_))
-            turn.verdict = Verdict::lineMode;
-    }
-    return turn;
+    const auto takeCommand = [this](std::span<const Byte> command, Turn& turn) {
+        if (std::ranges::equal(command, expected_)) turn.verdict = Verdict::lineMode;
+    };
+    return reader_.takeTurn(input, now, takeCommand, [] { return Verdict::lineMode; });
 }

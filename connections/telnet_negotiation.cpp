@@ -9,20 +9,9 @@ using telnet::Verdict;
 
 Turn TTelnetNegotiation::take(std::span<const Byte> input, Instant now)
 {
-    using Read = TTelnetCmdReader::Read;
-    input = input.first(std::min(input.size(), Turn::INPUT_BYTES));
-    Turn turn;
-    while (turn.verdict == Verdict::goOn) {
-        const std::span<const Byte> rest = input.subspan(turn.used);
-        const auto [read, length] = reader_.readTelnetCmd(rest, now);
-        if (read == Read::incomplete) break;
-        turn.used += length;
-        if (read == Read::command)
-            takeCommand(rest.first(length), now, turn);
-        else
-            turn.verdict = outcome();
-    }
-    return turn;
+    const auto takeIt = [this, now](std::span<const Byte> command, Turn& turn) { takeCommand(command, now, turn); };
+    return reader_.takeTurn(input.first(std::min(input.size(), Turn::INPUT_BYTES)), now, takeIt,
+                            [this] { return outcome(); });
 }
 
 void TTelnetNegotiation::takeCommand(std::span<const Byte> command, Instant now, Turn& turn)

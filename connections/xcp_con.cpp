@@ -8,16 +8,6 @@
 #include "connections/connection_log.h"
 #include "connections/line_cutter.h"
 
-TXCPCon::TXCPCon(std::uint32_t portType, std::uint32_t id) : TPortConn(portType, id)
-{
-    loginState = LOGIN_DONE;
-}
-
-TXCPCon::~TXCPCon()
-{
-    closeSocket();
-}
-
 /// Takes in what has arrived until there are so many bytes of the frame. Never peeks, because that would not get past an urgent
 /// byte (unix(7)): it ends a read, and the next one drops it.
 /// @return false: the peer has closed

@@ -3,9 +3,9 @@
 #include <stdexcept>
 
 #include "common/milestone.h"
+#include "common/std_descriptors.h"
 #include "daemon/daemon_log.h"
 #include "daemon/options.h"
-#include "daemon/std_descriptors.h"
 #include "daemon/tess.h"
 #include "framework/tess_messages.h"
 

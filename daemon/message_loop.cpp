@@ -2,7 +2,6 @@
 #include "daemon/tess.h"
 
 #include <algorithm>
-#include <array>
 #include <cstring>
 #include <fcntl.h>
 #include <unistd.h>
@@ -15,27 +14,6 @@
 #include "framework/queue_mgr.h"
 #include "framework/tess_messages.h"
 #include "ports/port_com2.h"
-
-namespace {
-
-// By what registerProc() and unregisterProc() return. The last text is for any other result, of which there is none.
-// clang-format off
-constexpr std::array<std::string_view, 5> registerTexts{
-    "Process register operation successful",
-    "Command register request with nothing enabled",
-    "Max # of registered processes reached",
-    "Couldn't allocate memory for process register request",
-    "Process register operation failed",
-};
-constexpr std::array<std::string_view, 4> unregisterTexts{
-    "Process unregister operation successful",
-    "Registered process list is empty",
-    "Process not found in registered process list",
-    "Process unregister operation failed",
-};
-// clang-format on
-
-} // namespace
 
 /// What is done with a kind of message. A handler tells whether its sender gets replyMsg now, with inLen bytes.
 struct TTess::KindRow {
@@ -130,20 +108,20 @@ bool TTess::handleCloseTelnet() noexcept
 
 bool TTess::handleRegister() noexcept
 {
-    replyRegistry(registerProc(), registerTexts);
+    replyRegistry(static_cast<std::size_t>(registerProc()), registerTexts);
     return true;
 }
 
 bool TTess::handleUnregister() noexcept
 {
-    replyRegistry(unregisterProc(), unregisterTexts);
+    replyRegistry(static_cast<std::size_t>(unregisterProc()), unregisterTexts);
     return true;
 }
 
 /// Copies the text without its NUL over the last one: a shorter text carries the tail of a longer one (deliberate).
-void TTess::replyRegistry(int result, std::span<const std::string_view> texts) noexcept
+void TTess::replyRegistry(std::size_t result, std::span<const std::string_view> texts) noexcept
 {
-    const std::string_view text = texts[std::min(static_cast<std::size_t>(result), texts.size() - 1)];
+    const std::string_view text = texts[std::min(result, texts.size() - 1)];
     replyMsg.kind = MSG_REPLY;
     replyMsg.tag = result == 0 ? 0 : static_cast<std::uint32_t>(-1);
     replyMsg.len = 0;

@@ -27,40 +27,38 @@ RegisterRequest readRequest(const TOrbAttachmentMsg& msg)
 
 } // namespace
 
-/// @return 0 registered or updated, 1 nothing enabled, 2 list full, 3 no memory
-int TTess::registerProc() noexcept
+RegisterResult TTess::registerProc() noexcept
 try {
     setMilestone(Milestone::registerBegun);
     const RegisterRequest request = readRequest(inMsg);
-    if (request.portMask == 0) return 1;
+    if (request.portMask == 0) return RegisterResult::nothingEnabled;
     const std::scoped_lock lock(regLock);
     for (std::size_t i = 0; TRegisteredProc* proc = liveAt(regProcs, i); ++i) {
         if (proc->name != request.name) continue;
         proc->procId = inMsg.sender;
         proc->portMask = request.portMask;
-        return 0;
+        return RegisterResult::done;
     }
-    if (regProcs.size() >= MAX_REGISTERED_PROCS) return 2;
+    if (regProcs.size() >= MAX_REGISTERED_PROCS) return RegisterResult::listFull;
     regProcs.reserve(MAX_REGISTERED_PROCS);
     regProcs.push_back(new TRegisteredProc{inMsg.sender, request.portMask, std::string(request.name)});
     setMilestone(Milestone::registerDone);
-    return 0;
+    return RegisterResult::done;
 } catch (const std::bad_alloc&) {
-    return 3;
+    return RegisterResult::noMemory;
 }
 
-/// @return 0 removed, 1 list empty, 2 not found
-int TTess::unregisterProc() noexcept
+UnregisterResult TTess::unregisterProc() noexcept
 {
     setMilestone(Milestone::unregisterBegun);
     const std::scoped_lock lock(regLock);
-    if (regProcs.empty()) return 1;
-    int result = 2;
+    if (regProcs.empty()) return UnregisterResult::listEmpty;
+    UnregisterResult result = UnregisterResult::notFound;
     for (std::size_t i = 0; TRegisteredProc* proc = liveAt(regProcs, i); ++i) {
         if (proc->procId != inMsg.sender) continue;
         delete proc;
         regProcs.erase(regProcs.begin() + static_cast<std::ptrdiff_t>(i));
-        result = 0;
+        result = UnregisterResult::done;
         break;
     }
     setMilestone(Milestone::unregisterDone);

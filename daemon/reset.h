@@ -10,7 +10,7 @@
 class TReset {
 public:
     /// @param reInit     the program's; must outlive this
-    /// @param forkWhole  fork(2) at a moment when nobody else is in the middle of a change, and what a copy has to repair
+    /// @param forkWhole  fork(2) at a moment when nobody else is in the middle of a change
     TReset(TReInit& reInit, std::function<int()> forkWhole);
 
     /// Restarts the device 5 seconds from now, from a child process; until then the caller goes on.

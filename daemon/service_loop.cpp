@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <unistd.h>
 
-#include "commands/delay_queue.h"
+#include "commands/delay_runner.h"
 #include "commands/interpreter.h"
 #include "common/live_list.h"
 #include "common/message_wake.h"

@@ -1,19 +1,17 @@
 #include "daemon/signals.h"
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
 
 #include "common/milestone.h"
 #include "daemon/daemon_log.h"
-#include "daemon/tess.h"
 
 namespace {
 
-void requestStopOfDaemon()
-{
-    if (TTess* const tess = g_tess) tess->requestStop();
-}
+constinit std::atomic<void (*)()> stopDaemon{nullptr};
+static_assert(std::atomic<void (*)()>::is_always_lock_free);
 
 } // namespace
 
@@ -24,7 +22,7 @@ void signalHandler(int signo)
     case SIGQUIT:
     case SIGTERM:
         logMessage(signo == SIGTERM ? daemon_log::signalTerm : daemon_log::signalQuit);
-        requestStopOfDaemon();
+        if (void (*const stop)() = stopDaemon) stop();
         break;
     case SIGSEGV:
         logMessage(daemon_log::signalSegv, g_milestone.load(std::memory_order_relaxed));
@@ -38,8 +36,9 @@ void signalHandler(int signo)
     errno = savedErrno;
 }
 
-void installSignalHandlers()
+void installSignalHandlers(void (*stop)())
 {
+    stopDaemon = stop;
     struct sigaction action {};
     action.sa_handler = signalHandler;
     sigfillset(&action.sa_mask);

@@ -42,6 +42,19 @@ void wakeBothThreads()
     wakeMessageLoop();
 }
 
+/// For the signal handler.
+void stopDaemon()
+{
+    if (TTess* const tess = g_tess) tess->requestStop();
+}
+
+void startInForkedChild()
+{
+    if (TTess* const tess = g_tess) tess->startInForkedChild();
+}
+
+[[maybe_unused]] const int atFork = ::pthread_atfork(nullptr, nullptr, startInForkedChild);
+
 } // namespace
 
 TTess::TTess(long queueId, bool com2, bool telnet, bool xcp, bool ipc)
@@ -61,7 +74,7 @@ TTess::TTess(long queueId, bool com2, bool telnet, bool xcp, bool ipc)
         throw;
     }
     clearRegistry();
-    installSignalHandlers();
+    installSignalHandlers(stopDaemon);
     setMilestone(Milestone::daemonConstructorDone);
 }
 
@@ -129,17 +142,13 @@ int TTess::forkWhole() noexcept
     std::unique_lock conns(connLock, std::defer_lock);
     if (!connLock.isMine()) conns.lock();
     const std::scoped_lock lock(regLock);
-    const pid_t child = ::fork();
-    if (child == 0) continueAsCopy();
-    return child;
+    return ::fork();
 }
 
-/// In the child: of the threads only the calling one is there.
-void TTess::continueAsCopy() noexcept
+void TTess::startInForkedChild() noexcept
 {
     g_isCopy = true;
     g_serviceThread = NO_THREAD; // if it is the calling one, it is nobody's to join
-    g_wakeUp.openAnew();
     connLock.forgetWaiters();
     reInit.startInCopy();
     resetMsg.waits = false; // the original answers it

@@ -17,6 +17,7 @@
 #include "connections/line_output.h"
 #include "connections/login.h"
 #include "connections/port_conn.h"
+#include "daemon/registry_result.h"
 #include "daemon/reset.h"
 #include "framework/msg_dmn.h"
 #include "framework/orb_attachment_msg.h"
@@ -47,6 +48,9 @@ public:
     /// Asks the message loop and the service thread to end. Threads: any; also from a signal handler.
     void requestStop() noexcept;
 
+    /// In a forked child, before anything else there (pthread_atfork(3)): of the threads only the calling one is there.
+    void startInForkedChild() noexcept;
+
 private:
     friend class TTessPeer; // tests
 
@@ -72,8 +76,8 @@ private:
     void closeTelnetConns() noexcept;
 
     // --- registry (registry.cpp)
-    int registerProc() noexcept;
-    int unregisterProc() noexcept;
+    RegisterResult registerProc() noexcept;
+    UnregisterResult unregisterProc() noexcept;
     void clearRegistry() noexcept;
 
     // --- message loop (message_loop.cpp)
@@ -86,7 +90,7 @@ private:
     bool handleCom2Write() noexcept;
     bool handleCloseTelnet() noexcept;
     bool handleReset() noexcept;
-    void replyRegistry(int result, std::span<const std::string_view> texts) noexcept;
+    void replyRegistry(std::size_t result, std::span<const std::string_view> texts) noexcept;
     void replyReset(ResetResult result) noexcept;
     void sendReply(long address, std::int32_t length) noexcept;
     void answerWhatIsOver() noexcept;
@@ -94,7 +98,6 @@ private:
     void createPorts(bool com2, bool telnet, bool xcp, bool ipc);
     void deletePorts() noexcept;
     int forkWhole() noexcept;
-    void continueAsCopy() noexcept;
 
     TOrbAttachmentMsg inMsg{};              ///< the message being handled
     TOrbAttachmentMsg replyMsg{};           ///< answer to its sender; never cleared in between

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <stdexcept>
+#include <unistd.h>
 
 TCmdPort::TCmdPort(std::uint32_t type, std::int32_t limit, std::uint32_t firstId)
     : portType(type), maxConns(limit), nextConnId(firstId)
@@ -9,6 +11,28 @@ TCmdPort::TCmdPort(std::uint32_t type, std::int32_t limit, std::uint32_t firstId
     FD_ZERO(&readSet);
 }
 
+bool TCmdPort::openSocket(int family)
+{
+    fd = ::socket(family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    return fd >= 0;
+}
+
+void TCmdPort::listenAt(const sockaddr* address, socklen_t size, const char* bindFailure, const char* listenFailure)
+{
+    if (::bind(fd, address, size) != 0) throw std::runtime_error(bindFailure);
+    if (::listen(fd, BACKLOG) != 0) throw std::runtime_error(listenFailure);
+}
+
+bool TCmdPort::closeEndpoint()
+{
+    if (!isOpen) return false;
+    (void)::close(fd); // nothing is left to do for a descriptor that fails to close
+    activeConns = 0;
+    isOpen = false;
+    return true;
+}
+
+/// @return the ID of a connection that is about to be made
 std::uint32_t TCmdPort::countNewConn()
 {
     nextConnId += CONN_ID_STEP;
@@ -24,6 +48,35 @@ bool TCmdPort::accept(int& client, sockaddr* peer, socklen_t* peerSize)
     wantsInput = false;
     due = instantNow() + REST_TIME;
     return false;
+}
+
+TPortConn* TCmdPort::addConn(MakeConn make, int connFd)
+{
+    TPortConn* const conn = make(portType, countNewConn());
+    conn->fd = connFd;
+    return conn;
+}
+
+TPortConn* TCmdPort::acceptConn(MakeConn make, sockaddr* peer, socklen_t* peerSize)
+{
+    int client = -1;
+    return accept(client, peer, peerSize) ? addConn(make, client) : nullptr;
+}
+
+bool TCmdPort::dispose(TPortConn** conn)
+{
+    if (*conn == nullptr) return false;
+    delete *conn;
+    *conn = nullptr;
+    activeConns -= 1;
+    return true;
+}
+
+int TCmdPort::handOut(TPortConn* conn, TPortConn** newConn)
+{
+    if (conn == nullptr) return 0;
+    *newConn = conn;
+    return 1;
 }
 
 bool TCmdPort::mayStay(const TPortConn& conn) const

@@ -9,6 +9,14 @@
 #include "common/wait_set.h"
 #include "connections/port_conn.h"
 
+/// Makes a connection of a port's kind, which the caller owns.
+using MakeConn = TPortConn* (*)(std::uint32_t portType, std::uint32_t connId);
+
+template <class Conn> TPortConn* makeConn(std::uint32_t portType, std::uint32_t connId)
+{
+    return new Conn(portType, connId);
+}
+
 /// One listening endpoint for commands.
 /// Owns: `fd`, from openPort() to closePort(). A connection is handed out by chkNewConn() and comes back in closeConn() to
 /// be deleted; in between it is the daemon's.
@@ -19,6 +27,8 @@ public:
     /// Connection IDs are this far apart: the lower 16 bits are free for a client's tag.
     static constexpr std::uint32_t CONN_ID_STEP = 0x10000;
     static constexpr std::chrono::seconds REST_TIME{1};
+    /// Clients that may wait to be accepted (listen(2)).
+    static constexpr int BACKLOG = 10;
 
     /// @param type      the kind of port, as a single bit (TessPortType)
     /// @param limit     how many connections may live at a time
@@ -70,9 +80,34 @@ public:
     std::vector<TPortConn*> arriving; ///< clients that have been accepted and are not ready to be handed out; owned
 
 protected:
-    /// Counts a connection that is about to be made.
-    /// @return its ID
-    std::uint32_t countNewConn();
+    /// Makes `fd` a stream socket (socket(2)), whose accept() never blocks.
+    /// @return false: it could not be created
+    bool openSocket(int family);
+
+    /// Binds `fd` to an address and listens. A failure leaves it open (deliberate).
+    /// @throws std::runtime_error  with one of the texts
+    void listenAt(const sockaddr* address, socklen_t size, const char* bindFailure, const char* listenFailure);
+
+    /// What every closePort() has in common.
+    /// @return false: the port was closed already, and nothing is done
+    bool closeEndpoint();
+
+    /// Makes a connection and counts it.
+    TPortConn* addConn(MakeConn make, int connFd);
+
+    /// Accepts a client and makes its connection. Whether it may stay is for the caller to find out.
+    /// @param peer      receives the client's address; may be null
+    /// @param peerSize  in: its room, out: its size; may be null
+    /// @return null when nobody was accepted for want of descriptors
+    TPortConn* acceptConn(MakeConn make, sockaddr* peer = nullptr, socklen_t* peerSize = nullptr);
+
+    /// What every closeConn() has in common.
+    /// @return false: the slot is null, and nothing is done
+    bool dispose(TPortConn** conn);
+
+    /// @param conn  null: none
+    /// @return as chkNewConn()
+    static int handOut(TPortConn* conn, TPortConn** newConn);
 
     /// @return the ID that log lines give for the newest connection: the one before its own (deliberate)
     std::uint32_t announcedConnId() const { return nextConnId - CONN_ID_STEP; }
@@ -90,4 +125,7 @@ protected:
 
     /// @return true when a connection has a descriptor that an fd_set can hold, and is not one too many
     bool mayStay(const TPortConn& conn) const;
+
+private:
+    std::uint32_t countNewConn();
 };

@@ -1,9 +1,6 @@
 #include "ports/local_socket_port.h"
 
 #include <cstdio>
-#include <stdexcept>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include "common/milestone.h"
 #include "common/process_copy.h"
@@ -33,15 +30,12 @@ void TLocalSocketPort::removeFile() const
 int TLocalSocketPort::openPort()
 {
     setMilestone(Milestone::localOpenBegun);
-    (void)std::remove(kind_.path);                                         // no such file is the normal case
-    fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0); // accept() must never block
-    if (fd < 0) return 1;
+    (void)std::remove(kind_.path); // no such file is the normal case
+    if (!openSocket(AF_UNIX)) return 1;
     listenAddr = {};
     listenAddr.sun_family = AF_UNIX;
     putText(listenAddr.sun_path, kind_.path);
-    if (::bind(fd, reinterpret_cast<const sockaddr*>(&listenAddr), sizeof listenAddr) != 0)
-        throw std::runtime_error(kind_.bindFailure);
-    if (::listen(fd, BACKLOG) != 0) throw std::runtime_error(kind_.listenFailure);
+    listenAt(reinterpret_cast<const sockaddr*>(&listenAddr), sizeof listenAddr, kind_.bindFailure, kind_.listenFailure);
     setMilestone(Milestone::localOpenDone);
     return 0;
 }
@@ -49,10 +43,7 @@ int TLocalSocketPort::openPort()
 int TLocalSocketPort::closePort()
 {
     setMilestone(Milestone::localCloseBegun);
-    if (isOpen) {
-        (void)::close(fd); // nothing is left to do for a descriptor that fails to close
-        activeConns = 0;
-        isOpen = false;
+    if (closeEndpoint()) {
         logMessage(kind_.portClosed);
         removeFile();
     }
@@ -63,18 +54,15 @@ int TLocalSocketPort::closePort()
 int TLocalSocketPort::chkNewConn(TPortConn** newConn)
 {
     setMilestone(Milestone::localCheckBegun);
-    TPortConn* const conn = clientWaits() ? acceptClient() : nullptr;
-    if (conn != nullptr) *newConn = conn;
+    const int result = handOut(clientWaits() ? acceptClient() : nullptr, newConn);
     setMilestone(Milestone::localCheckDone);
-    return conn != nullptr ? 1 : 0;
+    return result;
 }
 
 TPortConn* TLocalSocketPort::acceptClient()
 {
-    int client = -1;
-    if (!accept(client, nullptr, nullptr)) return nullptr;
-    TPortConn* conn = kind_.makeConn(portType, countNewConn());
-    conn->fd = client;
+    TPortConn* conn = acceptConn(kind_.makeConn);
+    if (conn == nullptr) return nullptr;
     if (!mayStay(*conn)) {
         (void)closeConn(&conn); // always 0
         return nullptr;
@@ -86,12 +74,7 @@ TPortConn* TLocalSocketPort::acceptClient()
 int TLocalSocketPort::closeConn(TPortConn** conn)
 {
     setMilestone(Milestone::localCloseConnBegun);
-    if (*conn != nullptr) {
-        delete *conn;
-        *conn = nullptr;
-        activeConns -= 1;
-        if (kind_.closed != nullptr) logMessage(*kind_.closed, activeConns.load());
-    }
+    if (dispose(conn) && kind_.closed != nullptr) logMessage(*kind_.closed, activeConns.load());
     setMilestone(Milestone::localCloseConnDone);
     return 0;
 }

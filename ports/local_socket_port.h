@@ -18,7 +18,7 @@ struct LocalSocketKind {
     const LogMessage<>& portClosed;
     // All other milestones are the same for both kinds (deliberate).
     Milestone constructorExit, destructorEntry, destructorExit;
-    TPortConn* (*makeConn)(std::uint32_t portType, std::uint32_t connId);
+    MakeConn makeConn;
 };
 
 /// A command port on a Unix stream socket (unix(7)), for programs on the device. The socket file exists while the port
@@ -26,7 +26,6 @@ struct LocalSocketKind {
 class TLocalSocketPort : public TCmdPort {
 public:
     static constexpr std::int32_t MAX_CONNS = 10;
-    static constexpr int BACKLOG = 10;
 
     ~TLocalSocketPort() override;
 

@@ -79,17 +79,12 @@ int TPortCom2::openPort()
 int TPortCom2::closePort()
 {
     setMilestone(Milestone::com2CloseBegun);
-    if (isOpen) {
-        if (!g_isCopy) {
-            // A line that refuses has been unplugged: nothing is left to restore.
-            (void)::tcflush(fd, TCIFLUSH);
-            (void)::tcsetattr(fd, TCSANOW, &savedTio);
-        }
-        (void)::close(fd);
-        activeConns = 0;
-        isOpen = false;
-        logMessage(port_log::com2PortClosed);
+    if (isOpen && !g_isCopy) {
+        // A line that refuses has been unplugged: nothing is left to restore.
+        (void)::tcflush(fd, TCIFLUSH);
+        (void)::tcsetattr(fd, TCSANOW, &savedTio);
     }
+    if (closeEndpoint()) logMessage(port_log::com2PortClosed);
     setMilestone(Milestone::com2CloseDone);
     return 0;
 }
@@ -100,8 +95,7 @@ int TPortCom2::chkNewConn(TPortConn** newConn)
     due = NEVER;
     const bool isFree = activeConns < maxConns;
     if (isFree) {
-        *newConn = new TCom2Conn(portType, countNewConn());
-        (*newConn)->fd = fd;
+        *newConn = addConn(makeConn<TCom2Conn>, fd);
         logMessage(port_log::com2Opened, Hex{announcedConnId()});
     }
     setMilestone(Milestone::com2CheckDone);
@@ -111,12 +105,7 @@ int TPortCom2::chkNewConn(TPortConn** newConn)
 int TPortCom2::closeConn(TPortConn** conn)
 {
     setMilestone(Milestone::com2CloseConnBegun);
-    if (*conn != nullptr) {
-        delete *conn;
-        *conn = nullptr;
-        activeConns -= 1;
-        logMessage(port_log::com2Closed);
-    }
+    if (dispose(conn)) logMessage(port_log::com2Closed);
     setMilestone(Milestone::com2CloseConnDone);
     return 0;
 }

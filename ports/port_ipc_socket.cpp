@@ -6,11 +6,6 @@
 
 namespace {
 
-TPortConn* makeIpcConn(std::uint32_t portType, std::uint32_t connId)
-{
-    return new TSocketIPCConn(portType, connId);
-}
-
 constexpr LocalSocketKind ipcKind{
     .portType = PORT_IPC,
     .firstConnId = 0xBB00'0000,
@@ -23,7 +18,7 @@ constexpr LocalSocketKind ipcKind{
     .constructorExit = Milestone::ipcConstructorDone,
     .destructorEntry = Milestone::ipcDestructorBegun,
     .destructorExit = Milestone::ipcDestructorDone,
-    .makeConn = makeIpcConn,
+    .makeConn = makeConn<TSocketIPCConn>,
 };
 
 } // namespace

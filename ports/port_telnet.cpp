@@ -4,8 +4,6 @@
 #include <cerrno>
 #include <cstring>
 #include <netinet/tcp.h>
-#include <stdexcept>
-#include <unistd.h>
 
 #include "common/milestone.h"
 #include "connections/telnet_conn.h"
@@ -60,16 +58,14 @@ TPortTelnet::~TPortTelnet()
 int TPortTelnet::openPort()
 {
     setMilestone(Milestone::telnetOpenBegun);
-    fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0); // accept() must never block
-    if (fd < 0) return 1;
+    if (!openSocket(AF_INET)) return 1;
     applySocketOptions(fd);
     listenAddr = {};
     listenAddr.sin_family = AF_INET;
     listenAddr.sin_port = htons(TCP_PORT);
     listenAddr.sin_addr.s_addr = htonl(INADDR_ANY);
-    if (::bind(fd, reinterpret_cast<const sockaddr*>(&listenAddr), sizeof listenAddr) != 0)
-        throw std::runtime_error("failed binding to telnet socket");
-    if (::listen(fd, BACKLOG) != 0) throw std::runtime_error("failed setting up telnet socket listener");
+    listenAt(reinterpret_cast<const sockaddr*>(&listenAddr), sizeof listenAddr, "failed binding to telnet socket",
+             "failed setting up telnet socket listener");
     setMilestone(Milestone::telnetOpenDone);
     return 0;
 }
@@ -80,12 +76,7 @@ int TPortTelnet::closePort()
     for (TPortConn*& conn : arriving)
         (void)closeConn(&conn); // always 0
     arriving.clear();
-    if (isOpen) {
-        (void)::close(fd); // nothing is left to do for a descriptor that fails to close
-        activeConns = 0;
-        isOpen = false;
-        logMessage(port_log::telnetPortClosed);
-    }
+    if (closeEndpoint()) logMessage(port_log::telnetPortClosed);
     setMilestone(Milestone::telnetCloseDone);
     return 0;
 }
@@ -95,31 +86,28 @@ int TPortTelnet::chkNewConn(TPortConn** newConn)
     setMilestone(Milestone::telnetCheckBegun);
     const bool rests = !wantsInput && instantNow() < due;
     if (!rests && clientWaits()) acceptClient();
-    TPortConn* const conn = takeArrived();
-    if (conn != nullptr) *newConn = conn;
+    const int result = handOut(takeArrived(), newConn);
     setMilestone(Milestone::telnetCheckDone);
-    return conn != nullptr ? 1 : 0;
+    return result;
 }
 
 void TPortTelnet::acceptClient()
 {
     sockaddr_in peer{};
     socklen_t peerSize = sizeof peer;
-    int client = -1;
-    if (!accept(client, reinterpret_cast<sockaddr*>(&peer), &peerSize)) return;
-    auto* const accepted = new TTelnetConn(portType, countNewConn());
-    accepted->fd = client;
-    accepted->peerAddr = peer;
-    if (mayStay(*accepted)) {
-        enlargeSendBuffer(client);
-        sendAtOnce(client);
-        arriving.push_back(accepted);
+    TPortConn* conn = acceptConn(makeConn<TTelnetConn>, reinterpret_cast<sockaddr*>(&peer), &peerSize);
+    if (conn == nullptr) return;
+    auto* const client = static_cast<TTelnetConn*>(conn);
+    client->peerAddr = peer;
+    if (mayStay(*client)) {
+        enlargeSendBuffer(client->fd);
+        sendAtOnce(client->fd);
+        arriving.push_back(client);
         return;
     }
     if (activeConns > maxConns)
-        (void)accepted->writeText("Connection refused: limit reached.\r\n"); // it is closed either way
-    TPortConn* conn = accepted;
-    (void)closeConn(&conn); // always 0
+        (void)client->writeText("Connection refused: limit reached.\r\n"); // it is closed either way
+    (void)closeConn(&conn);                                                // always 0
 }
 
 /// Goes on with the clients that are arriving, until one is ready: the others are still ready, or due, next time.
@@ -151,9 +139,7 @@ int TPortTelnet::closeConn(TPortConn** conn)
     setMilestone(Milestone::telnetCloseConnBegun);
     if (*conn != nullptr) {
         const DottedAddress peer(static_cast<TTelnetConn*>(*conn)->peerAddr); // this port makes no other connections
-        delete *conn;
-        *conn = nullptr;
-        activeConns -= 1;
+        (void)dispose(conn);                                                  // it is there
         logMessage(port_log::telnetGone, peer.c_str(), activeConns.load());
     }
     setMilestone(Milestone::telnetCloseConnDone);

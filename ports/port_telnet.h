@@ -9,7 +9,6 @@ class TPortTelnet final : public TCmdPort {
 public:
     static constexpr std::uint16_t TCP_PORT = 23;
     static constexpr std::int32_t MAX_CONNS = 10;
-    static constexpr int BACKLOG = 10;
     static constexpr int CLIENT_SEND_BUFFER_BYTES = 65536;
 
     /// @throws std::runtime_error  "failed binding to telnet socket", "failed setting up telnet socket listener"

@@ -6,11 +6,6 @@
 
 namespace {
 
-TPortConn* makeXcpConn(std::uint32_t portType, std::uint32_t connId)
-{
-    return new TXCPCon(portType, connId);
-}
-
 constexpr LocalSocketKind xcpKind{
     .portType = PORT_XCP,
     .firstConnId = 0x0056'0000, // the second COM2 connection gets the same first ID (deliberate)
@@ -23,7 +18,7 @@ constexpr LocalSocketKind xcpKind{
     .constructorExit = Milestone::xcpConstructorDone,
     .destructorEntry = Milestone::xcpDestructorBegun,
     .destructorExit = Milestone::xcpDestructorDone,
-    .makeConn = makeXcpConn,
+    .makeConn = makeConn<TXCPCon>,
 };
 
 } // namespace

@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "commands/delay_command.h"
+#include "commands/delay_runner.h"
 #include "commands/interpreter.h"
 #include "framework/fixed_text.h"
 #include "tests/commands/command_test_bench.h"
@@ -58,6 +60,14 @@ protected:
 
     TDelayQueue& queue() { return bench.delayQueues; }
 
+    /// Lets nothing but these be in the queue.
+    void queueUp(std::initializer_list<Due> lines)
+    {
+        queue().clear();
+        for (const auto& [due, line] : lines)
+            queue().add(due, line);
+    }
+
     /// The listing in one piece.
     std::string listing()
     {
@@ -111,7 +121,7 @@ TEST_F(DelayQueue, QueuesALineForItsTime)
         SCOPED_TRACE(testing::Message() << row.line << " at " << row.seconds << " s, " << row.nanoseconds << " ns");
         clock.set(row.seconds, row.nanoseconds);
         EXPECT_THAT(replies(row.line), ElementsAre("OK\r\n\r\n"));
-        EXPECT_THAT(queue(), ElementsAre(Due(row.due, "X")));
+        EXPECT_THAT(queue().lines(), ElementsAre(Due(row.due, "X")));
         queue().clear();
     }
 }
@@ -136,7 +146,7 @@ TEST_F(DelayQueue, KeepsTheLineAsItWasTyped)
     };
     for (const Row& row : rows) {
         EXPECT_THAT(replies(row.line), ElementsAre("OK\r\n\r\n")) << row.line;
-        EXPECT_THAT(queue(), ElementsAre(Due(1'010'000, row.queued))) << row.line;
+        EXPECT_THAT(queue().lines(), ElementsAre(Due(1'010'000, row.queued))) << row.line;
         queue().clear();
     }
 }
@@ -146,22 +156,22 @@ TEST_F(DelayQueue, RefusesALineWithoutAUsableTime)
     for (const char* const line : {"DELAY 0|X", "DELAY x|X", "DELAY -5|X", "DELAY 1000:0:0.0|X", "DELAY 1:2:3:4:5|X",
                                    "DELAYED|X", "DELAY CLEA|X", "DELAY 1 x|X"})
         EXPECT_THAT(replies(line), ElementsAre("Error Setting Command: Invalid Arguments.\r\n\r\n")) << line;
-    EXPECT_THAT(queue(), IsEmpty());
+    EXPECT_THAT(queue().lines(), IsEmpty());
 }
 
 TEST_F(DelayQueue, RefusesALineWhenTheClockCannotBeRead)
 {
     clock.fails = true;
     EXPECT_THAT(replies("DELAY 10.0|X"), ElementsAre("Error Setting Command: Invalid Arguments.\r\n\r\n"));
-    EXPECT_THAT(queue(), IsEmpty());
+    EXPECT_THAT(queue().lines(), IsEmpty());
 }
 
 TEST_F(DelayQueue, IsClearedByAnythingThatBeginsWithClear)
 {
     for (const char* const line : {"DELAY CLEAR", "delay clear", "DelayClear", "DELAY CLEARANCE", "DELAY  CLEAR |X"}) {
-        queue() = {{1, "A"}, {2, "B"}};
+        queueUp({{1, "A"}, {2, "B"}});
         EXPECT_THAT(replies(line), ElementsAre("OK\r\n\r\n")) << line;
-        EXPECT_THAT(queue(), IsEmpty()) << line;
+        EXPECT_THAT(queue().lines(), IsEmpty()) << line;
         EXPECT_THAT(replies(line), ElementsAre("OK\r\n\r\n")) << line << " once more";
     }
     clock.fails = true;
@@ -206,7 +216,7 @@ TEST_F(DelayQueue, ListsMillisecondsToTheNextSecondOfTheClockAndASecondLess)
     for (const Row& row : rows) {
         SCOPED_TRACE(row.behaviour);
         clock.set(row.seconds, row.nanoseconds);
-        queue() = {{row.due, "X"}};
+        queueUp({{row.due, "X"}});
         EXPECT_EQ(readable(listing()), readable("OK\r\n" + std::string(row.time) + " X\r\n\r\n"));
     }
 }
@@ -227,7 +237,7 @@ TEST_F(DelayQueue, CrashesForNoTimeWhatever)
         for (const std::int64_t seconds : {0LL, 1LL, 1000LL, 2'147'483'648LL, 4'294'967'296LL, 9'000'000'000'000LL})
             for (const std::int64_t nanoseconds : {0LL, 1LL, 999'999'999LL}) {
                 clock.set(seconds, nanoseconds);
-                queue() = {{due, "X"}};
+                queueUp({{due, "X"}});
                 EXPECT_THAT(listing(), testing::MatchesRegex("OK\r\n-?[0-9]+:-?[0-9]+:-?[0-9]+\\.[0-9]{3} X\r\n\r\n"))
                     << due << " at " << seconds;
             }
@@ -248,7 +258,7 @@ TEST_F(DelayQueue, ListsInTheOrderOfDueTimesAndOfQueueing)
 
 TEST_F(DelayQueue, ListsLinesWithFormatCharactersAsTheyAre)
 {
-    queue() = {{1'010'000, "%s%n %1% %5$s \xE4"}};
+    queueUp({{1'010'000, "%s%n %1% %5$s \xE4"}});
     EXPECT_EQ(readable(listing()), readable("OK\r\n000:00:10.000 %s%n %1% %5$s \xE4\r\n\r\n"));
 }
 
@@ -260,7 +270,7 @@ TEST_F(DelayQueue, ListsMoreThanARecordHoldsInSeveralWritesAndLeavesNothingOut)
         std::string expected = "OK\r\n";
         for (int i = 0; i < 700; ++i) {
             const std::string line(length, static_cast<char>('a' + i % 26));
-            queue().emplace(1'010'000, line);
+            queue().add(1'010'000, line);
             expected += "000:00:10.000 " + line + "\r\n";
         }
         EXPECT_EQ(listing(), expected + "\r\n");
@@ -277,8 +287,8 @@ TEST_F(DelayQueue, ListsExactlyARecordFullInOneWrite)
     // "OK", a line and the empty line: 4 + 16 + n + 2 bytes.
     for (const std::size_t bytes : {8174U, 8175U, 8176U}) {
         queue().clear();
-        queue().emplace(1'010'000, std::string(4000, 'a'));
-        queue().emplace(1'010'000, std::string(bytes - 4000 - 4 - 16 - 16 - 2, 'b'));
+        queue().add(1'010'000, std::string(4000, 'a'));
+        queue().add(1'010'000, std::string(bytes - 4000 - 4 - 16 - 16 - 2, 'b'));
         EXPECT_THAT(listing(), SizeIs(bytes));
         EXPECT_EQ(conn.written.size(), bytes <= 8175 ? 1U : 2U) << bytes;
     }
@@ -294,7 +304,7 @@ TEST_F(DelayQueue, ReportsAClockThatCannotBeReadWhenItLists)
 
 TEST_F(DelayQueue, ListsNothingWithoutAConnection)
 {
-    queue() = {{1'010'000, "X"}};
+    queueUp({{1'010'000, "X"}});
     bench.outMsg.text[0] = '!';
     EXPECT_EQ(listDelays(bench.context, nullptr), 0);
     EXPECT_EQ(bench.outMsg.text[0], '!');
@@ -304,9 +314,9 @@ TEST_F(DelayQueue, ListsNothingWithoutAConnection)
 
 TEST_F(DelayQueue, RunsWhatIsDueAndKeepsTheRest)
 {
-    queue() = {{999'999, "A"}, {1'000'000, "B"}, {1'000'001, "C"}, {2'000'000, "D"}};
+    queueUp({{999'999, "A"}, {1'000'000, "B"}, {1'000'001, "C"}, {2'000'000, "D"}});
     EXPECT_THAT(run(), ElementsAre("A\n", "B\n"));
-    EXPECT_THAT(queue(), ElementsAre(Due(1'000'001, "C"), Due(2'000'000, "D")));
+    EXPECT_THAT(queue().lines(), ElementsAre(Due(1'000'001, "C"), Due(2'000'000, "D")));
     EXPECT_THAT(run(), IsEmpty());
     clock.set(1000, 999'999);
     EXPECT_THAT(run(), IsEmpty()) << "not a whole millisecond yet";
@@ -314,7 +324,7 @@ TEST_F(DelayQueue, RunsWhatIsDueAndKeepsTheRest)
     EXPECT_THAT(run(), ElementsAre("C\n"));
     clock.set(1'000'000, 0);
     EXPECT_THAT(run(), ElementsAre("D\n"));
-    EXPECT_THAT(queue(), IsEmpty());
+    EXPECT_THAT(queue().lines(), IsEmpty());
 }
 
 TEST_F(DelayQueue, RunsLinesOfTheSameTimeInTheOrderInWhichTheyWereQueued)
@@ -331,7 +341,7 @@ TEST_F(DelayQueue, RunsLinesOfTheSameTimeInTheOrderInWhichTheyWereQueued)
 TEST_F(DelayQueue, RunsALineWithoutAConnection)
 {
     conn.written.clear();
-    queue() = {{1, "s3.ENC A|s3.NONE B|SET $5|*|quit|s3.ENC C"}};
+    queueUp({{1, "s3.ENC A|s3.NONE B|SET $5|*|quit|s3.ENC C"}});
     runDelays(bench.context);
     const auto received = encoder.receiveAll();
     ASSERT_EQ(received.size(), 3U);
@@ -348,52 +358,52 @@ TEST_F(DelayQueue, RunsALineWithoutAConnection)
 TEST_F(DelayQueue, CutsALineTo255Characters)
 {
     for (const std::size_t length : {254U, 255U, 256U, 257U, 1000U}) {
-        queue() = {{1, std::string(length, 'x')}};
+        queueUp({{1, std::string(length, 'x')}});
         EXPECT_THAT(run(), ElementsAre(std::string(std::min<std::size_t>(length, 255), 'x') + "\n")) << length;
     }
 }
 
 TEST_F(DelayQueue, RunsAnEmptyLineAsNothing)
 {
-    queue() = {{1, ""}, {1, " "}, {1, "X"}};
+    queueUp({{1, ""}, {1, " "}, {1, "X"}});
     EXPECT_THAT(run(), ElementsAre("\n", "X\n")) << "a blank is an empty broadcast";
-    EXPECT_THAT(queue(), IsEmpty());
+    EXPECT_THAT(queue().lines(), IsEmpty());
 }
 
 TEST_F(DelayQueue, ForwardsADelayedResetThatFails)
 {
-    queue() = {{1, "RESET A B"}};
+    queueUp({{1, "RESET A B"}});
     EXPECT_THAT(run(), ElementsAre("RESET A B\n"));
     EXPECT_THAT(resetLines, ElementsAre("RESET A B"));
 }
 
 TEST_F(DelayQueue, EndsItsWalkWhenALineClearsIt)
 {
-    queue() = {{1, "A"}, {2, "DELAY CLEAR"}, {3, "B"}, {1'000'000'000, "C"}};
+    queueUp({{1, "A"}, {2, "DELAY CLEAR"}, {3, "B"}, {1'000'000'000, "C"}});
     EXPECT_THAT(run(), ElementsAre("A\n"));
-    EXPECT_THAT(queue(), IsEmpty());
-    queue() = {{1, "D"}};
+    EXPECT_THAT(queue().lines(), IsEmpty());
+    queueUp({{1, "D"}});
     EXPECT_THAT(run(), ElementsAre("D\n")) << "the next walk is a whole one";
 }
 
 TEST_F(DelayQueue, IsClearedByItsOnlyLine)
 {
-    queue() = {{1, "delay clear"}};
+    queueUp({{1, "delay clear"}});
     EXPECT_THAT(run(), IsEmpty());
-    EXPECT_THAT(queue(), IsEmpty());
+    EXPECT_THAT(queue().lines(), IsEmpty());
 }
 
 TEST_F(DelayQueue, TakesTokensInFrontOfAClear)
 {
-    queue() = {{1, "A|DELAY CLEAR|B"}, {2, "C"}};
+    queueUp({{1, "A|DELAY CLEAR|B"}, {2, "C"}});
     EXPECT_THAT(run(), ElementsAre("A\n"));
-    EXPECT_THAT(queue(), IsEmpty());
+    EXPECT_THAT(queue().lines(), IsEmpty());
 }
 
 TEST_F(DelayQueue, GoesOnAfterAClearThatWasTyped)
 {
     replies("DELAY CLEAR");
-    queue() = {{1, "A"}, {2, "B"}};
+    queueUp({{1, "A"}, {2, "B"}});
     EXPECT_THAT(run(), ElementsAre("A\n", "B\n"));
 }
 
@@ -402,57 +412,57 @@ TEST_F(DelayQueue, TakesALineThatQueuesAnother)
     replies("DELAY 1.0|A|DELAY 1.0|B");
     clock.set(START + 1, 0);
     EXPECT_THAT(run(), ElementsAre("A\n"));
-    EXPECT_THAT(queue(), ElementsAre(Due(1'002'000, "B")));
+    EXPECT_THAT(queue().lines(), ElementsAre(Due(1'002'000, "B")));
     clock.set(START + 2, 0);
     EXPECT_THAT(run(), ElementsAre("B\n"));
-    EXPECT_THAT(queue(), IsEmpty());
+    EXPECT_THAT(queue().lines(), IsEmpty());
 }
 
 TEST_F(DelayQueue, RunsInTheSameWalkWhatALineQueuesForNow)
 {
-    queue() = {{999'000, "DELAY 1|A"}, {1'000'000, "B"}, {1'000'001, "C"}};
+    queueUp({{999'000, "DELAY 1|A"}, {1'000'000, "B"}, {1'000'001, "C"}});
     EXPECT_THAT(run(), ElementsAre("B\n", "A\n")) << "behind what is due then already";
-    EXPECT_THAT(queue(), ElementsAre(Due(1'000'001, "C")));
+    EXPECT_THAT(queue().lines(), ElementsAre(Due(1'000'001, "C")));
 }
 
 TEST_F(DelayQueue, TakesManyLinesThatQueueOthers)
 {
     for (int i = 0; i < 200; ++i)
-        queue().emplace(static_cast<std::uint64_t>(i), "DELAY " + std::to_string(1 + i % 7) + ".0|*");
+        queue().add(static_cast<std::uint64_t>(i), "DELAY " + std::to_string(1 + i % 7) + ".0|*");
     EXPECT_THAT(run(), IsEmpty());
-    EXPECT_THAT(queue(), SizeIs(200));
-    for (const auto& [due, line] : queue())
+    EXPECT_THAT(queue().lines(), SizeIs(200));
+    for (const auto& [due, line] : queue().lines())
         EXPECT_EQ(line, "*");
     clock.set(START + 100, 0);
     EXPECT_THAT(run(), IsEmpty()) << "the bare star reaches nobody";
-    EXPECT_THAT(queue(), IsEmpty());
+    EXPECT_THAT(queue().lines(), IsEmpty());
 }
 
 TEST_F(DelayQueue, ListsNothingForADelayedListing)
 {
-    queue() = {{1, "DELAY"}, {1'010'000, "X"}};
+    queueUp({{1, "DELAY"}, {1'010'000, "X"}});
     EXPECT_THAT(run(), IsEmpty());
-    EXPECT_THAT(queue(), SizeIs(1));
+    EXPECT_THAT(queue().lines(), SizeIs(1));
     EXPECT_THAT(conn.written, IsEmpty());
 }
 
 TEST_F(DelayQueue, WaitsALittleWhenTheClockCannotBeRead)
 {
-    queue() = {{1, "A"}};
+    queueUp({{1, "A"}});
     clock.fails = true;
     const Stopwatch watch;
     EXPECT_THAT(run(), IsEmpty());
     EXPECT_GE(watch.ms(), 95);
-    EXPECT_THAT(queue(), SizeIs(1));
+    EXPECT_THAT(queue().lines(), SizeIs(1));
     clock.fails = false;
     EXPECT_THAT(run(), ElementsAre("A\n"));
 }
 
 TEST_F(DelayQueue, ComparesTimesWithoutASign)
 {
-    queue() = {{~0ULL, "never"}, {1ULL << 63, "never"}};
+    queueUp({{~0ULL, "never"}, {1ULL << 63, "never"}});
     EXPECT_THAT(run(), IsEmpty());
-    EXPECT_THAT(queue(), SizeIs(2));
+    EXPECT_THAT(queue().lines(), SizeIs(2));
 }
 
 // --- lines that wait
@@ -478,17 +488,17 @@ protected:
 
 TEST_F(WaitingDelay, KeepsThoseBehindItInOrder)
 {
-    queue() = {{1, "s3.ENC A|s3.MOT B|s3.ENC C"}, {2, "s3.ENC D"}, {3, "s3.MOT E"}, {2'000'000, "s3.ENC F"}};
+    queueUp({{1, "s3.ENC A|s3.MOT B|s3.ENC C"}, {2, "s3.ENC D"}, {3, "s3.MOT E"}, {2'000'000, "s3.ENC F"}});
     EXPECT_THAT(run(), ElementsAre("A\n"));
     EXPECT_TRUE(waits());
-    EXPECT_THAT(queue(), SizeIs(3));
+    EXPECT_THAT(queue().lines(), SizeIs(3));
     EXPECT_THAT(run(), IsEmpty()) << "nothing has been taken";
     clock.set(START + 1, 0);
     EXPECT_THAT(run(), IsEmpty());
     (void)motor.receive();
     EXPECT_THAT(run(), ElementsAre("C\n", "D\n"));
     EXPECT_TRUE(waits()) << "the next one for that process";
-    EXPECT_THAT(queue(), ElementsAre(Due(2'000'000, "s3.ENC F")));
+    EXPECT_THAT(queue().lines(), ElementsAre(Due(2'000'000, "s3.ENC F")));
     (void)motor.receive();
     EXPECT_THAT(run(), IsEmpty());
     EXPECT_FALSE(waits());
@@ -498,17 +508,17 @@ TEST_F(WaitingDelay, KeepsThoseBehindItInOrder)
 
 TEST_F(WaitingDelay, RunsWhatHasFallenDueMeanwhile)
 {
-    queue() = {{1, "s3.MOT A"}, {1'001'000, "s3.ENC B"}};
+    queueUp({{1, "s3.MOT A"}, {1'001'000, "s3.ENC B"}});
     EXPECT_THAT(run(), IsEmpty());
     clock.set(START + 1, 0);
     (void)motor.receive();
     EXPECT_THAT(run(), ElementsAre("B\n"));
-    EXPECT_THAT(queue(), IsEmpty());
+    EXPECT_THAT(queue().lines(), IsEmpty());
 }
 
 TEST_F(WaitingDelay, IsGivenUpWithoutAnAnswerWhenTheProcessIsStuck)
 {
-    queue() = {{1, "s3.MOT A|s3.ENC B"}, {2, "s3.MOT C"}, {3, "s3.ENC D"}};
+    queueUp({{1, "s3.MOT A|s3.ENC B"}, {2, "s3.MOT C"}, {3, "s3.ENC D"}});
     EXPECT_THAT(run(), IsEmpty());
     time.pass(TFullQueues::PATIENCE);
     EXPECT_THAT(run(), ElementsAre("B\n", "D\n")) << "C does not wait any more";
@@ -519,12 +529,12 @@ TEST_F(WaitingDelay, IsGivenUpWithoutAnAnswerWhenTheProcessIsStuck)
 
 TEST_F(WaitingDelay, DoesNotHoldLinesThatAreTyped)
 {
-    queue() = {{1, "s3.MOT A"}};
+    queueUp({{1, "s3.MOT A"}});
     run();
     bench.regProcs.front()->portMask = PORT_IPC;
     EXPECT_THAT(replies("s3.ENC X|DELAY 10.0|Y"), ElementsAre("OK\r\n\r\n"));
     EXPECT_THAT(encoder.receiveTexts(), ElementsAre("X\n"));
-    EXPECT_THAT(queue(), ElementsAre(Due(1'010'000, "Y")));
+    EXPECT_THAT(queue().lines(), ElementsAre(Due(1'010'000, "Y")));
     EXPECT_TRUE(waits());
     (void)motor.receive();
     EXPECT_THAT(run(), IsEmpty());
@@ -533,38 +543,38 @@ TEST_F(WaitingDelay, DoesNotHoldLinesThatAreTyped)
 
 TEST_F(WaitingDelay, IsNeitherListedNorClearedAsItIsUnderWay)
 {
-    queue() = {{1, "s3.MOT A|s3.ENC B"}, {998'000, "s3.ENC C"}, {1'010'000, "s3.ENC D"}};
+    queueUp({{1, "s3.MOT A|s3.ENC B"}, {998'000, "s3.ENC C"}, {1'010'000, "s3.ENC D"}});
     run();
     EXPECT_EQ(readable(listing()), readable("OK\r\n"
                                             "000:00:-2.000 s3.ENC C\r\n"
                                             "000:00:10.000 s3.ENC D\r\n"
                                             "\r\n"));
     EXPECT_THAT(replies("DELAY CLEAR"), ElementsAre("OK\r\n\r\n"));
-    EXPECT_THAT(queue(), IsEmpty());
+    EXPECT_THAT(queue().lines(), IsEmpty());
     EXPECT_TRUE(waits());
     EXPECT_EQ(readable(listing()), "OK\\r\\n\\r\\n");
     (void)motor.receive();
     EXPECT_THAT(run(), ElementsAre("B\n"));
     EXPECT_THAT(CommandTestBench::forwardedTo(motor), ElementsAre("A\n"));
-    queue() = {{1, "s3.ENC E"}};
+    queueUp({{1, "s3.ENC E"}});
     EXPECT_THAT(run(), ElementsAre("E\n")) << "the next walk is a whole one";
 }
 
 TEST_F(WaitingDelay, ClearsWhatIsBehindItWhenItGoesOn)
 {
-    queue() = {{1, "s3.MOT A|DELAY CLEAR"}, {2, "s3.ENC B"}};
+    queueUp({{1, "s3.MOT A|DELAY CLEAR"}, {2, "s3.ENC B"}});
     EXPECT_THAT(run(), IsEmpty());
-    EXPECT_THAT(queue(), SizeIs(1));
+    EXPECT_THAT(queue().lines(), SizeIs(1));
     (void)motor.receive();
     EXPECT_THAT(run(), IsEmpty());
-    EXPECT_THAT(queue(), IsEmpty());
+    EXPECT_THAT(queue().lines(), IsEmpty());
     EXPECT_FALSE(waits());
 }
 
 TEST_F(WaitingDelay, GoesOnWithALineThatIsCut)
 {
     const std::string tail(300, 'x');
-    queue() = {{1, "s3.MOT A|s3.ENC " + tail}};
+    queueUp({{1, "s3.MOT A|s3.ENC " + tail}});
     run();
     (void)motor.receive();
     EXPECT_THAT(run(), ElementsAre(tail.substr(0, 255 - 16) + "\n"));
@@ -572,7 +582,7 @@ TEST_F(WaitingDelay, GoesOnWithALineThatIsCut)
 
 TEST_F(WaitingDelay, WaitsForAResetAndIsForwardedOnceWhenItFails)
 {
-    queue() = {{1, "RESET REINIT s3"}, {2, "s3.ENC A"}};
+    queueUp({{1, "RESET REINIT s3"}, {2, "s3.ENC A"}});
     (void)motor.receiveAll();
     resetResult = RESET_WAITS;
     EXPECT_THAT(run(), IsEmpty());

@@ -275,10 +275,10 @@ TEST_F(InterpreterWithEncoder, QueuesDelayedCommands)
     for (const Row& row : rows) {
         EXPECT_THAT(replies(row.line), ElementsAre(DONE)) << row.line;
         EXPECT_EQ(result, 0) << row.line;
-        ASSERT_EQ(bench.delayQueues.size(), 1U) << row.line;
-        EXPECT_EQ(bench.delayQueues.begin()->second, row.queued) << row.line;
+        ASSERT_EQ(bench.delayQueues.lines().size(), 1U) << row.line;
+        EXPECT_EQ(bench.delayQueues.lines().begin()->second, row.queued) << row.line;
         EXPECT_THAT(replies("delay clear"), ElementsAre(DONE));
-        EXPECT_THAT(bench.delayQueues, IsEmpty());
+        EXPECT_THAT(bench.delayQueues.lines(), IsEmpty());
     }
     EXPECT_THAT(encoder.receiveTexts(), IsEmpty()) << "nothing is executed now";
 }
@@ -289,7 +289,7 @@ TEST_F(InterpreterWithEncoder, RefusesDelaysWithoutAUsableTime)
         EXPECT_THAT(replies(line), ElementsAre(DELAY_REFUSED)) << line;
         EXPECT_EQ(result, 0) << line;
     }
-    EXPECT_THAT(bench.delayQueues, IsEmpty());
+    EXPECT_THAT(bench.delayQueues.lines(), IsEmpty());
     EXPECT_THAT(encoder.receiveTexts(), IsEmpty());
 }
 
@@ -475,7 +475,7 @@ TEST_F(WaitingLine, GoesOnExactlyWhereItLeftOff)
         const auto outcome = [&] {
             std::vector<Texts> all = {ipc.written, encoder.receiveTexts(), forwardedTo(motor), camera.receiveTexts()};
             ipc.written.clear();
-            for (const auto& [due, delayed] : bench.delayQueues)
+            for (const auto& [due, delayed] : bench.delayQueues.lines())
                 all.back().push_back(delayed);
             bench.delayQueues.clear();
             return all;

@@ -126,3 +126,15 @@ TEST_F(WakeUp, OfAForkedChildIsItsOwn)
     wakeUp.clear();
     EXPECT_FALSE(isAwake(wakeUp)) << "the child has woken itself only";
 }
+
+TEST(WakeUpOfTheProcess, IsNotSharedWithAForkedChild)
+{
+    g_wakeUp.open();
+    g_wakeUp.clear();
+    TChildProcess child([] {
+        g_wakeUp.wake();
+        return isAwake(g_wakeUp) ? 0 : 1;
+    });
+    EXPECT_EQ(child.result(), 0);
+    EXPECT_FALSE(isAwake(g_wakeUp));
+}

@@ -21,7 +21,11 @@ const std::vector<std::string> restartTried{"fork", "sync", "sleep 5", "reboot 0
 /// This process takes itself for the copy.
 class Copy : public testing::Test {
 protected:
-    Copy() { system.forkResult = 0; }
+    Copy()
+    {
+        system.forkResult = 0;
+        g_tess = bench.tess.get();
+    }
     ~Copy() override
     {
         ::close(wakeUpOfTheOriginal);
@@ -64,7 +68,7 @@ TEST_F(Copy, GoesOnBehindADelayedReset)
 {
     bench.registerProcess(2001, 15, "ENC");
     const QueueProcess encoder(bench.directory, 2001);
-    bench.peer.delayQueues().emplace(0, "RESET");
+    bench.peer.delayQueues().add(0, "RESET");
     bench.peer.serve();
     EXPECT_THAT(encoder.receiveTexts(), ElementsAre("RESET\n")) << "a delayed line that fails is for processes";
     expectsCopy();
@@ -78,6 +82,18 @@ TEST_F(Copy, AnswersTheProcessThatAskedForTheRestart)
     expectsCopy();
 }
 
+TEST(ForkedChild, OfADaemonIsACopyWhoeverForksIt)
+{
+    const DaemonTestBench bench;
+    g_tess = bench.tess.get();
+    const pid_t child = ::fork();
+    if (child == 0) ::_exit(g_isCopy ? 0 : 1);
+    int status = -1;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
+    EXPECT_FALSE(g_isCopy);
+}
+
 // --- in a process of its own
 
 namespace {
@@ -89,6 +105,7 @@ protected:
         if (!privateMountsProblem().empty()) GTEST_SKIP() << privateMountsProblem();
         system.forksReally = true;
         bench.emplace(DaemonTestBench::WITH_LOCAL_PORTS);
+        g_tess = bench->tess.get();
         ipc.emplace("/tmp/socket");
         xcp.emplace("/tmp/xcp");
     }
@@ -156,7 +173,7 @@ TEST_F(RealCopy, OfTheServiceThreadDisturbsNobodyOfTheOriginal)
             const std::scoped_lock lock(bench->peer.connLock());
         }
     });
-    bench->peer.delayQueues().emplace(0, "RESET");
+    bench->peer.delayQueues().add(0, "RESET");
     bench->peer.serve();
     if (isChild()) endCopy();
     ended = true;

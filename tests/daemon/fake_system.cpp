@@ -10,6 +10,13 @@ namespace {
 
 FakeSystem* fake = nullptr;
 
+/// What pthread_atfork(3) was told to call in children. Filled before main().
+std::vector<void (*)()>& childHandlers()
+{
+    static std::vector<void (*)()> handlers;
+    return handlers;
+}
+
 } // namespace
 
 FakeSystem::FakeSystem()
@@ -28,6 +35,8 @@ extern "C" {
 
 pid_t __real_fork();
 pid_t __wrap_fork();
+int __real_pthread_atfork(void (*prepare)(), void (*parent)(), void (*child)());
+int __wrap_pthread_atfork(void (*prepare)(), void (*parent)(), void (*child)());
 void __wrap_sync();
 unsigned __wrap_sleep(unsigned seconds);
 int __wrap_reboot(int command);
@@ -39,7 +48,16 @@ pid_t __wrap_fork()
     if (fake->onFork) fake->onFork();
     if (fake->forksReally) return __real_fork();
     if (fake->forkResult < 0) errno = EAGAIN;
+    if (fake->forkResult == 0)
+        for (void (*const handler)() : childHandlers())
+            handler();
     return fake->forkResult;
+}
+
+int __wrap_pthread_atfork(void (*prepare)(), void (*parent)(), void (*child)())
+{
+    if (child != nullptr) childHandlers().push_back(child);
+    return __real_pthread_atfork(prepare, parent, child);
 }
 
 void __wrap_sync()

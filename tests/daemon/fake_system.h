@@ -14,9 +14,9 @@ public:
     FakeSystem& operator=(const FakeSystem&) = delete;
     ~FakeSystem();
 
-    pid_t forkResult = 4711;      ///< what fork() returns; negative: with errno EAGAIN
-    bool forksReally = false;     ///< fork() forks: what follows is done by a child too
-    int rebootResult = -1;        ///< what reboot() returns; -1: with errno EPERM
+    pid_t forkResult = 4711;  ///< what fork() returns; negative: with errno EAGAIN; 0: as in a child, repairs included
+    bool forksReally = false; ///< fork() forks: what follows is done by a child too
+    int rebootResult = -1;    ///< what reboot() returns; -1: with errno EPERM
     std::function<void()> onFork; ///< called at every fork()
 
     std::vector<std::string> calls; ///< what was called, in order

@@ -136,7 +136,7 @@ TEST_F(FourPorts, TakeATelnetUserThroughTheLoginToACommand)
     pass("secret\r\n", "User alice connected\r\n");
     pass("*\r\n", "*\r\n0\r\n\r\n");
     pass("delay 5:0.0|X\r\n", "delay 5:0.0|X\r\nOK\r\n\r\n");
-    EXPECT_EQ(peer.delayQueues().size(), 1U);
+    EXPECT_EQ(peer.delayQueues().lines().size(), 1U);
     ASSERT_TRUE(client.send("quit\r\n"));
     ASSERT_TRUE(waitUntil([&] {
         peer.serve(SHORT);

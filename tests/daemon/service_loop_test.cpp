@@ -524,7 +524,7 @@ TEST_F(ServiceLoopThread, WakesUpOnceASecondWhenNothingHappens)
 
 TEST_F(ServiceLoopThread, WakesUpFourTimesASecondWhileACommandIsDelayed)
 {
-    bench.peer.delayQueues().emplace(UINT64_MAX, "X");
+    bench.peer.delayQueues().add(UINT64_MAX, "X");
     ASSERT_EQ(bench.tess->startService(), 0);
     const Stopwatch watch;
     ASSERT_TRUE(waitUntil([this] { return turns >= 5; }));
@@ -540,7 +540,7 @@ TEST_F(ServiceLoopThread, RunsDelayedCommandsWithoutTheConnectionLock)
         EXPECT_TRUE(bench.peer.connLock().isMine()) << "a copy begins with whole lists";
         bench.tess->requestStop();
     };
-    bench.peer.delayQueues().emplace(0, "RESET");
+    bench.peer.delayQueues().add(0, "RESET");
     port.onCheck = [&] { free = probe.emplace(bench.peer.connLock()).takenWithin(DEADLINE); };
     bench.peer.serviceLoop();
     EXPECT_THAT(system.calls, ElementsAre("fork"));

@@ -231,8 +231,8 @@ TEST(WaitingCommand, OfTheDelayQueueWaitsTheSameWay)
 {
     EXPECT_THAT(undisturbed([] {
                     FullBench bench;
-                    bench.peer.delayQueues().emplace(0, "D1");
-                    bench.peer.delayQueues().emplace(1, "D2");
+                    bench.peer.delayQueues().add(0, "D1");
+                    bench.peer.delayQueues().add(1, "D2");
                     const FakeConn& a = bench.addAsker(1, "a", {"*"});
                     bench.peer.serve();
                     bench.peer.serve();

@@ -1,4 +1,4 @@
-#include "commands/delay_queue.h"
+#include "commands/delay_command.h"
 
 #include <algorithm>
 #include <optional>
@@ -61,7 +61,7 @@ void checkListing(const FakeConn& conn, const TDelayQueue& queue)
     }
     fuzzCheck(all.starts_with("OK\r\n") && all.ends_with("\r\n"), "a listing has its first and last line");
     std::size_t at = 4;
-    for (const auto& [due, line] : queue) {
+    for (const auto& [due, line] : queue.lines()) {
         const std::size_t timeEnd = all.find(' ', at);
         fuzzCheck(timeEnd != std::string::npos, "an entry has its time");
         const std::string time = all.substr(at, timeEnd - at);
@@ -98,11 +98,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         std::erase_if(line, [](char c) { return c == '\r' || c == '\n' || c == '\0'; }); // no reader yields them
         const std::string token = "DELAY " + text;
         const std::string_view tokens[] = {token, line};
-        const std::size_t before = bench.delayQueues.size();
+        const std::size_t before = bench.delayQueues.lines().size();
         const int result = setDelay(bench.context, tokens);
         fuzzCheck((result == 0) == (parseDelayTime(trimmed(text)) != 0), "a time is taken unless it is 0");
-        fuzzCheck(bench.delayQueues.size() == before + (result == 0 ? 1 : 0), "a line that is taken is queued");
-        if (input.byte() % 8 == 0) bench.delayQueues.emplace(input.number<std::uint64_t>(), "any time");
+        fuzzCheck(bench.delayQueues.lines().size() == before + (result == 0 ? 1 : 0), "a line that is taken is queued");
+        if (input.byte() % 8 == 0) bench.delayQueues.add(input.number<std::uint64_t>(), "any time");
         clock.set(clock.seconds + input.byte() % 4, input.number<std::uint32_t>() % 1'000'000'000);
         FakeConn conn(PORT_IPC, 0xBB01'0000);
         fuzzCheck(listDelays(bench.context, &conn) == 0, "a listing succeeds");

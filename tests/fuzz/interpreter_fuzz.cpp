@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "commands/delay_runner.h"
 #include "commands/reply.h"
 #include "common/text.h"
 #include "framework/tokenizer.h"
@@ -85,14 +86,14 @@ public:
     void runDelayed()
     {
         TDelayQueue due;
-        for (auto& [time, line] : bench_.delayQueues)
-            due.emplace(0, std::move(line));
+        for (const auto& [time, line] : bench_.delayQueues.lines())
+            due.add(0, line);
         bench_.delayQueues = std::move(due);
         forwarded_.clear();
         for (runDelays(bench_.context); bench_.delayedLine.runs; runDelays(bench_.context))
             makeRoom(bench_.delayedLine.progress);
         checkAtItsStart(bench_.delayedLine.progress);
-        for (const auto& [time, line] : bench_.delayQueues)
+        for (const auto& [time, line] : bench_.delayQueues.lines())
             fuzzCheck(time != 0, "what was due is no longer queued");
         checkRecord();
         takeForwarded();

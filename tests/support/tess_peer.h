@@ -30,8 +30,8 @@ public:
     int removeConn(std::size_t index) { return tess_.removeConn(index); }
     void closeAllConns() { tess_.closeAllConns(); }
     void closeTelnetConns() { tess_.closeTelnetConns(); }
-    int registerProc() { return tess_.registerProc(); }
-    int unregisterProc() { return tess_.unregisterProc(); }
+    RegisterResult registerProc() { return tess_.registerProc(); }
+    UnregisterResult unregisterProc() { return tess_.unregisterProc(); }
     bool handleReset() { return tess_.handleReset(); }
     void clearRegistry() { tess_.clearRegistry(); }
 

@@ -1,4 +1,4 @@
-#include "daemon/std_descriptors.h"
+#include "common/std_descriptors.h"
 
 #include <fcntl.h>
 #include <initializer_list>

@@ -1,0 +1,93 @@
+#include "commands/delay_command.h"
+
+#include <boost/format.hpp>
+#include <optional>
+
+#include "commands/clock_reading.h"
+#include "commands/delay_time.h"
+#include "commands/reply.h"
+#include "common/text.h"
+
+namespace {
+
+using Clock = ClockReading;
+
+/// When a delay that starts now falls due. Of its milliseconds almost nothing counts: the remainder is taken for nanoseconds
+/// (deliberate).
+std::uint64_t dueTime(Clock now, std::uint64_t delay)
+{
+    now.seconds += static_cast<std::uint32_t>(delay / Clock::MS_PER_S);
+    now.nanoseconds += static_cast<std::uint32_t>(delay % Clock::NS_PER_MS);
+    return now.milliseconds();
+}
+
+std::string joined(std::span<const std::string_view> tokens)
+{
+    std::string line;
+    for (const std::string_view token : tokens) {
+        if (token.data() != tokens.front().data()) line += '|';
+        line += token;
+    }
+    return line;
+}
+
+/// One line of the listing. The rest of the due time in milliseconds is set off against the clock's nanoseconds
+/// (deliberate): the milliseconds shown run to the clock's next whole second, and the seconds are one less.
+std::string listingLine(const Clock& now, std::uint64_t due, const std::string& line)
+{
+    // Seconds wrap at 32 bits; they are negative when the line is due within the second.
+    std::uint32_t left = static_cast<std::uint32_t>(due / Clock::MS_PER_S) - static_cast<std::uint32_t>(now.seconds);
+    std::int64_t fraction = static_cast<std::int64_t>(due % Clock::MS_PER_S);
+    if (now.nanoseconds > fraction) {
+        fraction += Clock::NS_PER_S;
+        left -= 1;
+    }
+    const auto seconds = static_cast<std::int32_t>(left);
+    return (boost::format("%03u:%02u:%02u.%03u %s\r\n") % (seconds / 3600) % (seconds % 3600 / 60) %
+            (seconds % 3600 % 60) % ((fraction - now.nanoseconds) / Clock::NS_PER_MS) % line)
+        .str();
+}
+
+/// Writes a text of whole lines, as many as fit a record at a time.
+void writeLines(TCommandContext& context, TPortConn& conn, std::string_view text)
+{
+    constexpr std::size_t capacity = MSG_TEXT_BYTES - 1;
+    while (!text.empty()) {
+        const std::size_t lastEnd = text.size() <= capacity ? text.size() : text.rfind('\n', capacity - 1) + 1;
+        replyTo(context, &conn, text.substr(0, lastEnd));
+        text.remove_prefix(lastEnd);
+    }
+}
+
+} // namespace
+
+int setDelay(TCommandContext& context, std::span<const std::string_view> tokens)
+{
+    const std::string_view argument = trimmed(trimmed(tokens[0]).substr(std::string_view("DELAY").size()));
+    if (beginsWithNoCase(argument, "CLEAR")) {
+        context.delayQueues.clear();
+        return 0;
+    }
+    const std::uint64_t delay = parseDelayTime(argument);
+    if (delay == 0) return 1;
+    const std::optional<Clock> now = Clock::now();
+    if (!now) return 1;
+    context.delayQueues.add(dueTime(*now, delay), joined(tokens.subspan(1)));
+    return 0;
+}
+
+int listDelays(TCommandContext& context, TPortConn* conn)
+{
+    const std::optional<Clock> now = Clock::now();
+    if (!now) {
+        replyTo(context, conn, "Error Getting Delay Queues\r\n\r\n");
+        return 1;
+    }
+    if (conn == nullptr) return 0;
+    std::string text = "OK\r\n";
+    for (const auto& [due, line] : context.delayQueues.lines())
+        text += listingLine(*now, due, line);
+    text += "\r\n";
+    writeLines(context, *conn, text);
+    return 0;
+}

@@ -1,0 +1,19 @@
+#pragma once
+
+#include <array>
+#include <string_view>
+
+/// What becomes of a request to register a process.
+enum class RegisterResult { done = 0, nothingEnabled = 1, listFull = 2, noMemory = 3 };
+
+/// What becomes of a request to unregister the sender's process.
+enum class UnregisterResult { done = 0, listEmpty = 1, notFound = 2 };
+
+/// What the sender is told, by result. The last text is for any other result, and there is none.
+inline constexpr std::array<std::string_view, 5> registerTexts{
+    "Process register operation successful", "Command register request with nothing enabled",
+    "Max # of registered processes reached", "Couldn't allocate memory for process register request",
+    "Process register operation failed"};
+inline constexpr std::array<std::string_view, 4> unregisterTexts{
+    "Process unregister operation successful", "Registered process list is empty",
+    "Process not found in registered process list", "Process unregister operation failed"};
