@@ -1,7 +1,7 @@
 #include "framework/bundled/own_queue.h"
 
 #include "framework/bundled/log_messages.h"
-#include "framework/bundled/queue_fd.h"
+#include "framework/fd.h"
 #include "framework/fixed_text.h"
 #include "framework/hr_time_out.h"
 #include "framework/sleep.h"
@@ -58,19 +58,20 @@ constexpr int DRAIN_AT_ONCE = 64;
     fail(address, path, why);
 }
 
-int newSocket()
+/// @return none when it cannot be made
+Fd newSocket()
 {
-    TQueueFd fd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (fd.get() < 0) return -1;
+    Fd fd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (fd.get() < 0) return fd;
     timeval oneSecond{};
     oneSecond.tv_sec = 1;
     // With a time-out set, a signal ends the wait even if its handler was installed with SA_RESTART (signal(7)). Without one
     // nothing but a record would end it.
-    if (::setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &oneSecond, sizeof oneSecond) != 0) return -1;
+    if (::setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &oneSecond, sizeof oneSecond) != 0) return Fd();
     const int bytes = SEND_BUFFER_BYTES;
     if (::setsockopt(fd.get(), SOL_SOCKET, SO_SNDBUFFORCE, &bytes, sizeof bytes) != 0)
         ::setsockopt(fd.get(), SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes); // cut to net.core.wmem_max
-    return fd.release();
+    return fd;
 }
 
 /// Puts another socket behind a descriptor that other threads may be using; they find either the old one or the new one.
@@ -82,19 +83,19 @@ bool replaceSocket(int descriptor, int by)
 
 /// Holds the queue directory locked (flock(2)), against others that open or close a queue in it. They are done at once;
 /// whoever keeps the lock all the same holds nobody up for long.
-/// @return negative with errno set when that is not possible
-int lockDirectory(const TQueueDirectory& directory)
+/// @return none, with errno set, when that is not possible
+Fd lockDirectory(const TQueueDirectory& directory)
 {
-    TQueueFd fd(::open(directory.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (fd.get() < 0) return -1;
+    Fd fd(::open(directory.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (fd.get() < 0) return fd;
     timeval patience{};
     patience.tv_sec = LOCK_PATIENCE_S;
     const TOrbHRTimeOut end(patience);
     while (::flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
-        if (errno != EWOULDBLOCK || end.hasTimedOut()) return -1;
+        if (errno != EWOULDBLOCK || end.hasTimedOut()) return Fd();
         Sleep(LOCK_TRY_MS);
     }
-    return fd.release();
+    return fd;
 }
 
 /// Removes the socket file that a dead process has left; leaves everything else alone. Called with the directory locked.
@@ -107,7 +108,7 @@ void removeStaleFile(long address, const std::string& path, const sockaddr_un& n
         fail(address, path, std::strerror(errno));
     }
     if (!S_ISSOCK(found.st_mode)) fail(address, path, "is not a socket");
-    const TQueueFd probe(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const Fd probe(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     if (probe.get() < 0) fail(address, path, std::strerror(errno));
     if (::connect(probe.get(), reinterpret_cast<const sockaddr*>(&name), sizeof name) == 0) failInUse(address);
     // EPROTOTYPE: a live socket of another kind. EPERM: a live one that talks to one peer only.
@@ -133,7 +134,7 @@ int TOwnQueue::socket()
 {
     const int present = socket_.load();
     if (present >= 0) return present;
-    TQueueFd fresh(newSocket());
+    Fd fresh = newSocket();
     int expected = -1;
     if (fresh.get() < 0 || !socket_.compare_exchange_strong(expected, fresh.get())) return expected;
     return fresh.release();
@@ -162,7 +163,7 @@ void TOwnQueue::openLocked(long address)
     }
     const TQueueDirectory& in = TQueueDirectory::fromEnvironment();
     const int descriptor = socket();
-    const TQueueFd bound(newSocket());
+    const Fd bound = newSocket();
     if (descriptor < 0 || bound.get() < 0) fail(address, "socket", std::strerror(errno));
     file_ = bindSocket(bound.get(), address, in);
     address_ = address;
@@ -184,7 +185,7 @@ TOwnQueue::FileId TOwnQueue::bindSocket(int fd, long address, const TQueueDirect
     sockaddr_un name{};
     if (!in.socketAddress(address, name)) fail(address, path, "path too long for a socket address");
     in.create();
-    const TQueueFd lock(lockDirectory(in));
+    const Fd lock = lockDirectory(in);
     if (lock.get() < 0) failLock(address, in.path(), errno);
     removeStaleFile(address, path, name);
     // The file's mode is the descriptor's less the umask: never wider than wanted, not even for a moment.
@@ -207,7 +208,7 @@ void TOwnQueue::removeFile()
 {
     const TQueueDirectory& in = directory();
     const std::string path = in.socketPath(address_);
-    const TQueueFd lock(lockDirectory(in));
+    const Fd lock = lockDirectory(in);
     struct stat found {};
     if (lock.get() < 0 || ::lstat(path.c_str(), &found) != 0) return;
     if (found.st_dev == file_.device && found.st_ino == file_.inode) ::unlink(path.c_str());
@@ -221,7 +222,7 @@ void TOwnQueue::close()
     removeFile();
     open_.store(false);
     const std::scoped_lock receiving(receiveLock_);
-    const TQueueFd unbound(newSocket());
+    const Fd unbound = newSocket();
     // Without a descriptor to spare the old socket stays, but nothing goes through it any more.
     if (unbound.get() < 0 || !replaceSocket(socket_.load(), unbound.get())) ::shutdown(socket_.load(), SHUT_RDWR);
     backlog_.clear();
@@ -232,8 +233,8 @@ void TOwnQueue::close()
 void TOwnQueue::forget()
 {
     if (!open_.exchange(false)) return;
-    const TQueueFd unbound(newSocket());
-    if (unbound.get() < 0 || !replaceSocket(socket_.load(), unbound.get())) ::close(socket_.exchange(-1));
+    const Fd unbound = newSocket();
+    if (unbound.get() < 0 || !replaceSocket(socket_.load(), unbound.get())) Fd(socket_.exchange(-1)).reset();
 }
 
 void TOwnQueue::startInForkedChild()

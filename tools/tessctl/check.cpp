@@ -14,6 +14,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include "framework/fd.h"
 #include "framework/tess_messages.h"
 #include "tools/tessctl/answer_reader.h"
 #include "tools/tessctl/bounded_connect.h"
@@ -93,22 +94,22 @@ bool greets(int fd)
 Finding lookAtTelnet()
 {
     const std::string where = "127.0.0.1:23";
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const Fd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(TELNET_PORT);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     Finding finding{"telnet", false, {}};
-    const int error =
-        fd < 0 ? errno : connectWithin(ANSWER_TIME, fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    const int error = fd.get() < 0 ? errno
+                                   : connectWithin(ANSWER_TIME, fd.get(), reinterpret_cast<const sockaddr*>(&address),
+                                                   sizeof address);
     if (error != 0) {
         finding.what = failureText(where, error, PathOf::telnet);
-    } else if (greets(fd)) {
+    } else if (greets(fd.get())) {
         finding = {"telnet", true, where + " asks for a name"};
     } else {
         finding.what = where + ": no greeting: are ten others connected?";
     }
-    if (fd >= 0) ::close(fd);
     return finding;
 }
 

@@ -16,6 +16,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include "framework/fd.h"
 #include "framework/fixed_text.h"
 #include "framework/queue_mgr.h"
 #include "framework/queue_room.h"
@@ -132,11 +133,9 @@ int queueError(long address)
     sockaddr_un name{};
     name.sun_family = AF_UNIX;
     if (putText(name.sun_path, path) < path.size()) return ENAMETOOLONG;
-    const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) return errno;
-    const int error = ::connect(fd, reinterpret_cast<const sockaddr*>(&name), sizeof name) == 0 ? 0 : errno;
-    ::close(fd);
-    return error;
+    const Fd fd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (fd.get() < 0) return errno;
+    return ::connect(fd.get(), reinterpret_cast<const sockaddr*>(&name), sizeof name) == 0 ? 0 : errno;
 }
 
 bool stopAsked()

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <limits>
-#include <unistd.h>
 
 #include "tools/tessctl/daemon_client.h"
 
@@ -36,27 +35,16 @@ TNameClaim::TNameClaim(std::string_view name)
 {
 }
 
-TNameClaim::~TNameClaim()
-{
-    release();
-}
-
-void TNameClaim::release()
-{
-    if (directory_ >= 0) ::close(directory_);
-    directory_ = -1;
-}
-
 bool TNameClaim::locked(int part) const
 {
     struct flock lock = request(F_WRLCK, place_ + part); // it meets the read locks of others
-    return ::fcntl(directory_, F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+    return ::fcntl(directory_.get(), F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
 }
 
 void TNameClaim::lock(int part) const
 {
     struct flock lock = request(F_RDLCK, place_ + part); // a directory suffers no other
-    (void)::fcntl(directory_, F_OFD_SETLK, &lock);       // without it the others are not told
+    (void)::fcntl(directory_.get(), F_OFD_SETLK, &lock); // without it the others are not told
 }
 
 void TNameClaim::hold(bool takeOver) const

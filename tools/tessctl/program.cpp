@@ -14,35 +14,18 @@
 #include <unistd.h>
 #include <utility>
 
+#include "framework/fd.h"
 #include "tools/tessctl/seconds_text.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-class Descriptor {
-public:
-    explicit Descriptor(int fd = -1) : fd_(fd) {}
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    ~Descriptor() { close(); }
-
-    int get() const { return fd_; }
-    void close()
-    {
-        if (fd_ >= 0) ::close(fd_);
-        fd_ = -1;
-    }
-
-private:
-    int fd_;
-};
-
 struct Pipe {
     std::array<int, 2> ends{-1, -1};
     int error = ::pipe2(ends.data(), O_CLOEXEC) == 0 ? 0 : errno;
-    Descriptor reading{ends[0]};
-    Descriptor writing{ends[1]};
+    Fd reading{ends[0]};
+    Fd writing{ends[1]};
 };
 
 std::string reason(int error)
@@ -87,8 +70,7 @@ constexpr int PIECES_LEFT = 64; // more than a pipe holds
 /// Talks to a child until it has ended or its time is over.
 class Dialogue {
 public:
-    Dialogue(pid_t child, Descriptor& toChild, const Descriptor& fromChild, std::string_view input,
-             std::size_t outputLimit, int giveUp)
+    Dialogue(pid_t child, Fd& toChild, const Fd& fromChild, std::string_view input, std::size_t outputLimit, int giveUp)
         : child_(child), giveUp_(giveUp), toChild_(toChild), fromChild_(fromChild),
           ended_(static_cast<int>(::syscall(SYS_pidfd_open, child, 0U))), input_(input), outputLimit_(outputLimit)
     {
@@ -127,7 +109,7 @@ private:
         const ssize_t count = ::write(toChild_.get(), input_.data(), input_.size());
         if (count > 0) input_.remove_prefix(static_cast<std::size_t>(count));
         const bool refused = count < 0 && errno != EAGAIN && errno != EINTR; // it does not want to know
-        if (input_.empty() || refused) toChild_.close();
+        if (input_.empty() || refused) toChild_.reset();
     }
 
     /// Looks, for kernels before 5.3, which have no descriptors for processes. The child is left to be collected.
@@ -156,9 +138,9 @@ private:
 
     pid_t child_;
     int giveUp_;
-    Descriptor& toChild_;
-    const Descriptor& fromChild_;
-    Descriptor ended_;
+    Fd& toChild_;
+    const Fd& fromChild_;
+    Fd ended_;
     std::string_view input_;
     std::size_t outputLimit_;
     std::string output_;
@@ -178,8 +160,8 @@ ProgramResult runProgram(const std::vector<std::string>& words, std::string_view
     int error = in.error != 0 ? in.error : out.error;
     if (error == 0) error = spawn(words, in.reading.get(), out.writing.get(), child);
     if (error != 0) return {{}, name + ": " + reason(error)};
-    in.reading.close();
-    out.writing.close();
+    in.reading.reset();
+    out.writing.reset();
 
     Dialogue dialogue(child, in.writing, out.reading, input, outputLimit, giveUp);
     const End end = dialogue.run(timeLimit);

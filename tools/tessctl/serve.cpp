@@ -10,9 +10,9 @@
 #include <sys/eventfd.h>
 #include <system_error>
 #include <thread>
-#include <unistd.h>
 #include <utility>
 
+#include "framework/fd.h"
 #include "framework/tess_messages.h"
 #include "tools/tessctl/daemon_client.h"
 #include "tools/tessctl/program.h"
@@ -38,22 +38,19 @@ class EventFd {
 public:
     EventFd() : fd_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
     {
-        if (fd_ < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
+        if (fd_.get() < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
     }
-    EventFd(const EventFd&) = delete;
-    EventFd& operator=(const EventFd&) = delete;
-    ~EventFd() { ::close(fd_); }
 
-    int fd() const { return fd_; }
-    void set() const { (void)::eventfd_write(fd_, 1); } // it can only be set already
+    int fd() const { return fd_.get(); }
+    void set() const { (void)::eventfd_write(fd(), 1); } // it can only be set already
     bool isSet() const
     {
-        pollfd event{fd_, POLLIN, 0};
+        pollfd event{fd(), POLLIN, 0};
         return ::poll(&event, 1, 0) > 0;
     }
 
 private:
-    int fd_;
+    Fd fd_;
 };
 
 /// Answers commands one after the other, in a thread of its own.
