@@ -3,8 +3,6 @@
 #include "framework/bundled/log_messages.h"
 #include "framework/fd.h"
 #include "framework/fixed_text.h"
-#include "framework/hr_time_out.h"
-#include "framework/sleep.h"
 
 #include <cerrno>
 #include <cstddef>
@@ -13,9 +11,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <sys/file.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/uio.h>
@@ -28,35 +24,12 @@ namespace {
 
 static_assert(std::is_trivially_destructible_v<TOwnQueue>);
 
-constexpr mode_t SOCKET_MODE = 0660;
-constexpr int LOCK_PATIENCE_S = 2;
-constexpr int LOCK_TRY_MS = 10;
-
 /// What a socket has sent and nobody has taken counts against its send buffer: 32 full queues of full-size records take
 /// about 5.5 MiB (measured). The kernel doubles the figure.
 constexpr int SEND_BUFFER_BYTES = 6 * 1024 * 1024;
 
 /// How many records one drain() takes, so that a sender that never stops cannot hold its caller. Chosen, not measured.
 constexpr int DRAIN_AT_ONCE = 64;
-
-[[noreturn]] void fail(long address, const std::string& what, const std::string& why)
-{
-    throw std::runtime_error("queue address " + std::to_string(address) + ": " + what + ": " + why);
-}
-
-[[noreturn]] void failInUse(long address)
-{
-    throw std::runtime_error("queue address " + std::to_string(address) + " is in use");
-}
-
-/// @param error  as lockDirectory() leaves it
-[[noreturn]] void failLock(long address, const std::string& path, int error)
-{
-    std::string why = std::strerror(error);
-    if (error == EWOULDBLOCK)
-        why += ": another process has kept the directory locked for " + std::to_string(LOCK_PATIENCE_S) + " seconds";
-    fail(address, path, why);
-}
 
 /// @return none when it cannot be made
 Fd newSocket()
@@ -79,42 +52,6 @@ Fd newSocket()
 bool replaceSocket(int descriptor, int by)
 {
     return ::syscall(SYS_dup3, by, descriptor, O_CLOEXEC) >= 0;
-}
-
-/// Holds the queue directory locked (flock(2)), against others that open or close a queue in it. They are done at once;
-/// whoever keeps the lock all the same holds nobody up for long.
-/// @return none, with errno set, when that is not possible
-Fd lockDirectory(const TQueueDirectory& directory)
-{
-    Fd fd(::open(directory.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (fd.get() < 0) return fd;
-    timeval patience{};
-    patience.tv_sec = LOCK_PATIENCE_S;
-    const TOrbHRTimeOut end(patience);
-    while (::flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
-        if (errno != EWOULDBLOCK || end.hasTimedOut()) return Fd();
-        Sleep(LOCK_TRY_MS);
-    }
-    return fd;
-}
-
-/// Removes the socket file that a dead process has left; leaves everything else alone. Called with the directory locked.
-/// @throws std::runtime_error  the address is in use, or its path is something else than a queue
-void removeStaleFile(long address, const std::string& path, const sockaddr_un& name)
-{
-    struct stat found {};
-    if (::lstat(path.c_str(), &found) != 0) {
-        if (errno == ENOENT) return;
-        fail(address, path, std::strerror(errno));
-    }
-    if (!S_ISSOCK(found.st_mode)) fail(address, path, "is not a socket");
-    const Fd probe(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (probe.get() < 0) fail(address, path, std::strerror(errno));
-    if (::connect(probe.get(), reinterpret_cast<const sockaddr*>(&name), sizeof name) == 0) failInUse(address);
-    // EPROTOTYPE: a live socket of another kind. EPERM: a live one that talks to one peer only.
-    if (errno == EPROTOTYPE || errno == EPERM) failInUse(address);
-    if (errno != ECONNREFUSED) fail(address, path, std::strerror(errno));
-    if (::unlink(path.c_str()) != 0 && errno != ENOENT) fail(address, path, std::strerror(errno));
 }
 
 } // namespace
@@ -157,61 +94,24 @@ void TOwnQueue::openLocked(long address)
         throw std::runtime_error("queue address " + std::to_string(address) + " is not between 1 and " +
                                  std::to_string(TQueueDirectory::HIGHEST_ADDRESS));
     if (isOpen()) {
-        if (address == address_) failInUse(address);
+        if (address == file_.address()) failQueueInUse(address);
         throw std::runtime_error("queue address " + std::to_string(address) + ": this process already holds " +
-                                 std::to_string(address_));
+                                 std::to_string(file_.address()));
     }
     const TQueueDirectory& in = TQueueDirectory::fromEnvironment();
     const int descriptor = socket();
     const Fd bound = newSocket();
-    if (descriptor < 0 || bound.get() < 0) fail(address, "socket", std::strerror(errno));
-    file_ = bindSocket(bound.get(), address, in);
-    address_ = address;
+    if (descriptor < 0 || bound.get() < 0) failToOpenQueue(address, "socket", std::strerror(errno));
+    file_ = QueueFile::bind(bound.get(), address, in);
     owner_.store(::getpid());
     inherited_.store(false);
     directory_.store(&in);
     if (!replaceSocket(descriptor, bound.get())) {
         const int error = errno;
-        removeFile();
-        fail(address, "socket", std::strerror(error));
+        file_.remove(in);
+        failToOpenQueue(address, "socket", std::strerror(error));
     }
     open_.store(true);
-}
-
-/// @return the identity of the socket file, which has its final mode
-TOwnQueue::FileId TOwnQueue::bindSocket(int fd, long address, const TQueueDirectory& in)
-{
-    const std::string path = in.socketPath(address);
-    sockaddr_un name{};
-    if (!in.socketAddress(address, name)) fail(address, path, "path too long for a socket address");
-    in.create();
-    const Fd lock = lockDirectory(in);
-    if (lock.get() < 0) failLock(address, in.path(), errno);
-    removeStaleFile(address, path, name);
-    // The file's mode is the descriptor's less the umask: never wider than wanted, not even for a moment.
-    if (::fchmod(fd, SOCKET_MODE) != 0) fail(address, path, std::strerror(errno));
-    if (::bind(fd, reinterpret_cast<const sockaddr*>(&name), sizeof name) != 0) {
-        if (errno == EADDRINUSE) failInUse(address); // somebody bound it without asking for the lock
-        fail(address, path, std::strerror(errno));
-    }
-    struct stat made {};
-    if (::chmod(path.c_str(), SOCKET_MODE) != 0 || ::lstat(path.c_str(), &made) != 0) {
-        const int error = errno;
-        ::unlink(path.c_str());
-        fail(address, path, std::strerror(error));
-    }
-    return {made.st_dev, made.st_ino};
-}
-
-/// Removes the socket file, if the one at the path is still this queue's.
-void TOwnQueue::removeFile()
-{
-    const TQueueDirectory& in = directory();
-    const std::string path = in.socketPath(address_);
-    const Fd lock = lockDirectory(in);
-    struct stat found {};
-    if (lock.get() < 0 || ::lstat(path.c_str(), &found) != 0) return;
-    if (found.st_dev == file_.device && found.st_ino == file_.inode) ::unlink(path.c_str());
 }
 
 void TOwnQueue::close()
@@ -219,7 +119,7 @@ void TOwnQueue::close()
     if (::getpid() != owner_.load()) return forget();
     const std::scoped_lock lock(openLock_);
     if (!isOpen()) return;
-    removeFile();
+    file_.remove(directory());
     open_.store(false);
     const std::scoped_lock receiving(receiveLock_);
     const Fd unbound = newSocket();
