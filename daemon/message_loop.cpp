@@ -15,7 +15,6 @@
 #include "framework/fd.h"
 #include "framework/queue_mgr.h"
 #include "framework/tess_messages.h"
-#include "ports/port_com2.h"
 
 namespace {
 
@@ -152,7 +151,7 @@ bool TTess::handleCom2Write() noexcept
         if (conn->isSerialLine() == 0) continue;
         (void)conn->startMute(); // always 0
         // Non-blocking: a line without carrier would hold up its opening, and a slow one its writer.
-        Fd line(::open(TPortCom2::DEVICE, O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
+        Fd line(::open(COM2_DEVICE, O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
         const TLineOutput::Sent sent =
             conn->output->writeReported(std::move(line), {inMsg.text, count}, {inMsg.sender, inMsg.tag});
         replyMsg.len = sent == TLineOutput::Sent::whole ? 0 : 1;

@@ -16,7 +16,7 @@ class TQueueRoom {
 public:
     /// Watches the queue that has this address now. Called again it looks anew, at another queue or at the same one, whose
     /// owner may be another process by now; the descriptor then keeps its number.
-    /// @param address  queue address, 1 to 2147483647
+    /// @param address  queue address, 1 to HIGHEST_QUEUE_ADDRESS
     /// @return a descriptor that select(2) and poll(2) report as writable when the queue may have room or its owner is gone.
     ///         It stays the object's: not to be read, written or closed. -1: it is not to be had, because there is no such
     ///         queue, it may not be reached, there is no descriptor to spare, or the framework cannot tell; try to send again

@@ -65,7 +65,8 @@ TPortCom2::~TPortCom2()
 int TPortCom2::openPort()
 {
     setMilestone(1002);
-    fd = ::open(DEVICE, O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK); // nothing waits for the line, the opening neither
+    // Non-blocking: nothing waits for the line, the opening neither.
+    fd = ::open(COM2_DEVICE, O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0) return 1;
     if (::tcgetattr(fd, &savedTio) != 0) throw std::runtime_error("unable to get COM2 attributes");
     portTio = lineSettings();

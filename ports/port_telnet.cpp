@@ -76,7 +76,7 @@ int TPortTelnet::openPort()
     applySocketOptions(fd);
     listenAddr = {};
     listenAddr.sin_family = AF_INET;
-    listenAddr.sin_port = htons(TCP_PORT);
+    listenAddr.sin_port = htons(TELNET_TCP_PORT);
     listenAddr.sin_addr.s_addr = htonl(INADDR_ANY);
     if (::bind(fd, reinterpret_cast<const sockaddr*>(&listenAddr), sizeof listenAddr) != 0)
         throw std::runtime_error("failed binding to telnet socket");

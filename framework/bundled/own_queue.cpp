@@ -3,6 +3,7 @@
 #include "framework/bundled/log_messages.h"
 #include "framework/fd.h"
 #include "framework/fixed_text.h"
+#include "framework/tess_messages.h"
 
 #include <cerrno>
 #include <cstddef>
@@ -90,9 +91,9 @@ void TOwnQueue::open(long address)
 
 void TOwnQueue::openLocked(long address)
 {
-    if (address < 1 || address > TQueueDirectory::HIGHEST_ADDRESS)
+    if (address < 1 || address > HIGHEST_QUEUE_ADDRESS)
         throw std::runtime_error("queue address " + std::to_string(address) + " is not between 1 and " +
-                                 std::to_string(TQueueDirectory::HIGHEST_ADDRESS));
+                                 std::to_string(HIGHEST_QUEUE_ADDRESS));
     if (isOpen()) {
         if (address == file_.address()) failQueueInUse(address);
         throw std::runtime_error("queue address " + std::to_string(address) + ": this process already holds " +

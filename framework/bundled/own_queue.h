@@ -30,7 +30,7 @@ public:
     void useEnvironment();
 
     /// Opens the queue of that address in the directory that the environment names.
-    /// @param address  1 to TQueueDirectory::HIGHEST_ADDRESS, else an error
+    /// @param address  1 to HIGHEST_QUEUE_ADDRESS, else an error
     /// @throws std::runtime_error  after the same text has been logged
     void open(long address);
 

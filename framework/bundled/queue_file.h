@@ -16,7 +16,7 @@ public:
     /// Binds a socket to the file of an address. Makes the directory where there is none, and removes the file that a dead
     /// process has left.
     /// @param socket   a datagram socket that is not bound; stays the caller's
-    /// @param address  1 to HIGHEST_ADDRESS
+    /// @param address  1 to HIGHEST_QUEUE_ADDRESS
     /// @throws std::runtime_error  the address is in use, or the file cannot be had; its text says which, and why
     static QueueFile bind(int socket, long address, const TQueueDirectory& in);
 

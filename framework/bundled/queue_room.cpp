@@ -1,6 +1,7 @@
 #include "framework/queue_room.h"
 
 #include "framework/bundled/own_queue.h"
+#include "framework/tess_messages.h"
 
 #include <sys/socket.h>
 
@@ -9,7 +10,7 @@
 int TQueueRoom::watch(long address)
 {
     sockaddr_un to{};
-    const bool isAddress = address >= 1 && address <= TQueueDirectory::HIGHEST_ADDRESS;
+    const bool isAddress = address >= 1 && address <= HIGHEST_QUEUE_ADDRESS;
     if (fd_.get() < 0) fd_.reset(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!isAddress || !ownQueue.directory().socketAddress(address, to) ||
         ::connect(fd_.get(), reinterpret_cast<const sockaddr*>(&to), sizeof to) != 0)

@@ -31,8 +31,6 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::milliseconds ANSWER_TIME{5000};
 constexpr std::chrono::milliseconds GREETING_TIME{10'000}; // other clients that negotiate are served first
-constexpr const char* SERIAL_LINE = "/dev/ttyS1";
-constexpr in_port_t TELNET_PORT = 23;
 
 Finding lookAtQueue()
 {
@@ -93,11 +91,11 @@ bool greets(int fd)
 
 Finding lookAtTelnet()
 {
-    const std::string where = "127.0.0.1:23";
+    const std::string where = "127.0.0.1:" + std::to_string(TELNET_TCP_PORT);
     const Fd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_port = htons(TELNET_PORT);
+    address.sin_port = htons(TELNET_TCP_PORT);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     Finding finding{"telnet", false, {}};
     const int error = fd.get() < 0 ? errno
@@ -146,9 +144,9 @@ Users usersOf(const fs::path& device)
 
 Finding lookAtSerialLine()
 {
-    if (::access(SERIAL_LINE, F_OK) != 0) return {"com2", false, failureText(SERIAL_LINE, errno, PathOf::serialLine)};
-    const Users users = usersOf(SERIAL_LINE);
-    const std::string line = SERIAL_LINE;
+    if (::access(COM2_DEVICE, F_OK) != 0) return {"com2", false, failureText(COM2_DEVICE, errno, PathOf::serialLine)};
+    const Users users = usersOf(COM2_DEVICE);
+    const std::string line = COM2_DEVICE;
     if (users.tessd) return {"com2", true, line + " is open in " + users.names};
     if (users.hidden && users.names.empty()) return {"com2", true, line + " exists; only root can see who has it open"};
     if (users.hidden) return {"com2", true, line + " is open in " + users.names + "; only root can see in what else"};

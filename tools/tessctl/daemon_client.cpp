@@ -119,7 +119,7 @@ bool reachesTessd(TOrbAttachmentMsg& record, std::size_t bytes, std::chrono::mil
 std::string queueDirectory()
 {
     const char* directory = std::getenv("TESS_QUEUE_DIR");
-    return directory == nullptr || *directory == '\0' ? "/run/tess/queue" : directory;
+    return directory == nullptr || *directory == '\0' ? DEFAULT_QUEUE_DIRECTORY : directory;
 }
 
 std::string queuePath(long address)

@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "framework/fixed_text.h"
+#include "framework/tess_messages.h"
 #include "tools/tessctl/bounded_connect.h"
 #include "tools/tessctl/exit_status.h"
 #include "tools/tessctl/likely_cause.h"
@@ -47,7 +48,7 @@ Fd connectTo(const char* path, std::chrono::milliseconds patience)
 
 const char* pathOf(LocalPort port)
 {
-    return port == LocalPort::ipc ? "/tmp/socket" : "/tmp/xcp";
+    return port == LocalPort::ipc ? IPC_SOCKET_PATH : XCP_SOCKET_PATH;
 }
 
 TLocalClient::TLocalClient(LocalPort port, std::uint16_t tag, std::chrono::milliseconds patience)

@@ -26,7 +26,6 @@
 
 namespace {
 
-constexpr long HIGHEST_ADDRESS = std::numeric_limits<std::int32_t>::max();
 constexpr const char* VERSION = "tessctl " TESS_VERSION;
 
 const std::map<std::string, LocalPort> LOCAL_PORTS{{"ipc", LocalPort::ipc}, {"xcp", LocalPort::xcp}};
@@ -117,7 +116,7 @@ private:
     {
         to.add_option_function<std::string>(
               "-p,--port", [&port](const std::string& name) { port = LOCAL_PORTS.at(name); },
-              "Socket to use: ipc (/tmp/socket, the default) or xcp (/tmp/xcp)")
+              std::string("Socket to use: ipc (") + IPC_SOCKET_PATH + ", the default) or xcp (" + XCP_SOCKET_PATH + ")")
             ->type_name("PORT")
             ->check([](const std::string& name) {
                 return choiceProblem(name, {"ipc", "xcp"}, "a port");
@@ -205,7 +204,8 @@ private:
                                   [this] { return runServe(serve_); });
         addText(serve, "NAME", serve_.name, "Name to register under")->required()->check(nameProblem);
         addPorts(serve, serve_.ports);
-        addNumber(serve, "--address", "an address", 1, HIGHEST_ADDRESS, serve_.address, "Queue address (a free one)");
+        addNumber(serve, "--address", "an address", 1, HIGHEST_QUEUE_ADDRESS, serve_.address,
+                  "Queue address (a free one)");
         addSeconds(serve, "--timeout", serve_.timeLimit, 0.001, "How long the program may run for a command (10)");
         addWords(serve, "PROGRAM", serve_.program,
                  "Behind --: the program, run once for each command, and its arguments")
@@ -219,7 +219,8 @@ private:
                                    [this] { return runListen(listen_); });
         addText(listen, "NAME", listen_.name, "Name to register under (LISTEN)")->check(nameProblem);
         addPorts(listen, listen_.ports);
-        addNumber(listen, "--address", "an address", 1, HIGHEST_ADDRESS, listen_.address, "Queue address (a free one)");
+        addNumber(listen, "--address", "an address", 1, HIGHEST_QUEUE_ADDRESS, listen_.address,
+                  "Queue address (a free one)");
         listen.add_flag("--take-over", listen_.takeOver,
                         "Take the commands of another tessctl of that name, until the end");
         listen.add_flag("--raw", listen_.raw, "Print whole records in hexadecimal");

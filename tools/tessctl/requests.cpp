@@ -55,8 +55,9 @@ ExitStatus runCom2(const std::string& text, bool newline)
     daemon.send(MSG_COM2_WRITE, static_cast<std::uint32_t>(::getpid()), static_cast<std::int32_t>(bytes.size()), bytes);
     if (daemon.reply().len == 0) return STATUS_DONE;
     throw TCtlError(STATUS_REFUSED,
-                    "/dev/ttyS1: tessd has not written the text: is there a second serial line, does its far end "
-                    "read, and does tessd run with the COM2 port?");
+                    std::string(COM2_DEVICE) +
+                        ": tessd has not written the text: is there a second serial line, does its far end "
+                        "read, and does tessd run with the COM2 port?");
 }
 
 ExitStatus runReset(const std::string& reinitHost, bool yes)
