@@ -236,7 +236,7 @@ private:
         check.add_flag("--json", json_, "As JSON");
         check.add_option("PORT", checked_, "What to look at: queue, daemon, ipc, xcp, telnet, com2 (all of them)")
             ->type_name("")
-            ->check([](const std::string& name) { return choiceProblem(name, ALL_CHECKS, "what is checked"); });
+            ->check([](const std::string& name) { return choiceProblem(name, allChecks(), "what is checked"); });
         CLI::App& ping = command("ping", "Say whether one port works", "  tessctl ping\n  tessctl ping telnet\n",
                                  [this] { return runPing(pinged_); });
         ping.add_option("PORT", pinged_, "queue, ipc (the default), xcp, telnet or com2")
@@ -295,7 +295,7 @@ private:
     ListenOptions listen_;
     std::string host_;
     std::string helped_;
-    std::vector<std::string> checked_ = ALL_CHECKS;
+    std::vector<std::string> checked_ = allChecks();
     std::string pinged_ = "ipc";
     std::string com2Text_;
     std::string reinitHost_;
