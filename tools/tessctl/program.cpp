@@ -15,6 +15,7 @@
 #include <utility>
 
 #include "framework/fd.h"
+#include "tools/tessctl/argument_list.h"
 #include "tools/tessctl/seconds_text.h"
 
 namespace {
@@ -36,11 +37,7 @@ std::string reason(int error)
 /// @return 0 and the child's process number, else as errno has it
 int spawn(const std::vector<std::string>& words, int input, int output, pid_t& child)
 {
-    std::vector<char*> arguments;
-    arguments.reserve(words.size() + 1);
-    for (const std::string& word : words)
-        arguments.push_back(const_cast<char*>(word.c_str())); // posix_spawn does not write to them
-    arguments.push_back(nullptr);
+    const std::vector<char*> arguments = argumentList(words);
     posix_spawn_file_actions_t actions;
     posix_spawnattr_t attributes;
     ::posix_spawn_file_actions_init(&actions);

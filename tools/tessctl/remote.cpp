@@ -4,6 +4,8 @@
 #include <system_error>
 #include <unistd.h>
 
+#include "tools/tessctl/argument_list.h"
+
 std::string shellWord(const std::string& word)
 {
     std::string quoted = "'";
@@ -41,11 +43,7 @@ std::vector<std::string> remoteCommand(const std::string& host, const std::vecto
 
 void runRemote(const std::vector<std::string>& command)
 {
-    std::vector<char*> arguments;
-    arguments.reserve(command.size() + 1);
-    for (const std::string& word : command)
-        arguments.push_back(const_cast<char*>(word.c_str())); // it does not write to them
-    arguments.push_back(nullptr);
+    const std::vector<char*> arguments = argumentList(command);
     ::execvp(arguments[0], arguments.data());
     throw TCtlError(STATUS_NO_CONNECTION, command.front() + ": " + std::generic_category().message(errno) +
                                               ": -H wants ssh, of the package openssh-client");

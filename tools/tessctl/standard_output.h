@@ -13,3 +13,8 @@ int flushOutput();
 /// The same.
 /// @throws TCtlError  some of it is lost
 void requireOutput();
+
+/// Says that some of it is lost.
+/// @param error  as flushOutput() returns it
+/// @throws TCtlError  always
+[[noreturn]] void failOutput(int error);
