@@ -6,6 +6,7 @@
 #include <thread>
 #include <unistd.h>
 
+#include "common/text.h"
 #include "framework/tess_messages.h"
 #include "tools/tessctl/daemon_client.h"
 #include "tools/tessctl/record_text.h"
@@ -28,12 +29,6 @@ bool userAgrees(const std::string& question)
     std::string answer;
     std::getline(std::cin, answer);
     return answer == "y" || answer == "Y" || answer == "yes";
-}
-
-std::string_view withoutLineEnds(std::string_view text)
-{
-    const std::size_t end = text.find_last_not_of("\r\n");
-    return text.substr(0, end == std::string_view::npos ? 0 : end + 1);
 }
 
 } // namespace
