@@ -50,7 +50,7 @@ private:
 
     const volatile std::sig_atomic_t& stop_;
     Standing standing_ = Standing::unknown;
-    TOrbHRTimeOut untilRegistration_; ///< unarmed at first: it is time
+    TOrbHRTimeOut untilRegistration_; ///< not set at first, which counts as timed out
     int repliesDue_ = 0;              ///< registering and unregistering that tessd has not answered
     int position_ = 0;
     TOrbAttachmentMsg in_{};

@@ -76,8 +76,8 @@ try {
     return {false, error.what()};
 }
 
-/// Reads up to the greeting. An empty line comes first: tessd takes whoever types at once for a plain client, and does not
-/// keep everybody waiting for a second to find out whether there is anything to negotiate.
+/// Sends an empty line and reads until tessd asks for the user's name. Without that line tessd would first wait a second for
+/// telnet options to negotiate; from a client that types at once it expects none.
 bool greets(int fd)
 {
     if (::send(fd, "\r\n", 2, MSG_NOSIGNAL) != 2) return false;
@@ -121,8 +121,8 @@ struct Users {
 Users usersOf(const fs::path& device)
 {
     Users users;
-    users.hidden = ::geteuid() != 0; // other processes may not even be shown
-    std::error_code ignored;         // of processes that end meanwhile
+    users.hidden = ::geteuid() != 0; // /proc may be set up to show a user only his own processes
+    std::error_code ignored;         // a process may end while it is looked at
     const fs::path target = fs::canonical(device, ignored);
     for (const fs::directory_entry& process : fs::directory_iterator("/proc", ignored)) {
         const std::string number = process.path().filename();

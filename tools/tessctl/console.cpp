@@ -90,7 +90,7 @@ public:
             int count = 0;
             ::el_set(edit_.get(), EL_PREP_TERM, 1); // libedit shows the prompt before it takes the keys
             const char* const typed = ::el_gets(edit_.get(), &count);
-            if (std::exchange(cleared_, false)) continue; // an empty line looks like the end
+            if (std::exchange(cleared_, false)) continue; // an empty line, which looks like the end of the input
             if (typed == nullptr || count <= 0) break;
             const std::string line(withoutLineEnds({typed, static_cast<std::size_t>(count)}));
             if (line == "\\q") return STATUS_DONE;
@@ -158,7 +158,7 @@ private:
         }
     }
 
-    /// Leaves it on the screen and begins a new one.
+    /// Ctrl-C: leaves the typed line on the screen and begins a new one.
     static unsigned char clearTyped(EditLine* edit, int)
     {
         const LineInfo* const line = ::el_line(edit);

@@ -59,7 +59,7 @@ public:
     {
         const std::vector<std::string> typed(argv + 1, argv + argc);
         try {
-            std::vector<std::string> words; // the last one first
+            std::vector<std::string> words; // in reverse order, as parse() wants them
             std::transform(typed.rbegin(), typed.rend(), std::back_inserter(words), hidden);
             app_.parse(std::move(words));
         } catch (const CLI::ParseError& error) {
@@ -67,7 +67,7 @@ public:
         }
         if (host_.empty()) return run_();
         const std::vector<std::string> there = withoutHost(typed);
-        if (there.size() == typed.size()) // it would go from host to host without end
+        if (there.size() == typed.size()) // it would be run with -H there, too, and so on without end
             throw TCtlError(STATUS_WRONG_USAGE, "-H stands alone: tessctl COMMAND -H " + host_);
         runRemote(remoteCommand(host_, there, wantsTerminal()));
     }
@@ -105,7 +105,7 @@ private:
         addText(to, "-H,--host", host_, "Run there, over ssh")->type_name("[USER@]HOST")->check(remoteHostProblem);
     }
 
-    /// Those that ask at it.
+    /// Whether the command asks its user something, and there is a terminal to ask at: it needs one on the other host.
     bool wantsTerminal() const
     {
         return (app_.got_subcommand("console") || app_.got_subcommand("reset")) && ::isatty(STDIN_FILENO) != 0 &&

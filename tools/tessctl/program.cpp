@@ -60,9 +60,9 @@ int spawn(const std::vector<std::string>& words, int input, int output, pid_t& c
 
 enum class End { itsOwn, timeOver, givenUp };
 
-constexpr int LOOK_FOR_END_MS = 10; // where the kernel cannot tell us
+constexpr int LOOK_FOR_END_MS = 10; // where the kernel has no descriptor that tells
 constexpr int PIECES_AT_ONCE = 4;
-constexpr int PIECES_LEFT = 64; // more than a pipe holds
+constexpr int PIECES_LEFT = 64; // times 16384 bytes: more than a pipe holds
 
 /// Talks to a child until it has ended or its time is over.
 class Dialogue {
@@ -90,7 +90,7 @@ public:
             if (each[2].revents != 0) write();
             if (each[1].revents != 0) read(PIECES_AT_ONCE);
             if (each[0].revents != 0 || (ended_.get() < 0 && hasEnded())) {
-                read(PIECES_LEFT); // what others hold the pipe open for is not waited for
+                read(PIECES_LEFT); // what is in the pipe; children of the child may write more, unread
                 return End::itsOwn;
             }
             if (each[3].revents != 0) return End::givenUp;
@@ -105,18 +105,18 @@ private:
     {
         const ssize_t count = ::write(toChild_.get(), input_.data(), input_.size());
         if (count > 0) input_.remove_prefix(static_cast<std::size_t>(count));
-        const bool refused = count < 0 && errno != EAGAIN && errno != EINTR; // it does not want to know
+        const bool refused = count < 0 && errno != EAGAIN && errno != EINTR; // the child has closed its standard input
         if (input_.empty() || refused) toChild_.reset();
     }
 
-    /// Looks, for kernels before 5.3, which have no descriptors for processes. The child is left to be collected.
+    /// For kernels before 5.3, which have no descriptors for processes. Only looks: waitpid() collects the child later.
     bool hasEnded() const
     {
         siginfo_t info{};
         return ::waitid(P_PID, static_cast<id_t>(child_), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid != 0;
     }
 
-    /// @param pieces  how much at most: who prints without end must not keep us here
+    /// @param pieces  to read at most: a child that prints without end must not keep the loop from everything else
     void read(int pieces)
     {
         std::array<char, 16384> bytes; // NOLINT(cppcoreguidelines-pro-type-member-init): read fills it

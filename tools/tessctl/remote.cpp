@@ -23,7 +23,7 @@ std::vector<std::string> withoutHost(const std::vector<std::string>& words)
             break;
         }
         if ((*word == "-H" || *word == "--host") && word + 1 != words.end())
-            ++word; // it is the next one
+            ++word; // the host is the next word
         else if (!word->starts_with("-H") && !word->starts_with("--host="))
             rest.push_back(*word);
     }

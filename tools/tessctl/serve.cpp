@@ -42,7 +42,7 @@ public:
     }
 
     int fd() const { return fd_.get(); }
-    void set() const { (void)::eventfd_write(fd(), 1); } // it can only be set already
+    void set() const { (void)::eventfd_write(fd(), 1); } // fails only when the count is full
     bool isSet() const
     {
         pollfd event{fd(), POLLIN, 0};
@@ -61,7 +61,7 @@ public:
         sigset_t all{};
         sigset_t before{};
         ::sigfillset(&all);
-        ::pthread_sigmask(SIG_SETMASK, &all, &before); // signals are the other thread's
+        ::pthread_sigmask(SIG_SETMASK, &all, &before); // the new thread inherits that: signals go to this one
         thread_ = std::thread([this] { work(); });
         ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
     }
@@ -107,7 +107,7 @@ private:
             lock.unlock();
             const bool answered = reply(command.tag, answerTo(command));
             lock.lock();
-            if (!answered && giveUp_.isSet()) waiting_.clear(); // nor would the others be
+            if (!answered && giveUp_.isSet()) waiting_.clear(); // they could not be sent either
         }
         done_ = true;
         ended_.notify_one();
@@ -172,7 +172,8 @@ private:
     void takeOne()
     {
         TOrbAttachmentMsg record;
-        if (registration_.receive(record) == 0 || record.sender != TESS_QUEUE_ID) return; // nobody else gives orders
+        if (registration_.receive(record) == 0 || record.sender != TESS_QUEUE_ID)
+            return; // commands come from tessd alone
         if (record.kind == MSG_TEXT) answerer_.give({record.tag, lineOf(record)});
     }
 
@@ -187,7 +188,7 @@ private:
 
     TDaemonClient daemon_;
     TRegistration registration_;
-    Answerer answerer_; // the first to go: it answers over the others
+    Answerer answerer_; // the last member, and so destroyed first: it answers through daemon_
 };
 
 } // namespace

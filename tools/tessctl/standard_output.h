@@ -10,7 +10,7 @@ void keepStandardDescriptors();
 /// @return 0, else why some of it is lost, as errno has it
 int flushOutput();
 
-/// The same.
+/// As flushOutput().
 /// @throws TCtlError  some of it is lost
 void requireOutput();
 
