@@ -164,8 +164,8 @@ TEST_F(TessWithPorts, DisturbsNothingOfAnotherDaemonOnTheSameQueueAddress)
 {
     const TTess first(TESS_QUEUE_ID, false, false, true, true);
     EXPECT_EQ(problemOf(TESS_QUEUE_ID, true, true), "queue address 1001 is in use");
-    EXPECT_NO_FATAL_FAILURE(LocalClient(XCP_SOCKET_PATH));
-    EXPECT_NO_FATAL_FAILURE(LocalClient(IPC_SOCKET_PATH));
+    EXPECT_NO_FATAL_FAILURE(LocalClient{XCP_SOCKET_PATH});
+    EXPECT_NO_FATAL_FAILURE(LocalClient{IPC_SOCKET_PATH});
 }
 
 // --- bulk closing
