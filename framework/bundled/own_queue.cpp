@@ -1,6 +1,7 @@
 #include "framework/bundled/own_queue.h"
 
 #include "framework/bundled/log_messages.h"
+#include "framework/bundled/queue_failure.h"
 #include "framework/fd.h"
 #include "framework/fixed_text.h"
 #include "framework/tess_messages.h"

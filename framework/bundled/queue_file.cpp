@@ -1,5 +1,6 @@
 #include "framework/bundled/queue_file.h"
 
+#include "framework/bundled/queue_failure.h"
 #include "framework/fd.h"
 #include "framework/hr_time_out.h"
 #include "framework/sleep.h"
@@ -7,7 +8,7 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
-#include <stdexcept>
+#include <string>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -76,16 +77,6 @@ void bindToFile(int socket, long address, const std::string& path, const sockadd
 }
 
 } // namespace
-
-void failToOpenQueue(long address, const std::string& what, const std::string& why)
-{
-    throw std::runtime_error("queue address " + std::to_string(address) + ": " + what + ": " + why);
-}
-
-void failQueueInUse(long address)
-{
-    throw std::runtime_error("queue address " + std::to_string(address) + " is in use");
-}
 
 QueueFile QueueFile::bind(int socket, long address, const TQueueDirectory& in)
 {

@@ -2,7 +2,6 @@
 
 #include "framework/bundled/queue_directory.h"
 
-#include <string>
 #include <sys/types.h>
 
 /// The socket file of an open queue: while it is there and a process has the socket, the queue's address is taken. Whoever makes
@@ -33,12 +32,3 @@ private:
     dev_t device_ = 0;
     ino_t inode_ = 0;
 };
-
-/// Says that a queue cannot be opened.
-/// @param what  cannot be done, or cannot be used
-/// @throws std::runtime_error  always
-[[noreturn]] void failToOpenQueue(long address, const std::string& what, const std::string& why);
-
-/// Says that somebody has the queue's address already.
-/// @throws std::runtime_error  always
-[[noreturn]] void failQueueInUse(long address);
