@@ -17,12 +17,27 @@ inline bool equalsNoCase(std::string_view a, std::string_view b)
     return a.size() == b.size() && beginsWithNoCase(a, b);
 }
 
-/// `text` without the white space at both ends.
-inline std::string_view trimmed(std::string_view text)
+/// `text` without the white space in front.
+inline std::string_view trimmedFront(std::string_view text)
 {
     while (!text.empty() && isWhiteSpace(text.front()))
         text.remove_prefix(1);
+    return text;
+}
+
+/// `text` without the white space at both ends.
+inline std::string_view trimmed(std::string_view text)
+{
+    text = trimmedFront(text);
     while (!text.empty() && isWhiteSpace(text.back()))
+        text.remove_suffix(1);
+    return text;
+}
+
+/// `text` without the CRs and LFs at its end.
+inline std::string_view withoutLineEnds(std::string_view text)
+{
+    while (!text.empty() && isLineEnd(text.back()))
         text.remove_suffix(1);
     return text;
 }

@@ -18,31 +18,18 @@ std::optional<std::size_t> offer(int line, std::string_view bytes)
     return std::nullopt;
 }
 
-void closeLine(int line)
-{
-    if (line >= 0) (void)::close(line); // nothing is left to do for a descriptor that fails to close
-}
-
 } // namespace
-
-TLineOutput::~TLineOutput()
-{
-    closeLine(reportedLine_);
-}
 
 TLineOutput::Sent TLineOutput::write(int line, std::string_view text)
 {
     return send(line, text, std::nullopt);
 }
 
-TLineOutput::Sent TLineOutput::writeReported(int line, std::string_view text, const Ticket& ticket)
+TLineOutput::Sent TLineOutput::writeReported(Fd line, std::string_view text, const Ticket& ticket)
 {
-    const bool hasLine = reportedLine_ >= 0;
-    const Sent sent = send(line >= 0 && hasLine ? reportedLine_ : line, text, ticket);
-    if (sent == Sent::kept && !hasLine)
-        reportedLine_ = line;
-    else
-        closeLine(line);
+    const bool hasLine = reportedLine_.get() >= 0;
+    const Sent sent = send((line.get() >= 0 && hasLine ? reportedLine_ : line).get(), text, ticket);
+    if (sent == Sent::kept && !hasLine) reportedLine_ = std::move(line);
     return sent;
 }
 
@@ -124,7 +111,7 @@ void TLineOutput::end(const std::deque<Text>::const_iterator& text, bool written
     if (text->ticket) reports_.push_back({*text->ticket, written});
     keptBytes_ -= text->rest.size();
     texts_.erase(text);
-    if (firstReported() == texts_.end()) closeLine(std::exchange(reportedLine_, -1));
+    if (firstReported() == texts_.end()) reportedLine_.reset();
     if (texts_.empty()) pauseEnd_ = NEVER;
 }
 

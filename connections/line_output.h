@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "common/instant.h"
+#include "framework/fd.h"
 
 /// What is on its way out of a serial line, in order: sent as the line takes it, without ever waiting for the line.
 /// Allocates only for what the line has not taken at once.
@@ -44,7 +45,6 @@ public:
     TLineOutput() = default;
     TLineOutput(const TLineOutput&) = delete;
     TLineOutput& operator=(const TLineOutput&) = delete;
-    ~TLineOutput();
 
     /// Sends a text.
     /// @param line  the serial line, non-blocking; stays the caller's, for as long as something of the text is kept.
@@ -53,9 +53,9 @@ public:
 
     /// Sends a text and reports, when it was kept, what has become of it: written once the line has taken all of it; not
     /// written when the line has taken nothing for PATIENCE or is gone, and then the rest of it is dropped.
-    /// @param line  the serial line, opened for this text, non-blocking; owned from here on, whatever the result: of those that
-    ///              are kept only the first stays open, and serves the texts behind it too. Negative: refused
-    Sent writeReported(int line, std::string_view text, const Ticket& ticket);
+    /// @param line  the serial line, opened for this text, non-blocking; of those that are kept only the first stays open, and
+    ///              serves the texts behind it too. None: refused
+    Sent writeReported(Fd line, std::string_view text, const Ticket& ticket);
 
     /// Goes on sending, and drops what has failed. To be called when waitsFor() has room, or when due() has come.
     void goOn(Instant now);
@@ -90,7 +90,7 @@ private:
 
     std::deque<Text> texts_;
     std::size_t keptBytes_ = 0;
-    int reportedLine_ = -1;       ///< serves all reported texts that are kept
+    Fd reportedLine_;             ///< serves all reported texts that are kept
     Instant lastTaken_ = AT_ONCE; ///< when the line has last taken something of what is kept
     Instant pauseEnd_ = NEVER;    ///< NEVER: room is waited for
     std::vector<Report> reports_;

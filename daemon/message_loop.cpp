@@ -4,16 +4,16 @@
 #include <algorithm>
 #include <cstring>
 #include <fcntl.h>
-#include <unistd.h>
+#include <utility>
 
 #include "common/live_list.h"
 #include "common/message_wake.h"
 #include "common/milestone.h"
 #include "common/wake_up.h"
 #include "daemon/daemon_log.h"
+#include "framework/fd.h"
 #include "framework/queue_mgr.h"
 #include "framework/tess_messages.h"
-#include "ports/port_com2.h"
 
 /// What is done with a kind of message. A handler tells whether its sender gets replyMsg now, with inLen bytes.
 struct TTess::KindRow {
@@ -143,9 +143,9 @@ bool TTess::handleCom2Write() noexcept
         if (conn->isSerialLine() == 0) continue;
         (void)conn->startMute(); // always 0
         // Non-blocking: else the opening would wait for a line without carrier, and the writing for a slow one.
-        const int line = ::open(TPortCom2::DEVICE, O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+        Fd line(::open(COM2_DEVICE, O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
         const TLineOutput::Sent sent =
-            conn->output->writeReported(line, {inMsg.text, count}, {inMsg.sender, inMsg.tag});
+            conn->output->writeReported(std::move(line), {inMsg.text, count}, {inMsg.sender, inMsg.tag});
         replyMsg.len = sent == TLineOutput::Sent::whole ? 0 : 1;
         replyMsg.kind = MSG_REPLY;
         inLen = MSG_HEADER_BYTES;

@@ -29,6 +29,8 @@ template <std::size_t Capacity> class FixedText {
     static_assert(Capacity > 0, "there must be room for the NUL");
 
 public:
+    FixedText() { text_[0] = '\0'; }
+
     FixedText& operator<<(std::string_view part)
     {
         length_ += putText(std::span(text_).subspan(length_), part);
@@ -61,6 +63,6 @@ private:
         return *this << std::string_view(digits.data(), static_cast<std::size_t>(end - digits.data()));
     }
 
-    std::array<char, Capacity> text_{};
+    std::array<char, Capacity> text_; // left as it is: only what stands before the NUL is ever looked at
     std::size_t length_ = 0;
 };

@@ -34,7 +34,7 @@ public:
 
     /// Puts a copy of a record into the queue of another process.
     /// Does not raise SIGPIPE. errno does not tell why it has failed.
-    /// @param address  queue address, 1 to 2147483647
+    /// @param address  queue address, 1 to HIGHEST_QUEUE_ADDRESS
     /// @param msg      stays the caller's, and as it is; the sender word need not be set
     /// @param length   bytes to send: header and text; above 8192 is taken as 8192, below 16 is an error
     /// @param wait     what happens when the destination's queue is full. false: never waits, tells so; TQueueRoom then tells

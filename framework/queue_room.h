@@ -1,6 +1,6 @@
 #pragma once
 
-#include <utility>
+#include "framework/fd.h"
 
 /// Tells when a queue that was full may take a record again, to a caller of TQueueMgr::sendMsg() that has other things to
 /// wait for too.
@@ -14,18 +14,9 @@
 /// Threads: any; an object belongs to one.
 class TQueueRoom {
 public:
-    TQueueRoom() = default;
-    TQueueRoom(TQueueRoom&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-    TQueueRoom& operator=(TQueueRoom&& other) noexcept
-    {
-        std::swap(fd_, other.fd_);
-        return *this;
-    }
-    ~TQueueRoom() { stop(); }
-
     /// Watches the queue that has this address now. Called again it looks anew, at another queue or at the same one, whose
     /// owner may be another process by now; the descriptor then keeps its number.
-    /// @param address  queue address, 1 to 2147483647
+    /// @param address  queue address, 1 to HIGHEST_QUEUE_ADDRESS
     /// @return a descriptor that select(2) and poll(2) report as writable when the queue may have room or its owner is gone.
     ///         It stays the object's: not to be read, written or closed. -1: it is not to be had, because there is no such
     ///         queue, it may not be reached, there is no descriptor to spare, or the framework cannot tell; try to send again
@@ -33,11 +24,11 @@ public:
     int watch(long address);
 
     /// @return the descriptor, until stop() or a watch() that fails; -1: none
-    int fd() const { return fd_; }
+    int fd() const { return fd_.get(); }
 
     /// Closes the descriptor, if there is one.
     void stop();
 
 private:
-    int fd_ = -1;
+    Fd fd_;
 };

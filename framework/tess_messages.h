@@ -3,10 +3,22 @@
 #include <cstddef>
 #include <cstdint>
 
-/// What travels between tessd and the processes of the device: message kinds, port bits, addresses, limits.
+/// What travels between tessd and the processes of the device, and where: message kinds, port bits, addresses, limits.
 
 /// Queue address of tessd.
 inline constexpr long TESS_QUEUE_ID = 1001;
+
+/// Queue addresses are 1 to this one.
+inline constexpr long HIGHEST_QUEUE_ADDRESS = 2147483647;
+
+/// Where the queues are unless the environment names another directory (TESS_QUEUE_DIR).
+inline constexpr const char* DEFAULT_QUEUE_DIRECTORY = "/run/tess/queue";
+
+/// Where people and programs reach tessd's ports.
+inline constexpr const char* IPC_SOCKET_PATH = "/tmp/socket";
+inline constexpr const char* XCP_SOCKET_PATH = "/tmp/xcp";
+inline constexpr std::uint16_t TELNET_TCP_PORT = 23;
+inline constexpr const char* COM2_DEVICE = "/dev/ttyS1";
 
 /// Kinds of a TOrbAttachmentMsg. "to tessd" and "from tessd" say who sends it. docs/processes.md has the texts.
 enum TessMessageKind : std::uint32_t {

@@ -66,7 +66,7 @@ int TPortCom2::openPort()
 {
     setMilestone(Milestone::com2OpenBegun);
     // Non-blocking, because not even the opening may wait for the line.
-    fd = ::open(DEVICE, O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK);
+    fd = ::open(COM2_DEVICE, O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0) return 1;
     if (::tcgetattr(fd, &savedTio) != 0) throw std::runtime_error("unable to get COM2 attributes");
     portTio = lineSettings();

@@ -4,13 +4,11 @@
 
 #include "ports/cmd_port.h"
 
-/// The port for the second serial line, "/dev/ttyS1": 38400 baud, 8N1, line input, no echo. It keeps one connection on the
+/// The port for the second serial line, COM2_DEVICE: 38400 baud, 8N1, line input, no echo. It keeps one connection on the
 /// open device at all times.
 /// Owns: the device; its connection only borrows the descriptor.
 class TPortCom2 final : public TCmdPort {
 public:
-    static constexpr const char* DEVICE = "/dev/ttyS1";
-
     /// @throws std::runtime_error  "unable to get COM2 attributes", "failed tcflush", "failed setting COM2 attributes"
     TPortCom2();
     ~TPortCom2() override;

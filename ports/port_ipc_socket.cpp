@@ -9,7 +9,7 @@ namespace {
 constexpr LocalSocketKind ipcKind{
     .portType = PORT_IPC,
     .firstConnId = 0xBB00'0000,
-    .path = "/tmp/socket",
+    .path = IPC_SOCKET_PATH,
     .bindFailure = "failed binding to IPC socket",
     .listenFailure = "failed setting up IPC socket listener",
     .opened = nullptr, // this port logs neither (deliberate)

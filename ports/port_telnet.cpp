@@ -62,7 +62,7 @@ int TPortTelnet::openPort()
     applySocketOptions(fd);
     listenAddr = {};
     listenAddr.sin_family = AF_INET;
-    listenAddr.sin_port = htons(TCP_PORT);
+    listenAddr.sin_port = htons(TELNET_TCP_PORT);
     listenAddr.sin_addr.s_addr = htonl(INADDR_ANY);
     listenAt(reinterpret_cast<const sockaddr*>(&listenAddr), sizeof listenAddr, "failed binding to telnet socket",
              "failed setting up telnet socket listener");

@@ -4,10 +4,9 @@
 
 #include "ports/cmd_port.h"
 
-/// The port for telnet clients: TCP port 23 on all local IPv4 addresses.
+/// The port for telnet clients: TELNET_TCP_PORT on all local IPv4 addresses.
 class TPortTelnet final : public TCmdPort {
 public:
-    static constexpr std::uint16_t TCP_PORT = 23;
     static constexpr std::int32_t MAX_CONNS = 10;
     static constexpr int CLIENT_SEND_BUFFER_BYTES = 65536;
 

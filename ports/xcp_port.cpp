@@ -9,7 +9,7 @@ namespace {
 constexpr LocalSocketKind xcpKind{
     .portType = PORT_XCP,
     .firstConnId = 0x0056'0000, // the second COM2 connection gets the same first ID (deliberate)
-    .path = "/tmp/xcp",
+    .path = XCP_SOCKET_PATH,
     .bindFailure = "failed binding to xcp socket",
     .listenFailure = "failed setting up xcp socket listener",
     .opened = &port_log::xcpOpened,

@@ -65,7 +65,7 @@ void TEncoder::registerWithTessd()
     std::memcpy(out_.text, &ALL_PORTS, sizeof ALL_PORTS);
     const std::size_t nameBytes = putText(std::span(out_.text).subspan(sizeof ALL_PORTS), PROCESS_NAME) + 1;
     if (send(MSG_REGISTER, 0, sizeof ALL_PORTS + nameBytes)) {
-        repliesDue_ = 1; // what tessd has not answered by now it never will
+        repliesDue_ = 1; // answers to earlier requests that have not come by now never will
         untilRegistration_.setTimeOut(REGISTER_EVERY);
         return;
     }

@@ -22,7 +22,7 @@
 /// Threads: one.
 class TEncoder : public TMsgDmn {
 public:
-    /// @param queueId  queue address of this process, 1 to 2147483647
+    /// @param queueId  queue address of this process, 1 to HIGHEST_QUEUE_ADDRESS
     /// @param stop     run() ends when it becomes nonzero; outlives this object; a signal handler may set it
     /// @throws std::runtime_error  the queue cannot be opened; the reason has been logged
     TEncoder(long queueId, const volatile std::sig_atomic_t& stop);
@@ -50,7 +50,7 @@ private:
 
     const volatile std::sig_atomic_t& stop_;
     Standing standing_ = Standing::unknown;
-    TOrbHRTimeOut untilRegistration_; ///< unarmed at first: it is time
+    TOrbHRTimeOut untilRegistration_; ///< not set at first, which counts as timed out
     int repliesDue_ = 0;              ///< registering and unregistering that tessd has not answered
     int position_ = 0;
     TOrbAttachmentMsg in_{};

@@ -1,11 +1,11 @@
 #include "examples/encoder/encoder.h"
 
 #include "framework/log_mgr.h"
+#include "framework/tess_messages.h"
 
 #include <charconv>
 #include <csignal>
 #include <iostream>
-#include <limits>
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
@@ -14,7 +14,6 @@
 namespace {
 
 constexpr long DEFAULT_QUEUE_ID = 1500;
-constexpr long MAX_QUEUE_ID = std::numeric_limits<int>::max();
 
 constexpr unsigned MOST_STOP_SECONDS = 5;
 
@@ -45,7 +44,7 @@ long readQueueId(std::string_view text)
     long address = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), address);
     const bool whole = error == std::errc{} && end == text.data() + text.size();
-    return whole && address >= 1 && address <= MAX_QUEUE_ID ? address : 0;
+    return whole && address >= 1 && address <= HIGHEST_QUEUE_ADDRESS ? address : 0;
 }
 
 } // namespace

@@ -1,8 +1,7 @@
 #include "framework/bundled/log_line.h"
 
 #include <algorithm>
-#include <charconv>
-#include <cstring>
+#include <array>
 
 namespace {
 
@@ -46,41 +45,38 @@ TLogLine& TLogLine::clock(Time time)
 
 TLogLine& TLogLine::number(long value)
 {
-    std::array<char, 24> digits;
-    const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), value).ptr;
-    return text({digits.data(), static_cast<std::size_t>(end - digits.data())});
+    return text((FixedText<24>() << value).view());
 }
 
 TLogLine& TLogLine::padded(unsigned value, unsigned digits, char pad)
 {
-    std::array<char, 12> field;
-    const auto end = std::to_chars(field.data(), field.data() + field.size(), value).ptr;
-    const auto written = static_cast<std::size_t>(end - field.data());
-    for (std::size_t i = written; i < digits; ++i)
+    FixedText<12> field;
+    field << value;
+    for (std::size_t i = field.view().size(); i < digits; ++i)
         text({&pad, 1});
-    return text({field.data(), written});
+    return text(field.view());
 }
 
 TLogLine& TLogLine::text(std::string_view part)
 {
-    const std::size_t n = std::min(part.size(), CAPACITY - 1 - length_);
-    std::memcpy(bytes_.data() + length_, part.data(), n);
-    length_ += n;
+    line_ << part.substr(0, CAPACITY - 1 - line_.view().size());
     return *this;
 }
 
 TLogLine& TLogLine::oneLineText(std::string_view part)
 {
-    const std::size_t from = length_;
-    text(part);
     const auto isLineEnd = [](char c) { return c == '\r' || c == '\n'; };
-    std::replace_if(bytes_.begin() + static_cast<std::ptrdiff_t>(from),
-                    bytes_.begin() + static_cast<std::ptrdiff_t>(length_), isLineEnd, ' ');
-    return *this;
+    for (;;) {
+        const auto end = static_cast<std::size_t>(std::ranges::find_if(part, isLineEnd) - part.begin());
+        text(part.substr(0, end));
+        if (end == part.size()) return *this;
+        text(" ");
+        part.remove_prefix(end + 1);
+    }
 }
 
 TLogLine& TLogLine::lineEnd()
 {
-    bytes_[length_++] = '\n';
+    line_ << '\n';
     return *this;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
-#include <array>
+#include "framework/fixed_text.h"
+
 #include <chrono>
 #include <cstddef>
 #include <string_view>
@@ -25,12 +26,11 @@ public:
     /// Ends the line; fits even after a cut.
     TLogLine& lineEnd();
 
-    std::string_view view() const { return {bytes_.data(), length_}; }
+    std::string_view view() const { return line_.view(); }
 
 private:
     TLogLine& padded(unsigned value, unsigned digits, char pad);
     TLogLine& clock(Time time);
 
-    std::array<char, CAPACITY> bytes_; // left as it is: only the first length_ bytes are ever looked at
-    std::size_t length_ = 0;
+    FixedText<CAPACITY + 1> line_; // and a NUL
 };

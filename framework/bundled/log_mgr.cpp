@@ -2,9 +2,9 @@
 
 #include "framework/bundled/log_line.h"
 #include "framework/bundled/log_messages.h"
-#include "framework/bundled/queue_fd.h"
 #include "framework/bundled/syslog_socket.h"
 #include "framework/bundled/write_at_once.h"
+#include "framework/fd.h"
 #include "framework/fixed_text.h"
 #include "framework/hr_time_out.h"
 
@@ -141,7 +141,7 @@ void TLogMgr::initAfterDaemonize()
     sockaddr_un manager{};
     const socklen_t length = notifyAddress(manager);
     if (length == 0) return;
-    const TQueueFd sock(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const Fd sock(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     timeval patience{}; // a manager that is busy gets a moment, one that hangs does not hold up the start
     patience.tv_sec = 1;
     const bool bounded = ::setsockopt(sock.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience) == 0;

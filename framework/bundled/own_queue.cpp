@@ -1,9 +1,9 @@
 #include "framework/bundled/own_queue.h"
 
 #include "framework/bundled/log_messages.h"
-#include "framework/bundled/queue_fd.h"
-#include "framework/hr_time_out.h"
-#include "framework/sleep.h"
+#include "framework/bundled/queue_failure.h"
+#include "framework/fd.h"
+#include "framework/tess_messages.h"
 
 #include <cerrno>
 #include <cstddef>
@@ -12,9 +12,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <sys/file.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/uio.h>
@@ -27,10 +25,6 @@ namespace {
 
 static_assert(std::is_trivially_destructible_v<TOwnQueue>);
 
-constexpr mode_t SOCKET_MODE = 0660;
-constexpr int LOCK_PATIENCE_S = 2;
-constexpr int LOCK_TRY_MS = 10;
-
 /// What a socket has sent and nobody has taken counts against its send buffer: 32 full queues of full-size records take
 /// about 5.5 MiB (measured). The kernel doubles the figure.
 constexpr int SEND_BUFFER_BYTES = 6 * 1024 * 1024;
@@ -38,38 +32,20 @@ constexpr int SEND_BUFFER_BYTES = 6 * 1024 * 1024;
 /// How many records one drain() takes, so that a sender that never stops cannot hold its caller. Chosen, not measured.
 constexpr int DRAIN_AT_ONCE = 64;
 
-[[noreturn]] void fail(long address, const std::string& what, const std::string& why)
+/// @return none when it cannot be made
+Fd newSocket()
 {
-    throw std::runtime_error("queue address " + std::to_string(address) + ": " + what + ": " + why);
-}
-
-[[noreturn]] void failInUse(long address)
-{
-    throw std::runtime_error("queue address " + std::to_string(address) + " is in use");
-}
-
-/// @param error  as lockDirectory() leaves it
-[[noreturn]] void failLock(long address, const std::string& path, int error)
-{
-    std::string why = std::strerror(error);
-    if (error == EWOULDBLOCK)
-        why += ": another process has kept the directory locked for " + std::to_string(LOCK_PATIENCE_S) + " seconds";
-    fail(address, path, why);
-}
-
-int newSocket()
-{
-    TQueueFd fd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (fd.get() < 0) return -1;
+    Fd fd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (fd.get() < 0) return fd;
     timeval oneSecond{};
     oneSecond.tv_sec = 1;
     // With a time-out set, a signal ends the wait even if its handler was installed with SA_RESTART (signal(7)). Without one
     // nothing but a record would end it.
-    if (::setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &oneSecond, sizeof oneSecond) != 0) return -1;
+    if (::setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &oneSecond, sizeof oneSecond) != 0) return Fd();
     const int bytes = SEND_BUFFER_BYTES;
     if (::setsockopt(fd.get(), SOL_SOCKET, SO_SNDBUFFORCE, &bytes, sizeof bytes) != 0)
         ::setsockopt(fd.get(), SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes); // cut to net.core.wmem_max
-    return fd.release();
+    return fd;
 }
 
 /// Puts another socket behind a descriptor that other threads may be using; they find either the old one or the new one.
@@ -77,42 +53,6 @@ int newSocket()
 bool replaceSocket(int descriptor, int by)
 {
     return ::syscall(SYS_dup3, by, descriptor, O_CLOEXEC) >= 0;
-}
-
-/// Holds the queue directory locked (flock(2)), against others that open or close a queue in it. They are done at once;
-/// whoever keeps the lock all the same holds nobody up for long.
-/// @return negative with errno set when that is not possible
-int lockDirectory(const TQueueDirectory& directory)
-{
-    TQueueFd fd(::open(directory.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (fd.get() < 0) return -1;
-    timeval patience{};
-    patience.tv_sec = LOCK_PATIENCE_S;
-    const TOrbHRTimeOut end(patience);
-    while (::flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
-        if (errno != EWOULDBLOCK || end.hasTimedOut()) return -1;
-        Sleep(LOCK_TRY_MS);
-    }
-    return fd.release();
-}
-
-/// Removes the socket file that a dead process has left; leaves everything else alone. Called with the directory locked.
-/// @throws std::runtime_error  the address is in use, or its path is something else than a queue
-void removeStaleFile(long address, const std::string& path, const sockaddr_un& name)
-{
-    struct stat found {};
-    if (::lstat(path.c_str(), &found) != 0) {
-        if (errno == ENOENT) return;
-        fail(address, path, std::strerror(errno));
-    }
-    if (!S_ISSOCK(found.st_mode)) fail(address, path, "is not a socket");
-    const TQueueFd probe(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    if (probe.get() < 0) fail(address, path, std::strerror(errno));
-    if (::connect(probe.get(), reinterpret_cast<const sockaddr*>(&name), sizeof name) == 0) failInUse(address);
-    // EPROTOTYPE: a live socket of another kind. EPERM: a live one that talks to one peer only.
-    if (errno == EPROTOTYPE || errno == EPERM) failInUse(address);
-    if (errno != ECONNREFUSED) fail(address, path, std::strerror(errno));
-    if (::unlink(path.c_str()) != 0 && errno != ENOENT) fail(address, path, std::strerror(errno));
 }
 
 } // namespace
@@ -132,7 +72,7 @@ int TOwnQueue::socket()
 {
     const int present = socket_.load();
     if (present >= 0) return present;
-    TQueueFd fresh(newSocket());
+    Fd fresh = newSocket();
     int expected = -1;
     if (fresh.get() < 0 || !socket_.compare_exchange_strong(expected, fresh.get())) return expected;
     return fresh.release();
@@ -151,65 +91,28 @@ void TOwnQueue::open(long address)
 
 void TOwnQueue::openLocked(long address)
 {
-    if (address < 1 || address > TQueueDirectory::HIGHEST_ADDRESS)
+    if (address < 1 || address > HIGHEST_QUEUE_ADDRESS)
         throw std::runtime_error("queue address " + std::to_string(address) + " is not between 1 and " +
-                                 std::to_string(TQueueDirectory::HIGHEST_ADDRESS));
+                                 std::to_string(HIGHEST_QUEUE_ADDRESS));
     if (isOpen()) {
-        if (address == address_) failInUse(address);
+        if (address == file_.address()) failQueueInUse(address);
         throw std::runtime_error("queue address " + std::to_string(address) + ": this process already holds " +
-                                 std::to_string(address_));
+                                 std::to_string(file_.address()));
     }
     const TQueueDirectory& in = TQueueDirectory::fromEnvironment();
     const int descriptor = socket();
-    const TQueueFd bound(newSocket());
-    if (descriptor < 0 || bound.get() < 0) fail(address, "socket", std::strerror(errno));
-    file_ = bindSocket(bound.get(), address, in);
-    address_ = address;
+    const Fd bound = newSocket();
+    if (descriptor < 0 || bound.get() < 0) failToOpenQueue(address, "socket", std::strerror(errno));
+    file_ = QueueFile::bind(bound.get(), address, in);
     owner_.store(::getpid());
     inherited_.store(false);
     directory_.store(&in);
     if (!replaceSocket(descriptor, bound.get())) {
         const int error = errno;
-        removeFile();
-        fail(address, "socket", std::strerror(error));
+        file_.remove(in);
+        failToOpenQueue(address, "socket", std::strerror(error));
     }
     open_.store(true);
-}
-
-/// @return the identity of the socket file, which has its final mode
-TOwnQueue::FileId TOwnQueue::bindSocket(int fd, long address, const TQueueDirectory& in)
-{
-    const std::string path = in.socketPath(address);
-    sockaddr_un name{};
-    if (!in.socketAddress(address, name)) fail(address, path, "path too long for a socket address");
-    in.create();
-    const TQueueFd lock(lockDirectory(in));
-    if (lock.get() < 0) failLock(address, in.path(), errno);
-    removeStaleFile(address, path, name);
-    // The file's mode is the descriptor's less the umask: never wider than wanted, not even for a moment.
-    if (::fchmod(fd, SOCKET_MODE) != 0) fail(address, path, std::strerror(errno));
-    if (::bind(fd, reinterpret_cast<const sockaddr*>(&name), sizeof name) != 0) {
-        if (errno == EADDRINUSE) failInUse(address); // somebody bound it without asking for the lock
-        fail(address, path, std::strerror(errno));
-    }
-    struct stat made {};
-    if (::chmod(path.c_str(), SOCKET_MODE) != 0 || ::lstat(path.c_str(), &made) != 0) {
-        const int error = errno;
-        ::unlink(path.c_str());
-        fail(address, path, std::strerror(error));
-    }
-    return {made.st_dev, made.st_ino};
-}
-
-/// Removes the socket file, if the one at the path is still this queue's.
-void TOwnQueue::removeFile()
-{
-    const TQueueDirectory& in = directory();
-    const std::string path = in.socketPath(address_);
-    const TQueueFd lock(lockDirectory(in));
-    struct stat found {};
-    if (lock.get() < 0 || ::lstat(path.c_str(), &found) != 0) return;
-    if (found.st_dev == file_.device && found.st_ino == file_.inode) ::unlink(path.c_str());
 }
 
 void TOwnQueue::close()
@@ -217,10 +120,10 @@ void TOwnQueue::close()
     if (::getpid() != owner_.load()) return forget();
     const std::scoped_lock lock(openLock_);
     if (!isOpen()) return;
-    removeFile();
+    file_.remove(directory());
     open_.store(false);
     const std::scoped_lock receiving(receiveLock_);
-    const TQueueFd unbound(newSocket());
+    const Fd unbound = newSocket();
     // Without a descriptor to spare the old socket stays, but nothing goes through it any more.
     if (unbound.get() < 0 || !replaceSocket(socket_.load(), unbound.get())) ::shutdown(socket_.load(), SHUT_RDWR);
     backlog_.clear();
@@ -231,8 +134,8 @@ void TOwnQueue::close()
 void TOwnQueue::forget()
 {
     if (!open_.exchange(false)) return;
-    const TQueueFd unbound(newSocket());
-    if (unbound.get() < 0 || !replaceSocket(socket_.load(), unbound.get())) ::close(socket_.exchange(-1));
+    const Fd unbound = newSocket();
+    if (unbound.get() < 0 || !replaceSocket(socket_.load(), unbound.get())) Fd(socket_.exchange(-1)).reset();
 }
 
 void TOwnQueue::startInForkedChild()

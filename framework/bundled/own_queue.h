@@ -2,6 +2,7 @@
 
 #include "framework/bundled/msg_backlog.h"
 #include "framework/bundled/queue_directory.h"
+#include "framework/bundled/queue_file.h"
 #include "framework/orb_attachment_msg.h"
 
 #include <atomic>
@@ -29,7 +30,7 @@ public:
     void useEnvironment();
 
     /// Opens the queue of that address in the directory that the environment names.
-    /// @param address  1 to TQueueDirectory::HIGHEST_ADDRESS, else an error
+    /// @param address  1 to HIGHEST_QUEUE_ADDRESS, else an error
     /// @throws std::runtime_error  after the same text has been logged
     void open(long address);
 
@@ -59,15 +60,8 @@ public:
     const TQueueDirectory& directory();
 
 private:
-    struct FileId {
-        dev_t device;
-        ino_t inode;
-    };
-
     void openLocked(long address);
     void forget();
-    FileId bindSocket(int fd, long address, const TQueueDirectory& in);
-    void removeFile();
     long takeFromSocket(TOrbAttachmentMsg* msg, int flags);
 
     std::mutex openLock_;
@@ -76,8 +70,7 @@ private:
     std::atomic<const TQueueDirectory*> directory_{nullptr};
     std::atomic<pid_t> owner_{0};
     std::atomic<bool> inherited_{false}; ///< opened before this process was forked, and not read here yet
-    long address_ = 0;
-    FileId file_{};
+    QueueFile file_;
 
     std::mutex receiveLock_; ///< guards backlog_ and who reads the socket, so that the order of arrival holds
     TMsgBacklog backlog_;

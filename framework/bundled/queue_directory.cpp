@@ -1,5 +1,7 @@
 #include "framework/bundled/queue_directory.h"
 
+#include "framework/tess_messages.h"
+
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -17,7 +19,6 @@
 
 namespace {
 
-constexpr std::string_view DEFAULT_DIRECTORY = "/run/tess/queue";
 constexpr mode_t DIRECTORY_MODE = 0770;
 
 struct KnownDirectory {
@@ -42,7 +43,7 @@ std::string madeAbsolute(const std::string& relative)
 std::string directoryName()
 {
     const char* const value = std::getenv("TESS_QUEUE_DIR");
-    std::string name(value != nullptr && *value != '\0' ? std::string_view(value) : DEFAULT_DIRECTORY);
+    std::string name(value != nullptr && *value != '\0' ? value : DEFAULT_QUEUE_DIRECTORY);
     if (name.front() != '/') name = madeAbsolute(name);
     while (name.size() > 1 && name.back() == '/')
         name.pop_back();
@@ -56,7 +57,7 @@ long addressNamed(std::string_view name)
     if (name.empty() || name.front() == '0' || !digitsOnly) return 0;
     long address = 0;
     const auto [end, error] = std::from_chars(name.data(), name.data() + name.size(), address);
-    return error == std::errc() && address <= TQueueDirectory::HIGHEST_ADDRESS ? address : 0;
+    return error == std::errc() && address <= HIGHEST_QUEUE_ADDRESS ? address : 0;
 }
 
 [[noreturn]] void fail(const std::string& path, int error)

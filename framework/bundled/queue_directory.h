@@ -9,8 +9,6 @@
 /// Threads: any; an object never changes and is never freed, because another thread may always be sending.
 class TQueueDirectory {
 public:
-    static constexpr long HIGHEST_ADDRESS = 2147483647;
-
     explicit TQueueDirectory(std::string_view path);
 
     /// The directory named by TESS_QUEUE_DIR as it is now; a relative name starts at the working directory of now, and is
@@ -23,7 +21,7 @@ public:
     std::string socketPath(long address) const { return prefix_ + std::to_string(address); }
 
     /// The socket address of a queue. Allocates nothing.
-    /// @param address  1 to HIGHEST_ADDRESS
+    /// @param address  1 to HIGHEST_QUEUE_ADDRESS
     /// @return false: the path is too long for a socket address
     bool socketAddress(long address, sockaddr_un& to) const;
 

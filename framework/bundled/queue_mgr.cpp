@@ -2,6 +2,7 @@
 
 #include "framework/bundled/own_queue.h"
 #include "framework/bundled/queue_sender.h"
+#include "framework/tess_messages.h"
 
 #include <algorithm>
 #include <pthread.h>
@@ -29,7 +30,7 @@ long TQueueMgr::sendMsg(long address, TOrbAttachmentMsg* msg, long length, bool 
 {
     sockaddr_un to;
     if (length < static_cast<long>(MSG_HEADER_BYTES)) return SEND_FAILED;
-    if (address < 1 || address > TQueueDirectory::HIGHEST_ADDRESS) return SEND_FAILED;
+    if (address < 1 || address > HIGHEST_QUEUE_ADDRESS) return SEND_FAILED;
     if (!ownQueue.directory().socketAddress(address, to)) return SEND_FAILED;
     const std::size_t bytes = std::min(static_cast<std::size_t>(length), MSG_RECORD_BYTES);
 

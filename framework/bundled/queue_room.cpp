@@ -1,24 +1,24 @@
 #include "framework/queue_room.h"
 
 #include "framework/bundled/own_queue.h"
+#include "framework/tess_messages.h"
 
 #include <sys/socket.h>
-#include <unistd.h>
 
 // A socket that sends, as the own one does, is writable whatever its destinations do. One that is connected is not writable
 // while its peer's queue is full (unix(7) does not say so; the kernel's unix_dgram_poll() does).
 int TQueueRoom::watch(long address)
 {
     sockaddr_un to{};
-    const bool isAddress = address >= 1 && address <= TQueueDirectory::HIGHEST_ADDRESS;
-    if (fd_ < 0) fd_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    const bool isAddress = address >= 1 && address <= HIGHEST_QUEUE_ADDRESS;
+    if (fd_.get() < 0) fd_.reset(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!isAddress || !ownQueue.directory().socketAddress(address, to) ||
-        ::connect(fd_, reinterpret_cast<const sockaddr*>(&to), sizeof to) != 0)
+        ::connect(fd_.get(), reinterpret_cast<const sockaddr*>(&to), sizeof to) != 0)
         stop();
-    return fd_;
+    return fd_.get();
 }
 
 void TQueueRoom::stop()
 {
-    if (fd_ >= 0) ::close(std::exchange(fd_, -1));
+    fd_.reset();
 }

@@ -1,6 +1,6 @@
 #include "framework/bundled/write_at_once.h"
 
-#include "framework/bundled/queue_fd.h"
+#include "framework/fd.h"
 #include "framework/fixed_text.h"
 
 #include <algorithm>
@@ -67,15 +67,15 @@ bool writeWithoutWaiting(int fd, std::string_view bytes, ssize_t& written)
 
 /// Opens the same pipe or terminal again, for this process alone, so that its writes need not wait. Anew for each line:
 /// what stands behind the descriptor may change at any time, and kept open it would keep a pipe's reader from its end.
-/// @return negative: not possible, because it is another user's, or there is no descriptor to spare
-int openedAgain(int fd)
+/// @return none: not possible, because it is another user's, or there is no descriptor to spare
+Fd openedAgain(int fd)
 {
     FixedText<40> path;
     path << "/proc/self/fd/" << fd;
     const int flags = ::fcntl(fd, F_GETFL);
-    const int own = ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    if (own >= 0 && (flags & O_DIRECT) != 0)
-        ::fcntl(own, F_SETFL, O_NONBLOCK | O_DIRECT); // pipe2(2): one packet a write
+    Fd own(::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (own.get() >= 0 && (flags & O_DIRECT) != 0)
+        ::fcntl(own.get(), F_SETFL, O_NONBLOCK | O_DIRECT); // pipe2(2): one packet a write
     return own;
 }
 
@@ -93,7 +93,7 @@ ssize_t writeToPipeOrTerminal(int fd, std::string_view bytes)
     const THeldSignals held;
     ssize_t written = 0;
     if (writeWithoutWaiting(fd, bytes, written)) return written;
-    const TQueueFd own(openedAgain(fd));
+    const Fd own = openedAgain(fd);
     if (own.get() >= 0) return ::write(own.get(), bytes.data(), bytes.size());
     return errno == ENXIO ? -1 : writeIfRoom(fd, bytes); // ENXIO: a pipe that nobody reads any more
 }

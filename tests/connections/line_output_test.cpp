@@ -75,7 +75,7 @@ protected:
 
     Sent report(const std::string& text, std::int32_t asker = 2001, std::uint32_t tag = 7)
     {
-        return out.writeReported(open(), text, {asker, tag});
+        return out.writeReported(Fd(open()), text, {asker, tag});
     }
 
     std::vector<std::string> reports()
@@ -136,7 +136,7 @@ TEST_F(LineOutput, SendsWhatTheLineTakesAtOnceWithoutAllocating)
         const int once = open();
         const unsigned before = allocationCount();
         EXPECT_EQ(out.write(line, bytes), Sent::whole) << count;
-        EXPECT_EQ(out.writeReported(once, bytes, {2001, 7}), Sent::whole) << count;
+        EXPECT_EQ(out.writeReported(Fd(once), bytes, {2001, 7}), Sent::whole) << count;
         EXPECT_EQ(allocationCount(), before) << count;
         EXPECT_FALSE(isOpen(once));
         EXPECT_EQ(readable(far->receive(2 * count)), readable(bytes + bytes));
@@ -335,7 +335,7 @@ TEST_F(LineOutput, HoldsOneDescriptorForAllReportedTexts)
         EXPECT_EQ(openDescriptors(), before + 1);
         written.push_back("2001 " + std::to_string(i) + " written");
     }
-    EXPECT_EQ(out.writeReported(-1, "x", {2001, 50}), Sent::refused) << "though another text has one";
+    EXPECT_EQ(out.writeReported(Fd(), "x", {2001, 50}), Sent::refused) << "though another text has one";
     startLine();
     EXPECT_EQ(serveAndReceive(50), std::string(50, 'x'));
     EXPECT_THAT(reports(), ElementsAreArray(written));
@@ -351,7 +351,7 @@ TEST_F(LineOutput, ClosesTheDescriptorOfAReportedTextWhateverBecomesOfIt)
     EXPECT_EQ(openDescriptors(), before) << "failed";
     {
         TLineOutput other;
-        EXPECT_EQ(other.writeReported(open(), "left", {1, 1}), Sent::kept);
+        EXPECT_EQ(other.writeReported(Fd(open()), "left", {1, 1}), Sent::kept);
         EXPECT_EQ(openDescriptors(), before + 1);
     }
     EXPECT_EQ(openDescriptors(), before) << "at the end of the object";
@@ -439,8 +439,8 @@ TEST_F(LineOutput, RefusesSilentlyWhatIsNoLine)
     const int readOnly = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
     for (const int fd : {-1, 1'000'000, readOnly})
         EXPECT_EQ(out.write(fd, "OK"), Sent::refused) << fd;
-    EXPECT_EQ(out.writeReported(-1, "OK", {1, 1}), Sent::refused);
-    EXPECT_EQ(out.writeReported(readOnly, "OK", {1, 1}), Sent::refused);
+    EXPECT_EQ(out.writeReported(Fd(), "OK", {1, 1}), Sent::refused);
+    EXPECT_EQ(out.writeReported(Fd(readOnly), "OK", {1, 1}), Sent::refused);
     EXPECT_FALSE(isOpen(readOnly));
     stopLine();
     EXPECT_EQ(out.write(line, "kept"), Sent::kept);

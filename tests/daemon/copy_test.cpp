@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 
 #include "common/process_copy.h"
+#include "framework/tess_messages.h"
 #include "tests/daemon/daemon_test_bench.h"
 #include "tests/daemon/fake_system.h"
 #include "tests/daemon/local_client.h"
@@ -106,8 +107,8 @@ protected:
         system.forksReally = true;
         bench.emplace(DaemonTestBench::WITH_LOCAL_PORTS);
         g_tess = bench->tess.get();
-        ipc.emplace("/tmp/socket");
-        xcp.emplace("/tmp/xcp");
+        ipc.emplace(IPC_SOCKET_PATH);
+        xcp.emplace(XCP_SOCKET_PATH);
     }
 
     bool isChild() const { return ::getpid() != parent; }
@@ -132,7 +133,7 @@ protected:
         ASSERT_GT(::wait(&status), 0);
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "status " << status;
         for (const std::string& file :
-             {std::string("/tmp/socket"), std::string("/tmp/xcp"), bench->directory.path() + "/1001"})
+             {std::string(IPC_SOCKET_PATH), std::string(XCP_SOCKET_PATH), bench->directory.path() + "/1001"})
             EXPECT_TRUE(fs::exists(file)) << file;
         EXPECT_TRUE(ipc->send("*\n"));
         std::string answer;

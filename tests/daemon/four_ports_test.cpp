@@ -29,7 +29,7 @@ protected:
         for (const std::string* const problem : {&privateMountsProblem(), &privateNetworkProblem()})
             if (!problem->empty()) GTEST_SKIP() << *problem;
         far = std::make_unique<PtyLine>();
-        far->plugInto("/dev/ttyS1");
+        far->plugInto(COM2_DEVICE);
     }
 
     std::unique_ptr<TTess> makeDaemon() { return std::make_unique<TTess>(TESS_QUEUE_ID, true, true, true, true); }
@@ -115,7 +115,7 @@ TEST_F(FourPorts, TakeATelnetUserThroughTheLoginToACommand)
     const PasswdFile accounts(ALICE);
     const auto tess = makeDaemon();
     TTessPeer peer(*tess);
-    const TcpClient client(TcpClient::connectTo(23));
+    const TcpClient client(TcpClient::connectTo(TELNET_TCP_PORT));
     ASSERT_TRUE(client.send("\r\n")); // says at once that it is no telnet client
     ASSERT_TRUE(waitUntil([&] {
         peer.serve(SHORT);
@@ -152,7 +152,7 @@ TEST_F(FourPorts, RemoveAClientWhoseLoginFailsAndServeTheNextInTheSamePass)
     TTessPeer peer(*tess);
     std::vector<std::unique_ptr<TcpClient>> clients;
     for (std::size_t i = 0; i < 2; ++i) {
-        clients.push_back(std::make_unique<TcpClient>(TcpClient::connectTo(23)));
+        clients.push_back(std::make_unique<TcpClient>(TcpClient::connectTo(TELNET_TCP_PORT)));
         ASSERT_TRUE(clients[i]->send("\r\n"));
         ASSERT_TRUE(waitUntil([&] {
             peer.serve(SHORT);

@@ -5,6 +5,7 @@
 #include <thread>
 
 #include "common/milestone.h"
+#include "framework/tess_messages.h"
 #include "tests/daemon/daemon_test_bench.h"
 #include "tests/daemon/fake_system.h"
 #include "tests/support/allocation_count.h"
@@ -27,7 +28,6 @@ constexpr const char* REGISTRY_EMPTY = "Registered process list is empty";
 constexpr const char* NOT_REGISTERED = "Process not found in registered process list";
 constexpr const char* REFUSED = "Error Processing RESET Command\r\n\r\n";
 constexpr std::uint32_t FAILURE = 0xFFFF'FFFF;
-constexpr const char* SERIAL_LINE = "/dev/ttyS1";
 
 const LogLine resetReceived{250003, "Received RESET command."};
 
@@ -300,18 +300,18 @@ TEST_F(MessageLoop, WritesBytesToTheSerialLine)
     for (const Row& row : rows) {
         SCOPED_TRACE(row.behaviour);
         bench.serve(process, message(MSG_REPLY, std::string(8000, 'x'), 0)); // must not show in what follows
-        std::ofstream(SERIAL_LINE, std::ios::trunc).flush();
+        std::ofstream(COM2_DEVICE, std::ios::trunc).flush();
         const Received answer = answerTo(message(MSG_COM2_WRITE, "bytes", 0x1234'5678, row.len));
         EXPECT_EQ(answer.record.kind, 102U);
         EXPECT_EQ(answer.record.tag, 0x1234'5678U);
         EXPECT_EQ(answer.record.len, 0);
         EXPECT_EQ(answer.length, 16U);
-        std::ifstream line(SERIAL_LINE);
+        std::ifstream line(COM2_DEVICE);
         EXPECT_EQ(readable(std::string(std::istreambuf_iterator<char>(line), {})), readable(row.written));
         EXPECT_EQ(serial.mutes, ++mutes);
         EXPECT_EQ(other.mutes, 0);
     }
-    ::unlink(SERIAL_LINE);
+    ::unlink(COM2_DEVICE);
 }
 
 TEST_F(MessageLoop, ReportsASerialLineThatCannotBeOpened)

@@ -1,6 +1,7 @@
 // Writes to a serial line that does not take everything at once, and their answers.
 #include <gmock/gmock.h>
 
+#include "framework/tess_messages.h"
 #include "tests/daemon/daemon_test_bench.h"
 #include "tests/support/private_mounts.h"
 #include "tests/support/pty_line.h"
@@ -19,7 +20,7 @@ protected:
     void SetUp() override
     {
         if (!privateMountsProblem().empty()) GTEST_SKIP() << privateMountsProblem();
-        far.plugInto("/dev/ttyS1");
+        far.plugInto(COM2_DEVICE);
         line = far.open();
         ASSERT_TRUE(PtyLine::makePlain(line));
         serial().makeSerial();

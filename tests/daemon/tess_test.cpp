@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "common/milestone.h"
+#include "framework/tess_messages.h"
 #include "tests/daemon/daemon_test_bench.h"
 #include "tests/daemon/local_client.h"
 #include "tests/support/in_background.h"
@@ -139,23 +140,23 @@ TEST_F(TessWithPorts, OpensThePortsThatAreAskedForXcpFirst)
             for (const TCmdPort* port : TTessPeer(tess).ports())
                 types.push_back(port->portType);
             EXPECT_EQ(types, row.ports);
-            EXPECT_EQ(fs::exists("/tmp/xcp"), row.xcp);
-            EXPECT_EQ(fs::exists("/tmp/socket"), row.ipc);
+            EXPECT_EQ(fs::exists(XCP_SOCKET_PATH), row.xcp);
+            EXPECT_EQ(fs::exists(IPC_SOCKET_PATH), row.ipc);
         }
         const auto lines = log.lines();
         EXPECT_EQ(std::vector<LogLine>(lines.begin() + static_cast<std::ptrdiff_t>(before), lines.end()), row.lines);
-        EXPECT_FALSE(fs::exists("/tmp/xcp"));
-        EXPECT_FALSE(fs::exists("/tmp/socket"));
+        EXPECT_FALSE(fs::exists(XCP_SOCKET_PATH));
+        EXPECT_FALSE(fs::exists(IPC_SOCKET_PATH));
     }
 }
 
 TEST_F(TessWithPorts, ClosesWhatWasOpenWhenAPortFails)
 {
-    fs::create_directories("/tmp/socket/not empty");
+    fs::create_directories(fs::path(IPC_SOCKET_PATH) / "not empty");
     EXPECT_EQ(problemOf(TESS_QUEUE_ID, true, true), "failed binding to IPC socket");
     EXPECT_THAT(log.lines(), ElementsAre(initXcp, initIpc, xcpClosed));
-    EXPECT_FALSE(fs::exists("/tmp/xcp"));
-    fs::remove_all("/tmp/socket");
+    EXPECT_FALSE(fs::exists(XCP_SOCKET_PATH));
+    fs::remove_all(IPC_SOCKET_PATH);
     EXPECT_EQ(problemOf(TESS_QUEUE_ID, true, true), "none") << "the queue address is free again";
 }
 
@@ -163,8 +164,8 @@ TEST_F(TessWithPorts, DisturbsNothingOfAnotherDaemonOnTheSameQueueAddress)
 {
     const TTess first(TESS_QUEUE_ID, false, false, true, true);
     EXPECT_EQ(problemOf(TESS_QUEUE_ID, true, true), "queue address 1001 is in use");
-    EXPECT_NO_FATAL_FAILURE(LocalClient("/tmp/xcp"));
-    EXPECT_NO_FATAL_FAILURE(LocalClient("/tmp/socket"));
+    EXPECT_NO_FATAL_FAILURE(LocalClient{XCP_SOCKET_PATH});
+    EXPECT_NO_FATAL_FAILURE(LocalClient{IPC_SOCKET_PATH});
 }
 
 // --- bulk closing
@@ -240,7 +241,7 @@ TEST_F(TessWithPorts, ServesOnForTwoSecondsAfterAStopMessageAndEndsAsAWhole)
     auto tess = std::make_unique<TTess>(TESS_QUEUE_ID, false, false, true, true);
     TTessPeer peer(*tess);
     ASSERT_EQ(tess->startService(), 0);
-    const LocalClient client("/tmp/socket");
+    const LocalClient client(IPC_SOCKET_PATH);
     const Stopwatch watch;
     InBackground end([&] {
         tess.reset();
@@ -293,7 +294,7 @@ TEST_F(TessWithPorts, EndsWhileAConnectionWaitsForItsFrame)
 {
     auto tess = std::make_unique<TTess>(TESS_QUEUE_ID, false, false, true, true);
     ASSERT_EQ(tess->startService(), 0);
-    const LocalClient half("/tmp/xcp");
+    const LocalClient half(XCP_SOCKET_PATH);
     ASSERT_TRUE(half.send("AB"));
     tess->requestStop();
     tess.reset();
@@ -324,8 +325,8 @@ TEST_F(TessWithPorts, TakesCommandsToAProcessAndItsAnswersBackUntilItIsStoppedIn
                 }
         });
 
-        const LocalClient a("/tmp/socket");
-        const LocalClient b("/tmp/socket");
+        const LocalClient a(IPC_SOCKET_PATH);
+        const LocalClient b(IPC_SOCKET_PATH);
         for (int i = 0; i < 50; ++i) {
             const std::string number = std::to_string(1000 + i);
             ASSERT_TRUE(a.send("a" + number + "\n"));

@@ -115,7 +115,7 @@ def test_a_command_travels_as_a_text_message(tessd):
         process.register(b"ENC")
         client.send(b"s3.ENC SETX 5\n")
         got = process.receive()
-        assert got.origin == "/run/tess/queue/1001"
+        assert got.origin == f"{settings.QUEUE_DIR}/{wire.DAEMON}"
         assert (got.kind, got.tag, got.text) == (101, wire.FIRST_IPC_ID, b"SETX 5\n\0")
         assert got.size == len("SETX 5") + 18
 

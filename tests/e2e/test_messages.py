@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import pytest
 
-from harness import wire
+from harness import settings, wire
 from harness.clients import IpcClient, XcpClient
 from harness.daemon import CLOSING_ALL, CLOSING_TELNET
 from harness.queue_process import QueueProcess
@@ -57,7 +57,7 @@ class Conversation:
 
     def _check(self, text: bytes, what: str) -> None:
         got = self.process.receive()
-        assert got.origin == f"/run/tess/queue/{wire.DAEMON}", f"{what}: answered from {got.origin}"
+        assert got.origin == f"{settings.QUEUE_DIR}/{wire.DAEMON}", f"{what}: answered from {got.origin}"
         self.model.check(got, text, what)
 
 

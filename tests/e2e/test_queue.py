@@ -118,7 +118,7 @@ def test_a_relative_queue_directory_is_meant_from_where_the_daemon_started(launc
 
 
 def test_the_highest_address_is_served(tessd):
-    with QueueProcess(2147483647) as process, IpcClient() as client:
+    with QueueProcess(settings.HIGHEST_QUEUE_ADDRESS) as process, IpcClient() as client:
         process.register(b"ENC")
         client.send(b"s3.ENC X\n")
         process.expect_command(b"X")

@@ -68,7 +68,7 @@ def test_a_queue_of_its_own_that_cannot_be_read(tessd):
 
 @tessctl.needs_tracer
 @pytest.mark.parametrize(
-    "command, path", [(["send", "*"], "/tmp/socket"), (["close"], DAEMON_QUEUE), (["ping", "telnet"], "127.0.0.1:23")], ids=str
+    "command, path", [(["send", "*"], settings.IPC_PATH), (["close"], DAEMON_QUEUE), (["ping", "telnet"], "127.0.0.1:23")], ids=str
 )
 def test_a_process_that_may_open_no_more_files(tessd, command, path):
     command = [*tessctl.tampered("socket", "error=EMFILE"), tessctl.PROGRAM, *command]
@@ -139,7 +139,7 @@ def test_something_else_at_the_daemons_queue():
 
 
 def test_a_socket_that_is_closed_to_this_user(tessd):
-    os.chmod("/tmp/socket", 0o770)
+    os.chmod(settings.IPC_PATH, 0o770)
     tessctl.run("send", "*", **STRANGER).expect(
         NO_CONNECTION, "", "tessctl: /tmp/socket: Permission denied: are you in group tess?\n"
     )
@@ -147,7 +147,7 @@ def test_a_socket_that_is_closed_to_this_user(tessd):
 
 def test_something_else_at_a_sockets_path():
     with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as other:
-        other.bind("/tmp/xcp")
+        other.bind(settings.XCP_PATH)
         tessctl.run("send", "-p", "xcp", "*").expect(
             NO_CONNECTION, "", "tessctl: /tmp/xcp: Protocol wrong type for socket: something else holds tessd's path\n"
         )
@@ -159,7 +159,7 @@ def test_a_daemon_that_is_held_up_answers_no_ping(tessd):
 
 
 def test_somebody_else_who_answers_on_a_socket():
-    with server(socket.AF_UNIX, "/tmp/socket", b"hello\r\n\r\n"):
+    with server(socket.AF_UNIX, settings.IPC_PATH, b"hello\r\n\r\n"):
         tessctl.run("ping", "ipc").expect(REFUSED, "", "tessctl: /tmp/socket answers, but not as tessd does\n")
 
 
@@ -182,14 +182,14 @@ def test_a_telnet_port_that_takes_no_connections(socket_tessd):
 
 
 def test_a_serial_line_that_nobody_has_open():
-    open("/dev/ttyS1", "wb").close()
+    open(settings.SERIAL_LINE, "wb").close()
     tessctl.run("ping", "com2").expect(
         REFUSED, "", "tessctl: /dev/ttyS1 is open in no process: does tessd run with the COM2 port?\n"
     )
     output = tessctl.run("ping", "com2", **STRANGER).expect(DONE, errors="").output
     assert output.startswith("/dev/ttyS1 exists; only root can see who has it open"), output
-    os.chmod("/dev/ttyS1", 0o666)
-    with open("/dev/ttyS1", "rb") as line, subprocess.Popen(["sleep", "1000"], stdin=line, **STRANGER) as other:
+    os.chmod(settings.SERIAL_LINE, 0o666)
+    with open(settings.SERIAL_LINE, "rb") as line, subprocess.Popen(["sleep", "1000"], stdin=line, **STRANGER) as other:
         output = tessctl.run("ping", "com2", **STRANGER).expect(DONE, errors="").output
         assert output.startswith(f"/dev/ttyS1 is open in sleep ({other.pid}); only root can see in what else ("), output
         other.kill()

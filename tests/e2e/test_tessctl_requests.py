@@ -89,7 +89,7 @@ def test_check_in_json_survives_a_path_that_is_no_text():
 
 
 def test_check_tells_an_unused_serial_line_from_one_in_other_hands(tessd):
-    with SerialLine(), open("/dev/ttyS1", "rb"):
+    with SerialLine(), open(settings.SERIAL_LINE, "rb"):
         output = tessctl.run("check").expect(REFUSED).output
         assert "FAILED  com2    /dev/ttyS1 is open in " in output and output.endswith(", not in tessd\n"), output
 

@@ -230,7 +230,7 @@ def test_lines_that_are_not_waited_for_never_make_a_burst_that_is_thrown_away(te
         assert sending.wait(20 * settings.SLOW) == NO_ANSWER
 
 
-@pytest.mark.parametrize("port, path", [("ipc", "/tmp/socket"), ("xcp", "/tmp/xcp")])
+@pytest.mark.parametrize("port, path", [("ipc", settings.IPC_PATH), ("xcp", settings.XCP_PATH)])
 def test_a_daemon_that_takes_no_connections_is_not_waited_for_without_end(tessd, port, path):
     said = f"tessctl: {path}: Connection timed out: tessd takes no connections: is it stuck?\n"
     with tessctl.held(tessd), contextlib.ExitStack() as waiting:
@@ -278,7 +278,7 @@ def test_an_answer_controls_no_terminal(tessd):
 
 
 def test_without_a_daemon_there_is_no_connection():
-    for port, path in ("ipc", "/tmp/socket"), ("xcp", "/tmp/xcp"):
+    for port, path in ("ipc", settings.IPC_PATH), ("xcp", settings.XCP_PATH):
         tessctl.run("send", "-p", port, "X").expect(
             NO_CONNECTION, "", f"tessctl: {path}: No such file or directory: is tessd running, and with this port?\n"
         )
@@ -286,7 +286,7 @@ def test_without_a_daemon_there_is_no_connection():
 
 def test_a_daemon_that_has_died_is_told_from_one_that_is_not_there():
     with socket.socket(socket.AF_UNIX) as dead:
-        dead.bind("/tmp/socket")
+        dead.bind(settings.IPC_PATH)
     tessctl.run("send", "X").expect(
         NO_CONNECTION,
         "",

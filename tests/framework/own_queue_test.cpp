@@ -1,6 +1,6 @@
 #include "framework/bundled/own_queue.h"
 
-#include "framework/bundled/queue_fd.h"
+#include "framework/fd.h"
 
 #include "child_process.h"
 #include "fake_system.h"
@@ -61,11 +61,11 @@ protected:
     }
 
     /// Locks the queue directory, as somebody does who never comes to an end.
-    TQueueFd lockedDirectory() const
+    Fd lockedDirectory() const
     {
         const int fd = ::open(dir_.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         if (::flock(fd, LOCK_EX | LOCK_NB) != 0) throw std::runtime_error("the directory is locked already");
-        return TQueueFd(fd);
+        return Fd(fd);
     }
 
     static std::ptrdiff_t openDescriptors()
@@ -209,7 +209,7 @@ TEST_F(OwnQueue, ADirectoryThatIsAFileIsAClearError)
 
 TEST_F(OwnQueue, ADirectoryThatStaysLockedIsAClearErrorAfterTwoSeconds)
 {
-    const TQueueFd lock = lockedDirectory();
+    const Fd lock = lockedDirectory();
     const TStopwatch watch;
     EXPECT_EQ("queue address 1001: " + dir_.path() +
                   ": Resource temporarily unavailable: another process has kept the " +
@@ -236,7 +236,7 @@ TEST_F(OwnQueue, ClosingWhileTheDirectoryStaysLockedLeavesAFileThatTheNextOwnerR
 {
     ASSERT_EQ("", openError(1001));
     {
-        const TQueueFd lock = lockedDirectory();
+        const Fd lock = lockedDirectory();
         const TStopwatch watch;
         queue_.close();
         EXPECT_GE(watch.milliseconds(), 2000);

@@ -17,6 +17,7 @@
 #include "common/milestone.h"
 #include "common/process_copy.h"
 #include "framework/fixed_text.h"
+#include "framework/tess_messages.h"
 #include "ports/port_ipc_socket.h"
 #include "ports/xcp_port.h"
 #include "tests/support/descriptor_limit.h"
@@ -50,7 +51,7 @@ template <class Port> std::unique_ptr<TLocalSocketPort> make()
 const Kind kinds[] = {
     {"Ipc",
      make<TPortIPCSocket>,
-     "/tmp/socket",
+     IPC_SOCKET_PATH,
      8,
      0xBB01'0000,
      {36105, "Socket port closed"},
@@ -60,7 +61,7 @@ const Kind kinds[] = {
      1023},
     {"Xcp",
      make<TXCPPort>,
-     "/tmp/xcp",
+     XCP_SOCKET_PATH,
      4,
      0x0057'0000,
      {36105, "XCP Socket port closed"},

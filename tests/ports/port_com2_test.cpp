@@ -13,6 +13,7 @@
 #include "common/milestone.h"
 #include "common/process_copy.h"
 #include "connections/com2_conn.h"
+#include "framework/tess_messages.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/open_descriptors.h"
 #include "tests/support/private_mounts.h"
@@ -26,8 +27,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr const char* DEVICE = "/dev/ttyS1";
-
 const LogLine portClosed{36102, "COM2 port closed"};
 const LogLine connClosed{36102, "COM2 connection closed"};
 
@@ -38,14 +37,14 @@ protected:
     {
         if (!privateMountsProblem().empty()) GTEST_SKIP() << privateMountsProblem();
         far = std::make_unique<PtyLine>();
-        far->plugInto(DEVICE);
+        far->plugInto(COM2_DEVICE);
         line = far->open();
     }
     void TearDown() override
     {
         if (line >= 0) ::close(line);
         far.reset();
-        fs::remove(DEVICE);
+        fs::remove(COM2_DEVICE);
     }
 
     /// The line's settings now.
@@ -312,7 +311,7 @@ TEST_F(PortCom2, LeavesAnEmptySlotAlone)
 
 TEST_F(PortCom2, StaysClosedWithoutItsDeviceButHasItsConnectionAllTheSame)
 {
-    fs::remove(DEVICE);
+    fs::remove(COM2_DEVICE);
     const LogCapture log;
     {
         TPortCom2 port;
@@ -335,8 +334,8 @@ TEST_F(PortCom2, StaysClosedWithoutItsDeviceButHasItsConnectionAllTheSame)
 
 TEST_F(PortCom2, ThrowsWhenItsDeviceIsNoTerminal)
 {
-    fs::remove(DEVICE);
-    std::ofstream(DEVICE) << "a plain file";
+    fs::remove(COM2_DEVICE);
+    std::ofstream(COM2_DEVICE) << "a plain file";
     g_milestone = 0;
     EXPECT_EQ(problem(), "unable to get COM2 attributes");
     EXPECT_EQ(g_milestone.load(), 1002) << "an exception leaves the entry number";
@@ -344,8 +343,8 @@ TEST_F(PortCom2, ThrowsWhenItsDeviceIsNoTerminal)
 
 TEST_F(PortCom2, LeavesItsDescriptorOpenWhenItThrows)
 {
-    fs::remove(DEVICE);
-    std::ofstream(DEVICE) << "a plain file";
+    fs::remove(COM2_DEVICE);
+    std::ofstream(COM2_DEVICE) << "a plain file";
     const auto before = openDescriptors();
     EXPECT_NE(problem(), "none");
     EXPECT_EQ(openDescriptors(), before + 1);

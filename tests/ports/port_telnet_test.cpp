@@ -12,6 +12,7 @@
 #include "common/process_copy.h"
 #include "common/wait_set.h"
 #include "connections/telnet_conn.h"
+#include "framework/tess_messages.h"
 #include "tests/support/descriptor_limit.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/looks.h"
@@ -31,7 +32,7 @@ const LogLine portClosed{6001, "telnet port closed"};
 /// A client that is no telnet client and says so at once: it costs no second of silence.
 class Client : public TcpClient {
 public:
-    Client() : TcpClient(connectTo(23))
+    Client() : TcpClient(connectTo(TELNET_TCP_PORT))
     {
         if (fd() >= 0) (void)send("*\r\n");
     }
@@ -185,7 +186,7 @@ TEST_F(PortTelnet, HandsOutAClientAsAConnectionThatIsNotLoggedIn)
 
 TEST_F(PortTelnet, NegotiatesBeforeItHandsOut)
 {
-    const TcpClient client(TcpClient::connectTo(23));
+    const TcpClient client(TcpClient::connectTo(TELNET_TCP_PORT));
     ASSERT_TRUE(
         client.send("\xFF\xFB\x22\xFF\xFA\x22\x01\x05\xFF\xF0\xFF\xFA\x22\x03\x11\x82\x0D\x12\x82\x0D\xFF\xF0"));
     const auto* const conn = dynamic_cast<TTelnetConn*>(take());
@@ -198,7 +199,7 @@ TEST_F(PortTelnet, LetsNobodyWaitForASilentClient)
 {
     const LogCapture log;
     const Instant before = instantNow();
-    const TcpClient silent(TcpClient::connectTo(23));
+    const TcpClient silent(TcpClient::connectTo(TELNET_TCP_PORT));
     acceptUntil(1);
     EXPECT_EQ(port->activeConns, 1);
     const Client talkative;
@@ -224,7 +225,7 @@ TEST_F(PortTelnet, HandsOutOneClientACallAndIsAskedAgainAtOnce)
 {
     std::vector<std::unique_ptr<TcpClient>> clients;
     for (std::size_t i = 1; i <= 3; ++i) {
-        clients.push_back(std::make_unique<TcpClient>(TcpClient::connectTo(23)));
+        clients.push_back(std::make_unique<TcpClient>(TcpClient::connectTo(TELNET_TCP_PORT)));
         acceptUntil(i);
     }
     for (const auto& client : clients)
@@ -248,7 +249,7 @@ TEST_F(PortTelnet, DoesNotLookAgainAndAgainAtAClientThatIsNotReady)
     };
     for (const Row& row : {Row{"half a command", "\xFF", false}, Row{"its end", "", true}, Row{"both", "\xFF", true}}) {
         SCOPED_TRACE(row.behaviour);
-        const TcpClient client(TcpClient::connectTo(23));
+        const TcpClient client(TcpClient::connectTo(TELNET_TCP_PORT));
         ASSERT_TRUE(client.send(row.bytes));
         if (row.shutDown) client.shutDown();
         int looks = 0;
@@ -269,7 +270,7 @@ TEST_F(PortTelnet, TellsTheEleventhClientAndTakesTheNextWhenOneHasGone)
     }
     {
         const LogCapture log;
-        const TcpClient eleventh(TcpClient::connectTo(23)); // silent: it is not negotiated with
+        const TcpClient eleventh(TcpClient::connectTo(TELNET_TCP_PORT)); // silent: it is not negotiated with
         const Stopwatch watch;
         EXPECT_EQ(take(), nullptr);
         EXPECT_LT(watch.ms(), atMost(900));
@@ -299,7 +300,7 @@ TEST_F(PortTelnet, TellsTheEleventhClientAndTakesTheNextWhenOneHasGone)
 
 TEST_F(PortTelnet, DropsAClientThatHasResetWithoutAnOpenedLine)
 {
-    TcpClient client(TcpClient::connectTo(23));
+    TcpClient client(TcpClient::connectTo(TELNET_TCP_PORT));
     client.reset();
     const LogCapture log;
     EXPECT_EQ(take(), nullptr);
@@ -311,7 +312,7 @@ TEST_F(PortTelnet, DropsAClientThatHasResetWithoutAnOpenedLine)
 
 TEST_F(PortTelnet, DropsAClientThatResetsBehindAnUrgentByte)
 {
-    TcpClient client(TcpClient::connectTo(23));
+    TcpClient client(TcpClient::connectTo(TELNET_TCP_PORT));
     acceptUntil(1);
     ASSERT_TRUE(client.send("!", MSG_OOB));
     client.reset();
@@ -329,7 +330,7 @@ TEST_F(PortTelnet, DropsAClientThatResetsBehindAnUrgentByte)
 
 TEST_F(PortTelnet, RestsWhenThereAreNoDescriptorsButGoesOnWithThoseWhoHaveCome)
 {
-    const TcpClient arriving(TcpClient::connectTo(23));
+    const TcpClient arriving(TcpClient::connectTo(TELNET_TCP_PORT));
     acceptUntil(1);
     const Client client;
     pollfd waiting{port->fd, POLLIN, 0};
@@ -361,7 +362,7 @@ TEST_F(PortTelnet, RestsWhenThereAreNoDescriptorsButGoesOnWithThoseWhoHaveCome)
 
 TEST_F(PortTelnet, ClosesAClientWhoseDescriptorNoSetHolds)
 {
-    const TcpClient client(TcpClient::connectTo(23));
+    const TcpClient client(TcpClient::connectTo(TELNET_TCP_PORT));
     const NoRoomInSets room;
     if (!room.isSet()) GTEST_SKIP() << "the limit of open files cannot be raised";
     EXPECT_EQ(take(), nullptr);
@@ -434,7 +435,7 @@ TEST_F(PortTelnet, ClosesOnceAndKeepsItsConnections)
     EXPECT_EQ(port->closePort(), 0);
     EXPECT_FALSE(port->isOpen);
     EXPECT_EQ(port->activeConns, 0);
-    EXPECT_EQ(TcpClient::connectTo(23), -1);
+    EXPECT_EQ(TcpClient::connectTo(TELNET_TCP_PORT), -1);
     const int taken = ::open("/dev/null", O_RDONLY | O_CLOEXEC); // gets the number that has become free
     ASSERT_EQ(taken, fd);
     EXPECT_EQ(port->closePort(), 0);
@@ -451,8 +452,8 @@ TEST_F(PortTelnet, ClosesOnceAndKeepsItsConnections)
 
 TEST_F(PortTelnet, DisposesOfClientsThatAreArrivingBeforeItCloses)
 {
-    const TcpClient first(TcpClient::connectTo(23));
-    const TcpClient second(TcpClient::connectTo(23));
+    const TcpClient first(TcpClient::connectTo(TELNET_TCP_PORT));
+    const TcpClient second(TcpClient::connectTo(TELNET_TCP_PORT));
     acceptUntil(2);
     const LogCapture log;
     EXPECT_EQ(port->closePort(), 0);
@@ -468,7 +469,7 @@ TEST_F(PortTelnet, DisposesOfClientsThatAreArrivingBeforeItCloses)
 
 TEST_F(PortTelnet, OnlyLetsGoOfClientsThatAreArrivingInACopy)
 {
-    const TcpClient client(TcpClient::connectTo(23));
+    const TcpClient client(TcpClient::connectTo(TELNET_TCP_PORT));
     acceptUntil(1);
     const int original = ::fcntl(port->arriving[0]->fd, F_DUPFD_CLOEXEC, 0);
     g_isCopy = true;

@@ -29,7 +29,7 @@ public:
         std::vector<TAnswer> answers; ///< those that have ended
     };
 
-    /// @return what the bytes have brought to light
+    /// @return what has become whole by these bytes
     Progress take(std::string_view bytes);
 
     /// Nothing more comes: what there is of an answer is all of it.

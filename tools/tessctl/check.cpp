@@ -13,7 +13,9 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
 
+#include "framework/fd.h"
 #include "framework/tess_messages.h"
 #include "tools/tessctl/answer_reader.h"
 #include "tools/tessctl/bounded_connect.h"
@@ -30,27 +32,30 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::milliseconds ANSWER_TIME{5000};
 constexpr std::chrono::milliseconds GREETING_TIME{10'000}; // other clients that negotiate are served first
-constexpr const char* SERIAL_LINE = "/dev/ttyS1";
-constexpr in_port_t TELNET_PORT = 23;
 
-Finding lookAtQueue()
+/// What a look has found out.
+struct Seen {
+    bool ok;
+    std::string what; ///< in words
+};
+
+Seen lookAtQueue()
 {
     const std::string directory = queueDirectory();
     if (::access(directory.c_str(), R_OK | W_OK | X_OK) != 0)
-        return {"queue", false, failureText(directory, errno, PathOf::queueDirectory)};
-    return {"queue", true, directory + " can be used"};
+        return {false, failureText(directory, errno, PathOf::queueDirectory)};
+    return {true, directory + " can be used"};
 }
 
-Finding lookAtDaemon()
+Seen lookAtDaemon()
 {
     const std::string path = queuePath(TESS_QUEUE_ID);
-    if (const int error = queueError(TESS_QUEUE_ID))
-        return {"daemon", false, failureText(path, error, PathOf::daemonQueue)};
-    return {"daemon", true, path + " is open"};
+    if (const int error = queueError(TESS_QUEUE_ID)) return {false, failureText(path, error, PathOf::daemonQueue)};
+    return {true, path + " is open"};
 }
 
 /// "*" is answered with "0" by the daemon itself.
-Finding lookAtSocket(const char* name, LocalPort port)
+Seen lookAtSocket(LocalPort port)
 try {
     TLocalClient client(port, 0, ANSWER_TIME);
     client.sendLine("*", ANSWER_TIME);
@@ -59,20 +64,20 @@ try {
     for (const auto deadline = Clock::now() + ANSWER_TIME; Clock::now() < deadline;) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
         const TLocalClient::Received received = client.receive(left, text);
-        if (received == TLocalClient::Received::closed) return {name, false, client.closedText()};
+        if (received == TLocalClient::Received::closed) return {false, client.closedText()};
         if (received != TLocalClient::Received::text) continue;
         const TAnswerReader::Progress progress = reader.take(text);
         if (progress.answers.empty()) continue;
         const bool right = progress.lines.front() == "0";
-        return {name, right, std::string(client.path()) + " answers" + (right ? "" : ", but not as tessd does")};
+        return {right, std::string(client.path()) + " answers" + (right ? "" : ", but not as tessd does")};
     }
-    return {name, false, std::string(client.path()) + ": no answer within 5 s: is tessd stuck?"};
+    return {false, std::string(client.path()) + ": no answer within 5 s: is tessd stuck?"};
 } catch (const TCtlError& error) {
-    return {name, false, error.what()};
+    return {false, error.what()};
 }
 
-/// Reads up to the greeting. An empty line comes first: tessd takes whoever types at once for a plain client, and does not
-/// keep everybody waiting for a second to find out whether there is anything to negotiate.
+/// Sends an empty line and reads until tessd asks for the user's name. Without that line tessd would first wait a second for
+/// telnet options to negotiate; from a client that types at once it expects none.
 bool greets(int fd)
 {
     if (::send(fd, "\r\n", 2, MSG_NOSIGNAL) != 2) return false;
@@ -90,26 +95,20 @@ bool greets(int fd)
     return false;
 }
 
-Finding lookAtTelnet()
+Seen lookAtTelnet()
 {
-    const std::string where = "127.0.0.1:23";
-    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const std::string where = "127.0.0.1:" + std::to_string(TELNET_TCP_PORT);
+    const Fd fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_port = htons(TELNET_PORT);
+    address.sin_port = htons(TELNET_TCP_PORT);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    Finding finding{"telnet", false, {}};
-    const int error =
-        fd < 0 ? errno : connectWithin(ANSWER_TIME, fd, reinterpret_cast<const sockaddr*>(&address), sizeof address);
-    if (error != 0) {
-        finding.what = failureText(where, error, PathOf::telnet);
-    } else if (greets(fd)) {
-        finding = {"telnet", true, where + " asks for a name"};
-    } else {
-        finding.what = where + ": no greeting: are ten others connected?";
-    }
-    if (fd >= 0) ::close(fd);
-    return finding;
+    const int error = fd.get() < 0 ? errno
+                                   : connectWithin(ANSWER_TIME, fd.get(), reinterpret_cast<const sockaddr*>(&address),
+                                                   sizeof address);
+    if (error != 0) return {false, failureText(where, error, PathOf::telnet)};
+    if (!greets(fd.get())) return {false, where + ": no greeting: are ten others connected?"};
+    return {true, where + " asks for a name"};
 }
 
 /// Who has a device open.
@@ -122,8 +121,8 @@ struct Users {
 Users usersOf(const fs::path& device)
 {
     Users users;
-    users.hidden = ::geteuid() != 0; // other processes may not even be shown
-    std::error_code ignored;         // of processes that end meanwhile
+    users.hidden = ::geteuid() != 0; // /proc may be set up to show a user only his own processes
+    std::error_code ignored;         // a process may end while it is looked at
     const fs::path target = fs::canonical(device, ignored);
     for (const fs::directory_entry& process : fs::directory_iterator("/proc", ignored)) {
         const std::string number = process.path().filename();
@@ -143,28 +142,49 @@ Users usersOf(const fs::path& device)
     return users;
 }
 
-Finding lookAtSerialLine()
+Seen lookAtSerialLine()
 {
-    if (::access(SERIAL_LINE, F_OK) != 0) return {"com2", false, failureText(SERIAL_LINE, errno, PathOf::serialLine)};
-    const Users users = usersOf(SERIAL_LINE);
-    const std::string line = SERIAL_LINE;
-    if (users.tessd) return {"com2", true, line + " is open in " + users.names};
-    if (users.hidden && users.names.empty()) return {"com2", true, line + " exists; only root can see who has it open"};
-    if (users.hidden) return {"com2", true, line + " is open in " + users.names + "; only root can see in what else"};
-    if (!users.names.empty()) return {"com2", false, line + " is open in " + users.names + ", not in tessd"};
-    return {"com2", false, line + " is open in no process: does tessd run with the COM2 port?"};
+    if (::access(COM2_DEVICE, F_OK) != 0) return {false, failureText(COM2_DEVICE, errno, PathOf::serialLine)};
+    const Users users = usersOf(COM2_DEVICE);
+    const std::string line = COM2_DEVICE;
+    if (users.tessd) return {true, line + " is open in " + users.names};
+    if (users.hidden && users.names.empty()) return {true, line + " exists; only root can see who has it open"};
+    if (users.hidden) return {true, line + " is open in " + users.names + "; only root can see in what else"};
+    if (!users.names.empty()) return {false, line + " is open in " + users.names + ", not in tessd"};
+    return {false, line + " is open in no process: does tessd run with the COM2 port?"};
 }
+
+/// Everything that can be looked at, in the order in which it is shown.
+struct Check {
+    const char* name;
+    Seen (*look)();
+};
+
+constexpr Check CHECKS[] = {
+    {"queue", lookAtQueue},
+    {"daemon", lookAtDaemon},
+    {"ipc", [] { return lookAtSocket(LocalPort::ipc); }},
+    {"xcp", [] { return lookAtSocket(LocalPort::xcp); }},
+    {"telnet", lookAtTelnet},
+    {"com2", lookAtSerialLine},
+};
 
 } // namespace
 
+std::vector<std::string> allChecks()
+{
+    std::vector<std::string> names;
+    for (const Check& check : CHECKS)
+        names.emplace_back(check.name);
+    return names;
+}
+
 Finding look(std::string_view name)
 {
-    if (name == "queue") return lookAtQueue();
-    if (name == "daemon") return lookAtDaemon();
-    if (name == "ipc") return lookAtSocket("ipc", LocalPort::ipc);
-    if (name == "xcp") return lookAtSocket("xcp", LocalPort::xcp);
-    if (name == "telnet") return lookAtTelnet();
-    return lookAtSerialLine();
+    const Check& check =
+        *std::ranges::find(CHECKS, name, [](const Check& each) { return std::string_view(each.name); });
+    Seen seen = check.look();
+    return {check.name, seen.ok, std::move(seen.what)};
 }
 
 ExitStatus runCheck(bool json, const std::vector<std::string>& names)

@@ -8,7 +8,7 @@
 
 /// One thing that was looked at.
 struct Finding {
-    std::string name; ///< queue, daemon, ipc, xcp, telnet, com2
+    std::string name; ///< one of allChecks()
     bool ok = false;
     std::string what; ///< in words
 };
@@ -17,8 +17,8 @@ struct Finding {
 /// @param name  as in Finding
 Finding look(std::string_view name);
 
-/// What can be looked at.
-inline const std::vector<std::string> ALL_CHECKS{"queue", "daemon", "ipc", "xcp", "telnet", "com2"};
+/// The names of what can be looked at: queue, daemon, ipc, xcp, telnet, com2.
+std::vector<std::string> allChecks();
 
 /// Looks at several things and says what works from here.
 /// @param names  as in Finding
@@ -26,5 +26,6 @@ inline const std::vector<std::string> ALL_CHECKS{"queue", "daemon", "ipc", "xcp"
 /// @throws TCtlError  what is printed is lost
 ExitStatus runCheck(bool json, const std::vector<std::string>& names);
 
-/// Looks at one thing only.
+/// Looks at one thing only, and tells how long that took.
+/// @param name  as in Finding; for the queue, tessd's own is looked at
 ExitStatus runPing(std::string_view name);

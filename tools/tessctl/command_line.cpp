@@ -5,16 +5,6 @@
 #include "common/text.h"
 #include "framework/tokenizer.h"
 
-namespace {
-
-std::string_view withoutLeadingBlanks(std::string_view text)
-{
-    const std::size_t begin = text.find_first_not_of(" \t\r\n\v\f");
-    return begin == std::string_view::npos ? std::string_view() : text.substr(begin);
-}
-
-} // namespace
-
 std::string lineProblem(std::string_view line)
 {
     if (line.size() > MAX_LINE_BYTES)
@@ -27,12 +17,12 @@ std::string lineProblem(std::string_view line)
 
 std::vector<std::string_view> commandsOf(std::string_view line)
 {
-    if (withoutLeadingBlanks(line).empty()) return {};
+    if (trimmed(line).empty()) return {};
     if (beginsWithNoCase(line, "RESET")) return {line}; // whatever follows
     std::vector<std::string_view> commands;
     stringTokenizer(line, commands, "|");
     const auto delay = std::ranges::find_if(
-        commands, [](std::string_view command) { return beginsWithNoCase(withoutLeadingBlanks(command), "DELAY"); });
+        commands, [](std::string_view command) { return beginsWithNoCase(trimmedFront(command), "DELAY"); });
     if (delay == commands.end()) return commands;
     *delay = {delay->data(), static_cast<std::size_t>(line.data() + line.size() - delay->data())};
     commands.erase(delay + 1, commands.end());
@@ -42,9 +32,7 @@ std::vector<std::string_view> commandsOf(std::string_view line)
 std::string splitProblem(std::string_view line)
 {
     const std::vector<std::string_view> commands = commandsOf(line);
-    const auto resets = [](std::string_view command) {
-        return beginsWithNoCase(withoutLeadingBlanks(command), "RESET");
-    };
+    const auto resets = [](std::string_view command) { return beginsWithNoCase(trimmedFront(command), "RESET"); };
     if (commands.empty() || std::none_of(commands.begin() + 1, commands.end(), resets)) return {};
     return "'" + std::string(line) +
            "': with --each, the RESET behind the '|' would restart the device; send it as a line "

@@ -17,6 +17,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include "common/text.h"
 #include "tools/tessctl/answer_reader.h"
 #include "tools/tessctl/command_line.h"
 #include "tools/tessctl/history_file.h"
@@ -89,11 +90,9 @@ public:
             int count = 0;
             ::el_set(edit_.get(), EL_PREP_TERM, 1); // libedit shows the prompt before it takes the keys
             const char* const typed = ::el_gets(edit_.get(), &count);
-            if (std::exchange(cleared_, false)) continue; // an empty line looks like the end
+            if (std::exchange(cleared_, false)) continue; // an empty line, which looks like the end of the input
             if (typed == nullptr || count <= 0) break;
-            std::string line(typed, static_cast<std::size_t>(count));
-            while (line.ends_with('\n') || line.ends_with('\r'))
-                line.pop_back();
+            const std::string line(withoutLineEnds({typed, static_cast<std::size_t>(count)}));
             if (line == "\\q") return STATUS_DONE;
             take(line);
         }
@@ -159,7 +158,7 @@ private:
         }
     }
 
-    /// Leaves it on the screen and begins a new one.
+    /// Ctrl-C: leaves the typed line on the screen and begins a new one.
     static unsigned char clearTyped(EditLine* edit, int)
     {
         const LineInfo* const line = ::el_line(edit);
@@ -223,7 +222,7 @@ private:
         const std::string_view before(line->buffer, static_cast<std::size_t>(line->cursor - line->buffer));
         const std::vector<std::string> words = self.words_.complete(before);
         if (words.empty()) return CC_ERROR;
-        const std::size_t typed = before.size() - (before.find_last_of(" \t|") + 1); // npos + 1 is 0
+        const std::size_t typed = TWordCompletion::lastWord(before).size();
         const std::string common = TWordCompletion::commonBeginning(words);
         if (common.size() >= typed) {
             ::el_deletestr(edit, static_cast<int>(typed));

@@ -16,6 +16,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include "framework/fd.h"
 #include "framework/fixed_text.h"
 #include "framework/queue_mgr.h"
 #include "framework/queue_room.h"
@@ -30,7 +31,9 @@ namespace {
 constexpr std::chrono::seconds SEND_PATIENCE{5};
 constexpr std::chrono::milliseconds LAST_PATIENCE{250};
 constexpr std::chrono::milliseconds BETWEEN_TRIES{20};
-// Far from the addresses that device processes are given. Process numbers are below 5 million; containers may share them.
+// An address of one's own is FIRST_FREE_ADDRESS and the process number: far from the addresses that device processes are
+// given. Process numbers are below 5 million. Two containers may have processes of the same number: the second one goes on by
+// ADDRESS_STEP until it finds an address that is free.
 constexpr long FIRST_FREE_ADDRESS = 1'000'000'000;
 constexpr long ADDRESS_STEP = 5'000'000;
 
@@ -58,14 +61,15 @@ void catchSignals()
 {
     struct sigaction action {};
     action.sa_handler = noteStop;
-    for (const int signo : {SIGINT, SIGTERM, SIGHUP}) // one at a time
+    for (const int signo : {SIGINT, SIGTERM, SIGHUP}) // one handler does not interrupt another
         ::sigaddset(&action.sa_mask, signo);
     (void)::sigaction(SIGINT, &action, nullptr); // they all exist
     (void)::sigaction(SIGTERM, &action, nullptr);
     struct sigaction present {};
     (void)::sigaction(SIGHUP, nullptr, &present);
-    if (present.sa_handler != SIG_IGN) (void)::sigaction(SIGHUP, &action, nullptr); // nohup(1)
-    (void)std::signal(SIGPIPE, SIG_IGN); // who reads no further must not leave a name registered
+    const bool underNohup = present.sa_handler == SIG_IGN; // nohup(1) wants it to stay ignored
+    if (!underNohup) (void)::sigaction(SIGHUP, &action, nullptr);
+    (void)std::signal(SIGPIPE, SIG_IGN); // a reader that has gone is no reason to end without unregistering
 }
 
 /// What opening the queue would fail with, in plain words.
@@ -103,7 +107,7 @@ bool reachesTessd(TOrbAttachmentMsg& record, std::size_t bytes, std::chrono::mil
 {
     const auto deadline = std::chrono::steady_clock::now() + patience;
     TQueueRoom room;
-    bool believed = true; // a report of room that was wrong is followed by a pause
+    bool believed = true; // after a report of room that proved wrong the next wait is a plain pause
     while (g_qMgr.sendMsg(TESS_QUEUE_ID, &record, static_cast<long>(bytes), false) != SEND_DONE) {
         if (queueError(TESS_QUEUE_ID) != 0 || stopAskedAgain() || std::chrono::steady_clock::now() > deadline)
             return false;
@@ -118,7 +122,7 @@ bool reachesTessd(TOrbAttachmentMsg& record, std::size_t bytes, std::chrono::mil
 std::string queueDirectory()
 {
     const char* directory = std::getenv("TESS_QUEUE_DIR");
-    return directory == nullptr || *directory == '\0' ? "/run/tess/queue" : directory;
+    return directory == nullptr || *directory == '\0' ? DEFAULT_QUEUE_DIRECTORY : directory;
 }
 
 std::string queuePath(long address)
@@ -132,11 +136,9 @@ int queueError(long address)
     sockaddr_un name{};
     name.sun_family = AF_UNIX;
     if (putText(name.sun_path, path) < path.size()) return ENAMETOOLONG;
-    const int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) return errno;
-    const int error = ::connect(fd, reinterpret_cast<const sockaddr*>(&name), sizeof name) == 0 ? 0 : errno;
-    ::close(fd);
-    return error;
+    const Fd fd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    if (fd.get() < 0) return errno;
+    return ::connect(fd.get(), reinterpret_cast<const sockaddr*>(&name), sizeof name) == 0 ? 0 : errno;
 }
 
 bool stopAsked()
@@ -211,7 +213,7 @@ void TDaemonClient::askToRegister(std::string_view name, std::uint32_t ports)
 TOrbAttachmentMsg TDaemonClient::replyToRegister()
 try {
     return reply();
-} catch (const TCtlError&) { // tessd may yet come to it
+} catch (const TCtlError&) { // tessd may still carry the registration out, later: it is taken back
     TOrbAttachmentMsg record{.kind = MSG_UNREGISTER, .sender = 0, .tag = 0, .len = 0, .text = {}};
     (void)reachesTessd(record, MSG_HEADER_BYTES, LAST_PATIENCE);
     throw;

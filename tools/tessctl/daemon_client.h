@@ -19,14 +19,15 @@ std::string queueDirectory();
 /// The socket file of a queue.
 std::string queuePath(long address);
 
-/// Finds out whether a live process owns a queue.
-/// @return 0, else as errno has it
+/// Finds out whether a live process owns a queue, by connecting a socket to it.
+/// @return 0: one does; else why the socket could not be connected (errno(3)), for example ENOENT where there is no such queue
+///         and ECONNREFUSED where the owner has died
 int queueError(long address);
 
-/// Set by SIGINT, SIGTERM and SIGHUP once TDaemonClient exists: whoever waits gives up.
+/// Whether SIGINT, SIGTERM or SIGHUP has come since a TDaemonClient was made. What takes long asks this, and ends early.
 bool stopAsked();
 
-/// Set by the second of these: nothing is waited for any more.
+/// Whether another of these has come after the first: nothing is waited for any more.
 bool stopAskedAgain();
 
 /// A queue of tessctl's own, and what it says to tessd over it. One a process. SIGPIPE is ignored from then on.

@@ -4,8 +4,8 @@
 #include <string>
 #include <string_view>
 
-/// Makes characters of the bytes that keys send, as the present locale has them. A byte that belongs to no character becomes
-/// one that stands for it, U+10FF00 and above, which nobody types; typedBytes() makes that byte of it again.
+/// Turns the bytes that keys send into characters of the present locale. For a byte that belongs to no character it gives a
+/// stand-in that no key sends, U+10FF00 plus the byte's value; typedBytes() turns that into the byte again.
 /// Threads: one.
 class TKeyDecoder {
 public:
@@ -18,6 +18,6 @@ private:
     std::string bytes_;
 };
 
-/// What was typed, byte by byte.
-/// @param text  in UTF-8
+/// The bytes as they were typed.
+/// @param text  the characters of TKeyDecoder, in UTF-8
 std::string typedBytes(std::string_view text);

@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <iostream>
 #include <poll.h>
-#include <system_error>
 #include <unistd.h>
 
 #include "tools/tessctl/daemon_client.h"
@@ -40,7 +39,6 @@ ExitStatus runListen(const ListenOptions& options)
         error = flushOutput();
     }
     (void)registration.end();
-    if (error != 0 && error != EPIPE)
-        throw TCtlError(STATUS_REFUSED, "standard output: " + std::generic_category().message(error));
+    if (error != 0 && error != EPIPE) failOutput(error);
     return STATUS_DONE;
 }

@@ -11,9 +11,9 @@
 #include <sys/un.h>
 #include <system_error>
 #include <thread>
-#include <unistd.h>
 
 #include "framework/fixed_text.h"
+#include "framework/tess_messages.h"
 #include "tools/tessctl/bounded_connect.h"
 #include "tools/tessctl/exit_status.h"
 #include "tools/tessctl/likely_cause.h"
@@ -31,16 +31,15 @@ struct FrameHeader {
     std::uint32_t length = 0;
 };
 
-int connectTo(const char* path, std::chrono::milliseconds patience)
+Fd connectTo(const char* path, std::chrono::milliseconds patience)
 {
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    Fd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     sockaddr_un name{};
     name.sun_family = AF_UNIX;
     putText(name.sun_path, path);
     const int error =
-        fd < 0 ? errno : connectWithin(patience, fd, reinterpret_cast<const sockaddr*>(&name), sizeof name);
+        fd.get() < 0 ? errno : connectWithin(patience, fd.get(), reinterpret_cast<const sockaddr*>(&name), sizeof name);
     if (error == 0) return fd;
-    if (fd >= 0) ::close(fd);
     throw TCtlError(error == ETIMEDOUT ? STATUS_NO_ANSWER : STATUS_NO_CONNECTION,
                     failureText(path, error, PathOf::localSocket));
 }
@@ -49,7 +48,7 @@ int connectTo(const char* path, std::chrono::milliseconds patience)
 
 const char* pathOf(LocalPort port)
 {
-    return port == LocalPort::ipc ? "/tmp/socket" : "/tmp/xcp";
+    return port == LocalPort::ipc ? IPC_SOCKET_PATH : XCP_SOCKET_PATH;
 }
 
 TLocalClient::TLocalClient(LocalPort port, std::uint16_t tag, std::chrono::milliseconds patience)
@@ -57,15 +56,10 @@ TLocalClient::TLocalClient(LocalPort port, std::uint16_t tag, std::chrono::milli
 {
 }
 
-TLocalClient::~TLocalClient()
-{
-    ::close(fd_);
-}
-
 bool TLocalClient::roomFor(std::size_t bytes)
 {
     int unread = 0;
-    if (::ioctl(fd_, SIOCOUTQ, &unread) == 0 && unread == 0) unread_ = 0;
+    if (::ioctl(fd(), SIOCOUTQ, &unread) == 0 && unread == 0) unread_ = 0;
     return unread_ + bytes < BURST_LIMIT;
 }
 
@@ -87,7 +81,7 @@ void TLocalClient::sendLine(std::string_view line, std::chrono::milliseconds pat
     }
     unread_ += bytes.size();
     // So little always fits the socket's buffer whole.
-    if (::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(bytes.size()))
+    if (::send(fd(), bytes.data(), bytes.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(bytes.size()))
         throw TCtlError(STATUS_NO_CONNECTION, closedText());
 }
 
@@ -99,11 +93,11 @@ std::string TLocalClient::closedText() const
 TLocalClient::Received TLocalClient::receive(std::chrono::milliseconds patience, std::string& text)
 {
     text.clear();
-    pollfd input{fd_, POLLIN, 0};
+    pollfd input{fd(), POLLIN, 0};
     const int ready = ::poll(&input, 1, static_cast<int>(std::max<std::int64_t>(patience.count(), 0)));
     if (ready == 0 || (ready < 0 && errno == EINTR)) return Received::nothing;
     std::array<char, 16384> bytes; // NOLINT(cppcoreguidelines-pro-type-member-init): recv fills it
-    const ssize_t count = ::recv(fd_, bytes.data(), bytes.size(), 0);
+    const ssize_t count = ::recv(fd(), bytes.data(), bytes.size(), 0);
     if (count <= 0) return Received::closed;
     const std::string_view arrived(bytes.data(), static_cast<std::size_t>(count));
     if (port_ == LocalPort::ipc) {

@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+#include "framework/fd.h"
+
 /// tessd's sockets for programs on the same device.
 enum class LocalPort { ipc, xcp };
 
@@ -19,18 +21,15 @@ public:
     /// @param patience  for a tessd that takes no connections
     /// @throws TCtlError  nobody listens there, or not for us, or takes no connections
     TLocalClient(LocalPort port, std::uint16_t tag, std::chrono::milliseconds patience);
-    TLocalClient(const TLocalClient&) = delete;
-    TLocalClient& operator=(const TLocalClient&) = delete;
-    ~TLocalClient();
 
-    int fd() const { return fd_; }
+    int fd() const { return fd_.get(); }
     const char* path() const { return path_; }
 
     /// What to say when receive() finds the connection closed.
     std::string closedText() const;
 
-    /// Sends one command line. Waits while tessd has not read enough of what it was sent before: it throws away 1024 bytes
-    /// that it finds in one piece.
+    /// Sends one command line. Before that it waits until tessd has read most of what was sent earlier: input of 1024 bytes or
+    /// more that it finds at once tessd throws away.
     /// @param line  without an end, MAX_LINE_BYTES at most
     /// @throws TCtlError  tessd has closed the connection, or has read nothing for `patience`
     void sendLine(std::string_view line, std::chrono::milliseconds patience);
@@ -48,7 +47,7 @@ private:
     LocalPort port_;
     std::uint16_t tag_;
     const char* path_;
-    int fd_;
+    Fd fd_;
     std::size_t unread_ = 0; ///< bytes sent that tessd may not have read yet
     std::string frames_;     ///< received, not yet whole
 };

@@ -26,7 +26,6 @@
 
 namespace {
 
-constexpr long HIGHEST_ADDRESS = std::numeric_limits<std::int32_t>::max();
 constexpr const char* VERSION = "tessctl " TESS_VERSION;
 
 const std::map<std::string, LocalPort> LOCAL_PORTS{{"ipc", LocalPort::ipc}, {"xcp", LocalPort::xcp}};
@@ -60,7 +59,7 @@ public:
     {
         const std::vector<std::string> typed(argv + 1, argv + argc);
         try {
-            std::vector<std::string> words; // the last one first
+            std::vector<std::string> words; // in reverse order, as parse() wants them
             std::transform(typed.rbegin(), typed.rend(), std::back_inserter(words), hidden);
             app_.parse(std::move(words));
         } catch (const CLI::ParseError& error) {
@@ -68,7 +67,7 @@ public:
         }
         if (host_.empty()) return run_();
         const std::vector<std::string> there = withoutHost(typed);
-        if (there.size() == typed.size()) // it would go from host to host without end
+        if (there.size() == typed.size()) // it would be run with -H there, too, and so on without end
             throw TCtlError(STATUS_WRONG_USAGE, "-H stands alone: tessctl COMMAND -H " + host_);
         runRemote(remoteCommand(host_, there, wantsTerminal()));
     }
@@ -106,7 +105,7 @@ private:
         addText(to, "-H,--host", host_, "Run there, over ssh")->type_name("[USER@]HOST")->check(remoteHostProblem);
     }
 
-    /// Those that ask at it.
+    /// Whether the command asks its user something, and there is a terminal to ask at: it needs one on the other host.
     bool wantsTerminal() const
     {
         return (app_.got_subcommand("console") || app_.got_subcommand("reset")) && ::isatty(STDIN_FILENO) != 0 &&
@@ -117,7 +116,7 @@ private:
     {
         to.add_option_function<std::string>(
               "-p,--port", [&port](const std::string& name) { port = LOCAL_PORTS.at(name); },
-              "Socket to use: ipc (/tmp/socket, the default) or xcp (/tmp/xcp)")
+              std::string("Socket to use: ipc (") + IPC_SOCKET_PATH + ", the default) or xcp (" + XCP_SOCKET_PATH + ")")
             ->type_name("PORT")
             ->check([](const std::string& name) {
                 return choiceProblem(name, {"ipc", "xcp"}, "a port");
@@ -205,7 +204,8 @@ private:
                                   [this] { return runServe(serve_); });
         addText(serve, "NAME", serve_.name, "Name to register under")->required()->check(nameProblem);
         addPorts(serve, serve_.ports);
-        addNumber(serve, "--address", "an address", 1, HIGHEST_ADDRESS, serve_.address, "Queue address (a free one)");
+        addNumber(serve, "--address", "an address", 1, HIGHEST_QUEUE_ADDRESS, serve_.address,
+                  "Queue address (a free one)");
         addSeconds(serve, "--timeout", serve_.timeLimit, 0.001, "How long the program may run for a command (10)");
         addWords(serve, "PROGRAM", serve_.program,
                  "Behind --: the program, run once for each command, and its arguments")
@@ -219,7 +219,8 @@ private:
                                    [this] { return runListen(listen_); });
         addText(listen, "NAME", listen_.name, "Name to register under (LISTEN)")->check(nameProblem);
         addPorts(listen, listen_.ports);
-        addNumber(listen, "--address", "an address", 1, HIGHEST_ADDRESS, listen_.address, "Queue address (a free one)");
+        addNumber(listen, "--address", "an address", 1, HIGHEST_QUEUE_ADDRESS, listen_.address,
+                  "Queue address (a free one)");
         listen.add_flag("--take-over", listen_.takeOver,
                         "Take the commands of another tessctl of that name, until the end");
         listen.add_flag("--raw", listen_.raw, "Print whole records in hexadecimal");
@@ -235,7 +236,7 @@ private:
         check.add_flag("--json", json_, "As JSON");
         check.add_option("PORT", checked_, "What to look at: queue, daemon, ipc, xcp, telnet, com2 (all of them)")
             ->type_name("")
-            ->check([](const std::string& name) { return choiceProblem(name, ALL_CHECKS, "what is checked"); });
+            ->check([](const std::string& name) { return choiceProblem(name, allChecks(), "what is checked"); });
         CLI::App& ping = command("ping", "Say whether one port works", "  tessctl ping\n  tessctl ping telnet\n",
                                  [this] { return runPing(pinged_); });
         ping.add_option("PORT", pinged_, "queue, ipc (the default), xcp, telnet or com2")
@@ -294,7 +295,7 @@ private:
     ListenOptions listen_;
     std::string host_;
     std::string helped_;
-    std::vector<std::string> checked_ = ALL_CHECKS;
+    std::vector<std::string> checked_ = allChecks();
     std::string pinged_ = "ipc";
     std::string com2Text_;
     std::string reinitHost_;

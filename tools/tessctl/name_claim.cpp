@@ -2,13 +2,13 @@
 
 #include <fcntl.h>
 #include <limits>
-#include <unistd.h>
 
 #include "tools/tessctl/daemon_client.h"
 
 namespace {
 
-/// FNV-1a: the same in every build. Two names in one place would be taken for one; that does not happen.
+/// FNV-1a, which is the same in every build. Two names with one value would be taken for one name; with 64 bits that does not
+/// happen.
 std::uint64_t hash(std::string_view text)
 {
     std::uint64_t value = 0xCBF29CE484222325U;
@@ -17,7 +17,8 @@ std::uint64_t hash(std::string_view text)
     return value;
 }
 
-/// Locks of the open file, not of the process: those would go with any other descriptor of the directory.
+/// A request for a lock that belongs to the open file (F_OFD_SETLK). One that belongs to the process would be lost as soon as
+/// the process closes any other descriptor of the directory.
 struct flock request(short type, std::int64_t start)
 {
     struct flock lock {};
@@ -36,27 +37,16 @@ TNameClaim::TNameClaim(std::string_view name)
 {
 }
 
-TNameClaim::~TNameClaim()
-{
-    release();
-}
-
-void TNameClaim::release()
-{
-    if (directory_ >= 0) ::close(directory_);
-    directory_ = -1;
-}
-
 bool TNameClaim::locked(int part) const
 {
-    struct flock lock = request(F_WRLCK, place_ + part); // it meets the read locks of others
-    return ::fcntl(directory_, F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
+    struct flock lock = request(F_WRLCK, place_ + part); // a write lock collides with the read locks of others
+    return ::fcntl(directory_.get(), F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
 }
 
 void TNameClaim::lock(int part) const
 {
-    struct flock lock = request(F_RDLCK, place_ + part); // a directory suffers no other
-    (void)::fcntl(directory_, F_OFD_SETLK, &lock);       // without it the others are not told
+    struct flock lock = request(F_RDLCK, place_ + part); // a directory cannot be opened for more
+    (void)::fcntl(directory_.get(), F_OFD_SETLK, &lock); // without it the others are not told
 }
 
 void TNameClaim::hold(bool takeOver) const

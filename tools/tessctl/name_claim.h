@@ -3,16 +3,15 @@
 #include <cstdint>
 #include <string_view>
 
-/// What the runs of tessctl that have registered know of each other: each holds a lock for its name on the queue directory,
-/// for as long as it lives. tessd does not tell who has a name. Processes of other makes take no part in this, and nothing is
-/// known of them here. A file system without such locks tells nothing either.
+#include "framework/fd.h"
+
+/// Tells the runs of tessctl that have registered a name of each other, which tessd does not. Each of them holds a lock on the
+/// queue directory for as long as it lives, and the place of the lock stands for the name. Only tessctl does this: nothing is
+/// known here of other processes, nor where the file system has no such locks.
 /// Threads: one.
 class TNameClaim {
 public:
     explicit TNameClaim(std::string_view name);
-    TNameClaim(const TNameClaim&) = delete;
-    TNameClaim& operator=(const TNameClaim&) = delete;
-    ~TNameClaim();
 
     /// Whether another run of tessctl has the name.
     bool taken() const { return locked(0); }
@@ -23,13 +22,13 @@ public:
     /// @param takeOver  from whoever has the name; that one steps aside until this one ends
     void hold(bool takeOver) const;
 
-    /// For good.
-    void release();
+    /// Gives the name up, for good.
+    void release() { directory_.reset(); }
 
 private:
     bool locked(int part) const;
     void lock(int part) const;
 
-    int directory_;
-    std::int64_t place_; ///< of the name among the locks: two bytes that need not exist
+    Fd directory_;
+    std::int64_t place_; ///< offset of the two bytes that are locked for this name; they need not exist
 };

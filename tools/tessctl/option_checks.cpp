@@ -6,19 +6,24 @@
 #include <limits>
 #include <sstream>
 
+#include "common/white_space.h"
 #include "tools/tessctl/port_mask.h"
 
 namespace {
 
 constexpr double MOST_SECONDS = 86'400;
-constexpr const char* BLANKS = " \t\r\n\v\f";
+
+bool hasWhiteSpace(std::string_view text)
+{
+    return std::ranges::any_of(text, isWhiteSpace);
+}
 
 } // namespace
 
 std::string nameProblem(const std::string& name)
 {
     if (name.empty() || name.size() > 255) return "a name has 1 to 255 characters";
-    if (name == "*" || name.find_first_of(" \t\r\n\v\f.|$") != std::string::npos)
+    if (name == "*" || hasWhiteSpace(name) || name.find_first_of(".|$") != std::string::npos)
         return "a name has no white space, '.', '|' or '$' in it, and is not '*'";
     return {};
 }
@@ -60,12 +65,12 @@ std::string portsProblem(const std::string& names)
 
 std::string ownHostProblem(const std::string& name)
 {
-    if (!name.empty() && name.find_first_of(BLANKS) == std::string::npos) return {};
+    if (!name.empty() && !hasWhiteSpace(name)) return {};
     return "the name of this host has at least one character and no white space";
 }
 
 std::string remoteHostProblem(const std::string& name)
 {
-    if (!name.empty() && name.front() != '-' && name.find_first_of(BLANKS) == std::string::npos) return {};
+    if (!name.empty() && name.front() != '-' && !hasWhiteSpace(name)) return {};
     return "a host is HOST or USER@HOST, as ssh takes it";
 }

@@ -14,35 +14,19 @@
 #include <unistd.h>
 #include <utility>
 
+#include "framework/fd.h"
+#include "tools/tessctl/argument_list.h"
 #include "tools/tessctl/seconds_text.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-class Descriptor {
-public:
-    explicit Descriptor(int fd = -1) : fd_(fd) {}
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    ~Descriptor() { close(); }
-
-    int get() const { return fd_; }
-    void close()
-    {
-        if (fd_ >= 0) ::close(fd_);
-        fd_ = -1;
-    }
-
-private:
-    int fd_;
-};
-
 struct Pipe {
     std::array<int, 2> ends{-1, -1};
     int error = ::pipe2(ends.data(), O_CLOEXEC) == 0 ? 0 : errno;
-    Descriptor reading{ends[0]};
-    Descriptor writing{ends[1]};
+    Fd reading{ends[0]};
+    Fd writing{ends[1]};
 };
 
 std::string reason(int error)
@@ -53,11 +37,7 @@ std::string reason(int error)
 /// @return 0 and the child's process number, else as errno has it
 int spawn(const std::vector<std::string>& words, int input, int output, pid_t& child)
 {
-    std::vector<char*> arguments;
-    arguments.reserve(words.size() + 1);
-    for (const std::string& word : words)
-        arguments.push_back(const_cast<char*>(word.c_str())); // posix_spawn does not write to them
-    arguments.push_back(nullptr);
+    const std::vector<char*> arguments = argumentList(words);
     posix_spawn_file_actions_t actions;
     posix_spawnattr_t attributes;
     ::posix_spawn_file_actions_init(&actions);
@@ -80,15 +60,14 @@ int spawn(const std::vector<std::string>& words, int input, int output, pid_t& c
 
 enum class End { itsOwn, timeOver, givenUp };
 
-constexpr int LOOK_FOR_END_MS = 10; // where the kernel cannot tell us
+constexpr int LOOK_FOR_END_MS = 10; // where the kernel has no descriptor that tells
 constexpr int PIECES_AT_ONCE = 4;
-constexpr int PIECES_LEFT = 64; // more than a pipe holds
+constexpr int PIECES_LEFT = 64; // times 16384 bytes: more than a pipe holds
 
 /// Talks to a child until it has ended or its time is over.
 class Dialogue {
 public:
-    Dialogue(pid_t child, Descriptor& toChild, const Descriptor& fromChild, std::string_view input,
-             std::size_t outputLimit, int giveUp)
+    Dialogue(pid_t child, Fd& toChild, const Fd& fromChild, std::string_view input, std::size_t outputLimit, int giveUp)
         : child_(child), giveUp_(giveUp), toChild_(toChild), fromChild_(fromChild),
           ended_(static_cast<int>(::syscall(SYS_pidfd_open, child, 0U))), input_(input), outputLimit_(outputLimit)
     {
@@ -111,7 +90,7 @@ public:
             if (each[2].revents != 0) write();
             if (each[1].revents != 0) read(PIECES_AT_ONCE);
             if (each[0].revents != 0 || (ended_.get() < 0 && hasEnded())) {
-                read(PIECES_LEFT); // what others hold the pipe open for is not waited for
+                read(PIECES_LEFT); // what is in the pipe; children of the child may write more, unread
                 return End::itsOwn;
             }
             if (each[3].revents != 0) return End::givenUp;
@@ -126,18 +105,18 @@ private:
     {
         const ssize_t count = ::write(toChild_.get(), input_.data(), input_.size());
         if (count > 0) input_.remove_prefix(static_cast<std::size_t>(count));
-        const bool refused = count < 0 && errno != EAGAIN && errno != EINTR; // it does not want to know
-        if (input_.empty() || refused) toChild_.close();
+        const bool refused = count < 0 && errno != EAGAIN && errno != EINTR; // the child has closed its standard input
+        if (input_.empty() || refused) toChild_.reset();
     }
 
-    /// Looks, for kernels before 5.3, which have no descriptors for processes. The child is left to be collected.
+    /// For kernels before 5.3, which have no descriptors for processes. Only looks: waitpid() collects the child later.
     bool hasEnded() const
     {
         siginfo_t info{};
         return ::waitid(P_PID, static_cast<id_t>(child_), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid != 0;
     }
 
-    /// @param pieces  how much at most: who prints without end must not keep us here
+    /// @param pieces  to read at most: a child that prints without end must not keep the loop from everything else
     void read(int pieces)
     {
         std::array<char, 16384> bytes; // NOLINT(cppcoreguidelines-pro-type-member-init): read fills it
@@ -156,9 +135,9 @@ private:
 
     pid_t child_;
     int giveUp_;
-    Descriptor& toChild_;
-    const Descriptor& fromChild_;
-    Descriptor ended_;
+    Fd& toChild_;
+    const Fd& fromChild_;
+    Fd ended_;
     std::string_view input_;
     std::size_t outputLimit_;
     std::string output_;
@@ -178,8 +157,8 @@ ProgramResult runProgram(const std::vector<std::string>& words, std::string_view
     int error = in.error != 0 ? in.error : out.error;
     if (error == 0) error = spawn(words, in.reading.get(), out.writing.get(), child);
     if (error != 0) return {{}, name + ": " + reason(error)};
-    in.reading.close();
-    out.writing.close();
+    in.reading.reset();
+    out.writing.reset();
 
     Dialogue dialogue(child, in.writing, out.reading, input, outputLimit, giveUp);
     const End end = dialogue.run(timeLimit);

@@ -12,7 +12,7 @@ namespace {
 
 constexpr std::chrono::seconds BETWEEN_LOOKS{1};
 constexpr std::chrono::seconds BETWEEN_RENEWALS{10};
-constexpr std::chrono::seconds BETWEEN_COMMANDS{1}; // then there are few
+constexpr std::chrono::seconds BETWEEN_COMMANDS{1}; // after that long without one, the next is not about to come
 constexpr const char* TAKER = "'tessctl listen --take-over'";
 
 } // namespace
@@ -78,9 +78,10 @@ void TRegistration::lookForOthers()
     aside_ = aside;
 }
 
-/// tessd does not tell whether a name that is registered again was another one's meanwhile; only that an address has nothing
-/// to unregister. To ask for that leaves a gap: it is done only where somebody else has come or gone, or the name was lost
-/// before, and when it does not stand among commands. One that came just now shows that the name is not lost, too.
+/// When a name is registered again, tessd's answer does not tell whether another process had it meanwhile. Its answer to
+/// unregistering does: that is refused to a process that has nothing registered. But for a moment then nobody has the name, and
+/// a command would be missed. So this is done only where there is a reason for suspicion, that a process has come or gone or
+/// that the name was lost before, and not shortly after a command, which besides shows that the name is not lost.
 void TRegistration::renew(Clock::time_point now)
 {
     nextRenewal_ = now + BETWEEN_RENEWALS;

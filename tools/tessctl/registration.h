@@ -28,22 +28,22 @@ public:
     /// Takes the next record, as TDaemonClient::receive(), and looks after the registration.
     std::size_t receive(TOrbAttachmentMsg& record);
 
-    /// Unregisters, for good, without waiting for the answer. Says why where it is not possible.
-    /// @return false when it was not
+    /// Unregisters, for good, without waiting for the answer. When that is not possible, prints why.
+    /// @return whether it was possible
     bool end();
 
-    /// Whether tessd has confirmed that: what it forwarded before has been received.
+    /// Whether tessd has answered every request to unregister. All that it forwarded before has been received by then.
     bool unregistered() const { return unregistersDue_ == 0; }
 
 private:
     using Clock = std::chrono::steady_clock;
 
-    /// Tells whether a file is another one than the last time, or was changed since.
+    /// Tells whether a path leads to another file than the last time, or to one that was changed since.
     class FileMark {
     public:
         explicit FileMark(std::string path) : path_(std::move(path)) { see(); }
 
-        void see() { (void)::stat(path_.c_str(), &seen_); } // one that is not there will be another one
+        void see() { (void)::stat(path_.c_str(), &seen_); } // a missing one has changed when it is there again
         bool changed() const;
 
     private:
@@ -68,13 +68,13 @@ private:
     std::uint32_t ports_;
     Keep keep_;
     TNameClaim claim_;
-    FileMark daemonMark_;    ///< of its queue: tells one tessd from the next
-    FileMark directoryMark_; ///< of the queues: processes that come and go
+    FileMark daemonMark_;    ///< of tessd's socket file: each start makes a new one
+    FileMark directoryMark_; ///< of the queue directory: changes when a process comes or goes
     Missing missing_ = Missing::no;
     bool aside_ = false;     ///< while another tessctl has taken the name over
     bool suspicious_ = true; ///< another process may have taken the name
     bool asked_ = false;     ///< to be registered, without an answer so far
-    int unregistersDue_ = 0; ///< answers to what ask() and end() have sent
+    int unregistersDue_ = 0; ///< requests to unregister without an answer so far
     Clock::time_point askedAt_;
     Clock::time_point lastCommand_;
     Clock::time_point nextLook_;

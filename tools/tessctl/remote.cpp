@@ -4,6 +4,8 @@
 #include <system_error>
 #include <unistd.h>
 
+#include "tools/tessctl/argument_list.h"
+
 std::string shellWord(const std::string& word)
 {
     std::string quoted = "'";
@@ -21,7 +23,7 @@ std::vector<std::string> withoutHost(const std::vector<std::string>& words)
             break;
         }
         if ((*word == "-H" || *word == "--host") && word + 1 != words.end())
-            ++word; // it is the next one
+            ++word; // the host is the next word
         else if (!word->starts_with("-H") && !word->starts_with("--host="))
             rest.push_back(*word);
     }
@@ -41,11 +43,7 @@ std::vector<std::string> remoteCommand(const std::string& host, const std::vecto
 
 void runRemote(const std::vector<std::string>& command)
 {
-    std::vector<char*> arguments;
-    arguments.reserve(command.size() + 1);
-    for (const std::string& word : command)
-        arguments.push_back(const_cast<char*>(word.c_str())); // it does not write to them
-    arguments.push_back(nullptr);
+    const std::vector<char*> arguments = argumentList(command);
     ::execvp(arguments[0], arguments.data());
     throw TCtlError(STATUS_NO_CONNECTION, command.front() + ": " + std::generic_category().message(errno) +
                                               ": -H wants ssh, of the package openssh-client");

@@ -5,11 +5,11 @@
 
 #include "tools/tessctl/exit_status.h"
 
-/// A word as a shell must be given it to read this word.
+/// A word in quotes, so that a shell reads it as this one word.
 std::string shellWord(const std::string& word);
 
-/// A command line without the words that name the host: -H HOST, -HHOST, --host HOST, --host=HOST. Behind "--" nothing is
-/// meant by them.
+/// A command line without the words that name the host: -H HOST, -HHOST, --host HOST, --host=HOST. What stands behind "--" is
+/// left alone.
 std::vector<std::string> withoutHost(const std::vector<std::string>& words);
 
 /// What to run to have tessctl run on another host.

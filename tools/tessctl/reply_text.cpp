@@ -2,14 +2,14 @@
 
 #include <algorithm>
 
+#include "common/text.h"
 #include "framework/orb_attachment_msg.h"
 
 std::string replyText(std::string_view output, std::string_view failure)
 {
     std::string clean(output);
     std::erase(clean, '\0');
-    const std::size_t lastByte = clean.find_last_not_of("\r\n");
-    clean.erase(lastByte == std::string::npos ? 0 : lastByte + 1);
+    clean.resize(withoutLineEnds(clean).size());
     if (clean == "?") return "?\r\n";
 
     std::string reply;

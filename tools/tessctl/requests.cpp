@@ -6,6 +6,7 @@
 #include <thread>
 #include <unistd.h>
 
+#include "common/text.h"
 #include "framework/tess_messages.h"
 #include "tools/tessctl/daemon_client.h"
 #include "tools/tessctl/record_text.h"
@@ -30,12 +31,6 @@ bool userAgrees(const std::string& question)
     return answer == "y" || answer == "Y" || answer == "yes";
 }
 
-std::string_view withoutLineEnds(std::string_view text)
-{
-    const std::size_t end = text.find_last_not_of("\r\n");
-    return text.substr(0, end == std::string_view::npos ? 0 : end + 1);
-}
-
 } // namespace
 
 ExitStatus runClose(bool telnetOnly)
@@ -55,8 +50,9 @@ ExitStatus runCom2(const std::string& text, bool newline)
     daemon.send(MSG_COM2_WRITE, static_cast<std::uint32_t>(::getpid()), static_cast<std::int32_t>(bytes.size()), bytes);
     if (daemon.reply().len == 0) return STATUS_DONE;
     throw TCtlError(STATUS_REFUSED,
-                    "/dev/ttyS1: tessd has not written the text: is there a second serial line, does its far end "
-                    "read, and does tessd run with the COM2 port?");
+                    std::string(COM2_DEVICE) +
+                        ": tessd has not written the text: is there a second serial line, does its far end "
+                        "read, and does tessd run with the COM2 port?");
 }
 
 ExitStatus runReset(const std::string& reinitHost, bool yes)

@@ -10,9 +10,9 @@
 #include <sys/eventfd.h>
 #include <system_error>
 #include <thread>
-#include <unistd.h>
 #include <utility>
 
+#include "framework/fd.h"
 #include "framework/tess_messages.h"
 #include "tools/tessctl/daemon_client.h"
 #include "tools/tessctl/program.h"
@@ -38,22 +38,19 @@ class EventFd {
 public:
     EventFd() : fd_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
     {
-        if (fd_ < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
+        if (fd_.get() < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
     }
-    EventFd(const EventFd&) = delete;
-    EventFd& operator=(const EventFd&) = delete;
-    ~EventFd() { ::close(fd_); }
 
-    int fd() const { return fd_; }
-    void set() const { (void)::eventfd_write(fd_, 1); } // it can only be set already
+    int fd() const { return fd_.get(); }
+    void set() const { (void)::eventfd_write(fd(), 1); } // fails only when the count is full
     bool isSet() const
     {
-        pollfd event{fd_, POLLIN, 0};
+        pollfd event{fd(), POLLIN, 0};
         return ::poll(&event, 1, 0) > 0;
     }
 
 private:
-    int fd_;
+    Fd fd_;
 };
 
 /// Answers commands one after the other, in a thread of its own.
@@ -64,7 +61,7 @@ public:
         sigset_t all{};
         sigset_t before{};
         ::sigfillset(&all);
-        ::pthread_sigmask(SIG_SETMASK, &all, &before); // signals are the other thread's
+        ::pthread_sigmask(SIG_SETMASK, &all, &before); // the new thread inherits that: signals go to this one
         thread_ = std::thread([this] { work(); });
         ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
     }
@@ -110,7 +107,7 @@ private:
             lock.unlock();
             const bool answered = reply(command.tag, answerTo(command));
             lock.lock();
-            if (!answered && giveUp_.isSet()) waiting_.clear(); // nor would the others be
+            if (!answered && giveUp_.isSet()) waiting_.clear(); // they could not be sent either
         }
         done_ = true;
         ended_.notify_one();
@@ -175,7 +172,8 @@ private:
     void takeOne()
     {
         TOrbAttachmentMsg record;
-        if (registration_.receive(record) == 0 || record.sender != TESS_QUEUE_ID) return; // nobody else gives orders
+        if (registration_.receive(record) == 0 || record.sender != TESS_QUEUE_ID)
+            return; // commands come from tessd alone
         if (record.kind == MSG_TEXT) answerer_.give({record.tag, lineOf(record)});
     }
 
@@ -190,7 +188,7 @@ private:
 
     TDaemonClient daemon_;
     TRegistration registration_;
-    Answerer answerer_; // the first to go: it answers over the others
+    Answerer answerer_; // the last member, and so destroyed first: it answers through daemon_
 };
 
 } // namespace

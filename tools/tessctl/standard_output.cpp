@@ -29,6 +29,10 @@ int flushOutput()
 
 void requireOutput()
 {
-    if (const int error = flushOutput())
-        throw TCtlError(STATUS_REFUSED, "standard output: " + std::generic_category().message(error));
+    if (const int error = flushOutput()) failOutput(error);
+}
+
+void failOutput(int error)
+{
+    throw TCtlError(STATUS_REFUSED, "standard output: " + std::generic_category().message(error));
 }

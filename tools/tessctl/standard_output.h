@@ -10,6 +10,11 @@ void keepStandardDescriptors();
 /// @return 0, else why some of it is lost, as errno has it
 int flushOutput();
 
-/// The same.
+/// As flushOutput().
 /// @throws TCtlError  some of it is lost
 void requireOutput();
+
+/// Says that some of it is lost.
+/// @param error  as flushOutput() returns it
+/// @throws TCtlError  always
+[[noreturn]] void failOutput(int error);

@@ -3,11 +3,11 @@
 #include <CLI/CLI.hpp>
 #include <string>
 
-/// A word of the command line that hides from CLI11, which reads more out of lists than is meant here: "[a,b]" are two
-/// values, "{}" is none, and "++" ends them.
+/// Marks a word of the command line that has a meaning of its own for CLI11, so that it is taken as it stands: "[a,b]" would be
+/// two values, "{}" none, and "++" the end of a list.
 std::string hidden(const std::string& word);
 
-/// That word as it was typed.
+/// The word as it was typed, marked by hidden() or not.
 std::string shown(std::string word);
 
 /// The mistake in a command line, in words that say what was meant, or what to do.

@@ -26,13 +26,17 @@ void TWordCompletion::see(std::string_view line)
 
 std::vector<std::string> TWordCompletion::complete(std::string_view line) const
 {
-    const std::size_t blank = line.find_last_of(BLANKS);
-    const std::string_view beginning = blank == std::string_view::npos ? line : line.substr(blank + 1);
+    const std::string_view beginning = lastWord(line);
     std::vector<std::string> found;
     if (beginning.empty()) return found;
     std::ranges::copy_if(words_, std::back_inserter(found),
                          [&](const std::string& word) { return beginsWithNoCase(word, beginning); });
     return found;
+}
+
+std::string_view TWordCompletion::lastWord(std::string_view line)
+{
+    return line.substr(line.find_last_of(BLANKS) + 1); // where there is none, that adds up to 0
 }
 
 std::string TWordCompletion::commonBeginning(const std::vector<std::string>& words)

@@ -20,6 +20,9 @@ public:
     /// @return whole words, in order; none when the line ends with white space behind a word
     std::vector<std::string> complete(std::string_view line) const;
 
+    /// @return what stands behind the last white space or "|" of the beginning of a line
+    static std::string_view lastWord(std::string_view line);
+
     /// What all of these words begin with.
     static std::string commonBeginning(const std::vector<std::string>& words);
 

@@ -27,6 +27,8 @@ QUEUE_DIR = "/run/tess/queue"
 IPC_PATH = "/tmp/socket"
 XCP_PATH = "/tmp/xcp"
 TELNET_ADDRESS = ("127.0.0.1", 23)
+SERIAL_LINE = "/dev/ttyS1"
+HIGHEST_QUEUE_ADDRESS = 2147483647
 HOSTNAME = "s3"
 
 
