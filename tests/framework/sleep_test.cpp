@@ -34,7 +34,7 @@ TEST(Sleep, GoesOnAfterSignals)
     const TSignalCounter alarms(SIGALRM);
     itimerval every20ms{};
     every20ms.it_interval.tv_usec = every20ms.it_value.tv_usec = 20'000;
-    ASSERT_EQ(0, ::setitimer(ITIMER_REAL, &every20ms, nullptr));
+    ASSERT_EQ(::setitimer(ITIMER_REAL, &every20ms, nullptr), 0);
     const long took = millisecondsOf(300);
     const itimerval off{};
     ::setitimer(ITIMER_REAL, &off, nullptr);
