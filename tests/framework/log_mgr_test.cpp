@@ -1,14 +1,15 @@
 #include "framework/log_mgr.h"
 
-#include "captured_stderr.h"
 #include "child_process.h"
 #include "fake_system.h"
 #include "framework/bundled/syslog_socket.h"
-#include "raw_socket.h"
 #include "signal_counter.h"
-#include "standard_error.h"
-#include "temp_dir.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/raw_socket.h"
+#include "tests/support/standard_error.h"
+#include "tests/support/temp_dir.h"
 #include "tests/support/waiting.h"
+#include "way.h"
 
 #include <atomic>
 #include <cerrno>
@@ -59,7 +60,7 @@ protected:
 
     static std::string logged(TTraceMsg id, const std::string& text)
     {
-        const TCapturedStderr captured;
+        const LogCapture captured;
         logMgr.log(id, text.c_str());
         return captured.text();
     }
@@ -156,7 +157,7 @@ TEST_F(LogMgr, KeepsErrno)
 TEST_F(LogMgr, LinesFromASignalHandlerAndFromThreadsStayWhole)
 {
     const TSignalCounter alarms(SIGALRM, SA_RESTART, [] { logMgr.log(51001, "from the handler"); });
-    const TCapturedStderr captured;
+    const LogCapture captured;
     itimerval everyMillisecond{};
     everyMillisecond.it_interval.tv_usec = everyMillisecond.it_value.tv_usec = 1'000;
     ASSERT_EQ(::setitimer(ITIMER_REAL, &everyMillisecond, nullptr), 0);
@@ -380,7 +381,7 @@ TEST_F(LogMgr, AFullSystemLogCostsNoWaitAndNoLine)
 {
     const TRawSocket systemLog(systemLogPath_);
     configure("syslog");
-    const TCapturedStderr captured;
+    const LogCapture captured;
     const auto start = std::chrono::steady_clock::now();
     for (int i = 0; i < 1000; ++i)
         logMgr.log(1, "line");
@@ -427,7 +428,7 @@ TEST_F(LogMgr, SaysSoWhenTheServiceManagerDoesNotReadAndGoesOn)
     const TRawSocket manager(path);
     fill(path);
     ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
-    const TCapturedStderr captured;
+    const LogCapture captured;
     const auto start = std::chrono::steady_clock::now();
     logMgr.initAfterDaemonize();
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
@@ -445,7 +446,7 @@ TEST_F(LogMgr, DoesNotWaitForAServiceManagerWithoutATimeOut)
     fill(path);
     ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
     const fake_system::TRefusedOption refused(SO_SNDTIMEO);
-    const TCapturedStderr captured;
+    const LogCapture captured;
     logMgr.initAfterDaemonize();
     EXPECT_THAT(captured.text(), HasSubstr(" 250006 "));
 }
@@ -476,7 +477,7 @@ TEST_F(LogMgr, ASignalDoesNotKeepTheServiceManagerFromBeingTold)
 
 TEST_F(LogMgr, GoesOnQuietlyWithoutAServiceManager)
 {
-    const TCapturedStderr captured;
+    const LogCapture captured;
     logMgr.initAfterDaemonize();
     const std::string tooLong = "/" + std::string(200, 'x');
     for (const std::string& name :

@@ -5,8 +5,9 @@
 #include "child_process.h"
 #include "fake_system.h"
 #include "queue_test.h"
-#include "raw_socket.h"
+#include "tests/support/raw_socket.h"
 #include "tests/support/waiting.h"
+#include "tests/support/waiting_thread.h"
 
 #include <atomic>
 #include <cerrno>
@@ -210,24 +211,26 @@ TEST_F(OwnQueue, ADirectoryThatIsAFileIsAClearError)
 TEST_F(OwnQueue, ADirectoryThatStaysLockedIsAClearErrorAfterTwoSeconds)
 {
     const TQueueFd lock = lockedDirectory();
-    const TStopwatch watch;
+    const Stopwatch watch;
     EXPECT_EQ(openError(1001), "queue address 1001: " + dir_.path() +
                                    ": Resource temporarily unavailable: another process has kept the " +
                                    "directory locked for 2 seconds");
-    EXPECT_GE(watch.milliseconds(), 2000);
-    EXPECT_LT(watch.milliseconds(), atMost(5000));
+    EXPECT_GE(watch.ms(), 2000);
+    EXPECT_LT(watch.ms(), atMost(5000));
     EXPECT_FALSE(exists(1001));
 }
 
 TEST_F(OwnQueue, OpeningWaitsForTheDirectorysLock)
 {
-    std::thread other([lock = lockedDirectory().release()] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    const WaitingThread opening;
+    std::atomic<bool> released{false};
+    std::thread other([&, lock = lockedDirectory().release()] {
+        EXPECT_TRUE(opening.untilAsleep());
+        released = true;
         ::close(lock);
     });
-    const TStopwatch watch;
     EXPECT_EQ(openError(1001), "");
-    EXPECT_GE(watch.milliseconds(), 50) << "the lock was not waited for";
+    EXPECT_TRUE(released) << "the lock was not waited for";
     other.join();
 }
 
@@ -236,10 +239,10 @@ TEST_F(OwnQueue, ClosingWhileTheDirectoryStaysLockedLeavesAFileThatTheNextOwnerR
     ASSERT_EQ(openError(1001), "");
     {
         const TQueueFd lock = lockedDirectory();
-        const TStopwatch watch;
+        const Stopwatch watch;
         queue_.close();
-        EXPECT_GE(watch.milliseconds(), 2000);
-        EXPECT_LT(watch.milliseconds(), atMost(5000));
+        EXPECT_GE(watch.ms(), 2000);
+        EXPECT_LT(watch.ms(), atMost(5000));
     }
     EXPECT_TRUE(exists(1001));
     const TOrbAttachmentMsg sent = numbered(1);

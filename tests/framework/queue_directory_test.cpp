@@ -1,7 +1,7 @@
 #include "framework/bundled/queue_directory.h"
 
 #include "fake_system.h"
-#include "temp_dir.h"
+#include "tests/support/temp_dir.h"
 
 #include <cstddef>
 #include <cstring>

@@ -3,7 +3,7 @@
 
 #include "child_process.h"
 #include "queue_test.h"
-#include "raw_socket.h"
+#include "tests/support/raw_socket.h"
 #include "tests/support/waiting.h"
 
 #include <sys/resource.h>

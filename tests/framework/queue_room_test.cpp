@@ -4,9 +4,10 @@
 
 #include "child_process.h"
 #include "queue_test.h"
-#include "raw_socket.h"
 #include "tests/support/descriptor_limit.h"
+#include "tests/support/raw_socket.h"
 #include "tests/support/waiting.h"
+#include "tests/support/waiting_thread.h"
 
 #include <fcntl.h>
 #include <filesystem>
@@ -71,8 +72,9 @@ TEST_F(QueueRoom, WakesWhoeverWaits)
     const TRawSocket peer(pathOf(2001));
     fill(2001);
     const int fd = room_.watch(2001);
+    const WaitingThread waiting;
     std::thread reader([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_TRUE(waiting.untilAsleep());
         (void)peer.receive();
     });
     EXPECT_TRUE(willBeReported(fd));

@@ -3,10 +3,11 @@
 #include "child_process.h"
 #include "fake_system.h"
 #include "queue_test.h"
-#include "raw_socket.h"
 #include "signal_counter.h"
 #include "tests/support/allocation_count.h"
+#include "tests/support/raw_socket.h"
 #include "tests/support/waiting.h"
+#include "tests/support/waiting_thread.h"
 
 #include <algorithm>
 #include <atomic>
@@ -220,10 +221,11 @@ TEST_F(QueueSend, AUsedUpSendBufferIsWaitedForWithoutSpinning)
         while (stuck.receiveNow() != "<nothing there>") {
         }
     });
-    const TStopwatch watch;
+    const Stopwatch watch;
     const unsigned before = fake_system::pollCount();
     EXPECT_EQ(send(3001, 2, MSG_RECORD_BYTES, true), 0) << "there is room again";
-    const long pauses = watch.milliseconds() + 4; // none is shorter, but for the first reports, which were believed
+    const long pauses =
+        static_cast<long>(watch.ms()) + 4; // none is shorter, but for the first reports, which were believed
     EXPECT_LE(static_cast<long>(fake_system::pollCount() - before), pauses);
     reader.join();
     EXPECT_EQ(tagOf(healthy.receive()), 2U);
@@ -278,8 +280,9 @@ TEST_F(QueueSend, AnUnboundedWaitEndsWhenTheOwnerIsKilled)
     ASSERT_TRUE(opened.await());
     const TQuietProc proc(1001);
     (void)fill(2001);
+    const WaitingThread sender;
     std::thread killer([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_TRUE(sender.untilAsleep());
         owner.kill();
     });
     EXPECT_EQ(send(2001, 1, 64, true), SEND_FAILED);
@@ -292,12 +295,13 @@ TEST_F(QueueSend, AnUnboundedWaitEndsWhenTheOwnerClosesItsQueueAndLivesOn)
     TSignpost opened;
     TSignpost full;
     TSignpost end;
+    const WaitingThread sender;
     TChildProcess owner([&] {
         {
             const TQuietProc proc(2001);
             opened.pass();
             (void)full.await();
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            if (!sender.untilAsleep()) return 1;
         }
         (void)end.await();
         return 0;
@@ -467,14 +471,14 @@ TEST_F(QueueSend, AProcessMaySendToItselfAsMuchAsItsBacklogHolds)
 {
     const TQuietProc proc(1001);
     std::uint32_t sent = 0;
-    TStopwatch watch;
+    Stopwatch watch;
     while (sent < 100'000 && send(1001, sent, MSG_RECORD_BYTES, true) == SEND_DONE) {
         ++sent;
-        watch = TStopwatch();
+        watch = Stopwatch();
     }
     ASSERT_LT(sent, 100'000U) << "there has to be an end";
     EXPECT_GT(sent, 1500U);
-    EXPECT_GE(watch.milliseconds(), PATIENCE_MS);
+    EXPECT_GE(watch.ms(), PATIENCE_MS);
     EXPECT_EQ(send(1001, sent, MSG_RECORD_BYTES, true), SEND_QUEUE_FULL) << "a wait without progress ends";
 
     TOrbAttachmentMsg msg{};

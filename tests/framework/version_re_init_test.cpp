@@ -3,7 +3,7 @@
 #include "child_process.h"
 #include "fake_system.h"
 #include "signal_counter.h"
-#include "temp_dir.h"
+#include "tests/support/temp_dir.h"
 #include "tests/support/waiting.h"
 
 #include <cinttypes>

@@ -2,7 +2,6 @@
 
 #include "tests/support/waiting.h"
 
-#include <cstdlib>
 #include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
@@ -102,20 +101,4 @@ private:
     Kind kind_;
     int far_ = -1;
     int near_ = -1;
-};
-
-/// Another standard error, for as long as it lives.
-class TStandardError {
-public:
-    explicit TStandardError(int fd) : saved_(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3)) { ::dup2(fd, STDERR_FILENO); }
-    TStandardError(const TStandardError&) = delete;
-    TStandardError& operator=(const TStandardError&) = delete;
-    ~TStandardError()
-    {
-        ::dup2(saved_, STDERR_FILENO);
-        ::close(saved_);
-    }
-
-private:
-    int saved_;
 };

@@ -2,9 +2,9 @@
 
 #include "child_process.h"
 #include "fake_system.h"
-#include "standard_error.h"
 #include "tests/support/allocation_count.h"
 #include "tests/support/descriptor_limit.h"
+#include "way.h"
 
 #include <atomic>
 #include <csignal>
