@@ -1,6 +1,4 @@
-#include "fake_system.h"
-
-#include "framework/fixed_text.h"
+#include "tests/framework/fake_system.h"
 
 #include <algorithm>
 #include <array>
@@ -14,6 +12,8 @@
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <utility>
+
+#include "framework/fixed_text.h"
 
 namespace {
 

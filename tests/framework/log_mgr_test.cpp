@@ -1,16 +1,5 @@
 #include "framework/log_mgr.h"
 
-#include "child_process.h"
-#include "fake_system.h"
-#include "framework/bundled/syslog_socket.h"
-#include "signal_counter.h"
-#include "tests/support/log_capture.h"
-#include "tests/support/raw_socket.h"
-#include "tests/support/standard_error.h"
-#include "tests/support/temp_dir.h"
-#include "tests/support/waiting.h"
-#include "way.h"
-
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -24,6 +13,17 @@
 #include <sys/time.h>
 #include <thread>
 #include <vector>
+
+#include "framework/bundled/syslog_socket.h"
+#include "tests/framework/child_process.h"
+#include "tests/framework/fake_system.h"
+#include "tests/framework/signal_counter.h"
+#include "tests/framework/way.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/raw_socket.h"
+#include "tests/support/standard_error.h"
+#include "tests/support/temp_dir.h"
+#include "tests/support/waiting.h"
 
 namespace {
 

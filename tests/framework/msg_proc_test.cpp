@@ -1,8 +1,7 @@
-#include "framework/msg_dmn.h"
-
-#include "queue_test.h"
-
 #include <filesystem>
+
+#include "framework/msg_dmn.h"
+#include "tests/framework/queue_test.h"
 
 namespace {
 

@@ -1,14 +1,5 @@
 #include "framework/bundled/own_queue.h"
 
-#include "framework/bundled/queue_fd.h"
-
-#include "child_process.h"
-#include "fake_system.h"
-#include "queue_test.h"
-#include "tests/support/raw_socket.h"
-#include "tests/support/waiting.h"
-#include "tests/support/waiting_thread.h"
-
 #include <atomic>
 #include <cerrno>
 #include <fcntl.h>
@@ -19,6 +10,14 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <thread>
+
+#include "framework/bundled/queue_fd.h"
+#include "tests/framework/child_process.h"
+#include "tests/framework/fake_system.h"
+#include "tests/framework/queue_test.h"
+#include "tests/support/raw_socket.h"
+#include "tests/support/waiting.h"
+#include "tests/support/waiting_thread.h"
 
 namespace {
 

@@ -1,8 +1,5 @@
 #include "framework/bundled/queue_directory.h"
 
-#include "fake_system.h"
-#include "tests/support/temp_dir.h"
-
 #include <cstddef>
 #include <cstring>
 #include <filesystem>
@@ -11,6 +8,9 @@
 #include <gtest/gtest.h>
 #include <memory>
 #include <sys/stat.h>
+
+#include "tests/framework/fake_system.h"
+#include "tests/support/temp_dir.h"
 
 namespace {
 

@@ -1,13 +1,12 @@
 // What a forked child finds of its parent's queue, whatever the parent's threads were doing.
-#include "framework/bundled/own_queue.h"
-
-#include "child_process.h"
-#include "queue_test.h"
-#include "tests/support/raw_socket.h"
-#include "tests/support/waiting.h"
-
 #include <sys/resource.h>
 #include <thread>
+
+#include "framework/bundled/own_queue.h"
+#include "tests/framework/child_process.h"
+#include "tests/framework/queue_test.h"
+#include "tests/support/raw_socket.h"
+#include "tests/support/waiting.h"
 
 namespace {
 

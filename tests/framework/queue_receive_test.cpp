@@ -1,13 +1,3 @@
-#include "framework/bundled/own_queue.h"
-
-#include "child_process.h"
-#include "fake_system.h"
-#include "queue_test.h"
-#include "signal_counter.h"
-#include "tests/support/raw_socket.h"
-#include "tests/support/waiting.h"
-#include "tests/support/waiting_thread.h"
-
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
@@ -19,6 +9,15 @@
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <thread>
+
+#include "framework/bundled/own_queue.h"
+#include "tests/framework/child_process.h"
+#include "tests/framework/fake_system.h"
+#include "tests/framework/queue_test.h"
+#include "tests/framework/signal_counter.h"
+#include "tests/support/raw_socket.h"
+#include "tests/support/waiting.h"
+#include "tests/support/waiting_thread.h"
 
 namespace {
 

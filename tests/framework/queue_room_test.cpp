@@ -1,20 +1,19 @@
 #include "framework/queue_room.h"
 
-#include "framework/bundled/own_queue.h"
-
-#include "child_process.h"
-#include "queue_test.h"
-#include "tests/support/descriptor_limit.h"
-#include "tests/support/raw_socket.h"
-#include "tests/support/waiting.h"
-#include "tests/support/waiting_thread.h"
-
 #include <fcntl.h>
 #include <filesystem>
 #include <limits>
 #include <poll.h>
 #include <type_traits>
 #include <utility>
+
+#include "framework/bundled/own_queue.h"
+#include "tests/framework/child_process.h"
+#include "tests/framework/queue_test.h"
+#include "tests/support/descriptor_limit.h"
+#include "tests/support/raw_socket.h"
+#include "tests/support/waiting.h"
+#include "tests/support/waiting_thread.h"
 
 namespace {
 

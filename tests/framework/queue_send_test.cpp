@@ -1,14 +1,3 @@
-#include "framework/bundled/own_queue.h"
-
-#include "child_process.h"
-#include "fake_system.h"
-#include "queue_test.h"
-#include "signal_counter.h"
-#include "tests/support/allocation_count.h"
-#include "tests/support/raw_socket.h"
-#include "tests/support/waiting.h"
-#include "tests/support/waiting_thread.h"
-
 #include <algorithm>
 #include <atomic>
 #include <csignal>
@@ -18,6 +7,16 @@
 #include <thread>
 #include <type_traits>
 #include <vector>
+
+#include "framework/bundled/own_queue.h"
+#include "tests/framework/child_process.h"
+#include "tests/framework/fake_system.h"
+#include "tests/framework/queue_test.h"
+#include "tests/framework/signal_counter.h"
+#include "tests/support/allocation_count.h"
+#include "tests/support/raw_socket.h"
+#include "tests/support/waiting.h"
+#include "tests/support/waiting_thread.h"
 
 namespace {
 

@@ -1,16 +1,16 @@
 #pragma once
 
-#include "framework/orb_attachment_msg.h"
-#include "framework/queue_mgr.h"
-#include "tests/support/log_capture.h"
-#include "tests/support/queue_process.h"
-#include "tests/support/quiet_proc.h"
-
 #include <cstdio>
 #include <cstring>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <string>
+
+#include "framework/orb_attachment_msg.h"
+#include "framework/queue_mgr.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/queue_process.h"
+#include "tests/support/quiet_proc.h"
 
 /// Runs a test in a queue directory of its own, and collects the log.
 class TQueueTest : public testing::Test {

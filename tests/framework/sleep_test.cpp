@@ -1,10 +1,11 @@
 #include "framework/sleep.h"
-#include "signal_counter.h"
 
 #include <chrono>
 #include <csignal>
 #include <gtest/gtest.h>
 #include <sys/time.h>
+
+#include "tests/framework/signal_counter.h"
 
 namespace {
 

@@ -1,11 +1,5 @@
 #include "framework/version_re_init.h"
 
-#include "child_process.h"
-#include "fake_system.h"
-#include "signal_counter.h"
-#include "tests/support/temp_dir.h"
-#include "tests/support/waiting.h"
-
 #include <cinttypes>
 #include <csignal>
 #include <cstdio>
@@ -17,6 +11,12 @@
 #include <sys/time.h>
 #include <thread>
 #include <unistd.h>
+
+#include "tests/framework/child_process.h"
+#include "tests/framework/fake_system.h"
+#include "tests/framework/signal_counter.h"
+#include "tests/support/temp_dir.h"
+#include "tests/support/waiting.h"
 
 namespace {
 

@@ -1,7 +1,5 @@
 #pragma once
 
-#include "tests/support/waiting.h"
-
 #include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
@@ -11,6 +9,8 @@
 #include <sys/socket.h>
 #include <termios.h>
 #include <unistd.h>
+
+#include "tests/support/waiting.h"
 
 /// Two descriptors: what is written to the one can be read from the other.
 class TWay {

@@ -1,11 +1,5 @@
 #include "framework/bundled/write_at_once.h"
 
-#include "child_process.h"
-#include "fake_system.h"
-#include "tests/support/allocation_count.h"
-#include "tests/support/descriptor_limit.h"
-#include "way.h"
-
 #include <atomic>
 #include <csignal>
 #include <cstdio>
@@ -15,6 +9,12 @@
 #include <sys/ioctl.h>
 #include <thread>
 #include <vector>
+
+#include "tests/framework/child_process.h"
+#include "tests/framework/fake_system.h"
+#include "tests/framework/way.h"
+#include "tests/support/allocation_count.h"
+#include "tests/support/descriptor_limit.h"
 
 namespace {
 

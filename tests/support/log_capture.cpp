@@ -6,9 +6,7 @@
 #include <ostream>
 #include <sstream>
 #include <string_view>
-#include <sys/mman.h>
 #include <unistd.h>
-#include <utility>
 
 namespace {
 
@@ -36,14 +34,20 @@ void PrintTo(const LogLine& line, std::ostream* out)
     *out << line.id << " \"" << line.text << '"';
 }
 
-LogCapture::LogCapture() : caught_(::memfd_create("log", MFD_CLOEXEC)), standardError_(std::in_place, caught_) {}
+// A file of the disk's kind where there is one: one in memory may refuse what comes while another thread is writing.
+LogCapture::LogCapture() : file_(std::tmpfile())
+{
+    if (file_ == nullptr) std::abort();
+    caught_ = ::fileno(file_);
+    standardError_.emplace(caught_);
+}
 
 LogCapture::~LogCapture()
 {
     standardError_.reset();
     const std::string all = text();
     if (all.find("Sanitizer") != std::string::npos) std::fputs(all.c_str(), stderr);
-    ::close(caught_);
+    std::fclose(file_);
 }
 
 std::string LogCapture::text() const

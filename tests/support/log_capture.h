@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdio>
 #include <optional>
 #include <string>
 #include <vector>
@@ -35,6 +36,7 @@ public:
     std::string text() const;
 
 private:
-    int caught_;
+    std::FILE* file_;
+    int caught_ = -1;
     std::optional<TStandardError> standardError_;
 };
