@@ -3,9 +3,9 @@
 
     tools/tidy.py BUILD-FOLDER [all]
 
-Without "all" the tests are left out, and the static analyzer's checks: both take most of the time and find little. What passed is remembered in
-BUILD-FOLDER/tidy by the content of the file and of everything of the project that it includes, so that a second run looks
-only at what changed. Ends with status 1 when something is wrong.
+Without "all" the tests are left out, and the static analyzer's checks: both take most of the time and find little.
+What passed is remembered in BUILD-FOLDER/tidy by the content of the file and of everything of the project that it includes,
+so that a second run looks only at what changed. Ends with status 1 when something is wrong.
 """
 
 from __future__ import annotations

@@ -5,10 +5,10 @@
 #include <vector>
 
 #include "commands/command_context.h"
-#include "framework/msg_proc.h"
 #include "framework/queue_mgr.h"
 #include "framework/tess_messages.h"
 #include "tests/support/queue_process.h"
+#include "tests/support/quiet_proc.h"
 
 /// What command processing needs of a daemon, with real queues in a directory of their own.
 struct CommandTestBench {
@@ -58,14 +58,8 @@ struct CommandTestBench {
 
     ~CommandTestBench() { clearRegistry(); }
 
-    class Queue : public TMsgProc {
-    public:
-        Queue() : TMsgProc(DAEMON, true) {}
-        int run() override { return 0; }
-    };
-
     TempQueueDir directory;
-    Queue queue;
+    TQuietProc queue{DAEMON};
     TOrbAttachmentMsg outMsg{};
     std::int32_t outLen = 0;
     std::vector<TRegisteredProc*> regProcs;

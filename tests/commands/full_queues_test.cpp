@@ -377,7 +377,7 @@ TEST_F(FullQueue, IsTriedOnceWhenItTakesNothing)
 TEST_F(FullQueues, AreTriedNowAndThenWhereRoomIsReportedInVain)
 {
     const int small = 20'000;
-    ASSERT_EQ(0, ::setsockopt(ownQueue.socket(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small));
+    ASSERT_EQ(::setsockopt(ownQueue.socket(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small), 0);
     const QueueProcess hog(bench.directory, 2002);
     TOrbAttachmentMsg big{};
     while (g_qMgr.sendMsg(2002, &big, MSG_RECORD_BYTES, false) == SEND_DONE) {

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "connections/line_output.h"
+#include "tests/support/conn_fixture.h"
 #include "tests/support/conn_texts.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/private_mounts.h"
@@ -20,8 +21,10 @@ using testing::IsEmpty;
 
 namespace {
 
-class Com2Conn : public testing::Test {
+class Com2Conn : public ConnFixture<TCom2Conn> {
 protected:
+    Com2Conn() : ConnFixture(1, 0x0056'0000) {}
+
     void SetUp() override
     {
         if (!privateMountsProblem().empty()) GTEST_SKIP() << privateMountsProblem();
@@ -36,21 +39,12 @@ protected:
         if (conn.fd >= 0) ::close(conn.fd);
     }
 
-    Texts readLines()
-    {
-        result = conn.readCmd();
-        return linesOf(conn, result);
-    }
-
     Texts typeAndRead(std::string_view bytes)
     {
         EXPECT_TRUE(far->type(bytes));
         EXPECT_TRUE(isReadable(conn.fd));
         return readLines();
     }
-
-    /// Whether the service loop would wait for input, and for nothing else.
-    bool waitsForInput() const { return conn.wantsInput && conn.due == NEVER; }
 
     /// Whether it is looked at a second after it was looked at last, and not before.
     bool rests() const
@@ -68,8 +62,6 @@ protected:
     }
 
     std::unique_ptr<PtyLine> far;
-    TCom2Conn conn{1, 0x0056'0000};
-    int result = 0; ///< of the last read
 };
 
 } // namespace
@@ -130,7 +122,7 @@ TEST_F(Com2Conn, RunsAPieceWithoutALineEndOnIntoWhatALongerLineHasLeft)
 
 TEST_F(Com2Conn, DoesNotArmTheIdleTimer)
 {
-    conn.idleTimer.setTimeOut({0, 0});
+    letIdleTimeRunOut();
     EXPECT_THAT(typeAndRead("A\r"), ElementsAre("A"));
     EXPECT_TRUE(conn.idleTimer.hasTimedOut());
     EXPECT_EQ(conn.hasTimedOut(), 0) << "it never times out";

@@ -8,6 +8,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "tests/support/temp_dir.h"
+
 inline std::string hostName()
 {
     char name[HOST_NAME_MAX + 1]{};
@@ -28,10 +30,9 @@ public:
 
     explicit ReinitProgram(int status, Length length = SHORT)
     {
-        if (::mkdtemp(folder_.data()) == nullptr) std::abort();
-        const std::string program = folder_ + "/program";
+        const std::string program = folder_ / "program";
         std::ofstream file(program);
-        file << "#!/bin/sh\ncd " << folder_ << "\n: > ran\n";
+        file << "#!/bin/sh\ncd " << folder_.path() << "\n: > ran\n";
         if (length == UNTIL_TOLD) file << "while [ -e program ] && [ ! -e end ]; do sleep 0.02; done\n";
         file << "exit " << status << "\n";
         file.close();
@@ -40,15 +41,11 @@ public:
     }
     ReinitProgram(const ReinitProgram&) = delete;
     ReinitProgram& operator=(const ReinitProgram&) = delete;
-    ~ReinitProgram() // which ends the program too
-    {
-        ::unsetenv("TESS_REINIT");
-        std::filesystem::remove_all(folder_);
-    }
+    ~ReinitProgram() { ::unsetenv("TESS_REINIT"); }
 
-    bool hasRun() const { return std::filesystem::exists(folder_ + "/ran"); }
-    void letEnd() const { std::ofstream(folder_ + "/end").flush(); }
+    bool hasRun() const { return std::filesystem::exists(folder_ / "ran"); }
+    void letEnd() const { std::ofstream(folder_ / "end").flush(); }
 
 private:
-    std::string folder_ = "/tmp/reinit-XXXXXX";
+    TTempDir folder_; ///< its end ends the program too
 };

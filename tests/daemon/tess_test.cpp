@@ -13,6 +13,7 @@
 #include "tests/support/in_background.h"
 #include "tests/support/private_mounts.h"
 #include "tests/support/waiting.h"
+#include "tests/support/waiting_thread.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -268,8 +269,9 @@ TEST_F(TessWithPorts, EndsAtOnceWhenASignalComesWhileItServesOn)
         ASSERT_EQ(tess->startService(), 0);
         const pthread_t self = ::pthread_self();
         const Stopwatch watch;
-        std::thread signals([self] {
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        const WaitingThread ending;
+        std::thread signals([self, &ending] {
+            EXPECT_TRUE(ending.untilAsleep());
             ::pthread_kill(self, SIGTERM);
         });
         tess.reset();

@@ -17,6 +17,7 @@ from harness import accounts, settings  # noqa: E402
 from harness.daemon import LOCAL_PORTS, SOCKET_PORTS, Daemon  # noqa: E402
 from harness.isolation import run_isolated  # noqa: E402
 from harness.queue_process import AnsweringProcess  # noqa: E402
+from harness.shifted_clock import ShiftedClock  # noqa: E402
 
 
 def pytest_configure(config: pytest.Config) -> None:
@@ -84,6 +85,24 @@ def start_socket_tessd(launch: Callable[..., Daemon]) -> Callable[..., Daemon]:
 def socket_tessd(start_socket_tessd: Callable[..., Daemon]) -> Daemon:
     """A daemon that serves telnet and the local ports."""
     return start_socket_tessd()
+
+
+@pytest.fixture
+def clock() -> ShiftedClock:
+    """A clock that the test sets ahead, for the daemons that are started with its environment."""
+    return ShiftedClock()
+
+
+@pytest.fixture
+def clocked_tessd(start_tessd: Callable[..., Daemon], clock: ShiftedClock) -> Daemon:
+    """A daemon that serves the local ports and lives by the clock."""
+    return start_tessd(environment=clock.environment)
+
+
+@pytest.fixture
+def clocked_socket_tessd(start_socket_tessd: Callable[..., Daemon], clock: ShiftedClock) -> Daemon:
+    """A daemon that serves telnet and the local ports and lives by the clock."""
+    return start_socket_tessd(environment=clock.environment)
 
 
 @pytest.fixture

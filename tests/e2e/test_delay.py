@@ -11,7 +11,6 @@ from harness import proc, settings, wire
 from harness.answers import Blame, ask, expect_prompt
 from harness.clients import IpcClient, XcpClient
 from harness.queue_process import QueueProcess
-from harness.shifted_clock import ShiftedClock
 from harness.waiting import Stopwatch
 
 OK = b"OK\r\n\r\n"
@@ -24,13 +23,8 @@ plain_only = pytest.mark.skipif(
 
 
 @pytest.fixture
-def clock() -> ShiftedClock:
-    return ShiftedClock()
-
-
-@pytest.fixture
-def tessd(start_tessd, clock):
-    return start_tessd(environment=clock.environment)
+def tessd(clocked_tessd):
+    return clocked_tessd
 
 
 @pytest.fixture

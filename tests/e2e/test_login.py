@@ -8,10 +8,9 @@ import socket
 import pytest
 
 from harness import accounts, settings, wire
-from harness.accounts import ALICE, BOB, ROOT, Account
+from harness.accounts import ALICE, BOB, ROOT
 from harness.clients import IpcClient
 from harness.queue_process import QueueProcess
-from harness.shifted_clock import ShiftedClock
 from harness.telnet import (
     CLOSED_DURING_LOGIN,
     FAREWELL,
@@ -310,9 +309,8 @@ class Timed:
 
 
 @pytest.fixture
-def timed(start_socket_tessd):
-    clock = ShiftedClock()
-    return Timed(start_socket_tessd(environment=clock.environment), clock)
+def timed(clocked_socket_tessd, clock):
+    return Timed(clocked_socket_tessd, clock)
 
 
 def test_a_client_without_a_name_is_closed_after_60_seconds(timed):

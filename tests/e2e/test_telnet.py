@@ -17,7 +17,6 @@ from harness.endings import AT_ONCE as SIGNAL_TO_END
 from harness.endings import end_by_signal
 from harness.neighbours import Neighbours
 from harness.queue_process import QueueProcess
-from harness.shifted_clock import ShiftedClock
 from harness.telnet import (
     CLOSED_DURING_LOGIN,
     DO,
@@ -604,14 +603,7 @@ def test_a_reply_for_a_session_that_is_gone_is_dropped(process, ipc):
 # Idle time-out
 
 
-@pytest.fixture
-def clock(start_socket_tessd):
-    shifted = ShiftedClock()
-    start_socket_tessd(environment=shifted.environment)
-    return shifted
-
-
-def test_a_session_is_removed_when_it_has_been_idle_for_420_seconds(clock):
+def test_a_session_is_removed_when_it_has_been_idle_for_420_seconds(clocked_socket_tessd, clock):
     with Neighbours() as neighbours, TelnetClient() as client:
         client.log_in()
         pass_over_all(neighbours.ipc)  # the timer is armed behind the write that the client has seen
@@ -627,7 +619,7 @@ def test_a_session_is_removed_when_it_has_been_idle_for_420_seconds(clock):
         neighbours.expect_service()  # the local ones stay for ever
 
 
-def test_an_answer_keeps_a_session_alive(clock):
+def test_an_answer_keeps_a_session_alive(clocked_socket_tessd, clock):
     with QueueProcess(2001) as process, IpcClient() as ipc, TelnetClient() as client:
         process.register(b"ENC")
         client.log_in()
@@ -643,7 +635,7 @@ def test_an_answer_keeps_a_session_alive(clock):
         client.expect_close()
 
 
-def test_half_a_line_does_not_keep_a_session_alive(clock):
+def test_half_a_line_does_not_keep_a_session_alive(clocked_socket_tessd, clock):
     with IpcClient() as ipc, TelnetClient() as client:
         client.log_in()
         pass_over_all(ipc)

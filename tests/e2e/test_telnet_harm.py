@@ -15,7 +15,6 @@ from harness.answers import Blame, ask, expect_prompt, share_of_processor
 from harness.daemon import Daemon
 from harness.neighbours import Neighbours
 from harness.queue_process import QueueProcess
-from harness.shifted_clock import ShiftedClock
 from harness.telnet import (
     CLOSED_DURING_LOGIN,
     DO,
@@ -56,13 +55,8 @@ plain_only = pytest.mark.skipif(
 
 
 @pytest.fixture
-def clock() -> ShiftedClock:
-    return ShiftedClock()
-
-
-@pytest.fixture
-def tessd(start_socket_tessd, clock) -> Daemon:
-    return start_socket_tessd(environment=clock.environment)
+def tessd(clocked_socket_tessd) -> Daemon:
+    return clocked_socket_tessd
 
 
 @pytest.fixture

@@ -241,8 +241,8 @@ def test_a_daemon_started_anew_that_refuses_is_reported(tessd):
             anew.send(wire.record(wire.REPLY, b"\0"), to=int(address))
             wait_until(lambda: "CAT has registered again" in serve.errors(), "it registers at last", 10)
             said = (
-                "tessctl: tessd does not register CAT: it has 32 names, and more do not fit: end another process; it is asked again"
-                " every second\n"
+                "tessctl: tessd does not register CAT: it has 32 names, and more do not fit: end another process;"
+                " it is asked again every second\n"
             )
             assert serve.errors().count(said) == 1, serve.errors()
             serve.kill()

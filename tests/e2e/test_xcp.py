@@ -235,6 +235,22 @@ def test_half_a_header_closes_its_connection_after_100_ms_and_no_other(process, 
     assert process.waiting() == []
 
 
+def test_a_header_and_a_short_payload_in_two_writes_close_the_connection(process, tessd):
+    """The header is taken alone, and the payload, when it comes, for the beginning of the next header."""
+    with IpcClient() as ipc, XcpClient() as client:
+        client.expect_nothing_more()
+        whole = wire.frame(b"s3.ENC X\n")
+        client.send(whole[: wire.HEADER])
+        for _ in range(2):  # the daemon has seen the header
+            ipc.expect_nothing_more()
+        watch = Stopwatch()
+        client.send(whole[wire.HEADER :])
+        client.expect_close()
+        assert watch.seconds() >= FRAME_TIMER, f"closed after {watch.seconds():.3f} s"
+        tessd.wait_log(*closed(0))
+    assert process.waiting() == []
+
+
 def test_a_header_that_becomes_whole_too_late_closes_its_connection(process, tessd):
     """The daemon is held while the header becomes whole, so that it finds the timer run out with all 16 bytes there."""
     whole = wire.frame(b"s3.ENC X\n")

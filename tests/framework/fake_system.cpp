@@ -1,18 +1,19 @@
-#include "fake_system.h"
-
-#include "framework/fixed_text.h"
+#include "tests/framework/fake_system.h"
 
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
+#include <mutex>
 #include <poll.h>
 #include <spawn.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
 #include <utility>
+
+#include "framework/fixed_text.h"
 
 namespace {
 
@@ -24,6 +25,8 @@ std::atomic<int> pollResult{-1};
 std::atomic<bool> nowait{true};
 std::atomic<std::size_t> mostSent{SIZE_MAX};
 std::function<void(const char*)> afterMkdir;
+std::mutex receiveLock;
+fake_system::Receive receive;
 
 } // namespace
 
@@ -79,6 +82,12 @@ int lastPoll()
     return pollResult;
 }
 
+Receive lastReceive()
+{
+    const std::scoped_lock lock(receiveLock);
+    return receive;
+}
+
 std::string spawnedProgram()
 {
     return program.data();
@@ -91,13 +100,17 @@ unsigned mallocCount()
 
 } // namespace fake_system
 
-// Where 64-bit times are a choice, the call has another name.
+// Where 64-bit times are a choice, these calls have other names.
 #ifdef __USE_TIME_BITS64
 #define WRAPPED_SETSOCKOPT __wrap___setsockopt64
 #define REAL_SETSOCKOPT __real___setsockopt64
+#define WRAPPED_RECVMSG __wrap___recvmsg64
+#define REAL_RECVMSG __real___recvmsg64
 #else
 #define WRAPPED_SETSOCKOPT __wrap_setsockopt
 #define REAL_SETSOCKOPT __real_setsockopt
+#define WRAPPED_RECVMSG __wrap_recvmsg
+#define REAL_RECVMSG __real_recvmsg
 #endif
 
 // The same where offsets are.
@@ -117,6 +130,7 @@ int __real_posix_spawn(pid_t* pid, const char* path, const posix_spawn_file_acti
 void* __real_malloc(std::size_t bytes);
 ssize_t REAL_PWRITEV2(int fd, const iovec* from, int count, off_t offset, int flags);
 ssize_t __real_send(int fd, const void* from, std::size_t bytes, int flags);
+ssize_t REAL_RECVMSG(int fd, msghdr* into, int flags);
 int __real_poll(pollfd* fds, nfds_t count, int timeOut);
 int __real_mkdir(const char* path, mode_t mode);
 
@@ -150,6 +164,18 @@ ssize_t WRAPPED_PWRITEV2(int fd, const iovec* from, int count, off_t offset, int
 ssize_t __wrap_send(int fd, const void* from, std::size_t bytes, int flags)
 {
     return __real_send(fd, from, std::min(bytes, mostSent.load()), flags);
+}
+
+ssize_t WRAPPED_RECVMSG(int fd, msghdr* into, int flags)
+{
+    const ssize_t result = REAL_RECVMSG(fd, into, flags);
+    const int error = result < 0 ? errno : 0;
+    {
+        const std::scoped_lock lock(receiveLock);
+        receive = {receive.number + 1, flags, error};
+    }
+    if (result < 0) errno = error;
+    return result;
 }
 
 int __wrap_poll(pollfd* fds, nfds_t count, int timeOut)

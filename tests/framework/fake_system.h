@@ -47,6 +47,14 @@ public:
 unsigned pollCount();
 int lastPoll();
 
+/// The last call of recvmsg(2), by any thread.
+struct Receive {
+    unsigned number = 0; ///< counts the calls
+    int flags = 0;       ///< as they were passed
+    int error = 0;       ///< errno; 0 when something came
+};
+Receive lastReceive();
+
 /// The program that posix_spawn(3) was last asked for.
 std::string spawnedProgram();
 

@@ -26,31 +26,31 @@ TEST(PutText, CopiesWhatFitsAndEndsItWithANul)
     } cases[] = {{4, "abc", 3, "abc"}, {4, "abcd", 3, "abc"}, {4, "a", 1, "a"}, {4, "", 0, ""}, {1, "abc", 0, ""}};
     for (const auto& c : cases) {
         char to[] = "********";
-        EXPECT_EQ(c.copied, putText(std::span(to, c.room), c.text));
-        EXPECT_STREQ(c.there, to);
-        EXPECT_EQ('*', to[c.copied + 1]) << "what lies behind stays as it is";
+        EXPECT_EQ(putText(std::span(to, c.room), c.text), c.copied);
+        EXPECT_STREQ(to, c.there);
+        EXPECT_EQ(to[c.copied + 1], '*') << "what lies behind stays as it is";
     }
 }
 
 TEST(PutText, TakesATextWithoutAnAddressForNone)
 {
     char to[] = "**";
-    EXPECT_EQ(0U, putText(to, std::string_view()));
-    EXPECT_STREQ("", to);
+    EXPECT_EQ(putText(to, std::string_view()), 0U);
+    EXPECT_STREQ(to, "");
 }
 
 TEST(PutText, CopiesNulsToo)
 {
     char to[8] = "*******";
-    EXPECT_EQ(3U, putText(to, std::string_view("a\0b", 3)));
-    EXPECT_EQ(std::string_view("a\0b\0*", 5), std::string_view(to, 5));
+    EXPECT_EQ(putText(to, std::string_view("a\0b", 3)), 3U);
+    EXPECT_EQ(std::string_view(to, 5), std::string_view("a\0b\0*", 5));
 }
 
 TEST(FixedText, BeginsEmpty)
 {
     const FixedText<4> text;
-    EXPECT_STREQ("", text.c_str());
-    EXPECT_EQ("", text.view());
+    EXPECT_STREQ(text.c_str(), "");
+    EXPECT_EQ(text.view(), "");
 }
 
 TEST(FixedText, JoinsTextsCharactersAndNumbers)
@@ -59,7 +59,7 @@ TEST(FixedText, JoinsTextsCharactersAndNumbers)
     text << "a" << std::string("b") << std::string_view("cd", 1) << 'x' << ' ' << 0 << ' ' << -7 << ' '
          << std::uint8_t{65} << ' ' << std::numeric_limits<std::int64_t>::min() << ' '
          << std::numeric_limits<std::uint64_t>::max();
-    EXPECT_STREQ("abcx 0 -7 65 -9223372036854775808 18446744073709551615", text.c_str());
+    EXPECT_STREQ(text.c_str(), "abcx 0 -7 65 -9223372036854775808 18446744073709551615");
     EXPECT_EQ(text.view(), text.c_str());
 }
 
@@ -69,23 +69,23 @@ TEST(FixedText, WritesHexadecimalInLowerCaseWithoutLeadingZeros)
     text.hex(0U) << ' ';
     text.hex(std::uint32_t{0xBB02'0000U}) << ' ';
     text.hex(std::numeric_limits<std::uint64_t>::max());
-    EXPECT_STREQ("0 bb020000 ffffffffffffffff", text.c_str());
+    EXPECT_STREQ(text.c_str(), "0 bb020000 ffffffffffffffff");
 }
 
 TEST(FixedText, CutsWhatDoesNotFitBesideItsNul)
 {
     FixedText<6> text;
     text << "abc" << 12345;
-    EXPECT_STREQ("abc12", text.c_str());
+    EXPECT_STREQ(text.c_str(), "abc12");
     text << "more" << 'x';
-    EXPECT_EQ("abc12", text.view());
+    EXPECT_EQ(text.view(), "abc12");
 }
 
 TEST(FixedText, OfOneByteHoldsNothingButItsNul)
 {
     FixedText<1> text;
     text << "abc" << 1 << 'x';
-    EXPECT_STREQ("", text.c_str());
+    EXPECT_STREQ(text.c_str(), "");
 }
 
 } // namespace

@@ -30,8 +30,8 @@ TEST(LogLine, WritesTheTimeInUtc)
         const TLogLine::Time time(seconds(c.unixSeconds) + milliseconds(c.millis));
         TLogLine iso;
         TLogLine syslog;
-        EXPECT_EQ(c.iso, iso.isoTime(time).view());
-        EXPECT_EQ(c.syslog, syslog.syslogTime(time).view());
+        EXPECT_EQ(iso.isoTime(time).view(), c.iso);
+        EXPECT_EQ(syslog.syslogTime(time).view(), c.syslog);
     }
 }
 
@@ -39,14 +39,14 @@ TEST(LogLine, JoinsTextAndNumbers)
 {
     TLogLine line;
     line.text("a ").number(51000).text(" ").number(-1).text("").lineEnd();
-    EXPECT_EQ("a 51000 -1\n", line.view());
+    EXPECT_EQ(line.view(), "a 51000 -1\n");
 }
 
 TEST(LogLine, TurnsLineEndsIntoBlanks)
 {
     TLogLine line;
     line.text("kept\n").oneLineText("\r\na\nb\rc\r\n");
-    EXPECT_EQ("kept\n  a b c  ", line.view());
+    EXPECT_EQ(line.view(), "kept\n  a b c  ");
 }
 
 TEST(LogLine, CutsWhatDoesNotFitAndKeepsRoomForTheLineEnd)
@@ -56,7 +56,7 @@ TEST(LogLine, CutsWhatDoesNotFitAndKeepsRoomForTheLineEnd)
         TLogLine line;
         line.oneLineText(std::string(size, 'x')).text("y").number(1).lineEnd();
         const std::string whole = std::string(size, 'x') + "y1";
-        EXPECT_EQ(whole.substr(0, roomForText) + "\n", line.view()) << size << " characters";
+        EXPECT_EQ(line.view(), whole.substr(0, roomForText) + "\n") << size << " characters";
     }
 }
 

@@ -5,7 +5,7 @@
 #include <limits>
 #include <string>
 
-#include "captured_stderr.h"
+#include "tests/support/log_capture.h"
 #include "tests/support/allocation_count.h"
 
 namespace {
@@ -27,7 +27,7 @@ static_assert(!IsNumber<bool> && !IsNumber<char> && !IsNumber<const char*> && !I
 
 std::string linesOf(auto logIt)
 {
-    const TCapturedStderr captured;
+    const LogCapture captured;
     logIt();
     return captured.text();
 }
@@ -65,7 +65,7 @@ TEST(LogMessage, IsLoggedWithItsNumberInOneLine)
 
 TEST(LogMessage, AllocatesNothing)
 {
-    const TCapturedStderr captured;
+    const LogCapture captured;
     const unsigned before = allocationCount();
     logMessage(opened, Hex{1}, "127.0.0.1");
     EXPECT_EQ(allocationCount() - before, 0U);

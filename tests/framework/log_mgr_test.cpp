@@ -1,15 +1,5 @@
 #include "framework/log_mgr.h"
 
-#include "captured_stderr.h"
-#include "child_process.h"
-#include "fake_system.h"
-#include "framework/bundled/syslog_socket.h"
-#include "raw_socket.h"
-#include "signal_counter.h"
-#include "standard_error.h"
-#include "temp_dir.h"
-#include "tests/support/waiting.h"
-
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -23,6 +13,17 @@
 #include <sys/time.h>
 #include <thread>
 #include <vector>
+
+#include "framework/bundled/syslog_socket.h"
+#include "tests/framework/child_process.h"
+#include "tests/framework/fake_system.h"
+#include "tests/framework/signal_counter.h"
+#include "tests/framework/way.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/raw_socket.h"
+#include "tests/support/standard_error.h"
+#include "tests/support/temp_dir.h"
+#include "tests/support/waiting.h"
 
 namespace {
 
@@ -59,7 +60,7 @@ protected:
 
     static std::string logged(TTraceMsg id, const std::string& text)
     {
-        const TCapturedStderr captured;
+        const LogCapture captured;
         logMgr.log(id, text.c_str());
         return captured.text();
     }
@@ -96,7 +97,7 @@ TEST_F(LogMgr, WritesTheTimeOfTheLine)
     const std::string line = logged(1, "x");
     const std::time_t after = std::time(nullptr);
     std::tm fields{};
-    ASSERT_NE(nullptr, ::strptime(line.c_str(), "%Y-%m-%dT%H:%M:%S", &fields));
+    ASSERT_NE(::strptime(line.c_str(), "%Y-%m-%dT%H:%M:%S", &fields), nullptr);
     const std::time_t written = ::timegm(&fields);
     EXPECT_GE(written, before);
     EXPECT_LE(written, after);
@@ -115,16 +116,16 @@ TEST_F(LogMgr, DoesNotReadTheTextAsAFormat)
 TEST_F(LogMgr, CutsATextThatIsTooLongForALine)
 {
     const std::string line = logged(7, std::string(10'000, 'x'));
-    EXPECT_EQ(4096U, line.size());
-    EXPECT_EQ('\n', line.back());
-    EXPECT_EQ(1, std::count(line.begin(), line.end(), '\n'));
+    EXPECT_EQ(line.size(), 4096U);
+    EXPECT_EQ(line.back(), '\n');
+    EXPECT_EQ(std::count(line.begin(), line.end(), '\n'), 1);
 }
 
 TEST_F(LogMgr, WritesEachLineInOneWrite)
 {
     // Each write to a packet-mode pipe (pipe2(2), O_DIRECT) is one packet, and a read takes one packet.
     int ends[2];
-    ASSERT_EQ(0, ::pipe2(ends, O_DIRECT | O_CLOEXEC));
+    ASSERT_EQ(::pipe2(ends, O_DIRECT | O_CLOEXEC), 0);
     const int saved = ::dup(STDERR_FILENO);
     ::dup2(ends[1], STDERR_FILENO);
     logMgr.log(7, std::string(10'000, 'x').c_str());
@@ -132,7 +133,7 @@ TEST_F(LogMgr, WritesEachLineInOneWrite)
     ::dup2(saved, STDERR_FILENO);
     ::close(saved);
     char packet[8192];
-    EXPECT_EQ(4096, ::read(ends[0], packet, sizeof packet));
+    EXPECT_EQ(::read(ends[0], packet, sizeof packet), 4096);
     const ssize_t second = ::read(ends[0], packet, sizeof packet);
     ASSERT_GT(second, 0);
     EXPECT_THAT(std::string(packet, static_cast<std::size_t>(second)), HasSubstr("    [TEST] 8 second\n"));
@@ -149,17 +150,17 @@ TEST_F(LogMgr, KeepsErrno)
     const int kept = errno;
     ::dup2(saved, STDERR_FILENO);
     ::close(saved);
-    EXPECT_EQ(ENOTTY, kept);
+    EXPECT_EQ(kept, ENOTTY);
     EXPECT_THAT(logged(8, "next"), HasSubstr(" 250008 1 log lines were lost\n"));
 }
 
 TEST_F(LogMgr, LinesFromASignalHandlerAndFromThreadsStayWhole)
 {
     const TSignalCounter alarms(SIGALRM, SA_RESTART, [] { logMgr.log(51001, "from the handler"); });
-    const TCapturedStderr captured;
+    const LogCapture captured;
     itimerval everyMillisecond{};
     everyMillisecond.it_interval.tv_usec = everyMillisecond.it_value.tv_usec = 1'000;
-    ASSERT_EQ(0, ::setitimer(ITIMER_REAL, &everyMillisecond, nullptr));
+    ASSERT_EQ(::setitimer(ITIMER_REAL, &everyMillisecond, nullptr), 0);
     const auto logMany = [] {
         for (int i = 0; i < 2000; ++i)
             logMgr.log(51002, "from a thread");
@@ -182,7 +183,7 @@ TEST_F(LogMgr, LinesFromASignalHandlerAndFromThreadsStayWhole)
         ASSERT_TRUE(handlers || fromAThread(line)) << line;
         ++(handlers ? fromHandler : fromThreads);
     }
-    EXPECT_EQ(4000, fromThreads);
+    EXPECT_EQ(fromThreads, 4000);
     EXPECT_GE(fromHandler, 1);
 }
 
@@ -195,7 +196,7 @@ TEST_F(LogMgr, ALineThatNobodyTakesAtOnceIsLostAndTheNextOneTellsSo)
         errno = ENOTTY;
         for (int i = 0; i < 3; ++i)
             logMgr.log(7, "lost");
-        EXPECT_EQ(ENOTTY, errno);
+        EXPECT_EQ(errno, ENOTTY);
         EXPECT_THAT(way.receive(), Not(HasSubstr("lost")));
         logMgr.log(8, "first");
         logMgr.log(9, "second");
@@ -229,7 +230,7 @@ TEST_F(LogMgr, TheNumberOfLostLinesIsExactWhoeverLosesThem)
     way.fill();
     itimerval everyMillisecond{};
     everyMillisecond.it_interval.tv_usec = everyMillisecond.it_value.tv_usec = 1'000;
-    ASSERT_EQ(0, ::setitimer(ITIMER_REAL, &everyMillisecond, nullptr));
+    ASSERT_EQ(::setitimer(ITIMER_REAL, &everyMillisecond, nullptr), 0);
     std::vector<std::thread> threads;
     for (int i = 0; i < THREADS; ++i) {
         threads.emplace_back([] {
@@ -283,7 +284,7 @@ TEST_F(LogMgr, WhatThreadsLoseAndWhatGoesThroughIsEverything)
         if (lostAt != std::string::npos) seen += std::stoi(line.substr(lostAt + 8));
         if (line.ends_with(" 51002 from a thread")) ++seen;
     }
-    EXPECT_EQ(THREADS * LINES, seen);
+    EXPECT_EQ(seen, THREADS * LINES);
 }
 
 TEST_F(LogMgr, ALineThatIsCutIsLostAndDoesNotRunIntoTheNextOne)
@@ -325,7 +326,7 @@ TEST_F(LogMgr, ALineIsLostOnlyWhenNoDestinationTakesIt)
     logMgr.log(4, "next");
     EXPECT_THAT(systemLog.receive(), HasSubstr("]:    [TEST] 250008 2 log lines were lost"));
     EXPECT_THAT(systemLog.receive(), HasSubstr(" 4 next"));
-    EXPECT_EQ("<nothing there>", systemLog.receiveNow());
+    EXPECT_EQ(systemLog.receiveNow(), "<nothing there>");
     EXPECT_THAT(way.receive(), Not(HasSubstr("TEST")));
 }
 
@@ -343,7 +344,7 @@ TEST_F(LogMgr, AForkedChildTellsOnlyWhatItHasLostItself)
         logMgr.log(8, "child");
         return 0;
     });
-    EXPECT_EQ(0, child.result());
+    EXPECT_EQ(child.result(), 0);
     EXPECT_THAT(childs.receive(), MatchesRegex(std::string(isoTime) + "    \\[TEST\\] 8 child\n"));
     EXPECT_THAT(logged(9, "parent"), HasSubstr(" 250008 1 log lines were lost\n"));
 }
@@ -352,11 +353,11 @@ TEST_F(LogMgr, GoesToTheSystemLogInsteadWhenAsked)
 {
     const TRawSocket systemLog(systemLogPath_);
     configure("syslog");
-    EXPECT_EQ("", logged(51000, "running\nwell"));
+    EXPECT_EQ(logged(51000, "running\nwell"), "");
     EXPECT_THAT(systemLog.receive(),
                 MatchesRegex(std::string("<30>") + syslogTime + " framework_tests\\[" + std::to_string(::getpid()) +
                              "\\]:    \\[TEST\\] 51000 running well"));
-    EXPECT_EQ("<nothing there>", systemLog.receiveNow());
+    EXPECT_EQ(systemLog.receiveNow(), "<nothing there>");
 }
 
 TEST_F(LogMgr, GoesToBothWhenAsked)
@@ -372,7 +373,7 @@ TEST_F(LogMgr, GoesToStandardErrorWhileThereIsNoSystemLog)
     configure("syslog");
     EXPECT_THAT(logged(1, "early"), HasSubstr(" 1 early\n"));
     const TRawSocket systemLog(systemLogPath_);
-    EXPECT_EQ("", logged(2, "later"));
+    EXPECT_EQ(logged(2, "later"), "");
     EXPECT_THAT(systemLog.receive(), HasSubstr(" 2 later"));
 }
 
@@ -380,7 +381,7 @@ TEST_F(LogMgr, AFullSystemLogCostsNoWaitAndNoLine)
 {
     const TRawSocket systemLog(systemLogPath_);
     configure("syslog");
-    const TCapturedStderr captured;
+    const LogCapture captured;
     const auto start = std::chrono::steady_clock::now();
     for (int i = 0; i < 1000; ++i)
         logMgr.log(1, "line");
@@ -390,7 +391,7 @@ TEST_F(LogMgr, AFullSystemLogCostsNoWaitAndNoLine)
     EXPECT_GT(lines, 0) << "the system log was never full";
     while (systemLog.receiveNow() != "<nothing there>")
         ++lines;
-    EXPECT_EQ(1000, lines);
+    EXPECT_EQ(lines, 1000);
 }
 
 TEST_F(LogMgr, AnyOtherDestinationMeansStandardError)
@@ -400,7 +401,7 @@ TEST_F(LogMgr, AnyOtherDestinationMeansStandardError)
         configure(destination);
         EXPECT_THAT(logged(1, "x"), HasSubstr(" 1 x\n")) << destination;
     }
-    EXPECT_EQ("<nothing there>", systemLog.receiveNow());
+    EXPECT_EQ(systemLog.receiveNow(), "<nothing there>");
 }
 
 TEST_F(LogMgr, TellsTheServiceManagerThatItIsReady)
@@ -409,7 +410,7 @@ TEST_F(LogMgr, TellsTheServiceManagerThatItIsReady)
     const TRawSocket manager(path);
     ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
     logMgr.initAfterDaemonize();
-    EXPECT_EQ("READY=1", manager.receive());
+    EXPECT_EQ(manager.receive(), "READY=1");
 }
 
 TEST_F(LogMgr, TellsAServiceManagerWithAnAbstractName)
@@ -418,7 +419,7 @@ TEST_F(LogMgr, TellsAServiceManagerWithAnAbstractName)
     const TRawSocket manager('\0' + name);
     ::setenv("NOTIFY_SOCKET", ("@" + name).c_str(), 1);
     logMgr.initAfterDaemonize();
-    EXPECT_EQ("READY=1", manager.receive());
+    EXPECT_EQ(manager.receive(), "READY=1");
 }
 
 TEST_F(LogMgr, SaysSoWhenTheServiceManagerDoesNotReadAndGoesOn)
@@ -427,7 +428,7 @@ TEST_F(LogMgr, SaysSoWhenTheServiceManagerDoesNotReadAndGoesOn)
     const TRawSocket manager(path);
     fill(path);
     ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
-    const TCapturedStderr captured;
+    const LogCapture captured;
     const auto start = std::chrono::steady_clock::now();
     logMgr.initAfterDaemonize();
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
@@ -445,7 +446,7 @@ TEST_F(LogMgr, DoesNotWaitForAServiceManagerWithoutATimeOut)
     fill(path);
     ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
     const fake_system::TRefusedOption refused(SO_SNDTIMEO);
-    const TCapturedStderr captured;
+    const LogCapture captured;
     logMgr.initAfterDaemonize();
     EXPECT_THAT(captured.text(), HasSubstr(" 250006 "));
 }
@@ -471,12 +472,12 @@ TEST_F(LogMgr, ASignalDoesNotKeepTheServiceManagerFromBeingTold)
     disturbing.join();
     EXPECT_GE(signals.count(), 5);
     if (other != "READY=1") other = manager.receiveNow();
-    EXPECT_EQ("READY=1", other);
+    EXPECT_EQ(other, "READY=1");
 }
 
 TEST_F(LogMgr, GoesOnQuietlyWithoutAServiceManager)
 {
-    const TCapturedStderr captured;
+    const LogCapture captured;
     logMgr.initAfterDaemonize();
     const std::string tooLong = "/" + std::string(200, 'x');
     for (const std::string& name :
@@ -484,7 +485,7 @@ TEST_F(LogMgr, GoesOnQuietlyWithoutAServiceManager)
         ::setenv("NOTIFY_SOCKET", name.c_str(), 1);
         logMgr.initAfterDaemonize();
     }
-    EXPECT_EQ("", captured.text());
+    EXPECT_EQ(captured.text(), "");
 }
 
 } // namespace

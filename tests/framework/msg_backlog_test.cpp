@@ -29,29 +29,29 @@ TEST_F(MsgBacklog, HandsRecordsOutInOrderWithTheirLengths)
     for (std::uint32_t i = 0; i < 100; ++i)
         ASSERT_TRUE(put(i, MSG_HEADER_BYTES + i * 80));
     for (std::uint32_t i = 0; i < 100; ++i) {
-        EXPECT_EQ(MSG_HEADER_BYTES + i * 80, backlog_.take(&taken_));
-        EXPECT_EQ(i, taken_.tag);
+        EXPECT_EQ(backlog_.take(&taken_), MSG_HEADER_BYTES + i * 80);
+        EXPECT_EQ(taken_.tag, i);
     }
-    EXPECT_EQ(0U, backlog_.take(&taken_));
+    EXPECT_EQ(backlog_.take(&taken_), 0U);
 }
 
 TEST_F(MsgBacklog, WritesOnlyAsManyBytesAsTheRecordHas)
 {
     ASSERT_TRUE(put(1, 20));
     std::memset(static_cast<void*>(&taken_), 'o', sizeof taken_);
-    ASSERT_EQ(20U, backlog_.take(&taken_));
-    EXPECT_EQ('f', taken_.text[3]);
-    EXPECT_EQ('o', taken_.text[4]);
+    ASSERT_EQ(backlog_.take(&taken_), 20U);
+    EXPECT_EQ(taken_.text[3], 'f');
+    EXPECT_EQ(taken_.text[4], 'o');
 }
 
 TEST_F(MsgBacklog, RoomThatIsNotUsedIsGivenOutAgain)
 {
-    ASSERT_NE(nullptr, backlog_.reserve());
-    ASSERT_NE(nullptr, backlog_.reserve());
-    EXPECT_EQ(0U, backlog_.take(&taken_));
+    ASSERT_NE(backlog_.reserve(), nullptr);
+    ASSERT_NE(backlog_.reserve(), nullptr);
+    EXPECT_EQ(backlog_.take(&taken_), 0U);
     ASSERT_TRUE(put(5, 16));
-    EXPECT_EQ(16U, backlog_.take(&taken_));
-    EXPECT_EQ(5U, taken_.tag);
+    EXPECT_EQ(backlog_.take(&taken_), 16U);
+    EXPECT_EQ(taken_.tag, 5U);
 }
 
 TEST_F(MsgBacklog, TakesNoMoreMemoryThanItMay)
@@ -62,11 +62,11 @@ TEST_F(MsgBacklog, TakesNoMoreMemoryThanItMay)
             ++kept;
         EXPECT_LE(kept * length, TMsgBacklog::LIMIT_BYTES);
         EXPECT_GT(kept * (length + 64), TMsgBacklog::LIMIT_BYTES - 3 * MSG_RECORD_BYTES) << "records of " << length;
-        EXPECT_EQ(nullptr, backlog_.reserve());
-        ASSERT_EQ(length, backlog_.take(&taken_));
-        EXPECT_EQ(0U, taken_.tag);
+        EXPECT_EQ(backlog_.reserve(), nullptr);
+        ASSERT_EQ(backlog_.take(&taken_), length);
+        EXPECT_EQ(taken_.tag, 0U);
         backlog_.clear();
-        EXPECT_NE(nullptr, backlog_.reserve());
+        EXPECT_NE(backlog_.reserve(), nullptr);
     }
 }
 

@@ -1,8 +1,7 @@
-#include "framework/msg_dmn.h"
-
-#include "queue_test.h"
-
 #include <filesystem>
+
+#include "framework/msg_dmn.h"
+#include "tests/framework/queue_test.h"
 
 namespace {
 
@@ -18,9 +17,9 @@ TEST_F(MsgProc, HoldsItsQueueForAsLongAsItLives)
 {
     {
         TQuietDaemon daemon;
-        EXPECT_EQ(1001, daemon.queueId());
+        EXPECT_EQ(daemon.queueId(), 1001);
         EXPECT_TRUE(std::filesystem::is_socket(pathOf(1001)));
-        EXPECT_EQ(0, daemon.run());
+        EXPECT_EQ(daemon.run(), 0);
     }
     EXPECT_FALSE(std::filesystem::exists(pathOf(1001)));
     const TQuietDaemon again;
@@ -30,7 +29,7 @@ TEST_F(MsgProc, HoldsItsQueueForAsLongAsItLives)
 TEST_F(MsgProc, WithoutAQueueItOnlySends)
 {
     const TQuietProc proc(1005, false);
-    EXPECT_EQ(1005, proc.queueId());
+    EXPECT_EQ(proc.queueId(), 1005);
     EXPECT_TRUE(std::filesystem::is_empty(dir_.path()));
     TOrbAttachmentMsg msg{};
     EXPECT_LT(g_qMgr.getMsg(&msg, MSG_QUEUE_ALL, false), 0);
@@ -43,7 +42,7 @@ TEST_F(MsgProc, ThrowsWhatItLogged)
         const TQuietDaemon second;
         FAIL() << "no error";
     } catch (const std::runtime_error& error) {
-        EXPECT_STREQ("queue address 1001 is in use", error.what());
+        EXPECT_STREQ(error.what(), "queue address 1001 is in use");
     }
     EXPECT_THAT(log_.text(), testing::HasSubstr(" 250001 queue address 1001 is in use\n"));
     EXPECT_TRUE(std::filesystem::is_socket(pathOf(1001))) << "the first one keeps its queue";

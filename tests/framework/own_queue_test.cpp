@@ -1,13 +1,5 @@
 #include "framework/bundled/own_queue.h"
 
-#include "framework/fd.h"
-
-#include "child_process.h"
-#include "fake_system.h"
-#include "queue_test.h"
-#include "raw_socket.h"
-#include "tests/support/waiting.h"
-
 #include <atomic>
 #include <cerrno>
 #include <fcntl.h>
@@ -18,6 +10,14 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <thread>
+
+#include "framework/fd.h"
+#include "tests/framework/child_process.h"
+#include "tests/framework/fake_system.h"
+#include "tests/framework/queue_test.h"
+#include "tests/support/raw_socket.h"
+#include "tests/support/waiting.h"
+#include "tests/support/waiting_thread.h"
 
 namespace {
 
@@ -83,8 +83,8 @@ TEST_F(OwnQueue, IsASocketFileOfItsAddressForOwnerAndGroupWhateverTheUmask)
         const mode_t before = ::umask(mask);
         const std::string error = openError(1001);
         ::umask(before);
-        EXPECT_EQ("", error);
-        EXPECT_EQ(0660U, modeOf(1001)) << "under umask " << std::oct << mask;
+        EXPECT_EQ(error, "");
+        EXPECT_EQ(modeOf(1001), 0660U) << "under umask " << std::oct << mask;
         queue_.close();
         EXPECT_FALSE(exists(1001));
     }
@@ -93,20 +93,20 @@ TEST_F(OwnQueue, IsASocketFileOfItsAddressForOwnerAndGroupWhateverTheUmask)
 TEST_F(OwnQueue, MakesTheDirectoryThatIsMissing)
 {
     ::setenv("TESS_QUEUE_DIR", (dir_ / "a/b//").c_str(), 1);
-    EXPECT_EQ("", openError(1001));
+    EXPECT_EQ(openError(1001), "");
     struct stat found {};
-    EXPECT_EQ(0, ::stat((dir_ / "a/b/1001").c_str(), &found));
+    EXPECT_EQ(::stat((dir_ / "a/b/1001").c_str(), &found), 0);
 }
 
 TEST_F(OwnQueue, AddressesGoFromOneToTheLargestInt)
 {
-    EXPECT_EQ("", openError(2147483647));
+    EXPECT_EQ(openError(2147483647), "");
     queue_.close();
-    EXPECT_EQ("", openError(1));
+    EXPECT_EQ(openError(1), "");
     queue_.close();
     for (const long address : {0L, -1L}) {
         const std::string text = "queue address " + std::to_string(address) + " is not between 1 and 2147483647";
-        EXPECT_EQ(text, openError(address));
+        EXPECT_EQ(openError(address), text);
         EXPECT_THAT(log_.text(), HasSubstr(" 250001 " + text + "\n"));
     }
 }
@@ -121,41 +121,41 @@ TEST_F(OwnQueue, ALiveOwnerKeepsItsAddress)
         return tried.await() ? 0 : 1;
     });
     ASSERT_TRUE(opened.await());
-    EXPECT_EQ("queue address 1001 is in use", openError(1001));
+    EXPECT_EQ(openError(1001), "queue address 1001 is in use");
     EXPECT_THAT(log_.text(), HasSubstr(" 250001 queue address 1001 is in use\n"));
     EXPECT_TRUE(exists(1001));
-    EXPECT_EQ("", openError(1002)) << "other addresses are free";
+    EXPECT_EQ(openError(1002), "") << "other addresses are free";
     tried.pass();
-    EXPECT_EQ(0, owner.result());
+    EXPECT_EQ(owner.result(), 0);
 }
 
 TEST_F(OwnQueue, AnAddressIsInUseWhateverKindOfLiveSocketHoldsIt)
 {
     {
         const TRawSocket datagram(pathOf(11));
-        EXPECT_EQ("queue address 11 is in use", openError(11));
+        EXPECT_EQ(openError(11), "queue address 11 is in use");
     }
     {
         const TRawSocket peer(pathOf(12));
         const TRawSocket connected(pathOf(13));
         ASSERT_TRUE(connected.connectTo(pathOf(12)));
-        EXPECT_EQ("queue address 13 is in use", openError(13));
+        EXPECT_EQ(openError(13), "queue address 13 is in use");
     }
     const int stream = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un name{};
     ASSERT_TRUE(TQueueDirectory(dir_.path()).socketAddress(14, name));
-    ASSERT_EQ(0, ::bind(stream, reinterpret_cast<const sockaddr*>(&name), sizeof name));
-    ASSERT_EQ(0, ::listen(stream, 1));
-    EXPECT_EQ("queue address 14 is in use", openError(14));
+    ASSERT_EQ(::bind(stream, reinterpret_cast<const sockaddr*>(&name), sizeof name), 0);
+    ASSERT_EQ(::listen(stream, 1), 0);
+    EXPECT_EQ(openError(14), "queue address 14 is in use");
     ::close(stream);
-    EXPECT_EQ("", openError(14)) << "a stale one of another kind is replaced";
+    EXPECT_EQ(openError(14), "") << "a stale one of another kind is replaced";
 }
 
 TEST_F(OwnQueue, OneProcessHoldsOneQueue)
 {
-    ASSERT_EQ("", openError(1001));
-    EXPECT_EQ("queue address 1001 is in use", openError(1001));
-    EXPECT_EQ("queue address 1002: this process already holds 1001", openError(1002));
+    ASSERT_EQ(openError(1001), "");
+    EXPECT_EQ(openError(1001), "queue address 1001 is in use");
+    EXPECT_EQ(openError(1002), "queue address 1002: this process already holds 1001");
     EXPECT_TRUE(exists(1001));
     EXPECT_FALSE(exists(1002));
 }
@@ -172,19 +172,19 @@ TEST_F(OwnQueue, ReplacesTheFileOfADeadOwner)
     ASSERT_TRUE(opened.await());
     owner.kill();
     ASSERT_TRUE(exists(1001));
-    EXPECT_EQ("", openError(1001));
+    EXPECT_EQ(openError(1001), "");
     const TOrbAttachmentMsg sent = numbered(1);
     EXPECT_TRUE(TRawSocket().sendTo(pathOf(1001), &sent, 20));
-    EXPECT_EQ(20, queue_.receive(&msg_, true));
+    EXPECT_EQ(queue_.receive(&msg_, true), 20);
 }
 
 TEST_F(OwnQueue, NeverRemovesWhatIsNoSocket)
 {
     std::ofstream(pathOf(1001)) << "precious";
-    EXPECT_EQ("queue address 1001: " + pathOf(1001) + ": is not a socket", openError(1001));
+    EXPECT_EQ(openError(1001), "queue address 1001: " + pathOf(1001) + ": is not a socket");
     EXPECT_TRUE(exists(1001));
-    ASSERT_EQ(0, ::symlink("nowhere", pathOf(1002).c_str()));
-    EXPECT_EQ("queue address 1002: " + pathOf(1002) + ": is not a socket", openError(1002));
+    ASSERT_EQ(::symlink("nowhere", pathOf(1002).c_str()), 0);
+    EXPECT_EQ(openError(1002), "queue address 1002: " + pathOf(1002) + ": is not a socket");
     EXPECT_TRUE(exists(1002));
     EXPECT_THAT(log_.text(), HasSubstr(" 250001 queue address 1001: " + pathOf(1001) + ": is not a socket\n"));
 }
@@ -194,7 +194,7 @@ TEST_F(OwnQueue, APathThatIsTooLongIsAClearError)
     const std::string deep = dir_ / std::string(100, 'd');
     ::setenv("TESS_QUEUE_DIR", deep.c_str(), 1);
     const std::string text = "queue address 1001: " + deep + "/1001: path too long for a socket address";
-    EXPECT_EQ(text, openError(1001));
+    EXPECT_EQ(openError(1001), text);
     EXPECT_THAT(log_.text(), HasSubstr(" 250001 " + text + "\n"));
     EXPECT_FALSE(std::filesystem::exists(deep));
 }
@@ -204,48 +204,49 @@ TEST_F(OwnQueue, ADirectoryThatIsAFileIsAClearError)
     const std::string file = dir_ / "file";
     std::ofstream(file) << "x";
     ::setenv("TESS_QUEUE_DIR", file.c_str(), 1);
-    EXPECT_EQ("queue address 1001: " + file + ": Not a directory", openError(1001));
+    EXPECT_EQ(openError(1001), "queue address 1001: " + file + ": Not a directory");
 }
 
 TEST_F(OwnQueue, ADirectoryThatStaysLockedIsAClearErrorAfterTwoSeconds)
 {
     const Fd lock = lockedDirectory();
-    const TStopwatch watch;
-    EXPECT_EQ("queue address 1001: " + dir_.path() +
-                  ": Resource temporarily unavailable: another process has kept the " +
-                  "directory locked for 2 seconds",
-              openError(1001));
-    EXPECT_GE(watch.milliseconds(), 2000);
-    EXPECT_LT(watch.milliseconds(), atMost(5000));
+    const Stopwatch watch;
+    EXPECT_EQ(openError(1001), "queue address 1001: " + dir_.path() +
+                                   ": Resource temporarily unavailable: another process has kept the " +
+                                   "directory locked for 2 seconds");
+    EXPECT_GE(watch.ms(), 2000);
+    EXPECT_LT(watch.ms(), atMost(5000));
     EXPECT_FALSE(exists(1001));
 }
 
 TEST_F(OwnQueue, OpeningWaitsForTheDirectorysLock)
 {
-    std::thread other([lock = lockedDirectory().release()] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    const WaitingThread opening;
+    std::atomic<bool> released{false};
+    std::thread other([&, lock = lockedDirectory().release()] {
+        EXPECT_TRUE(opening.untilAsleep());
+        released = true;
         ::close(lock);
     });
-    const TStopwatch watch;
-    EXPECT_EQ("", openError(1001));
-    EXPECT_GE(watch.milliseconds(), 50) << "the lock was not waited for";
+    EXPECT_EQ(openError(1001), "");
+    EXPECT_TRUE(released) << "the lock was not waited for";
     other.join();
 }
 
 TEST_F(OwnQueue, ClosingWhileTheDirectoryStaysLockedLeavesAFileThatTheNextOwnerReplaces)
 {
-    ASSERT_EQ("", openError(1001));
+    ASSERT_EQ(openError(1001), "");
     {
         const Fd lock = lockedDirectory();
-        const TStopwatch watch;
+        const Stopwatch watch;
         queue_.close();
-        EXPECT_GE(watch.milliseconds(), 2000);
-        EXPECT_LT(watch.milliseconds(), atMost(5000));
+        EXPECT_GE(watch.ms(), 2000);
+        EXPECT_LT(watch.ms(), atMost(5000));
     }
     EXPECT_TRUE(exists(1001));
     const TOrbAttachmentMsg sent = numbered(1);
     EXPECT_FALSE(TRawSocket().sendTo(pathOf(1001), &sent, 20)) << "nobody is there";
-    EXPECT_EQ("", openError(1001));
+    EXPECT_EQ(openError(1001), "");
     EXPECT_TRUE(TRawSocket().sendTo(pathOf(1001), &sent, 20));
 }
 
@@ -253,10 +254,10 @@ TEST_F(OwnQueue, WithoutAReceiveTimeOutItDoesNotOpen)
 {
     {
         const fake_system::TRefusedOption refused(SO_RCVTIMEO);
-        EXPECT_EQ("queue address 1001: socket: Operation not permitted", openError(1001));
+        EXPECT_EQ(openError(1001), "queue address 1001: socket: Operation not permitted");
         EXPECT_FALSE(queue_.isOpen());
     }
-    EXPECT_EQ("", openError(1001));
+    EXPECT_EQ(openError(1001), "");
 }
 
 TEST_F(OwnQueue, AFailedOpenLeavesNothingBehind)
@@ -265,41 +266,41 @@ TEST_F(OwnQueue, AFailedOpenLeavesNothingBehind)
     (void)queue_.socket();
     const auto before = openDescriptors();
     for (int i = 0; i < 20; ++i)
-        EXPECT_NE("", openError(1001));
-    EXPECT_EQ(before, openDescriptors());
+        EXPECT_NE(openError(1001), "");
+    EXPECT_EQ(openDescriptors(), before);
     EXPECT_FALSE(queue_.isOpen());
 }
 
 TEST_F(OwnQueue, CanBeClosedAndOpenedAgainWithoutLosingDescriptors)
 {
-    ASSERT_EQ("", openError(1001));
+    ASSERT_EQ(openError(1001), "");
     queue_.close();
     const auto before = openDescriptors();
     for (int i = 0; i < 50; ++i) {
-        ASSERT_EQ("", openError(1001));
+        ASSERT_EQ(openError(1001), "");
         queue_.close();
         queue_.close();
     }
-    EXPECT_EQ(before, openDescriptors());
-    EXPECT_EQ(-1, queue_.receive(&msg_, false));
-    EXPECT_EQ(EBADF, errno);
+    EXPECT_EQ(openDescriptors(), before);
+    EXPECT_EQ(queue_.receive(&msg_, false), -1);
+    EXPECT_EQ(errno, EBADF);
 }
 
 TEST_F(OwnQueue, ClosingForgetsWhatNobodyTook)
 {
-    ASSERT_EQ("", openError(1001));
+    ASSERT_EQ(openError(1001), "");
     const TOrbAttachmentMsg sent = numbered(1);
     ASSERT_TRUE(TRawSocket().sendTo(pathOf(1001), &sent, 20));
-    ASSERT_EQ(TOwnQueue::Drained::records, queue_.drain());
+    ASSERT_EQ(queue_.drain(), TOwnQueue::Drained::records);
     queue_.close();
-    ASSERT_EQ("", openError(1001));
-    EXPECT_EQ(0, queue_.receive(&msg_, false));
+    ASSERT_EQ(openError(1001), "");
+    EXPECT_EQ(queue_.receive(&msg_, false), 0);
 }
 
 TEST_F(OwnQueue, ClosingLeavesAFileThatIsSomebodyElses)
 {
-    ASSERT_EQ("", openError(1001));
-    ASSERT_EQ(0, ::unlink(pathOf(1001).c_str()));
+    ASSERT_EQ(openError(1001), "");
+    ASSERT_EQ(::unlink(pathOf(1001).c_str()), 0);
     const TRawSocket newOwner(pathOf(1001));
     queue_.close();
     EXPECT_TRUE(exists(1001));
@@ -307,24 +308,24 @@ TEST_F(OwnQueue, ClosingLeavesAFileThatIsSomebodyElses)
 
 TEST_F(OwnQueue, AForkedChildDoesNotRemoveItsParentsFile)
 {
-    ASSERT_EQ("", openError(1001));
+    ASSERT_EQ(openError(1001), "");
     TChildProcess child([&] {
         queue_.close();
         return 0;
     });
-    EXPECT_EQ(0, child.result());
+    EXPECT_EQ(child.result(), 0);
     EXPECT_TRUE(exists(1001));
     const TOrbAttachmentMsg sent = numbered(9);
     ASSERT_TRUE(TRawSocket().sendTo(pathOf(1001), &sent, 20));
-    EXPECT_EQ(20, queue_.receive(&msg_, true));
+    EXPECT_EQ(queue_.receive(&msg_, true), 20);
 }
 
 TEST_F(OwnQueue, ItsDescriptorIsNotPassedOnToPrograms)
 {
-    ASSERT_EQ("", openError(1001));
-    EXPECT_EQ(FD_CLOEXEC, ::fcntl(queue_.socket(), F_GETFD));
+    ASSERT_EQ(openError(1001), "");
+    EXPECT_EQ(::fcntl(queue_.socket(), F_GETFD), FD_CLOEXEC);
     queue_.close();
-    EXPECT_EQ(FD_CLOEXEC, ::fcntl(queue_.socket(), F_GETFD));
+    EXPECT_EQ(::fcntl(queue_.socket(), F_GETFD), FD_CLOEXEC);
 }
 
 TEST_F(OwnQueue, OfTwoThreadsThatRaceForAStaleAddressOneGetsIt)
@@ -344,8 +345,8 @@ TEST_F(OwnQueue, OfTwoThreadsThatRaceForAStaleAddressOneGetsIt)
         std::thread other(race, 1);
         race(0);
         other.join();
-        EXPECT_NE(errors[0].empty(), errors[1].empty()) << "round " << round << ": " << errors[0] << " / " << errors[1];
-        EXPECT_EQ("queue address " + std::to_string(address) + " is in use", errors[0] + errors[1]);
+        EXPECT_NE(errors[1].empty(), errors[0].empty()) << "round " << round << ": " << errors[0] << " / " << errors[1];
+        EXPECT_EQ(errors[0] + errors[1], "queue address " + std::to_string(address) + " is in use");
         for (TOwnQueue& queue : queues) {
             queue.close();
             ::close(queue.socket());
@@ -377,7 +378,7 @@ TEST_F(OwnQueue, OfTwoProcessesThatRaceForAStaleAddressOneGetsIt)
         ASSERT_TRUE(tried.await());
         end.pass();
         end.pass();
-        EXPECT_EQ(1, one.result() + two.result()) << "round " << round;
+        EXPECT_EQ(one.result() + two.result(), 1) << "round " << round;
         ASSERT_FALSE(HasFailure());
     }
 }
@@ -397,8 +398,8 @@ TEST_F(OwnQueue, OpeningAndClosingInTwoProcessesNeverLeavesAnAddressWithoutItsFi
         return 0;
     };
     TChildProcess other(openAndClose);
-    EXPECT_EQ(0, openAndClose());
-    EXPECT_EQ(0, other.result());
+    EXPECT_EQ(openAndClose(), 0);
+    EXPECT_EQ(other.result(), 0);
 }
 
 } // namespace

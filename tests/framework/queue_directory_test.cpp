@@ -1,8 +1,5 @@
 #include "framework/bundled/queue_directory.h"
 
-#include "fake_system.h"
-#include "temp_dir.h"
-
 #include <cstddef>
 #include <cstring>
 #include <filesystem>
@@ -11,6 +8,9 @@
 #include <gtest/gtest.h>
 #include <memory>
 #include <sys/stat.h>
+
+#include "tests/framework/fake_system.h"
+#include "tests/support/temp_dir.h"
 
 namespace {
 
@@ -64,12 +64,12 @@ TEST(QueueDirectory, ComesFromTheEnvironmentWithoutTrailingSlashes)
         else
             ::unsetenv("TESS_QUEUE_DIR");
         const TQueueDirectory& directory = TQueueDirectory::fromEnvironment();
-        EXPECT_EQ(c.path, directory.path());
-        EXPECT_EQ(c.socketPath, directory.socketPath(1001));
+        EXPECT_EQ(directory.path(), c.path);
+        EXPECT_EQ(directory.socketPath(1001), c.socketPath);
         sockaddr_un to{};
         ASSERT_TRUE(directory.socketAddress(1001, to));
-        EXPECT_STREQ(c.socketPath, to.sun_path);
-        EXPECT_EQ(&directory, &TQueueDirectory::fromEnvironment()) << "the same directory, the same object";
+        EXPECT_STREQ(to.sun_path, c.socketPath);
+        EXPECT_EQ(&TQueueDirectory::fromEnvironment(), &directory) << "the same directory, the same object";
     }
     ::unsetenv("TESS_QUEUE_DIR");
 }
@@ -110,13 +110,13 @@ TEST(QueueDirectory, ARelativePathIsMadeAbsoluteFromWhereTheProcessIsAtThatMomen
     for (const auto& c : cases) {
         const TWorkingDirectory here(dir.path());
         const std::string expected = std::filesystem::path(dir.path() + c.path).lexically_normal().string();
-        EXPECT_EQ(expected, directoryNamed(c.value).path() + (expected.ends_with('/') ? "/" : "")) << c.value;
+        EXPECT_EQ(directoryNamed(c.value).path() + (expected.ends_with('/') ? "/" : ""), expected) << c.value;
     }
     const TQueueDirectory& elsewhere = directoryNamed("q");
-    EXPECT_EQ(std::filesystem::current_path() / "q", elsewhere.path());
+    EXPECT_EQ(elsewhere.path(), std::filesystem::current_path() / "q");
     const TWorkingDirectory here(dir.path());
-    EXPECT_NE(&elsewhere, &directoryNamed("q")) << "the same name from another place";
-    EXPECT_EQ(dir / "q", directoryNamed("q").path());
+    EXPECT_NE(&directoryNamed("q"), &elsewhere) << "the same name from another place";
+    EXPECT_EQ(directoryNamed("q").path(), dir / "q");
 }
 
 TEST(QueueDirectory, WithoutAWorkingDirectoryARelativePathCannotBeMade)
@@ -128,7 +128,7 @@ TEST(QueueDirectory, WithoutAWorkingDirectoryARelativePathCannotBeMade)
         directoryNamed("q").create();
         FAIL() << "no error";
     } catch (const std::runtime_error& error) {
-        EXPECT_STREQ("queue directory q: No such file or directory", error.what());
+        EXPECT_STREQ(error.what(), "queue directory q: No such file or directory");
     }
 }
 
@@ -139,7 +139,7 @@ TEST(QueueDirectory, APathMustFitASocketAddressWithItsNul)
     const TQueueDirectory tooLong("/" + std::string(longest - std::strlen("/1001"), 'd'));
     sockaddr_un to{};
     EXPECT_TRUE(fits.socketAddress(1001, to));
-    EXPECT_EQ(longest, std::strlen(to.sun_path));
+    EXPECT_EQ(std::strlen(to.sun_path), longest);
     EXPECT_FALSE(fits.socketAddress(10010, to));
     EXPECT_TRUE(tooLong.socketAddress(101, to));
     EXPECT_FALSE(tooLong.socketAddress(1001, to));
@@ -151,7 +151,7 @@ TEST(QueueDirectory, TellsQueuesOfThisDirectoryFromEverythingElse)
     const TTempDir other;
     const std::string here = dir.path();
     const std::string link = other / "link";
-    ASSERT_EQ(0, ::symlink(here.c_str(), link.c_str()));
+    ASSERT_EQ(::symlink(here.c_str(), link.c_str()), 0);
     const TQueueDirectory directory(here);
     const struct {
         std::string name;
@@ -187,7 +187,7 @@ TEST(QueueDirectory, TellsQueuesOfThisDirectoryFromEverythingElse)
     for (const auto& c : cases) {
         socklen_t length = 0;
         const sockaddr_un from = addressOf(c.name, length);
-        EXPECT_EQ(c.queue, directory.queueOf(from, length)) << c.name;
+        EXPECT_EQ(directory.queueOf(from, length), c.queue) << c.name;
     }
 }
 
@@ -199,7 +199,7 @@ TEST(QueueDirectory, ARelativePathIsNotLookedUpInTheReceiversOwnWorkingDirectory
     for (const char* name : {"./7", "7", ".//7"}) {
         socklen_t length = 0;
         const sockaddr_un from = addressOf(name, length);
-        EXPECT_EQ(0, directory.queueOf(from, length)) << name;
+        EXPECT_EQ(directory.queueOf(from, length), 0) << name;
     }
 }
 
@@ -207,9 +207,9 @@ TEST(QueueDirectory, AnUnboundSocketBelongsToNoQueue)
 {
     const TQueueDirectory directory("/tmp");
     sockaddr_un from{};
-    EXPECT_EQ(0, directory.queueOf(from, 0));
+    EXPECT_EQ(directory.queueOf(from, 0), 0);
     from.sun_family = AF_UNIX;
-    EXPECT_EQ(0, directory.queueOf(from, offsetof(sockaddr_un, sun_path)));
+    EXPECT_EQ(directory.queueOf(from, offsetof(sockaddr_un, sun_path)), 0);
 }
 
 TEST(QueueDirectory, TheRootDirectoryWorksToo)
@@ -217,21 +217,21 @@ TEST(QueueDirectory, TheRootDirectoryWorksToo)
     const TQueueDirectory directory("/");
     socklen_t length = 0;
     const sockaddr_un from = addressOf("/7", length);
-    EXPECT_EQ(7, directory.queueOf(from, length));
+    EXPECT_EQ(directory.queueOf(from, length), 7);
     const sockaddr_un twice = addressOf("//7", length);
-    EXPECT_EQ(0, directory.queueOf(twice, length));
+    EXPECT_EQ(directory.queueOf(twice, length), 0);
 }
 
 TEST(QueueDirectory, MakesWhatIsMissingWithItsModeWhateverTheUmask)
 {
     for (const mode_t mask : {0U, 022U, 077U, 0777U}) {
         const TTempDir dir;
-        ASSERT_EQ(0, ::chmod(dir.path().c_str(), 0711));
+        ASSERT_EQ(::chmod(dir.path().c_str(), 0711), 0);
         const TUmask umaskNow(mask);
         TQueueDirectory(dir / "a/b/c").create();
         for (const char* made : {"a", "a/b", "a/b/c"})
-            EXPECT_EQ(0770U, modeOf(dir / made)) << made << " under umask " << std::oct << mask;
-        EXPECT_EQ(0711U, modeOf(dir.path())) << "what was there keeps its mode";
+            EXPECT_EQ(modeOf(dir / made), 0770U) << made << " under umask " << std::oct << mask;
+        EXPECT_EQ(modeOf(dir.path()), 0711U) << "what was there keeps its mode";
         TQueueDirectory(dir / "a/b/c").create();
     }
 }
@@ -240,10 +240,10 @@ TEST(QueueDirectory, ALinkPutInThePlaceOfWhatWasMadeIsNotFollowed)
 {
     const TTempDir dir;
     const std::string other = dir / "other";
-    ASSERT_EQ(0, ::mkdir(other.c_str(), 0700));
+    ASSERT_EQ(::mkdir(other.c_str(), 0700), 0);
     const fake_system::TAfterMkdir swap([&](const char* made) {
-        ASSERT_EQ(0, ::rmdir(made));
-        ASSERT_EQ(0, ::symlink(other.c_str(), made));
+        ASSERT_EQ(::rmdir(made), 0);
+        ASSERT_EQ(::symlink(other.c_str(), made), 0);
     });
     try {
         TQueueDirectory(dir / "q").create();
@@ -251,17 +251,17 @@ TEST(QueueDirectory, ALinkPutInThePlaceOfWhatWasMadeIsNotFollowed)
     } catch (const std::runtime_error& error) {
         EXPECT_THAT(error.what(), HasSubstr("queue directory " + dir / "q"));
     }
-    EXPECT_EQ(0700U, modeOf(other));
+    EXPECT_EQ(modeOf(other), 0700U);
 }
 
 TEST(QueueDirectory, KeepsAnInheritedGroupBit)
 {
     const TTempDir dir;
-    ASSERT_EQ(0, ::chmod(dir.path().c_str(), 02750));
+    ASSERT_EQ(::chmod(dir.path().c_str(), 02750), 0);
     if (modeOf(dir.path()) != 02750U) GTEST_SKIP() << "this file system has no set-group-ID directories";
     TQueueDirectory(dir / "a/b").create();
-    EXPECT_EQ(02770U, modeOf(dir / "a"));
-    EXPECT_EQ(02770U, modeOf(dir / "a/b"));
+    EXPECT_EQ(modeOf(dir / "a"), 02770U);
+    EXPECT_EQ(modeOf(dir / "a/b"), 02770U);
 }
 
 TEST(QueueDirectory, SaysWhichPathCannotBeMade)

@@ -1,13 +1,12 @@
 // What a forked child finds of its parent's queue, whatever the parent's threads were doing.
-#include "framework/bundled/own_queue.h"
-
-#include "child_process.h"
-#include "queue_test.h"
-#include "raw_socket.h"
-#include "tests/support/waiting.h"
-
 #include <sys/resource.h>
 #include <thread>
+
+#include "framework/bundled/own_queue.h"
+#include "tests/framework/child_process.h"
+#include "tests/framework/queue_test.h"
+#include "tests/support/raw_socket.h"
+#include "tests/support/waiting.h"
 
 namespace {
 
@@ -50,9 +49,9 @@ protected:
     /// The child ends well, and record 7 is still there.
     void expectLeftToParent(TChildProcess& child)
     {
-        EXPECT_EQ(0, child.result(CHILD_PATIENCE));
-        EXPECT_EQ(32, look(msg_));
-        EXPECT_EQ(7U, msg_.tag);
+        EXPECT_EQ(child.result(CHILD_PATIENCE), 0);
+        EXPECT_EQ(look(msg_), 32);
+        EXPECT_EQ(msg_.tag, 7U);
     }
 
     bool sendRaw(std::uint32_t number, long to = 1001) const
@@ -83,10 +82,10 @@ TEST_F(QueueFork, AChildClosesWithoutWaitingForAThreadThatItDoesNotHave)
         queue.close();
         return queue.isOpen() ? 1 : 0;
     });
-    EXPECT_EQ(0, child.result(CHILD_PATIENCE));
+    EXPECT_EQ(child.result(CHILD_PATIENCE), 0);
     EXPECT_TRUE(sendRaw(5));
     receiver.join();
-    EXPECT_EQ(32, receiver.length) << "its parent goes on receiving";
+    EXPECT_EQ(receiver.length, 32) << "its parent goes on receiving";
     queue.close();
 }
 
@@ -104,12 +103,12 @@ TEST_F(QueueFork, AChildThatClosesWithoutADescriptorToSpareLeavesTheParentsSocke
         ::setrlimit(RLIMIT_NOFILE, &before);
         return send(1001) == 0 ? 0 : 4;
     });
-    EXPECT_EQ(0, child.result(CHILD_PATIENCE)) << log_.text();
-    EXPECT_EQ(64, receiveNext(msg_)) << "the queue lives";
-    EXPECT_EQ(0, msg_.sender) << "the child has no queue";
-    EXPECT_EQ(0, send(1001)) << "and sends";
-    EXPECT_EQ(64, receiveNext(msg_));
-    EXPECT_EQ(1001, msg_.sender);
+    EXPECT_EQ(child.result(CHILD_PATIENCE), 0) << log_.text();
+    EXPECT_EQ(receiveNext(msg_), 64) << "the queue lives";
+    EXPECT_EQ(msg_.sender, 0) << "the child has no queue";
+    EXPECT_EQ(send(1001), 0) << "and sends";
+    EXPECT_EQ(receiveNext(msg_), 64);
+    EXPECT_EQ(msg_.sender, 1001);
 }
 
 TEST_F(QueueFork, AChildMayHaveAQueueOfItsOwnAlthoughAThreadOfItsParentWasReceiving)
@@ -122,14 +121,14 @@ TEST_F(QueueFork, AChildMayHaveAQueueOfItsOwnAlthoughAThreadOfItsParentWasReceiv
         const TQuietProc own(1002);
         return takesAside(1002) ? 0 : 1;
     });
-    EXPECT_EQ(0, child.result(CHILD_PATIENCE)) << log_.text();
+    EXPECT_EQ(child.result(CHILD_PATIENCE), 0) << log_.text();
 }
 
 TEST_F(QueueFork, WhatItsParentHasTakenAsideIsNotHandledTwice)
 {
     const TQuietProc proc(1001);
     ASSERT_TRUE(sendRaw(7));
-    ASSERT_EQ(TOwnQueue::Drained::records, ownQueue.drain());
+    ASSERT_EQ(ownQueue.drain(), TOwnQueue::Drained::records);
     TChildProcess child([&] { return static_cast<int>(look(msg_)); });
     expectLeftToParent(child);
 }
@@ -149,7 +148,7 @@ TEST_F(QueueFork, AChildThatGoesOnReceivingTakesAsideWhatArrivesWhileItWaits)
         if (look(msg_) != 0) return 1;
         return takesAside(1001) ? 0 : 2;
     });
-    EXPECT_EQ(0, child.result(CHILD_PATIENCE));
+    EXPECT_EQ(child.result(CHILD_PATIENCE), 0);
 }
 
 } // namespace

@@ -1,19 +1,19 @@
 #include "framework/queue_room.h"
 
-#include "framework/bundled/own_queue.h"
-
-#include "child_process.h"
-#include "queue_test.h"
-#include "raw_socket.h"
-#include "tests/support/descriptor_limit.h"
-#include "tests/support/waiting.h"
-
 #include <fcntl.h>
 #include <filesystem>
 #include <limits>
 #include <poll.h>
 #include <type_traits>
 #include <utility>
+
+#include "framework/bundled/own_queue.h"
+#include "tests/framework/child_process.h"
+#include "tests/framework/queue_test.h"
+#include "tests/support/descriptor_limit.h"
+#include "tests/support/raw_socket.h"
+#include "tests/support/waiting.h"
+#include "tests/support/waiting_thread.h"
 
 namespace {
 
@@ -32,7 +32,7 @@ protected:
         long result = SEND_DONE;
         while ((result = send(address)) == SEND_DONE) {
         }
-        ASSERT_EQ(SEND_QUEUE_FULL, result);
+        ASSERT_EQ(result, SEND_QUEUE_FULL);
     }
 
     /// @return it is reported as writable, within so many milliseconds
@@ -62,7 +62,7 @@ TEST_F(QueueRoom, IsReportedAsSoonAsAFullQueueHasSome)
     EXPECT_FALSE(isReported(room_.watch(2001))) << "looked anew";
     (void)peer.receive();
     EXPECT_TRUE(isReported(room_.fd()));
-    EXPECT_EQ(SEND_DONE, send(2001));
+    EXPECT_EQ(send(2001), SEND_DONE);
     EXPECT_FALSE(isReported(room_.fd())) << "full again";
 }
 
@@ -71,8 +71,9 @@ TEST_F(QueueRoom, WakesWhoeverWaits)
     const TRawSocket peer(pathOf(2001));
     fill(2001);
     const int fd = room_.watch(2001);
+    const WaitingThread waiting;
     std::thread reader([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_TRUE(waiting.untilAsleep());
         (void)peer.receive();
     });
     EXPECT_TRUE(willBeReported(fd));
@@ -94,7 +95,7 @@ TEST_F(QueueRoom, TheOwnersEndIsReportedToo)
     EXPECT_FALSE(isReported(fd));
     owner.kill();
     EXPECT_TRUE(willBeReported(fd));
-    EXPECT_EQ(SEND_FAILED, send(2001));
+    EXPECT_EQ(send(2001), SEND_FAILED);
 }
 
 TEST_F(QueueRoom, AnOwnerThatClosesItsQueueAndLivesOnIsReported)
@@ -116,9 +117,9 @@ TEST_F(QueueRoom, AnOwnerThatClosesItsQueueAndLivesOnIsReported)
     const int fd = room_.watch(2001);
     full.pass();
     EXPECT_TRUE(willBeReported(fd));
-    EXPECT_EQ(SEND_FAILED, send(2001));
+    EXPECT_EQ(send(2001), SEND_FAILED);
     end.pass();
-    EXPECT_EQ(0, owner.result());
+    EXPECT_EQ(owner.result(), 0);
 }
 
 TEST_F(QueueRoom, ThereIsNoneToWatchWithoutAQueue)
@@ -129,12 +130,12 @@ TEST_F(QueueRoom, ThereIsNoneToWatchWithoutAQueue)
     const TRawSocket peer(pathOf(2003));
     const auto before = openDescriptors();
     for (const long address : {2001L, 2002L, 0L, -1L, std::numeric_limits<long>::max()}) {
-        EXPECT_EQ(-1, room_.watch(address)) << address;
-        EXPECT_EQ(-1, room_.fd()) << address;
-        EXPECT_EQ(before, openDescriptors()) << address;
+        EXPECT_EQ(room_.watch(address), -1) << address;
+        EXPECT_EQ(room_.fd(), -1) << address;
+        EXPECT_EQ(openDescriptors(), before) << address;
         ASSERT_LE(0, room_.watch(2003));
-        EXPECT_EQ(-1, room_.watch(address)) << address << ", after one that there is";
-        EXPECT_EQ(before, openDescriptors()) << address;
+        EXPECT_EQ(room_.watch(address), -1) << address << ", after one that there is";
+        EXPECT_EQ(openDescriptors(), before) << address;
     }
 }
 
@@ -144,7 +145,7 @@ TEST_F(QueueRoom, WithoutADescriptorToSpareThereIsNone)
     {
         const DescriptorLimit none(0);
         ASSERT_TRUE(none.isSet());
-        EXPECT_EQ(-1, room_.watch(2001));
+        EXPECT_EQ(room_.watch(2001), -1);
     }
     EXPECT_LE(0, room_.watch(2001));
 }
@@ -158,13 +159,13 @@ TEST_F(QueueRoom, WatchedAgainItKeepsItsNumberAndLooksAtWhoeverHasTheAddressNow)
         fill(2001);
         fd = room_.watch(2001);
     }
-    ASSERT_EQ(0, ::unlink(pathOf(2001).c_str()));
+    ASSERT_EQ(::unlink(pathOf(2001).c_str()), 0);
     const TRawSocket second(pathOf(2001));
     fill(2001);
     EXPECT_TRUE(isReported(fd)) << "the first one is gone";
-    EXPECT_EQ(fd, room_.watch(2001));
+    EXPECT_EQ(room_.watch(2001), fd);
     EXPECT_FALSE(isReported(fd)) << "the second one is full";
-    EXPECT_EQ(fd, room_.watch(2002));
+    EXPECT_EQ(room_.watch(2002), fd);
     EXPECT_TRUE(isReported(fd)) << "another queue";
 }
 
@@ -175,19 +176,19 @@ TEST_F(QueueRoom, ItsDescriptorIsNotPassedOnAndClosedAtTheEnd)
     {
         TQueueRoom room;
         const int fd = room.watch(2001);
-        EXPECT_EQ(fd, room.fd());
-        EXPECT_EQ(FD_CLOEXEC, ::fcntl(fd, F_GETFD));
-        EXPECT_NE(0, ::fcntl(fd, F_GETFL) & O_NONBLOCK);
-        EXPECT_EQ(before + 1, openDescriptors());
+        EXPECT_EQ(room.fd(), fd);
+        EXPECT_EQ(::fcntl(fd, F_GETFD), FD_CLOEXEC);
+        EXPECT_NE(::fcntl(fd, F_GETFL) & O_NONBLOCK, 0);
+        EXPECT_EQ(openDescriptors(), before + 1);
         TQueueRoom moved(std::move(room));
-        EXPECT_EQ(fd, moved.fd());
+        EXPECT_EQ(moved.fd(), fd);
         room_ = std::move(moved);
     }
-    EXPECT_EQ(before + 1, openDescriptors());
+    EXPECT_EQ(openDescriptors(), before + 1);
     EXPECT_TRUE(isReported(room_.fd()));
     room_.stop();
-    EXPECT_EQ(before, openDescriptors());
-    EXPECT_EQ(-1, room_.fd());
+    EXPECT_EQ(openDescriptors(), before);
+    EXPECT_EQ(room_.fd(), -1);
     room_.stop();
 }
 
@@ -195,13 +196,13 @@ TEST_F(QueueRoom, TheReportIsWrongWhereTheOwnSendBufferIsUsedUp)
 {
     const TQuietProc proc(1001);
     const int small = 20'000;
-    ASSERT_EQ(0, ::setsockopt(ownQueue.socket(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small));
+    ASSERT_EQ(::setsockopt(ownQueue.socket(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small), 0);
     const TRawSocket stuck(pathOf(2001));
     const TRawSocket healthy(pathOf(3001));
     TOrbAttachmentMsg msg = numbered(1);
     while (g_qMgr.sendMsg(2001, &msg, 8192, false) == SEND_DONE) {
     }
-    EXPECT_EQ(SEND_QUEUE_FULL, g_qMgr.sendMsg(3001, &msg, 8192, false));
+    EXPECT_EQ(g_qMgr.sendMsg(3001, &msg, 8192, false), SEND_QUEUE_FULL);
     EXPECT_TRUE(isReported(room_.watch(3001))) << "as the header says: pause";
 }
 
@@ -215,7 +216,7 @@ TEST_F(QueueRoom, AForkedChildHasItsOwnCopy)
         room_.stop();
         return 0;
     });
-    EXPECT_EQ(0, child.result());
+    EXPECT_EQ(child.result(), 0);
     EXPECT_FALSE(isReported(fd));
     (void)peer.receive();
     EXPECT_TRUE(isReported(fd));

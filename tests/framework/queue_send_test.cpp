@@ -1,13 +1,3 @@
-#include "framework/bundled/own_queue.h"
-
-#include "child_process.h"
-#include "fake_system.h"
-#include "queue_test.h"
-#include "raw_socket.h"
-#include "signal_counter.h"
-#include "tests/support/allocation_count.h"
-#include "tests/support/waiting.h"
-
 #include <algorithm>
 #include <atomic>
 #include <csignal>
@@ -17,6 +7,16 @@
 #include <thread>
 #include <type_traits>
 #include <vector>
+
+#include "framework/bundled/own_queue.h"
+#include "tests/framework/child_process.h"
+#include "tests/framework/fake_system.h"
+#include "tests/framework/queue_test.h"
+#include "tests/framework/signal_counter.h"
+#include "tests/support/allocation_count.h"
+#include "tests/support/raw_socket.h"
+#include "tests/support/waiting.h"
+#include "tests/support/waiting_thread.h"
 
 namespace {
 
@@ -43,7 +43,7 @@ protected:
         long result = SEND_DONE;
         while (taken < 100'000 && (result = send(address, taken, length)) == SEND_DONE)
             ++taken;
-        EXPECT_EQ(SEND_QUEUE_FULL, result);
+        EXPECT_EQ(result, SEND_QUEUE_FULL);
         return taken;
     }
 
@@ -60,8 +60,8 @@ TEST_F(QueueSend, PutsTheRecordIntoTheDestinationsQueue)
     const TQuietProc proc(1001);
     const TRawSocket peer(pathOf(2001));
     TOrbAttachmentMsg msg = numbered(77, 'x');
-    EXPECT_EQ(0, g_qMgr.sendMsg(2001, &msg, 100, false));
-    EXPECT_EQ(std::string(reinterpret_cast<const char*>(&msg), 100), peer.receive());
+    EXPECT_EQ(g_qMgr.sendMsg(2001, &msg, 100, false), 0);
+    EXPECT_EQ(peer.receive(), std::string(reinterpret_cast<const char*>(&msg), 100));
 }
 
 TEST_F(QueueSend, ClampsTheLengthAboveARecordAndRefusesLessThanItsHeader)
@@ -74,12 +74,12 @@ TEST_F(QueueSend, ClampsTheLengthAboveARecordAndRefusesLessThanItsHeader)
     } cases[] = {{16, 16}, {8191, 8191}, {8192, 8192}, {8193, 8192}, {2147483647, 8192}, {15, 0}, {0, 0}, {-1, 0}};
     for (const auto& c : cases) {
         TOrbAttachmentMsg msg = numbered(1);
-        EXPECT_EQ(c.sent == 0, g_qMgr.sendMsg(2001, &msg, c.length, false) != 0) << c.length;
+        EXPECT_EQ(g_qMgr.sendMsg(2001, &msg, c.length, false) != 0, c.sent == 0) << c.length;
         const std::string there = peer.receiveNow();
         if (c.sent == 0) {
-            EXPECT_EQ("<nothing there>", there) << c.length;
+            EXPECT_EQ(there, "<nothing there>") << c.length;
         } else {
-            EXPECT_EQ(static_cast<std::size_t>(c.sent), there.size()) << c.length;
+            EXPECT_EQ(there.size(), static_cast<std::size_t>(c.sent)) << c.length;
         }
     }
 }
@@ -99,14 +99,14 @@ TEST_F(QueueSend, CarriesTheAddressOfTheOpenQueueAndNoneWithoutOne)
     ASSERT_TRUE(ready.await());
     {
         const TQuietProc sendsOnly(1001, false);
-        EXPECT_EQ(0, send(2001, 0));
+        EXPECT_EQ(send(2001, 0), 0);
     }
     {
         const TQuietProc proc(1001);
-        EXPECT_EQ(0, send(2001, 1));
+        EXPECT_EQ(send(2001, 1), 0);
     }
-    EXPECT_EQ(0, send(2001, 2));
-    EXPECT_EQ(0, receiver.result());
+    EXPECT_EQ(send(2001, 2), 0);
+    EXPECT_EQ(receiver.result(), 0);
 }
 
 TEST_F(QueueSend, FailsAtOnceWithoutADestination)
@@ -117,22 +117,22 @@ TEST_F(QueueSend, FailsAtOnceWithoutADestination)
     }
     const unsigned before = fake_system::pollCount();
     for (const bool wait : {false, true}) {
-        EXPECT_EQ(SEND_FAILED, send(2001, 1, 64, wait)) << "no such queue";
-        EXPECT_EQ(SEND_FAILED, send(2002, 1, 64, wait)) << "its owner is gone";
-        EXPECT_EQ(SEND_FAILED, send(2001, 1, 15, wait)) << "no record";
-        EXPECT_EQ(SEND_FAILED, send(0, 1, 64, wait));
-        EXPECT_EQ(SEND_FAILED, send(-1, 1, 64, wait));
-        EXPECT_EQ(SEND_FAILED, send(std::numeric_limits<long>::max(), 1, 64, wait))
+        EXPECT_EQ(send(2001, 1, 64, wait), SEND_FAILED) << "no such queue";
+        EXPECT_EQ(send(2002, 1, 64, wait), SEND_FAILED) << "its owner is gone";
+        EXPECT_EQ(send(2001, 1, 15, wait), SEND_FAILED) << "no record";
+        EXPECT_EQ(send(0, 1, 64, wait), SEND_FAILED);
+        EXPECT_EQ(send(-1, 1, 64, wait), SEND_FAILED);
+        EXPECT_EQ(send(std::numeric_limits<long>::max(), 1, 64, wait), SEND_FAILED)
             << "2147483647 where long has 32 bits: no such queue";
     }
-    EXPECT_EQ(before, fake_system::pollCount()) << "it has waited";
+    EXPECT_EQ(fake_system::pollCount(), before) << "it has waited";
 }
 
 TEST_F(QueueSend, FailsWhenTheDestinationsPathIsTooLong)
 {
     ::setenv("TESS_QUEUE_DIR", (dir_ / std::string(100, 'd')).c_str(), 1);
     const TQuietProc proc(1001, false);
-    EXPECT_EQ(SEND_FAILED, send(2001, 1));
+    EXPECT_EQ(send(2001, 1), SEND_FAILED);
 }
 
 TEST_F(QueueSend, WithoutWaitingAFullQueueIsToldAtOnceAndNothingIsTakenAside)
@@ -142,20 +142,20 @@ TEST_F(QueueSend, WithoutWaitingAFullQueueIsToldAtOnceAndNothingIsTakenAside)
     const unsigned before = fake_system::pollCount();
     const std::uint32_t taken = fill(2001);
     EXPECT_GE(taken, 1U);
-    ASSERT_EQ(SEND_DONE, send(1001, 77)) << "something arrives meanwhile";
+    ASSERT_EQ(send(1001, 77), SEND_DONE) << "something arrives meanwhile";
     for (int i = 0; i < 100; ++i)
-        EXPECT_EQ(SEND_QUEUE_FULL, send(2001, 1));
+        EXPECT_EQ(send(2001, 1), SEND_QUEUE_FULL);
     char byte = 0;
-    EXPECT_EQ(1, ::recv(ownQueue.socket(), &byte, 1, MSG_PEEK | MSG_DONTWAIT)) << "it is where it was";
+    EXPECT_EQ(::recv(ownQueue.socket(), &byte, 1, MSG_PEEK | MSG_DONTWAIT), 1) << "it is where it was";
 
-    EXPECT_EQ(0U, tagOf(stuck.receiveNow()));
-    EXPECT_EQ(SEND_DONE, send(2001, taken)) << "it has room again";
-    EXPECT_EQ(SEND_QUEUE_FULL, send(2001, 1)) << "full anew";
-    EXPECT_EQ(before, fake_system::pollCount()) << "it has waited";
+    EXPECT_EQ(tagOf(stuck.receiveNow()), 0U);
+    EXPECT_EQ(send(2001, taken), SEND_DONE) << "it has room again";
+    EXPECT_EQ(send(2001, 1), SEND_QUEUE_FULL) << "full anew";
+    EXPECT_EQ(fake_system::pollCount(), before) << "it has waited";
 
     for (std::uint32_t i = 1; i <= taken; ++i)
-        EXPECT_EQ(i, tagOf(stuck.receive()));
-    EXPECT_EQ("<nothing there>", stuck.receiveNow()) << "a record that was refused did arrive";
+        EXPECT_EQ(tagOf(stuck.receive()), i);
+    EXPECT_EQ(stuck.receiveNow(), "<nothing there>") << "a record that was refused did arrive";
 }
 
 TEST_F(QueueSend, AFullQueueHoldsUpNoOther)
@@ -169,9 +169,9 @@ TEST_F(QueueSend, AFullQueueHoldsUpNoOther)
     const TRawSocket healthy(pathOf(3001));
     for (std::uint32_t i = 0; i < 200; ++i) {
         for (long address = 2001; address <= 2008; ++address)
-            EXPECT_EQ(SEND_QUEUE_FULL, send(address, i));
-        ASSERT_EQ(SEND_DONE, send(3001, i));
-        EXPECT_EQ(i, tagOf(healthy.receive()));
+            EXPECT_EQ(send(address, i), SEND_QUEUE_FULL);
+        ASSERT_EQ(send(3001, i), SEND_DONE);
+        EXPECT_EQ(tagOf(healthy.receive()), i);
     }
 }
 
@@ -182,11 +182,11 @@ TEST_F(QueueSend, ANewOwnerOfAFullQueuesAddressIsSentTo)
         const TRawSocket stuck(pathOf(2001));
         (void)fill(2001);
     }
-    EXPECT_EQ(SEND_FAILED, send(2001, 1)) << "its owner is gone";
-    ASSERT_EQ(0, ::unlink(pathOf(2001).c_str()));
+    EXPECT_EQ(send(2001, 1), SEND_FAILED) << "its owner is gone";
+    ASSERT_EQ(::unlink(pathOf(2001).c_str()), 0);
     const TRawSocket next(pathOf(2001));
-    EXPECT_EQ(SEND_DONE, send(2001, 2));
-    EXPECT_EQ(2U, tagOf(next.receive()));
+    EXPECT_EQ(send(2001, 2), SEND_DONE);
+    EXPECT_EQ(tagOf(next.receive()), 2U);
 }
 
 TEST_F(QueueSend, EnoughFullQueuesOfFullRecordsLeaveTheSendBufferWithRoom)
@@ -201,32 +201,33 @@ TEST_F(QueueSend, EnoughFullQueuesOfFullRecordsLeaveTheSendBufferWithRoom)
         (void)fill(address, MSG_RECORD_BYTES);
     }
     const TRawSocket healthy(pathOf(3001));
-    EXPECT_EQ(0, send(3001, 1, MSG_RECORD_BYTES));
+    EXPECT_EQ(send(3001, 1, MSG_RECORD_BYTES), 0);
 }
 
 TEST_F(QueueSend, AUsedUpSendBufferIsWaitedForWithoutSpinning)
 {
     const TQuietProc proc(1001);
     const int small = 20'000;
-    ASSERT_EQ(0, ::setsockopt(ownQueue.socket(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small));
+    ASSERT_EQ(::setsockopt(ownQueue.socket(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small), 0);
     const TRawSocket stuck(pathOf(2001));
     const TRawSocket healthy(pathOf(3001));
     ASSERT_LT(fill(2001, MSG_RECORD_BYTES), 10U) << "the buffer was to be used up before the queue is";
 
-    EXPECT_EQ(SEND_QUEUE_FULL, send(3001, 1, MSG_RECORD_BYTES)) << "whose queue it is cannot be told";
+    EXPECT_EQ(send(3001, 1, MSG_RECORD_BYTES), SEND_QUEUE_FULL) << "whose queue it is cannot be told";
 
     std::thread reader([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(PATIENCE_MS));
         while (stuck.receiveNow() != "<nothing there>") {
         }
     });
-    const TStopwatch watch;
+    const Stopwatch watch;
     const unsigned before = fake_system::pollCount();
-    EXPECT_EQ(0, send(3001, 2, MSG_RECORD_BYTES, true)) << "there is room again";
-    const long pauses = watch.milliseconds() + 4; // none is shorter, but for the first reports, which were believed
+    EXPECT_EQ(send(3001, 2, MSG_RECORD_BYTES, true), 0) << "there is room again";
+    const long pauses =
+        static_cast<long>(watch.ms()) + 4; // none is shorter, but for the first reports, which were believed
     EXPECT_LE(static_cast<long>(fake_system::pollCount() - before), pauses);
     reader.join();
-    EXPECT_EQ(2U, tagOf(healthy.receive()));
+    EXPECT_EQ(tagOf(healthy.receive()), 2U);
 }
 
 TEST_F(QueueSend, AnUnboundedWaitEndsWhenThereIsRoom)
@@ -240,11 +241,11 @@ TEST_F(QueueSend, AnUnboundedWaitEndsWhenThereIsRoom)
         read = true;
         (void)peer.receiveNow();
     });
-    EXPECT_EQ(SEND_DONE, send(2001, taken, 64, true));
+    EXPECT_EQ(send(2001, taken, 64, true), SEND_DONE);
     EXPECT_TRUE(read) << "before there was room";
     reader.join();
     for (std::uint32_t i = 1; i <= taken; ++i)
-        EXPECT_EQ(i, tagOf(peer.receive()));
+        EXPECT_EQ(tagOf(peer.receive()), i);
 }
 
 TEST_F(QueueSend, ASignalDoesNotEndTheWait)
@@ -261,7 +262,7 @@ TEST_F(QueueSend, ASignalDoesNotEndTheWait)
         }
         (void)peer.receiveNow();
     });
-    EXPECT_EQ(SEND_DONE, send(2001, 1, 64, true));
+    EXPECT_EQ(send(2001, 1, 64, true), SEND_DONE);
     EXPECT_GE(signals.count(), 10) << "before there was room";
     disturbing.join();
 }
@@ -278,11 +279,12 @@ TEST_F(QueueSend, AnUnboundedWaitEndsWhenTheOwnerIsKilled)
     ASSERT_TRUE(opened.await());
     const TQuietProc proc(1001);
     (void)fill(2001);
+    const WaitingThread sender;
     std::thread killer([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        EXPECT_TRUE(sender.untilAsleep());
         owner.kill();
     });
-    EXPECT_EQ(SEND_FAILED, send(2001, 1, 64, true));
+    EXPECT_EQ(send(2001, 1, 64, true), SEND_FAILED);
     EXPECT_GT(fake_system::lastPoll(), 0) << "found out by the clock";
     killer.join();
 }
@@ -292,12 +294,13 @@ TEST_F(QueueSend, AnUnboundedWaitEndsWhenTheOwnerClosesItsQueueAndLivesOn)
     TSignpost opened;
     TSignpost full;
     TSignpost end;
+    const WaitingThread sender;
     TChildProcess owner([&] {
         {
             const TQuietProc proc(2001);
             opened.pass();
             (void)full.await();
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            if (!sender.untilAsleep()) return 1;
         }
         (void)end.await();
         return 0;
@@ -306,10 +309,10 @@ TEST_F(QueueSend, AnUnboundedWaitEndsWhenTheOwnerClosesItsQueueAndLivesOn)
     const TQuietProc proc(1001);
     (void)fill(2001);
     full.pass();
-    EXPECT_EQ(SEND_FAILED, send(2001, 1, 64, true));
+    EXPECT_EQ(send(2001, 1, 64, true), SEND_FAILED);
     EXPECT_GT(fake_system::lastPoll(), 0) << "found out by the clock";
     end.pass();
-    EXPECT_EQ(0, owner.result());
+    EXPECT_EQ(owner.result(), 0);
 }
 
 TEST_F(QueueSend, ABurstToAProcessThatAnswersEachArrivesWholeAndSoDoTheAnswers)
@@ -329,14 +332,14 @@ TEST_F(QueueSend, ABurstToAProcessThatAnswersEachArrivesWholeAndSoDoTheAnswers)
     ASSERT_TRUE(ready.await());
     const TQuietProc proc(1001);
     for (std::uint32_t i = 0; i < BURST; ++i)
-        ASSERT_EQ(0, send(2001, i, 64, true)) << "command " << i;
+        ASSERT_EQ(send(2001, i, 64, true), 0) << "command " << i;
     TOrbAttachmentMsg msg{};
     for (std::uint32_t i = 0; i < BURST; ++i) {
-        ASSERT_EQ(64, receiveNext(msg)) << "answer " << i;
-        ASSERT_EQ(i, msg.tag);
-        ASSERT_EQ(2001, msg.sender);
+        ASSERT_EQ(receiveNext(msg), 64) << "answer " << i;
+        ASSERT_EQ(msg.tag, i);
+        ASSERT_EQ(msg.sender, 2001);
     }
-    EXPECT_EQ(0, answering.result());
+    EXPECT_EQ(answering.result(), 0);
 }
 
 TEST_F(QueueSend, ABurstToAPeerThatBlocksInItsAnswersArrivesWhole)
@@ -362,13 +365,13 @@ TEST_F(QueueSend, ABurstToAPeerThatBlocksInItsAnswersArrivesWhole)
     opened.pass();
     ASSERT_TRUE(ready.await());
     for (std::uint32_t i = 0; i < BURST; ++i)
-        ASSERT_EQ(0, send(2001, i, 64, true)) << "command " << i;
+        ASSERT_EQ(send(2001, i, 64, true), 0) << "command " << i;
     TOrbAttachmentMsg msg{};
     for (std::uint32_t i = 0; i < BURST * ANSWERS; ++i) {
-        ASSERT_EQ(64, receiveNext(msg)) << "answer " << i;
-        ASSERT_EQ(i, msg.tag);
+        ASSERT_EQ(receiveNext(msg), 64) << "answer " << i;
+        ASSERT_EQ(msg.tag, i);
     }
-    EXPECT_EQ(0, answering.result());
+    EXPECT_EQ(answering.result(), 0);
 }
 
 /// Sends `count` records without looking at what comes, and then takes as many.
@@ -398,8 +401,8 @@ TEST_F(QueueSend, TwoProcessesThatFillEachOthersQueuesDoNotLockUp)
     ASSERT_TRUE(opened.await());
     const TQuietProc proc(1001);
     start.pass();
-    EXPECT_EQ(0, sendThenReceive(2001, 3000));
-    EXPECT_EQ(0, other.result());
+    EXPECT_EQ(sendThenReceive(2001, 3000), 0);
+    EXPECT_EQ(other.result(), 0);
 }
 
 TEST_F(QueueSend, OneThreadMayWaitInGetMsgWhileAnotherSendsABurst)
@@ -431,8 +434,8 @@ TEST_F(QueueSend, OneThreadMayWaitInGetMsgWhileAnotherSendsABurst)
         }
     }
     sender.join();
-    EXPECT_EQ(0U, refused);
-    EXPECT_EQ(0, answering.result());
+    EXPECT_EQ(refused, 0U);
+    EXPECT_EQ(answering.result(), 0);
 }
 
 TEST_F(QueueSend, TwoThreadsMayWaitAtOnce)
@@ -459,32 +462,32 @@ TEST_F(QueueSend, TwoThreadsMayWaitAtOnce)
     std::thread other(sendMany, 1);
     sendMany(0);
     other.join();
-    EXPECT_EQ(0U, refused);
-    EXPECT_EQ(0, reader.result());
+    EXPECT_EQ(refused, 0U);
+    EXPECT_EQ(reader.result(), 0);
 }
 
 TEST_F(QueueSend, AProcessMaySendToItselfAsMuchAsItsBacklogHolds)
 {
     const TQuietProc proc(1001);
     std::uint32_t sent = 0;
-    TStopwatch watch;
+    Stopwatch watch;
     while (sent < 100'000 && send(1001, sent, MSG_RECORD_BYTES, true) == SEND_DONE) {
         ++sent;
-        watch = TStopwatch();
+        watch = Stopwatch();
     }
     ASSERT_LT(sent, 100'000U) << "there has to be an end";
     EXPECT_GT(sent, 1500U);
-    EXPECT_GE(watch.milliseconds(), PATIENCE_MS);
-    EXPECT_EQ(SEND_QUEUE_FULL, send(1001, sent, MSG_RECORD_BYTES, true)) << "a wait without progress ends";
+    EXPECT_GE(watch.ms(), PATIENCE_MS);
+    EXPECT_EQ(send(1001, sent, MSG_RECORD_BYTES, true), SEND_QUEUE_FULL) << "a wait without progress ends";
 
     TOrbAttachmentMsg msg{};
     for (std::uint32_t i = 0; i < sent; ++i) {
-        ASSERT_EQ(8192, g_qMgr.getMsg(&msg, MSG_QUEUE_ALL, false));
-        ASSERT_EQ(i, msg.tag);
-        ASSERT_EQ(1001, msg.sender);
+        ASSERT_EQ(g_qMgr.getMsg(&msg, MSG_QUEUE_ALL, false), 8192);
+        ASSERT_EQ(msg.tag, i);
+        ASSERT_EQ(msg.sender, 1001);
     }
-    EXPECT_EQ(0, g_qMgr.getMsg(&msg, MSG_QUEUE_ALL, false));
-    EXPECT_EQ(0, send(1001, 1)) << "room again";
+    EXPECT_EQ(g_qMgr.getMsg(&msg, MSG_QUEUE_ALL, false), 0);
+    EXPECT_EQ(send(1001, 1), 0) << "room again";
 }
 
 TEST_F(QueueSend, SendingAndReceivingAllocateOnlyForWhatIsTakenAsideWhileACallWaits)
@@ -500,13 +503,13 @@ TEST_F(QueueSend, SendingAndReceivingAllocateOnlyForWhatIsTakenAsideWhileACallWa
         failed += g_qMgr.sendMsg(2001, &msg, 8192, false) != 0 ? 0 : 1; // no such queue
         failed += g_qMgr.getMsg(&msg, MSG_QUEUE_ALL, false);
     }
-    EXPECT_EQ(before, allocationCount());
-    EXPECT_EQ(mallocsBefore, fake_system::mallocCount());
-    EXPECT_EQ(0, failed);
+    EXPECT_EQ(allocationCount(), before);
+    EXPECT_EQ(fake_system::mallocCount(), mallocsBefore);
+    EXPECT_EQ(failed, 0);
 
-    ASSERT_EQ(0, g_qMgr.sendMsg(1001, &msg, 16, false));
-    ASSERT_EQ(TOwnQueue::Drained::records, ownQueue.drain());
-    EXPECT_EQ(before, allocationCount());
+    ASSERT_EQ(g_qMgr.sendMsg(1001, &msg, 16, false), 0);
+    ASSERT_EQ(ownQueue.drain(), TOwnQueue::Drained::records);
+    EXPECT_EQ(allocationCount(), before);
     EXPECT_LT(mallocsBefore, fake_system::mallocCount());
 }
 
@@ -515,8 +518,8 @@ TEST_F(QueueSend, ADeadDestinationRaisesNoSignal)
     const auto before = std::signal(SIGPIPE, SIG_DFL);
     const TQuietProc proc(1001);
     const TRawSocket peer(pathOf(2001));
-    ASSERT_EQ(0, ::shutdown(peer.fd(), SHUT_RD));
-    EXPECT_NE(0, send(2001, 1)); // EPIPE, and this process lives on
+    ASSERT_EQ(::shutdown(peer.fd(), SHUT_RD), 0);
+    EXPECT_NE(send(2001, 1), 0); // EPIPE, and this process lives on
     std::signal(SIGPIPE, before);
 }
 
@@ -539,7 +542,7 @@ TEST_F(QueueSend, ThreadsMaySendWhileTheQueueIsClosedAndOpened)
     done = true;
     sender.join();
     reader.join();
-    EXPECT_NE(0, send(1001, 1)) << "closed";
+    EXPECT_NE(send(1001, 1), 0) << "closed";
 }
 
 } // namespace

@@ -1,10 +1,11 @@
 #include "framework/sleep.h"
-#include "signal_counter.h"
 
 #include <chrono>
 #include <csignal>
 #include <gtest/gtest.h>
 #include <sys/time.h>
+
+#include "tests/framework/signal_counter.h"
 
 namespace {
 
@@ -34,7 +35,7 @@ TEST(Sleep, GoesOnAfterSignals)
     const TSignalCounter alarms(SIGALRM);
     itimerval every20ms{};
     every20ms.it_interval.tv_usec = every20ms.it_value.tv_usec = 20'000;
-    ASSERT_EQ(0, ::setitimer(ITIMER_REAL, &every20ms, nullptr));
+    ASSERT_EQ(::setitimer(ITIMER_REAL, &every20ms, nullptr), 0);
     const long took = millisecondsOf(300);
     const itimerval off{};
     ::setitimer(ITIMER_REAL, &off, nullptr);

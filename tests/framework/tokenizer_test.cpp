@@ -47,9 +47,9 @@ TEST(Tokenizer, TokensPointIntoTheText)
     const std::string_view text = "12|34";
     std::vector<std::string_view> tokens;
     stringTokenizer(text, tokens, "|");
-    ASSERT_EQ(2U, tokens.size());
-    EXPECT_EQ(text.data(), tokens[0].data());
-    EXPECT_EQ(text.data() + 3, tokens[1].data());
+    ASSERT_EQ(tokens.size(), 2U);
+    EXPECT_EQ(tokens[0].data(), text.data());
+    EXPECT_EQ(tokens[1].data(), text.data() + 3);
 }
 
 TEST(Tokenizer, AllocatesNothingWhileTheCapacitySuffices)
@@ -61,9 +61,9 @@ TEST(Tokenizer, AllocatesNothingWhileTheCapacitySuffices)
     const auto* const tokensAt = tokens.data();
     const auto* const numbersAt = numbers.data();
     stringTokenizer("1|2|3", tokens, "|");
-    EXPECT_EQ(0, intTokenizer("1|2|3", numbers, "|"));
-    EXPECT_EQ(tokensAt, tokens.data());
-    EXPECT_EQ(numbersAt, numbers.data());
+    EXPECT_EQ(intTokenizer("1|2|3", numbers, "|"), 0);
+    EXPECT_EQ(tokens.data(), tokensAt);
+    EXPECT_EQ(numbers.data(), numbersAt);
 }
 
 struct NumbersCase {
@@ -102,7 +102,7 @@ TEST(Tokenizer, ReadsDecimalNumbersOfDigitsOnly)
     for (const NumbersCase& c : cases) {
         std::vector<int> numbers{99};
         const int result = intTokenizer(c.text, numbers, ":");
-        EXPECT_EQ(c.accepted, result == 0) << c.what;
+        EXPECT_EQ(result == 0, c.accepted) << c.what;
         if (c.accepted) {
             EXPECT_THAT(numbers, ElementsAreArray(c.numbers)) << c.what;
         }

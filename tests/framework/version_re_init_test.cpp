@@ -1,11 +1,5 @@
 #include "framework/version_re_init.h"
 
-#include "child_process.h"
-#include "fake_system.h"
-#include "signal_counter.h"
-#include "temp_dir.h"
-#include "tests/support/waiting.h"
-
 #include <cinttypes>
 #include <csignal>
 #include <cstdio>
@@ -18,6 +12,12 @@
 #include <thread>
 #include <unistd.h>
 
+#include "tests/framework/child_process.h"
+#include "tests/framework/fake_system.h"
+#include "tests/framework/signal_counter.h"
+#include "tests/support/temp_dir.h"
+#include "tests/support/waiting.h"
+
 namespace {
 
 class VersionReInit : public testing::Test {
@@ -29,8 +29,8 @@ protected:
     {
         const std::string path = dir_ / "program";
         std::ofstream(path) << content;
-        ASSERT_EQ(0, ::chmod(path.c_str(), 0755));
-        ASSERT_EQ(0, ::setenv("TESS_REINIT", path.c_str(), 1));
+        ASSERT_EQ(::chmod(path.c_str(), 0755), 0);
+        ASSERT_EQ(::setenv("TESS_REINIT", path.c_str(), 1), 0);
     }
 
     std::string contentOf(const std::string& name) const
@@ -45,76 +45,76 @@ protected:
 TEST_F(VersionReInit, IsDoneWhenTheProgramExitsWithZero)
 {
     choose("#!/bin/sh\nexit 0\n");
-    EXPECT_EQ(0, versionReInit());
+    EXPECT_EQ(versionReInit(), 0);
 }
 
 TEST_F(VersionReInit, FailsWhenTheProgramFails)
 {
     choose("#!/bin/sh\nexit 3\n");
-    EXPECT_NE(0, versionReInit());
+    EXPECT_NE(versionReInit(), 0);
 }
 
 TEST_F(VersionReInit, FailsWhenTheProgramIsKilled)
 {
     choose("#!/bin/sh\nkill -9 $$\n");
-    EXPECT_NE(0, versionReInit());
+    EXPECT_NE(versionReInit(), 0);
 }
 
 TEST_F(VersionReInit, FailsWhenThereIsNoSuchProgram)
 {
     ::setenv("TESS_REINIT", (dir_ / "missing").c_str(), 1);
-    EXPECT_NE(0, versionReInit());
+    EXPECT_NE(versionReInit(), 0);
 }
 
 TEST_F(VersionReInit, FailsForADirectory)
 {
     ::setenv("TESS_REINIT", dir_.path().c_str(), 1);
-    EXPECT_NE(0, versionReInit());
+    EXPECT_NE(versionReInit(), 0);
 }
 
 TEST_F(VersionReInit, FailsForAScriptThatNamesNoInterpreter)
 {
     choose("exit 0\n");
-    EXPECT_NE(0, versionReInit());
+    EXPECT_NE(versionReInit(), 0);
 }
 
 TEST_F(VersionReInit, FailsForAFileThatMayNotBeExecuted)
 {
     choose("#!/bin/sh\nexit 0\n");
-    ASSERT_EQ(0, ::chmod((dir_ / "program").c_str(), 0644));
-    EXPECT_NE(0, versionReInit());
+    ASSERT_EQ(::chmod((dir_ / "program").c_str(), 0644), 0);
+    EXPECT_NE(versionReInit(), 0);
 }
 
 TEST_F(VersionReInit, AnEmptyVariableMeansTheUsualProgram)
 {
     if (::access("/usr/lib/tess/version-reinit", F_OK) == 0) GTEST_SKIP() << "this machine has the usual program";
     choose("#!/bin/sh\nexit 0\n");
-    ASSERT_EQ(0, versionReInit());
-    ASSERT_EQ(dir_ / "program", fake_system::spawnedProgram());
+    ASSERT_EQ(versionReInit(), 0);
+    ASSERT_EQ(fake_system::spawnedProgram(), dir_ / "program");
     ::setenv("TESS_REINIT", "", 1);
-    EXPECT_NE(0, versionReInit());
-    EXPECT_EQ("/usr/lib/tess/version-reinit", fake_system::spawnedProgram());
+    EXPECT_NE(versionReInit(), 0);
+    EXPECT_EQ(fake_system::spawnedProgram(), "/usr/lib/tess/version-reinit");
     choose("#!/bin/sh\nexit 0\n");
-    ASSERT_EQ(0, versionReInit());
+    ASSERT_EQ(versionReInit(), 0);
     ::unsetenv("TESS_REINIT");
-    EXPECT_NE(0, versionReInit());
-    EXPECT_EQ("/usr/lib/tess/version-reinit", fake_system::spawnedProgram());
+    EXPECT_NE(versionReInit(), 0);
+    EXPECT_EQ(fake_system::spawnedProgram(), "/usr/lib/tess/version-reinit");
 }
 
 TEST_F(VersionReInit, FailsWhenTheEndOfChildrenIsIgnored)
 {
     choose("#!/bin/sh\nexit 0\n");
     const auto before = std::signal(SIGCHLD, SIG_IGN);
-    EXPECT_NE(0, versionReInit());
+    EXPECT_NE(versionReInit(), 0);
     std::signal(SIGCHLD, before);
-    EXPECT_EQ(0, versionReInit());
+    EXPECT_EQ(versionReInit(), 0);
 }
 
 TEST_F(VersionReInit, GivesNoArgumentsAndWaitsForTheEnd)
 {
     choose("#!/bin/sh\nsleep 0.2\necho \"$#\" > \"" + dir_ / "seen" + "\"\n");
-    EXPECT_EQ(0, versionReInit());
-    EXPECT_EQ("0\n", contentOf("seen"));
+    EXPECT_EQ(versionReInit(), 0);
+    EXPECT_EQ(contentOf("seen"), "0\n");
 }
 
 TEST_F(VersionReInit, TheProgramStartsWithPlainSignals)
@@ -126,17 +126,17 @@ TEST_F(VersionReInit, TheProgramStartsWithPlainSignals)
     ::sigaddset(&blocked, SIGTERM);
     ::sigprocmask(SIG_BLOCK, &blocked, &before);
     const auto pipeBefore = std::signal(SIGPIPE, SIG_IGN);
-    EXPECT_EQ(0, versionReInit());
+    EXPECT_EQ(versionReInit(), 0);
     std::signal(SIGPIPE, pipeBefore);
     ::sigprocmask(SIG_SETMASK, &before, nullptr);
     std::uint64_t blockedThere = 1;
     std::uint64_t ignoredThere = 1;
     const std::string seen = contentOf("seen");
-    ASSERT_EQ(2, std::sscanf(seen.c_str(), "SigBlk: %" SCNx64 " SigIgn: %" SCNx64, &blockedThere, &ignoredThere))
+    ASSERT_EQ(std::sscanf(seen.c_str(), "SigBlk: %" SCNx64 " SigIgn: %" SCNx64, &blockedThere, &ignoredThere), 2)
         << seen;
     constexpr std::uint64_t standardSignals = 0x7FFFFFFF; // 1 to 31; the C library keeps some of the others for itself
-    EXPECT_EQ(0U, blockedThere & standardSignals) << seen;
-    EXPECT_EQ(0U, ignoredThere & standardSignals) << seen;
+    EXPECT_EQ(blockedThere & standardSignals, 0U) << seen;
+    EXPECT_EQ(ignoredThere & standardSignals, 0U) << seen;
 }
 
 TEST_F(VersionReInit, AThreadWithItsSignalsBlockedMayWaitForIt)
@@ -150,10 +150,10 @@ TEST_F(VersionReInit, AThreadWithItsSignalsBlockedMayWaitForIt)
         result = versionReInit();
     });
     waiting.join();
-    EXPECT_EQ(0, result);
+    EXPECT_EQ(result, 0);
     std::uint64_t blockedThere = 1;
-    ASSERT_EQ(1, std::sscanf(contentOf("seen").c_str(), "SigBlk: %" SCNx64, &blockedThere));
-    EXPECT_EQ(0U, blockedThere & 0x7FFFFFFFU) << "the program's are not";
+    ASSERT_EQ(std::sscanf(contentOf("seen").c_str(), "SigBlk: %" SCNx64, &blockedThere), 1);
+    EXPECT_EQ(blockedThere & 0x7FFFFFFFU, 0U) << "the program's are not";
 }
 
 TEST_F(VersionReInit, TheProcessMayEndWhileAThreadWaitsForIt)
@@ -166,7 +166,7 @@ TEST_F(VersionReInit, TheProcessMayEndWhileAThreadWaitsForIt)
         if (waitUntil([&] { return exists("begun"); })) std::exit(7);
         return 8;
     });
-    EXPECT_EQ(7, process.result());
+    EXPECT_EQ(process.result(), 7);
     EXPECT_FALSE(exists("done"));
     std::ofstream(dir_ / "go") << "";
     EXPECT_TRUE(waitUntil([&] { return exists("done"); })) << "it runs on";
@@ -178,8 +178,8 @@ TEST_F(VersionReInit, SignalsMeanwhileDoNotDisturbTheWait)
     const TSignalCounter alarms(SIGALRM);
     itimerval every20ms{};
     every20ms.it_interval.tv_usec = every20ms.it_value.tv_usec = 20'000;
-    ASSERT_EQ(0, ::setitimer(ITIMER_REAL, &every20ms, nullptr));
-    EXPECT_EQ(0, versionReInit());
+    ASSERT_EQ(::setitimer(ITIMER_REAL, &every20ms, nullptr), 0);
+    EXPECT_EQ(versionReInit(), 0);
     const itimerval off{};
     ::setitimer(ITIMER_REAL, &off, nullptr);
 }

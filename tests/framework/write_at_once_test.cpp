@@ -1,11 +1,5 @@
 #include "framework/bundled/write_at_once.h"
 
-#include "child_process.h"
-#include "fake_system.h"
-#include "standard_error.h"
-#include "tests/support/allocation_count.h"
-#include "tests/support/descriptor_limit.h"
-
 #include <atomic>
 #include <csignal>
 #include <cstdio>
@@ -15,6 +9,12 @@
 #include <sys/ioctl.h>
 #include <thread>
 #include <vector>
+
+#include "tests/framework/child_process.h"
+#include "tests/framework/fake_system.h"
+#include "tests/framework/way.h"
+#include "tests/support/allocation_count.h"
+#include "tests/support/descriptor_limit.h"
 
 namespace {
 
@@ -73,11 +73,11 @@ TEST(WriteAtOnce, WritesWhereThereIsRoom)
         const std::string text(1000, 'x');
         {
             const TSystem system(c.system);
-            EXPECT_EQ(1000U, writeAtOnce(way.fd(), text)) << c.name;
-            EXPECT_EQ(3U, writeAtOnce(way.fd(), "yz\n")) << c.name;
+            EXPECT_EQ(writeAtOnce(way.fd(), text), 1000U) << c.name;
+            EXPECT_EQ(writeAtOnce(way.fd(), "yz\n"), 3U) << c.name;
         }
-        EXPECT_EQ(text + "yz\n", way.receive("z\n")) << c.name;
-        EXPECT_EQ(before, openDescriptors()) << c.name;
+        EXPECT_EQ(way.receive("z\n"), text + "yz\n") << c.name;
+        EXPECT_EQ(openDescriptors(), before) << c.name;
     }
 }
 
@@ -90,12 +90,12 @@ TEST(WriteAtOnce, WritesNothingAndDoesNotWaitWhereThereIsNone)
         {
             const TSystem system(c.system);
             for (int i = 0; i < 10; ++i)
-                EXPECT_EQ(0U, writeAtOnce(way.fd(), "a line\n")) << c.name;
+                EXPECT_EQ(writeAtOnce(way.fd(), "a line\n"), 0U) << c.name;
         }
-        EXPECT_EQ(std::string::npos, way.receive().find("a line")) << c.name;
-        EXPECT_EQ(flags, ::fcntl(way.fd(), F_GETFL)) << c.name << ": others share them";
-        EXPECT_EQ(7U, writeAtOnce(way.fd(), "a line\n")) << c.name << ": there is room again";
-        EXPECT_EQ("a line\n", way.receive("\n")) << c.name;
+        EXPECT_EQ(way.receive().find("a line"), std::string::npos) << c.name;
+        EXPECT_EQ(::fcntl(way.fd(), F_GETFL), flags) << c.name << ": others share them";
+        EXPECT_EQ(writeAtOnce(way.fd(), "a line\n"), 7U) << c.name << ": there is room again";
+        EXPECT_EQ(way.receive("\n"), "a line\n") << c.name;
     }
 }
 
@@ -105,11 +105,11 @@ TEST(WriteAtOnce, APacketPipeGetsOnePacketForEach)
         const TWay way(TWay::PACKET_PIPE);
         {
             const TSystem here(system);
-            EXPECT_EQ(5U, writeAtOnce(way.fd(), "first"));
-            EXPECT_EQ(6U, writeAtOnce(way.fd(), "second"));
+            EXPECT_EQ(writeAtOnce(way.fd(), "first"), 5U);
+            EXPECT_EQ(writeAtOnce(way.fd(), "second"), 6U);
         }
-        EXPECT_EQ("first", way.receiveOne());
-        EXPECT_EQ("second", way.receiveOne());
+        EXPECT_EQ(way.receiveOne(), "first");
+        EXPECT_EQ(way.receiveOne(), "second");
     }
 }
 
@@ -133,9 +133,9 @@ TEST(WriteAtOnce, ManyThreadsGetWhatRoomThereIsAndNoneWaits)
             others.emplace_back(writeMany);
         for (std::thread& other : others)
             other.join();
-        EXPECT_EQ(0, cut);
+        EXPECT_EQ(cut, 0);
         EXPECT_LT(taken, 4U * 500 * 1000) << "it was never full";
-        EXPECT_EQ(taken, way.receive().size());
+        EXPECT_EQ(way.receive().size(), taken);
     }
 }
 
@@ -146,7 +146,7 @@ TEST(WriteAtOnce, WithoutAReaderNoSignalIsRaised)
         TWay way(c.kind);
         way.closeFar();
         const TSystem system(c.system);
-        EXPECT_EQ(0U, writeAtOnce(way.fd(), "a line\n")) << c.name;
+        EXPECT_EQ(writeAtOnce(way.fd(), "a line\n"), 0U) << c.name;
         EXPECT_FALSE(isPending(SIGPIPE)) << c.name;
     }
     std::signal(SIGPIPE, before);
@@ -161,13 +161,13 @@ TEST(WriteAtOnce, SignalsThatWereHeldBackStaySo)
     ::pthread_sigmask(SIG_BLOCK, &held, &before);
     TWay way(TWay::PIPE);
     way.closeFar();
-    EXPECT_EQ(0U, writeAtOnce(way.fd(), "a line\n"));
+    EXPECT_EQ(writeAtOnce(way.fd(), "a line\n"), 0U);
     EXPECT_FALSE(isPending(SIGPIPE)) << "none of its own is left";
     ::pthread_kill(::pthread_self(), SIGPIPE);
-    EXPECT_EQ(0U, writeAtOnce(way.fd(), "a line\n"));
+    EXPECT_EQ(writeAtOnce(way.fd(), "a line\n"), 0U);
     EXPECT_TRUE(isPending(SIGPIPE)) << "somebody else's is";
     const timespec now{};
-    EXPECT_EQ(SIGPIPE, ::sigtimedwait(&held, nullptr, &now));
+    EXPECT_EQ(::sigtimedwait(&held, nullptr, &now), SIGPIPE);
     ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
@@ -189,19 +189,19 @@ TEST(WriteAtOnce, InTheBackgroundOfATerminalNobodyIsStopped)
         });
         return background.result() == 0 && way.receive("\n") == "a line\n" ? 0 : 3;
     });
-    EXPECT_EQ(0, session.result());
+    EXPECT_EQ(session.result(), 0);
 }
 
 TEST(WriteAtOnce, AFileIsWrittenAtItsOwnPlace)
 {
     std::FILE* const file = std::tmpfile();
-    ASSERT_NE(nullptr, file);
+    ASSERT_NE(file, nullptr);
     const int fd = ::fileno(file);
-    EXPECT_EQ(3U, writeAtOnce(fd, "abc"));
-    EXPECT_EQ(3U, writeAtOnce(fd, "def"));
+    EXPECT_EQ(writeAtOnce(fd, "abc"), 3U);
+    EXPECT_EQ(writeAtOnce(fd, "def"), 3U);
     char bytes[16]{};
-    EXPECT_EQ(6, ::pread(fd, bytes, sizeof bytes, 0));
-    EXPECT_STREQ("abcdef", bytes);
+    EXPECT_EQ(::pread(fd, bytes, sizeof bytes, 0), 6);
+    EXPECT_STREQ(bytes, "abcdef");
     std::fclose(file);
 }
 
@@ -213,14 +213,14 @@ TEST(WriteAtOnce, AllocatesNothing)
         const unsigned before = allocationCount();
         const unsigned mallocsBefore = fake_system::mallocCount();
         (void)writeAtOnce(way.fd(), "a line\n");
-        EXPECT_EQ(before, allocationCount()) << c.name;
-        EXPECT_EQ(mallocsBefore, fake_system::mallocCount()) << c.name;
+        EXPECT_EQ(allocationCount(), before) << c.name;
+        EXPECT_EQ(fake_system::mallocCount(), mallocsBefore) << c.name;
     }
 }
 
 TEST(WriteAtOnce, WithoutADescriptorNothingIsWritten)
 {
-    EXPECT_EQ(0U, writeAtOnce(-1, "a line\n"));
+    EXPECT_EQ(writeAtOnce(-1, "a line\n"), 0U);
 }
 
 } // namespace

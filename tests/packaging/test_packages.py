@@ -175,7 +175,10 @@ def test_the_serial_line_is_served(system):
         open(M, "+<", "/dev/ptmx") or die; my $n = pack("i", 0);
         ioctl(M, 0x40045431, $n) or die;
         ioctl(M, 0x80045430, $n) or die; $| = 1; print unpack("i", $n), "\\n";
-        while (my $line = <STDIN>) { syswrite(M, $line); my $got = ""; while ($got !~ /\\n\\r?\\n/) { sysread(M, $got, 100, length $got) or die; }
+        while (my $line = <STDIN>) {
+            syswrite(M, $line);
+            my $got = "";
+            while ($got !~ /\\n\\r?\\n/) { sysread(M, $got, 100, length $got) or die; }
             print unpack("H*", $got), "\\n"; }""", stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
     number = terminal.stdout.readline().strip()
     system.run("sh", "-c", f": >/dev/ttyS1; chown root:dialout /dev/pts/{number}; chmod 660 /dev/pts/{number}; "
@@ -285,7 +288,10 @@ def test_who_has_disabled_it_keeps_it_so_over_an_upgrade(system):
 
 
 # Files that the package tools keep for themselves.
-_NOT_OURS = re.compile(r"^/(var/(lib/dpkg|cache|log)|etc/(passwd|group|shadow|gshadow|subuid|subgid)-|etc/ld\.so\.cache|etc/\.pwd\.lock)|/etc/\.updated")
+_NOT_OURS = re.compile(
+    r"^/(var/(lib/dpkg|cache|log)|etc/(passwd|group|shadow|gshadow|subuid|subgid)-|etc/ld\.so\.cache|etc/\.pwd\.lock)"
+    r"|/etc/\.updated"
+)
 
 
 def files(system: System) -> set[str]:

@@ -1,7 +1,11 @@
 #pragma once
 
+#include <cstdio>
+#include <optional>
 #include <string>
 #include <vector>
+
+#include "tests/support/standard_error.h"
 
 /// One line of the process's log.
 struct LogLine {
@@ -14,7 +18,7 @@ struct LogLine {
 /// How a line looks in the message of a failed test.
 void PrintTo(const LogLine& line, std::ostream* out);
 
-/// Catches what is written to standard error while it lives. One at a time.
+/// Catches what is written to standard error while it lives; a sanitizer's report is passed on at the end. One at a time.
 class LogCapture {
 public:
     LogCapture();
@@ -32,6 +36,7 @@ public:
     std::string text() const;
 
 private:
-    int caught_;
-    int original_;
+    std::FILE* file_;
+    int caught_ = -1;
+    std::optional<TStandardError> standardError_;
 };

@@ -1,70 +1,45 @@
 #include "tests/support/queue_process.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
+#include <utility>
 
 #include "framework/fixed_text.h"
 #include "tests/support/waiting.h"
 
-namespace {
-
-sockaddr_un socketAddress(const std::string& path)
+TempQueueDir::TempQueueDir()
 {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path) std::abort();
-    putText(address.sun_path, path);
-    return address;
-}
-
-} // namespace
-
-TempQueueDir::TempQueueDir() : path_("/tmp/tess-queues-XXXXXX")
-{
-    if (::mkdtemp(path_.data()) == nullptr) std::abort();
-    ::setenv("TESS_QUEUE_DIR", path_.c_str(), 1);
+    ::setenv("TESS_QUEUE_DIR", path().c_str(), 1);
 }
 
 TempQueueDir::~TempQueueDir()
 {
     ::unsetenv("TESS_QUEUE_DIR");
-    std::error_code ignored; // what is left lies in a /tmp that nobody sees
-    std::filesystem::remove_all(path_, ignored);
+}
+
+std::string TempQueueDir::pathOf(long address) const
+{
+    return *this / std::to_string(address);
 }
 
 QueueProcess::QueueProcess(const TempQueueDir& directory, long address)
-    : directory_(directory.path()), address_(address), fd_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0))
+    : directory_(directory), address_(address), socket_(std::in_place, directory.pathOf(address))
 {
-    const sockaddr_un name = socketAddress(pathOf(address));
-    if (fd_ < 0 || ::bind(fd_, reinterpret_cast<const sockaddr*>(&name), sizeof name) != 0) std::abort();
 }
 
 QueueProcess::~QueueProcess()
 {
-    die();
-    ::unlink(pathOf(address_).c_str());
+    ::unlink(directory_.pathOf(address_).c_str());
 }
 
-void QueueProcess::die()
-{
-    if (fd_ >= 0) ::close(fd_);
-    fd_ = -1;
-}
-
-std::string QueueProcess::pathOf(long address) const
-{
-    return directory_ + "/" + std::to_string(address);
-}
-
-std::optional<Received> QueueProcess::take(int flags) const
+std::optional<Received> QueueProcess::take() const
 {
     Received received{};
-    const ssize_t n = ::recv(fd_, &received.record, sizeof received.record, flags);
+    const ssize_t n = ::recv(socket_->fd(), &received.record, sizeof received.record, MSG_DONTWAIT);
     if (n < static_cast<ssize_t>(MSG_HEADER_BYTES)) return std::nullopt;
     received.length = static_cast<std::size_t>(n);
     return received;
@@ -73,17 +48,17 @@ std::optional<Received> QueueProcess::take(int flags) const
 std::optional<Received> QueueProcess::receive() const
 {
     pollfd input{};
-    input.fd = fd_;
+    input.fd = socket_->fd();
     input.events = POLLIN;
     const std::chrono::milliseconds deadline = DEADLINE;
     if (::poll(&input, 1, static_cast<int>(deadline.count())) != 1) return std::nullopt;
-    return take(MSG_DONTWAIT);
+    return take();
 }
 
 std::vector<Received> QueueProcess::receiveAll() const
 {
     std::vector<Received> all;
-    while (auto received = take(MSG_DONTWAIT))
+    while (auto received = take())
         all.push_back(*received);
     return all;
 }
@@ -98,9 +73,7 @@ std::vector<std::string> QueueProcess::receiveTexts() const
 
 bool QueueProcess::send(long to, const TOrbAttachmentMsg& record, std::size_t length) const
 {
-    const sockaddr_un name = socketAddress(pathOf(to));
-    return ::sendto(fd_, &record, length, MSG_NOSIGNAL | MSG_DONTWAIT, reinterpret_cast<const sockaddr*>(&name),
-                    sizeof name) == static_cast<ssize_t>(length);
+    return socket_->sendTo(directory_.pathOf(to), &record, length);
 }
 
 Outgoing message(std::uint32_t kind, std::string_view text, std::uint32_t tag, std::int32_t len)

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -8,19 +7,19 @@
 #include <vector>
 
 #include "framework/orb_attachment_msg.h"
+#include "tests/support/raw_socket.h"
+#include "tests/support/temp_dir.h"
 
 /// A new directory for queues, which TESS_QUEUE_DIR names while it lives.
-class TempQueueDir {
+class TempQueueDir : public TTempDir {
 public:
     TempQueueDir();
     TempQueueDir(const TempQueueDir&) = delete;
     TempQueueDir& operator=(const TempQueueDir&) = delete;
     ~TempQueueDir();
 
-    const std::string& path() const { return path_; }
-
-private:
-    std::string path_;
+    /// The path of a queue's socket.
+    std::string pathOf(long address) const;
 };
 
 /// A record as it came, with the length it had.
@@ -33,7 +32,7 @@ struct Received {
     std::string_view textBytes() const { return {record.text, length - MSG_HEADER_BYTES}; }
 };
 
-/// Another process of the device: a queue of its own, in plain system calls.
+/// Another process of the device: a queue of its own, in plain system calls. The directory outlives it.
 class QueueProcess {
 public:
     QueueProcess(const TempQueueDir& directory, long address);
@@ -54,15 +53,14 @@ public:
     bool send(long to, const TOrbAttachmentMsg& record, std::size_t length) const;
 
     /// Ends like a process that dies: the socket file stays.
-    void die();
+    void die() { socket_.reset(); }
 
 private:
-    std::string pathOf(long address) const;
-    std::optional<Received> take(int flags) const;
+    std::optional<Received> take() const;
 
-    std::string directory_;
+    const TempQueueDir& directory_;
     long address_;
-    int fd_;
+    std::optional<TRawSocket> socket_;
 };
 
 /// A record with a text and its NUL, and the length of both.

@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include "tests/support/temp_dir.h"
+
 namespace fs = std::filesystem;
 
 namespace {
@@ -15,17 +17,13 @@ class HistoryFile : public testing::Test {
 protected:
     void SetUp() override
     {
-        fs::create_directories(home_);
         ::setenv("HOME", home_.c_str(), 1);
         ::unsetenv("XDG_STATE_HOME");
     }
-    void TearDown() override
-    {
-        fs::remove_all(home_);
-        ::unsetenv("XDG_STATE_HOME");
-    }
+    void TearDown() override { ::unsetenv("XDG_STATE_HOME"); }
 
-    fs::path home_ = fs::temp_directory_path() / ("home-" + std::to_string(::getpid()));
+    const TTempDir dir_;
+    const fs::path home_ = dir_.path();
 };
 
 } // namespace

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "tests/support/waiting.h"
+#include "tests/support/waiting_thread.h"
 
 namespace {
 
@@ -93,8 +94,9 @@ TEST(Program, IsKilledWhenItIsGivenUp)
 {
     std::array<int, 2> ends{};
     ASSERT_EQ(::pipe(ends.data()), 0);
+    const WaitingThread waiting;
     std::jthread other([&] {
-        std::this_thread::sleep_for(milliseconds(100)); // so that it has begun; it need not have
+        EXPECT_TRUE(waiting.untilAsleep());
         EXPECT_EQ(::write(ends[1], "x", 1), 1);
     });
     const ProgramResult result = runProgram({"sleep", "1000"}, "", LONG, 10, ends[0]);

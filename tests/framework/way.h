@@ -1,8 +1,5 @@
 #pragma once
 
-#include "tests/support/waiting.h"
-
-#include <cstdlib>
 #include <fcntl.h>
 #include <poll.h>
 #include <pty.h>
@@ -12,6 +9,8 @@
 #include <sys/socket.h>
 #include <termios.h>
 #include <unistd.h>
+
+#include "tests/support/waiting.h"
 
 /// Two descriptors: what is written to the one can be read from the other.
 class TWay {
@@ -102,20 +101,4 @@ private:
     Kind kind_;
     int far_ = -1;
     int near_ = -1;
-};
-
-/// Another standard error, for as long as it lives.
-class TStandardError {
-public:
-    explicit TStandardError(int fd) : saved_(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3)) { ::dup2(fd, STDERR_FILENO); }
-    TStandardError(const TStandardError&) = delete;
-    TStandardError& operator=(const TStandardError&) = delete;
-    ~TStandardError()
-    {
-        ::dup2(saved_, STDERR_FILENO);
-        ::close(saved_);
-    }
-
-private:
-    int saved_;
 };

@@ -1,11 +1,11 @@
 #pragma once
 
+#include <cerrno>
 #include <cstddef>
 #include <cstring>
 #include <poll.h>
 #include <stdexcept>
 #include <string>
-#include <string_view>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -28,12 +28,13 @@ public:
 
     int fd() const { return fd_; }
 
+    /// @return false when it could not be sent at once
     bool sendTo(const std::string& name, const void* bytes, std::size_t count) const
     {
         socklen_t length = 0;
         const sockaddr_un to = address(name, length);
-        return ::sendto(fd_, bytes, count, MSG_DONTWAIT, reinterpret_cast<const sockaddr*>(&to), length) ==
-               static_cast<ssize_t>(count);
+        return ::sendto(fd_, bytes, count, MSG_NOSIGNAL | MSG_DONTWAIT, reinterpret_cast<const sockaddr*>(&to),
+                        length) == static_cast<ssize_t>(count);
     }
 
     bool connectTo(const std::string& name) const
