@@ -4,7 +4,9 @@
 
 #include "common/milestone.h"
 #include "daemon/daemon_log.h"
+#include "daemon/log_severity.h"
 #include "daemon/options.h"
+#include "daemon/service_status.h"
 #include "daemon/std_descriptors.h"
 #include "daemon/tess.h"
 #include "framework/tess_messages.h"
@@ -26,6 +28,7 @@ int main(int argc, char* argv[])
 try {
     openStdDescriptors();
     setMilestone(0);
+    setLogSeverities(daemonLogSeverity);
     logMgr.setLogParameters(128, 6, "    [TESS]", 4);
     const Options options = parseOptions(argc, argv);
     if (options.missingArgument != 0) {
@@ -35,6 +38,8 @@ try {
 
     setMilestone(1);
     g_tess = construct(options);
+    const FixedText<128> status = serviceStatusText(g_tess.load()->openPorts());
+    setServiceStatus(status.c_str());
     logMgr.initAfterDaemonize();
     setMilestone(2);
     logMessage(daemon_log::running);

@@ -11,6 +11,7 @@
 #include "common/milestone.h"
 #include "common/process_copy.h"
 #include "common/wake_up.h"
+#include "framework/service_manager.h"
 #include "framework/tess_messages.h"
 
 namespace {
@@ -36,10 +37,12 @@ void* TTess::serviceThread(void* daemon)
 void TTess::serviceLoop() noexcept
 {
     setMilestone(17);
-    TWaitSet waits; // as the last wait has left it
+    TServiceWatchdog watchdog; // no wait below is longer than a second
+    TWaitSet waits;            // as the last wait has left it
     acceptConnections(waits);
     while (!isToEnd(instantNow())) {
         setMilestone(18);
+        watchdog.alive();
         TWaitSet next;
         const bool waitsForDescriptors = collectConns(next);
         setMilestone(20);

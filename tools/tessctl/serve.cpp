@@ -13,6 +13,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include "framework/log_mgr.h"
 #include "framework/tess_messages.h"
 #include "tools/tessctl/daemon_client.h"
 #include "tools/tessctl/program.h"
@@ -161,6 +162,7 @@ public:
           answerer_(daemon_, options)
     {
         say(options.name + " is served at address " + std::to_string(daemon_.queueId()));
+        logMgr.initAfterDaemonize(); // for the service manager, if one has started it
     }
 
     void serve()
