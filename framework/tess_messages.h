@@ -43,5 +43,8 @@ enum TessPortType : std::uint32_t {
     PORT_DELAYED = 16, ///< commands run from the delay queue; they reach every process, whatever its mask
 };
 
+/// Every kind that a process can register for.
+inline constexpr std::uint32_t PORTS_ALL = PORT_COM2 | PORT_TELNET | PORT_XCP | PORT_IPC;
+
 /// How many processes can be registered at a time.
 inline constexpr std::size_t MAX_REGISTERED_PROCS = 32;

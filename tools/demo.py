@@ -33,9 +33,12 @@ COMMANDS = {"telnet": "s3.ENC SETX 5", "com2": "s3.ENC GETX", "socket": "s3.ENC 
 PASSWORD_HASH = "$6$Rk3pVx0LmT9sQe2Z$I3QZFCp/87TExccY2C252DgwRsK/JxTVAsDWUAzK6JOPHP9..8nchzRZQX8G.j33nS.BAMSUcwCkutb1yURrC1"
 
 HOW_TO_TRY_MORE = f"""\
+In 's3.ENC SETX 5', ENC is the name of the process, and s3 the unit name that every device has in its commands. It is not
+the host name; '*' may stand in its place.
+
 Try more, in the shell that scripts/run opens when it has a terminal:
     telnet {ask.HOST}                log in as {ask.USER} with the password {ask.PASSWORD}; 's3.ENC GETX', 'quit'
-    com2                            a terminal on the serial line; Ctrl-A Ctrl-X leaves it
+    com2                            a terminal on the serial line, Backspace works; Ctrl-A Ctrl-X leaves it
     ask socket 's3.ENC SETX 7'      a line over /tmp/socket, and its answer
     ask xcp 's3.ENC GETX'           the same in a frame, over /tmp/xcp
     ask telnet '*' 's3.ENC GETX'    two lines in a telnet session; or 'ask com2'
@@ -44,6 +47,7 @@ Try more, in the shell that scripts/run opens when it has a terminal:
     ask socket 's3.NONE GETX'       nobody of that name: "?"
     ask socket 'DELAY 10.0|s3.ENC SETX 9' DELAY
                                     the position in ten seconds, and what is pending
+    python3 examples/echo.py &      a process in Python; tessctl send 's3.ECHO hello'
     cat /tmp/tessd.log              what tessd logged
 """
 
@@ -124,8 +128,9 @@ def shell(folder: str) -> None:
         file.write(f"""\
 PATH='{os.path.abspath(folder)}':$PATH
 ask() {{ '{sys.executable}' '{tools}/ask.py' "$@"; }}
-com2() {{ picocom --nolock --echo --emap crcrlf '{ask.SERIAL_TERMINAL}'; }}
-PS1='[inside the device \\h] \\w\\$ '
+com2() {{ picocom --nolock --omap delbs --echo --emap crcrlf,delbs '{ask.SERIAL_TERMINAL}'; }}
+export PYTHONPATH='{os.path.dirname(tools)}/python'
+PS1='[inside the device] \\w\\$ '
 """)
     print("This is a shell inside the device. 'exit' stops everything and leads back.\n", flush=True)
     subprocess.run(["bash", "--noprofile", "--rcfile", RC_FILE, "-i"], check=False)

@@ -1,7 +1,8 @@
 """The examples in the documents, in a form that tests can try.
 
-A fenced block of language `console` holds commands, each behind "$ ", and their output; one of `dialogue` begins with the command
-of a program that asks, whose answers stand behind its prompt; a block with `file=NAME` is a file to be there."""
+A fenced block of language `console` holds commands, each behind "$ ", and their output; one of `author` the same, for a
+reader who has a compiler, the library and the Python module; one of `dialogue` begins with the command of a program that
+asks, whose answers stand behind its prompt; a block with `file=NAME` is a file to be there."""
 
 from __future__ import annotations
 
@@ -45,12 +46,12 @@ def queue_program() -> str:
 
 
 class Session:
-    """All that a reader of a document types, in one folder and one shell."""
+    """All that a reader of a document types, in one folder and one shell; or all that an author types, as `kind` says."""
 
-    def __init__(self, document: str) -> None:
+    def __init__(self, document: str, kind: str = "console") -> None:
         self._document = document
         self.files = {name: text for _, name, text in blocks(document) if name}
-        self._pairs = [pair for language, _, text in blocks(document) if language == "console" for pair in commands(text)]
+        self._pairs = [pair for language, _, text in blocks(document) if language == kind for pair in commands(text)]
         assert self._pairs, f"{document} has no commands to try"
 
     @property

@@ -19,7 +19,7 @@ DEMO = (
     os.path.join(settings.PROJECT, "tools/demo.py"),
     settings.BIN_DIR,
 )
-PROMPT = b"[inside the device s3]"
+PROMPT = b"[inside the device]"
 
 pytestmark = pytest.mark.skipif(settings.emulated(), reason="the demo starts programs of this machine only")
 
@@ -63,6 +63,8 @@ def test_in_its_shell_every_port_can_be_tried_by_hand():
         newcomer.expect(b"Terminal ready\r\n")
         newcomer.type(b"s3.ENC SETX 7\r")
         newcomer.expect(b"s3.ENC SETX 7\r\n0\r\n\r\n")
+        newcomer.type(b"s3.ENC GETXY\x7f\r")  # the Backspace key
+        newcomer.expect(b"s3.ENC GETXY\x08\r\n7\r\n\r\n")
         newcomer.type(b"\x01\x18")
         newcomer.expect(PROMPT)
 
@@ -79,6 +81,11 @@ def test_in_its_shell_every_port_can_be_tried_by_hand():
             newcomer.type(line + b"\r")
             newcomer.expect(answer)
             newcomer.expect(PROMPT)
+        newcomer.type(b"python3 examples/echo.py &\r")
+        newcomer.expect(b"registered at tessd as ECHO\r\n")
+        for line, answer in ((b"tessctl send 's3.ECHO hello'", b"\rhello\r\n"), (b"kill $!; wait $!; echo 'en'ded", b"ended\r\n")):
+            newcomer.type(line + b"\r")
+            newcomer.expect(answer)
         newcomer.type(b"exit\r")
         newcomer.expect(b"tessd and the example process have stopped.\r\n")
         assert newcomer.expect_end() == 0

@@ -23,9 +23,9 @@ FOLDER = "/tmp/reader"
 INSTALLED = "/usr/libexec/tess/"
 
 
-def reader(script: str, stdout: int) -> str | None:
+def reader(script: str, stdout: int, **variables: str) -> str | None:
     """What a reader types at a shell, with the programs of this build in the place of those installed."""
-    environment = {"PATH": settings.BIN_DIR + os.pathsep + os.environ["PATH"], "LC_ALL": "C"}
+    environment = {"PATH": settings.BIN_DIR + os.pathsep + os.environ["PATH"], "LC_ALL": "C"} | variables
     return subprocess.run(
         ["bash", "-c", script.replace(INSTALLED, f"{settings.BIN_DIR}/")], cwd=FOLDER, env=environment, stdin=subprocess.DEVNULL,
         stdout=stdout, stderr=subprocess.STDOUT, text=True, timeout=30 * settings.SLOW,
@@ -46,10 +46,42 @@ def encoder(tessd, folder) -> None:
 @pytest.mark.parametrize("document", doc_examples.DOCUMENTS)
 def test_commands_print_what_the_document_says(tessd, folder, document):
     session = doc_examples.Session(document)
-    for name, text in session.files.items():
+    write_files(session.files)
+    session.expect(reader(session.script, subprocess.PIPE))
+
+
+def write_files(files: dict[str, str]) -> None:
+    for name, text in files.items():
         with open(f"{FOLDER}/{name}", "w", encoding="utf-8") as file:
             file.write(text)
-    session.expect(reader(session.script, subprocess.PIPE))
+
+
+def library_of_this_build() -> str:
+    """What pkg-config says of the library, when it is the one of this build, with its sanitizer."""
+    build = os.path.dirname(settings.BIN_DIR)
+    with open(f"{build}/CMakeCache.txt", encoding="utf-8") as file:
+        sanitizers = re.search(r"^TESS_SANITIZE:\w+=(.*)$", file.read(), re.MULTILINE)[1]
+    options = f"-pthread -fsanitize={sanitizers}" if sanitizers else "-pthread"
+    return f"""Name: tess-framework
+Description: of this build
+Version: 1
+Cflags: -I{settings.PROJECT} {options}
+Libs: {build}/framework/bundled/libtess_framework_bundled.a {options}
+"""
+
+
+@pytest.mark.deadline(180)
+@pytest.mark.skipif(settings.emulated(), reason="the compiler of this machine builds for this machine")
+def test_the_processes_that_an_author_writes_do_what_the_document_says(tessd, folder):
+    session = doc_examples.Session("processes.md", "author")
+    write_files(session.files | {"tess-framework.pc": library_of_this_build()})
+    module = os.path.join(settings.PROJECT, "python")
+    session.expect(reader(session.script, subprocess.PIPE, PKG_CONFIG_PATH=FOLDER, PYTHONPATH=module))
+
+
+def test_the_process_in_cpp_is_complete_and_short():
+    program = doc_examples.Session("processes.md").files["thermometer.cpp"]
+    assert program.count("\n") <= 50, program
 
 
 def test_the_dialogue_goes_as_the_document_says(encoder):

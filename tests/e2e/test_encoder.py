@@ -1,4 +1,5 @@
-"""The two example processes, which authors copy: the one in C++ over the framework and the one in Python over the plain wire."""
+"""The two example processes, which authors copy, and what they are made of: TCommandProcess of the framework and Process of
+the Python module."""
 
 from __future__ import annotations
 
@@ -24,13 +25,14 @@ COMMANDS = {
     "c++": [*settings.WRAPPER, os.path.join(settings.BIN_DIR, "encoder")],
     "python": ["/usr/bin/python3", os.path.join(settings.PROJECT, "examples/encoder.py")],
 }
+PYTHON_MODULE = os.path.join(settings.PROJECT, "python")
 ADDRESS = 1500
 MOST_REGISTERED = 32
 
-REGISTERED = "60001 registered at tessd as ENC"
-WAITING = "60002 tessd is not there, asking again every second"
-REFUSED = "60003 tessd refused: Max # of registered processes reached"
-NOT_OPENED = " 250001 "
+REGISTERED = "registered at tessd as ENC"
+WAITING = "tessd is not there, asking again every second"
+REFUSED = "tessd refused: Max # of registered processes reached"
+NOT_OPENED = f"queue address {ADDRESS}"
 
 # It registers again every ten seconds.
 AGAIN = 15
@@ -46,6 +48,7 @@ class Encoder:
 
     def __init__(self, command: list[str], stderr: int | None = None, **options: object) -> None:
         with open("/tmp/encoder.log", "ab") as log:
+            options["env"] = {"PYTHONPATH": PYTHON_MODULE} | dict(options.get("env") or os.environ)
             self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stderr=log if stderr is None else stderr, **options)
         self._pidfd = os.pidfd_open(self.process.pid)
 
@@ -371,7 +374,7 @@ def test_an_address_has_one_owner_and_a_dead_one_is_replaced(start, pretended):
     first = start()
     pretended.expect(wire.REGISTER, REGISTER_ENC)
     start().expect_end(1)
-    assert f"{NOT_OPENED}queue address {ADDRESS} is in use" in first.log(), first.log()
+    assert f"{NOT_OPENED} is in use" in first.log(), first.log()
     first.process.kill()
     first.process.wait()
     start()

@@ -29,6 +29,12 @@ public:
     TChildProcess& operator=(const TChildProcess&) = delete;
     ~TChildProcess() { kill(); }
 
+    /// Sends it a signal, if it still runs.
+    void signal(int number) const
+    {
+        if (pid_ > 0) ::kill(pid_, number);
+    }
+
     /// Ends it without giving it a chance to clean up.
     void kill()
     {

@@ -32,7 +32,7 @@ def pkg_config(prefix: pathlib.Path, *words: str) -> list[str]:
 
 
 def build_with_cmake(prefix: pathlib.Path, examples: pathlib.Path, to: pathlib.Path, *options: str) -> pathlib.Path:
-    run("cmake", "-S", examples, "-B", to, "-G", "Ninja", f"-DCMAKE_PREFIX_PATH={prefix}", *options)
+    run("cmake", "-S", examples / "encoder", "-B", to, "-G", "Ninja", f"-DCMAKE_PREFIX_PATH={prefix}", *options)
     run("cmake", "--build", to, "-j1")
     return to / "encoder"
 
@@ -40,7 +40,7 @@ def build_with_cmake(prefix: pathlib.Path, examples: pathlib.Path, to: pathlib.P
 def build_with_pkg_config(prefix: pathlib.Path, examples: pathlib.Path, to: pathlib.Path, static: bool) -> pathlib.Path:
     words = ["--static"] if static else []
     sources = [str(examples / "encoder" / name) for name in ("main.cpp", "encoder.cpp")]
-    run("g++", "-std=c++20", *(["-static"] if static else []), f"-I{examples.parent}", *pkg_config(prefix, "--cflags", *words),
+    run("g++", "-std=c++20", *(["-static"] if static else []), *pkg_config(prefix, "--cflags", *words),
         *sources, *pkg_config(prefix, "--libs", *words), "-o", to / "encoder")
     return to / "encoder"
 

@@ -384,6 +384,7 @@ def control(package: pathlib.Path, field: str) -> str:
 
 def test_the_packages_depend_on_each_other_and_symbols_for_the_debugger_stand_beside_them():
     names = {path.name.partition("_")[0]: path for path in PACKAGES.glob("*.deb")}
+    assert "python3-tess" in names
     with_programs = {"tessd", "tess-tools", "libtess-framework1"}
     assert set(names) >= set(ALL) | {f"{name}-dbgsym" for name in with_programs}
     library = control(names["libtess-framework1"], "Version")

@@ -64,3 +64,31 @@ def test_the_house_has_the_files_that_are_named():
     assert len(named) > 20, named
     missing = sorted(path for path in named if not os.path.exists(os.path.join(PROJECT, path)))
     assert not missing, missing
+
+
+MOST_COLUMNS = 120
+
+
+def prose_lines(document: str) -> list[tuple[int, str]]:
+    """Number and text of each line that is neither code nor part of a table."""
+    lines, code = [], False
+    for number, line in enumerate(read(document).splitlines(), 1):
+        code = code != line.startswith("```")
+        if not code and not line.startswith(("```", "|", "    ")):
+            lines.append((number, line))
+    return lines
+
+
+def test_no_line_of_prose_is_wider_than_a_window():
+    documents = ["README.md", *(f"docs/{name}" for name in os.listdir(os.path.join(PROJECT, "docs")) if name.endswith(".md"))]
+    assert len(documents) > 5, documents
+    wide = [f"{document}:{number}: {len(line)} columns" for document in sorted(documents)
+            for number, line in prose_lines(document) if len(line) > MOST_COLUMNS]
+    assert not wide, "\n".join([f"above {MOST_COLUMNS}:", *wide])
+
+
+def test_no_line_of_a_manual_page_is_wider_than_a_window():
+    pages = glob.glob(f"{PROJECT}/docs/man/*.[1-8]")
+    assert len(pages) >= 3, pages
+    wide = [f"{page}:{number}" for page in pages for number, line in enumerate(read(page).splitlines(), 1) if len(line) > MOST_COLUMNS]
+    assert not wide, wide

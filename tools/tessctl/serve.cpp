@@ -14,12 +14,12 @@
 #include <utility>
 
 #include "framework/log_mgr.h"
+#include "framework/reply_text.h"
 #include "framework/tess_messages.h"
 #include "tools/tessctl/daemon_client.h"
 #include "tools/tessctl/program.h"
 #include "tools/tessctl/record_text.h"
 #include "tools/tessctl/registration.h"
-#include "tools/tessctl/reply_text.h"
 #include "tools/tessctl/say.h"
 
 namespace {

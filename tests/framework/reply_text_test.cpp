@@ -1,4 +1,4 @@
-#include "tools/tessctl/reply_text.h"
+#include "framework/reply_text.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
