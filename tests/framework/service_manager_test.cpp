@@ -149,20 +149,17 @@ TEST_F(ServiceManager, GetsTheSeverityInFrontOfLinesToTheJournal)
 
 TEST_F(ServiceManager, FindsPlainLinesWhereStandardErrorIsNotTheJournal)
 {
-    std::string stream;
-    {
-        const TCapturedStderr journal;
-        stream = streamOfStandardError();
-        for (const char* wrong : {"", "1", "1:", ":1", "x:1", "1:x", "1:1"}) {
-            ::setenv("JOURNAL_STREAM", wrong, 1);
-            logMgr.setLogParameters(128, 6, "", 4);
-            logMgr.log(1, "x");
-        }
-        EXPECT_THAT(journal.text(), Not(HasSubstr("<")));
-        ::setenv("JOURNAL_STREAM", stream.c_str(), 1);
+    const TCapturedStderr journal;
+    for (const char* wrong : {"", "1", "1:", ":1", "x:1", "1:x", "1:1"}) {
+        ::setenv("JOURNAL_STREAM", wrong, 1);
         logMgr.setLogParameters(128, 6, "", 4);
+        logMgr.log(1, "x");
     }
-    // The same process, but standard error has been turned elsewhere since.
+    EXPECT_THAT(journal.text(), Not(HasSubstr("<")));
+    const std::string stream = streamOfStandardError();
+    ::setenv("JOURNAL_STREAM", stream.c_str(), 1);
+    logMgr.setLogParameters(128, 6, "", 4);
+    // The same process, but standard error is turned elsewhere.
     const TCapturedStderr elsewhere;
     ASSERT_NE(stream, streamOfStandardError());
     logMgr.log(1, "x");

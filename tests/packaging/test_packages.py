@@ -398,7 +398,7 @@ def test_the_symbols_file_has_what_the_library_exports(tmp_path):
     exported = {line.split()[-1].partition("@")[0] for line in run("nm", "-D", "--defined-only", next(tmp_path.rglob("*.so.1"))).splitlines()}
     assert listed == exported
     source = (PROJECT / "debian/libtess-framework1.symbols").read_text()
-    named = set(re.findall(r'(?m)^ (?:\(c\+\+\)"(.*)|(\w+))@TESS_FRAMEWORK_1', source))
+    named = set(re.findall(r'(?m)^ (?:\(c\+\+(?:\|arch-bits=64)?\)"(.*)|(\w+))@TESS_FRAMEWORK_1', source))
     demangled = set(run("c++filt", *sorted(exported)).splitlines())
     assert {cpp or plain for cpp, plain in named} == demangled
 
