@@ -23,7 +23,7 @@ complete -c tessctl -s H -l host -x -a '(__fish_complete_user_at_hosts)' -d 'Run
 set -l none "not __fish_seen_subcommand_from $commands"
 complete -c tessctl -n $none -a send -d 'Send command lines and print the answers'
 complete -c tessctl -n $none -a console -d 'Hold a dialogue at the terminal'
-complete -c tessctl -n $none -a serve -d 'Be a process of the device, with answers made by a program'
+complete -c tessctl -n $none -a serve -d 'Register, and answer each command with what a program prints'
 complete -c tessctl -n $none -a listen -d 'Register, and print every record that arrives'
 complete -c tessctl -n $none -a check -d 'Say what works from here, port by port'
 complete -c tessctl -n $none -a ping -d 'Say whether one port works'
@@ -31,7 +31,7 @@ complete -c tessctl -n $none -a close -d 'Close all connections to tessd'
 complete -c tessctl -n $none -a com2 -d 'Write a text to the serial line'
 complete -c tessctl -n $none -a reset -d 'Restart the device'
 complete -c tessctl -n $none -a stop -d 'End tessd'
-complete -c tessctl -n $none -a help -d 'Tell more of a command'
+complete -c tessctl -n $none -a help -d 'Show the help of a command'
 
 set -l to_send '__fish_seen_subcommand_from send'
 set -l to_sockets '__fish_seen_subcommand_from send console'

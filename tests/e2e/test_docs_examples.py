@@ -23,12 +23,12 @@ FOLDER = "/tmp/reader"
 INSTALLED = "/usr/libexec/tess/"
 
 
-def reader(script: str, stdout: int, **variables: str) -> str | None:
+def reader(script: str, stdout: int, within: float = 30, **variables: str) -> str | None:
     """What a reader types at a shell, with the programs of this build in the place of those installed."""
     environment = {"PATH": settings.BIN_DIR + os.pathsep + os.environ["PATH"], "LC_ALL": "C"} | variables
     return subprocess.run(
         ["bash", "-c", script.replace(INSTALLED, f"{settings.BIN_DIR}/")], cwd=FOLDER, env=environment, stdin=subprocess.DEVNULL,
-        stdout=stdout, stderr=subprocess.STDOUT, text=True, timeout=30 * settings.SLOW,
+        stdout=stdout, stderr=subprocess.STDOUT, text=True, timeout=within * settings.SLOW,
     ).stdout  # fmt: skip
 
 
@@ -76,7 +76,7 @@ def test_the_processes_that_an_author_writes_do_what_the_document_says(tessd, fo
     session = doc_examples.Session("processes.md", "author")
     write_files(session.files | {"tess-framework.pc": library_of_this_build()})
     module = os.path.join(settings.PROJECT, "python")
-    session.expect(reader(session.script, subprocess.PIPE, PKG_CONFIG_PATH=FOLDER, PYTHONPATH=module))
+    session.expect(reader(session.script, subprocess.PIPE, within=150, PKG_CONFIG_PATH=FOLDER, PYTHONPATH=module))
 
 
 def test_the_process_in_cpp_is_complete_and_short():

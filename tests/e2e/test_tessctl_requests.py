@@ -168,7 +168,7 @@ def test_reset_restarts_the_device(start_tessd):
 
 def test_reset_asks_first(start_tessd):
     tessd = start_tessd(launcher=OWN_DEVICE)
-    tessctl.run("reset").expect(REFUSED, "", "tessctl: refusing without --yes: standard input is not a terminal\n")
+    tessctl.run("reset").expect(REFUSED, "", "tessctl: not done: to go ahead without being asked at a terminal, give --yes\n")
     for typed, status in (b"n\r", REFUSED), (b"\r", REFUSED), (b"y\r", DONE):
         terminal = tessctl.on_terminal("reset")
         terminal.expect(b"Restart this device? [y/N]")
@@ -181,7 +181,7 @@ def test_reset_with_a_reinitialisation_wants_this_host(start_tessd):
     tessd = start_tessd(launcher=OWN_DEVICE, environment={"TESS_REINIT": "/bin/true"})
     tessctl.run("reset", "--reinit", "elsewhere", "--yes").expect(REFUSED, "Error Processing RESET Command\n", "")
     terminal = tessctl.on_terminal("reset", "--reinit", "s3")
-    terminal.expect(b"Re-initialise the version of 's3' and restart it? [y/N]")
+    terminal.expect(b"Re-initialise the software of 's3' and restart it? [y/N]")
     terminal.type(b"yes\r")
     assert terminal.expect_end() == DONE and b"OK" in terminal.shown, terminal.shown
     tessd.kill()

@@ -105,6 +105,12 @@ def test_the_example_is_built_with_pkg_config(prefix, examples, tmp_path, static
         assert answer_of(program, tmp_path) == b"0\r\n\r\n5\r\n\r\n"
 
 
+def test_the_example_is_built_in_a_folder_of_any_name(prefix, examples, tmp_path):
+    mine = pathlib.Path(shutil.copytree(examples / "encoder", tmp_path / "my own process"))
+    program = build_with_cmake(prefix, mine, mine / "build")
+    assert answer_of(program, tmp_path) == b"0\r\n\r\n5\r\n\r\n"
+
+
 @pytest.mark.parametrize("component", ["static", "shared"])
 def test_a_component_chooses_whatever_else_is_set(prefix, tmp_path, component):
     (tmp_path / "main.cpp").write_text('#include "framework/sleep.h"\nint main() { Sleep(0); }\n')
@@ -147,7 +153,7 @@ def test_every_header_serves_alone_and_all_it_declares_is_exported(prefix, tmp_p
         source.write_text(f'#include "framework/{header}"\n')
         run("g++", "-std=c++20", "-Wall", "-Wextra", "-Wpedantic", "-Werror", "-fsyntax-only", *cflags, source)
     source = tmp_path / "all.cpp"
-    source.write_text("".join(f'#include "framework/{header}"\n' for header in headers) + """
+    source.write_text("".join(f'#include "framework/{header}"\n' for header in headers) + "#include <stdexcept>\n" + """
         struct Process : TMsgDmn { Process() : TMsgDmn(5, false) {} int run() override { return 0; } };
         struct Plain : TMsgProc { Plain() : TMsgProc(5, false) {} int run() override { return 0; } };
         int main(int argc, char**)
@@ -173,6 +179,12 @@ def test_every_header_serves_alone_and_all_it_declares_is_exported(prefix, tmp_p
             TQueueRoom room;
             if (room.watch(7) != -1 || room.fd() != -1) return 7;
             room.stop();
+            if (replyText("5", "") != "5\\r\\n\\r\\n" || replyMessages("5").size() != 1) return 8;
+            try {
+                TCommandProcess nowhere(0, "N", PORTS_ALL, [](std::string_view) { return std::string(); });
+                return 9;
+            } catch (const std::runtime_error&) {
+            }
             return argc == 1 && versionReInit() == 0 ? 6 : 0;
         }
     """)

@@ -50,10 +50,14 @@ def test_only_its_own_tests_know_the_inside_of_the_bundled_framework():
     assert not found, found
 
 
+def without_code(text: str) -> str:
+    return re.sub(r"^```.*?^```$", "", text, flags=re.DOTALL | re.MULTILINE)
+
+
 def test_links_lead_to_files():
     for document in ["README.md", *(f"docs/{name}" for name in os.listdir(os.path.join(PROJECT, "docs")) if name.endswith(".md"))]:
         folder = os.path.dirname(os.path.join(PROJECT, document))
-        for link in re.findall(r"\]\(([^)#]+)\)", read(document)):
+        for link in re.findall(r"\]\(([^)#]+)\)", without_code(read(document))):
             assert os.path.exists(os.path.join(folder, link)), f"{document}: {link}"
 
 

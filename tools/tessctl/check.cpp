@@ -149,8 +149,11 @@ Finding lookAtSerialLine()
     const Users users = usersOf(SERIAL_LINE);
     const std::string line = SERIAL_LINE;
     if (users.tessd) return {"com2", true, line + " is open in " + users.names};
-    if (users.hidden && users.names.empty()) return {"com2", true, line + " exists; only root can see who has it open"};
-    if (users.hidden) return {"com2", true, line + " is open in " + users.names + "; only root can see in what else"};
+    if (users.hidden && users.names.empty())
+        return {"com2", true, line + " exists; root could see which programs have it open"};
+    if (users.hidden)
+        return {"com2", true,
+                line + " is open in " + users.names + "; root could see whether other programs have it open, too"};
     if (!users.names.empty()) return {"com2", false, line + " is open in " + users.names + ", not in tessd"};
     return {"com2", false, line + " is open in no process: does tessd run with the COM2 port?"};
 }

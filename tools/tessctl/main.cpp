@@ -199,7 +199,7 @@ private:
 
     void addServe()
     {
-        CLI::App& serve = command("serve", "Be a process of the device, with answers made by a program",
+        CLI::App& serve = command("serve", "Register, and answer each command with what a program prints",
                                   "  tessctl serve LOAD -- cat /proc/loadavg\n"
                                   "  tessctl serve THERM --ports ipc,xcp -- ./thermometer.sh\n",
                                   [this] { return runServe(serve_); });
@@ -271,7 +271,7 @@ private:
     void addHelp()
     {
         CLI::App& help =
-            command("help", "Tell more of a command", "  tessctl help send\n", [this] { return runHelp(); });
+            command("help", "Show the help of a command", "  tessctl help send\n", [this] { return runHelp(); });
         help.add_option("COMMAND", helped_, "The command")->type_name("");
     }
 

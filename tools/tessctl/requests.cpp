@@ -21,7 +21,7 @@ constexpr std::chrono::milliseconds BETWEEN_LOOKS{20};
 bool userAgrees(const std::string& question)
 {
     if (::isatty(STDIN_FILENO) == 0) {
-        say("refusing without --yes: standard input is not a terminal");
+        say("not done: to go ahead without being asked at a terminal, give --yes");
         return false;
     }
     std::cout << question << " [y/N] " << std::flush;
@@ -63,7 +63,7 @@ ExitStatus runReset(const std::string& reinitHost, bool yes)
 {
     const std::string question = reinitHost.empty()
                                      ? "Restart this device?"
-                                     : "Re-initialise the version of '" + reinitHost + "' and restart it?";
+                                     : "Re-initialise the software of '" + reinitHost + "' and restart it?";
     if (!yes && !userAgrees(question)) return STATUS_REFUSED;
     TDaemonClient daemon;
     // With its NUL, and room for the answer, which is as long as the request.
