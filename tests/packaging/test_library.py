@@ -31,8 +31,8 @@ def pkg_config(prefix: pathlib.Path, *words: str) -> list[str]:
     return run("pkg-config", *words, "tess-framework", env=os.environ | {"PKG_CONFIG_PATH": str(folder)}).split()
 
 
-def build_with_cmake(prefix: pathlib.Path, examples: pathlib.Path, to: pathlib.Path, *options: str) -> pathlib.Path:
-    run("cmake", "-S", examples / "encoder", "-B", to, "-G", "Ninja", f"-DCMAKE_PREFIX_PATH={prefix}", *options)
+def build_with_cmake(prefix: pathlib.Path, source: pathlib.Path, to: pathlib.Path, *options: str) -> pathlib.Path:
+    run("cmake", "-S", source, "-B", to, "-G", "Ninja", f"-DCMAKE_PREFIX_PATH={prefix}", *options)
     run("cmake", "--build", to, "-j1")
     return to / "encoder"
 
@@ -89,7 +89,7 @@ def answer_of(program: pathlib.Path, library_path: pathlib.Path, daemon: pathlib
 
 @pytest.mark.parametrize(("options", "shared"), [((), False), (("-DBUILD_SHARED_LIBS=ON",), True)], ids=["static", "shared"])
 def test_the_example_is_built_with_find_package(prefix, examples, tmp_path, options, shared):
-    program = build_with_cmake(prefix, examples, tmp_path, *options)
+    program = build_with_cmake(prefix, examples / "encoder", tmp_path, *options)
     assert (SONAME in needed(program)) == shared
     if shared:
         library = next(prefix.rglob(SONAME)).parent
