@@ -5,7 +5,9 @@
 #include "common/milestone.h"
 #include "common/std_descriptors.h"
 #include "daemon/daemon_log.h"
+#include "daemon/log_severity.h"
 #include "daemon/options.h"
+#include "daemon/service_status.h"
 #include "daemon/tess.h"
 #include "framework/tess_messages.h"
 
@@ -26,6 +28,7 @@ int main(int argc, char* argv[])
 try {
     openStdDescriptors();
     setMilestone(Milestone::programBegun);
+    setLogSeverities(daemonLogSeverity);
     logMgr.setLogParameters(128, 6, "    [TESS]", 4);
     const Options options = parseOptions(argc, argv);
     if (options.missingArgument != 0) {
@@ -35,6 +38,8 @@ try {
 
     setMilestone(Milestone::creatingDaemon);
     g_tess = construct(options);
+    const FixedText<128> status = serviceStatusText(g_tess.load()->openPorts());
+    setServiceStatus(status.c_str());
     logMgr.initAfterDaemonize();
     setMilestone(Milestone::daemonCreated);
     logMessage(daemon_log::running);

@@ -1,6 +1,4 @@
 // The main thread's loop: serves the daemon's queue.
-#include "daemon/tess.h"
-
 #include <algorithm>
 #include <cstring>
 #include <fcntl.h>
@@ -11,6 +9,7 @@
 #include "common/milestone.h"
 #include "common/wake_up.h"
 #include "daemon/daemon_log.h"
+#include "daemon/tess.h"
 #include "framework/fd.h"
 #include "framework/queue_mgr.h"
 #include "framework/tess_messages.h"

@@ -1,11 +1,10 @@
 // The registry of processes that receive commands.
-#include "daemon/tess.h"
-
 #include <cstring>
 #include <new>
 
 #include "common/live_list.h"
 #include "common/milestone.h"
+#include "daemon/tess.h"
 #include "framework/tess_messages.h"
 
 namespace {

@@ -1,6 +1,4 @@
 // The service thread: waits, accepts, hands command lines to the interpreter.
-#include "daemon/tess.h"
-
 #include <cstdlib>
 #include <unistd.h>
 
@@ -11,6 +9,8 @@
 #include "common/milestone.h"
 #include "common/process_copy.h"
 #include "common/wake_up.h"
+#include "daemon/tess.h"
+#include "framework/service_manager.h"
 #include "framework/tess_messages.h"
 
 namespace {
@@ -36,10 +36,12 @@ void* TTess::serviceThread(void* daemon)
 void TTess::serviceLoop() noexcept
 {
     setMilestone(Milestone::serviceLoopBegun);
-    TWaitSet waits; // what the last wait has found; before the first one, nothing
+    TServiceWatchdog watchdog; // no wait below is longer than a second
+    TWaitSet waits;            // what the last wait has found; before the first one, nothing
     acceptConnections(waits);
     while (!isToEnd(instantNow())) {
         setMilestone(Milestone::servicePassBegun);
+        watchdog.alive();
         TWaitSet next;
         const bool waitsForDescriptors = collectConns(next);
         setMilestone(Milestone::runningDelays);

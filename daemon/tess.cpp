@@ -86,6 +86,14 @@ void TTess::createPorts(bool com2, bool telnet, bool xcp, bool ipc)
     if (ipc) createPort<TPortIPCSocket>(ports, daemon_log::initIpc, daemon_log::noIpc);
 }
 
+std::uint32_t TTess::openPorts() noexcept
+{
+    std::uint32_t open = 0;
+    for (std::size_t i = 0; const TCmdPort* port = liveAt(ports, i); ++i)
+        if (port->isOpen) open |= port->portType;
+    return open;
+}
+
 void TTess::deletePorts() noexcept
 {
     for (TCmdPort*& port : ports) {

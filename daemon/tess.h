@@ -45,6 +45,9 @@ public:
     /// @return 0, or an error number as pthread_create(3) gives it
     int startService();
 
+    /// @return the ports that are open, as bits (TessPortType). Main thread, before startService()
+    std::uint32_t openPorts() noexcept;
+
     /// Asks the message loop and the service thread to end. Threads: any; also from a signal handler.
     void requestStop() noexcept;
 

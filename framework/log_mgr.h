@@ -11,6 +11,9 @@ using TTraceMsg = int;
 /// environment to the datagram socket /dev/log in its place (RFC 3164: facility daemon, severity information), and to
 /// standard error only what that does not take at once; with TESS_LOG=both to both.
 ///
+/// Where standard error is the journal's stream (JOURNAL_STREAM, systemd.exec(5)), the line's severity stands in front of it as
+/// the journal wants it, "<6>" for information: framework/service_manager.h.
+///
 /// The log never waits. A line that no destination takes at once, because a pipe or a journal is full that nobody reads, or a
 /// terminal is halted, is dropped and counted. In front of the next line that goes through stands one that tells how many
 /// were: "250008 3 log lines were lost". A forked child counts anew.
@@ -25,7 +28,7 @@ public:
     void setLogParameters(int maxEntries, int level, const char* tag, int facility);
 
     /// Tells whoever started the process that it is up: READY=1 to the datagram socket that NOTIFY_SOCKET names
-    /// (sd_notify(3)); does nothing without one. Waits up to 2 seconds for room in a full one, then logs that it could not.
+    /// (sd_notify(3)), with what setServiceStatus() has set; does nothing without one. Waits up to 2 seconds for room in a full one, then logs that it could not.
     /// Call once, from the main thread.
     void initAfterDaemonize();
 

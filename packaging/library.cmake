@@ -8,12 +8,12 @@ set(pkgconfig_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 file(GLOB headers CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/framework/*.h)
 install(FILES ${headers} DESTINATION ${TESS_HEADER_DIR}/framework COMPONENT devel)
 install(TARGETS tess_framework_static tess_framework_shared EXPORT tess-framework-targets
-        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT devel
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT devel
         ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT devel
         INCLUDES DESTINATION ${TESS_HEADER_DIR})
 
 install(EXPORT tess-framework-targets NAMESPACE tess:: DESTINATION ${package_dir} COMPONENT devel)
-configure_file(tess-framework-config.cmake.in tess-framework-config.cmake @ONLY)
+configure_package_config_file(tess-framework-config.cmake.in tess-framework-config.cmake INSTALL_DESTINATION ${package_dir})
 write_basic_package_version_file(${CMAKE_CURRENT_BINARY_DIR}/tess-framework-config-version.cmake
                                  COMPATIBILITY SameMajorVersion)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/tess-framework-config.cmake

@@ -6,7 +6,8 @@
 #                               script. The command may be a function, but set -e has no effect in it: join by &&
 #   check NAME COMMAND...       the same, but a failure is only noted, and returned as status 1
 #   failures                    names of the failed checks, blank-separated
-#   build PRESET [TARGET...]    configures and builds; to be used with step or check
+#   build PRESET [TARGET...]    configures and builds; to be used with step or check. With CI in the environment warnings are
+#                               errors
 
 set -eu
 
@@ -17,7 +18,7 @@ JOBS=$(nproc)
 ROOMS=(framework common connections ports commands daemon examples tools tests)
 PYTHON=/usr/bin/python3 # Debian's, which sees Debian's packages; another one may come first in PATH
 BUILD_PACKAGES=(g++ cmake ninja-build libboost-dev libgtest-dev libgmock-dev libcli11-dev nlohmann-json3-dev
-    libedit-dev python3)
+    libedit-dev pkg-config python3)
 export PYTHONDONTWRITEBYTECODE=1
 failures=
 
@@ -82,6 +83,6 @@ build()
 {
     local preset=$1
     shift
-    cmake --preset "$preset" --log-level=WARNING &&
+    cmake --preset "${CI:+ci-}$preset" --log-level=WARNING &&
         cmake --build --preset "$preset" -j "$JOBS" --target "${@:-all}" -- --quiet
 }

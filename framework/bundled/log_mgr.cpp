@@ -1,24 +1,25 @@
 #include "framework/log_mgr.h"
 
-#include "framework/bundled/log_line.h"
-#include "framework/bundled/log_messages.h"
-#include "framework/bundled/syslog_socket.h"
-#include "framework/bundled/write_at_once.h"
-#include "framework/fd.h"
-#include "framework/fixed_text.h"
-#include "framework/hr_time_out.h"
-
 #include <atomic>
 #include <cerrno>
-#include <cstddef>
+#include <charconv>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
 #include <pthread.h>
 #include <string_view>
-#include <sys/socket.h>
-#include <sys/time.h>
-#include <sys/un.h>
+#include <sys/stat.h>
+#include <system_error>
 #include <unistd.h>
+
+#include "framework/bundled/log_line.h"
+#include "framework/bundled/log_messages.h"
+#include "framework/bundled/log_severity.h"
+#include "framework/bundled/syslog_socket.h"
+#include "framework/bundled/write_at_once.h"
+#include "framework/fd.h"
+#include "framework/fixed_text.h"
+#include "framework/service_manager.h"
 
 constinit TLogMgr logMgr;
 
@@ -30,6 +31,15 @@ enum class Destination : int { standardError, systemLog, both };
 constinit std::atomic<const char*> lineTag{""};
 constinit std::atomic<Destination> destination{Destination::standardError};
 constinit TSyslogSocket syslogSocket;
+
+/// The journal's stream, as the service manager has named it; standard error may be another one by now. The numbers are
+/// written once, before the flag.
+struct JournalStream {
+    dev_t device = 0;
+    ino_t inode = 0;
+    std::atomic<bool> isKnown{false};
+};
+constinit JournalStream journal;
 
 /// Lines that nobody has taken and nobody has been told of.
 constinit std::atomic<unsigned> lostLines{0};
@@ -56,6 +66,26 @@ Destination destinationFromEnvironment()
     return Destination::standardError;
 }
 
+/// JOURNAL_STREAM is two decimal numbers with a colon between (systemd.exec(5)).
+void lookForJournal()
+{
+    const char* const value = std::getenv("JOURNAL_STREAM");
+    const std::string_view stream = value != nullptr ? value : "";
+    const char* const end = stream.data() + stream.size();
+    journal.isKnown.store(false);
+    const auto device = std::from_chars(stream.data(), end, journal.device);
+    if (device.ec != std::errc{} || device.ptr == end || *device.ptr != ':') return;
+    const auto inode = std::from_chars(device.ptr + 1, end, journal.inode);
+    journal.isKnown.store(inode.ec == std::errc{} && inode.ptr == end);
+}
+
+bool journalReadsStandardError()
+{
+    struct stat now {};
+    return journal.isKnown.load() && ::fstat(STDERR_FILENO, &now) == 0 && now.st_dev == journal.device &&
+           now.st_ino == journal.inode;
+}
+
 TLogLine::Time timeNow()
 {
     timespec now{};
@@ -72,6 +102,10 @@ bool logToStandardError(TLogLine::Time time, TTraceMsg id, const char* text)
     TLogLine line;
     const bool afterPiece = lineIsCut.exchange(false);
     if (afterPiece) line.lineEnd();
+    if (journalReadsStandardError()) {
+        const char severity = static_cast<char>(severityOfLine(id, text));
+        line.text("<").text({&severity, 1}).text(">");
+    }
     line.isoTime(time).text(lineTag.load()).text(" ").number(id).text(" ").oneLineText(text).lineEnd();
     const std::size_t written = writeAtOnce(STDERR_FILENO, line.view());
     if (written == line.view().size()) return true;
@@ -111,20 +145,6 @@ bool tellLostLines()
     return false;
 }
 
-/// The socket address that NOTIFY_SOCKET names: a path, or an abstract name after '@' (sd_notify(3)).
-/// @return its length; 0: it names none
-socklen_t notifyAddress(sockaddr_un& address)
-{
-    const char* const value = std::getenv("NOTIFY_SOCKET");
-    const std::string_view name = value != nullptr ? value : "";
-    address.sun_family = AF_UNIX;
-    if (name.size() < 2 || name.size() >= sizeof address.sun_path) return 0;
-    if (name.front() != '/' && name.front() != '@') return 0;
-    putText(address.sun_path, name);
-    if (name.front() == '@') address.sun_path[0] = '\0';
-    return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
-}
-
 } // namespace
 
 // The bundled log has no entry limit, level or facility of its own; a line is written or it is not.
@@ -132,28 +152,18 @@ void TLogMgr::setLogParameters(int /*maxEntries*/, int /*level*/, const char* ta
 {
     lineTag.store(tag != nullptr ? tag : "");
     destination.store(destinationFromEnvironment());
+    lookForJournal();
     if (destination.load() != Destination::standardError) syslogSocket.open();
 }
 
 void TLogMgr::initAfterDaemonize()
 {
-    constexpr std::string_view ready = "READY=1";
-    sockaddr_un manager{};
-    const socklen_t length = notifyAddress(manager);
-    if (length == 0) return;
-    const Fd sock(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    timeval patience{}; // a manager that is busy gets a moment, one that hangs does not hold up the start
-    patience.tv_sec = 1;
-    const bool bounded = ::setsockopt(sock.get(), SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience) == 0;
-    const int flags = bounded ? MSG_NOSIGNAL : MSG_NOSIGNAL | MSG_DONTWAIT;
-    const TOrbHRTimeOut end(patience); // after a signal the kernel reckons its own time anew
-    ssize_t sent = 0;
-    do {
-        sent = ::sendto(sock.get(), ready.data(), ready.size(), flags, reinterpret_cast<const sockaddr*>(&manager),
-                        length);
-    } while (sent < 0 && errno == EINTR && !end.hasTimedOut());
-    const bool full = sent < 0 && (errno == EAGAIN || errno == EINTR); // else it is told, or nobody is there
-    if (full) logMessage(framework_log::managerNotTold, std::getenv("NOTIFY_SOCKET"), std::strerror(EAGAIN));
+    constexpr int patience = 1; // a manager that is busy gets a moment, one that hangs does not hold up the start
+    FixedText<512> state;
+    state << "READY=1";
+    if (!serviceStatus().empty()) state << "\nSTATUS=" << serviceStatus();
+    if (!tellServiceManager(state.view(), patience))
+        logMessage(framework_log::managerNotTold, std::getenv("NOTIFY_SOCKET"), std::strerror(EAGAIN));
 }
 
 void TLogMgr::log(TTraceMsg id, const char* text)

@@ -1,10 +1,5 @@
 #include "framework/bundled/own_queue.h"
 
-#include "framework/bundled/log_messages.h"
-#include "framework/bundled/queue_failure.h"
-#include "framework/fd.h"
-#include "framework/tess_messages.h"
-
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
@@ -18,6 +13,11 @@
 #include <sys/uio.h>
 #include <type_traits>
 #include <unistd.h>
+
+#include "framework/bundled/log_messages.h"
+#include "framework/bundled/queue_failure.h"
+#include "framework/fd.h"
+#include "framework/tess_messages.h"
 
 constinit TOwnQueue ownQueue;
 

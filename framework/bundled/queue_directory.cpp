@@ -1,7 +1,5 @@
 #include "framework/bundled/queue_directory.h"
 
-#include "framework/tess_messages.h"
-
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -16,6 +14,8 @@
 #include <stdexcept>
 #include <sys/stat.h>
 #include <system_error>
+
+#include "framework/tess_messages.h"
 
 namespace {
 

@@ -1,10 +1,5 @@
 #include "framework/bundled/queue_file.h"
 
-#include "framework/bundled/queue_failure.h"
-#include "framework/fd.h"
-#include "framework/hr_time_out.h"
-#include "framework/sleep.h"
-
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
@@ -13,6 +8,11 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/time.h>
+
+#include "framework/bundled/queue_failure.h"
+#include "framework/fd.h"
+#include "framework/hr_time_out.h"
+#include "framework/sleep.h"
 
 namespace {
 

@@ -1,11 +1,11 @@
 #include "framework/queue_mgr.h"
 
+#include <algorithm>
+#include <pthread.h>
+
 #include "framework/bundled/own_queue.h"
 #include "framework/bundled/queue_sender.h"
 #include "framework/tess_messages.h"
-
-#include <algorithm>
-#include <pthread.h>
 
 constinit TQueueMgr g_qMgr;
 

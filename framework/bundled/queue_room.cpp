@@ -1,9 +1,9 @@
 #include "framework/queue_room.h"
 
+#include <sys/socket.h>
+
 #include "framework/bundled/own_queue.h"
 #include "framework/tess_messages.h"
-
-#include <sys/socket.h>
 
 // A socket that sends, as the own one does, is writable whatever its destinations do. One that is connected is not writable
 // while its peer's queue is full (unix(7) does not say so; the kernel's unix_dgram_poll() does).

@@ -1,12 +1,12 @@
 #include "framework/bundled/queue_sender.h"
 
-#include "framework/queue_room.h"
-
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <poll.h>
 #include <sys/socket.h>
+
+#include "framework/queue_room.h"
 
 /// Sleeps until the destination may have room again or the own queue has something to take. When room was reported twice in a row
 /// and there was none, it sleeps for a short time instead, and then trusts the reports again.

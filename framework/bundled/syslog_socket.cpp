@@ -1,9 +1,9 @@
 #include "framework/bundled/syslog_socket.h"
 
-#include "framework/fixed_text.h"
-
 #include <sys/socket.h>
 #include <sys/un.h>
+
+#include "framework/fixed_text.h"
 
 constinit const char* TSyslogSocket::path = "/dev/log";
 

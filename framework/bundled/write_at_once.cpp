@@ -1,8 +1,5 @@
 #include "framework/bundled/write_at_once.h"
 
-#include "framework/fd.h"
-#include "framework/fixed_text.h"
-
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
@@ -12,6 +9,9 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
+
+#include "framework/fd.h"
+#include "framework/fixed_text.h"
 
 namespace {
 

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import os
+import re
 import subprocess
 import sys
 
@@ -35,6 +36,13 @@ def test_without_a_terminal_it_shows_a_command_over_each_port_and_ends():
         ["/tmp/xcp", "s3.ENC", "GETX", "->", "5"],
     ]
     assert done.stdout.endswith("tessd and the example process have stopped.\n")
+
+
+def test_the_first_screen_of_the_readme_is_what_it_prints():
+    with open(os.path.join(settings.PROJECT, "README.md"), encoding="utf-8") as file:
+        (shown,) = re.findall(r"^```console\n\$ scripts/run\n(.*?)^```$", file.read(), re.MULTILINE | re.DOTALL)
+    done = subprocess.run(DEMO, stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=50)
+    assert shown.count(" -> ") == 4 and shown in done.stdout, f"README.md shows\n{shown}\nand the demo prints\n{done.stdout}"
 
 
 def test_a_daemon_that_does_not_start_is_reported():

@@ -15,7 +15,7 @@ from collections.abc import Iterator
 import doc_examples  # of tools/
 import pytest
 import service_manager
-from conftest import PACKAGES, run
+from conftest import PACKAGES, PROJECT, run
 from service_manager import NONE, System
 from terminal import Terminal
 
@@ -27,6 +27,8 @@ pytestmark = [
 
 BOTH_CAPABILITIES = 1 << 10 | 1 << 22  # CAP_NET_BIND_SERVICE, CAP_SYS_BOOT
 SECCOMP_FILTER = "2"
+ALL = ("tessd", "tess-tools", "libtess-framework1", "libtess-dev")
+SETTINGS = "/etc/default/tessd"
 
 
 @pytest.fixture(scope="session")
@@ -39,7 +41,7 @@ def packages(tmp_path_factory: pytest.TempPathFactory) -> pathlib.Path:
     tree = folder / "later"
     run("dpkg-deb", "-R", next(folder.glob("tessd_*.deb")), tree)
     control = (tree / "DEBIAN/control").read_text()
-    (tree / "DEBIAN/control").write_text(re.sub(r"(?m)^Version: .*", "Version: 99.0-1", control))
+    (tree / "DEBIAN/control").write_text(re.sub(r"(?m)^Version: .*", "Version: 99.0", control))
     run("dpkg-deb", "--root-owner-group", "-b", tree, folder / "later_tessd.deb")
     shutil.rmtree(tree)
     return folder
@@ -52,7 +54,11 @@ def system(packages: pathlib.Path) -> Iterator[System]:
 
 
 def install(system: System, *names: str) -> str:
-    return system.run("sh", "-c", "dpkg -i " + " ".join(f"/packages/{name}_*.deb" for name in names or ("tessd", "tess-tools", "libtess-dev")))
+    return system.run("sh", "-c", "dpkg -i " + " ".join(f"/packages/{name}_*.deb" for name in names or ALL))
+
+
+def version(system: System, package: str) -> str:
+    return system.run("dpkg-query", "-W", "-f", "${Version}", package)
 
 
 def main_pid(system: System) -> int:
@@ -202,12 +208,49 @@ def test_it_comes_back_after_a_crash_and_stays_away_after_a_stop(system):
     assert system.run("systemctl", "show", "-P", "Result", "tessd").strip() == "success"
 
 
-@pytest.mark.parametrize("options", ["--nocom2 --notelnet"])
-def test_options_come_from_a_file_of_the_device(system, options):
-    pathlib.Path(system.path("/etc/default/tessd")).write_text(f'TESSD_OPTIONS="{options}"\n')
+def test_options_come_from_a_file_of_the_device_which_an_upgrade_leaves_alone(system):
     install(system, "tessd")
-    command = system.run("cat", f"/proc/{main_pid(system)}/cmdline").split("\0")
-    assert command == ["/usr/sbin/tessd", *options.split(), ""]
+    settings = pathlib.Path(system.path(SETTINGS))
+    explained = settings.read_text()
+    assert not [line for line in explained.splitlines() if line and not line.startswith("#")]
+    options = re.search(r'(?m)^#(TESSD_OPTIONS="(.+)")$', explained)
+    settings.write_text(explained.replace(options[0], options[1]))
+    system.run("systemctl", "restart", "tessd")
+    expected = ["/usr/sbin/tessd", *options[2].split(), ""]
+    assert system.run("cat", f"/proc/{main_pid(system)}/cmdline").split("\0") == expected
+    install(system, "later")
+    assert options[1] in settings.read_text().splitlines()
+    assert system.run("cat", f"/proc/{main_pid(system)}/cmdline").split("\0") == expected
+
+
+def test_the_service_manager_shows_version_and_ports_and_which_lines_are_errors(system):
+    install(system)
+    status = system.run("systemctl", "show", "-P", "StatusText", "tessd").strip()
+    assert status == f"tessd {version(system, 'tessd')}, ports telnet ipc xcp"
+    errors = system.run("journalctl", "-q", "-o", "cat", "-u", "tessd", "-p", "err")
+    assert errors == "", errors
+    system.run("systemctl", "stop", "tessd")
+    by_hand = system.start("/usr/sbin/tessd", "--nocom2", stderr=subprocess.DEVNULL)
+    system.wait(lambda: os.path.exists(system.path("/tmp/socket")), "a daemon started by hand")
+    system.run("systemctl", "start", "tessd", check=False)
+    errors = system.run("journalctl", "-q", "-o", "cat", "-u", "tessd", "-p", "err", "_COMM=tessd").splitlines()
+    assert [re.sub(r".*\[TESS\] (\d+).*", r"\1", line) for line in errors][:2] == ["250001", "51008"], errors
+    assert not [line for line in errors if line.startswith("<")], errors
+    system.end(by_hand)
+
+
+def test_a_watchdog_finds_the_daemon_alive_and_restarts_one_that_hangs(system):
+    drop_in = pathlib.Path(system.path("/etc/systemd/system/tessd.service.d/watchdog.conf"))
+    drop_in.parent.mkdir(parents=True)
+    drop_in.write_text("[Service]\nWatchdogSec=5\n")
+    install(system, "tessd")
+    before = main_pid(system)
+    told = system.run("systemctl", "show", "-P", "WatchdogTimestampMonotonic", "tessd")
+    system.wait(lambda: system.run("systemctl", "show", "-P", "WatchdogTimestampMonotonic", "tessd") != told, "a word of the daemon")
+    assert main_pid(system) == before
+    system.run("sh", "-c", f"kill -STOP {before}")
+    system.wait(lambda: is_active(system) and main_pid(system) not in (0, before), "a daemon started anew")
+    assert Client(system).ask(b"*") == b"0\r\n\r\n"
 
 
 def test_what_a_stranger_has_put_at_the_sockets_paths_does_not_matter(system):
@@ -273,7 +316,7 @@ def test_an_upgrade_restarts_it_under_its_clients(system):
     install(system, "later")
     assert client.recv(100) == b"", "expected the connection to be closed"
     assert is_active(system) and main_pid(system) != before
-    assert system.run("dpkg-query", "-W", "-f", "${Version}", "tessd") == "99.0-1"
+    assert version(system, "tessd") == "99.0"
     # The new one does not know the process: that registers again.
     again = Client(system)
     system.wait(lambda: again.ask(b"s3.ENC GETX") == b"5\r\n\r\n", "the process, registered again")
@@ -305,21 +348,23 @@ def accounts(system: System) -> str:
 
 
 @pytest.mark.parametrize("first_process", [service_manager.SERVICE_MANAGER, NONE], ids=["service manager", "none"])
-def test_a_purge_leaves_nothing(packages, first_process):
+def test_a_purge_leaves_user_and_group_and_nothing_else(packages, first_process):
     with System(packages, first_process) as system:
         before, known = files(system), accounts(system)
         install(system)
-        assert "tess:x:" in accounts(system)
+        served = accounts(system)
+        assert "tess:x:" in served and "tess:x:" not in known
         assert os.path.lexists(system.path("/etc/systemd/system/multi-user.target.wants/tessd.service"))
-        pathlib.Path(system.path("/etc/default/tessd")).write_text("TESSD_OPTIONS=--nocom2\n")
-        system.run("dpkg", "--remove", "tessd", "tess-tools", "libtess-dev")
+        pathlib.Path(system.path(SETTINGS)).write_text("TESSD_OPTIONS=--nocom2\n")
+        system.run("dpkg", "--remove", *ALL)
         if first_process != NONE:
             assert system.run("systemctl", "is-active", "tessd", check=False).strip() == "inactive"
-        assert not os.path.exists(system.path("/tmp/socket"))
-        system.run("dpkg", "--purge", "tessd", "tess-tools", "libtess-dev")
+        system.wait(lambda: not os.path.exists(system.path("/tmp/socket")), "the end of the daemon")
+        assert os.path.exists(system.path(SETTINGS))
+        system.run("dpkg", "--purge", *ALL)
         assert files(system) - before == set()
         assert before - files(system) == set()
-        assert accounts(system) == known
+        assert accounts(system) == served
 
 
 def test_it_may_be_installed_again_after_a_removal(system):
@@ -328,3 +373,45 @@ def test_it_may_be_installed_again_after_a_removal(system):
     install(system, "tessd")
     assert is_active(system)
     assert Client(system).ask(b"*") == b"0\r\n\r\n"
+
+
+def test_where_nobody_manages_services_the_init_script_of_the_package_starts_it(packages):
+    with System(packages, NONE) as system:
+        install(system)
+        system.run("/etc/init.d/tessd", "start")
+        assert "is running" in system.run("/etc/init.d/tessd", "status")
+        assert Client(system).ask(b"*") == b"0\r\n\r\n"
+
+
+def control(package: pathlib.Path, field: str) -> str:
+    return run("dpkg-deb", "-f", package, field).strip()
+
+
+def test_the_packages_depend_on_each_other_and_symbols_for_the_debugger_stand_beside_them():
+    names = {path.name.partition("_")[0]: path for path in PACKAGES.glob("*.deb")}
+    assert "python3-tess" in names
+    with_programs = {"tessd", "tess-tools", "libtess-framework1"}
+    assert set(names) >= set(ALL) | {f"{name}-dbgsym" for name in with_programs}
+    library = control(names["libtess-framework1"], "Version")
+    assert f"libtess-framework1 (= {library})" in control(names["libtess-dev"], "Depends").split(", ")
+
+
+def test_the_symbols_file_has_what_the_library_exports(tmp_path):
+    library = next(PACKAGES.glob("libtess-framework1_*.deb"))
+    run("dpkg-deb", "-R", library, tmp_path)
+    listed = set(re.findall(r"(?m)^ (\S+)@TESS_FRAMEWORK_1 ", (tmp_path / "DEBIAN/symbols").read_text()))
+    exported = {line.split()[-1].partition("@")[0] for line in run("nm", "-D", "--defined-only", next(tmp_path.rglob("*.so.1"))).splitlines()}
+    assert listed == exported
+    source = (PROJECT / "debian/libtess-framework1.symbols").read_text()
+    named = set(re.findall(r'(?m)^ (?:\(c\+\+(?:\|arch-bits=64)?\)"(.*)|(\w+))@TESS_FRAMEWORK_1', source))
+    demangled = set(run("c++filt", *sorted(exported)).splitlines())
+    assert {cpp or plain for cpp, plain in named} == demangled
+
+
+def test_the_copyright_file_says_who_and_that_no_licence_has_been_granted(tmp_path):
+    run("dpkg-deb", "-x", next(PACKAGES.glob("tessd_*.deb")), tmp_path)
+    text = (tmp_path / "usr/share/doc/tessd/copyright").read_text()
+    fields = dict(re.findall(r"(?m)^([A-Z][\w-]*): (.*)$", text))
+    assert fields["Format"] == "https://www.debian.org/doc/packaging-manuals/copyright-format/1.0/"
+    assert re.fullmatch(r"\d{4}(-\d{4})? the tessd maintainers", fields["Copyright"])
+    assert "No licence has been granted yet" in text

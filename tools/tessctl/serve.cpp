@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "framework/fd.h"
+#include "framework/log_mgr.h"
 #include "framework/reply_text.h"
 #include "framework/tess_messages.h"
 #include "tools/tessctl/daemon_client.h"
@@ -158,6 +159,7 @@ public:
           answerer_(daemon_, options)
     {
         say(options.name + " is served at address " + std::to_string(daemon_.queueId()));
+        logMgr.initAfterDaemonize(); // for the service manager, if one has started it
     }
 
     void serve()

@@ -1,0 +1,169 @@
+#include "framework/service_manager.h"
+
+#include "tests/support/log_capture.h"
+#include "framework/bundled/log_messages.h"
+#include "tests/support/raw_socket.h"
+#include "tests/support/temp_dir.h"
+
+#include <cstdlib>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <string>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+namespace {
+
+using testing::HasSubstr;
+using testing::MatchesRegex;
+using testing::Not;
+
+class ServiceManager : public testing::Test {
+protected:
+    ServiceManager() { ::setenv("NOTIFY_SOCKET", path_.c_str(), 1); }
+    ~ServiceManager() override
+    {
+        for (const char* name : {"NOTIFY_SOCKET", "WATCHDOG_USEC", "WATCHDOG_PID", "JOURNAL_STREAM"})
+            ::unsetenv(name);
+        setServiceStatus("");
+        setLogSeverities(nullptr);
+        logMgr.setLogParameters(128, 6, "", 4);
+    }
+
+    /// What the manager hears of a watchdog that is started with this, and then used at once.
+    std::string heard(const char* microseconds, const std::string& pid) const
+    {
+        ::setenv("WATCHDOG_USEC", microseconds, 1);
+        ::setenv("WATCHDOG_PID", pid.c_str(), 1);
+        TServiceWatchdog().alive();
+        return manager_.receiveNow();
+    }
+
+    TTempDir dir_;
+    std::string path_ = dir_ / "notify";
+    TRawSocket manager_{path_};
+};
+
+constexpr const char* NOTHING = "<nothing there>";
+
+TEST_F(ServiceManager, HearsTheStatusWithTheNewsThatTheProcessIsUp)
+{
+    setServiceStatus("tessd 1.0.0, ports ipc");
+    logMgr.initAfterDaemonize();
+    EXPECT_EQ("READY=1\nSTATUS=tessd 1.0.0, ports ipc", manager_.receive());
+}
+
+TEST_F(ServiceManager, HearsOfTheWatchdogOnlyWhenItAsksForIt)
+{
+    const std::string mine = std::to_string(::getpid());
+    EXPECT_EQ("WATCHDOG=1", heard("3000000", mine));
+    EXPECT_EQ("WATCHDOG=1", heard("3000000", ""));
+    EXPECT_EQ(NOTHING, heard("3000000", "1")) << "somebody else is meant";
+    for (const char* wrong : {"", "0", "-5", "soon", "3000000x"})
+        EXPECT_EQ(NOTHING, heard(wrong, mine)) << wrong;
+    ::unsetenv("WATCHDOG_USEC");
+    TServiceWatchdog().alive();
+    EXPECT_EQ(NOTHING, manager_.receiveNow());
+}
+
+TEST_F(ServiceManager, IsNotToldMoreOftenThanItNeeds)
+{
+    ::setenv("WATCHDOG_USEC", "600000000", 1);
+    TServiceWatchdog rare;
+    rare.alive();
+    EXPECT_EQ("WATCHDOG=1", manager_.receiveNow());
+    for (int i = 0; i < 1000; ++i)
+        rare.alive();
+    EXPECT_EQ(NOTHING, manager_.receiveNow());
+    ::setenv("WATCHDOG_USEC", "3000", 1);
+    TServiceWatchdog often;
+    for (int i = 0; i < 3; ++i) {
+        often.alive();
+        EXPECT_EQ("WATCHDOG=1", manager_.receiveNow());
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+}
+
+TEST_F(ServiceManager, HearsNothingOfAForkedChild)
+{
+    ::setenv("WATCHDOG_USEC", "3000000", 1);
+    TServiceWatchdog watchdog;
+    const pid_t child = ::fork();
+    if (child == 0) {
+        watchdog.alive();
+        ::_exit(0);
+    }
+    int status = -1;
+    ASSERT_EQ(child, ::waitpid(child, &status, 0));
+    EXPECT_EQ(NOTHING, manager_.receiveNow());
+}
+
+TEST_F(ServiceManager, IsNotWaitedForByTheWatchdog)
+{
+    const TRawSocket busy;
+    while (busy.sendTo(path_, "STATUS=", 7)) {
+    }
+    EXPECT_FALSE(tellServiceManager("WATCHDOG=1", 0));
+}
+
+/// The journal's stream as it is named for the standard error of this moment.
+std::string streamOfStandardError()
+{
+    struct stat now {};
+    ::fstat(STDERR_FILENO, &now);
+    return std::to_string(now.st_dev) + ':' + std::to_string(now.st_ino);
+}
+
+LogSeverity oddIsAnError(TTraceMsg id, const char* text)
+{
+    if (text == std::string_view("beware")) return LogSeverity::warning;
+    return id % 2 == 1 ? LogSeverity::error : LogSeverity::information;
+}
+
+TEST_F(ServiceManager, GetsTheSeverityInFrontOfLinesToTheJournal)
+{
+    struct {
+        TTraceMsg id;
+        const char* text;
+        const char* begin;
+    } const rows[] = {
+        {1, "x", "<3>2"},
+        {2, "x", "<6>2"},
+        {2, "beware", "<4>2"},
+        {LOG_QUEUE_NOT_OPENED, "x", "<3>2"},
+        {LOG_DATAGRAM_DROPPED, "x", "<4>2"},
+        {LOG_MANAGER_NOT_TOLD, "x", "<4>2"},
+        {LOG_LINES_LOST, "x", "<4>2"},
+    };
+    setLogSeverities(oddIsAnError);
+    for (const auto& row : rows) {
+        const LogCapture captured;
+        ::setenv("JOURNAL_STREAM", streamOfStandardError().c_str(), 1);
+        logMgr.setLogParameters(128, 6, "", 4);
+        logMgr.log(row.id, row.text);
+        EXPECT_EQ(row.begin, captured.text().substr(0, 4)) << row.id << ' ' << row.text;
+    }
+}
+
+TEST_F(ServiceManager, FindsPlainLinesWhereStandardErrorIsNotTheJournal)
+{
+    const LogCapture journal;
+    for (const char* wrong : {"", "1", "1:", ":1", "x:1", "1:x", "1:1"}) {
+        ::setenv("JOURNAL_STREAM", wrong, 1);
+        logMgr.setLogParameters(128, 6, "", 4);
+        logMgr.log(1, "x");
+    }
+    EXPECT_THAT(journal.text(), Not(HasSubstr("<")));
+    const std::string stream = streamOfStandardError();
+    ::setenv("JOURNAL_STREAM", stream.c_str(), 1);
+    logMgr.setLogParameters(128, 6, "", 4);
+    // The same process, but standard error is turned elsewhere.
+    const LogCapture elsewhere;
+    ASSERT_NE(stream, streamOfStandardError());
+    logMgr.log(1, "x");
+    EXPECT_THAT(elsewhere.text(), MatchesRegex("2[^<]* 1 x\n"));
+}
+
+} // namespace
