@@ -1,11 +1,6 @@
 // Stands on what the headers of framework/ declare and on nothing else, so that it goes with any library that has that.
 #include "framework/command_process.h"
 
-#include "framework/fixed_text.h"
-#include "framework/log_mgr.h"
-#include "framework/queue_mgr.h"
-#include "framework/reply_text.h"
-
 #include <array>
 #include <csignal>
 #include <cstring>
@@ -13,6 +8,11 @@
 #include <span>
 #include <unistd.h>
 #include <utility>
+
+#include "framework/fixed_text.h"
+#include "framework/log_mgr.h"
+#include "framework/queue_mgr.h"
+#include "framework/reply_text.h"
 
 namespace {
 

@@ -1,15 +1,15 @@
 #pragma once
 
-#include "framework/hr_time_out.h"
-#include "framework/msg_dmn.h"
-#include "framework/orb_attachment_msg.h"
-#include "framework/tess_messages.h"
-
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <string>
 #include <string_view>
+
+#include "framework/hr_time_out.h"
+#include "framework/msg_dmn.h"
+#include "framework/orb_attachment_msg.h"
+#include "framework/tess_messages.h"
 
 /// A process of the device that takes commands: it registers with tessd under a name, and answers what tessd forwards to it.
 ///

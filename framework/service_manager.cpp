@@ -1,8 +1,5 @@
 #include "framework/service_manager.h"
 
-#include "framework/fixed_text.h"
-#include "framework/hr_time_out.h"
-
 #include <atomic>
 #include <cerrno>
 #include <charconv>
@@ -14,6 +11,9 @@
 #include <sys/un.h>
 #include <system_error>
 #include <unistd.h>
+
+#include "framework/fixed_text.h"
+#include "framework/hr_time_out.h"
 
 namespace {
 

@@ -1,10 +1,10 @@
 #pragma once
 
-#include "framework/log_mgr.h"
-
 #include <chrono>
 #include <string_view>
 #include <sys/types.h>
+
+#include "framework/log_mgr.h"
 
 /// What a process and the service manager that started it have to do with each other beyond TLogMgr (sd_notify(3),
 /// systemd.exec(5)). The same whatever library implements the framework; without a service manager nothing of it does anything.

@@ -63,8 +63,9 @@ class Program:
         self.name = name
         self.log = f"/tmp/{name}.log"
         with open(self.log, "wb") as log:
-            self._process = subprocess.Popen([os.path.join(folder, name)], stdin=subprocess.DEVNULL, stdout=log,
-                                             stderr=log, env=os.environ | environment)
+            self._process = subprocess.Popen(
+                [os.path.join(folder, name)], stdin=subprocess.DEVNULL, stdout=log, stderr=log, env=os.environ | environment
+            )
 
     def check_alive(self) -> None:
         if self._process.poll() is not None:
@@ -125,13 +126,15 @@ def shell(folder: str) -> None:
     """An interactive shell inside; comes back when the user leaves it."""
     tools = os.path.dirname(os.path.realpath(__file__))
     with open(RC_FILE, "w", encoding="utf-8") as file:
-        file.write(f"""\
+        file.write(
+            f"""\
 PATH='{os.path.abspath(folder)}':$PATH
 ask() {{ '{sys.executable}' '{tools}/ask.py' "$@"; }}
 com2() {{ picocom --nolock --omap delbs --echo --emap crcrlf,delbs '{ask.SERIAL_TERMINAL}'; }}
 export PYTHONPATH='{os.path.dirname(tools)}/python'
 PS1='[inside the device] \\w\\$ '
-""")
+"""
+        )
     print("This is a shell inside the device. 'exit' stops everything and leads back.\n", flush=True)
     subprocess.run(["bash", "--noprofile", "--rcfile", RC_FILE, "-i"], check=False)
 

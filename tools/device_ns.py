@@ -207,8 +207,13 @@ def _furnish_dev() -> None:
     _mount("devpts", "/dev/pts", "devpts", MS_NOSUID | MS_NOEXEC, "newinstance,ptmxmode=0666,mode=620")
     os.mkdir("/dev/shm")
     os.chmod("/dev/shm", 0o1777)
-    for name, what in (("ptmx", "pts/ptmx"), ("fd", "/proc/self/fd"), ("stdin", "/proc/self/fd/0"),
-                       ("stdout", "/proc/self/fd/1"), ("stderr", "/proc/self/fd/2")):
+    for name, what in (
+        ("ptmx", "pts/ptmx"),
+        ("fd", "/proc/self/fd"),
+        ("stdin", "/proc/self/fd/0"),
+        ("stdout", "/proc/self/fd/1"),
+        ("stderr", "/proc/self/fd/2"),
+    ):
         os.symlink(what, f"/dev/{name}")
 
 
@@ -305,8 +310,13 @@ def _run_command(command: list[str], directory: str | None) -> int:
 def main() -> int:
     parser = argparse.ArgumentParser(description="Runs a command in private namespaces that look like the device.")
     parser.add_argument("--hostname", default="s3", help="host name inside (default: %(default)s)")
-    parser.add_argument("--keep", action="append", default=[], metavar="PATH",
-                        help="a path under /tmp or /run that must stay reachable; may be repeated")
+    parser.add_argument(
+        "--keep",
+        action="append",
+        default=[],
+        metavar="PATH",
+        help="a path under /tmp or /run that must stay reachable; may be repeated",
+    )
     parser.add_argument("--cwd", metavar="DIR", help="working directory inside (default: the present one)")
     parser.add_argument("command", nargs="+", metavar="COMMAND", help="what to run, with its arguments, after --")
     options = parser.parse_args()

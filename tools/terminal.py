@@ -27,9 +27,15 @@ class Terminal:
         self._master, slave = os.openpty()
         try:
             fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 24, 80, 0, 0))
-            self.process = subprocess.Popen(command, stdin=slave, stdout=slave, stderr=slave, start_new_session=True,
-                                            env=environment,
-                                            preexec_fn=lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0))
+            self.process = subprocess.Popen(
+                command,
+                stdin=slave,
+                stdout=slave,
+                stderr=slave,
+                start_new_session=True,
+                env=environment,
+                preexec_fn=lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0),
+            )
         except BaseException:
             os.close(self._master)
             raise
@@ -41,7 +47,7 @@ class Terminal:
     def type(self, keys: bytes) -> None:
         """Presses keys; Enter is a carriage return."""
         while keys:
-            keys = keys[os.write(self._master, keys):]
+            keys = keys[os.write(self._master, keys) :]
 
     def wait_for(self, text: bytes, seconds: float) -> bytes:
         """Returns what has come on the screen since the last call, up to and with `text`."""

@@ -31,7 +31,7 @@ def output_of(command: list[str], directory: str) -> str:
 def included(entry: dict[str, str]) -> list[str]:
     """The file and what it includes, without the system's headers."""
     words = shlex.split(entry["command"])
-    del words[words.index("-o"):words.index("-o") + 2]
+    del words[words.index("-o") : words.index("-o") + 2]
     rule = output_of([*words, "-MM", "-MF", "-"], entry["directory"])
     names = rule.partition(":")[2].replace("\\\n", " ").split()
     return [os.path.join(entry["directory"], name) for name in names]
@@ -57,8 +57,13 @@ def passes(entry: dict[str, str], build: str, common: bytes, checks: list[str]) 
         return False  # does not compile; the compiler has said why
     if os.path.exists(mark):
         return True
-    result = subprocess.run([*TIDY, *checks, "-p", f"{build}/tidy", entry["file"]], check=False, text=True, stdout=subprocess.PIPE,
-                            stderr=subprocess.PIPE)
+    result = subprocess.run(
+        [*TIDY, *checks, "-p", f"{build}/tidy", entry["file"]],
+        check=False,
+        text=True,
+        stdout=subprocess.PIPE,
+        stderr=subprocess.PIPE,
+    )
     if result.returncode == 0:
         open(mark, "w", encoding="ascii").close()
         return True

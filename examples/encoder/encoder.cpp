@@ -1,10 +1,10 @@
 #include "encoder.h"
 
-#include "framework/tokenizer.h"
-
 #include <charconv>
 #include <system_error>
 #include <vector>
+
+#include "framework/tokenizer.h"
 
 namespace {
 

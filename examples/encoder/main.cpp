@@ -1,14 +1,13 @@
-#include "encoder.h"
-
-#include "framework/command_process.h"
-#include "framework/log_mgr.h"
-#include "framework/tess_messages.h"
-
 #include <charconv>
 #include <iostream>
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
+
+#include "encoder.h"
+#include "framework/command_process.h"
+#include "framework/log_mgr.h"
+#include "framework/tess_messages.h"
 
 namespace {
 

@@ -1,10 +1,10 @@
 #pragma once
 
-#include "framework/fixed_text.h"
-
 #include <chrono>
 #include <cstddef>
 #include <string_view>
+
+#include "framework/fixed_text.h"
 
 /// One log line, composed in place: no lock, no allocation, only what signal-safety(7) allows.
 /// What does not fit is cut; room for the line end is always kept.

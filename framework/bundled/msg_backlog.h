@@ -1,8 +1,8 @@
 #pragma once
 
-#include "framework/orb_attachment_msg.h"
-
 #include <cstddef>
+
+#include "framework/orb_attachment_msg.h"
 
 /// Records that arrived while their receiver was waiting to send, in order of arrival.
 /// Threads: no lock of its own; the caller's lock guards it.

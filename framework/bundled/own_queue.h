@@ -1,13 +1,13 @@
 #pragma once
 
+#include <atomic>
+#include <mutex>
+#include <sys/types.h>
+
 #include "framework/bundled/msg_backlog.h"
 #include "framework/bundled/queue_directory.h"
 #include "framework/bundled/queue_file.h"
 #include "framework/orb_attachment_msg.h"
-
-#include <atomic>
-#include <mutex>
-#include <sys/types.h>
 
 /// The queue that this process receives at, once it is open, and the socket that it sends from, open or not.
 /// Trivially destructible: a thread that outlives main() may use it while the process ends.

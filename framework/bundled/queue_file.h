@@ -1,8 +1,8 @@
 #pragma once
 
-#include "framework/bundled/queue_directory.h"
-
 #include <sys/types.h>
+
+#include "framework/bundled/queue_directory.h"
 
 /// The socket file of an open queue: while it is there and a process has the socket, the queue's address is taken. Whoever makes
 /// or removes one holds the queue directory locked meanwhile (flock(2)), so that two processes cannot both find an address free.

@@ -1,12 +1,12 @@
 #pragma once
 
-#include "framework/bundled/own_queue.h"
-#include "framework/orb_attachment_msg.h"
-#include "framework/queue_mgr.h"
-
 #include <chrono>
 #include <cstddef>
 #include <sys/un.h>
+
+#include "framework/bundled/own_queue.h"
+#include "framework/orb_attachment_msg.h"
+#include "framework/queue_mgr.h"
 
 /// One record on its way to one queue.
 /// Threads: an object belongs to one thread; several may wait at once.

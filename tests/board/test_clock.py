@@ -14,7 +14,9 @@ DELAY = 20
 def pending(board) -> list[int]:
     """The seconds that the list of delays shows, one for each."""
     shown = shell(board, "tessctl send DELAY")
-    return [int(h) * 3600 + int(m) * 60 + int(s) for h, m, s in re.findall(r"^(\d{3}):(\d\d):(\d\d)\.\d{3} ", shown, re.MULTILINE)]
+    return [
+        int(h) * 3600 + int(m) * 60 + int(s) for h, m, s in re.findall(r"^(\d{3}):(\d\d):(\d\d)\.\d{3} ", shown, re.MULTILINE)
+    ]
 
 
 def set_date(board, by: int) -> None:

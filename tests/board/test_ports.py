@@ -47,11 +47,20 @@ def test_everything_works_that_can_be_seen_from_the_board(board):
     assert len(re.findall(r"^ok ", shown, re.MULTILINE)) == 6, shown
 
 
-@pytest.mark.parametrize(("program", "answer"), [("sh -c 'echo half; exit 3'", "Error: sh ended with status 3"),
-                                                 ("/nowhere/at-all", "Error: /nowhere/at-all: No such file or directory"),
-                                                 ("/etc/passwd", "Error: /etc/passwd: Permission denied"), ("cat", "X")])
+@pytest.mark.parametrize(
+    ("program", "answer"),
+    [
+        ("sh -c 'echo half; exit 3'", "Error: sh ended with status 3"),
+        ("/nowhere/at-all", "Error: /nowhere/at-all: No such file or directory"),
+        ("/etc/passwd", "Error: /etc/passwd: Permission denied"),
+        ("cat", "X"),
+    ],
+)
 def test_a_process_of_the_device_that_is_a_program(board, program, answer):
-    shell(board, f"tessctl serve PROGRAM -- {program} >/tmp/serve.log 2>&1 & until grep -q 'is served' /tmp/serve.log; do sleep 1; done")
+    shell(
+        board,
+        f"tessctl serve PROGRAM -- {program} >/tmp/serve.log 2>&1 & until grep -q 'is served' /tmp/serve.log; do sleep 1; done",
+    )
     assert answer + "\n" in shell(board, "tessctl send 's3.PROGRAM X'")
 
 

@@ -68,8 +68,11 @@ def test_everybody_is_served_until_the_restart(board):
 
 
 def test_a_re_initialisation_runs_first(board):
-    shell(board, "mkdir -p /usr/lib/tess && printf '#!/bin/sh\\necho re-initialised >/dev/console\\n' >/usr/lib/tess/version-reinit && "
-          "chmod +x /usr/lib/tess/version-reinit")
+    shell(
+        board,
+        "mkdir -p /usr/lib/tess && printf '#!/bin/sh\\necho re-initialised >/dev/console\\n' >/usr/lib/tess/version-reinit && "
+        "chmod +x /usr/lib/tess/version-reinit",
+    )
     with Telnet(board) as telnet:
         telnet.send(b"RESET REINIT s3\r\n")
         shown = board.console.wait_for(BOOT, SECONDS)

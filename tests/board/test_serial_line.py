@@ -19,8 +19,27 @@ TICKS_A_SECOND = 100
 
 def test_it_is_set_as_it_must_be(board):
     settings = shell(board, "stty -F /dev/ttyS1 -a")
-    for word in ("speed 38400 baud", "cs8", "-parenb", "-cstopb", "cread", "clocal", "-crtscts", "ignpar", "-inpck", "icrnl", "-ixon", "ixoff",
-                 "icanon", "-echo", "-isig", "erase = ^H", "kill = ^W", "opost", "-onlcr"):
+    for word in (
+        "speed 38400 baud",
+        "cs8",
+        "-parenb",
+        "-cstopb",
+        "cread",
+        "clocal",
+        "-crtscts",
+        "ignpar",
+        "-inpck",
+        "icrnl",
+        "-ixon",
+        "ixoff",
+        "icanon",
+        "-echo",
+        "-isig",
+        "erase = ^H",
+        "kill = ^W",
+        "opost",
+        "-onlcr",
+    ):
         assert re.search(rf"(^|[ ;]){re.escape(word)}($|[ ;])", settings, re.MULTILINE), f"{word} is missing in\n{settings}"
 
 
@@ -54,7 +73,10 @@ def test_a_line_that_takes_nothing_loses_no_answers_and_holds_nobody(board):
     # The far end holds the line by taking nothing, as one that has sent XOFF to a line with flow control does.
     asked = 6
     last = 1000 + ANSWER_LINES
-    shell(board, f"tessctl serve BIG -- seq 1001 {last} 2>/dev/null & until tessctl send 's3.BIG X' | grep -q 1001; do sleep 1; done")
+    shell(
+        board,
+        f"tessctl serve BIG -- seq 1001 {last} 2>/dev/null & until tessctl send 's3.BIG X' | grep -q 1001; do sleep 1; done",
+    )
     answer = b"".join(b"%d\r\n" % line for line in range(1001, last + 1)) + b"\r\n"
     with Telnet(board) as telnet:
         for _ in range(asked):

@@ -5,15 +5,22 @@ from __future__ import annotations
 import pytest
 from users import CLOSING_ALL, SECONDS, Telnet, shell, type_on_line
 
-PORTS_CLOSED = (b"36102 COM2 port closed", b"6001 telnet port closed", b"36105 XCP Socket port closed", b"36105 Socket port closed",
-                b"51001 Normal application exit")
+PORTS_CLOSED = (
+    b"36102 COM2 port closed",
+    b"6001 telnet port closed",
+    b"36105 XCP Socket port closed",
+    b"36105 Socket port closed",
+    b"51001 Normal application exit",
+)
 ENDS = {"the init script": "/etc/init.d/tessd stop", "a stop message": "tessctl stop"}
 
 
 @pytest.mark.parametrize("how", ENDS)
 def test_a_stop_with_clients_connected_closes_everything(board, how):
     type_on_line(board, b"s3.ENC GETX", b"0\r\n\r\n")
-    shell(board, "mknod /tmp/pipe p; (tessctl console </tmp/pipe; echo gone >/tmp/console.ended) & exec 7>/tmp/pipe; echo '*' >&7")
+    shell(
+        board, "mknod /tmp/pipe p; (tessctl console </tmp/pipe; echo gone >/tmp/console.ended) & exec 7>/tmp/pipe; echo '*' >&7"
+    )
     client, in_login = Telnet(board), Telnet(board, log_in=False)
     in_login.give_name(within=SECONDS)
     board.console.rest()

@@ -91,7 +91,10 @@ def test_in_its_shell_every_port_can_be_tried_by_hand():
             newcomer.expect(PROMPT)
         newcomer.type(b"python3 examples/echo.py &\r")
         newcomer.expect(b"registered at tessd as ECHO\r\n")
-        for line, answer in ((b"tessctl send 's3.ECHO hello'", b"\rhello\r\n"), (b"kill $!; wait $!; echo 'en'ded", b"ended\r\n")):
+        for line, answer in (
+            (b"tessctl send 's3.ECHO hello'", b"\rhello\r\n"),
+            (b"kill $!; wait $!; echo 'en'ded", b"ended\r\n"),
+        ):
             newcomer.type(line + b"\r")
             newcomer.expect(answer)
         newcomer.type(b"exit\r")

@@ -49,7 +49,9 @@ class Encoder:
     def __init__(self, command: list[str], stderr: int | None = None, **options: object) -> None:
         with open("/tmp/encoder.log", "ab") as log:
             options["env"] = {"PYTHONPATH": PYTHON_MODULE} | dict(options.get("env") or os.environ)
-            self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stderr=log if stderr is None else stderr, **options)
+            self.process = subprocess.Popen(
+                command, stdin=subprocess.DEVNULL, stderr=log if stderr is None else stderr, **options
+            )
         self._pidfd = os.pidfd_open(self.process.pid)
 
     def log(self) -> str:

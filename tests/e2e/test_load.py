@@ -76,9 +76,7 @@ def test_bursts_to_several_processes_at_once_are_all_answered(tessd):
 
     with Clients() as clients:
         for number in (1, 2, 3):
-            clients.enter_context(
-                AnsweringProcess(2000 + number, b"P%d" % number, lambda _command, n=number: b"p%d\n" % n)
-            )
+            clients.enter_context(AnsweringProcess(2000 + number, b"P%d" % number, lambda _command, n=number: b"p%d\n" % n))
         members = [clients.enter_context(IpcClient()) for _ in range(6)]
         clients.run(*(lambda c=client: talk(c) for client in members))
         for client in members:

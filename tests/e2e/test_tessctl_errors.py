@@ -68,7 +68,9 @@ def test_a_queue_of_its_own_that_cannot_be_read(tessd):
 
 @tessctl.needs_tracer
 @pytest.mark.parametrize(
-    "command, path", [(["send", "*"], settings.IPC_PATH), (["close"], DAEMON_QUEUE), (["ping", "telnet"], "127.0.0.1:23")], ids=str
+    "command, path",
+    [(["send", "*"], settings.IPC_PATH), (["close"], DAEMON_QUEUE), (["ping", "telnet"], "127.0.0.1:23")],
+    ids=str,
 )
 def test_a_process_that_may_open_no_more_files(tessd, command, path):
     command = [*tessctl.tampered("socket", "error=EMFILE"), tessctl.PROGRAM, *command]
@@ -191,7 +193,9 @@ def test_a_serial_line_that_nobody_has_open():
     os.chmod(settings.SERIAL_LINE, 0o666)
     with open(settings.SERIAL_LINE, "rb") as line, subprocess.Popen(["sleep", "1000"], stdin=line, **STRANGER) as other:
         output = tessctl.run("ping", "com2", **STRANGER).expect(DONE, errors="").output
-        assert output.startswith(f"/dev/ttyS1 is open in sleep ({other.pid}); root could see whether other programs have it open, too ("), output
+        assert output.startswith(
+            f"/dev/ttyS1 is open in sleep ({other.pid}); root could see whether other programs have it open, too ("
+        ), output
         other.kill()
 
 
@@ -216,7 +220,9 @@ def test_a_daemon_that_does_not_stop():
 
 
 def test_a_daemon_that_goes_while_a_program_runs_loses_its_answer(tessd):
-    with tessctl.serving("P", "sh", "-c", "touch /tmp/begun; until [ -e /tmp/go ]; do sleep 0.05; done") as serve, IpcClient() as client:
+    with tessctl.serving(
+        "P", "sh", "-c", "touch /tmp/begun; until [ -e /tmp/go ]; do sleep 0.05; done"
+    ) as serve, IpcClient() as client:
         client.send(b"s3.P go\n")
         wait_until(lambda: os.path.exists("/tmp/begun"), "the program runs", 10)
         tessd.stop()

@@ -38,7 +38,9 @@ def calls() -> list[str]:
         return file.read().splitlines()
 
 
-@pytest.mark.parametrize("host", [["-H", "me@device"], ["-Hme@device"], ["--host", "me@device"], ["--host=me@device"]], ids=" ".join)
+@pytest.mark.parametrize(
+    "host", [["-H", "me@device"], ["-Hme@device"], ["--host", "me@device"], ["--host=me@device"]], ids=" ".join
+)
 def test_a_command_is_run_there(echo, ssh, host):
     tessctl.run("send", *host, "s3.ECHO it's $HOME", env=ssh).expect(DONE, "it's $HOME\n", "")
     tessctl.run(*host, "send", "*", env=ssh).expect(DONE, "0\n", "")
@@ -64,7 +66,9 @@ def test_the_status_is_that_of_the_command_there(tessd, ssh):
     tessctl.run("close", "-H", "device", env=ssh).expect(NO_CONNECTION, "")
 
 
-@pytest.mark.parametrize("command", ["check", "ping", "close", "listen", "stop", "serve", "com2", "reset", "help", "console", "send"])
+@pytest.mark.parametrize(
+    "command", ["check", "ping", "close", "listen", "stop", "serve", "com2", "reset", "help", "console", "send"]
+)
 def test_every_command_can_be_run_there(ssh, command):
     with open("/tmp/bin/ssh", "w", encoding="ascii") as program:
         program.write('#!/bin/sh\necho "$*" >>/tmp/ssh.calls\nexit 7\n')
@@ -74,7 +78,9 @@ def test_every_command_can_be_run_there(ssh, command):
 
 
 def test_the_console_gets_a_terminal_there(tessd, ssh):
-    terminal = Terminal("/usr/bin/env", "ASAN_OPTIONS=detect_leaks=0", f"PATH={ssh['PATH']}", tessctl.PROGRAM, "console", "-H", "device")
+    terminal = Terminal(
+        "/usr/bin/env", "ASAN_OPTIONS=detect_leaks=0", f"PATH={ssh['PATH']}", tessctl.PROGRAM, "console", "-H", "device"
+    )
     terminal.expect(b"tess> ")
     terminal.type(b"\x04")
     assert terminal.expect_end() == DONE
@@ -82,6 +88,8 @@ def test_the_console_gets_a_terminal_there(tessd, ssh):
 
 
 def test_without_ssh_it_says_what_is_missing():
-    run = subprocess.run([tessctl.PROGRAM, "check", "-H", "device"], env={"PATH": "/nowhere"}, capture_output=True, text=True, check=False)
+    run = subprocess.run(
+        [tessctl.PROGRAM, "check", "-H", "device"], env={"PATH": "/nowhere"}, capture_output=True, text=True, check=False
+    )
     assert run.stderr == "tessctl: ssh: No such file or directory: -H wants ssh, of the package openssh-client\n", run
     assert run.returncode == NO_CONNECTION, run

@@ -156,7 +156,9 @@ def test_com2_says_when_the_line_did_not_take_it(tessd):
         "tessctl: /dev/ttyS1: tessd has not written the text: is there a second serial line, does its far end read, and does"
         " tessd run with the COM2 port?\n",
     )
-    tessctl.run("com2", "x" * 8175).expect(WRONG_USAGE, "", "tessctl: the text is too long, the limit is 8176 bytes with its line end\n")
+    tessctl.run("com2", "x" * 8175).expect(
+        WRONG_USAGE, "", "tessctl: the text is too long, the limit is 8176 bytes with its line end\n"
+    )
     tessctl.run("com2").expect(WRONG_USAGE, "")
 
 

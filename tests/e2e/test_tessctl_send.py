@@ -115,7 +115,9 @@ def test_answers_in_json_belong_to_their_lines(echo):
 def test_a_line_without_an_answer_is_reported_in_json_too(tessd):
     with QueueProcess(2002) as process:
         process.register(b"SILENT")
-        result = tessctl.run("send", "--json", "--wait", "0.5", "s3.SILENT X").expect(NO_ANSWER, errors=NO_ANSWER_WITHIN.format(0.5))
+        result = tessctl.run("send", "--json", "--wait", "0.5", "s3.SILENT X").expect(
+            NO_ANSWER, errors=NO_ANSWER_WITHIN.format(0.5)
+        )
         report = json.loads(result.output)
         assert report["answers"] == [] and report["refused"] is False and report["milliseconds"] >= 500, report
 
@@ -256,7 +258,9 @@ def test_a_daemon_that_does_not_read_is_not_waited_for_without_end(tessd):
 
 @pytest.mark.parametrize("line", ["s3.ECHO A\rs3.ECHO B", "A\0B", "A\r\rB\r"], ids=repr)
 def test_a_line_that_the_daemon_would_cut_is_not_sent(echo, line):
-    would_be_cut = "tessctl: a line with a carriage return or a NUL in it would become two commands: send them as lines of their own\n"
+    would_be_cut = (
+        "tessctl: a line with a carriage return or a NUL in it would become two commands: send them as lines of their own\n"
+    )
     tessctl.run("send", lines="s3.ECHO 1\n" + line).expect(WRONG_USAGE, "1\n", would_be_cut)
     if "\0" not in line:
         tessctl.run("send", "s3.ECHO 1", line).expect(WRONG_USAGE, "", would_be_cut)

@@ -85,7 +85,9 @@ def test_a_program_that_prints_without_end_is_stopped_at_its_limits(tessd):
 @tessctl.needs_tracer
 def test_an_old_kernel_that_has_no_descriptors_for_processes_will_do(tessd):
     launcher = tessctl.tampered("pidfd_open", "error=ENOSYS")
-    with tessctl.serving("CAT", "sh", "-c", "cat; exit 3", options=("--timeout", "100"), launcher=launcher), IpcClient() as client:
+    with tessctl.serving(
+        "CAT", "sh", "-c", "cat; exit 3", options=("--timeout", "100"), launcher=launcher
+    ), IpcClient() as client:
         client.ask(b"s3.CAT X", b"X\r\nError: sh ended with status 3\r\n\r\n")
 
 
@@ -259,7 +261,9 @@ def test_a_name_that_is_taken_is_not_taken_over_unasked(tessd):
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGKILL], ids=["SIGTERM", "SIGKILL"])
 def test_a_name_that_was_taken_over_is_served_again_afterwards(tessd, number):
     with tessctl.serving("CAT", "cat") as serve, IpcClient() as client:
-        listen = subprocess.Popen([tessctl.PROGRAM, "listen", "CAT", "--take-over"], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        listen = subprocess.Popen(
+            [tessctl.PROGRAM, "listen", "CAT", "--take-over"], stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True
+        )
         assert listen.stderr.readline().startswith("tessctl: listening as CAT")
         over = "tessctl: CAT was taken over by 'tessctl listen --take-over': it gets no commands until that has ended\n"
         wait_until(lambda: over in serve.errors(), "it says that it was taken over", 10)
@@ -388,9 +392,7 @@ def test_a_daemon_whose_queue_stays_full_is_not_waited_for_without_end():
         with pytest.raises(BlockingIOError):
             while True:
                 process.socket.sendto(wire.record(wire.STOP), f"{settings.QUEUE_DIR}/1001")
-        tessctl.run("close").expect(
-            NO_ANSWER, "", f"tessctl: {settings.QUEUE_DIR}/1001: the queue stays full: is tessd stuck?\n"
-        )
+        tessctl.run("close").expect(NO_ANSWER, "", f"tessctl: {settings.QUEUE_DIR}/1001: the queue stays full: is tessd stuck?\n")
 
 
 @pytest.mark.parametrize("name", ["", "*", "A.B", "A B", "A|B", "$A", "x" * 256], ids=repr)
@@ -400,7 +402,12 @@ def test_a_name_that_no_command_can_address_is_wrong_usage(name):
 
 
 def test_what_serve_cannot_do_without_is_wrong_usage():
-    for arguments in ["serve"], ["serve", "CAT"], ["serve", "CAT", "--ports", "serial", "--", "cat"], ["serve", "CAT", "--address", "0"]:
+    for arguments in (
+        ["serve"],
+        ["serve", "CAT"],
+        ["serve", "CAT", "--ports", "serial", "--", "cat"],
+        ["serve", "CAT", "--address", "0"],
+    ):
         tessctl.run(*arguments).expect(WRONG_USAGE, "")
 
 
@@ -408,7 +415,9 @@ def test_what_serve_cannot_do_without_is_wrong_usage():
 
 
 def test_listen_prints_what_arrives(tessd):
-    with tessctl.running("listen", "EAR", "--address", "4243", "--count", "2", until="listening as EAR at address 4243") as listen:
+    with tessctl.running(
+        "listen", "EAR", "--address", "4243", "--count", "2", until="listening as EAR at address 4243"
+    ) as listen:
         with XcpClient() as client, QueueProcess(2001) as process:
             client.send_frame(b's3.EAR say "hi"', tag=7)
             wait_until(lambda: not client.expect_nothing_more(), "the command is forwarded")

@@ -1,15 +1,15 @@
 #include "framework/command_process.h"
 
-#include "tests/framework/child_process.h"
-#include "tests/framework/queue_test.h"
-#include "tests/support/raw_socket.h"
-#include "tests/support/waiting.h"
-
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
 #include <stdexcept>
 #include <string>
+
+#include "tests/framework/child_process.h"
+#include "tests/framework/queue_test.h"
+#include "tests/support/raw_socket.h"
+#include "tests/support/waiting.h"
 
 using testing::HasSubstr;
 using namespace std::string_literals;

@@ -5,8 +5,8 @@
 #include <limits>
 #include <string>
 
-#include "tests/support/log_capture.h"
 #include "tests/support/allocation_count.h"
+#include "tests/support/log_capture.h"
 
 namespace {
 

@@ -1,10 +1,5 @@
 #include "framework/service_manager.h"
 
-#include "tests/support/log_capture.h"
-#include "framework/bundled/log_messages.h"
-#include "tests/support/raw_socket.h"
-#include "tests/support/temp_dir.h"
-
 #include <cstdlib>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -13,6 +8,11 @@
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
+
+#include "framework/bundled/log_messages.h"
+#include "tests/support/log_capture.h"
+#include "tests/support/raw_socket.h"
+#include "tests/support/temp_dir.h"
 
 namespace {
 

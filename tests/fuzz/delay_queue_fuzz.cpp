@@ -1,8 +1,7 @@
-#include "commands/delay_command.h"
-
 #include <algorithm>
 #include <optional>
 
+#include "commands/delay_command.h"
 #include "commands/delay_time.h"
 #include "commands/reply.h"
 #include "common/text.h"

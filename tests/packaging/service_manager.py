@@ -76,14 +76,29 @@ def make_root() -> None:
     """The minimal root, unless it is there already."""
     if ROOT.exists():
         return
-    lines = subprocess.run(["apt-get", "indextargets", "--format", "$(REPO_URI) $(RELEASE)", "Identifier: Packages", "Origin: Debian",
-                            "Component: main"], check=True, text=True, capture_output=True).stdout.splitlines()
+    lines = subprocess.run(
+        [
+            "apt-get",
+            "indextargets",
+            "--format",
+            "$(REPO_URI) $(RELEASE)",
+            "Identifier: Packages",
+            "Origin: Debian",
+            "Component: main",
+        ],
+        check=True,
+        text=True,
+        capture_output=True,
+    ).stdout.splitlines()
     mirror = next(line.split()[0] for line in lines if line.endswith(" bookworm"))
     new = ROOT.with_name("root.new")
     shutil.rmtree(new, ignore_errors=True)
     new.parent.mkdir(parents=True, exist_ok=True)
-    subprocess.run(["debootstrap", "--variant=minbase", f"--include={INCLUDE}", "bookworm", new, mirror], check=True,
-                   stdout=subprocess.DEVNULL)
+    subprocess.run(
+        ["debootstrap", "--variant=minbase", f"--include={INCLUDE}", "bookworm", new, mirror],
+        check=True,
+        stdout=subprocess.DEVNULL,
+    )
     new.rename(ROOT)
 
 
@@ -99,17 +114,44 @@ class System:
             (self._group / "cgroup.procs").write_text(str(os.getpid()))
 
         self._outer = subprocess.Popen(
-            ["unshare", "--mount", "--propagation", "private", "--pid", "--net", "--uts", "--ipc", "--cgroup", "--fork",
-             "--kill-child", "sh", "-c", _FURNISH, "sh", self._place, ROOT, packages, *first_process],
-            preexec_fn=enter_group, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+            [
+                "unshare",
+                "--mount",
+                "--propagation",
+                "private",
+                "--pid",
+                "--net",
+                "--uts",
+                "--ipc",
+                "--cgroup",
+                "--fork",
+                "--kill-child",
+                "sh",
+                "-c",
+                _FURNISH,
+                "sh",
+                self._place,
+                ROOT,
+                packages,
+                *first_process,
+            ],
+            preexec_fn=enter_group,
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.DEVNULL,
+            stderr=subprocess.PIPE,
+        )
 
     def __enter__(self) -> System:
         try:
             self.init = int(self._wait(self._child, "a first process"))
-            self._wait(lambda: os.path.basename(os.readlink(f"/proc/{self.init}/exe")) in ("systemd", "sleep"), "a furnished root")
+            self._wait(
+                lambda: os.path.basename(os.readlink(f"/proc/{self.init}/exe")) in ("systemd", "sleep"), "a furnished root"
+            )
             if self._manager:
-                self._wait(lambda: self.run("systemctl", "is-system-running", check=False).strip() in ("running", "degraded"),
-                           "a service manager that is up")
+                self._wait(
+                    lambda: self.run("systemctl", "is-system-running", check=False).strip() in ("running", "degraded"),
+                    "a service manager that is up",
+                )
         except BaseException:
             self.__exit__()
             raise
@@ -119,7 +161,9 @@ class System:
         self._outer.kill()  # and with it everything inside
         self._outer.wait()
         self._outer.stderr.close()
-        self._wait(lambda: not self._group.joinpath("cgroup.events").read_text().startswith("populated 1"), "the end of all inside")
+        self._wait(
+            lambda: not self._group.joinpath("cgroup.events").read_text().startswith("populated 1"), "the end of all inside"
+        )
         for folder, _, _ in os.walk(self._group, topdown=False):
             os.rmdir(folder)
         os.rmdir(self._place)
@@ -152,8 +196,21 @@ class System:
 
     def words(self, *command: str) -> list[str]:
         """What starts a command inside."""
-        return ["nsenter", "-t", str(self.init), "-a", "--wdns=/", "--", "env", "-i", "LC_ALL=C.UTF-8", "TERM=xterm",
-                "PATH=/usr/sbin:/usr/bin:/sbin:/bin", "DEBIAN_FRONTEND=noninteractive", *command]
+        return [
+            "nsenter",
+            "-t",
+            str(self.init),
+            "-a",
+            "--wdns=/",
+            "--",
+            "env",
+            "-i",
+            "LC_ALL=C.UTF-8",
+            "TERM=xterm",
+            "PATH=/usr/sbin:/usr/bin:/sbin:/bin",
+            "DEBIAN_FRONTEND=noninteractive",
+            *command,
+        ]
 
     def start(self, *command: str, **options: object) -> subprocess.Popen:
         """Starts a command inside."""
@@ -168,7 +225,9 @@ class System:
 
     def run(self, *command: str, check: bool = True) -> str:
         """Runs a command inside; returns what it printed."""
-        with self.start(*command, text=True, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT) as process:
+        with self.start(
+            *command, text=True, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT
+        ) as process:
             text = process.communicate(timeout=SECONDS)[0]
         assert process.returncode == 0 or not check, f"{' '.join(command)} ended with {process.returncode}:\n{text}"
         return text

@@ -26,8 +26,10 @@ def in_bash(line: str, breaks_at_equals: bool = True) -> list[str]:
     """What is offered for the last word of the line; one that ends with a blank has an empty last word."""
     parts = re.split(r"(?<=\S)(=)(?=\S|$)", line) if breaks_at_equals else [line]
     words = " ".join(parts).split() + ([""] if line.endswith(" ") else [])
-    script = (f"compopt() {{ :; }}; . {shlex.quote(str(PACKAGING / 'tessctl.bash-completion'))}; COMP_WORDS=({shlex.join(words)});"
-              f" COMP_CWORD={len(words) - 1}; _tessctl; printf '%s\\n' \"${{COMPREPLY[@]}}\"")
+    script = (
+        f"compopt() {{ :; }}; . {shlex.quote(str(PACKAGING / 'tessctl.bash-completion'))}; COMP_WORDS=({shlex.join(words)});"
+        f" COMP_CWORD={len(words) - 1}; _tessctl; printf '%s\\n' \"${{COMPREPLY[@]}}\""
+    )
     done = subprocess.run(["bash", "--norc", "-c", script], text=True, capture_output=True, check=True)
     assert done.stderr == ""
     return sorted(set(done.stdout.split()))

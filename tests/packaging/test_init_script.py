@@ -42,8 +42,16 @@ class Script:
         self.path.write_text(text)
 
     def __call__(self, action: str, status: int = 0) -> str:
-        done = subprocess.run([*self.shell, str(self.path), action], env={}, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                              stderr=subprocess.STDOUT, text=True, timeout=60, check=False)
+        done = subprocess.run(
+            [*self.shell, str(self.path), action],
+            env={},
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.STDOUT,
+            text=True,
+            timeout=60,
+            check=False,
+        )
         assert done.returncode == status, f"{action}: expected status {status}, got {done.returncode}:\n{done.stdout}"
         return done.stdout
 
@@ -105,8 +113,13 @@ def test_from_the_start_to_the_stop(inside):
 def test_group_tess_may_use_it_and_nobody_else(inside):
     def test(script: Script) -> None:
         script("start")
-        for path, mode in (("/run/tess", 0o40755), ("/run/tess/queue", 0o42770), ("/run/tess/queue/1001", 0o140660),
-                           ("/tmp/socket", 0o140770), ("/tmp/xcp", 0o140770)):
+        for path, mode in (
+            ("/run/tess", 0o40755),
+            ("/run/tess/queue", 0o42770),
+            ("/run/tess/queue/1001", 0o140660),
+            ("/tmp/socket", 0o140770),
+            ("/tmp/xcp", 0o140770),
+        ):
             status = os.stat(path)
             assert oct(status.st_mode) == oct(mode), path
             assert status.st_gid == (0 if path == "/run/tess" else 64999), path

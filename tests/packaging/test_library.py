@@ -40,8 +40,16 @@ def build_with_cmake(prefix: pathlib.Path, source: pathlib.Path, to: pathlib.Pat
 def build_with_pkg_config(prefix: pathlib.Path, examples: pathlib.Path, to: pathlib.Path, static: bool) -> pathlib.Path:
     words = ["--static"] if static else []
     sources = [str(examples / "encoder" / name) for name in ("main.cpp", "encoder.cpp")]
-    run("g++", "-std=c++20", *(["-static"] if static else []), *pkg_config(prefix, "--cflags", *words),
-        *sources, *pkg_config(prefix, "--libs", *words), "-o", to / "encoder")
+    run(
+        "g++",
+        "-std=c++20",
+        *(["-static"] if static else []),
+        *pkg_config(prefix, "--cflags", *words),
+        *sources,
+        *pkg_config(prefix, "--libs", *words),
+        "-o",
+        to / "encoder",
+    )
     return to / "encoder"
 
 
@@ -118,19 +126,26 @@ def test_a_component_chooses_whatever_else_is_set(prefix, tmp_path, component):
     (tmp_path / "CMakeLists.txt").write_text(
         "cmake_minimum_required(VERSION 3.25)\nproject(p CXX)\n"
         f"set(BUILD_SHARED_LIBS {other})\nfind_package(tess-framework 1.0 REQUIRED COMPONENTS {component})\n"
-        "add_executable(p main.cpp)\ntarget_link_libraries(p PRIVATE tess::framework)\n")
+        "add_executable(p main.cpp)\ntarget_link_libraries(p PRIVATE tess::framework)\n"
+    )
     run("cmake", "-S", tmp_path, "-B", tmp_path / "b", "-G", "Ninja", f"-DCMAKE_PREFIX_PATH={prefix}")
     run("cmake", "--build", tmp_path / "b", "-j1")
     assert (SONAME in needed(tmp_path / "b/p")) == (component == "shared")
 
 
-@pytest.mark.parametrize(("wanted", "said"), [("2.0 REQUIRED", "compatible with requested version"),
-                                              ("REQUIRED COMPONENTS tea", "no component tea")])
+@pytest.mark.parametrize(
+    ("wanted", "said"), [("2.0 REQUIRED", "compatible with requested version"), ("REQUIRED COMPONENTS tea", "no component tea")]
+)
 def test_what_is_not_there_is_not_found(prefix, tmp_path, wanted, said):
     (tmp_path / "CMakeLists.txt").write_text(
-        f"cmake_minimum_required(VERSION 3.25)\nproject(p CXX)\nfind_package(tess-framework {wanted})\n")
-    done = subprocess.run(["cmake", "-S", tmp_path, "-B", tmp_path / "b", "-G", "Ninja", f"-DCMAKE_PREFIX_PATH={prefix}"],
-                          text=True, capture_output=True, check=False)
+        f"cmake_minimum_required(VERSION 3.25)\nproject(p CXX)\nfind_package(tess-framework {wanted})\n"
+    )
+    done = subprocess.run(
+        ["cmake", "-S", tmp_path, "-B", tmp_path / "b", "-G", "Ninja", f"-DCMAKE_PREFIX_PATH={prefix}"],
+        text=True,
+        capture_output=True,
+        check=False,
+    )
     assert done.returncode != 0
     assert said in " ".join(done.stderr.split())
 
@@ -153,7 +168,10 @@ def test_every_header_serves_alone_and_all_it_declares_is_exported(prefix, tmp_p
         source.write_text(f'#include "framework/{header}"\n')
         run("g++", "-std=c++20", "-Wall", "-Wextra", "-Wpedantic", "-Werror", "-fsyntax-only", *cflags, source)
     source = tmp_path / "all.cpp"
-    source.write_text("".join(f'#include "framework/{header}"\n' for header in headers) + "#include <stdexcept>\n" + """
+    source.write_text(
+        "".join(f'#include "framework/{header}"\n' for header in headers)
+        + "#include <stdexcept>\n"
+        + """
         struct Process : TMsgDmn { Process() : TMsgDmn(5, false) {} int run() override { return 0; } };
         struct Plain : TMsgProc { Plain() : TMsgProc(5, false) {} int run() override { return 0; } };
         int main(int argc, char**)
@@ -187,7 +205,8 @@ def test_every_header_serves_alone_and_all_it_declares_is_exported(prefix, tmp_p
             }
             return argc == 1 && versionReInit() == 0 ? 6 : 0;
         }
-    """)
+    """
+    )
     library = next(prefix.rglob(SONAME)).parent
     run("g++", "-std=c++20", *cflags, source, *pkg_config(prefix, "--libs"), "-o", tmp_path / "all")
     assert SONAME in needed(tmp_path / "all")
@@ -216,7 +235,8 @@ def test_the_shared_library_exports_nothing_of_its_inside(prefix):
 
 def test_with_another_framework_library_nobody_knows_when_a_queue_has_room(tmp_path):
     source = tmp_path / "room.cpp"
-    source.write_text("""#include "framework/queue_room.h"
+    source.write_text(
+        """#include "framework/queue_room.h"
         int main()
         {
             TQueueRoom room;
@@ -224,7 +244,8 @@ def test_with_another_framework_library_nobody_knows_when_a_queue_has_room(tmp_p
             room.stop();
             return first == -1 && room.fd() == -1 ? 0 : 1;
         }
-    """)
+    """
+    )
     unknown = PROJECT / "framework/queue_room_unknown.cpp"
     run("g++", "-std=c++20", "-Wall", "-Wextra", "-Werror", f"-I{PROJECT}", source, unknown, "-o", tmp_path / "room")
     run(tmp_path / "room")
@@ -249,14 +270,26 @@ def test_the_daemon_links_another_framework_library_in_place_of_its_own(prefix, 
 
 
 @pytest.mark.slow
-@pytest.mark.skipif(not shutil.which("powerpc-linux-gnu-g++") or not shutil.which("qemu-ppc"),
-                    reason="needs the cross compiler and the emulator of scripts/powerpc")
+@pytest.mark.skipif(
+    not shutil.which("powerpc-linux-gnu-g++") or not shutil.which("qemu-ppc"),
+    reason="needs the cross compiler and the emulator of scripts/powerpc",
+)
 def test_where_the_size_of_time_is_a_choice_users_make_that_of_the_library(tmp_path):
     """hr_time_out.h has a timeval in it: 8 or 16 bytes on a 32-bit processor."""
     build, to = tmp_path / "build", tmp_path / "prefix"
-    run("cmake", "-S", PROJECT, "-B", build, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Release", "-DBUILD_TESTING=OFF",
+    run(
+        "cmake",
+        "-S",
+        PROJECT,
+        "-B",
+        build,
+        "-G",
+        "Ninja",
+        "-DCMAKE_BUILD_TYPE=Release",
+        "-DBUILD_TESTING=OFF",
         f"-DCMAKE_TOOLCHAIN_FILE={PROJECT}/cmake/toolchain-powerpc.cmake",
-        f"-DTESS_PPC_EXTRA={PROJECT}/build/powerpc-extra")
+        f"-DTESS_PPC_EXTRA={PROJECT}/build/powerpc-extra",
+    )
     run("cmake", "--build", build, "-j1", "--target", "tess_framework_static", "tess_framework_shared")
     # The rest of this build is not made: only what belongs to the library is installed.
     for name in ("tess-framework.pc",):
@@ -267,7 +300,8 @@ def test_where_the_size_of_time_is_a_choice_users_make_that_of_the_library(tmp_p
     shutil.copy(build / "packaging/tess-framework.pc", library / "pkgconfig")
     shutil.copy(next(build.rglob("libtess-framework.a")), library)
     source = tmp_path / "time.cpp"
-    source.write_text("""#include "framework/hr_time_out.h"
+    source.write_text(
+        """#include "framework/hr_time_out.h"
         static_assert(sizeof(timeval::tv_sec) == 8);
         int main()
         {
@@ -277,8 +311,18 @@ def test_where_the_size_of_time_is_a_choice_users_make_that_of_the_library(tmp_p
             frame.timeOut.setTimeOut(timeval{-1, 0});
             return early || !frame.timeOut.hasTimedOut() || frame.behind != 0x5A5A;
         }
-    """)
+    """
+    )
     cflags = pkg_config(to, "--cflags")
     assert {"-D_FILE_OFFSET_BITS=64", "-D_TIME_BITS=64"} <= set(cflags)
-    run("powerpc-linux-gnu-g++", "-std=c++20", "-static", *cflags, source, *pkg_config(to, "--static", "--libs"), "-o", tmp_path / "time")
+    run(
+        "powerpc-linux-gnu-g++",
+        "-std=c++20",
+        "-static",
+        *cflags,
+        source,
+        *pkg_config(to, "--static", "--libs"),
+        "-o",
+        tmp_path / "time",
+    )
     run("qemu-ppc", tmp_path / "time")

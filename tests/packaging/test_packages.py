@@ -88,8 +88,9 @@ class Client(socket.socket):
 
 
 def as_user(system: System, user: str, *command: str) -> subprocess.CompletedProcess:
-    process = system.start("runuser", "-u", user, "--", *command, text=True, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                           stderr=subprocess.PIPE)
+    process = system.start(
+        "runuser", "-u", user, "--", *command, text=True, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE
+    )
     out, error = process.communicate(timeout=30)
     return subprocess.CompletedProcess(command, process.returncode, out, error)
 
@@ -110,9 +111,16 @@ def test_what_is_installed_serves_its_group_and_nobody_else(system):
 
     queue = os.stat(system.path("/run/tess/queue"))
     assert oct(queue.st_mode & 0o7777) == "0o2770"
-    greeting = run("nsenter", "-t", str(system.init), "-n", "/usr/bin/python3", "-c",
-                   "import socket; s = socket.create_connection(('127.0.0.1', 23), 10); d = b''\n"
-                   "while b'UserName:' not in d: d += s.recv(100)\nprint('greeted')")
+    greeting = run(
+        "nsenter",
+        "-t",
+        str(system.init),
+        "-n",
+        "/usr/bin/python3",
+        "-c",
+        "import socket; s = socket.create_connection(('127.0.0.1', 23), 10); d = b''\n"
+        "while b'UserName:' not in d: d += s.recv(100)\nprint('greeted')",
+    )
     assert greeting == "greeted\n"
 
 
@@ -149,7 +157,11 @@ def test_an_operator_holds_the_dialogue_of_the_document(system, operator):
 def test_the_unit_of_the_document_serves_a_script_through_an_absence_of_the_daemon(system):
     install(system, "tessd", "tess-tools")
     files = doc_examples.Session("processes.md").files | doc_examples.Session("integrators.md").files
-    for name, folder in (("thermometer.sh", "/usr/local/bin"), ("thermometer.service", "/etc/systemd/system"), ("add-thermometer.sh", "/root")):
+    for name, folder in (
+        ("thermometer.sh", "/usr/local/bin"),
+        ("thermometer.service", "/etc/systemd/system"),
+        ("add-thermometer.sh", "/root"),
+    ):
         path = pathlib.Path(system.path(f"{folder}/{name}"))
         path.write_text(files[name])
         path.chmod(0o755 if name.endswith(".sh") else 0o644)
@@ -158,7 +170,9 @@ def test_the_unit_of_the_document_serves_a_script_through_an_absence_of_the_daem
 
     system.run("systemctl", "mask", "--runtime", "--now", "tessd")
     system.run("systemctl", "restart", "thermometer")
-    system.wait(lambda: int(system.run("systemctl", "show", "-P", "NRestarts", "thermometer")) >= 6, "a process that goes on trying")
+    system.wait(
+        lambda: int(system.run("systemctl", "show", "-P", "NRestarts", "thermometer")) >= 6, "a process that goes on trying"
+    )
     system.run("systemctl", "unmask", "--runtime", "tessd")
     system.run("systemctl", "start", "tessd")
     system.wait(lambda: Client(system).ask(b"s3.THERM GET") == b"21.5\r\n\r\n", "an answer of the script")
@@ -166,7 +180,9 @@ def test_the_unit_of_the_document_serves_a_script_through_an_absence_of_the_daem
 
 def test_the_daemon_has_two_rights_and_a_sandbox(system):
     install(system, "tessd")
-    status = dict(line.split(":\t", 1) for line in system.run("cat", f"/proc/{main_pid(system)}/status").splitlines() if ":\t" in line)
+    status = dict(
+        line.split(":\t", 1) for line in system.run("cat", f"/proc/{main_pid(system)}/status").splitlines() if ":\t" in line
+    )
     for which in ("CapEff", "CapPrm", "CapBnd", "CapAmb"):
         assert int(status[which], 16) == BOTH_CAPABILITIES, which
     assert status["NoNewPrivs"] == "1"
@@ -177,7 +193,10 @@ def test_the_daemon_has_two_rights_and_a_sandbox(system):
 
 
 def test_the_serial_line_is_served(system):
-    terminal = system.start("perl", "-e", """
+    terminal = system.start(
+        "perl",
+        "-e",
+        """
         open(M, "+<", "/dev/ptmx") or die; my $n = pack("i", 0);
         ioctl(M, 0x40045431, $n) or die;
         ioctl(M, 0x80045430, $n) or die; $| = 1; print unpack("i", $n), "\\n";
@@ -185,10 +204,18 @@ def test_the_serial_line_is_served(system):
             syswrite(M, $line);
             my $got = "";
             while ($got !~ /\\n\\r?\\n/) { sysread(M, $got, 100, length $got) or die; }
-            print unpack("H*", $got), "\\n"; }""", stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+            print unpack("H*", $got), "\\n"; }""",
+        stdin=subprocess.PIPE,
+        stdout=subprocess.PIPE,
+        text=True,
+    )
     number = terminal.stdout.readline().strip()
-    system.run("sh", "-c", f": >/dev/ttyS1; chown root:dialout /dev/pts/{number}; chmod 660 /dev/pts/{number}; "
-               f"mount --bind /dev/pts/{number} /dev/ttyS1")
+    system.run(
+        "sh",
+        "-c",
+        f": >/dev/ttyS1; chown root:dialout /dev/pts/{number}; chmod 660 /dev/pts/{number}; "
+        f"mount --bind /dev/pts/{number} /dev/ttyS1",
+    )
     install(system, "tessd")
     assert is_active(system), system.run("journalctl", "-u", "tessd")
     terminal.stdin.write("*\n")
@@ -204,7 +231,9 @@ def test_it_comes_back_after_a_crash_and_stays_away_after_a_stop(system):
     system.wait(lambda: is_active(system) and main_pid(system) not in (0, before), "a daemon started anew")
     assert Client(system).ask(b"*") == b"0\r\n\r\n"
     system.run("tessctl", "stop")
-    system.wait(lambda: system.run("systemctl", "show", "-P", "ActiveState", "tessd").strip() == "inactive", "a daemon that stays away")
+    system.wait(
+        lambda: system.run("systemctl", "show", "-P", "ActiveState", "tessd").strip() == "inactive", "a daemon that stays away"
+    )
     assert system.run("systemctl", "show", "-P", "Result", "tessd").strip() == "success"
 
 
@@ -246,7 +275,9 @@ def test_a_watchdog_finds_the_daemon_alive_and_restarts_one_that_hangs(system):
     install(system, "tessd")
     before = main_pid(system)
     told = system.run("systemctl", "show", "-P", "WatchdogTimestampMonotonic", "tessd")
-    system.wait(lambda: system.run("systemctl", "show", "-P", "WatchdogTimestampMonotonic", "tessd") != told, "a word of the daemon")
+    system.wait(
+        lambda: system.run("systemctl", "show", "-P", "WatchdogTimestampMonotonic", "tessd") != told, "a word of the daemon"
+    )
     assert main_pid(system) == before
     system.run("sh", "-c", f"kill -STOP {before}")
     system.wait(lambda: is_active(system) and main_pid(system) not in (0, before), "a daemon started anew")
@@ -287,8 +318,14 @@ def test_re_initialising_has_all_rights_and_then_the_device_restarts(system):
     assert system.run("hostname").strip() == "s3"
     Client(system).sendall(b"RESET REINIT s3\n")
     system.wait(lambda: os.path.exists(system.path("/etc/reinitialised")), "the program's mark")
-    assert system.wait(lambda: pathlib.Path(f"/proc/self/fd/{log}/reinitialised").read_text().count("\n") == 2
-                       and pathlib.Path(f"/proc/self/fd/{log}/reinitialised").read_text(), "both lines") == "0\n1\n"
+    assert (
+        system.wait(
+            lambda: pathlib.Path(f"/proc/self/fd/{log}/reinitialised").read_text().count("\n") == 2
+            and pathlib.Path(f"/proc/self/fd/{log}/reinitialised").read_text(),
+            "both lines",
+        )
+        == "0\n1\n"
+    )
     os.close(log)
     system.wait_for_restart()
 
@@ -338,8 +375,22 @@ _NOT_OURS = re.compile(
 
 
 def files(system: System) -> set[str]:
-    listing = system.run("find", "/etc", "/usr", "/var", "/opt", "/srv", "/root", "/run/tess", "/tmp/socket", "/tmp/xcp", "!", "-path",
-                         "/var/lib/systemd/*timer*", check=False)
+    listing = system.run(
+        "find",
+        "/etc",
+        "/usr",
+        "/var",
+        "/opt",
+        "/srv",
+        "/root",
+        "/run/tess",
+        "/tmp/socket",
+        "/tmp/xcp",
+        "!",
+        "-path",
+        "/var/lib/systemd/*timer*",
+        check=False,
+    )
     return {line for line in listing.splitlines() if line.startswith("/") and not _NOT_OURS.match(line)}
 
 
@@ -400,7 +451,10 @@ def test_the_symbols_file_has_what_the_library_exports(tmp_path):
     library = next(PACKAGES.glob("libtess-framework1_*.deb"))
     run("dpkg-deb", "-R", library, tmp_path)
     listed = set(re.findall(r"(?m)^ (\S+)@TESS_FRAMEWORK_1 ", (tmp_path / "DEBIAN/symbols").read_text()))
-    exported = {line.split()[-1].partition("@")[0] for line in run("nm", "-D", "--defined-only", next(tmp_path.rglob("*.so.1"))).splitlines()}
+    exported = {
+        line.split()[-1].partition("@")[0]
+        for line in run("nm", "-D", "--defined-only", next(tmp_path.rglob("*.so.1"))).splitlines()
+    }
     assert listed == exported
     source = (PROJECT / "debian/libtess-framework1.symbols").read_text()
     named = set(re.findall(r'(?m)^ (?:\(c\+\+(?:\|arch-bits=64)?\)"(.*)|(\w+))@TESS_FRAMEWORK_1', source))

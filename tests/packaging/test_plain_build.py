@@ -17,7 +17,9 @@ WITHOUT = {
 
 
 def configure(folder: pathlib.Path, *missing: str) -> str:
-    return run("cmake", "-S", PROJECT, "-B", folder, "-G", "Ninja", *(f"-DCMAKE_DISABLE_FIND_PACKAGE_{name}=ON" for name in missing))
+    return run(
+        "cmake", "-S", PROJECT, "-B", folder, "-G", "Ninja", *(f"-DCMAKE_DISABLE_FIND_PACKAGE_{name}=ON" for name in missing)
+    )
 
 
 @pytest.mark.parametrize("name", WITHOUT)

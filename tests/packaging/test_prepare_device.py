@@ -49,7 +49,9 @@ def prepare(tmp_path: pathlib.Path, limit: int | None, group: str | None) -> tup
     return after.read_text(), calls.read_text()
 
 
-@pytest.mark.parametrize(("before", "after"), [(212992, WANTED), (WANTED, WANTED), (WANTED + 1, WANTED + 1), (2**31 - 1, 2**31 - 1)])
+@pytest.mark.parametrize(
+    ("before", "after"), [(212992, WANTED), (WANTED, WANTED), (WANTED + 1, WANTED + 1), (2**31 - 1, 2**31 - 1)]
+)
 def test_the_limit_of_send_buffers_is_raised_and_never_lowered(tmp_path, before, after):
     assert prepare(tmp_path, before, None)[0] == f"{after}\n"
 

@@ -162,7 +162,8 @@ class Reader:
         everything = "\n".join(source.code for source in self.sources)
         self.rows: dict[str, Row] = {}
         for values, name, number, text in re.findall(
-                rf"\bLogMessage(?:<([\w, ]*)>)? (\w+)\{{\s*(\d+),\s*((?:{STRING}\s*)+)\}};", everything):
+            rf"\bLogMessage(?:<([\w, ]*)>)? (\w+)\{{\s*(\d+),\s*((?:{STRING}\s*)+)\}};", everything
+        ):
             if name in self.rows:
                 raise CannotFollow(f"two rows are called {name}")
             whole = (literal(text.strip()) or "").replace("{}", VARIES)
@@ -220,7 +221,11 @@ class Reader:
 
     def rows_of(self, expression: str, site: Site):
         for value in alternatives(expression):
-            local = re.findall(rf"\bLogMessage(?:<[\w, ]*>)?& {re.escape(value)} = ([^;]+);", site.before()) if value.isidentifier() else []
+            local = (
+                re.findall(rf"\bLogMessage(?:<[\w, ]*>)?& {re.escape(value)} = ([^;]+);", site.before())
+                if value.isidentifier()
+                else []
+            )
             member = re.fullmatch(r"\w+(?:\.|->)(\w+)", value)
             if value.rpartition("::")[2] in self.rows:
                 yield self.rows[value.rpartition("::")[2]]

@@ -24,8 +24,14 @@ SECONDS = 20.0
 
 
 def device(*command: str, options: tuple[str, ...] = (), tool: Path = TOOL, **keywords: object) -> subprocess.CompletedProcess:
-    return subprocess.run([sys.executable, str(tool), *options, "--", *command], text=True, capture_output=True, check=False,
-                          timeout=SECONDS, **keywords)
+    return subprocess.run(
+        [sys.executable, str(tool), *options, "--", *command],
+        text=True,
+        capture_output=True,
+        check=False,
+        timeout=SECONDS,
+        **keywords,
+    )
 
 
 def shell(script: str, **keywords: object) -> str:
@@ -65,8 +71,10 @@ def test_the_host_name_is_s3_unless_another_is_given() -> None:
 
 
 def test_the_loopback_is_up_and_alone_and_the_datagram_queue_holds_ten() -> None:
-    script = ("import socket; s = socket.create_server(('127.0.0.1', 23)); socket.create_connection(('127.0.0.1', 23));"
-              "print(socket.if_nameindex(), open('/proc/sys/net/unix/max_dgram_qlen').read().strip())")
+    script = (
+        "import socket; s = socket.create_server(('127.0.0.1', 23)); socket.create_connection(('127.0.0.1', 23));"
+        "print(socket.if_nameindex(), open('/proc/sys/net/unix/max_dgram_qlen').read().strip())"
+    )
     done = device(sys.executable, "-c", script)
     assert done.stderr == ""
     assert done.stdout == "[(1, 'lo')] 10\n"
@@ -78,8 +86,10 @@ def test_dev_holds_harmless_devices_and_no_serial_line() -> None:
 
 
 def test_pseudo_terminals_are_its_own() -> None:
-    script = ("import os, glob; near, far = os.openpty(); print(os.ttyname(far), sorted(glob.glob('/dev/pts/*')));"
-              "os.write(far, b'x'); print(os.read(near, 9))")
+    script = (
+        "import os, glob; near, far = os.openpty(); print(os.ttyname(far), sorted(glob.glob('/dev/pts/*')));"
+        "os.write(far, b'x'); print(os.read(near, 9))"
+    )
     assert device(sys.executable, "-c", script).stdout == "/dev/pts/0 ['/dev/pts/0', '/dev/pts/ptmx']\nb'x'\n"
 
 
@@ -160,7 +170,10 @@ def test_a_project_under_tmp_is_reachable_at_its_own_path(under_tmp: Path) -> No
     copy.parent.mkdir(parents=True)
     shutil.copy(TOOL, copy)
     (under_tmp / "hidden").touch()
-    assert shell(f"pwd; ls {under_tmp}; ls {copy.parents[1]}", tool=copy, cwd=copy.parents[1]) == f"{copy.parents[1]}\nclone\ntools\n"
+    assert (
+        shell(f"pwd; ls {under_tmp}; ls {copy.parents[1]}", tool=copy, cwd=copy.parents[1])
+        == f"{copy.parents[1]}\nclone\ntools\n"
+    )
 
 
 def test_kept_paths_are_reachable_and_the_same_inside_and_outside(under_tmp: Path) -> None:
@@ -181,8 +194,10 @@ def test_a_path_that_cannot_be_kept_is_refused_in_a_line(path: str, why: str) ->
 
 def test_without_root_and_user_namespaces_it_says_so_in_a_line() -> None:
     # Inside, where it disturbs nobody: no further user namespaces, and no rights.
-    script = ("echo 0 >/proc/sys/user/max_user_namespaces; "
-              f"exec setpriv --bounding-set=-all --inh-caps=-all {sys.executable} {TOOL} -- true")
+    script = (
+        "echo 0 >/proc/sys/user/max_user_namespaces; "
+        f"exec setpriv --bounding-set=-all --inh-caps=-all {sys.executable} {TOOL} -- true"
+    )
     done = device("unshare", "--user", "--map-root-user", "sh", "-c", script)
     assert (done.returncode, done.stdout) == (1, "")
     assert done.stderr.startswith("device_ns: cannot make private namespaces: this needs root, or a system that allows user")
@@ -195,8 +210,25 @@ def test_an_ordinary_user_is_root_inside(under_tmp: Path) -> None:
     tool = under_tmp / "tools" / TOOL.name  # the project may lie where only root can look
     tool.parent.mkdir()
     shutil.copy(TOOL, tool)
-    done = subprocess.run(["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups", "--inh-caps=-all", "/usr/bin/python3",
-                           str(tool), "--", "sh", "-c", "id -u; hostname"], text=True, capture_output=True, check=False, cwd="/")
+    done = subprocess.run(
+        [
+            "setpriv",
+            "--reuid=65534",
+            "--regid=65534",
+            "--clear-groups",
+            "--inh-caps=-all",
+            "/usr/bin/python3",
+            str(tool),
+            "--",
+            "sh",
+            "-c",
+            "id -u; hostname",
+        ],
+        text=True,
+        capture_output=True,
+        check=False,
+        cwd="/",
+    )
     assert (done.returncode, done.stdout, done.stderr) == (0, "0\ns3\n", "")
 
 

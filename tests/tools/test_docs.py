@@ -55,7 +55,10 @@ def without_code(text: str) -> str:
 
 
 def test_links_lead_to_files():
-    for document in ["README.md", *(f"docs/{name}" for name in os.listdir(os.path.join(PROJECT, "docs")) if name.endswith(".md"))]:
+    for document in [
+        "README.md",
+        *(f"docs/{name}" for name in os.listdir(os.path.join(PROJECT, "docs")) if name.endswith(".md")),
+    ]:
         folder = os.path.dirname(os.path.join(PROJECT, document))
         for link in re.findall(r"\]\(([^)#]+)\)", without_code(read(document))):
             assert os.path.exists(os.path.join(folder, link)), f"{document}: {link}"
@@ -64,7 +67,11 @@ def test_links_lead_to_files():
 def test_the_house_has_the_files_that_are_named():
     named = set()
     for document in ("README.md", "docs/architecture.md", "docs/processes.md"):
-        named |= set(re.findall(r"`((?:framework|connections|ports|commands|daemon|examples|scripts|tests|tools)/[\w./]*)`", read(document)))
+        named |= set(
+            re.findall(
+                r"`((?:framework|connections|ports|commands|daemon|examples|scripts|tests|tools)/[\w./]*)`", read(document)
+            )
+        )
     assert len(named) > 20, named
     missing = sorted(path for path in named if not os.path.exists(os.path.join(PROJECT, path)))
     assert not missing, missing
@@ -86,13 +93,19 @@ def prose_lines(document: str) -> list[tuple[int, str]]:
 def test_no_line_of_prose_is_wider_than_a_window():
     documents = ["README.md", *(f"docs/{name}" for name in os.listdir(os.path.join(PROJECT, "docs")) if name.endswith(".md"))]
     assert len(documents) > 5, documents
-    wide = [f"{document}:{number}: {len(line)} columns" for document in sorted(documents)
-            for number, line in prose_lines(document) if len(line) > MOST_COLUMNS]
+    wide = [
+        f"{document}:{number}: {len(line)} columns"
+        for document in sorted(documents)
+        for number, line in prose_lines(document)
+        if len(line) > MOST_COLUMNS
+    ]
     assert not wide, "\n".join([f"above {MOST_COLUMNS}:", *wide])
 
 
 def test_no_line_of_a_manual_page_is_wider_than_a_window():
     pages = glob.glob(f"{PROJECT}/docs/man/*.[1-8]")
     assert len(pages) >= 3, pages
-    wide = [f"{page}:{number}" for page in pages for number, line in enumerate(read(page).splitlines(), 1) if len(line) > MOST_COLUMNS]
+    wide = [
+        f"{page}:{number}" for page in pages for number, line in enumerate(read(page).splitlines(), 1) if len(line) > MOST_COLUMNS
+    ]
     assert not wide, wide

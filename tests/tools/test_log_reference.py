@@ -55,7 +55,10 @@ def test_numbers_are_called_numbers_and_nothing_else_is():
     reader = Reader(FOLDERS)
     kinds = {(row.id, row.text): [value != "Text" for value in row.values] for row in reader.rows.values() if row.values}
     assert len(kinds) > 10, kinds
-    named = {(number, with_gaps(text)): [gap == "<number>" for gap in re.findall(r"<[a-z ]+>", text)] for number, text, _ in reference()}
+    named = {
+        (number, with_gaps(text)): [gap == "<number>" for gap in re.findall(r"<[a-z ]+>", text)]
+        for number, text, _ in reference()
+    }
     wrong = [line for line in sorted(kinds) if named.get(line) != kinds[line]]
     assert not wrong, wrong
 
@@ -82,8 +85,11 @@ def test_the_milestones_of_the_reference_are_those_of_the_sources():
     listed_there = milestones("docs/log.md", r"^\| (?P<number>\d+) \| (?P<meaning>[^|]+) \| `(?P<name>\w+)` \|$")
     header = "common/milestone.h"
     passed = milestones(header, r"^ +(?P<name>\w+) = (?P<number>\d+), +///< (?P<meaning>.+)$")
-    differ = {name: (passed.get(name), listed_there.get(name)) for name in passed.keys() | listed_there.keys()
-              if passed.get(name) != listed_there.get(name)}
+    differ = {
+        name: (passed.get(name), listed_there.get(name))
+        for name in passed.keys() | listed_there.keys()
+        if passed.get(name) != listed_there.get(name)
+    }
     assert not differ, f"{header}, docs/log.md: {differ}"
 
 

@@ -54,8 +54,9 @@ def help_of_tessctl() -> dict[str, set[str]]:
 
 def test_mandoc_finds_nothing_to_complain_about():
     assert {os.path.basename(page) for page in PAGES} >= {"tessd.8", "tessctl.1", "tess-queue.7"}, PAGES
-    done = subprocess.run(["mandoc", "-Tlint", "-Wwarning", *PAGES], check=False, stdout=subprocess.PIPE,
-                          stderr=subprocess.STDOUT, text=True)
+    done = subprocess.run(
+        ["mandoc", "-Tlint", "-Wwarning", *PAGES], check=False, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True
+    )
     assert (done.returncode, done.stdout) == (0, "")
 
 
@@ -95,8 +96,11 @@ def test_every_sub_command_and_option_of_tessctl_is_described():
         if command and section is None:
             missing.append(command)
         text = section[1] if section else page
-        missing += [f"{command} {option}".strip() for option in sorted(options)
-                    if option not in EVERYWHERE and not names_option(text, option)]
+        missing += [
+            f"{command} {option}".strip()
+            for option in sorted(options)
+            if option not in EVERYWHERE and not names_option(text, option)
+        ]
     assert not missing, f"tessctl.1 lacks {missing}"
     assert all(names_option(page, option) for option in EVERYWHERE[1:])
 

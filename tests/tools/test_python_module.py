@@ -14,12 +14,24 @@ EXAMPLES = sorted(glob.glob(f"{PROJECT}/examples/*.py"))
 
 def test_the_module_and_the_examples_are_typed():
     assert len(EXAMPLES) == 2, EXAMPLES
-    done = subprocess.run(["mypy", "--strict", "--cache-dir=/dev/null", "-p", "tess"], cwd=MODULE, check=False,
-                          stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+    done = subprocess.run(
+        ["mypy", "--strict", "--cache-dir=/dev/null", "-p", "tess"],
+        cwd=MODULE,
+        check=False,
+        stdout=subprocess.PIPE,
+        stderr=subprocess.STDOUT,
+        text=True,
+    )
     assert done.returncode == 0, done.stdout
     for example in EXAMPLES:
-        done = subprocess.run(["mypy", "--strict", "--cache-dir=/dev/null", example], env=os.environ | {"MYPYPATH": MODULE},
-                              check=False, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+        done = subprocess.run(
+            ["mypy", "--strict", "--cache-dir=/dev/null", example],
+            env=os.environ | {"MYPYPATH": MODULE},
+            check=False,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.STDOUT,
+            text=True,
+        )
         assert done.returncode == 0, done.stdout
 
 

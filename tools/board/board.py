@@ -49,7 +49,7 @@ class Stream:
         pattern = text if isinstance(text, re.Pattern) else re.compile(re.escape(text))
         while (found := pattern.search(self.shown, self._taken)) is None:
             if not self.take_in(end - time.monotonic()):
-                tail = self.shown[self._taken:].decode(errors="replace")
+                tail = self.shown[self._taken :].decode(errors="replace")
                 raise BoardError(f"no {pattern.pattern!r} in {seconds:g} s, but:\n{tail}")
         shown = self.shown[self._taken : found.end()]
         self._taken = found.end()
@@ -86,8 +86,9 @@ class Board:
         self._folder = tempfile.TemporaryDirectory(prefix="tessd-board-")
         self._qmp_path = self._path("qmp")
         self._answers = b""
-        self.process = subprocess.Popen(self._command(), preexec_fn=_end_with_parent,
-                                        stdin=None if on_terminal else subprocess.DEVNULL)
+        self.process = subprocess.Popen(
+            self._command(), preexec_fn=_end_with_parent, stdin=None if on_terminal else subprocess.DEVNULL
+        )
         try:
             self._connect()
         except BaseException:
@@ -102,15 +103,41 @@ class Board:
         if self._on_terminal:
             lines = ["-chardev", "stdio,id=console,mux=on,signal=off", "-mon", "chardev=console", "-chardev", "pty,id=com2"]
         else:
-            lines = [word for name in ("console", "com2")
-                     for word in ("-chardev", f"socket,id={name},path={self._path(name)},server=on,wait=off")]
-        return [EMULATOR, "-M", "ppce500", "-cpu", "e500mc", "-m", "128", "-nodefaults", "-display", "none", "-S",
-                "-kernel", kernel, "-initrd", image,
-                "-append", "console=ttyS0,115200 panic=1" + ("" if self._on_terminal else " log=console"),
-                *lines, "-serial", "chardev:console", "-serial", "chardev:com2",
-                "-qmp", f"unix:{self._qmp_path},server=on,wait=off",
-                "-netdev", f"user,id=net,restrict=on,hostfwd=tcp:{HOST}:0-:23",
-                "-device", "virtio-net-pci,netdev=net,romfile="]
+            lines = [
+                word
+                for name in ("console", "com2")
+                for word in ("-chardev", f"socket,id={name},path={self._path(name)},server=on,wait=off")
+            ]
+        return [
+            EMULATOR,
+            "-M",
+            "ppce500",
+            "-cpu",
+            "e500mc",
+            "-m",
+            "128",
+            "-nodefaults",
+            "-display",
+            "none",
+            "-S",
+            "-kernel",
+            kernel,
+            "-initrd",
+            image,
+            "-append",
+            "console=ttyS0,115200 panic=1" + ("" if self._on_terminal else " log=console"),
+            *lines,
+            "-serial",
+            "chardev:console",
+            "-serial",
+            "chardev:com2",
+            "-qmp",
+            f"unix:{self._qmp_path},server=on,wait=off",
+            "-netdev",
+            f"user,id=net,restrict=on,hostfwd=tcp:{HOST}:0-:23",
+            "-device",
+            "virtio-net-pci,netdev=net,romfile=",
+        ]
 
     def _connect(self) -> None:
         end = time.monotonic() + START_SECONDS

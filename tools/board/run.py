@@ -32,8 +32,10 @@ The board starts here; this terminal is its console, with a shell of root.
 
 def on_terminal() -> int:
     with Board(on_terminal=True) as board:
-        print(HOW_TO_USE.format(host=HOST, port=board.telnet_port, user=USER, password=PASSWORD, terminal=board.com2_terminal),
-              flush=True)
+        print(
+            HOW_TO_USE.format(host=HOST, port=board.telnet_port, user=USER, password=PASSWORD, terminal=board.com2_terminal),
+            flush=True,
+        )
         board.start()
         return board.process.wait()
 

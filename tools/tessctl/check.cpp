@@ -151,7 +151,8 @@ Seen lookAtSerialLine()
     if (users.hidden && users.names.empty())
         return {true, line + " exists; root could see which programs have it open"};
     if (users.hidden)
-        return {true, line + " is open in " + users.names + "; root could see whether other programs have it open, too"};
+        return {true,
+                line + " is open in " + users.names + "; root could see whether other programs have it open, too"};
     if (!users.names.empty()) return {false, line + " is open in " + users.names + ", not in tessd"};
     return {false, line + " is open in no process: does tessd run with the COM2 port?"};
 }

@@ -9,8 +9,7 @@ SHA512 = b"$6$Zq3nB0uT$75bVGaMmqaY2KMRd5Rk2pvNM0CcfiWX8tolejA.uwIwPc8zJs5ZdoR.68
 YESCRYPT = b"$y$j9T$wq8R1pXz0dVnK3e.Lm5Tu/$sKHHyAqVhAO7HS/BO7wzLH7NSjGvHh7ZqsOACJ07dk8"
 SHA512_OF_ROOT = b"$6$kH7sW2xE$X4UGlXnayluzITquHiYIqasPd7Y18eyAo8F1nhQKg2OUwUHTToMFtx6GeOeHaQDQNa2vHr2Th4SDYCyDmtxHb."
 EXPENSIVE = (  # a second of a fast processor
-    b"$6$rounds=3000000$q8sVw2Lm0TzR$"
-    b"N3KqjjDfeHyikP/NW4DTdfrnpR9jUc6K8kb9zIw4bBscM23lpPqs8dTDwEqADP9QfG1haoTUPkVan/FWPV.9h."
+    b"$6$rounds=3000000$q8sVw2Lm0TzR$" b"N3KqjjDfeHyikP/NW4DTdfrnpR9jUc6K8kb9zIw4bBscM23lpPqs8dTDwEqADP9QfG1haoTUPkVan/FWPV.9h."
 )
 
 

@@ -208,7 +208,9 @@ class Daemon:
     def hold(self) -> None:
         """Stops every thread of it; release() lets them go on. One may still run for a moment after the signal."""
         self.signal(signal.SIGSTOP)
-        wait_until(lambda: all(proc.status_field(self.pid, task, "State")[0] == "T" for task in proc.tasks(self.pid)), "it is held")
+        wait_until(
+            lambda: all(proc.status_field(self.pid, task, "State")[0] == "T" for task in proc.tasks(self.pid)), "it is held"
+        )
 
     def release(self) -> None:
         self.signal(signal.SIGCONT)

@@ -81,7 +81,9 @@ def expect_whole_end(tessd: Daemon, nothing_lost: bool = True) -> None:
     for kind, (identifier, text) in _OPENED.items():
         opened = sum(entry[0] == identifier and entry[1].startswith(text) for entry in entries)
         left = [int(match[1]) for entry in entries if (match := _CLOSED[kind].fullmatch(entry[1]))]
-        assert len(left) >= opened or not nothing_lost, f"{opened} {kind} connections opened, {len(left)} closed\n{tessd.log_text()}"
+        assert (
+            len(left) >= opened or not nothing_lost
+        ), f"{opened} {kind} connections opened, {len(left)} closed\n{tessd.log_text()}"
         assert not left or left[-1] == 0, f"{left[-1]} {kind} connections left open\n{tessd.log_text()}"
     expect_no_files()
 
@@ -90,5 +92,3 @@ def expect_no_files() -> None:
     files = (queue_path(wire.DAEMON), settings.IPC_PATH, settings.XCP_PATH)
     left = [path for path in files if os.path.lexists(path)]
     assert not left, f"left behind: {left}"
-
-

@@ -60,7 +60,11 @@ def running(*arguments: str, until: str, launcher: tuple[str, ...] = ()) -> Iter
     launcher    a program that becomes tessctl, or ends when that does"""
     with open("/tmp/tessctl.errors", "w+", encoding="utf-8") as errors:
         process = subprocess.Popen(
-            [*HEEDING_SIGHUP, *launcher, PROGRAM, *arguments], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=errors, text=True
+            [*HEEDING_SIGHUP, *launcher, PROGRAM, *arguments],
+            stdin=subprocess.DEVNULL,
+            stdout=subprocess.PIPE,
+            stderr=errors,
+            text=True,
         )
         process.errors = lambda: open("/tmp/tessctl.errors", encoding="utf-8").read()  # type: ignore[attr-defined]
         try:
