@@ -10,7 +10,7 @@
 #include <utility>
 
 #include "framework/fixed_text.h"
-#include "framework/log_mgr.h"
+#include "framework/log_message.h"
 #include "framework/queue_mgr.h"
 #include "framework/reply_text.h"
 
@@ -21,12 +21,12 @@ constexpr timeval ASK_EVERY{1, 0}; // while tessd is not there
 constexpr timeval LEAVE_WITHIN{2, 0};
 constexpr unsigned MOST_STOP_SECONDS = 5;
 
-constexpr TTraceMsg LOG_REGISTERED = 250021;
-constexpr TTraceMsg LOG_WAITING = 250022;
-constexpr TTraceMsg LOG_REFUSED = 250023;
-constexpr TTraceMsg LOG_ANSWER_LOST = 250024;
-constexpr TTraceMsg LOG_QUEUE_FAILED = 250025;
-constexpr TTraceMsg LOG_NOT_UNREGISTERED = 250026;
+constexpr LogMessage<Text> registeredAs{250021, "registered at tessd as {}"};
+constexpr LogMessage waitingForTessd{250022, "tessd is not there, asking again every second"};
+constexpr LogMessage<Text> refusedByTessd{250023, "tessd refused: {}"};
+constexpr LogMessage answerLost{250024, "an answer did not reach tessd"};
+constexpr LogMessage queueFailed{250025, "cannot receive from the queue"};
+constexpr LogMessage notUnregistered{250026, "tessd is not there, nothing to unregister from"};
 
 volatile std::sig_atomic_t stopRequested = 0;
 
@@ -107,7 +107,7 @@ void TCommandProcess::registerWithTessd()
         untilRegistration_.setTimeOut(REGISTER_EVERY);
         return;
     }
-    if (standing_ != Standing::waiting) logMgr.log(LOG_WAITING, "tessd is not there, asking again every second");
+    if (standing_ != Standing::waiting) logMessage(waitingForTessd);
     standing_ = Standing::waiting;
     untilRegistration_.setTimeOut(ASK_EVERY);
 }
@@ -115,7 +115,7 @@ void TCommandProcess::registerWithTessd()
 void TCommandProcess::unregister()
 {
     if (!send(MSG_UNREGISTER, 0, 0)) {
-        logMgr.log(LOG_NOT_UNREGISTERED, "tessd is not there, nothing to unregister from");
+        logMessage(notUnregistered);
         return;
     }
     ++repliesDue_;
@@ -129,7 +129,7 @@ bool TCommandProcess::serveOne()
 {
     const long received = g_qMgr.getMsg(&in_, MSG_QUEUE_ALL, true);
     if (received < 0) {
-        logMgr.log(LOG_QUEUE_FAILED, "cannot receive from the queue");
+        logMessage(queueFailed);
         return false;
     }
     if (received == 0 || in_.sender != TESS_QUEUE_ID) return true; // nobody else gives orders here
@@ -143,7 +143,7 @@ void TCommandProcess::onReply()
     if (repliesDue_ > 0) --repliesDue_;
     if (in_.tag != 0) {
         standing_ = Standing::refused;
-        logMgr.log(LOG_REFUSED, (FixedText<256>() << "tessd refused: " << textOf(in_)).c_str());
+        logMessage(refusedByTessd, std::string(textOf(in_)).c_str());
     } else if (standing_ != Standing::registered) {
         standing_ = Standing::registered;
         onRegistered();
@@ -152,7 +152,7 @@ void TCommandProcess::onReply()
 
 void TCommandProcess::onRegistered()
 {
-    logMgr.log(LOG_REGISTERED, (FixedText<320>() << "registered at tessd as " << name_).c_str());
+    logMessage(registeredAs, name_.c_str());
     if (!std::exchange(announced_, true)) logMgr.initAfterDaemonize();
 }
 
@@ -162,7 +162,7 @@ void TCommandProcess::answer(std::string_view command)
     // The tag names the connection that asked: it goes back as it came.
     for (const std::string_view part : replyMessages(reply)) {
         if (send(MSG_REPLY, in_.tag, putText(out_.text, part) + 1)) continue;
-        logMgr.log(LOG_ANSWER_LOST, "an answer did not reach tessd");
+        logMessage(answerLost);
         return;
     }
 }

@@ -33,7 +33,7 @@ extern "C" int select(int count, fd_set* input, fd_set* output, fd_set* urgent, 
         errno = *failWith;
         return -1;
     }
-    const timespec span{time->tv_sec, time->tv_usec * 1000};
+    const timespec span{time->tv_sec, static_cast<long>(time->tv_usec) * 1000};
     return ::pselect(count, input, output, urgent, &span, nullptr);
 }
 

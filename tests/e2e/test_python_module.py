@@ -13,7 +13,7 @@ from collections.abc import Callable, Iterator
 
 import pytest
 
-from harness import settings, wire
+from harness import settings
 from harness.queue_process import AnsweringProcess, QueueProcess
 from harness.waiting import wait_until
 

@@ -581,6 +581,7 @@ def command_lines() -> list[str]:
 # Descriptors
 
 
+@pytest.mark.skipif(settings.sanitized(), reason="the sanitizer needs descriptors of its own to look at memory")
 def test_without_descriptors_nothing_is_logged_and_no_number_spent(scene):
     """And who waited is served as soon as there are some again."""
     tessd = scene.tessd

@@ -132,10 +132,10 @@ TEST_F(ServiceManager, GetsTheSeverityInFrontOfLinesToTheJournal)
         {1, "x", "<3>2"},
         {2, "x", "<6>2"},
         {2, "beware", "<4>2"},
-        {LOG_QUEUE_NOT_OPENED, "x", "<3>2"},
-        {LOG_DATAGRAM_DROPPED, "x", "<4>2"},
-        {LOG_MANAGER_NOT_TOLD, "x", "<4>2"},
-        {LOG_LINES_LOST, "x", "<4>2"},
+        {framework_log::QUEUE_NOT_OPENED, "x", "<3>2"},
+        {framework_log::datagramDropped.id, "x", "<4>2"},
+        {framework_log::managerNotTold.id, "x", "<4>2"},
+        {framework_log::linesLost.id, "x", "<4>2"},
     };
     setLogSeverities(oddIsAnError);
     for (const auto& row : rows) {
