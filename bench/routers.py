@@ -59,6 +59,7 @@ class Router:
         self.process: subprocess.Popen | None = None
         self._answerer: subprocess.Popen | None = None
         self._stack = contextlib.ExitStack()
+        self._descriptors = 0
         self.answer = 0
 
     # What differs
@@ -96,6 +97,15 @@ class Router:
         self._answerer = subprocess.Popen([f"{PROGRAMS}/bench_answerer", *self.answerer(length)])
         self.answer = length
         wait_until(self._answers, "the process answers")
+        self._descriptors = self._steady_descriptors()
+
+    def _steady_descriptors(self) -> int:
+        """How many it has open without clients."""
+        least = len(proc.descriptors(self.process.pid))
+        for _ in range(20):
+            time.sleep(0.01)
+            least = min(least, len(proc.descriptors(self.process.pid)))
+        return least
 
     def _end_answerer(self) -> None:
         if self._answerer is not None:
@@ -126,18 +136,18 @@ class Router:
                 self.hold_idle(idle, stack)
             words = self.load_command(watch=self.process.pid, **options)
             result = subprocess.run(words, stdout=subprocess.PIPE, timeout=120, check=True)
+        self.settle()
         return json.loads(result.stdout)
 
     def _hold(self, protocol: str, path: str, count: int, stack: contextlib.ExitStack) -> None:
         words = [f"{PROGRAMS}/bench_load", protocol, path, "--idle", str(count), "--hold"]
         holder = subprocess.Popen(words, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
-        stack.callback(_let_go, holder, self.settle)
+        stack.callback(_let_go, holder)
         holder.stdout.read(1)
 
     def settle(self) -> None:
         """Until the router has seen that clients have gone."""
-        wait_until(lambda: proc.status_field(self.process.pid, self.process.pid, "State").startswith("S"), "the router waits")
-        time.sleep(0.02)
+        wait_until(lambda: len(proc.descriptors(self.process.pid)) <= self._descriptors, "the router has closed what was left", 10)
 
     def first_answer(self) -> float:
         """Microseconds from its start to an answer. Another one of the same kind must not be running."""
@@ -157,10 +167,9 @@ class Router:
             os.unlink(self.path)
 
 
-def _let_go(holder: subprocess.Popen, settle: object) -> None:
+def _let_go(holder: subprocess.Popen) -> None:
     holder.stdin.close()
     holder.wait(10)
-    settle()
 
 
 class Floor(Router):
@@ -220,19 +229,17 @@ class Tessd(Floor):
         return Router.first_answer(self)
 
     def hold_idle(self, count: int, stack: contextlib.ExitStack) -> None:
-        """A third on each port."""
-        telnet = count // 3
-        frames = (count - telnet + 1) // 2
-        self._hold("xcp", settings.XCP_PATH, frames, stack)
-        self._hold("ipc", settings.IPC_PATH, count - telnet - frames, stack)
-        stack.callback(self._wait_gone)
+        """A third on each port; the one that asks counts too, as a port takes no more than MOST_CLIENTS."""
+        telnet = (count + 2) // 3
+        own = (count - telnet) // 2
+        other = count - telnet - own
+        assert max(telnet, own + 1, other) <= self.MOST_CLIENTS
+        at_ipc, at_xcp = (own, other) if self.protocol == "ipc" else (other, own)
+        self._hold("ipc", settings.IPC_PATH, at_ipc, stack)
+        self._hold("xcp", settings.XCP_PATH, at_xcp, stack)
         for _ in range(telnet):
             client = stack.enter_context(TelnetClient())
             client.log_in()
-
-    def _wait_gone(self) -> None:
-        time.sleep(0.1)
-        self.settle()
 
     def register_others(self, count: int, stack: contextlib.ExitStack) -> None:
         """Processes in front of the one that answers."""
