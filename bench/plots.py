@@ -44,12 +44,14 @@ def throughput(facts: dict, axes: plt.Axes) -> None:
 
 
 def distribution(facts: dict, axes: plt.Axes) -> None:
+    slowest = 0.0
     for name, figures in facts["routers"].items():
         rounds = [result["quantiles"] for result in figures["one client"]]
         times = [statistics.median(at) for at in zip(*rounds, strict=True)]
         axes.plot(times, [permille / 10 for permille in range(len(times))], label=name)
-    axes.set(xscale="log", xlabel=f"{MICROSECONDS}, 1 client", ylabel="percent answered")
-    axes.grid(visible=True, which="both", alpha=0.3)
+        slowest = max(slowest, times[990])
+    axes.set(xlim=(0, slowest), xlabel=f"{MICROSECONDS}, 1 client", ylabel="percent answered")
+    axes.grid(visible=True, alpha=0.3)
     axes.legend()
 
 

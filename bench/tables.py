@@ -120,7 +120,7 @@ def verdict(goal: AtMost, by_router: dict[str, tuple[float, ...]]) -> str:
 def shown(value: float | tuple[float, ...]) -> str:
     if isinstance(value, tuple):
         return "; ".join(shown(figure) for figure in value)
-    return f"{value:.0f}" if value >= 1000 else f"{value:.2f}" if value < 10 else f"{value:.1f}"
+    return f"{value:.0f}" if value >= 100 else f"{value:.2f}" if value < 10 else f"{value:.1f}"
 
 
 def table(head: list[str], lines: list[list[str]]) -> str:

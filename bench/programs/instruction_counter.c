@@ -13,8 +13,8 @@ struct qemu_plugin_tb;
 
 extern void qemu_plugin_register_vcpu_tb_trans_cb(uint64_t id, void (*call)(uint64_t id, struct qemu_plugin_tb* block));
 extern size_t qemu_plugin_tb_n_insns(const struct qemu_plugin_tb* block);
-extern void qemu_plugin_register_vcpu_tb_exec_cb(struct qemu_plugin_tb* block, void (*call)(unsigned processor, void* data),
-                                                 int flags, void* data);
+extern void qemu_plugin_register_vcpu_tb_exec_cb(struct qemu_plugin_tb* block,
+                                                 void (*call)(unsigned processor, void* data), int flags, void* data);
 
 int qemu_plugin_version = 1;
 int qemu_plugin_install(uint64_t id, const void* info, int argc, char** argv);
