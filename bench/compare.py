@@ -116,8 +116,12 @@ class Comparison:
                         found[row].setdefault(str(step), {}).setdefault(name, []).append(p50)
         if "tessd" in self.workers:
             found["pending delays"] = self.growing_delays()
-        return {row: {step: {name: statistics.median(values) for name, values in by_name.items()}
-                      for step, by_name in by_step.items()} for row, by_step in found.items()}
+        return {
+            row: {
+                step: {name: statistics.median(values) for name, values in by_name.items()} for step, by_name in by_step.items()
+            }
+            for row, by_step in found.items()
+        }
 
     def growing(self) -> list[tuple]:
         seconds = self.options.seconds / 2
@@ -125,8 +129,7 @@ class Comparison:
         mine = [name for name in everyone if name.startswith("tessd")]
         return [
             ("idle clients", IDLE, everyone, lambda worker, n: worker.call("load", seconds=seconds, idle=n)),
-            ("registered processes", PROCESSES, mine,
-             lambda worker, n: worker.call("load_beside", seconds=seconds, processes=n)),
+            ("registered processes", PROCESSES, mine, lambda worker, n: worker.call("load_beside", seconds=seconds, processes=n)),
             ("bytes of a command", COMMAND_TEXTS, everyone, lambda worker, n: worker.call("load", seconds=seconds, text=n)),
             ("bytes of an answer", ANSWER_TEXTS, everyone, lambda worker, n: worker.call("load", seconds=seconds, answer=n)),
         ]
@@ -140,15 +143,20 @@ class Comparison:
         for step in DELAYS:
             worker.call("delay_lines", count=step - pending)
             pending = step
-            found[str(step)] = {"tessd": [figures(worker.call("load", seconds=self.options.seconds / 2))["p50"]
-                                          for _ in range(self.options.growth_rounds)]}
+            found[str(step)] = {
+                "tessd": [
+                    figures(worker.call("load", seconds=self.options.seconds / 2))["p50"]
+                    for _ in range(self.options.growth_rounds)
+                ]
+            }
         return found
 
 
 def version(command: list[str], pattern: str = "") -> str:
     try:
-        result = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False,
-                                env=routers.environment())
+        result = subprocess.run(
+            command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False, env=routers.environment()
+        )
     except OSError:
         return "?"
     lines = [line for line in result.stdout.splitlines() if pattern in line]
@@ -159,8 +167,12 @@ def machine(core: int, nice: int) -> dict:
     with open("/proc/cpuinfo", encoding="ascii") as file:
         model = next((line.split(":")[1].strip() for line in file if line.startswith("model name")), platform.machine())
     return {
-        "processor": model, "processors": os.cpu_count(), "core": core, "nice": nice,
-        "kernel": platform.release(), "date": datetime.datetime.now(datetime.timezone.utc).date().isoformat(),
+        "processor": model,
+        "processors": os.cpu_count(),
+        "core": core,
+        "nice": nice,
+        "kernel": platform.release(),
+        "date": datetime.datetime.now(datetime.timezone.utc).date().isoformat(),
         "compiler": version(["c++", "--version"]),
         "commit": version(["git", "-C", routers.settings.PROJECT, "describe", "--always", "--dirty"]),
         "load before": os.getloadavg()[0],
@@ -185,8 +197,13 @@ def best_nice() -> int:
 def parse() -> argparse.Namespace:
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--output", required=True, help="where the JSON goes")
-    parser.add_argument("--only", action="append", default=[], metavar="NAME",
-                        help="this router, and the floor; may be repeated: " + ", ".join(routers.ROUTERS))
+    parser.add_argument(
+        "--only",
+        action="append",
+        default=[],
+        metavar="NAME",
+        help="this router, and the floor; may be repeated: " + ", ".join(routers.ROUTERS),
+    )
     parser.add_argument("--rounds", type=int, default=9)
     parser.add_argument("--seconds", type=float, default=0.5, help="of each load in a round")
     parser.add_argument("--idle-seconds", type=float, default=10)
@@ -209,8 +226,13 @@ def main() -> int:
     options = parse()
     names = chosen(options.only)
     nice = best_nice()
-    facts = {"command": "scripts/bench " + " ".join(f"--only {name}" for name in options.only), "rounds": options.rounds,
-             "seconds": options.seconds, "machine": machine(options.core, nice), "versions": versions(names)}
+    facts = {
+        "command": "scripts/bench " + " ".join(f"--only {name}" for name in options.only),
+        "rounds": options.rounds,
+        "seconds": options.seconds,
+        "machine": machine(options.core, nice),
+        "versions": versions(names),
+    }
     facts |= Comparison(names, options, nice).run()
     facts["machine"]["load after"] = os.getloadavg()[0]
     facts["table"] = tables.rows(facts["routers"])

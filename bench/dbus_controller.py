@@ -102,8 +102,12 @@ def start(program: str, path: str, environment: dict[str, str]) -> tuple[subproc
     listener.bind(path)
     listener.listen(64)
     os.set_blocking(listener.fileno(), False)
-    process = subprocess.Popen([program, "--controller", str(theirs.fileno()), "--machine-id", "0" * 31 + "1"],
-                               pass_fds=[theirs.fileno()], env=environment, stdin=subprocess.DEVNULL)
+    process = subprocess.Popen(
+        [program, "--controller", str(theirs.fileno()), "--machine-id", "0" * 31 + "1"],
+        pass_fds=[theirs.fileno()],
+        env=environment,
+        stdin=subprocess.DEVNULL,
+    )
     theirs.close()
     ours.settimeout(5)
     ours.sendall(b"\0AUTH EXTERNAL %s\r\n" % str(os.geteuid()).encode().hex().encode())

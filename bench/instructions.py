@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Instructions of tessd for a command and its answer, in user mode: a figure that can be compared from one version to the next, on
+"""Instructions of tessd for a command and its answer, in user mode: a figure to compare from one version to the next, on
 any machine.
 
     bench/instructions.py [powerpc]
@@ -113,7 +113,9 @@ def main() -> int:
     target = "powerpc" if sys.argv[1:] else "host"
     if target == "powerpc":
         build_plugin()
-    subprocess.run([sys.executable, os.path.realpath(__file__), "--inside", target], env={**os.environ, **TARGETS[target]}, check=True)
+    subprocess.run(
+        [sys.executable, os.path.realpath(__file__), "--inside", target], env={**os.environ, **TARGETS[target]}, check=True
+    )
     return 0
 
 

@@ -68,8 +68,9 @@ class Router:
         """Before the first start."""
 
     def spawn(self) -> subprocess.Popen:
-        return subprocess.Popen(self.command, env=environment(), stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                                stderr=subprocess.DEVNULL)
+        return subprocess.Popen(
+            self.command, env=environment(), stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL
+        )
 
     def answerer(self, answer: int) -> list[str]:
         return [self.protocol, self.path, "-", str(answer)]
@@ -115,8 +116,17 @@ class Router:
 
     def _answers(self) -> bool:
         """A command gets through; a router may take a moment to know the process."""
-        result = subprocess.run(self.load_command(count=1, **{"warm-up": 0}), stdout=subprocess.DEVNULL,
-                                stderr=subprocess.DEVNULL, timeout=1, check=False) if self._is_known() else None
+        result = (
+            subprocess.run(
+                self.load_command(count=1, **{"warm-up": 0}),
+                stdout=subprocess.DEVNULL,
+                stderr=subprocess.DEVNULL,
+                timeout=1,
+                check=False,
+            )
+            if self._is_known()
+            else None
+        )
         return result is not None and result.returncode == 0
 
     def _is_known(self) -> bool:
@@ -147,12 +157,20 @@ class Router:
 
     def settle(self) -> None:
         """Until the router has seen that clients have gone."""
-        wait_until(lambda: len(proc.descriptors(self.process.pid)) <= self._descriptors, "the router has closed what was left", 10)
+        wait_until(
+            lambda: len(proc.descriptors(self.process.pid)) <= self._descriptors, "the router has closed what was left", 10
+        )
 
     def first_answer(self) -> float:
         """Microseconds from its start to an answer. Another one of the same kind must not be running."""
-        result = subprocess.run([f"{PROGRAMS}/bench_first_answer", self.protocol, self.path, *self.probe_command()],
-                                stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, env=environment(), timeout=20, check=True)
+        result = subprocess.run(
+            [f"{PROGRAMS}/bench_first_answer", self.protocol, self.path, *self.probe_command()],
+            stdout=subprocess.PIPE,
+            stderr=subprocess.DEVNULL,
+            env=environment(),
+            timeout=20,
+            check=True,
+        )
         return int(result.stdout) / 1000
 
     def stop(self) -> None:
@@ -310,8 +328,23 @@ class Redis(Router):
     path, protocol = "/tmp/redis", "redis"
 
     def prepare(self) -> None:
-        self.command = [program("redis-server"), "--port", "0", "--unixsocket", self.path, "--save", "", "--appendonly", "no",
-                        "--daemonize", "no", "--logfile", "/dev/null", "--dir", "/tmp"]
+        self.command = [
+            program("redis-server"),
+            "--port",
+            "0",
+            "--unixsocket",
+            self.path,
+            "--save",
+            "",
+            "--appendonly",
+            "no",
+            "--daemonize",
+            "no",
+            "--logfile",
+            "/dev/null",
+            "--dir",
+            "/tmp",
+        ]
 
 
 class FloorXcp(Floor):

@@ -77,14 +77,20 @@ class AtLeast(AtMost):
 ROWS: list[tuple[str, Row, AtMost]] = [
     ("round trip p50, 1 client, over the floor's", over_floor("one client", "p50"), AtMost([1.05])),
     ("its p99 over the floor's", over_floor("one client", "p99"), AtMost([1.2])),
-    ("round trip with 29 idle clients on all ports over one's own with none", over_own("29 idle", "one client", "p50"),
-     AtMost([1.1])),
+    (
+        "round trip with 29 idle clients on all ports over one's own with none",
+        over_own("29 idle", "one client", "p50"),
+        AtMost([1.1]),
+    ),
     ("10 clients, 1 in flight, commands a second over the floor's", over_floor("10 clients", "rate"), AtLeast([0.95])),
     ("10 clients, 16 in flight", over_floor("16 in flight", "rate"), AtLeast([1.3])),
     ("system calls a command, 1 client", calls("calls"), AtMost([5.05])),  # each thread also wakes up once a second
     ("system calls a command, 16 in flight", calls("calls, 16 in flight"), AtMost([2])),
-    ("router's processor time a command, 1 client, microseconds",
-     lambda own, _floor: median_of(own["one client"], "processor"), AtMost([15.5])),
+    (
+        "router's processor time a command, 1 client, microseconds",
+        lambda own, _floor: median_of(own["one client"], "processor"),
+        AtMost([15.5]),
+    ),
     ("idle: wake-ups a second; processor time a second with 10 idle clients, microseconds", idle, AtMost([2.05, 100])),
     ("resident; private KiB", memory, AtMost([3000, 700])),
     ("exec to first answer over the floor's", first_answer, AtMost([1.4])),
@@ -104,6 +110,7 @@ def floor_of(name: str, routers: dict) -> Figures:
 
 def rows(routers: dict) -> dict[str, dict[str, tuple[float, ...]]]:
     """Figures by name of the row and of the router."""
+
     def figures(row: Row, name: str) -> tuple[float, ...]:
         value = row(routers[name], floor_of(name, routers))
         return value if isinstance(value, tuple) else (value,)
@@ -131,8 +138,10 @@ def spread(routers: dict) -> str:
     """How far the rounds differ: the middle half of the ratios for the round trip."""
     parts = []
     for name, own in routers.items():
-        ratios = [mine["p50"] / least["p50"]
-                  for mine, least in zip(own["one client"], floor_of(name, routers)["one client"], strict=True)]
+        ratios = [
+            mine["p50"] / least["p50"]
+            for mine, least in zip(own["one client"], floor_of(name, routers)["one client"], strict=True)
+        ]
         if len(ratios) > 3 and not name.startswith("floor"):
             low, _, high = statistics.quantiles(ratios, n=4)
             parts.append(f"{name} {low:.2f} to {high:.2f}")
@@ -150,10 +159,12 @@ def growth(found: dict) -> str:
 
 def origin(facts: dict) -> str:
     machine = facts["machine"]
-    text = (f"{machine['date']}, `{facts['command'].strip()}` at {machine['commit']}: {machine['processor']}, "
-            f"{machine['processors']} processors, Linux {machine['kernel']}, {machine['compiler']}. "
-            f"{facts['rounds']} rounds of {facts['seconds']} s; everything on processor {machine['core']}, nice {machine['nice']}. "
-            f"Load of the machine before and after: {machine['load before']:.1f}, {machine['load after']:.1f}.")
+    text = (
+        f"{machine['date']}, `{facts['command'].strip()}` at {machine['commit']}: {machine['processor']}, "
+        f"{machine['processors']} processors, Linux {machine['kernel']}, {machine['compiler']}. "
+        f"{facts['rounds']} rounds of {facts['seconds']} s; everything on processor {machine['core']}, nice {machine['nice']}. "
+        f"Load of the machine before and after: {machine['load before']:.1f}, {machine['load after']:.1f}."
+    )
     return " ".join([text, *(f"{name}: {what}." for name, what in facts["versions"].items())])
 
 
@@ -161,8 +172,10 @@ def text(facts: dict) -> str:
     routers = facts["routers"]
     names = list(routers)
     figures = rows(routers)
-    main_lines = [[title, *(shown(figures[title][name]) for name in names), str(goal), verdict(goal, figures[title])]
-                  for title, _row, goal in ROWS]
+    main_lines = [
+        [title, *(shown(figures[title][name]) for name in names), str(goal), verdict(goal, figures[title])]
+        for title, _row, goal in ROWS
+    ]
     plain_lines = [[title, *(shown(median_of(routers[name][load], key)) for name in names)] for title, load, key in ABSOLUTE]
     parts = [origin(facts), table(["figure", *names, "goal for tessd", "reached"], main_lines)]
     if middle := spread(routers):

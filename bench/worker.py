@@ -73,8 +73,10 @@ class Inside:
             woken, used, began = proc.wakeups(pid), proc.cpu_nanoseconds(pid), time.monotonic()
             time.sleep(seconds)
             passed = time.monotonic() - began
-            return {"wakeups": (proc.wakeups(pid) - woken) / passed,
-                    "microseconds": (proc.cpu_nanoseconds(pid) - used) / 1000 / passed}
+            return {
+                "wakeups": (proc.wakeups(pid) - woken) / passed,
+                "microseconds": (proc.cpu_nanoseconds(pid) - used) / 1000 / passed,
+            }
 
     def memory(self) -> dict[str, int]:
         """KiB."""

@@ -41,7 +41,7 @@ LOCK_CALLS = 4
 # 3.6 to 7.5 and 9.7 to 10.3.
 CALLS_IN_FLIGHT = {IpcClient: 6 + LOCK_CALLS, XcpClient: 7 + LOCK_CALLS}
 
-# Instructions and stores in user mode. Memory is cleared by an instruction that stores eight bytes at a time and counts each time:
+# Instructions and stores in user mode. Memory is cleared by an instruction that stores eight bytes at a time, each counted:
 # the part of a record that an answer leaves free is a thousand of both. Measured: 5690 to 5830 and 1695 to 1715.
 INSTRUCTIONS = 6500
 STORES = 1900

@@ -351,13 +351,13 @@ def test_a_name_that_leads_to_tessds_queue_is_not_tessd(start, pretended):
 
 def test_a_relative_queue_directory_is_made_absolute(start):
     """That is how whoever it sends to knows it, and how it knows the others."""
-    os.makedirs("/run/work/queues")
+    os.makedirs("/run/elsewhere/queues")
     with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as tessd:
-        tessd.bind("/run/work/queues/1001")
+        tessd.bind("/run/elsewhere/queues/1001")
         tessd.settimeout(20)
         start(cwd="/run/work", env=os.environ | {"TESS_QUEUE_DIR": "./queues/"})
         _, origin = tessd.recvfrom(8192)
-        assert origin == f"/run/work/queues/{ADDRESS}"
+        assert origin == f"/run/elsewhere/queues/{ADDRESS}"
         tessd.sendto(wire.record(wire.TEXT_KIND, b"GETX\n\0"), origin)
         answer = tessd.recv(8192)[wire.HEADER :]
         assert answer == b"0\r\n\r\n\0", answer

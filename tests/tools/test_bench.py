@@ -37,10 +37,24 @@ ROUTERS = {
     "tessd xcp": measured([20, 20, 20], rate=500),
 }
 FACTS = {
-    "command": "scripts/bench", "rounds": 3, "seconds": 0.5, "versions": {}, "routers": ROUTERS,
+    "command": "scripts/bench",
+    "rounds": 3,
+    "seconds": 0.5,
+    "versions": {},
+    "routers": ROUTERS,
     "growth": {"pending delays": {"0": {"tessd": 11.0}, "100": {"tessd": 12.0}}},
-    "machine": {"processor": "p", "processors": 2, "core": 1, "nice": 0, "kernel": "k", "date": "d", "compiler": "c",
-                "commit": "0", "load before": 0.0, "load after": 0.0},
+    "machine": {
+        "processor": "p",
+        "processors": 2,
+        "core": 1,
+        "nice": 0,
+        "kernel": "k",
+        "date": "d",
+        "compiler": "c",
+        "commit": "0",
+        "load before": 0.0,
+        "load after": 0.0,
+    },
 }
 
 

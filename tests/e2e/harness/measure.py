@@ -82,8 +82,14 @@ class ExecutionCounter:
 
     def __init__(self) -> None:
         self._output = f"/run/callgrind.{next(ExecutionCounter._numbers)}"
-        self.wrapper = ["valgrind", "--tool=callgrind", "--cache-sim=yes", "--quiet", f"--log-file={self._output}.log",
-                        f"--callgrind-out-file={self._output}"]
+        self.wrapper = [
+            "valgrind",
+            "--tool=callgrind",
+            "--cache-sim=yes",
+            "--quiet",
+            f"--log-file={self._output}.log",
+            f"--callgrind-out-file={self._output}",
+        ]
 
     _numbers = itertools.count(1)
 
