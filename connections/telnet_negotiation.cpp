@@ -5,7 +5,6 @@
 
 using telnet::Byte;
 using telnet::Turn;
-using telnet::Verdict;
 
 Turn TTelnetNegotiation::take(std::span<const Byte> input, Instant now)
 {

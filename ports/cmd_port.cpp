@@ -17,7 +17,8 @@ bool TCmdPort::openSocket(int family)
     return fd >= 0;
 }
 
-void TCmdPort::listenAt(const sockaddr* address, socklen_t size, const char* bindFailure, const char* listenFailure)
+void TCmdPort::listenAt(const sockaddr* address, socklen_t size, const char* bindFailure,
+                        const char* listenFailure) const
 {
     if (::bind(fd, address, size) != 0) throw std::runtime_error(bindFailure);
     if (::listen(fd, BACKLOG) != 0) throw std::runtime_error(listenFailure);

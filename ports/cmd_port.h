@@ -86,7 +86,7 @@ protected:
 
     /// Binds `fd` to an address and listens. A failure leaves it open (deliberate).
     /// @throws std::runtime_error  with one of the texts
-    void listenAt(const sockaddr* address, socklen_t size, const char* bindFailure, const char* listenFailure);
+    void listenAt(const sockaddr* address, socklen_t size, const char* bindFailure, const char* listenFailure) const;
 
     /// What every closePort() has in common.
     /// @return false: the port was closed already, and nothing is done
