@@ -355,7 +355,7 @@ def test_a_relative_queue_directory_is_made_absolute(start):
     with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as tessd:
         tessd.bind("/run/elsewhere/queues/1001")
         tessd.settimeout(20)
-        start(cwd="/run/work", env=os.environ | {"TESS_QUEUE_DIR": "./queues/"})
+        start(cwd="/run/elsewhere", env=os.environ | {"TESS_QUEUE_DIR": "./queues/"})
         _, origin = tessd.recvfrom(8192)
         assert origin == f"/run/elsewhere/queues/{ADDRESS}"
         tessd.sendto(wire.record(wire.TEXT_KIND, b"GETX\n\0"), origin)
