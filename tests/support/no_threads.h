@@ -9,7 +9,7 @@ class NoThreads {
 public:
     NoThreads()
     {
-        constexpr std::size_t TOO_MUCH = SIZE_MAX / 2 / 65536 * 65536;
+        constexpr std::size_t TOO_MUCH = SIZE_MAX / 4 * 3 / 65536 * 65536;
         if (::pthread_getattr_default_np(&before_) != 0) return;
         pthread_attr_t changed = before_;
         isSet_ = ::pthread_attr_setstacksize(&changed, TOO_MUCH) == 0 && ::pthread_setattr_default_np(&changed) == 0;

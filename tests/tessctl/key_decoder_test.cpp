@@ -27,7 +27,7 @@ std::string sent(std::string_view keys)
 
 TEST(KeyDecoder, LosesNoByteOfWhatIsTyped)
 {
-    ASSERT_NE(std::setlocale(LC_CTYPE, "C.UTF-8"), nullptr);
+    if (std::setlocale(LC_CTYPE, "C.UTF-8") == nullptr) GTEST_SKIP() << "there is no locale C.UTF-8";
     std::string all;
     for (int byte = 1; byte < 256; ++byte)
         all += static_cast<char>(byte);
@@ -39,7 +39,7 @@ TEST(KeyDecoder, LosesNoByteOfWhatIsTyped)
 
 TEST(KeyDecoder, WaitsForTheRestOfACharacter)
 {
-    ASSERT_NE(std::setlocale(LC_CTYPE, "C.UTF-8"), nullptr);
+    if (std::setlocale(LC_CTYPE, "C.UTF-8") == nullptr) GTEST_SKIP() << "there is no locale C.UTF-8";
     TKeyDecoder decoder;
     EXPECT_EQ(decoder.next(), std::nullopt);
     decoder.add('\xC3');
