@@ -50,7 +50,7 @@ template <class Stops> std::size_t lengthUntil(std::string_view text, Stops stop
 }
 
 /// "$GPRMC,...": the unit field runs to the first comma.
-int parseSentence(std::string_view text, std::size_t unitLength, TCommandAddress& address)
+int parseSentence(std::string_view text, std::size_t unitLength, CommandAddress& address)
 {
     const std::size_t consumed = unitLength + lengthUntil(text.substr(unitLength), [](char c) { return c == ','; });
     putText(address.unitAddr, text.substr(0, consumed));
@@ -62,7 +62,7 @@ int parseSentence(std::string_view text, std::size_t unitLength, TCommandAddress
 
 } // namespace
 
-int parseCmdAddress(std::string_view text, TCommandAddress& address)
+int parseCmdAddress(std::string_view text, CommandAddress& address)
 {
     address.unitAddr[0] = '\0';
     address.procAddr[0] = '\0';

@@ -7,7 +7,7 @@
 inline constexpr std::size_t ADDRESS_FIELD_BYTES = 256;
 
 /// The two fields of the address in front of a command, NUL-terminated; a longer field is cut.
-struct TCommandAddress {
+struct CommandAddress {
     char unitAddr[ADDRESS_FIELD_BYTES];
     char procAddr[ADDRESS_FIELD_BYTES];
 };
@@ -21,4 +21,4 @@ inline constexpr int ADDRESS_WHOLE_TEXT = 1;
 /// @param text     trimmed token; white space in front is skipped and not counted
 /// @param address  receives both fields, empty where the token has none
 /// @return 0 rejected; 1 the body is the whole text; above 1 the offset at which the body begins
-int parseCmdAddress(std::string_view text, TCommandAddress& address);
+int parseCmdAddress(std::string_view text, CommandAddress& address);

@@ -49,7 +49,7 @@ std::string listingLine(const Clock& now, std::uint64_t due, const std::string& 
 }
 
 /// Writes a text of whole lines, as many as fit a record at a time.
-void writeLines(TCommandContext& context, TPortConn& conn, std::string_view text)
+void writeLines(CommandContext& context, TPortConn& conn, std::string_view text)
 {
     constexpr std::size_t capacity = MSG_TEXT_BYTES - 1;
     while (!text.empty()) {
@@ -61,7 +61,7 @@ void writeLines(TCommandContext& context, TPortConn& conn, std::string_view text
 
 } // namespace
 
-int setDelay(TCommandContext& context, std::span<const std::string_view> tokens)
+int setDelay(CommandContext& context, std::span<const std::string_view> tokens)
 {
     const std::string_view argument = trimmed(trimmed(tokens[0]).substr(std::string_view("DELAY").size()));
     if (beginsWithNoCase(argument, "CLEAR")) {
@@ -76,7 +76,7 @@ int setDelay(TCommandContext& context, std::span<const std::string_view> tokens)
     return 0;
 }
 
-int listDelays(TCommandContext& context, TPortConn* conn)
+int listDelays(CommandContext& context, TPortConn* conn)
 {
     const std::optional<Clock> now = Clock::now();
     if (!now) {

@@ -1,6 +1,6 @@
 #include "commands/delay_queue.h"
 
-std::optional<std::string> TDelayQueue::takeDue(std::uint64_t now)
+std::optional<std::string> DelayQueue::takeDue(std::uint64_t now)
 {
     const auto first = lines_.begin();
     if (first == lines_.end() || first->first > now) return std::nullopt;

@@ -7,7 +7,7 @@
 
 /// Delayed command lines by due time. Equal times keep the order of insertion.
 /// Threads: no lock of its own.
-class TDelayQueue {
+class DelayQueue {
 public:
     /// Due times are in milliseconds on the monotonic clock.
     using Lines = std::multimap<std::uint64_t, std::string>;

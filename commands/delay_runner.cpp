@@ -10,7 +10,7 @@ namespace {
 constexpr int CLOCK_RETRY_MS = 100;
 
 /// @return false: no line is due
-bool takeDue(TDelayQueue& queue, const ClockReading& now, TDelayedLine& line)
+bool takeDue(DelayQueue& queue, const ClockReading& now, DelayedLine& line)
 {
     const std::optional<std::string> text = queue.takeDue(now.milliseconds());
     if (!text) return false;
@@ -20,18 +20,18 @@ bool takeDue(TDelayQueue& queue, const ClockReading& now, TDelayedLine& line)
 }
 
 /// @return false: it has to wait
-bool run(TCommandContext& context, TDelayedLine& line)
+bool run(CommandContext& context, DelayedLine& line)
 {
-    const TCmdEntry command{0, line.text.data()};
+    const CmdEntry command{0, line.text.data()};
     line.runs = processCmd(context, nullptr, &command) == CMD_WAITS; // any other result: there is nobody to tell
     return !line.runs;
 }
 
 } // namespace
 
-void runDelays(TCommandContext& context)
+void runDelays(CommandContext& context)
 {
-    TDelayedLine& line = context.delayedLine;
+    DelayedLine& line = context.delayedLine;
     if (line.runs && !run(context, line)) return;
     const std::optional<ClockReading> now = ClockReading::now();
     if (!now) {

@@ -5,4 +5,4 @@
 /// Interprets every line that is due, in order, without a connection. Lines may queue further ones and may clear the queue. A
 /// line that has to wait keeps those behind it waiting: to be called again when it may go on.
 /// Threads: service thread.
-void runDelays(TCommandContext& context);
+void runDelays(CommandContext& context);

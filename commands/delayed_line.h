@@ -9,8 +9,8 @@
 inline constexpr std::size_t DELAYED_LINE_BYTES = 256;
 
 /// A delayed line that has been taken out of the queue to be run. It waits as a connection does.
-struct TDelayedLine {
+struct DelayedLine {
     std::array<char, DELAYED_LINE_BYTES> text{};
     bool runs = false;
-    TCmdProgress progress;
+    CmdProgress progress;
 };

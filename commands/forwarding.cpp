@@ -26,7 +26,7 @@ bool isAddressed(const TRegisteredProc& proc, const char* procAddr)
 }
 
 /// Sends outMsg to the targets that are left. Needs regLock.
-int sendToTargets(TCommandContext& context, TCmdProgress& progress)
+int sendToTargets(CommandContext& context, CmdProgress& progress)
 {
     for (; progress.target < progress.targetCount; ++progress.target) {
         const long sent = context.fullQueues.send(progress.queueWaiter, progress.targets[progress.target],
@@ -39,7 +39,7 @@ int sendToTargets(TCommandContext& context, TCmdProgress& progress)
 
 } // namespace
 
-int forwardCmd(TCommandContext& context, TCmdProgress& progress, const TCommandAddress& address, std::uint32_t portType,
+int forwardCmd(CommandContext& context, CmdProgress& progress, const CommandAddress& address, std::uint32_t portType,
                std::uint32_t entryTag)
 {
     setMilestone(Milestone::forwardBegun);
@@ -58,7 +58,7 @@ int forwardCmd(TCommandContext& context, TCmdProgress& progress, const TCommandA
     return result;
 }
 
-int goOnForwarding(TCommandContext& context, TCmdProgress& progress)
+int goOnForwarding(CommandContext& context, CmdProgress& progress)
 {
     setMilestone(Milestone::forwardBegun);
     const std::scoped_lock lock(context.regLock);

@@ -13,11 +13,11 @@
 /// @param portType  type bit of the port the command came from; PORT_DELAYED passes every mask
 /// @return 0 the last send succeeded; 1 no process matched, or the last send failed; 2 it waits: goOnForwarding()
 /// Threads: service thread. Takes regLock for the whole walk.
-int forwardCmd(TCommandContext& context, TCmdProgress& progress, const TCommandAddress& address, std::uint32_t portType,
+int forwardCmd(CommandContext& context, CmdProgress& progress, const CommandAddress& address, std::uint32_t portType,
                std::uint32_t entryTag);
 
 /// Goes on where forwardCmd() has left off, with the same record in outMsg.
 /// @return as forwardCmd()
-int goOnForwarding(TCommandContext& context, TCmdProgress& progress);
+int goOnForwarding(CommandContext& context, CmdProgress& progress);
 
 inline constexpr int FORWARD_WAITS = 2;

@@ -4,20 +4,20 @@
 
 #include "framework/queue_mgr.h"
 
-const TFullQueues::Queue* TFullQueues::find(long address) const
+const FullQueues::Queue* FullQueues::find(long address) const
 {
     const auto found = std::ranges::find(queues_, address, &Queue::address);
     return found != queues_.end() ? &*found : nullptr;
 }
 
-TFullQueues::Queue* TFullQueues::find(long address)
+FullQueues::Queue* FullQueues::find(long address)
 {
     return const_cast<Queue*>(std::as_const(*this).find(address));
 }
 
 /// Adds a queue that has just been found full. When there are too many, one that nobody waits for is forgotten: should it be
 /// stuck, the next sender has to wait until that shows once more.
-TFullQueues::Queue& TFullQueues::remember(long address)
+FullQueues::Queue& FullQueues::remember(long address)
 {
     if (queues_.size() >= MAX_QUEUES) {
         const auto idle = std::ranges::find_if(queues_, [](const Queue& queue) { return queue.waiters.empty(); });
@@ -28,19 +28,19 @@ TFullQueues::Queue& TFullQueues::remember(long address)
     return queue;
 }
 
-bool TFullQueues::isFirst(const Queue& queue, const TQueueWaiter& who)
+bool FullQueues::isFirst(const Queue& queue, const QueueWaiter& who)
 {
     return queue.waiters.empty() || queue.waiters.front() == &who;
 }
 
 /// @return false when there is no descriptor that tells of room; or when it has told so twice in a row and the next send found
 ///         none: this process's send buffer may be used up, or other senders are faster. Then it is tried by the clock
-bool TFullQueues::isTrusted(const Queue& queue)
+bool FullQueues::isTrusted(const Queue& queue)
 {
-    return TWaitSet::fits(queue.room.fd()) && queue.falseReports < 2;
+    return WaitSet::fits(queue.room.fd()) && queue.falseReports < 2;
 }
 
-long TFullQueues::send(TQueueWaiter& who, long address, TOrbAttachmentMsg& msg, long length)
+long FullQueues::send(QueueWaiter& who, long address, TOrbAttachmentMsg& msg, long length)
 {
     Queue* const queue = find(address);
     if (queue != nullptr && !isFirst(*queue, who)) return queue->isStuck ? givenUp(who) : join(*queue, who);
@@ -50,7 +50,7 @@ long TFullQueues::send(TQueueWaiter& who, long address, TOrbAttachmentMsg& msg, 
     return result == SEND_DONE ? SEND_DONE : SEND_FAILED;
 }
 
-long TFullQueues::refused(Queue& queue, TQueueWaiter& who)
+long FullQueues::refused(Queue& queue, QueueWaiter& who)
 {
     const Instant now = instantNow();
     queue.isStuck = now >= queue.stuckFrom;
@@ -63,21 +63,21 @@ long TFullQueues::refused(Queue& queue, TQueueWaiter& who)
     return join(queue, who);
 }
 
-long TFullQueues::join(Queue& queue, TQueueWaiter& who)
+long FullQueues::join(Queue& queue, QueueWaiter& who)
 {
     if (who.address == 0) queue.waiters.push_back(&who);
     who.address = queue.address;
     return SEND_QUEUE_FULL;
 }
 
-long TFullQueues::givenUp(TQueueWaiter& who)
+long FullQueues::givenUp(QueueWaiter& who)
 {
     leave(who);
     return SEND_FAILED;
 }
 
 /// The queue has taken a record, or is gone.
-void TFullQueues::taken(Queue& queue, TQueueWaiter& who)
+void FullQueues::taken(Queue& queue, QueueWaiter& who)
 {
     queue.falseReports = 0;
     queue.isStuck = false;
@@ -87,7 +87,7 @@ void TFullQueues::taken(Queue& queue, TQueueWaiter& who)
     if (queue.waiters.empty()) queues_.remove_if([address](const Queue& known) { return known.address == address; });
 }
 
-void TFullQueues::leave(TQueueWaiter& who)
+void FullQueues::leave(QueueWaiter& who)
 {
     Queue* const queue = who.address != 0 ? find(who.address) : nullptr;
     who.address = 0;
@@ -96,7 +96,7 @@ void TFullQueues::leave(TQueueWaiter& who)
     if (queue->waiters.empty()) queue->room.stop();
 }
 
-void TFullQueues::addTo(TWaitSet& waits) const
+void FullQueues::addTo(WaitSet& waits) const
 {
     for (const Queue& queue : queues_) {
         if (queue.waiters.empty()) continue;
@@ -105,7 +105,7 @@ void TFullQueues::addTo(TWaitSet& waits) const
     }
 }
 
-bool TFullQueues::mayTry(const TQueueWaiter& who, const TWaitSet& waits) const
+bool FullQueues::mayTry(const QueueWaiter& who, const WaitSet& waits) const
 {
     const Queue* const queue = find(who.address);
     if (queue == nullptr || queue->isStuck) return true;

@@ -11,7 +11,7 @@
 /// The queues that had no room for a record, and who waits for each, in order of asking. A queue that has taken nothing for a
 /// while is stuck: nobody waits for it any longer before it takes a record again.
 /// Threads: no lock of its own; under the daemon's registry lock.
-class TFullQueues {
+class FullQueues {
 public:
     /// How long a queue may take nothing while somebody waits for it.
     static constexpr std::chrono::milliseconds PATIENCE{250};
@@ -25,16 +25,16 @@ public:
     /// @param length  bytes of `msg` to send
     /// @return SEND_DONE; SEND_FAILED: it cannot be delivered, or the queue is stuck; SEND_QUEUE_FULL: `who` waits now, and the
     ///         same record is to be sent again once mayTry() says so
-    long send(TQueueWaiter& who, long address, TOrbAttachmentMsg& msg, long length);
+    long send(QueueWaiter& who, long address, TOrbAttachmentMsg& msg, long length);
 
     /// Ends a wait; does nothing for whoever does not wait.
-    void leave(TQueueWaiter& who);
+    void leave(QueueWaiter& who);
 
     /// Adds what the waits wait for.
-    void addTo(TWaitSet& waits) const;
+    void addTo(WaitSet& waits) const;
 
     /// @return true when another attempt may succeed, or time is up
-    bool mayTry(const TQueueWaiter& who, const TWaitSet& waits) const;
+    bool mayTry(const QueueWaiter& who, const WaitSet& waits) const;
 
 private:
     struct Queue {
@@ -45,18 +45,18 @@ private:
         bool isStuck = false;      ///< found to be so, and has taken nothing since
         Instant tryAt = NEVER;     ///< where no descriptor tells its room
         int falseReports = 0;      ///< of room, in a row
-        TQueueRoom room;
-        std::vector<TQueueWaiter*> waiters;
+        QueueRoom room;
+        std::vector<QueueWaiter*> waiters;
     };
 
     const Queue* find(long address) const;
     Queue* find(long address);
     Queue& remember(long address);
-    long refused(Queue& queue, TQueueWaiter& who);
-    void taken(Queue& queue, TQueueWaiter& who);
-    long givenUp(TQueueWaiter& who);
-    static long join(Queue& queue, TQueueWaiter& who);
-    static bool isFirst(const Queue& queue, const TQueueWaiter& who);
+    long refused(Queue& queue, QueueWaiter& who);
+    void taken(Queue& queue, QueueWaiter& who);
+    long givenUp(QueueWaiter& who);
+    static long join(Queue& queue, QueueWaiter& who);
+    static bool isFirst(const Queue& queue, const QueueWaiter& who);
     static bool isTrusted(const Queue& queue);
 
     std::list<Queue> queues_; ///< the oldest first

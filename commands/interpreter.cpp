@@ -18,7 +18,7 @@ constexpr std::size_t TOKEN_BYTES = 1024; // its NUL included
 constexpr std::string_view delayWord = "DELAY";
 
 /// Puts the command into outMsg as processes receive it: text, LF, NUL.
-void prepareForward(TCommandContext& context, std::string_view body, std::uint32_t connId)
+void prepareForward(CommandContext& context, std::string_view body, std::uint32_t connId)
 {
     const std::size_t n = putText(std::span(context.outMsg.text).first(MSG_TEXT_BYTES - 1), body);
     context.outMsg.text[n] = '\n';
@@ -30,7 +30,7 @@ void prepareForward(TCommandContext& context, std::string_view body, std::uint32
 /// A line that is being interpreted.
 class LineRun {
 public:
-    LineRun(TCommandContext& context, TPortConn* conn, const TCmdEntry& cmd)
+    LineRun(CommandContext& context, TPortConn* conn, const CmdEntry& cmd)
         : context_(context), conn_(conn), cmd_(cmd),
           progress_(conn != nullptr ? conn->progress : context.delayedLine.progress)
     {
@@ -47,7 +47,7 @@ public:
     }
 
 private:
-    using Wait = TCmdProgress::Wait;
+    using Wait = CmdProgress::Wait;
 
     int interpret()
     {
@@ -92,7 +92,7 @@ private:
     bool routeToken(std::string_view token)
     {
         token = token.substr(0, TOKEN_BYTES - 1);
-        TCommandAddress address;
+        CommandAddress address;
         setMilestone(Milestone::addressBegun);
         const int offset = parseCmdAddress(token, address);
         setMilestone(Milestone::addressDone);
@@ -110,7 +110,7 @@ private:
     }
 
     /// @return false: it has to wait
-    bool forward(const TCommandAddress& address, std::string_view body)
+    bool forward(const CommandAddress& address, std::string_view body)
     {
         prepareForward(context_, body, conn_ != nullptr ? conn_->connId : 0);
         const std::uint32_t portType = conn_ != nullptr ? conn_->portId : std::uint32_t{PORT_DELAYED};
@@ -127,15 +127,15 @@ private:
         return true;
     }
 
-    TCommandContext& context_;
+    CommandContext& context_;
     TPortConn* conn_;
-    const TCmdEntry& cmd_;
-    TCmdProgress& progress_;
+    const CmdEntry& cmd_;
+    CmdProgress& progress_;
 };
 
 } // namespace
 
-int processCmd(TCommandContext& context, TPortConn* conn, const TCmdEntry* cmd)
+int processCmd(CommandContext& context, TPortConn* conn, const CmdEntry* cmd)
 {
     if (cmd == nullptr || cmd->text == nullptr) return 1;
     return LineRun(context, conn, *cmd).run();

@@ -18,4 +18,4 @@ inline constexpr int CMD_WAITS = -3;
 /// @return -2 "quit" on telnet; -3 the line waits; 1 no line, or a RESET failed and that was reported, or the clock failed a
 ///         listing; else 0
 /// Threads: service thread.
-int processCmd(TCommandContext& context, TPortConn* conn, const TCmdEntry* cmd);
+int processCmd(CommandContext& context, TPortConn* conn, const CmdEntry* cmd);

@@ -12,12 +12,12 @@ const char forgotten = 0; ///< its address is the asker in place of one that is 
 
 } // namespace
 
-struct TReInit::Run {
+struct ReInit::Run {
     std::atomic<bool> over{false};
     int result = 1;
 };
 
-bool TReInit::start(const void* asker) noexcept
+bool ReInit::start(const void* asker) noexcept
 try {
     const std::scoped_lock lock(lock_);
     if (asker_ != nullptr || cancelled_) return false;
@@ -36,24 +36,24 @@ try {
     return false;
 }
 
-bool TReInit::isAskedBy(const void* asker) const
+bool ReInit::isAskedBy(const void* asker) const
 {
     const std::scoped_lock lock(lock_);
     return asker_ == asker;
 }
 
-bool TReInit::endedLocked() const
+bool ReInit::endedLocked() const
 {
     return (isLost_ || run_->over) && !cancelled_;
 }
 
-bool TReInit::isOver(const void* asker) const
+bool ReInit::isOver(const void* asker) const
 {
     const std::scoped_lock lock(lock_);
     return asker_ != asker || endedLocked();
 }
 
-bool TReInit::takeResultLocked()
+bool ReInit::takeResultLocked()
 {
     const bool endedWell = !isLost_ && run_->result == 0;
     asker_ = nullptr;
@@ -61,31 +61,31 @@ bool TReInit::takeResultLocked()
     return endedWell;
 }
 
-bool TReInit::takeResult()
+bool ReInit::takeResult()
 {
     const std::scoped_lock lock(lock_);
     return takeResultLocked();
 }
 
-void TReInit::forget(const void* asker)
+void ReInit::forget(const void* asker)
 {
     const std::scoped_lock lock(lock_);
     if (asker_ == asker) asker_ = &forgotten;
 }
 
-bool TReInit::takeForgotten()
+bool ReInit::takeForgotten()
 {
     const std::scoped_lock lock(lock_);
     return asker_ == &forgotten && endedLocked() && takeResultLocked();
 }
 
-void TReInit::cancel()
+void ReInit::cancel()
 {
     const std::scoped_lock lock(lock_);
     cancelled_ = true;
 }
 
-void TReInit::startInCopy()
+void ReInit::startInCopy()
 {
     std::construct_at(&lock_);
     isLost_ = true;

@@ -6,10 +6,10 @@
 /// The program that re-initialises the installed software version (versionReInit()): in a thread of its own, one at a time, while
 /// whoever asked for it waits. Whoever asks is told from others by a pointer.
 /// Threads: any.
-class TReInit {
+class ReInit {
 public:
     /// @param onOver  called when the program has ended, by its thread; must stay valid for as long as the process lives
-    explicit TReInit(void (*onOver)()) : onOver_(onOver) {}
+    explicit ReInit(void (*onOver)()) : onOver_(onOver) {}
 
     /// @return false: a program is at work already, the daemon ends, or it cannot be started
     bool start(const void* asker) noexcept;

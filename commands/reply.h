@@ -8,7 +8,7 @@
 
 /// Writes `text` to a connection by way of outMsg; a text that is longer than a record is cut.
 /// @param conn  null: nothing is written
-inline void replyTo(TCommandContext& context, TPortConn* conn, std::string_view text)
+inline void replyTo(CommandContext& context, TPortConn* conn, std::string_view text)
 {
     if (conn == nullptr) return;
     putText(context.outMsg.text, text);

@@ -5,9 +5,9 @@
 
 #include "framework/queue_mgr.h"
 
-bool TWaitingAnswers::send(long address, TOrbAttachmentMsg& msg, long length) noexcept
+bool WaitingAnswers::send(long address, TOrbAttachmentMsg& msg, long length) noexcept
 try {
-    TQueueWaiter once; // most answers are sent at once, and need no copy
+    QueueWaiter once; // most answers are sent at once, and need no copy
     if (fullQueues_.send(once, address, msg, length) != SEND_QUEUE_FULL) return false;
     fullQueues_.leave(once);
     if (answers_.size() >= MAX_ANSWERS) return false;
@@ -22,7 +22,7 @@ try {
 
 /// Tries to send an answer, when that may succeed.
 /// @return true when it has been sent, or cannot be delivered: either way it is done with
-bool TWaitingAnswers::isDone(Answer& answer, const TWaitSet& waits)
+bool WaitingAnswers::isDone(Answer& answer, const WaitSet& waits)
 {
     if (!fullQueues_.mayTry(answer.waiter, waits)) return false;
     TOrbAttachmentMsg msg;
@@ -31,7 +31,7 @@ bool TWaitingAnswers::isDone(Answer& answer, const TWaitSet& waits)
            SEND_QUEUE_FULL;
 }
 
-void TWaitingAnswers::goOn(const TWaitSet& waits)
+void WaitingAnswers::goOn(const WaitSet& waits)
 {
     answers_.remove_if([this, &waits](Answer& answer) { return isDone(answer, waits); });
 }

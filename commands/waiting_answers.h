@@ -7,29 +7,29 @@
 
 /// Answers of the message loop to processes whose queue is full: they wait as commands do, in order.
 /// Threads: no lock of its own; under the daemon's registry lock.
-class TWaitingAnswers {
+class WaitingAnswers {
 public:
     /// Chosen, not measured. One more answer is lost, as an answer to a stuck queue is.
     static constexpr std::size_t MAX_ANSWERS = 64;
 
-    explicit TWaitingAnswers(TFullQueues& fullQueues) : fullQueues_(fullQueues) {}
+    explicit WaitingAnswers(FullQueues& fullQueues) : fullQueues_(fullQueues) {}
 
     /// Sends an answer, or keeps a copy that is sent when its queue has room. Allocates only for what is kept.
     /// @return true when it is kept
     bool send(long address, TOrbAttachmentMsg& msg, long length) noexcept;
 
     /// Sends what may be sent now.
-    void goOn(const TWaitSet& waits);
+    void goOn(const WaitSet& waits);
 
 private:
     struct Answer {
         long address;
         std::vector<char> record;
-        TQueueWaiter waiter;
+        QueueWaiter waiter;
     };
 
-    bool isDone(Answer& answer, const TWaitSet& waits);
+    bool isDone(Answer& answer, const WaitSet& waits);
 
-    TFullQueues& fullQueues_;
+    FullQueues& fullQueues_;
     std::list<Answer> answers_;
 };

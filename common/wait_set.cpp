@@ -20,37 +20,37 @@ timeval timeUntil(Instant due, Instant now, std::chrono::microseconds most)
 
 } // namespace
 
-TWaitSet::TWaitSet()
+WaitSet::WaitSet()
 {
     FD_ZERO(&input_);
     FD_ZERO(&output_);
 }
 
-void TWaitSet::add(int fd, fd_set& set)
+void WaitSet::add(int fd, fd_set& set)
 {
     if (!fits(fd)) return;
     FD_SET(fd, &set);
     count(fd);
 }
 
-void TWaitSet::count(int fd)
+void WaitSet::count(int fd)
 {
     if (fits(fd)) maxFd_ = std::max(maxFd_, fd);
 }
 
-void TWaitSet::addDue(Instant due)
+void WaitSet::addDue(Instant due)
 {
     due_ = std::min(due_, due);
 }
 
-void TWaitSet::wait(std::chrono::milliseconds most)
+void WaitSet::wait(std::chrono::milliseconds most)
 {
     timeval span = timeUntil(due_, instantNow(), most);
     failed_ = ::select(maxFd_ + 1, &input_, &output_, nullptr, &span) < 0;
     now_ = instantNow();
 }
 
-bool TWaitSet::isIn(int fd, const fd_set& set) const
+bool WaitSet::isIn(int fd, const fd_set& set) const
 {
     return fits(fd) && (failed_ || FD_ISSET(fd, &set));
 }

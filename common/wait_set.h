@@ -7,9 +7,9 @@
 /// What the service loop waits for, in one select(2): descriptors, and the nearest moment at which something is due.
 /// Descriptors that an fd_set cannot hold (below 0, 1024 and above) are left out.
 /// Threads: an object belongs to one.
-class TWaitSet {
+class WaitSet {
 public:
-    TWaitSet();
+    WaitSet();
 
     /// @return true for a descriptor that can be waited for
     static bool fits(int fd) { return fd >= 0 && fd < FD_SETSIZE; }

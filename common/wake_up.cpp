@@ -7,7 +7,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-constinit TWakeUp g_wakeUp;
+constinit WakeUp g_wakeUp;
 
 namespace {
 
@@ -20,21 +20,21 @@ void startInForkedChild()
 
 } // namespace
 
-void TWakeUp::open()
+void WakeUp::open()
 {
     if (fd_ >= 0) return;
     fd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (fd_ < 0) throw std::runtime_error("failed creating wake-up descriptor");
 }
 
-void TWakeUp::openAnew()
+void WakeUp::openAnew()
 {
     if (fd_ < 0) return;
     (void)::close(fd_); // the parent keeps its own
     fd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
 }
 
-void TWakeUp::wake() const
+void WakeUp::wake() const
 {
     const int savedErrno = errno;
     const std::uint64_t one = 1;
@@ -43,7 +43,7 @@ void TWakeUp::wake() const
     errno = savedErrno;
 }
 
-void TWakeUp::clear() const
+void WakeUp::clear() const
 {
     std::uint64_t count = 0;
     (void)::read(fd_, &count, sizeof count); // fails only when nobody has woken it, and then there is nothing to clear

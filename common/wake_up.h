@@ -5,11 +5,11 @@
 /// Ends the service loop's wait from elsewhere, by a descriptor that becomes readable (eventfd(2)). There is one object, and its
 /// descriptor is never closed: the signal handler and the threads that nobody waits for (startOwnThread()) may wake it when the
 /// daemon is gone already, and its number must not be somebody else's then.
-class TWakeUp {
+class WakeUp {
 public:
-    constexpr TWakeUp() = default;
-    TWakeUp(const TWakeUp&) = delete;
-    TWakeUp& operator=(const TWakeUp&) = delete;
+    constexpr WakeUp() = default;
+    WakeUp(const WakeUp&) = delete;
+    WakeUp& operator=(const WakeUp&) = delete;
 
     /// Makes the descriptor, once. Threads: main thread, before there are others.
     /// @throws std::runtime_error  "failed creating wake-up descriptor"
@@ -32,4 +32,4 @@ private:
     std::atomic<int> fd_{-1};
 };
 
-extern TWakeUp g_wakeUp;
+extern WakeUp g_wakeUp;

@@ -11,7 +11,7 @@ constexpr std::size_t FEWEST_ENTRY_BYTES = 1024;
 constexpr std::size_t MOST_ENTRY_BYTES = 1024 * 1024; // chosen: no entry is that long
 
 /// @return the user's entry, in result.entry; null: there is none, or it cannot be had
-const passwd* findUser(TUserLookUp& result, const char* userName)
+const passwd* findUser(UserLookUp& result, const char* userName)
 {
     for (std::size_t bytes = FEWEST_ENTRY_BYTES; bytes <= MOST_ENTRY_BYTES; bytes *= 4) {
         result.storage.resize(bytes);
@@ -41,14 +41,14 @@ bool isSuperUser(const char* userName)
 int authenticate(const char* userName, char* password)
 {
     if (isSuperUser(userName)) return AUTH_REFUSED;
-    TUserLookUp result{};
+    UserLookUp result{};
     result.status = AUTH_REFUSED;
     lookUpUser(result, userName, password);
     ::explicit_bzero(password, std::strlen(password));
     return result.status;
 }
 
-void lookUpUser(TUserLookUp& result, const char* userName, const char* password)
+void lookUpUser(UserLookUp& result, const char* userName, const char* password)
 {
     result.status = AUTH_UNKNOWN;
     const passwd* const entry = findUser(result, userName);

@@ -12,7 +12,7 @@ enum AuthResult : int {
 };
 
 /// What the password database says of a user.
-struct TUserLookUp {
+struct UserLookUp {
     int status; ///< AuthResult
     uid_t uid;
     gid_t gid;
@@ -33,4 +33,4 @@ bool isSuperUser(const char* userName);
 int authenticate(const char* userName, char* password);
 
 /// Fills `result` for authenticate(). Threads: any.
-void lookUpUser(TUserLookUp& result, const char* userName, const char* password);
+void lookUpUser(UserLookUp& result, const char* userName, const char* password);

@@ -7,13 +7,13 @@
 #include "framework/tess_messages.h"
 
 /// Whoever waits for room in the queue of a process.
-struct TQueueWaiter {
+struct QueueWaiter {
     long address = 0; ///< of that queue; 0: does not wait
 };
 
 /// How far the interpretation of some command lines has come. While one of them waits for a process or a program, whoever asked
 /// is not read, and gets no further line interpreted.
-struct TCmdProgress {
+struct CmdProgress {
     /// What the line under way waits for.
     enum class Wait : std::uint8_t { nothing, room, reInit };
 
@@ -28,7 +28,7 @@ struct TCmdProgress {
     std::size_t targetCount = 0;
     std::size_t target = 0; ///< the one under way
     int sendResult = 1;     ///< of the last send
-    TQueueWaiter queueWaiter;
+    QueueWaiter queueWaiter;
 
     bool waits() const { return wait != Wait::nothing; }
 };

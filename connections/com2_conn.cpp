@@ -71,7 +71,7 @@ void TCom2Conn::readAndDiscard()
 
 int TCom2Conn::write(TOrbAttachmentMsg* msg)
 {
-    return output_.write(fd, {msg->text, textLength(*msg)}) == TLineOutput::Sent::refused ? 1 : 0;
+    return output_.write(fd, {msg->text, textLength(*msg)}) == LineOutput::Sent::refused ? 1 : 0;
 }
 
 int TCom2Conn::startMute()

@@ -42,5 +42,5 @@ private:
     TOrbHRTimeOut muteTimer;
     Instant muteEnd_ = NEVER; ///< of the mute whose last look has not been taken; NEVER: there is none
     int emptyReads_ = 0;      ///< reads in a row that gave nothing although something was reported
-    TLineOutput output_;
+    LineOutput output_;
 };

@@ -4,7 +4,7 @@
 
 #include "common/white_space.h"
 
-int cutLines(std::span<char> received, bool nulIsSpace, std::span<TCmdEntry> lines)
+int cutLines(std::span<char> received, bool nulIsSpace, std::span<CmdEntry> lines)
 {
     const auto isBlank = [nulIsSpace](char c) { return isWhiteSpace(c) || (nulIsSpace && c == '\0'); };
     std::size_t count = 0;
@@ -19,7 +19,7 @@ int cutLines(std::span<char> received, bool nulIsSpace, std::span<TCmdEntry> lin
     }
 }
 
-int cutFrameLines(std::span<char> payload, std::uint32_t tag, std::span<TCmdEntry> lines)
+int cutFrameLines(std::span<char> payload, std::uint32_t tag, std::span<CmdEntry> lines)
 {
     std::size_t count = 0;
     for (std::size_t i = 0; i < payload.size(); ++i) { // ++i steps over the line end, which stays (deliberate)

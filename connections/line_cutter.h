@@ -12,7 +12,7 @@
 /// @param nulIsSpace  NUL counts as white space
 /// @param lines       receives the entries, tag 0, pointing into `received`; must hold one entry a byte
 /// @return number of lines
-int cutLines(std::span<char> received, bool nulIsSpace, std::span<TCmdEntry> lines);
+int cutLines(std::span<char> received, bool nulIsSpace, std::span<CmdEntry> lines);
 
 /// Cuts the payload of an XCP frame. Differs from cutLines(): a line keeps its CR or LF, and runs on behind it, unless the
 /// next byte is white space (that one becomes NUL); a NUL is no white space, so one behind a line end is an empty line of
@@ -21,4 +21,4 @@ int cutLines(std::span<char> received, bool nulIsSpace, std::span<TCmdEntry> lin
 /// @param tag      goes into every entry
 /// @param lines    as for cutLines()
 /// @return number of lines
-int cutFrameLines(std::span<char> payload, std::uint32_t tag, std::span<TCmdEntry> lines);
+int cutFrameLines(std::span<char> payload, std::uint32_t tag, std::span<CmdEntry> lines);

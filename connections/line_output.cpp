@@ -20,12 +20,12 @@ std::optional<std::size_t> offer(int line, std::string_view bytes)
 
 } // namespace
 
-TLineOutput::Sent TLineOutput::write(int line, std::string_view text)
+LineOutput::Sent LineOutput::write(int line, std::string_view text)
 {
     return send(line, text, std::nullopt);
 }
 
-TLineOutput::Sent TLineOutput::writeReported(Fd line, std::string_view text, const Ticket& ticket)
+LineOutput::Sent LineOutput::writeReported(Fd line, std::string_view text, const Ticket& ticket)
 {
     const bool hasLine = reportedLine_.get() >= 0;
     const Sent sent = send((line.get() >= 0 && hasLine ? reportedLine_ : line).get(), text, ticket);
@@ -33,7 +33,7 @@ TLineOutput::Sent TLineOutput::writeReported(Fd line, std::string_view text, con
     return sent;
 }
 
-TLineOutput::Sent TLineOutput::send(int line, std::string_view text, const std::optional<Ticket>& ticket)
+LineOutput::Sent LineOutput::send(int line, std::string_view text, const std::optional<Ticket>& ticket)
 {
     if (line < 0) return Sent::refused;
     if (text.size() > CAPACITY - keptBytes_) {
@@ -50,7 +50,7 @@ TLineOutput::Sent TLineOutput::send(int line, std::string_view text, const std::
     return Sent::kept;
 }
 
-void TLineOutput::keep(int line, std::string_view rest, const std::optional<Ticket>& ticket)
+void LineOutput::keep(int line, std::string_view rest, const std::optional<Ticket>& ticket)
 {
     keptBytes_ += rest.size();
     const bool goesWithTheLast = !ticket && !texts_.empty() && !texts_.back().ticket && texts_.back().line == line;
@@ -60,7 +60,7 @@ void TLineOutput::keep(int line, std::string_view rest, const std::optional<Tick
         texts_.push_back({line, std::string(rest), ticket, instantNow()});
 }
 
-void TLineOutput::goOn(Instant now)
+void LineOutput::goOn(Instant now)
 {
     if (pauseEnd_ != NEVER) {
         if (pauseEnd_ <= now) pauseEnd_ = NEVER;
@@ -77,7 +77,7 @@ void TLineOutput::goOn(Instant now)
 }
 
 /// @return true when the first text has come to its end
-bool TLineOutput::sendFirst(Instant now)
+bool LineOutput::sendFirst(Instant now)
 {
     Text& text = texts_.front();
     const auto taken = offer(text.line, text.rest);
@@ -94,19 +94,19 @@ bool TLineOutput::sendFirst(Instant now)
     return true;
 }
 
-std::deque<TLineOutput::Text>::const_iterator TLineOutput::firstReported() const
+std::deque<LineOutput::Text>::const_iterator LineOutput::firstReported() const
 {
     return std::find_if(texts_.begin(), texts_.end(), [](const Text& text) { return text.ticket.has_value(); });
 }
 
 /// @return when a reported text fails unless the line takes something before
-Instant TLineOutput::failure(const Text& text) const
+Instant LineOutput::failure(const Text& text) const
 {
     return std::max(lastTaken_, text.since) + PATIENCE;
 }
 
 /// Removes a text, and reports it when somebody asked for that.
-void TLineOutput::end(const std::deque<Text>::const_iterator& text, bool written)
+void LineOutput::end(const std::deque<Text>::const_iterator& text, bool written)
 {
     if (text->ticket) reports_.push_back({*text->ticket, written});
     keptBytes_ -= text->rest.size();
@@ -115,25 +115,25 @@ void TLineOutput::end(const std::deque<Text>::const_iterator& text, bool written
     if (texts_.empty()) pauseEnd_ = NEVER;
 }
 
-int TLineOutput::waitsFor() const
+int LineOutput::waitsFor() const
 {
     return texts_.empty() || pauseEnd_ != NEVER ? -1 : texts_.front().line;
 }
 
-Instant TLineOutput::due() const
+Instant LineOutput::due() const
 {
     if (pauseEnd_ != NEVER) return pauseEnd_;
     const auto text = firstReported();
     return text != texts_.end() ? failure(*text) : NEVER;
 }
 
-void TLineOutput::fail()
+void LineOutput::fail()
 {
     while (!texts_.empty())
         end(texts_.begin(), false);
 }
 
-std::vector<TLineOutput::Report> TLineOutput::takeReports()
+std::vector<LineOutput::Report> LineOutput::takeReports()
 {
     return std::exchange(reports_, {});
 }

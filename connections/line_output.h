@@ -15,7 +15,7 @@
 /// Allocates only for what the line has not taken at once.
 /// Owns: the descriptor of reported texts, while something of one is kept.
 /// Threads: no lock of its own; under the daemon's connection lock.
-class TLineOutput {
+class LineOutput {
 public:
     /// Most bytes that are kept; a text that would not fit whole is not begun.
     static constexpr std::size_t CAPACITY = 65536;
@@ -42,9 +42,9 @@ public:
         bool written;
     };
 
-    TLineOutput() = default;
-    TLineOutput(const TLineOutput&) = delete;
-    TLineOutput& operator=(const TLineOutput&) = delete;
+    LineOutput() = default;
+    LineOutput(const LineOutput&) = delete;
+    LineOutput& operator=(const LineOutput&) = delete;
 
     /// Sends a text.
     /// @param line  the serial line, non-blocking; stays the caller's, for as long as something of the text is kept.

@@ -12,7 +12,7 @@ namespace {
 /// One step: the connection and what the step may use.
 class LoginStep {
 public:
-    LoginStep(TPortConn& conn, TOrbAttachmentMsg& message, TUserName& userName)
+    LoginStep(TPortConn& conn, TOrbAttachmentMsg& message, UserName& userName)
         : conn_(conn), message_(message), userName_(userName)
     {
     }
@@ -85,7 +85,7 @@ private:
         if (input != Input::line) return input == Input::none;
         char* const password = conn_.rxBuf.data();
         if (isSuperUser(userName_.data())) return judge(authenticate(userName_.data(), password));
-        conn_.login.check = TPasswordCheck::start(userName_.data(), password);
+        conn_.login.check = PasswordCheck::start(userName_.data(), password);
         ::explicit_bzero(password, std::strlen(password));
         if (!conn_.login.check) return fail(connection_log::loginUnknownReason);
         conn_.login.owes = LoginOwes::verdict;
@@ -155,12 +155,12 @@ private:
 
     TPortConn& conn_;
     TOrbAttachmentMsg& message_;
-    TUserName& userName_;
+    UserName& userName_;
 };
 
 } // namespace
 
-bool loginStep(TPortConn& conn, TOrbAttachmentMsg& message, TUserName& userName)
+bool loginStep(TPortConn& conn, TOrbAttachmentMsg& message, UserName& userName)
 {
     const bool goesOn = LoginStep(conn, message, userName).take();
     if (conn.due == AT_ONCE) conn.due = conn.end(); // it has been looked at

@@ -10,7 +10,7 @@
 inline constexpr std::size_t LOGIN_TEXT_BYTES = 256;
 
 /// One name for all connections: two clients that log in at the same time overwrite each other's (deliberate).
-using TUserName = std::array<char, LOGIN_TEXT_BYTES + 1>;
+using UserName = std::array<char, LOGIN_TEXT_BYTES + 1>;
 
 /// Takes one step of the login dialogue of a connection that is not logged in: greets, asks, or handles what has arrived.
 /// Never waits itself: what the dialogue waits for besides a line is kept in the connection, to be asked for at the next step.
@@ -18,4 +18,4 @@ using TUserName = std::array<char, LOGIN_TEXT_BYTES + 1>;
 /// @param userName  the name typed, between two steps
 /// @return true: go on; false: the login has failed, which has been logged and told: remove the connection
 /// Threads: service thread.
-bool loginStep(TPortConn& conn, TOrbAttachmentMsg& message, TUserName& userName);
+bool loginStep(TPortConn& conn, TOrbAttachmentMsg& message, UserName& userName);

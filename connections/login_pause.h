@@ -13,7 +13,7 @@ enum class LoginOwes : std::uint8_t {
     welcome, ///< the answer to an accepted user, once the echo is on
 };
 
-struct TLoginPause {
+struct LoginPause {
     LoginOwes owes = LoginOwes::nothing;
-    std::shared_ptr<TPasswordCheck> check; ///< from its start until the welcome
+    std::shared_ptr<PasswordCheck> check; ///< from its start until the welcome
 };

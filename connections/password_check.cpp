@@ -6,24 +6,24 @@
 #include "common/wake_up.h"
 #include "framework/fixed_text.h"
 
-TPasswordCheck::TPasswordCheck(const char* userName, const char* password)
+PasswordCheck::PasswordCheck(const char* userName, const char* password)
 {
     putText(userName_, userName);
     putText(password_, password);
 }
 
-TPasswordCheck::~TPasswordCheck()
+PasswordCheck::~PasswordCheck()
 {
     ::explicit_bzero(password_.data(), password_.size());
 }
 
-std::shared_ptr<TPasswordCheck> TPasswordCheck::start(const char* userName, const char* password)
+std::shared_ptr<PasswordCheck> PasswordCheck::start(const char* userName, const char* password)
 {
-    auto check = std::make_shared<TPasswordCheck>(userName, password);
+    auto check = std::make_shared<PasswordCheck>(userName, password);
     return startOwnThread([check] { check->run(); }) ? check : nullptr;
 }
 
-void TPasswordCheck::run()
+void PasswordCheck::run()
 {
     result_ = authenticate(userName_.data(), password_.data());
     over_ = true;

@@ -9,18 +9,18 @@
 
 /// A name and a password that are being checked by authenticate(), in a thread of its own: a hash takes as long as it is made
 /// to take. The service loop is woken at the end.
-class TPasswordCheck {
+class PasswordCheck {
 public:
     static constexpr std::size_t TEXT_BYTES = 257; ///< a name or a password, its NUL included
 
     /// @param password  copied; the copy is wiped
     /// @return null: no thread could be made
-    static std::shared_ptr<TPasswordCheck> start(const char* userName, const char* password);
+    static std::shared_ptr<PasswordCheck> start(const char* userName, const char* password);
 
-    TPasswordCheck(const char* userName, const char* password);
-    TPasswordCheck(const TPasswordCheck&) = delete;
-    TPasswordCheck& operator=(const TPasswordCheck&) = delete;
-    ~TPasswordCheck();
+    PasswordCheck(const char* userName, const char* password);
+    PasswordCheck(const PasswordCheck&) = delete;
+    PasswordCheck& operator=(const PasswordCheck&) = delete;
+    ~PasswordCheck();
 
     const char* userName() const { return userName_.data(); }
 

@@ -33,7 +33,7 @@ Instant TPortConn::end() const
     return loginState == LOGIN_DONE ? idleEnd_ : loginEnd_;
 }
 
-void TPortConn::addTo(TWaitSet& waits)
+void TPortConn::addTo(WaitSet& waits)
 {
     waits.count(fd);
     const bool muted = isSerialLine() != 0 && muteExpired() == 0;
@@ -44,7 +44,7 @@ void TPortConn::addTo(TWaitSet& waits)
     waits.addDue(output->due());
 }
 
-bool TPortConn::isDue(const TWaitSet& waits) const
+bool TPortConn::isDue(const WaitSet& waits) const
 {
     if (login.owes == LoginOwes::verdict && login.check->isOver()) return true;
     return waits.isDue(due) || (wantsInput && waits.hasInput(fd));

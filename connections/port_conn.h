@@ -21,7 +21,7 @@ enum LoginState : std::int32_t {
     LOGIN_DONE = 3,          ///< lines go to the interpreter
 };
 
-class TLineOutput;
+class LineOutput;
 
 /// One live conversation on a command port.
 /// Owns: by subclass, see ~TPortConn(). The daemon's connection list owns the connection itself.
@@ -84,10 +84,10 @@ public:
     bool isHeld() const { return progress.waits() || login.owes == LoginOwes::verdict; }
 
     /// Adds what the service loop waits for on its behalf.
-    void addTo(TWaitSet& waits);
+    void addTo(WaitSet& waits);
 
     /// @return true when it is to be looked at; not to be asked while one of its lines waits
-    bool isDue(const TWaitSet& waits) const;
+    bool isDue(const WaitSet& waits) const;
 
     std::int32_t fd = -1; ///< socket or serial line; set by the port right after construction
     std::uint32_t connId;
@@ -95,7 +95,7 @@ public:
     fd_set readSet;                         ///< of those readers that poll with select(2); bits are only ever set
     std::int32_t rxLen = 0;                 ///< bytes taken in by the last read
     std::array<char, RX_BYTES + 1> rxBuf{}; ///< received bytes, with room for a NUL; lines are cut in place
-    std::array<TCmdEntry, RX_BYTES> cmds{}; ///< lines of the last readCmd()
+    std::array<CmdEntry, RX_BYTES> cmds{};  ///< lines of the last readCmd()
     TOrbHRTimeOut loginTimer{LOGIN_TIME};   ///< bounds the whole login dialogue
     TOrbHRTimeOut idleTimer{IDLE_TIME};     ///< armed afresh when a read yields lines
     std::int32_t loginState = LOGIN_NEW;
@@ -108,9 +108,9 @@ public:
     /// An exchange of options is under way: readCmd() goes on with it and yields no line until it is over.
     bool settling = false;
 
-    TLoginPause login;             ///< what the login dialogue waits for, besides the peer's next line
-    TCmdProgress progress;         ///< of the lines of the last read
-    TLineOutput* output = nullptr; ///< what is on its way out of a serial line, the connection's own; else null
+    LoginPause login;             ///< what the login dialogue waits for, besides the peer's next line
+    CmdProgress progress;         ///< of the lines of the last read
+    LineOutput* output = nullptr; ///< what is on its way out of a serial line, the connection's own; else null
 
 protected:
     /// Arms idleTimer afresh.

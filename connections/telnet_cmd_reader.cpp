@@ -2,14 +2,14 @@
 
 using telnet::Front;
 
-void TTelnetCmdReader::restart(Instant now, std::chrono::seconds bound)
+void TelnetCmdReader::restart(Instant now, std::chrono::seconds bound)
 {
     reached_ = Front::nothing;
     step_ = now + STEP_TIME;
     bound_ = now + bound;
 }
 
-TTelnetCmdReader::Result TTelnetCmdReader::readTelnetCmd(std::span<const telnet::Byte> input, Instant now)
+TelnetCmdReader::Result TelnetCmdReader::readTelnetCmd(std::span<const telnet::Byte> input, Instant now)
 {
     const auto [front, length] = telnet::scan(input);
     if (front == Front::data) return {Read::data, 0};

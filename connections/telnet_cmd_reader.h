@@ -9,7 +9,7 @@
 
 /// Reads telnet commands off the front of a client's input, for as long as an exchange of options may last: a second for each
 /// step towards a whole command, and a bound for all of it. Knows neither socket nor clock: input and time are given to it.
-class TTelnetCmdReader {
+class TelnetCmdReader {
 public:
     static constexpr std::chrono::seconds STEP_TIME{1};
 
@@ -26,7 +26,7 @@ public:
     };
 
     /// @param bound  ends the reading whatever the client sends
-    TTelnetCmdReader(Instant now, std::chrono::seconds bound) { restart(now, bound); }
+    TelnetCmdReader(Instant now, std::chrono::seconds bound) { restart(now, bound); }
 
     /// As a new reader.
     void restart(Instant now, std::chrono::seconds bound);

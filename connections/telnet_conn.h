@@ -63,7 +63,7 @@ private:
     bool isReset() const;
     int sendText(const char* text, std::size_t length);
 
-    int lowWaterMark_ = 1;                          ///< the socket's, in bytes
-    std::optional<TTelnetNegotiation> negotiation_; ///< while it is under way
-    std::optional<TTelnetEchoSwitch> echoSwitch_;   ///< while `settling`
+    int lowWaterMark_ = 1;                         ///< the socket's, in bytes
+    std::optional<TelnetNegotiation> negotiation_; ///< while it is under way
+    std::optional<TelnetEchoSwitch> echoSwitch_;   ///< while `settling`
 };

@@ -6,14 +6,14 @@ using telnet::Byte;
 using telnet::Turn;
 using telnet::Verdict;
 
-TTelnetEchoSwitch::TTelnetEchoSwitch(bool on, Instant now)
+TelnetEchoSwitch::TelnetEchoSwitch(bool on, Instant now)
     : reader_(now, TIME),
       request_(on ? telnet::echoWont : telnet::echoWill), expected_{telnet::IAC, on ? telnet::DONT : telnet::DO,
                                                                     telnet::ECHO_OPTION}
 {
 }
 
-Turn TTelnetEchoSwitch::take(std::span<const Byte> input, Instant now)
+Turn TelnetEchoSwitch::take(std::span<const Byte> input, Instant now)
 {
     const auto takeCommand = [this](std::span<const Byte> command, Turn& turn) {
         if (std::ranges::equal(command, expected_)) turn.verdict = Verdict::lineMode;

@@ -10,12 +10,12 @@
 
 /// Waits for a LINEMODE client to agree that it shows, or does not show, what is typed. Over as soon as it does, when data
 /// stands in front, or in time. Knows neither socket nor clock.
-class TTelnetEchoSwitch {
+class TelnetEchoSwitch {
 public:
     static constexpr std::chrono::seconds TIME{2}; ///< for all of it
 
     /// @param on  the client is to show what is typed
-    TTelnetEchoSwitch(bool on, Instant now);
+    TelnetEchoSwitch(bool on, Instant now);
 
     /// @return what the client has to be told first
     std::span<const telnet::Byte> request() const { return request_; }
@@ -29,7 +29,7 @@ public:
     Instant due() const { return reader_.due(); }
 
 private:
-    TTelnetCmdReader reader_;
+    TelnetCmdReader reader_;
     std::span<const telnet::Byte> request_;
     std::array<telnet::Byte, 3> expected_;
 };

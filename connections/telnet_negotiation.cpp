@@ -6,14 +6,14 @@
 using telnet::Byte;
 using telnet::Turn;
 
-Turn TTelnetNegotiation::take(std::span<const Byte> input, Instant now)
+Turn TelnetNegotiation::take(std::span<const Byte> input, Instant now)
 {
     const auto takeIt = [this, now](std::span<const Byte> command, Turn& turn) { takeCommand(command, now, turn); };
     return reader_.takeTurn(input.first(std::min(input.size(), Turn::INPUT_BYTES)), now, takeIt,
                             [this] { return outcome(); });
 }
 
-void TTelnetNegotiation::takeCommand(std::span<const Byte> command, Instant now, Turn& turn)
+void TelnetNegotiation::takeCommand(std::span<const Byte> command, Instant now, Turn& turn)
 {
     if (!offered_) turn.insist(telnet::offerOptions);
     offered_ = true;
@@ -26,7 +26,7 @@ void TTelnetNegotiation::takeCommand(std::span<const Byte> command, Instant now,
 }
 
 /// Notes LINEMODE, refuses what is not known.
-void TTelnetNegotiation::processOptStat(std::span<const Byte> command, Turn& turn)
+void TelnetNegotiation::processOptStat(std::span<const Byte> command, Turn& turn)
 {
     const Byte verb = command[1];
     const Byte option = command[2];
@@ -40,7 +40,7 @@ void TTelnetNegotiation::processOptStat(std::span<const Byte> command, Turn& tur
 }
 
 /// Makes the client edit lines and send them at CR, and notes its answers.
-void TTelnetNegotiation::processSubNegLm(std::span<const Byte> command, Instant now, Turn& turn)
+void TelnetNegotiation::processSubNegLm(std::span<const Byte> command, Instant now, Turn& turn)
 {
     if (!askedMode_) {
         turn.insist(telnet::modeEdit);

@@ -9,12 +9,12 @@
 
 /// Finds out what a telnet client speaks. Says nothing until the client has sent a telnet command. Knows neither socket nor
 /// clock.
-class TTelnetNegotiation {
+class TelnetNegotiation {
 public:
     static constexpr std::chrono::seconds TIME{5};          ///< for all of it; real clients are done within 0.1 s
     static constexpr std::chrono::seconds LINEMODE_TIME{5}; ///< for MODE and SLC, once they are asked for
 
-    explicit TTelnetNegotiation(Instant now) : reader_(now, TIME) {}
+    explicit TelnetNegotiation(Instant now) : reader_(now, TIME) {}
 
     /// Goes on.
     /// @param input  what waits, from the first byte that no turn has used
@@ -29,7 +29,7 @@ private:
     void processSubNegLm(std::span<const telnet::Byte> command, Instant now, telnet::Turn& turn);
     telnet::Verdict outcome() const { return lineMode_ ? telnet::Verdict::lineMode : telnet::Verdict::plain; }
 
-    TTelnetCmdReader reader_;
+    TelnetCmdReader reader_;
     telnet::LinemodeAnswers answers_;
     bool offered_ = false;   ///< the options
     bool askedMode_ = false; ///< MODE and SLC

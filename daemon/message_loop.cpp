@@ -60,12 +60,12 @@ void TTess::sendReply(long address, std::int32_t length) noexcept
 void TTess::answerWhatIsOver() noexcept
 {
     if (!takeMessageWake()) return;
-    std::vector<TLineOutput::Report> reports;
+    std::vector<LineOutput::Report> reports;
     {
         const std::scoped_lock lock(connLock);
         reports.swap(lineReports);
     }
-    for (const TLineOutput::Report& report : reports) {
+    for (const LineOutput::Report& report : reports) {
         replyMsg.kind = MSG_REPLY;
         replyMsg.tag = report.ticket.tag;
         replyMsg.len = report.written ? 0 : 1;
@@ -143,12 +143,12 @@ bool TTess::handleCom2Write() noexcept
         (void)conn->startMute(); // always 0
         // Non-blocking: else the opening would wait for a line without carrier, and the writing for a slow one.
         Fd line(::open(COM2_DEVICE, O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
-        const TLineOutput::Sent sent =
+        const LineOutput::Sent sent =
             conn->output->writeReported(std::move(line), {inMsg.text, count}, {inMsg.sender, inMsg.tag});
-        replyMsg.len = sent == TLineOutput::Sent::whole ? 0 : 1;
+        replyMsg.len = sent == LineOutput::Sent::whole ? 0 : 1;
         replyMsg.kind = MSG_REPLY;
         inLen = MSG_HEADER_BYTES;
-        answers = sent != TLineOutput::Sent::kept;
+        answers = sent != LineOutput::Sent::kept;
     }
     g_wakeUp.wake(); // it has to wait for the end of the mute now, and for room for what is kept
     return answers;

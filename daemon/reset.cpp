@@ -15,9 +15,9 @@ constexpr int REBOOT_RESTART = 0x1234567; // RB_AUTOBOOT, reboot(2)
 
 } // namespace
 
-TReset::TReset(TReInit& reInit, std::function<int()> forkWhole) : reInit_(reInit), forkWhole_(std::move(forkWhole)) {}
+Reset::Reset(ReInit& reInit, std::function<int()> forkWhole) : reInit_(reInit), forkWhole_(std::move(forkWhole)) {}
 
-ResetResult TReset::ask(const char* line, const void* asker) noexcept
+ResetResult Reset::ask(const char* line, const void* asker) noexcept
 {
     if (reInit_.isAskedBy(asker)) {
         if (!reInit_.isOver(asker)) return RESET_WAITS;
@@ -28,12 +28,12 @@ ResetResult TReset::ask(const char* line, const void* asker) noexcept
     return asked == ResetLine::reInit && reInit_.start(asker) ? RESET_WAITS : RESET_REFUSED;
 }
 
-void TReset::finishForgotten() noexcept
+void Reset::finishForgotten() noexcept
 {
     if (reInit_.takeForgotten()) (void)restart(); // nobody is there to be told
 }
 
-ResetResult TReset::restart() noexcept
+ResetResult Reset::restart() noexcept
 {
     const int child = forkWhole_();
     if (child < 0) {

@@ -7,11 +7,11 @@
 
 /// Resets of the device: restarts it, or re-initialises the installed software version first, while whoever asked waits.
 /// Threads: any.
-class TReset {
+class Reset {
 public:
     /// @param reInit     the program's; must outlive this
     /// @param forkWhole  fork(2) at a moment when nobody else is in the middle of a change
-    TReset(TReInit& reInit, std::function<int()> forkWhole);
+    Reset(ReInit& reInit, std::function<int()> forkWhole);
 
     /// Restarts the device 5 seconds from now, from a child process; until then the caller goes on.
     /// @param line   RESET command line: one word; or three words, RESET, REINIT (in any case) and this host's name, which
@@ -27,6 +27,6 @@ public:
 private:
     ResetResult restart() noexcept;
 
-    TReInit& reInit_;
+    ReInit& reInit_;
     std::function<int()> forkWhole_;
 };

@@ -36,13 +36,13 @@ void* TTess::serviceThread(void* daemon)
 void TTess::serviceLoop() noexcept
 {
     setMilestone(Milestone::serviceLoopBegun);
-    TServiceWatchdog watchdog; // no wait below is longer than a second
-    TWaitSet waits;            // what the last wait has found; before the first one, nothing
+    ServiceWatchdog watchdog; // no wait below is longer than a second
+    WaitSet waits;            // what the last wait has found; before the first one, nothing
     acceptConnections(waits);
     while (!isToEnd(instantNow())) {
         setMilestone(Milestone::servicePassBegun);
         watchdog.alive();
-        TWaitSet next;
+        WaitSet next;
         const bool waitsForDescriptors = collectConns(next);
         setMilestone(Milestone::runningDelays);
         runDelayedLines(waits);
@@ -66,7 +66,7 @@ bool TTess::isToEnd(Instant now) noexcept
 }
 
 /// @return false when there is no descriptor of a port or a connection
-bool TTess::collectConns(TWaitSet& waits) noexcept
+bool TTess::collectConns(WaitSet& waits) noexcept
 {
     for (std::size_t i = 0; const TCmdPort* port = liveAt(ports, i); ++i)
         port->addTo(waits);
@@ -82,14 +82,14 @@ bool TTess::collectConns(TWaitSet& waits) noexcept
 
 /// Goes on with answers that have waited, and adds the queues that somebody waits for. Comes after the delayed lines, which may
 /// have begun such a wait.
-void TTess::serviceQueues(const TWaitSet& waits, TWaitSet& next) noexcept
+void TTess::serviceQueues(const WaitSet& waits, WaitSet& next) noexcept
 {
     const std::scoped_lock lock(regLock);
     waitingAnswers.goOn(waits);
     fullQueues.addTo(next);
 }
 
-void TTess::acceptConnections(const TWaitSet& waits) noexcept
+void TTess::acceptConnections(const WaitSet& waits) noexcept
 {
     setMilestone(Milestone::acceptBegun);
     for (std::size_t i = 0; TCmdPort* port = liveAt(ports, i); ++i) {
@@ -101,13 +101,13 @@ void TTess::acceptConnections(const TWaitSet& waits) noexcept
     setMilestone(Milestone::acceptDone);
 }
 
-void TTess::runDelayedLines(const TWaitSet& waits) noexcept
+void TTess::runDelayedLines(const WaitSet& waits) noexcept
 {
     const bool mayRun = delayedLine.runs ? mayGoOn(delayedLine.progress, waits) : !delayQueues.empty();
     if (mayRun) runDelays(commandContext);
 }
 
-void TTess::servicePass(const TWaitSet& waits) noexcept
+void TTess::servicePass(const WaitSet& waits) noexcept
 {
     setMilestone(Milestone::serveBegun);
     outMsg.kind = MSG_TEXT;
@@ -122,14 +122,14 @@ void TTess::servicePass(const TWaitSet& waits) noexcept
 }
 
 /// @return true when a line that waits is to be tried again. Nothing is restarted after a stop.
-bool TTess::mayGoOn(const TCmdProgress& progress, const TWaitSet& waits) noexcept
+bool TTess::mayGoOn(const CmdProgress& progress, const WaitSet& waits) noexcept
 {
-    if (progress.wait == TCmdProgress::Wait::reInit) return reInit.isOver(&progress) && stopRequested == 0;
+    if (progress.wait == CmdProgress::Wait::reInit) return reInit.isOver(&progress) && stopRequested == 0;
     const std::scoped_lock lock(regLock);
     return fullQueues.mayTry(progress.queueWaiter, waits);
 }
 
-void TTess::serviceOutput(TPortConn& conn, const TWaitSet& waits) noexcept
+void TTess::serviceOutput(TPortConn& conn, const WaitSet& waits) noexcept
 {
     if (conn.output == nullptr || (!waits.hasRoom(conn.output->waitsFor()) && !waits.isDue(conn.output->due()))) return;
     conn.output->goOn(waits.now());
@@ -210,9 +210,9 @@ void TTess::forgetConn(TPortConn& conn) noexcept
 }
 
 /// Hands what has become of texts to the message loop, which tells their askers.
-void TTess::takeReports(TLineOutput& output) noexcept
+void TTess::takeReports(LineOutput& output) noexcept
 {
-    for (const TLineOutput::Report& report : output.takeReports())
+    for (const LineOutput::Report& report : output.takeReports())
         lineReports.push_back(report);
     if (!lineReports.empty()) wakeMessageLoop();
 }

@@ -55,24 +55,24 @@ public:
     void startInForkedChild() noexcept;
 
 private:
-    friend class TTessPeer; // tests
+    friend class TessPeer; // tests
 
     // --- service thread (service_loop.cpp)
     static void* serviceThread(void* daemon);
     void serviceLoop() noexcept;
-    bool collectConns(TWaitSet& waits) noexcept;
-    void serviceQueues(const TWaitSet& waits, TWaitSet& next) noexcept;
+    bool collectConns(WaitSet& waits) noexcept;
+    void serviceQueues(const WaitSet& waits, WaitSet& next) noexcept;
     bool isToEnd(Instant now) noexcept;
-    void acceptConnections(const TWaitSet& waits) noexcept;
-    void runDelayedLines(const TWaitSet& waits) noexcept;
-    void servicePass(const TWaitSet& waits) noexcept;
-    bool mayGoOn(const TCmdProgress& progress, const TWaitSet& waits) noexcept;
-    void serviceOutput(TPortConn& conn, const TWaitSet& waits) noexcept;
+    void acceptConnections(const WaitSet& waits) noexcept;
+    void runDelayedLines(const WaitSet& waits) noexcept;
+    void servicePass(const WaitSet& waits) noexcept;
+    bool mayGoOn(const CmdProgress& progress, const WaitSet& waits) noexcept;
+    void serviceOutput(TPortConn& conn, const WaitSet& waits) noexcept;
     std::size_t serviceConn(std::size_t index) noexcept;
     std::size_t serviceLines(std::size_t index) noexcept;
     int removeConn(std::size_t index) noexcept;
     void forgetConn(TPortConn& conn) noexcept;
-    void takeReports(TLineOutput& output) noexcept;
+    void takeReports(LineOutput& output) noexcept;
 
     // --- bulk closing, by either thread (tess.cpp)
     void closeAllConns() noexcept;
@@ -114,23 +114,23 @@ private:
     FairMutex connLock;                     ///< guards conns
     std::atomic<std::int32_t> stopRequested{0};
     std::atomic<bool> serviceDone{true}; ///< true before the service thread starts and after it ends
-    TUserName userName{};                ///< of whoever typed one last
-    TDelayQueue delayQueues;             ///< service thread only
+    UserName userName{};                 ///< of whoever typed one last
+    DelayQueue delayQueues;              ///< service thread only
 
     Instant serviceEnd = NEVER;           ///< of the service thread after a stop message; guarded by connLock
-    TDelayedLine delayedLine;             ///< service thread only
+    DelayedLine delayedLine;              ///< service thread only
     std::vector<std::string_view> tokens; ///< the interpreter's scratch
-    TFullQueues fullQueues;
-    TWaitingAnswers waitingAnswers{fullQueues};
-    std::vector<TLineOutput::Report> lineReports; ///< for the message loop; guarded by connLock
-    TReInit reInit;
-    TReset reset;
+    FullQueues fullQueues;
+    WaitingAnswers waitingAnswers{fullQueues};
+    std::vector<LineOutput::Report> lineReports; ///< for the message loop; guarded by connLock
+    ReInit reInit;
+    Reset reset;
     struct {
         bool waits = false;
         std::int32_t sender; ///< who asked
         std::int32_t length; ///< of the message
     } resetMsg;              ///< the reset message that waits for a program; main thread only
-    TCommandContext commandContext;
+    CommandContext commandContext;
 };
 
 /// The one daemon; null before construction and after teardown.

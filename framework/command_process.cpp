@@ -38,9 +38,9 @@ extern "C" void requestStop(int)
 }
 
 /// While it lives, SIGTERM and SIGINT ask for a stop.
-class TStopSignals {
+class StopSignals {
 public:
-    TStopSignals()
+    StopSignals()
     {
         stopRequested = 0;
         struct sigaction stop {};
@@ -50,9 +50,9 @@ public:
         for (std::size_t i = 0; i < NUMBERS.size(); ++i)
             (void)::sigaction(NUMBERS[i], NUMBERS[i] == SIGALRM ? &end : &stop, &before_[i]);
     }
-    TStopSignals(const TStopSignals&) = delete;
-    TStopSignals& operator=(const TStopSignals&) = delete;
-    ~TStopSignals()
+    StopSignals(const StopSignals&) = delete;
+    StopSignals& operator=(const StopSignals&) = delete;
+    ~StopSignals()
     {
         for (std::size_t i = 0; i < NUMBERS.size(); ++i)
             if (NUMBERS[i] != SIGALRM) (void)::sigaction(NUMBERS[i], &before_[i], nullptr);
@@ -81,14 +81,14 @@ std::string_view lineOf(const TOrbAttachmentMsg& record)
 
 } // namespace
 
-TCommandProcess::TCommandProcess(long queueId, std::string_view name, std::uint32_t ports, TAnswerTo answerTo)
+CommandProcess::CommandProcess(long queueId, std::string_view name, std::uint32_t ports, AnswerTo answerTo)
     : TMsgDmn(queueId, true), name_(name), ports_(ports), answerTo_(std::move(answerTo))
 {
 }
 
-int TCommandProcess::run()
+int CommandProcess::run()
 {
-    const TStopSignals signals;
+    const StopSignals signals;
     while (stopRequested == 0 && standing_ != Standing::refused) {
         if (untilRegistration_.hasTimedOut()) registerWithTessd();
         if (!serveOne()) return 1;
@@ -98,7 +98,7 @@ int TCommandProcess::run()
     return 0;
 }
 
-void TCommandProcess::registerWithTessd()
+void CommandProcess::registerWithTessd()
 {
     std::memcpy(out_.text, &ports_, sizeof ports_);
     const std::size_t nameBytes = putText(std::span(out_.text).subspan(sizeof ports_), name_) + 1;
@@ -112,7 +112,7 @@ void TCommandProcess::registerWithTessd()
     untilRegistration_.setTimeOut(ASK_EVERY);
 }
 
-void TCommandProcess::unregister()
+void CommandProcess::unregister()
 {
     if (!send(MSG_UNREGISTER, 0, 0)) {
         logMessage(notUnregistered);
@@ -125,7 +125,7 @@ void TCommandProcess::unregister()
     }
 }
 
-bool TCommandProcess::serveOne()
+bool CommandProcess::serveOne()
 {
     const long received = g_qMgr.getMsg(&in_, MSG_QUEUE_ALL, true);
     if (received < 0) {
@@ -138,7 +138,7 @@ bool TCommandProcess::serveOne()
     return true;
 }
 
-void TCommandProcess::onReply()
+void CommandProcess::onReply()
 {
     if (repliesDue_ > 0) --repliesDue_;
     if (in_.tag != 0) {
@@ -150,13 +150,13 @@ void TCommandProcess::onReply()
     }
 }
 
-void TCommandProcess::onRegistered()
+void CommandProcess::onRegistered()
 {
     logMessage(registeredAs, name_.c_str());
     if (!std::exchange(announced_, true)) logMgr.initAfterDaemonize();
 }
 
-void TCommandProcess::answer(std::string_view command)
+void CommandProcess::answer(std::string_view command)
 {
     const std::string reply = replyTo(command);
     // The tag names the connection that asked: it goes back as it came.
@@ -167,14 +167,14 @@ void TCommandProcess::answer(std::string_view command)
     }
 }
 
-std::string TCommandProcess::replyTo(std::string_view command) const
+std::string CommandProcess::replyTo(std::string_view command) const
 try {
     return replyText(answerTo_(command), "");
 } catch (const std::exception& failure) {
     return replyText("", *failure.what() == '\0' ? "the command failed" : failure.what());
 }
 
-bool TCommandProcess::send(std::uint32_t kind, std::uint32_t tag, std::size_t textBytes)
+bool CommandProcess::send(std::uint32_t kind, std::uint32_t tag, std::size_t textBytes)
 {
     out_.kind = kind;
     out_.sender = 0; // the receiving queue fills it in

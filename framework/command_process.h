@@ -13,20 +13,20 @@
 
 /// A process of the device that takes commands: it registers with tessd under a name, and answers what tessd forwards to it.
 ///
-///     TCommandProcess process(1700, "ECHO", PORTS_ALL, [](std::string_view command) { return std::string(command); });
+///     CommandProcess process(1700, "ECHO", PORTS_ALL, [](std::string_view command) { return std::string(command); });
 ///     return process.run();
 ///
 /// It registers again every ten seconds, because a tessd that is started anew has forgotten who was registered, and every
 /// second while tessd is not there. Where another process has taken the name, it takes it back by that.
 /// Threads: one. One such process a program.
-class TCommandProcess : public TMsgDmn {
+class CommandProcess : public TMsgDmn {
 public:
     /// Gives the answer to a command, on the thread of run(). While it is at work, further commands wait: 11 at most.
     /// @param command  as tessd forwards it, without the address and the line end; may be empty; valid during the call
     /// @return lines separated by LF, without an end: it becomes an answer as replyText() tells. "?" refuses what is not
     ///         understood; "" is answered "OK"; a last line that begins with "Error: " says that the command failed. What
     ///         it throws that is a std::exception becomes such a line
-    using TAnswerTo = std::function<std::string(std::string_view command)>;
+    using AnswerTo = std::function<std::string(std::string_view command)>;
 
     /// Opens the queue; registering is for run().
     /// @param queueId   queue address of this process, 1 to 2147483647
@@ -34,7 +34,7 @@ public:
     /// @param ports     the kinds of port that commands are wanted from: a sum of TessPortType, PORTS_ALL for all
     /// @param answerTo  not empty
     /// @throws std::runtime_error  the queue cannot be opened; the reason has been logged
-    TCommandProcess(long queueId, std::string_view name, std::uint32_t ports, TAnswerTo answerTo);
+    CommandProcess(long queueId, std::string_view name, std::uint32_t ports, AnswerTo answerTo);
 
     /// Registers and answers until SIGTERM or SIGINT, then unregisters. At the first registration it tells whoever started
     /// the process that it is up (TLogMgr::initAfterDaemonize()).
@@ -64,7 +64,7 @@ private:
 
     std::string name_;
     std::uint32_t ports_;
-    TAnswerTo answerTo_;
+    AnswerTo answerTo_;
     Standing standing_ = Standing::unknown;
     bool announced_ = false;          ///< that it is up
     TOrbHRTimeOut untilRegistration_; ///< unarmed at first: it is time

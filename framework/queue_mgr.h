@@ -8,7 +8,7 @@ enum TMsgQueueTypes : int {
 };
 
 /// What TQueueMgr::sendMsg() returns. Another framework's library may give any nonzero number; SEND_FAILED is then assumed.
-enum TSendResult : long {
+enum SendResult : long {
     SEND_DONE = 0,   ///< the record is in the destination's queue
     SEND_FAILED = 1, ///< it cannot be delivered: no such queue, its owner is gone, no right to send there, a bad length
     SEND_QUEUE_FULL = 2, ///< the destination's queue is full, or this process's send buffer is
@@ -37,12 +37,12 @@ public:
     /// @param address  queue address, 1 to HIGHEST_QUEUE_ADDRESS
     /// @param msg      stays the caller's, and as it is; the sender word need not be set
     /// @param length   bytes to send: header and text; above 8192 is taken as 8192, below 16 is an error
-    /// @param wait     what happens when the destination's queue is full. false: never waits, tells so; TQueueRoom then tells
+    /// @param wait     what happens when the destination's queue is full. false: never waits, tells so; QueueRoom then tells
     ///                 when to try again. true: waits for room, however long, and a signal does not end that: its handler
     ///                 runs, and the call goes on. Meanwhile it takes records that arrive on this process's own queue aside,
     ///                 up to 16 MiB of them; getMsg() hands those out first. When nothing more can be taken aside (16 MiB are
     ///                 full, or memory is short) and nothing has moved for 250 ms, it gives up: the queue is full
-    /// @return a TSendResult
+    /// @return a SendResult
     /// Threads: any, several at once; not from a signal handler.
     long sendMsg(long address, TOrbAttachmentMsg* msg, long length, bool wait);
 };

@@ -12,7 +12,7 @@
 /// waits for the descriptor again: it may be writable on and on.
 /// In a forked child it is the child's own copy of the descriptor, of the same queue.
 /// Threads: any; an object belongs to one.
-class TQueueRoom {
+class QueueRoom {
 public:
     /// Watches the queue that has this address now. Called again it looks anew, at another queue or at the same one, whose
     /// owner may be another process by now; the descriptor then keeps its number.

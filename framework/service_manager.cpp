@@ -97,14 +97,14 @@ bool tellServiceManager(std::string_view state, int patience)
     return !full;
 }
 
-TServiceWatchdog::TServiceWatchdog() : pid_(::getpid())
+ServiceWatchdog::ServiceWatchdog() : pid_(::getpid())
 {
     const std::int64_t meant = numberIn("WATCHDOG_PID");
     if (meant != 0 && meant != pid_) return;
     interval_ = std::chrono::microseconds(numberIn("WATCHDOG_USEC")) / 3;
 }
 
-void TServiceWatchdog::tellWhenDue()
+void ServiceWatchdog::tellWhenDue()
 {
     const Clock::time_point now = Clock::now();
     if (now < due_ || ::getpid() != pid_) return;

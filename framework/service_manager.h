@@ -40,10 +40,10 @@ bool tellServiceManager(std::string_view state, int patience);
 /// Tells the service manager that the process is alive, where that asks for it (WATCHDOG_USEC): at most once in a third of the
 /// time after which it would lose patience.
 /// Threads: one. In a forked child it is silent.
-class TServiceWatchdog {
+class ServiceWatchdog {
 public:
     /// Looks what is asked for.
-    TServiceWatchdog();
+    ServiceWatchdog();
 
     /// To be called from the loop that is to be watched, at least once a second; costs nothing when nobody asks.
     void alive()

@@ -85,7 +85,7 @@ bool TCmdPort::mayStay(const TPortConn& conn) const
     return conn.fd >= 0 && conn.fd < FD_SETSIZE && activeConns <= maxConns;
 }
 
-void TCmdPort::addTo(TWaitSet& waits) const
+void TCmdPort::addTo(WaitSet& waits) const
 {
     waits.count(fd);
     if (wantsInput) waits.addInput(fd);
@@ -94,7 +94,7 @@ void TCmdPort::addTo(TWaitSet& waits) const
         conn->addTo(waits);
 }
 
-bool TCmdPort::isDue(const TWaitSet& waits) const
+bool TCmdPort::isDue(const WaitSet& waits) const
 {
     const auto isDueConn = [&waits](const TPortConn* conn) { return conn->isDue(waits); };
     return waits.isDue(due) || (wantsInput && waits.hasInput(fd)) || (standing && activeConns < maxConns) ||

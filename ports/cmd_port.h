@@ -58,10 +58,10 @@ public:
     virtual int closeConn(TPortConn** conn) = 0;
 
     /// Adds what the service loop waits for on its behalf.
-    void addTo(TWaitSet& waits) const;
+    void addTo(WaitSet& waits) const;
 
     /// @return true when chkNewConn() may have something to do
-    bool isDue(const TWaitSet& waits) const;
+    bool isDue(const WaitSet& waits) const;
 
     std::uint32_t portType;
     int fd = -1; ///< listening socket or serial device; negative when it could not be opened

@@ -6,28 +6,28 @@
 #include "common/process_copy.h"
 #include "framework/fixed_text.h"
 
-TLocalSocketPort::TLocalSocketPort(const LocalSocketKind& kind)
+LocalSocketPort::LocalSocketPort(const LocalSocketKind& kind)
     : TCmdPort(kind.portType, MAX_CONNS, kind.firstConnId), kind_(kind)
 {
     setMilestone(Milestone::localConstructorBegun);
-    isOpen = TLocalSocketPort::openPort() == 0;
+    isOpen = LocalSocketPort::openPort() == 0;
     setMilestone(kind_.constructorExit);
 }
 
-TLocalSocketPort::~TLocalSocketPort()
+LocalSocketPort::~LocalSocketPort()
 {
     setMilestone(kind_.destructorEntry);
-    (void)TLocalSocketPort::closePort(); // always 0
-    removeFile();                        // closePort() has done so, unless the port was closed all along
+    (void)LocalSocketPort::closePort(); // always 0
+    removeFile();                       // closePort() has done so, unless the port was closed all along
     setMilestone(kind_.destructorExit);
 }
 
-void TLocalSocketPort::removeFile() const
+void LocalSocketPort::removeFile() const
 {
     if (!g_isCopy) (void)std::remove(kind_.path); // somebody else may have been faster
 }
 
-int TLocalSocketPort::openPort()
+int LocalSocketPort::openPort()
 {
     setMilestone(Milestone::localOpenBegun);
     (void)std::remove(kind_.path); // no such file is the normal case
@@ -40,7 +40,7 @@ int TLocalSocketPort::openPort()
     return 0;
 }
 
-int TLocalSocketPort::closePort()
+int LocalSocketPort::closePort()
 {
     setMilestone(Milestone::localCloseBegun);
     if (closeEndpoint()) {
@@ -51,7 +51,7 @@ int TLocalSocketPort::closePort()
     return 0;
 }
 
-int TLocalSocketPort::chkNewConn(TPortConn** newConn)
+int LocalSocketPort::chkNewConn(TPortConn** newConn)
 {
     setMilestone(Milestone::localCheckBegun);
     const int result = handOut(clientWaits() ? acceptClient() : nullptr, newConn);
@@ -59,7 +59,7 @@ int TLocalSocketPort::chkNewConn(TPortConn** newConn)
     return result;
 }
 
-TPortConn* TLocalSocketPort::acceptClient()
+TPortConn* LocalSocketPort::acceptClient()
 {
     TPortConn* conn = acceptConn(kind_.makeConn);
     if (conn == nullptr) return nullptr;
@@ -71,7 +71,7 @@ TPortConn* TLocalSocketPort::acceptClient()
     return conn;
 }
 
-int TLocalSocketPort::closeConn(TPortConn** conn)
+int LocalSocketPort::closeConn(TPortConn** conn)
 {
     setMilestone(Milestone::localCloseConnBegun);
     if (dispose(conn) && kind_.closed != nullptr) logMessage(*kind_.closed, activeConns.load());

@@ -23,11 +23,11 @@ struct LocalSocketKind {
 
 /// A command port on a Unix stream socket (unix(7)), for programs on the device. The socket file exists while the port
 /// listens; a file left over at its path is replaced.
-class TLocalSocketPort : public TCmdPort {
+class LocalSocketPort : public TCmdPort {
 public:
     static constexpr std::int32_t MAX_CONNS = 10;
 
-    ~TLocalSocketPort() override;
+    ~LocalSocketPort() override;
 
     int openPort() final;
     int closePort() final;
@@ -40,7 +40,7 @@ protected:
     /// Opens the port.
     /// @param kind  must outlive the port
     /// @throws std::runtime_error  with one of the kind's texts
-    explicit TLocalSocketPort(const LocalSocketKind& kind);
+    explicit LocalSocketPort(const LocalSocketKind& kind);
 
 private:
     TPortConn* acceptClient();

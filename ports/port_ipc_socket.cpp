@@ -23,4 +23,4 @@ constexpr LocalSocketKind ipcKind{
 
 } // namespace
 
-TPortIPCSocket::TPortIPCSocket() : TLocalSocketPort(ipcKind) {}
+TPortIPCSocket::TPortIPCSocket() : LocalSocketPort(ipcKind) {}

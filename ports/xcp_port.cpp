@@ -23,4 +23,4 @@ constexpr LocalSocketKind xcpKind{
 
 } // namespace
 
-TXCPPort::TXCPPort() : TLocalSocketPort(xcpKind) {}
+TXCPPort::TXCPPort() : LocalSocketPort(xcpKind) {}

@@ -50,7 +50,7 @@ void cutsLines(benchmark::State& state)
 {
     const std::string text = commandLines(static_cast<std::size_t>(state.range(0)));
     std::vector<char> received(text.size() + 1);
-    std::vector<TCmdEntry> lines(text.size());
+    std::vector<CmdEntry> lines(text.size());
     for (auto _ : state) {
         std::memcpy(received.data(), text.data(), text.size());
         DoNotOptimize(cutLines(std::span(received).first(text.size()), true, lines));
@@ -63,7 +63,7 @@ void cutsFrameLines(benchmark::State& state)
 {
     const std::string text = commandLines(static_cast<std::size_t>(state.range(0)));
     std::vector<char> payload(text.size() + 1);
-    std::vector<TCmdEntry> lines(text.size());
+    std::vector<CmdEntry> lines(text.size());
     for (auto _ : state) {
         std::memcpy(payload.data(), text.data(), text.size());
         DoNotOptimize(cutFrameLines(std::span(payload).first(text.size()), 7, lines));
@@ -74,7 +74,7 @@ BENCHMARK(cutsFrameLines)->Arg(32)->Arg(512)->Arg(1008);
 
 void parsesAnAddress(benchmark::State& state, std::string_view text)
 {
-    TCommandAddress address;
+    CommandAddress address;
     for (auto _ : state) {
         DoNotOptimize(text);
         DoNotOptimize(parseCmdAddress(text, address));
@@ -115,13 +115,13 @@ BENCHMARK_CAPTURE(
 
 void formatsALogRow(benchmark::State& state)
 {
-    const TLogLine::Time time{std::chrono::milliseconds(1'795'305'600'123)};
+    const LogLineText::Time time{std::chrono::milliseconds(1'795'305'600'123)};
     std::size_t bytes = 0;
     for (auto _ : state) {
         FixedText<96> text;
         text << "Opened telnet connection 0x";
         text.hex(0xAA010000U) << " from 127.0.0.1";
-        TLogLine line;
+        LogLineText line;
         line.isoTime(time).text("    [TESS]").text(" ").number(6000).text(" ").oneLineText(text.view()).lineEnd();
         bytes = line.view().size();
         DoNotOptimize(line.view().data());

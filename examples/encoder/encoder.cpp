@@ -20,7 +20,7 @@ bool readNumber(std::string_view word, int& number)
 
 } // namespace
 
-std::string TEncoder::answerTo(std::string_view command)
+std::string Encoder::answerTo(std::string_view command)
 {
     std::vector<std::string_view> words;
     stringTokenizer(command, words, " \t\r\n");

@@ -10,7 +10,7 @@
 ///     anything else   "?"
 ///
 /// Threads: one.
-class TEncoder {
+class Encoder {
 public:
     /// @param command  without an address and a line end; may be empty
     /// @return the answer, without its line end

@@ -33,10 +33,10 @@ int main(int argc, char** argv)
         return 2;
     }
     logMgr.setLogParameters(128, 6, "    [ENC]", 4);
-    TEncoder encoder;
+    Encoder encoder;
     try {
         const auto answerTo = [&encoder](std::string_view command) { return encoder.answerTo(command); };
-        return TCommandProcess(queueId, "ENC", PORTS_ALL, answerTo).run();
+        return CommandProcess(queueId, "ENC", PORTS_ALL, answerTo).run();
     } catch (const std::runtime_error&) {
         return 1; // the queue did not open, and the log says why
     }

@@ -9,14 +9,14 @@ constexpr std::array<std::string_view, 12> monthNames{"Jan", "Feb", "Mar", "Apr"
                                                       "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
 
 // The calendar is reckoned here, because gmtime_r() may take a lock.
-std::chrono::year_month_day dateOf(TLogLine::Time time)
+std::chrono::year_month_day dateOf(LogLineText::Time time)
 {
     return std::chrono::floor<std::chrono::days>(time);
 }
 
 } // namespace
 
-TLogLine& TLogLine::isoTime(Time time)
+LogLineText& LogLineText::isoTime(Time time)
 {
     const std::chrono::year_month_day date = dateOf(time);
     padded(static_cast<unsigned>(static_cast<int>(date.year())), 4, '0').text("-");
@@ -27,7 +27,7 @@ TLogLine& TLogLine::isoTime(Time time)
     return padded(static_cast<unsigned>(millis.count()), 3, '0').text("Z");
 }
 
-TLogLine& TLogLine::syslogTime(Time time)
+LogLineText& LogLineText::syslogTime(Time time)
 {
     const std::chrono::year_month_day date = dateOf(time);
     text(monthNames[static_cast<unsigned>(date.month()) - 1]).text(" ");
@@ -35,7 +35,7 @@ TLogLine& TLogLine::syslogTime(Time time)
     return clock(time);
 }
 
-TLogLine& TLogLine::clock(Time time)
+LogLineText& LogLineText::clock(Time time)
 {
     const std::chrono::hh_mm_ss day(time - std::chrono::floor<std::chrono::days>(time));
     padded(static_cast<unsigned>(day.hours().count()), 2, '0').text(":");
@@ -43,12 +43,12 @@ TLogLine& TLogLine::clock(Time time)
     return padded(static_cast<unsigned>(day.seconds().count()), 2, '0');
 }
 
-TLogLine& TLogLine::number(long value)
+LogLineText& LogLineText::number(long value)
 {
     return text((FixedText<24>() << value).view());
 }
 
-TLogLine& TLogLine::padded(unsigned value, unsigned digits, char pad)
+LogLineText& LogLineText::padded(unsigned value, unsigned digits, char pad)
 {
     FixedText<12> field;
     field << value;
@@ -57,13 +57,13 @@ TLogLine& TLogLine::padded(unsigned value, unsigned digits, char pad)
     return text(field.view());
 }
 
-TLogLine& TLogLine::text(std::string_view part)
+LogLineText& LogLineText::text(std::string_view part)
 {
     line_ << part.substr(0, CAPACITY - 1 - line_.view().size());
     return *this;
 }
 
-TLogLine& TLogLine::oneLineText(std::string_view part)
+LogLineText& LogLineText::oneLineText(std::string_view part)
 {
     const auto isLineEnd = [](char c) { return c == '\r' || c == '\n'; };
     for (;;) {
@@ -75,7 +75,7 @@ TLogLine& TLogLine::oneLineText(std::string_view part)
     }
 }
 
-TLogLine& TLogLine::lineEnd()
+LogLineText& LogLineText::lineEnd()
 {
     line_ << '\n';
     return *this;

@@ -30,7 +30,7 @@ enum class Destination : int { standardError, systemLog, both };
 // Atomic, because a signal handler or a thread that outlives main() may log at any moment.
 constinit std::atomic<const char*> lineTag{""};
 constinit std::atomic<Destination> destination{Destination::standardError};
-constinit TSyslogSocket syslogSocket;
+constinit SyslogSocket syslogSocket;
 
 /// The journal's stream, as the service manager has named it; standard error may be another one by now. The numbers are
 /// written once, before the flag.
@@ -86,20 +86,20 @@ bool journalReadsStandardError()
            now.st_ino == journal.inode;
 }
 
-TLogLine::Time timeNow()
+LogLineText::Time timeNow()
 {
     timespec now{};
     ::clock_gettime(CLOCK_REALTIME, &now);
     const std::chrono::seconds seconds(now.tv_sec);
-    return TLogLine::Time(seconds + std::chrono::milliseconds(now.tv_nsec / 1'000'000));
+    return LogLineText::Time(seconds + std::chrono::milliseconds(now.tv_nsec / 1'000'000));
 }
 
 /// A line of which standard error has taken only the beginning counts as lost; the line end that it lacks is written in front of
 /// the next line.
 /// @return false: standard error did not take the line, or not the whole of it
-bool logToStandardError(TLogLine::Time time, TTraceMsg id, const char* text)
+bool logToStandardError(LogLineText::Time time, TTraceMsg id, const char* text)
 {
-    TLogLine line;
+    LogLineText line;
     const bool afterPiece = lineIsCut.exchange(false);
     if (afterPiece) line.lineEnd();
     if (journalReadsStandardError()) {
@@ -114,10 +114,10 @@ bool logToStandardError(TLogLine::Time time, TTraceMsg id, const char* text)
 }
 
 /// @return false: the system log did not take the line
-bool logToSystemLog(TLogLine::Time time, TTraceMsg id, const char* text)
+bool logToSystemLog(LogLineText::Time time, TTraceMsg id, const char* text)
 {
     constexpr std::string_view daemonInfo = "<30>"; // facility 3 (daemon) * 8 + severity 6 (information): RFC 3164
-    TLogLine line;
+    LogLineText line;
     line.text(daemonInfo).syslogTime(time).text(" ").text(program_invocation_short_name);
     line.text("[").number(::getpid()).text("]:");
     line.text(lineTag.load()).text(" ").number(id).text(" ").oneLineText(text);
@@ -127,7 +127,7 @@ bool logToSystemLog(TLogLine::Time time, TTraceMsg id, const char* text)
 /// @return false: no destination took the line
 bool deliver(TTraceMsg id, const char* text)
 {
-    const TLogLine::Time time = timeNow();
+    const LogLineText::Time time = timeNow();
     const Destination to = destination.load();
     const bool taken = to != Destination::standardError && logToSystemLog(time, id, text);
     if (taken && to == Destination::systemLog) return true;

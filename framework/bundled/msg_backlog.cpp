@@ -4,14 +4,14 @@
 #include <cstring>
 
 /// The record's bytes, only as many as were received, follow the node in memory.
-struct alignas(std::max_align_t) TMsgBacklog::Node {
+struct alignas(std::max_align_t) MsgBacklog::Node {
     Node* next;
     std::size_t length;
 
     char* record() { return reinterpret_cast<char*>(this + 1); }
 };
 
-TOrbAttachmentMsg* TMsgBacklog::reserve()
+TOrbAttachmentMsg* MsgBacklog::reserve()
 {
     constexpr std::size_t fullNode = sizeof(Node) + MSG_RECORD_BYTES;
     if (bytes_ + fullNode > LIMIT_BYTES) return nullptr;
@@ -19,7 +19,7 @@ TOrbAttachmentMsg* TMsgBacklog::reserve()
     return reserved_ != nullptr ? reinterpret_cast<TOrbAttachmentMsg*>(reserved_->record()) : nullptr;
 }
 
-void TMsgBacklog::keep(std::size_t length)
+void MsgBacklog::keep(std::size_t length)
 {
     void* const shrunk = std::realloc(reserved_, sizeof(Node) + length);
     Node* const node = shrunk != nullptr ? static_cast<Node*>(shrunk) : reserved_;
@@ -31,7 +31,7 @@ void TMsgBacklog::keep(std::size_t length)
     bytes_ += sizeof(Node) + length;
 }
 
-std::size_t TMsgBacklog::take(TOrbAttachmentMsg* to)
+std::size_t MsgBacklog::take(TOrbAttachmentMsg* to)
 {
     Node* const node = first_;
     if (node == nullptr) return 0;
@@ -44,7 +44,7 @@ std::size_t TMsgBacklog::take(TOrbAttachmentMsg* to)
     return length;
 }
 
-void TMsgBacklog::clear()
+void MsgBacklog::clear()
 {
     while (Node* const node = first_) {
         first_ = node->next;

@@ -6,12 +6,12 @@
 
 /// Records that arrived while their receiver was waiting to send, in order of arrival.
 /// Threads: no lock of its own; the caller's lock guards it.
-class TMsgBacklog {
+class MsgBacklog {
 public:
     /// Chosen, not measured: 2000 full records, or some 200000 short ones.
     static constexpr std::size_t LIMIT_BYTES = 16U * 1024 * 1024;
 
-    constexpr TMsgBacklog() = default;
+    constexpr MsgBacklog() = default;
 
     /// Room for one more record of full size, behind the last one.
     /// @return where to write it, the backlog's own; null: the backlog is full, or there is no memory

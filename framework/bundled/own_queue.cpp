@@ -19,11 +19,11 @@
 #include "framework/fd.h"
 #include "framework/tess_messages.h"
 
-constinit TOwnQueue ownQueue;
+constinit OwnQueue ownQueue;
 
 namespace {
 
-static_assert(std::is_trivially_destructible_v<TOwnQueue>);
+static_assert(std::is_trivially_destructible_v<OwnQueue>);
 
 /// What a socket has sent and nobody has taken counts against its send buffer: 32 full queues of full-size records take
 /// about 5.5 MiB (measured). The kernel doubles the figure.
@@ -57,18 +57,18 @@ bool replaceSocket(int descriptor, int by)
 
 } // namespace
 
-void TOwnQueue::useEnvironment()
+void OwnQueue::useEnvironment()
 {
-    directory_.store(&TQueueDirectory::fromEnvironment());
+    directory_.store(&QueueDirectory::fromEnvironment());
 }
 
-const TQueueDirectory& TOwnQueue::directory()
+const QueueDirectory& OwnQueue::directory()
 {
     if (directory_.load() == nullptr) useEnvironment();
     return *directory_.load();
 }
 
-int TOwnQueue::socket()
+int OwnQueue::socket()
 {
     const int present = socket_.load();
     if (present >= 0) return present;
@@ -78,7 +78,7 @@ int TOwnQueue::socket()
     return fresh.release();
 }
 
-void TOwnQueue::open(long address)
+void OwnQueue::open(long address)
 {
     const std::scoped_lock lock(openLock_);
     try {
@@ -89,7 +89,7 @@ void TOwnQueue::open(long address)
     }
 }
 
-void TOwnQueue::openLocked(long address)
+void OwnQueue::openLocked(long address)
 {
     if (address < 1 || address > HIGHEST_QUEUE_ADDRESS)
         throw std::runtime_error("queue address " + std::to_string(address) + " is not between 1 and " +
@@ -99,7 +99,7 @@ void TOwnQueue::openLocked(long address)
         throw std::runtime_error("queue address " + std::to_string(address) + ": this process already holds " +
                                  std::to_string(file_.address()));
     }
-    const TQueueDirectory& in = TQueueDirectory::fromEnvironment();
+    const QueueDirectory& in = QueueDirectory::fromEnvironment();
     const int descriptor = socket();
     const Fd bound = newSocket();
     if (descriptor < 0 || bound.get() < 0) failToOpenQueue(address, "socket", std::strerror(errno));
@@ -115,7 +115,7 @@ void TOwnQueue::openLocked(long address)
     open_.store(true);
 }
 
-void TOwnQueue::close()
+void OwnQueue::close()
 {
     if (::getpid() != owner_.load()) return forget();
     const std::scoped_lock lock(openLock_);
@@ -131,14 +131,14 @@ void TOwnQueue::close()
 
 /// Closes the queue of another process, this one's parent, for this process alone. Waits for no lock: a thread that is not
 /// in this process may hold it.
-void TOwnQueue::forget()
+void OwnQueue::forget()
 {
     if (!open_.exchange(false)) return;
     const Fd unbound = newSocket();
     if (unbound.get() < 0 || !replaceSocket(socket_.load(), unbound.get())) Fd(socket_.exchange(-1)).reset();
 }
 
-void TOwnQueue::startInForkedChild()
+void OwnQueue::startInForkedChild()
 {
     {
         const std::unique_lock lock(receiveLock_, std::try_to_lock);
@@ -151,7 +151,7 @@ void TOwnQueue::startInForkedChild()
     inherited_.store(isOpen());
 }
 
-long TOwnQueue::receive(TOrbAttachmentMsg* msg, bool wait)
+long OwnQueue::receive(TOrbAttachmentMsg* msg, bool wait)
 {
     const std::scoped_lock lock(receiveLock_);
     if (!isOpen()) {
@@ -165,7 +165,7 @@ long TOwnQueue::receive(TOrbAttachmentMsg* msg, bool wait)
     return static_cast<long>(kept);
 }
 
-TOwnQueue::Drained TOwnQueue::drain()
+OwnQueue::Drained OwnQueue::drain()
 {
     const std::unique_lock lock(receiveLock_, std::try_to_lock);
     if (!lock.owns_lock()) return Drained::busy;
@@ -184,7 +184,7 @@ TOwnQueue::Drained TOwnQueue::drain()
 }
 
 /// @return bytes of the record, which is zero behind them; 0: none came, or what came was no record; -1 on an error
-long TOwnQueue::takeFromSocket(TOrbAttachmentMsg* msg, int flags)
+long OwnQueue::takeFromSocket(TOrbAttachmentMsg* msg, int flags)
 {
     sockaddr_un from{};
     iovec into{msg, MSG_RECORD_BYTES};

@@ -12,7 +12,7 @@
 /// The queue that this process receives at, once it is open, and the socket that it sends from, open or not.
 /// Trivially destructible: a thread that outlives main() may use it while the process ends.
 /// Threads: receive() one at a time; everything else any.
-class TOwnQueue {
+class OwnQueue {
 public:
     /// What drain() found.
     enum class Drained {
@@ -22,9 +22,9 @@ public:
         full,    ///< no room to keep any
     };
 
-    constexpr TOwnQueue() = default;
-    TOwnQueue(const TOwnQueue&) = delete;
-    TOwnQueue& operator=(const TOwnQueue&) = delete;
+    constexpr OwnQueue() = default;
+    OwnQueue(const OwnQueue&) = delete;
+    OwnQueue& operator=(const OwnQueue&) = delete;
 
     /// Looks anew which directory the queues are in.
     void useEnvironment();
@@ -57,7 +57,7 @@ public:
     /// What the parent has taken aside stays the parent's; the queue itself can be read by both.
     void startInForkedChild();
 
-    const TQueueDirectory& directory();
+    const QueueDirectory& directory();
 
 private:
     void openLocked(long address);
@@ -67,14 +67,14 @@ private:
     std::mutex openLock_;
     std::atomic<bool> open_{false};
     std::atomic<int> socket_{-1};
-    std::atomic<const TQueueDirectory*> directory_{nullptr};
+    std::atomic<const QueueDirectory*> directory_{nullptr};
     std::atomic<pid_t> owner_{0};
     std::atomic<bool> inherited_{false}; ///< opened before this process was forked, and not read here yet
     QueueFile file_;
 
     std::mutex receiveLock_; ///< guards backlog_ and who reads the socket, so that the order of arrival holds
-    TMsgBacklog backlog_;
+    MsgBacklog backlog_;
 };
 
 /// This process's own queue.
-extern TOwnQueue ownQueue;
+extern OwnQueue ownQueue;

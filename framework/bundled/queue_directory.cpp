@@ -22,7 +22,7 @@ namespace {
 constexpr mode_t DIRECTORY_MODE = 0770;
 
 struct KnownDirectory {
-    TQueueDirectory directory;
+    QueueDirectory directory;
     const KnownDirectory* next;
 };
 
@@ -82,24 +82,24 @@ void makeDirectory(const std::string& path)
 
 } // namespace
 
-TQueueDirectory::TQueueDirectory(std::string_view path) : path_(path), prefix_(path_)
+QueueDirectory::QueueDirectory(std::string_view path) : path_(path), prefix_(path_)
 {
     if (prefix_.back() != '/') prefix_ += '/';
 }
 
-const TQueueDirectory& TQueueDirectory::fromEnvironment()
+const QueueDirectory& QueueDirectory::fromEnvironment()
 {
     const std::string name = directoryName();
     const KnownDirectory* front = knownDirectories.load();
     for (;;) {
         for (const KnownDirectory* known = front; known != nullptr; known = known->next)
             if (known->directory.path() == name) return known->directory;
-        std::unique_ptr<const KnownDirectory> fresh(new KnownDirectory{TQueueDirectory(name), front});
+        std::unique_ptr<const KnownDirectory> fresh(new KnownDirectory{QueueDirectory(name), front});
         if (knownDirectories.compare_exchange_strong(front, fresh.get())) return fresh.release()->directory;
     }
 }
 
-bool TQueueDirectory::socketAddress(long address, sockaddr_un& to) const
+bool QueueDirectory::socketAddress(long address, sockaddr_un& to) const
 {
     std::array<char, 12> digits;
     const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), address).ptr;
@@ -112,7 +112,7 @@ bool TQueueDirectory::socketAddress(long address, sockaddr_un& to) const
     return true;
 }
 
-long TQueueDirectory::queueOf(const sockaddr_un& from, socklen_t length) const
+long QueueDirectory::queueOf(const sockaddr_un& from, socklen_t length) const
 {
     constexpr std::size_t pathAt = offsetof(sockaddr_un, sun_path);
     if (from.sun_family != AF_UNIX || length <= pathAt || from.sun_path[0] == '\0') return 0;
@@ -122,7 +122,7 @@ long TQueueDirectory::queueOf(const sockaddr_un& from, socklen_t length) const
     return path.starts_with(prefix_) ? addressNamed(path.substr(prefix_.size())) : 0;
 }
 
-void TQueueDirectory::create() const
+void QueueDirectory::create() const
 {
     if (path_.front() != '/') fail(path_, ENOENT); // the working directory has been removed
     for (std::size_t slash = path_.find('/', 1); slash != std::string::npos; slash = path_.find('/', slash + 1))

@@ -7,13 +7,13 @@
 
 /// The directory that holds one socket for each open queue, named by the queue's address in decimal.
 /// Threads: any; an object never changes and is never freed, because another thread may always be sending.
-class TQueueDirectory {
+class QueueDirectory {
 public:
-    explicit TQueueDirectory(std::string_view path);
+    explicit QueueDirectory(std::string_view path);
 
     /// The directory named by TESS_QUEUE_DIR as it is now; a relative name starts at the working directory of now, and is
     /// made absolute. Allocates.
-    static const TQueueDirectory& fromEnvironment();
+    static const QueueDirectory& fromEnvironment();
 
     /// Without trailing slashes. Absolute, unless the working directory has been removed: then create() fails.
     const std::string& path() const { return path_; }

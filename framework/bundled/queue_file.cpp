@@ -32,7 +32,7 @@ constexpr int LOCK_TRY_MS = 10;
 /// Holds the queue directory locked (flock(2)), against others that open or close a queue in it. They are done at once;
 /// whoever keeps the lock all the same holds nobody up for long.
 /// @return none, with errno set, when that is not possible
-Fd lockDirectory(const TQueueDirectory& directory)
+Fd lockDirectory(const QueueDirectory& directory)
 {
     Fd fd(::open(directory.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (fd.get() < 0) return fd;
@@ -78,7 +78,7 @@ void bindToFile(int socket, long address, const std::string& path, const sockadd
 
 } // namespace
 
-QueueFile QueueFile::bind(int socket, long address, const TQueueDirectory& in)
+QueueFile QueueFile::bind(int socket, long address, const QueueDirectory& in)
 {
     const std::string path = in.socketPath(address);
     sockaddr_un name{};
@@ -97,7 +97,7 @@ QueueFile QueueFile::bind(int socket, long address, const TQueueDirectory& in)
     return {address, made.st_dev, made.st_ino};
 }
 
-void QueueFile::remove(const TQueueDirectory& in) const
+void QueueFile::remove(const QueueDirectory& in) const
 {
     const std::string path = in.socketPath(address_);
     const Fd lock = lockDirectory(in);

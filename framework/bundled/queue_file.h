@@ -17,13 +17,13 @@ public:
     /// @param socket   a datagram socket that is not bound; stays the caller's
     /// @param address  1 to HIGHEST_QUEUE_ADDRESS
     /// @throws std::runtime_error  the address is in use, or the file cannot be had; its text says which, and why
-    static QueueFile bind(int socket, long address, const TQueueDirectory& in);
+    static QueueFile bind(int socket, long address, const QueueDirectory& in);
 
     /// @return the address that it was bound to last; 0: never
     long address() const { return address_; }
 
     /// Removes the file, if the one in that directory is still this one.
-    void remove(const TQueueDirectory& in) const;
+    void remove(const QueueDirectory& in) const;
 
 private:
     constexpr QueueFile(long address, dev_t device, ino_t inode) : address_(address), device_(device), inode_(inode) {}

@@ -34,7 +34,7 @@ long TQueueMgr::sendMsg(long address, TOrbAttachmentMsg* msg, long length, bool 
     if (!ownQueue.directory().socketAddress(address, to)) return SEND_FAILED;
     const std::size_t bytes = std::min(static_cast<std::size_t>(length), MSG_RECORD_BYTES);
 
-    TQueueSender sender(ownQueue, address, to, msg, bytes);
-    const TSendResult sent = sender.trySend();
+    QueueSender sender(ownQueue, address, to, msg, bytes);
+    const SendResult sent = sender.trySend();
     return wait && sent == SEND_QUEUE_FULL ? sender.sendWhenRoom() : sent;
 }

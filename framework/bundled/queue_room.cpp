@@ -7,7 +7,7 @@
 
 // A socket that sends, as the own one does, is writable whatever its destinations do. One that is connected is not writable
 // while its peer's queue is full (unix(7) does not say so; the kernel's unix_dgram_poll() does).
-int TQueueRoom::watch(long address)
+int QueueRoom::watch(long address)
 {
     sockaddr_un to{};
     const bool isAddress = address >= 1 && address <= HIGHEST_QUEUE_ADDRESS;
@@ -18,7 +18,7 @@ int TQueueRoom::watch(long address)
     return fd_.get();
 }
 
-void TQueueRoom::stop()
+void QueueRoom::stop()
 {
     fd_.reset();
 }

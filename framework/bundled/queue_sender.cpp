@@ -10,7 +10,7 @@
 
 /// Sleeps until the destination may have room again or the own queue has something to take. When room was reported twice in a row
 /// and there was none, it sleeps for a short time instead, and then trusts the reports again.
-class TQueueSender::RoomWait {
+class QueueSender::RoomWait {
 public:
     explicit RoomWait(long address) : address_(address) { (void)room_.watch(address_); }
 
@@ -45,12 +45,12 @@ private:
     static constexpr Millis LONGEST_SLEEP{1000};
 
     long address_;
-    TQueueRoom room_;
+    QueueRoom room_;
     int wrongReports_ = 0; ///< in a row
     Millis pause_ = SHORTEST_PAUSE;
 };
 
-TSendResult TQueueSender::trySend()
+SendResult QueueSender::trySend()
 {
     const int fd = own_.socket();
     if (fd < 0) return SEND_FAILED;
@@ -61,14 +61,14 @@ TSendResult TQueueSender::trySend()
     return full ? SEND_QUEUE_FULL : SEND_FAILED;
 }
 
-TSendResult TQueueSender::sendWhenRoom()
+SendResult QueueSender::sendWhenRoom()
 {
-    using enum TOwnQueue::Drained;
+    using enum OwnQueue::Drained;
     RoomWait room(address_);
     Clock::time_point lastProgress = Clock::now();
     for (;;) {
-        const TOwnQueue::Drained drained = own_.drain();
-        const TSendResult sent = trySend();
+        const OwnQueue::Drained drained = own_.drain();
+        const SendResult sent = trySend();
         if (sent != SEND_QUEUE_FULL) return sent;
 
         if (drained == records) {

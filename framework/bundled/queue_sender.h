@@ -10,7 +10,7 @@
 
 /// One record on its way to one queue.
 /// Threads: an object belongs to one thread; several may wait at once.
-class TQueueSender {
+class QueueSender {
 public:
     /// How long a wait may be without any progress once the backlog is full.
     static constexpr std::chrono::milliseconds PATIENCE{250};
@@ -20,17 +20,17 @@ public:
     /// @param to       its socket, as own.directory() has it
     /// @param msg      stays the caller's, as long as the sender lives
     /// @param length   MSG_HEADER_BYTES to MSG_RECORD_BYTES
-    TQueueSender(TOwnQueue& own, long address, const sockaddr_un& to, const TOrbAttachmentMsg* msg, std::size_t length)
+    QueueSender(OwnQueue& own, long address, const sockaddr_un& to, const TOrbAttachmentMsg* msg, std::size_t length)
         : own_(own), address_(address), to_(to), msg_(msg), length_(length)
     {
     }
 
     /// Tries once, without waiting.
-    TSendResult trySend();
+    SendResult trySend();
 
     /// Waits for room and sends; meanwhile takes what arrives on the own queue into its backlog.
     /// @return SEND_QUEUE_FULL only when the own backlog is full too and nothing moves
-    TSendResult sendWhenRoom();
+    SendResult sendWhenRoom();
 
 private:
     using Clock = std::chrono::steady_clock;
@@ -38,7 +38,7 @@ private:
 
     class RoomWait;
 
-    TOwnQueue& own_;
+    OwnQueue& own_;
     long address_;
     const sockaddr_un& to_;
     const TOrbAttachmentMsg* msg_;

@@ -5,14 +5,14 @@
 
 #include "framework/fixed_text.h"
 
-constinit const char* TSyslogSocket::path = "/dev/log";
+constinit const char* SyslogSocket::path = "/dev/log";
 
-void TSyslogSocket::open()
+void SyslogSocket::open()
 {
     if (fd_.load() < 0) fd_.store(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
 }
 
-bool TSyslogSocket::send(std::string_view message) const
+bool SyslogSocket::send(std::string_view message) const
 {
     const int fd = fd_.load();
     if (fd < 0) return false;

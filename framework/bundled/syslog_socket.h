@@ -5,9 +5,9 @@
 
 /// The way to the system log: a datagram socket that sends by path, so that a log daemon may come and go.
 /// Threads: any, send() also from a signal handler; except open(), which runs before other threads.
-class TSyslogSocket {
+class SyslogSocket {
 public:
-    constexpr TSyslogSocket() = default;
+    constexpr SyslogSocket() = default;
 
     /// Where the system log listens. A test puts its own path here before open().
     static const char* path;

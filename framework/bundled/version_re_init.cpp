@@ -12,9 +12,9 @@ namespace {
 constexpr const char* DEFAULT_PROGRAM = "/usr/lib/tess/version-reinit";
 
 /// Has the program start with no signal blocked and every signal at its default, whatever this process has set up for itself.
-class TPlainSignals {
+class PlainSignals {
 public:
-    TPlainSignals()
+    PlainSignals()
     {
         sigset_t none{};
         sigset_t all{};
@@ -25,9 +25,9 @@ public:
         ::posix_spawnattr_setsigdefault(&attributes_, &all);
         ::posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
     }
-    TPlainSignals(const TPlainSignals&) = delete;
-    TPlainSignals& operator=(const TPlainSignals&) = delete;
-    ~TPlainSignals() { ::posix_spawnattr_destroy(&attributes_); }
+    PlainSignals(const PlainSignals&) = delete;
+    PlainSignals& operator=(const PlainSignals&) = delete;
+    ~PlainSignals() { ::posix_spawnattr_destroy(&attributes_); }
 
     const posix_spawnattr_t* get() const { return &attributes_; }
 
@@ -52,7 +52,7 @@ int versionReInit()
     const char* program = std::getenv("TESS_REINIT");
     if (program == nullptr || *program == '\0') program = DEFAULT_PROGRAM;
     char* const arguments[] = {const_cast<char*>(program), nullptr}; // posix_spawn does not write to them
-    const TPlainSignals signals;
+    const PlainSignals signals;
     pid_t child = 0;
     if (::posix_spawn(&child, program, nullptr, signals.get(), arguments, environ) != 0) return 1;
     return waitFor(child);

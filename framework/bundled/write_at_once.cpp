@@ -16,9 +16,9 @@
 namespace {
 
 /// Keeps this thread from a SIGPIPE and, where it is in the background of its terminal, from a SIGTTOU, while one lives.
-class THeldSignals {
+class HeldSignals {
 public:
-    THeldSignals()
+    HeldSignals()
     {
         sigset_t held{};
         ::sigemptyset(&held);
@@ -27,9 +27,9 @@ public:
         ::pthread_sigmask(SIG_BLOCK, &held, &before_);
         hadOne_ = isPending();
     }
-    THeldSignals(const THeldSignals&) = delete;
-    THeldSignals& operator=(const THeldSignals&) = delete;
-    ~THeldSignals()
+    HeldSignals(const HeldSignals&) = delete;
+    HeldSignals& operator=(const HeldSignals&) = delete;
+    ~HeldSignals()
     {
         if (!hadOne_ && isPending()) takeOne();
         ::pthread_sigmask(SIG_SETMASK, &before_, nullptr);
@@ -90,7 +90,7 @@ ssize_t writeIfRoom(int fd, std::string_view bytes)
 
 ssize_t writeToPipeOrTerminal(int fd, std::string_view bytes)
 {
-    const THeldSignals held;
+    const HeldSignals held;
     ssize_t written = 0;
     if (writeWithoutWaiting(fd, bytes, written)) return written;
     const Fd own = openedAgain(fd);

@@ -133,7 +133,7 @@ TEST(CommandAddress, SplitsATokenIntoAddressAndCommand)
 {
     for (const AddressCase& row : addressCases) {
         SCOPED_TRACE(testing::PrintToString(row));
-        TCommandAddress address;
+        CommandAddress address;
         std::memset(&address, 0x5A, sizeof address);
         const int result = parseCmdAddress(row.token, address);
         EXPECT_EQ(result, row.result);
@@ -151,7 +151,7 @@ TEST(CommandAddress, SplitsATokenIntoAddressAndCommand)
 
 TEST(CommandAddress, SkipsWhiteSpaceInFrontWithoutCountingIt)
 {
-    TCommandAddress address;
+    CommandAddress address;
     EXPECT_EQ(parseCmdAddress(" \t s3.ENC X", address), 7);
     EXPECT_STREQ(address.unitAddr, "s3");
     EXPECT_STREQ(address.procAddr, "ENC");
@@ -165,7 +165,7 @@ TEST(CommandAddress, SkipsWhiteSpaceInFrontWithoutCountingIt)
 TEST(CommandAddress, LooksAtNothingBehindTheToken)
 {
     const std::string buffer = "s3.ENC SETX 5|$GPRMC,1|*";
-    TCommandAddress address;
+    CommandAddress address;
     EXPECT_EQ(parseCmdAddress(std::string_view(buffer).substr(0, 3), address), 1);
     EXPECT_STREQ(address.procAddr, "*");
     EXPECT_EQ(parseCmdAddress(std::string_view(buffer).substr(0, 13), address), 7);
@@ -174,7 +174,7 @@ TEST(CommandAddress, LooksAtNothingBehindTheToken)
 
 TEST(CommandAddress, ForgetsTheAddressOfAnEarlierToken)
 {
-    TCommandAddress address;
+    CommandAddress address;
     EXPECT_EQ(parseCmdAddress("s3.ALONGPROCESSNAME X", address), 20);
     EXPECT_EQ(parseCmdAddress("*", address), 1);
     EXPECT_STREQ(address.unitAddr, "*");
@@ -195,7 +195,7 @@ TEST(CommandAddress, FollowsTheRulesForEveryShortToken)
                 token += alphabet[rest % alphabet.size()];
             if (token.starts_with(' ')) continue;
             const AddressByRules expected = addressByRules(token);
-            TCommandAddress address;
+            CommandAddress address;
             const int result = parseCmdAddress(token, address);
             ASSERT_EQ(result, expected.result) << '"' << token << '"';
             ASSERT_EQ(address.unitAddr, expected.unit) << '"' << token << '"';

@@ -41,9 +41,9 @@ struct CommandTestBench {
     }
 
     /// What those find who wait for queues, without a wait.
-    TWaitSet look() const
+    WaitSet look() const
     {
-        TWaitSet waits;
+        WaitSet waits;
         fullQueues.addTo(waits);
         waits.wait(std::chrono::milliseconds(0));
         return waits;
@@ -59,14 +59,14 @@ struct CommandTestBench {
     ~CommandTestBench() { clearRegistry(); }
 
     TempQueueDir directory;
-    TQuietProc queue{DAEMON};
+    QuietProc queue{DAEMON};
     TOrbAttachmentMsg outMsg{};
     std::int32_t outLen = 0;
     std::vector<TRegisteredProc*> regProcs;
     std::mutex regLock;
-    TFullQueues fullQueues;
-    TDelayQueue delayQueues;
-    TDelayedLine delayedLine;
+    FullQueues fullQueues;
+    DelayQueue delayQueues;
+    DelayedLine delayedLine;
     std::vector<std::string_view> tokens;
-    TCommandContext context{outMsg, outLen, regProcs, regLock, fullQueues, delayQueues, delayedLine, tokens, nullptr};
+    CommandContext context{outMsg, outLen, regProcs, regLock, fullQueues, delayQueues, delayedLine, tokens, nullptr};
 };

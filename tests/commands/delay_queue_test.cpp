@@ -25,9 +25,9 @@ namespace {
 
 constexpr std::int64_t START = 1000; // seconds on the clock
 
-class DelayQueue : public testing::Test {
+class DelayQueueTest : public testing::Test {
 protected:
-    DelayQueue()
+    DelayQueueTest()
     {
         bench.outMsg.kind = MSG_TEXT;
         bench.context.resetDevice = [this](const char* line, const void*) {
@@ -39,7 +39,7 @@ protected:
 
     int process(std::string line)
     {
-        TCmdEntry entry{0, line.data()};
+        CmdEntry entry{0, line.data()};
         return processCmd(bench.context, &conn, &entry);
     }
 
@@ -58,7 +58,7 @@ protected:
         return encoder.receiveTexts();
     }
 
-    TDelayQueue& queue() { return bench.delayQueues; }
+    DelayQueue& queue() { return bench.delayQueues; }
 
     /// Lets nothing but these be in the queue.
     void queueUp(std::initializer_list<Due> lines)
@@ -91,7 +91,7 @@ protected:
 
 // --- setting
 
-TEST_F(DelayQueue, QueuesALineForItsTime)
+TEST_F(DelayQueueTest, QueuesALineForItsTime)
 {
     struct Row {
         const char* line;
@@ -126,7 +126,7 @@ TEST_F(DelayQueue, QueuesALineForItsTime)
     }
 }
 
-TEST_F(DelayQueue, KeepsTheLineAsItWasTyped)
+TEST_F(DelayQueueTest, KeepsTheLineAsItWasTyped)
 {
     struct Row {
         const char* line;
@@ -151,7 +151,7 @@ TEST_F(DelayQueue, KeepsTheLineAsItWasTyped)
     }
 }
 
-TEST_F(DelayQueue, RefusesALineWithoutAUsableTime)
+TEST_F(DelayQueueTest, RefusesALineWithoutAUsableTime)
 {
     for (const char* const line : {"DELAY 0|X", "DELAY x|X", "DELAY -5|X", "DELAY 1000:0:0.0|X", "DELAY 1:2:3:4:5|X",
                                    "DELAYED|X", "DELAY CLEA|X", "DELAY 1 x|X"})
@@ -159,14 +159,14 @@ TEST_F(DelayQueue, RefusesALineWithoutAUsableTime)
     EXPECT_THAT(queue().lines(), IsEmpty());
 }
 
-TEST_F(DelayQueue, RefusesALineWhenTheClockCannotBeRead)
+TEST_F(DelayQueueTest, RefusesALineWhenTheClockCannotBeRead)
 {
     clock.fails = true;
     EXPECT_THAT(replies("DELAY 10.0|X"), ElementsAre("Error Setting Command: Invalid Arguments.\r\n\r\n"));
     EXPECT_THAT(queue().lines(), IsEmpty());
 }
 
-TEST_F(DelayQueue, IsClearedByAnythingThatBeginsWithClear)
+TEST_F(DelayQueueTest, IsClearedByAnythingThatBeginsWithClear)
 {
     for (const char* const line : {"DELAY CLEAR", "delay clear", "DelayClear", "DELAY CLEARANCE", "DELAY  CLEAR |X"}) {
         queueUp({{1, "A"}, {2, "B"}});
@@ -180,13 +180,13 @@ TEST_F(DelayQueue, IsClearedByAnythingThatBeginsWithClear)
 
 // --- listing
 
-TEST_F(DelayQueue, ListsAnEmptyQueue)
+TEST_F(DelayQueueTest, ListsAnEmptyQueue)
 {
     EXPECT_EQ(readable(listing()), "OK\\r\\n\\r\\n");
     EXPECT_THAT(conn.written, SizeIs(1));
 }
 
-TEST_F(DelayQueue, ListsMillisecondsToTheNextSecondOfTheClockAndASecondLess)
+TEST_F(DelayQueueTest, ListsMillisecondsToTheNextSecondOfTheClockAndASecondLess)
 {
     struct Row {
         const char* behaviour;
@@ -221,7 +221,7 @@ TEST_F(DelayQueue, ListsMillisecondsToTheNextSecondOfTheClockAndASecondLess)
     }
 }
 
-TEST_F(DelayQueue, CrashesForNoTimeWhatever)
+TEST_F(DelayQueueTest, CrashesForNoTimeWhatever)
 {
     const std::uint64_t dues[] = {0,
                                   1,
@@ -243,7 +243,7 @@ TEST_F(DelayQueue, CrashesForNoTimeWhatever)
             }
 }
 
-TEST_F(DelayQueue, ListsInTheOrderOfDueTimesAndOfQueueing)
+TEST_F(DelayQueueTest, ListsInTheOrderOfDueTimesAndOfQueueing)
 {
     for (const char* const line : {"DELAY 30.0|C", "DELAY 10.0|A1|x", "DELAY 20.0|B", "DELAY 10.0|A2", "DELAY 10.0"})
         replies(line);
@@ -256,13 +256,13 @@ TEST_F(DelayQueue, ListsInTheOrderOfDueTimesAndOfQueueing)
                                             "\r\n"));
 }
 
-TEST_F(DelayQueue, ListsLinesWithFormatCharactersAsTheyAre)
+TEST_F(DelayQueueTest, ListsLinesWithFormatCharactersAsTheyAre)
 {
     queueUp({{1'010'000, "%s%n %1% %5$s \xE4"}});
     EXPECT_EQ(readable(listing()), readable("OK\r\n000:00:10.000 %s%n %1% %5$s \xE4\r\n\r\n"));
 }
 
-TEST_F(DelayQueue, ListsMoreThanARecordHoldsInSeveralWritesAndLeavesNothingOut)
+TEST_F(DelayQueueTest, ListsMoreThanARecordHoldsInSeveralWritesAndLeavesNothingOut)
 {
     for (const std::size_t length : {1U, 15U, 100U, 1000U}) {
         SCOPED_TRACE(length);
@@ -282,7 +282,7 @@ TEST_F(DelayQueue, ListsMoreThanARecordHoldsInSeveralWritesAndLeavesNothingOut)
     }
 }
 
-TEST_F(DelayQueue, ListsExactlyARecordFullInOneWrite)
+TEST_F(DelayQueueTest, ListsExactlyARecordFullInOneWrite)
 {
     // "OK", a line and the empty line: 4 + 16 + n + 2 bytes.
     for (const std::size_t bytes : {8174U, 8175U, 8176U}) {
@@ -294,7 +294,7 @@ TEST_F(DelayQueue, ListsExactlyARecordFullInOneWrite)
     }
 }
 
-TEST_F(DelayQueue, ReportsAClockThatCannotBeReadWhenItLists)
+TEST_F(DelayQueueTest, ReportsAClockThatCannotBeReadWhenItLists)
 {
     clock.fails = true;
     EXPECT_EQ(process("DELAY"), 1);
@@ -302,7 +302,7 @@ TEST_F(DelayQueue, ReportsAClockThatCannotBeReadWhenItLists)
     EXPECT_EQ(listDelays(bench.context, nullptr), 1);
 }
 
-TEST_F(DelayQueue, ListsNothingWithoutAConnection)
+TEST_F(DelayQueueTest, ListsNothingWithoutAConnection)
 {
     queueUp({{1'010'000, "X"}});
     bench.outMsg.text[0] = '!';
@@ -312,7 +312,7 @@ TEST_F(DelayQueue, ListsNothingWithoutAConnection)
 
 // --- running
 
-TEST_F(DelayQueue, RunsWhatIsDueAndKeepsTheRest)
+TEST_F(DelayQueueTest, RunsWhatIsDueAndKeepsTheRest)
 {
     queueUp({{999'999, "A"}, {1'000'000, "B"}, {1'000'001, "C"}, {2'000'000, "D"}});
     EXPECT_THAT(run(), ElementsAre("A\n", "B\n"));
@@ -327,7 +327,7 @@ TEST_F(DelayQueue, RunsWhatIsDueAndKeepsTheRest)
     EXPECT_THAT(queue().lines(), IsEmpty());
 }
 
-TEST_F(DelayQueue, RunsLinesOfTheSameTimeInTheOrderInWhichTheyWereQueued)
+TEST_F(DelayQueueTest, RunsLinesOfTheSameTimeInTheOrderInWhichTheyWereQueued)
 {
     Texts expected;
     for (int i = 0; i < 10; ++i) { // as many as the queue of the process holds
@@ -338,7 +338,7 @@ TEST_F(DelayQueue, RunsLinesOfTheSameTimeInTheOrderInWhichTheyWereQueued)
     EXPECT_THAT(run(), ElementsAreArray(expected));
 }
 
-TEST_F(DelayQueue, RunsALineWithoutAConnection)
+TEST_F(DelayQueueTest, RunsALineWithoutAConnection)
 {
     conn.written.clear();
     queueUp({{1, "s3.ENC A|s3.NONE B|SET $5|*|quit|s3.ENC C"}});
@@ -355,7 +355,7 @@ TEST_F(DelayQueue, RunsALineWithoutAConnection)
     EXPECT_THAT(conn.written, IsEmpty());
 }
 
-TEST_F(DelayQueue, CutsALineTo255Characters)
+TEST_F(DelayQueueTest, CutsALineTo255Characters)
 {
     for (const std::size_t length : {254U, 255U, 256U, 257U, 1000U}) {
         queueUp({{1, std::string(length, 'x')}});
@@ -363,21 +363,21 @@ TEST_F(DelayQueue, CutsALineTo255Characters)
     }
 }
 
-TEST_F(DelayQueue, RunsAnEmptyLineAsNothing)
+TEST_F(DelayQueueTest, RunsAnEmptyLineAsNothing)
 {
     queueUp({{1, ""}, {1, " "}, {1, "X"}});
     EXPECT_THAT(run(), ElementsAre("\n", "X\n")) << "a blank is an empty broadcast";
     EXPECT_THAT(queue().lines(), IsEmpty());
 }
 
-TEST_F(DelayQueue, ForwardsADelayedResetThatFails)
+TEST_F(DelayQueueTest, ForwardsADelayedResetThatFails)
 {
     queueUp({{1, "RESET A B"}});
     EXPECT_THAT(run(), ElementsAre("RESET A B\n"));
     EXPECT_THAT(resetLines, ElementsAre("RESET A B"));
 }
 
-TEST_F(DelayQueue, EndsItsWalkWhenALineClearsIt)
+TEST_F(DelayQueueTest, EndsItsWalkWhenALineClearsIt)
 {
     queueUp({{1, "A"}, {2, "DELAY CLEAR"}, {3, "B"}, {1'000'000'000, "C"}});
     EXPECT_THAT(run(), ElementsAre("A\n"));
@@ -386,28 +386,28 @@ TEST_F(DelayQueue, EndsItsWalkWhenALineClearsIt)
     EXPECT_THAT(run(), ElementsAre("D\n")) << "the next walk is a whole one";
 }
 
-TEST_F(DelayQueue, IsClearedByItsOnlyLine)
+TEST_F(DelayQueueTest, IsClearedByItsOnlyLine)
 {
     queueUp({{1, "delay clear"}});
     EXPECT_THAT(run(), IsEmpty());
     EXPECT_THAT(queue().lines(), IsEmpty());
 }
 
-TEST_F(DelayQueue, TakesTokensInFrontOfAClear)
+TEST_F(DelayQueueTest, TakesTokensInFrontOfAClear)
 {
     queueUp({{1, "A|DELAY CLEAR|B"}, {2, "C"}});
     EXPECT_THAT(run(), ElementsAre("A\n"));
     EXPECT_THAT(queue().lines(), IsEmpty());
 }
 
-TEST_F(DelayQueue, GoesOnAfterAClearThatWasTyped)
+TEST_F(DelayQueueTest, GoesOnAfterAClearThatWasTyped)
 {
     replies("DELAY CLEAR");
     queueUp({{1, "A"}, {2, "B"}});
     EXPECT_THAT(run(), ElementsAre("A\n", "B\n"));
 }
 
-TEST_F(DelayQueue, TakesALineThatQueuesAnother)
+TEST_F(DelayQueueTest, TakesALineThatQueuesAnother)
 {
     replies("DELAY 1.0|A|DELAY 1.0|B");
     clock.set(START + 1, 0);
@@ -418,14 +418,14 @@ TEST_F(DelayQueue, TakesALineThatQueuesAnother)
     EXPECT_THAT(queue().lines(), IsEmpty());
 }
 
-TEST_F(DelayQueue, RunsInTheSameWalkWhatALineQueuesForNow)
+TEST_F(DelayQueueTest, RunsInTheSameWalkWhatALineQueuesForNow)
 {
     queueUp({{999'000, "DELAY 1|A"}, {1'000'000, "B"}, {1'000'001, "C"}});
     EXPECT_THAT(run(), ElementsAre("B\n", "A\n")) << "behind what is due then already";
     EXPECT_THAT(queue().lines(), ElementsAre(Due(1'000'001, "C")));
 }
 
-TEST_F(DelayQueue, TakesManyLinesThatQueueOthers)
+TEST_F(DelayQueueTest, TakesManyLinesThatQueueOthers)
 {
     for (int i = 0; i < 200; ++i)
         queue().add(static_cast<std::uint64_t>(i), "DELAY " + std::to_string(1 + i % 7) + ".0|*");
@@ -438,7 +438,7 @@ TEST_F(DelayQueue, TakesManyLinesThatQueueOthers)
     EXPECT_THAT(queue().lines(), IsEmpty());
 }
 
-TEST_F(DelayQueue, ListsNothingForADelayedListing)
+TEST_F(DelayQueueTest, ListsNothingForADelayedListing)
 {
     queueUp({{1, "DELAY"}, {1'010'000, "X"}});
     EXPECT_THAT(run(), IsEmpty());
@@ -446,7 +446,7 @@ TEST_F(DelayQueue, ListsNothingForADelayedListing)
     EXPECT_THAT(conn.written, IsEmpty());
 }
 
-TEST_F(DelayQueue, WaitsALittleWhenTheClockCannotBeRead)
+TEST_F(DelayQueueTest, WaitsALittleWhenTheClockCannotBeRead)
 {
     queueUp({{1, "A"}});
     clock.fails = true;
@@ -458,7 +458,7 @@ TEST_F(DelayQueue, WaitsALittleWhenTheClockCannotBeRead)
     EXPECT_THAT(run(), ElementsAre("A\n"));
 }
 
-TEST_F(DelayQueue, ComparesTimesWithoutASign)
+TEST_F(DelayQueueTest, ComparesTimesWithoutASign)
 {
     queueUp({{~0ULL, "never"}, {1ULL << 63, "never"}});
     EXPECT_THAT(run(), IsEmpty());
@@ -470,7 +470,7 @@ TEST_F(DelayQueue, ComparesTimesWithoutASign)
 namespace {
 
 /// With a second process, whose queue is full.
-class WaitingDelay : public DelayQueue {
+class WaitingDelay : public DelayQueueTest {
 protected:
     WaitingDelay()
     {
@@ -520,7 +520,7 @@ TEST_F(WaitingDelay, IsGivenUpWithoutAnAnswerWhenTheProcessIsStuck)
 {
     queueUp({{1, "s3.MOT A|s3.ENC B"}, {2, "s3.MOT C"}, {3, "s3.ENC D"}});
     EXPECT_THAT(run(), IsEmpty());
-    time.pass(TFullQueues::PATIENCE);
+    time.pass(FullQueues::PATIENCE);
     EXPECT_THAT(run(), ElementsAre("B\n", "D\n")) << "C does not wait any more";
     EXPECT_FALSE(waits());
     EXPECT_THAT(CommandTestBench::forwardedTo(motor), IsEmpty());

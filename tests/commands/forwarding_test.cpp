@@ -30,14 +30,14 @@ protected:
 
     int forward(const char* unit, const char* process, std::uint32_t portType = PORT_IPC, std::uint32_t entryTag = 0)
     {
-        TCommandAddress address{};
+        CommandAddress address{};
         putText(address.unitAddr, unit);
         putText(address.procAddr, process);
         return forwardCmd(bench.context, progress, address, portType, entryTag);
     }
 
     CommandTestBench bench;
-    TCmdProgress progress;
+    CmdProgress progress;
 };
 
 } // namespace
@@ -264,7 +264,7 @@ TEST_F(Forwarding, LetsTheLastSendDecideAlsoAfterAWait)
             if (row.takes[i])
                 (void)processes[i].receive();
             else
-                time.pass(TFullQueues::PATIENCE);
+                time.pass(FullQueues::PATIENCE);
             result = goOnForwarding(bench.context, progress);
         }
         EXPECT_EQ(result, row.result);

@@ -21,23 +21,23 @@ using testing::ElementsAre;
 
 namespace {
 
-constexpr auto PATIENCE = TFullQueues::PATIENCE;
+constexpr auto PATIENCE = FullQueues::PATIENCE;
 
-class FullQueues : public testing::Test {
+class FullQueuesTest : public testing::Test {
 protected:
     static constexpr long ADDRESS = 2001;
 
-    long send(TQueueWaiter& who, std::string_view text = "X", long address = ADDRESS)
+    long send(QueueWaiter& who, std::string_view text = "X", long address = ADDRESS)
     {
         Outgoing out = message(MSG_TEXT, text);
         return queues.send(who, address, out.record, static_cast<long>(out.length));
     }
 
-    bool mayTry(const TQueueWaiter& who) const { return queues.mayTry(who, bench.look()); }
+    bool mayTry(const QueueWaiter& who) const { return queues.mayTry(who, bench.look()); }
 
     /// Tries whenever that may help, as the service loop does, while time passes by the millisecond.
     /// @return how often
-    int triesFor(TQueueWaiter& who, std::string_view text, long address, std::chrono::milliseconds span)
+    int triesFor(QueueWaiter& who, std::string_view text, long address, std::chrono::milliseconds span)
     {
         int tries = 0;
         for (auto passed = 0ms; passed < span && who.address != 0; passed += 1ms) {
@@ -56,14 +56,14 @@ protected:
     }
 
     CommandTestBench bench;
-    TFullQueues& queues = bench.fullQueues;
+    FullQueues& queues = bench.fullQueues;
     std::unique_ptr<QueueProcess> process = std::make_unique<QueueProcess>(bench.directory, ADDRESS);
     StoppedTime time;
-    TQueueWaiter first, second, third;
+    QueueWaiter first, second, third;
 };
 
 /// The same with a queue that is full, and somebody who waits for it.
-class FullQueue : public FullQueues {
+class FullQueue : public FullQueuesTest {
 protected:
     FullQueue()
     {
@@ -75,7 +75,7 @@ protected:
 
 } // namespace
 
-TEST_F(FullQueues, SendAtOnceWhereThereIsRoom)
+TEST_F(FullQueuesTest, SendAtOnceWhereThereIsRoom)
 {
     EXPECT_EQ(send(first, "A"), SEND_DONE);
     EXPECT_EQ(first.address, 0);
@@ -84,7 +84,7 @@ TEST_F(FullQueues, SendAtOnceWhereThereIsRoom)
     EXPECT_FALSE(bench.look().hasDescriptors());
 }
 
-TEST_F(FullQueues, FailAtOnceWithoutAQueue)
+TEST_F(FullQueuesTest, FailAtOnceWithoutAQueue)
 {
     process.reset();
     EXPECT_EQ(send(first), SEND_FAILED);
@@ -97,10 +97,10 @@ TEST_F(FullQueue, ServesThoseWhoWaitInTheOrderOfAsking)
 {
     EXPECT_EQ(send(second, "2"), SEND_QUEUE_FULL);
     EXPECT_EQ(send(third, "3"), SEND_QUEUE_FULL);
-    std::array<TQueueWaiter*, 3> waiters{&first, &second, &third};
+    std::array<QueueWaiter*, 3> waiters{&first, &second, &third};
     for (std::size_t next = 0; next < waiters.size(); ++next) {
         SCOPED_TRACE(next);
-        for (TQueueWaiter* const who : waiters)
+        for (QueueWaiter* const who : waiters)
             EXPECT_EQ(mayTry(*who), who->address == 0);
         (void)process->receive();
         for (std::size_t i = next; i < waiters.size(); ++i)
@@ -147,7 +147,7 @@ TEST_F(FullQueue, ForgetsWhoeverLeaves)
     EXPECT_EQ(send(third, "3"), SEND_QUEUE_FULL);
     queues.leave(second);
     queues.leave(second);
-    TQueueWaiter nobody;
+    QueueWaiter nobody;
     queues.leave(nobody);
     queues.leave(first);
     EXPECT_EQ(first.address, 0);
@@ -263,7 +263,7 @@ TEST_F(FullQueue, MakesAWaitEndAtOnceForThoseWhoAreStillToBeTold)
     EXPECT_EQ(send(second, "2"), SEND_QUEUE_FULL);
     time.pass(PATIENCE);
     EXPECT_EQ(send(first, "1"), SEND_FAILED);
-    TWaitSet waits;
+    WaitSet waits;
     queues.addTo(waits);
     timespec before{};
     ::clock_gettime(CLOCK_MONOTONIC, &before); // the time that is not stopped
@@ -274,9 +274,9 @@ TEST_F(FullQueue, MakesAWaitEndAtOnceForThoseWhoAreStillToBeTold)
     EXPECT_TRUE(queues.mayTry(second, waits));
 }
 
-TEST_F(FullQueues, RememberManyStuckQueuesAndForgetTheOldest)
+TEST_F(FullQueuesTest, RememberManyStuckQueuesAndForgetTheOldest)
 {
-    constexpr std::size_t COUNT = TFullQueues::MAX_QUEUES + 2;
+    constexpr std::size_t COUNT = FullQueues::MAX_QUEUES + 2;
     std::deque<QueueProcess> processes;
     for (long address = 3000; address < 3000 + static_cast<long>(COUNT); ++address) {
         processes.emplace_back(bench.directory, address);
@@ -294,11 +294,11 @@ TEST_F(FullQueues, RememberManyStuckQueuesAndForgetTheOldest)
     }
 }
 
-TEST_F(FullQueues, ForgetNoQueueThatSomebodyWaitsFor)
+TEST_F(FullQueuesTest, ForgetNoQueueThatSomebodyWaitsFor)
 {
-    constexpr std::size_t COUNT = TFullQueues::MAX_QUEUES + 6;
+    constexpr std::size_t COUNT = FullQueues::MAX_QUEUES + 6;
     std::deque<QueueProcess> processes;
-    std::array<TQueueWaiter, COUNT> waiters;
+    std::array<QueueWaiter, COUNT> waiters;
     for (std::size_t i = 0; i < COUNT; ++i) {
         processes.emplace_back(bench.directory, 3000 + static_cast<long>(i));
         CommandTestBench::fill(processes[i].address());
@@ -322,7 +322,7 @@ TEST_F(FullQueue, IsWaitedForByItsRoom)
     });
     int waitsDone = 0;
     while (!queues.mayTry(first, bench.look()) && waitsDone < 1000) {
-        TWaitSet waits;
+        WaitSet waits;
         queues.addTo(waits);
         waits.wait(20ms);
         ++waitsDone;
@@ -332,7 +332,7 @@ TEST_F(FullQueue, IsWaitedForByItsRoom)
     EXPECT_EQ(send(first, "1"), SEND_DONE);
 }
 
-TEST_F(FullQueues, AreTriedByTheClockWhereNothingTellsTheirRoom)
+TEST_F(FullQueuesTest, AreTriedByTheClockWhereNothingTellsTheirRoom)
 {
     CommandTestBench::fill(ADDRESS);
     {
@@ -342,7 +342,7 @@ TEST_F(FullQueues, AreTriedByTheClockWhereNothingTellsTheirRoom)
         EXPECT_EQ(send(second, "2"), SEND_QUEUE_FULL);
         EXPECT_FALSE(bench.look().hasDescriptors());
         (void)process->receiveAll();
-        time.pass(TFullQueues::RETRY_TIME - 1ns);
+        time.pass(FullQueues::RETRY_TIME - 1ns);
         EXPECT_FALSE(mayTry(first));
         EXPECT_EQ(send(third, "3"), SEND_QUEUE_FULL) << "a newcomer does not put it off";
         time.pass(1ns);
@@ -355,7 +355,7 @@ TEST_F(FullQueues, AreTriedByTheClockWhereNothingTellsTheirRoom)
     EXPECT_EQ(send(third, "3"), SEND_FAILED) << "stuck";
 }
 
-TEST_F(FullQueues, AreTriedByTheClockWhereNoSetHoldsTheDescriptor)
+TEST_F(FullQueuesTest, AreTriedByTheClockWhereNoSetHoldsTheDescriptor)
 {
     CommandTestBench::fill(ADDRESS);
     const NoRoomInSets noRoom;
@@ -363,7 +363,7 @@ TEST_F(FullQueues, AreTriedByTheClockWhereNoSetHoldsTheDescriptor)
     ASSERT_EQ(send(first, "1"), SEND_QUEUE_FULL);
     EXPECT_FALSE(mayTry(first));
     (void)process->receive();
-    time.pass(TFullQueues::RETRY_TIME);
+    time.pass(FullQueues::RETRY_TIME);
     EXPECT_TRUE(mayTry(first));
     EXPECT_EQ(send(first, "1"), SEND_DONE);
 }
@@ -374,7 +374,7 @@ TEST_F(FullQueue, IsTriedOnceWhenItTakesNothing)
 }
 
 /// Room that is reported where there is none: the own send buffer is used up by what somebody else does not take.
-TEST_F(FullQueues, AreTriedNowAndThenWhereRoomIsReportedInVain)
+TEST_F(FullQueuesTest, AreTriedNowAndThenWhereRoomIsReportedInVain)
 {
     const int small = 20'000;
     ASSERT_EQ(::setsockopt(ownQueue.socket(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small), 0);
@@ -444,14 +444,14 @@ TEST(FullQueuesWithARealClock, WaitTheirTimeAndTryOnce)
     const QueueProcess process(bench.directory, 2001);
     CommandTestBench::fill(2001);
     Outgoing out = message(MSG_TEXT, "X");
-    TQueueWaiter who;
+    QueueWaiter who;
     const auto send = [&] { return bench.fullQueues.send(who, 2001, out.record, static_cast<long>(out.length)); };
     const Stopwatch watch;
     ASSERT_EQ(send(), SEND_QUEUE_FULL);
     int tries = 0;
     int waitsDone = 0;
     while (who.address != 0 && waitsDone < 1000) {
-        TWaitSet waits;
+        WaitSet waits;
         bench.fullQueues.addTo(waits);
         waits.wait(DEADLINE);
         ++waitsDone;

@@ -43,7 +43,7 @@ protected:
 
     int process(TPortConn* conn, std::string line, std::uint32_t tag = 0)
     {
-        TCmdEntry entry{tag, line.data()};
+        CmdEntry entry{tag, line.data()};
         return processCmd(bench.context, conn, &entry);
     }
 
@@ -76,7 +76,7 @@ protected:
 TEST_F(Interpreter, DoesNothingWithoutALine)
 {
     EXPECT_EQ(processCmd(bench.context, &ipc, nullptr), 1);
-    const TCmdEntry empty{0, nullptr};
+    const CmdEntry empty{0, nullptr};
     EXPECT_EQ(processCmd(bench.context, &ipc, &empty), 1);
     EXPECT_THAT(ipc.written, IsEmpty());
 }
@@ -437,7 +437,7 @@ protected:
         bench.registerProcess(2003, ALL_PORTS, "CAM");
     }
 
-    void expectAtItsStart(const TCmdProgress& progress)
+    void expectAtItsStart(const CmdProgress& progress)
     {
         EXPECT_FALSE(progress.waits());
         EXPECT_EQ(progress.token, 0U);
@@ -486,7 +486,7 @@ TEST_F(WaitingLine, GoesOnExactlyWhereItLeftOff)
         CommandTestBench::fill(2002);
         for (int i = 0; i < 3; ++i) {
             EXPECT_EQ(process(&ipc, line), CMD_WAITS);
-            EXPECT_EQ(ipc.progress.wait, TCmdProgress::Wait::room);
+            EXPECT_EQ(ipc.progress.wait, CmdProgress::Wait::room);
             spoilRecord();
         }
         (void)motor.receiveAll();
@@ -521,7 +521,7 @@ TEST_F(WaitingLine, IsAnsweredForEveryTokenOfAStuckProcessAndWaitsOnce)
     const std::string line = "s3.MOT A|s3.MOT B|s3.ENC C|s3.MOT D";
     CommandTestBench::fill(2002);
     EXPECT_EQ(process(&ipc, line), CMD_WAITS);
-    time.pass(TFullQueues::PATIENCE - std::chrono::nanoseconds(1));
+    time.pass(FullQueues::PATIENCE - std::chrono::nanoseconds(1));
     EXPECT_EQ(process(&ipc, line), CMD_WAITS);
     time.pass(std::chrono::nanoseconds(1));
     EXPECT_EQ(process(&ipc, line), 0);
@@ -567,7 +567,7 @@ TEST_F(WaitingLine, LeavesAStuckProcessOutOfABroadcast)
 {
     CommandTestBench::fill(2002);
     EXPECT_EQ(process(&ipc, "X"), CMD_WAITS);
-    time.pass(TFullQueues::PATIENCE);
+    time.pass(FullQueues::PATIENCE);
     EXPECT_EQ(process(&ipc, "X"), 0);
     EXPECT_THAT(ipc.written, IsEmpty()) << "the last send decides";
     EXPECT_THAT(encoder.receiveTexts(), ElementsAre("X\n"));
@@ -595,7 +595,7 @@ TEST_F(WaitingLine, WaitsForAReset)
     for (int i = 0; i < 2; ++i) {
         EXPECT_THAT(replies("RESET REINIT s3"), IsEmpty());
         EXPECT_EQ(result, CMD_WAITS);
-        EXPECT_EQ(ipc.progress.wait, TCmdProgress::Wait::reInit);
+        EXPECT_EQ(ipc.progress.wait, CmdProgress::Wait::reInit);
     }
     for (const ResetResult end : {RESET_STARTED, RESET_REFUSED}) {
         resetResult = end;
@@ -669,7 +669,7 @@ TEST_F(InterpreterWithEncoder, AllocatesNothingForACommand)
     char lines[][48] = {"s3.ENC SETX 5", "SETX 5|GETX|*|s3.NONE X", "A|B|C", "$GPRMC,1", "SET $5", "*"};
     const auto processAll = [&] {
         for (char* const line : lines) {
-            const TCmdEntry entry{0, line};
+            const CmdEntry entry{0, line};
             processCmd(bench.context, &conn, &entry);
         }
     };

@@ -45,15 +45,15 @@ std::chrono::microseconds askedTime()
 }
 
 /// Two connected sockets. The first one has room, and no input before something is sent.
-class WaitSet : public testing::Test {
+class WaitSetTest : public testing::Test {
 protected:
-    WaitSet()
+    WaitSetTest()
     {
         asked = {};
         failWith = std::nullopt;
         EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
     }
-    ~WaitSet() override
+    ~WaitSetTest() override
     {
         failWith = std::nullopt;
         for (const int end : ends)
@@ -63,14 +63,14 @@ protected:
     void send() const { EXPECT_EQ(::send(ends[1], "x", 1, 0), 1); }
 
     std::array<int, 2> ends{-1, -1};
-    TWaitSet waits;
+    WaitSet waits;
 };
 
 } // namespace
 
 // --- descriptors
 
-TEST_F(WaitSet, TellsWhatIsReadyOfWhatWasAdded)
+TEST_F(WaitSetTest, TellsWhatIsReadyOfWhatWasAdded)
 {
     EXPECT_FALSE(waits.hasDescriptors());
     waits.addInput(ends[0]);
@@ -83,14 +83,14 @@ TEST_F(WaitSet, TellsWhatIsReadyOfWhatWasAdded)
     EXPECT_TRUE(waits.hasRoom(ends[1]));
     EXPECT_FALSE(waits.hasRoom(ends[0])) << "not asked for";
     send();
-    TWaitSet next;
+    WaitSet next;
     next.addInput(ends[0]);
     next.wait(DEADLINE);
     EXPECT_TRUE(next.hasInput(ends[0]));
     EXPECT_FALSE(next.hasInput(ends[1]));
 }
 
-TEST_F(WaitSet, FindsNothingReadyBeforeAWaitOrWhenNothingCame)
+TEST_F(WaitSetTest, FindsNothingReadyBeforeAWaitOrWhenNothingCame)
 {
     EXPECT_FALSE(waits.hasInput(ends[0]));
     EXPECT_FALSE(waits.hasRoom(ends[0]));
@@ -99,14 +99,14 @@ TEST_F(WaitSet, FindsNothingReadyBeforeAWaitOrWhenNothingCame)
     EXPECT_FALSE(waits.hasInput(ends[0]));
 }
 
-TEST_F(WaitSet, LeavesOutWhatNoSetHolds)
+TEST_F(WaitSetTest, LeavesOutWhatNoSetHolds)
 {
     const NoRoomInSets noRoom;
     const int high = ::dup(ends[1]);
     for (const int fd : {-1, -1000, FD_SETSIZE, FD_SETSIZE + 1, 1'000'000, high}) {
         if (fd == high && high < FD_SETSIZE) continue; // the limit of open files is too low
-        EXPECT_FALSE(TWaitSet::fits(fd)) << fd;
-        TWaitSet set;
+        EXPECT_FALSE(WaitSet::fits(fd)) << fd;
+        WaitSet set;
         set.addInput(fd);
         set.addOutput(fd);
         EXPECT_FALSE(set.hasDescriptors()) << fd;
@@ -117,10 +117,10 @@ TEST_F(WaitSet, LeavesOutWhatNoSetHolds)
     }
     ::close(high);
     for (const int fd : {0, 1, FD_SETSIZE - 1})
-        EXPECT_TRUE(TWaitSet::fits(fd)) << fd;
+        EXPECT_TRUE(WaitSet::fits(fd)) << fd;
 }
 
-TEST_F(WaitSet, HoldsTheHighestDescriptorThatFits)
+TEST_F(WaitSetTest, HoldsTheHighestDescriptorThatFits)
 {
     const NoRoomInSets noRoom;
     if (!noRoom.isSet()) GTEST_SKIP() << "the limit of open files cannot be raised";
@@ -133,11 +133,11 @@ TEST_F(WaitSet, HoldsTheHighestDescriptorThatFits)
     EXPECT_TRUE(waits.hasInput(highest));
 }
 
-TEST_F(WaitSet, MakesEverybodyLookWhenTheWaitFails)
+TEST_F(WaitSetTest, MakesEverybodyLookWhenTheWaitFails)
 {
     for (const int error : {EINTR, EBADF, EINVAL, ENOMEM}) {
         SCOPED_TRACE(error);
-        TWaitSet set;
+        WaitSet set;
         set.addInput(ends[0]);
         set.addDue(instantNow() + 1h);
         failWith = error;
@@ -155,7 +155,7 @@ TEST_F(WaitSet, MakesEverybodyLookWhenTheWaitFails)
 
 // --- time
 
-TEST_F(WaitSet, WaitsUntilTheNearestDueTimeOrForTheMostAllowed)
+TEST_F(WaitSetTest, WaitsUntilTheNearestDueTimeOrForTheMostAllowed)
 {
     struct Row {
         const char* behaviour;
@@ -178,7 +178,7 @@ TEST_F(WaitSet, WaitsUntilTheNearestDueTimeOrForTheMostAllowed)
     failWith = EINTR; // it is only looked at what would be waited for
     for (const Row& row : rows) {
         SCOPED_TRACE(row.behaviour);
-        TWaitSet set;
+        WaitSet set;
         const Instant before = instantNow();
         for (const std::chrono::nanoseconds dueIn : row.dueIn)
             set.addDue(before + dueIn);
@@ -190,10 +190,10 @@ TEST_F(WaitSet, WaitsUntilTheNearestDueTimeOrForTheMostAllowed)
     }
 }
 
-TEST_F(WaitSet, TakesTheTwoEndsOfTimeForWhatTheyAre)
+TEST_F(WaitSetTest, TakesTheTwoEndsOfTimeForWhatTheyAre)
 {
     failWith = EINTR;
-    TWaitSet at;
+    WaitSet at;
     at.addDue(NEVER);
     at.wait(700ms);
     EXPECT_EQ(askedTime(), 700ms);
@@ -204,11 +204,11 @@ TEST_F(WaitSet, TakesTheTwoEndsOfTimeForWhatTheyAre)
     EXPECT_EQ(askedTime(), 0us);
 }
 
-TEST_F(WaitSet, NeverWakesUpTooEarly)
+TEST_F(WaitSetTest, NeverWakesUpTooEarly)
 {
     failWith = EINTR;
     for (int i = 0; i < 1000; ++i) {
-        TWaitSet set;
+        WaitSet set;
         const Instant due = instantNow() + 10ms + std::chrono::nanoseconds(i * 7 + 1);
         set.addDue(due);
         const Instant before = instantNow();
@@ -220,10 +220,10 @@ TEST_F(WaitSet, NeverWakesUpTooEarly)
     }
 }
 
-TEST_F(WaitSet, CountsFromTheWaitNotFromItsMaking)
+TEST_F(WaitSetTest, CountsFromTheWaitNotFromItsMaking)
 {
     failWith = EINTR;
-    TWaitSet set;
+    WaitSet set;
     const Instant due = instantNow() + 500ms;
     set.addDue(due);
     while (instantNow() < due - 450ms) {
@@ -232,7 +232,7 @@ TEST_F(WaitSet, CountsFromTheWaitNotFromItsMaking)
     EXPECT_LE(askedTime(), 450ms);
 }
 
-TEST_F(WaitSet, IsDueFromTheMomentOnAtWhichTheWaitEnded)
+TEST_F(WaitSetTest, IsDueFromTheMomentOnAtWhichTheWaitEnded)
 {
     const Instant made = waits.now();
     EXPECT_TRUE(waits.isDue(made));

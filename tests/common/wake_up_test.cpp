@@ -14,24 +14,24 @@
 
 namespace {
 
-bool isAwake(const TWakeUp& wakeUp, int milliseconds = 0)
+bool isAwake(const WakeUp& wakeUp, int milliseconds = 0)
 {
     pollfd input{wakeUp.fd(), POLLIN, 0};
     return ::poll(&input, 1, milliseconds) == 1 && (input.revents & POLLIN) != 0;
 }
 
 /// Closes what a wake-up keeps for as long as its process lives.
-class WakeUp : public testing::Test {
+class WakeUpTest : public testing::Test {
 protected:
-    WakeUp() { wakeUp.open(); }
-    ~WakeUp() override { ::close(wakeUp.fd()); }
+    WakeUpTest() { wakeUp.open(); }
+    ~WakeUpTest() override { ::close(wakeUp.fd()); }
 
-    TWakeUp wakeUp;
+    WakeUp wakeUp;
 };
 
 } // namespace
 
-TEST_F(WakeUp, StaysAwakeUntilItIsCleared)
+TEST_F(WakeUpTest, StaysAwakeUntilItIsCleared)
 {
     EXPECT_FALSE(isAwake(wakeUp));
     wakeUp.clear();
@@ -44,14 +44,14 @@ TEST_F(WakeUp, StaysAwakeUntilItIsCleared)
     EXPECT_FALSE(isAwake(wakeUp)) << "one clear takes them all";
 }
 
-TEST_F(WakeUp, EndsAWaitOfAnotherThread)
+TEST_F(WakeUpTest, EndsAWaitOfAnotherThread)
 {
     InBackground waiter([this] { return isAwake(wakeUp, 20'000) ? 1 : 0; });
     wakeUp.wake();
     EXPECT_EQ(waiter.wait(), 1);
 }
 
-TEST_F(WakeUp, IsOpenedOnceAndNotPassedOn)
+TEST_F(WakeUpTest, IsOpenedOnceAndNotPassedOn)
 {
     const int fd = wakeUp.fd();
     ASSERT_GE(fd, 0);
@@ -61,7 +61,7 @@ TEST_F(WakeUp, IsOpenedOnceAndNotPassedOn)
     EXPECT_NE(::fcntl(fd, F_GETFL) & O_NONBLOCK, 0);
 }
 
-TEST_F(WakeUp, NeitherWaitsNorFallsAsleepWhenItsCountIsFull)
+TEST_F(WakeUpTest, NeitherWaitsNorFallsAsleepWhenItsCountIsFull)
 {
     const std::uint64_t most = UINT64_MAX - 1;
     ASSERT_EQ(::write(wakeUp.fd(), &most, sizeof most), static_cast<ssize_t>(sizeof most));
@@ -71,7 +71,7 @@ TEST_F(WakeUp, NeitherWaitsNorFallsAsleepWhenItsCountIsFull)
     EXPECT_FALSE(isAwake(wakeUp));
 }
 
-TEST_F(WakeUp, KeepsErrno)
+TEST_F(WakeUpTest, KeepsErrno)
 {
     const std::uint64_t most = UINT64_MAX - 1;
     ASSERT_EQ(::write(wakeUp.fd(), &most, sizeof most), static_cast<ssize_t>(sizeof most));
@@ -82,7 +82,7 @@ TEST_F(WakeUp, KeepsErrno)
 
 TEST(WakeUpThatIsNotOpen, WakesNobody)
 {
-    TWakeUp wakeUp;
+    WakeUp wakeUp;
     EXPECT_EQ(wakeUp.fd(), -1);
     errno = ERANGE;
     wakeUp.wake();
@@ -94,7 +94,7 @@ TEST(WakeUpThatIsNotOpen, WakesNobody)
 
 TEST(WakeUpThatIsNotOpen, SaysSoWithoutADescriptorToSpare)
 {
-    TWakeUp wakeUp;
+    WakeUp wakeUp;
     const DescriptorLimit none(0);
     ASSERT_TRUE(none.isSet());
     try {
@@ -106,10 +106,10 @@ TEST(WakeUpThatIsNotOpen, SaysSoWithoutADescriptorToSpare)
     EXPECT_EQ(wakeUp.fd(), -1);
 }
 
-TEST_F(WakeUp, OfAForkedChildIsItsOwn)
+TEST_F(WakeUpTest, OfAForkedChildIsItsOwn)
 {
-    TSignpost parentWoke;
-    TChildProcess child([&] {
+    Signpost parentWoke;
+    ChildProcess child([&] {
         wakeUp.openAnew();
         wakeUp.wake();
         if (!isAwake(wakeUp)) return 1;
@@ -131,7 +131,7 @@ TEST(WakeUpOfTheProcess, IsNotSharedWithAForkedChild)
 {
     g_wakeUp.open();
     g_wakeUp.clear();
-    TChildProcess child([] {
+    ChildProcess child([] {
         g_wakeUp.wake();
         return isAwake(g_wakeUp) ? 0 : 1;
     });

@@ -104,20 +104,20 @@ TEST_F(Authenticate, WipesThePasswordButNotThatOfTheSuperUser)
 TEST_F(Authenticate, TellsWhoAUserIsOnlyWhenAccepted)
 {
     const PasswdFile accounts(ACCOUNTS);
-    TUserLookUp found{};
+    UserLookUp found{};
     lookUpUser(found, "alice", "secret");
     EXPECT_EQ(found.status, AUTH_ACCEPTED);
     EXPECT_EQ(found.uid, 1001U);
     EXPECT_EQ(found.gid, 1002U);
     EXPECT_STREQ(found.homeDirectory, "/home/alice");
 
-    TUserLookUp refused{};
+    UserLookUp refused{};
     lookUpUser(refused, "alice", "wrong");
     EXPECT_EQ(refused.status, AUTH_REFUSED);
     EXPECT_EQ(refused.uid, 0U);
     EXPECT_EQ(refused.homeDirectory, nullptr);
 
-    TUserLookUp unknown{};
+    UserLookUp unknown{};
     unknown.status = AUTH_REFUSED;
     lookUpUser(unknown, "no-such-user", "secret");
     EXPECT_EQ(unknown.status, AUTH_UNKNOWN);

@@ -18,7 +18,7 @@ namespace {
 /// A buffer with room for a NUL behind the text, and what was found in it.
 struct Cut {
     std::string buffer;
-    std::array<TCmdEntry, 1024> entries{};
+    std::array<CmdEntry, 1024> entries{};
     int count = 0;
 
     Texts texts() const

@@ -19,7 +19,7 @@
 using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::IsEmpty;
-using Sent = TLineOutput::Sent;
+using Sent = LineOutput::Sent;
 using std::chrono::milliseconds;
 
 namespace {
@@ -27,7 +27,7 @@ namespace {
 const LogLine dropped{250007, "COM2 output dropped"};
 
 /// A report as it is compared: "ASKER TAG written", or "... failed".
-std::string shown(const TLineOutput::Report& report)
+std::string shown(const LineOutput::Report& report)
 {
     return std::to_string(report.ticket.asker) + " " + std::to_string(report.ticket.tag) +
            (report.written ? " written" : " failed");
@@ -46,7 +46,7 @@ bool isOpen(int fd)
     return ::fcntl(fd, F_GETFD) != -1;
 }
 
-class LineOutput : public testing::Test {
+class LineOutputTest : public testing::Test {
 protected:
     void SetUp() override
     {
@@ -81,7 +81,7 @@ protected:
     std::vector<std::string> reports()
     {
         std::vector<std::string> all;
-        for (const TLineOutput::Report& report : out.takeReports())
+        for (const LineOutput::Report& report : out.takeReports())
             all.push_back(shown(report));
         return all;
     }
@@ -92,7 +92,7 @@ protected:
     {
         unsigned calls = 0;
         waitUntil([&] {
-            TWaitSet set;
+            WaitSet set;
             const int fd = out.waitsFor();
             const Instant due = out.due();
             set.addOutput(fd);
@@ -122,12 +122,12 @@ protected:
 
     std::unique_ptr<PtyLine> far;
     int line = -1;
-    TLineOutput out;
+    LineOutput out;
 };
 
 } // namespace
 
-TEST_F(LineOutput, SendsWhatTheLineTakesAtOnceWithoutAllocating)
+TEST_F(LineOutputTest, SendsWhatTheLineTakesAtOnceWithoutAllocating)
 {
     for (const std::size_t count : {0U, 1U, 255U, 256U, 257U, 3000U}) {
         std::string bytes;
@@ -145,7 +145,7 @@ TEST_F(LineOutput, SendsWhatTheLineTakesAtOnceWithoutAllocating)
     EXPECT_THAT(reports(), IsEmpty());
 }
 
-TEST_F(LineOutput, KeepsWhatTheLineDoesNotTakeAndSendsItInOrder)
+TEST_F(LineOutputTest, KeepsWhatTheLineDoesNotTakeAndSendsItInOrder)
 {
     std::string sent;
     for (int i = 0; sent.size() < 60'000; ++i) {
@@ -159,7 +159,7 @@ TEST_F(LineOutput, KeepsWhatTheLineDoesNotTakeAndSendsItInOrder)
         EXPECT_EQ(text, "2001 7 written");
 }
 
-TEST_F(LineOutput, SendsMoreThanItKeepsAsLongAsTheLineTakesIt)
+TEST_F(LineOutputTest, SendsMoreThanItKeepsAsLongAsTheLineTakesIt)
 {
     std::string sent;
     std::string arrived;
@@ -178,14 +178,14 @@ TEST_F(LineOutput, SendsMoreThanItKeepsAsLongAsTheLineTakesIt)
     EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-TEST_F(LineOutput, RefusesATextThatDoesNotFitWholeAndLogsThat)
+TEST_F(LineOutputTest, RefusesATextThatDoesNotFitWholeAndLogsThat)
 {
     stopLine();
     const LogCapture log;
-    EXPECT_EQ(out.write(line, std::string(TLineOutput::CAPACITY + 1, 'x')), Sent::refused)
+    EXPECT_EQ(out.write(line, std::string(LineOutput::CAPACITY + 1, 'x')), Sent::refused)
         << "even when nothing is kept";
     EXPECT_EQ(log.count(dropped), 1);
-    EXPECT_EQ(out.write(line, std::string(TLineOutput::CAPACITY - 3, 'x')), Sent::kept);
+    EXPECT_EQ(out.write(line, std::string(LineOutput::CAPACITY - 3, 'x')), Sent::kept);
     EXPECT_EQ(out.write(line, "four"), Sent::refused);
     EXPECT_EQ(log.count(dropped), 2);
     EXPECT_EQ(report("four"), Sent::refused);
@@ -195,32 +195,32 @@ TEST_F(LineOutput, RefusesATextThatDoesNotFitWholeAndLogsThat)
     EXPECT_EQ(out.write(line, ""), Sent::whole);
     EXPECT_EQ(log.lines().size(), 4U);
     startLine();
-    const std::string all = serveAndReceive(TLineOutput::CAPACITY);
-    EXPECT_EQ(all.size(), TLineOutput::CAPACITY);
-    EXPECT_EQ(all.substr(TLineOutput::CAPACITY - 4), "xend");
+    const std::string all = serveAndReceive(LineOutput::CAPACITY);
+    EXPECT_EQ(all.size(), LineOutput::CAPACITY);
+    EXPECT_EQ(all.substr(LineOutput::CAPACITY - 4), "xend");
     EXPECT_EQ(out.write(line, "again"), Sent::whole);
     EXPECT_THAT(reports(), IsEmpty()) << "a refused text is not reported";
 }
 
-TEST_F(LineOutput, KeepsAsManyBytesInSmallTexts)
+TEST_F(LineOutputTest, KeepsAsManyBytesInSmallTexts)
 {
     stopLine();
     const LogCapture log;
-    for (std::size_t i = 0; i < TLineOutput::CAPACITY; ++i)
+    for (std::size_t i = 0; i < LineOutput::CAPACITY; ++i)
         ASSERT_EQ(out.write(line, "x"), Sent::kept) << i;
     EXPECT_EQ(out.write(line, "x"), Sent::refused);
     EXPECT_THAT(log.lines(), ElementsAre(dropped));
     startLine();
-    EXPECT_EQ(serveAndReceive(TLineOutput::CAPACITY).size(), TLineOutput::CAPACITY);
+    EXPECT_EQ(serveAndReceive(LineOutput::CAPACITY).size(), LineOutput::CAPACITY);
 }
 
-TEST_F(LineOutput, WaitsForRoomOnly)
+TEST_F(LineOutputTest, WaitsForRoomOnly)
 {
     stopLine();
     EXPECT_EQ(out.write(line, "A"), Sent::kept);
     EXPECT_EQ(out.waitsFor(), line);
     EXPECT_EQ(out.due(), NEVER);
-    TWaitSet set;
+    WaitSet set;
     set.addOutput(line);
     set.wait(milliseconds(0));
     EXPECT_FALSE(set.hasRoom(line));
@@ -228,7 +228,7 @@ TEST_F(LineOutput, WaitsForRoomOnly)
     EXPECT_EQ(serveAndReceive(1), "A");
 }
 
-TEST_F(LineOutput, ReportsAKeptTextWhenItIsWhole)
+TEST_F(LineOutputTest, ReportsAKeptTextWhenItIsWhole)
 {
     stopLine();
     EXPECT_EQ(report("first ", 2001, 1), Sent::kept);
@@ -241,7 +241,7 @@ TEST_F(LineOutput, ReportsAKeptTextWhenItIsWhole)
     EXPECT_THAT(reports(), IsEmpty()) << "once";
 }
 
-TEST_F(LineOutput, FailsAReportedTextWhenTheLineHasTakenNothingForTwoSeconds)
+TEST_F(LineOutputTest, FailsAReportedTextWhenTheLineHasTakenNothingForTwoSeconds)
 {
     stopLine();
     EXPECT_EQ(out.write(line, "plain "), Sent::kept);
@@ -262,12 +262,12 @@ TEST_F(LineOutput, FailsAReportedTextWhenTheLineHasTakenNothingForTwoSeconds)
     EXPECT_EQ(serveAndReceive(15), "plain and so on") << "the others are kept";
 }
 
-TEST_F(LineOutput, GivesEveryReportedTextItsOwnTwoSeconds)
+TEST_F(LineOutputTest, GivesEveryReportedTextItsOwnTwoSeconds)
 {
     stopLine();
     EXPECT_EQ(report("A", 1), Sent::kept);
     const Instant first = out.due();
-    ASSERT_TRUE(waitUntil([&] { return instantNow() > first - TLineOutput::PATIENCE + milliseconds(60); }));
+    ASSERT_TRUE(waitUntil([&] { return instantNow() > first - LineOutput::PATIENCE + milliseconds(60); }));
     EXPECT_EQ(report("B", 2), Sent::kept);
     out.goOn(first);
     EXPECT_THAT(reports(), ElementsAre("1 7 failed"));
@@ -281,7 +281,7 @@ TEST_F(LineOutput, GivesEveryReportedTextItsOwnTwoSeconds)
     EXPECT_TRUE(isIdle()) << "a call too many does no harm";
 }
 
-TEST_F(LineOutput, FailsNoTextWhileTheLineTakesSomething)
+TEST_F(LineOutputTest, FailsNoTextWhileTheLineTakesSomething)
 {
     const std::string text(60'000, 'x'); // more than the line takes before somebody reads
     EXPECT_EQ(report(text), Sent::kept);
@@ -291,7 +291,7 @@ TEST_F(LineOutput, FailsNoTextWhileTheLineTakesSomething)
         const Instant later = instantNow() + i * std::chrono::seconds(100);
         serve([&] {
             taken += far->received().size();
-            TWaitSet set;
+            WaitSet set;
             set.addOutput(line);
             set.wait(milliseconds(0));
             return set.hasRoom(line) || isIdle();
@@ -299,13 +299,13 @@ TEST_F(LineOutput, FailsNoTextWhileTheLineTakesSomething)
         if (isIdle()) break; // a line that takes all of it: nothing to see here
         out.goOn(later);
         if (out.due() == NEVER) break;
-        EXPECT_EQ(out.due(), later + TLineOutput::PATIENCE) << "counted from the last bytes that were taken";
+        EXPECT_EQ(out.due(), later + LineOutput::PATIENCE) << "counted from the last bytes that were taken";
     }
     EXPECT_EQ(taken + serveAndReceive(text.size() - taken).size(), text.size());
     EXPECT_THAT(reports(), ElementsAre("2001 7 written"));
 }
 
-TEST_F(LineOutput, DropsTheRestOfATextThatFailedAlthoughPartOfItHasGone)
+TEST_F(LineOutputTest, DropsTheRestOfATextThatFailedAlthoughPartOfItHasGone)
 {
     const std::string text(60'000, 'x');
     EXPECT_EQ(report(text), Sent::kept);
@@ -325,7 +325,7 @@ TEST_F(LineOutput, DropsTheRestOfATextThatFailedAlthoughPartOfItHasGone)
     EXPECT_EQ(arrived, std::string(arrived.size() - 3, 'x') + "END");
 }
 
-TEST_F(LineOutput, HoldsOneDescriptorForAllReportedTexts)
+TEST_F(LineOutputTest, HoldsOneDescriptorForAllReportedTexts)
 {
     stopLine();
     const std::size_t before = openDescriptors();
@@ -342,7 +342,7 @@ TEST_F(LineOutput, HoldsOneDescriptorForAllReportedTexts)
     EXPECT_EQ(openDescriptors(), before);
 }
 
-TEST_F(LineOutput, ClosesTheDescriptorOfAReportedTextWhateverBecomesOfIt)
+TEST_F(LineOutputTest, ClosesTheDescriptorOfAReportedTextWhateverBecomesOfIt)
 {
     const std::size_t before = openDescriptors();
     stopLine();
@@ -350,19 +350,19 @@ TEST_F(LineOutput, ClosesTheDescriptorOfAReportedTextWhateverBecomesOfIt)
     out.goOn(out.due());
     EXPECT_EQ(openDescriptors(), before) << "failed";
     {
-        TLineOutput other;
+        LineOutput other;
         EXPECT_EQ(other.writeReported(Fd(open()), "left", {1, 1}), Sent::kept);
         EXPECT_EQ(openDescriptors(), before + 1);
     }
     EXPECT_EQ(openDescriptors(), before) << "at the end of the object";
-    EXPECT_EQ(out.write(line, std::string(TLineOutput::CAPACITY, 'x')), Sent::kept);
+    EXPECT_EQ(out.write(line, std::string(LineOutput::CAPACITY, 'x')), Sent::kept);
     const LogCapture log;
     const std::size_t withLog = openDescriptors();
     EXPECT_EQ(report("refused"), Sent::refused);
     EXPECT_EQ(openDescriptors(), withLog) << "refused";
 }
 
-TEST_F(LineOutput, EndsEverythingWhenItIsToFail)
+TEST_F(LineOutputTest, EndsEverythingWhenItIsToFail)
 {
     stopLine();
     const std::size_t before = openDescriptors();
@@ -379,7 +379,7 @@ TEST_F(LineOutput, EndsEverythingWhenItIsToFail)
     EXPECT_EQ(far->receive(3), "new");
 }
 
-TEST_F(LineOutput, PausesWhenTheLineTakesNothingThoughItHasReportedRoom)
+TEST_F(LineOutputTest, PausesWhenTheLineTakesNothingThoughItHasReportedRoom)
 {
     stopLine();
     EXPECT_EQ(out.write(line, "A"), Sent::kept);
@@ -397,7 +397,7 @@ TEST_F(LineOutput, PausesWhenTheLineTakesNothingThoughItHasReportedRoom)
     EXPECT_EQ(serveAndReceive(1), "A");
 }
 
-TEST_F(LineOutput, DoesNotSpinOnALineThatReportsRoomAndTakesNothing)
+TEST_F(LineOutputTest, DoesNotSpinOnALineThatReportsRoomAndTakesNothing)
 {
     // Such is an event counter that has room for 1 when it is given 2 (eventfd(2)); such is a terminal at a tab.
     const int counter = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
@@ -407,7 +407,7 @@ TEST_F(LineOutput, DoesNotSpinOnALineThatReportsRoomAndTakesNothing)
     EXPECT_EQ(out.write(counter, {reinterpret_cast<const char*>(&two), sizeof two}), Sent::kept);
     const Instant begin = instantNow();
     const unsigned calls = serve([&] { return instantNow() > begin + milliseconds(200); });
-    const auto pauses = (instantNow() - begin) / TLineOutput::RETRY_TIME + 1;
+    const auto pauses = (instantNow() - begin) / LineOutput::RETRY_TIME + 1;
     EXPECT_GE(calls, 2U) << "it is tried again";
     EXPECT_LE(calls, static_cast<unsigned>(2 * pauses)) << "a try, and the end of its pause";
     std::uint64_t count = 0;
@@ -418,7 +418,7 @@ TEST_F(LineOutput, DoesNotSpinOnALineThatReportsRoomAndTakesNothing)
     ::close(counter);
 }
 
-TEST_F(LineOutput, DropsEverythingWhenTheLineHasHungUp)
+TEST_F(LineOutputTest, DropsEverythingWhenTheLineHasHungUp)
 {
     stopLine();
     EXPECT_EQ(out.write(line, "plain"), Sent::kept);
@@ -433,7 +433,7 @@ TEST_F(LineOutput, DropsEverythingWhenTheLineHasHungUp)
     EXPECT_THAT(log.lines(), IsEmpty());
 }
 
-TEST_F(LineOutput, RefusesSilentlyWhatIsNoLine)
+TEST_F(LineOutputTest, RefusesSilentlyWhatIsNoLine)
 {
     const LogCapture log;
     const int readOnly = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
@@ -449,7 +449,7 @@ TEST_F(LineOutput, RefusesSilentlyWhatIsNoLine)
     EXPECT_THAT(reports(), IsEmpty());
 }
 
-TEST_F(LineOutput, GoesOnWithTheNextTextWhenOneLineIsGone)
+TEST_F(LineOutputTest, GoesOnWithTheNextTextWhenOneLineIsGone)
 {
     stopLine();
     const int gone = open();

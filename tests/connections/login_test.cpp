@@ -99,7 +99,7 @@ protected:
     void beginEndlessCheck(const char* user = "alice")
     {
         goTo(LOGIN_WAIT_PASSWORD, user);
-        conn.login = {LoginOwes::verdict, std::make_shared<TPasswordCheck>(user, "secret")};
+        conn.login = {LoginOwes::verdict, std::make_shared<PasswordCheck>(user, "secret")};
         conn.wantsInput = false;
     }
 
@@ -114,7 +114,7 @@ protected:
     LogCapture log;
     LoginConn conn;
     TOrbAttachmentMsg message{};
-    TUserName userName{};
+    UserName userName{};
 };
 
 } // namespace
@@ -509,7 +509,7 @@ TEST_F(Login, LeavesNothingDueAtOnceBehind)
 
 TEST_F(Login, MayEndBeforeTheCheckDoes)
 {
-    std::weak_ptr<TPasswordCheck> check;
+    std::weak_ptr<PasswordCheck> check;
     {
         LoginConn gone;
         gone.loginState = LOGIN_WAIT_PASSWORD;

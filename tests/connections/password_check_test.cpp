@@ -50,7 +50,7 @@ private:
     bool isMade_;
 };
 
-class PasswordCheck : public testing::Test {
+class PasswordCheckTest : public testing::Test {
 protected:
     void SetUp() override
     {
@@ -62,7 +62,7 @@ protected:
 
 } // namespace
 
-TEST_F(PasswordCheck, FindsWhatAuthenticateDoesAndWakesTheServiceLoop)
+TEST_F(PasswordCheckTest, FindsWhatAuthenticateDoesAndWakesTheServiceLoop)
 {
     struct Row {
         const char* user;
@@ -77,7 +77,7 @@ TEST_F(PasswordCheck, FindsWhatAuthenticateDoesAndWakesTheServiceLoop)
     for (const Row& row : rows) {
         SCOPED_TRACE(row.user);
         g_wakeUp.clear();
-        const auto check = TPasswordCheck::start(row.user, row.password);
+        const auto check = PasswordCheck::start(row.user, row.password);
         ASSERT_TRUE(check);
         EXPECT_TRUE(isAwake(20'000));
         EXPECT_TRUE(check->isOver()) << "before it wakes anybody";
@@ -87,11 +87,11 @@ TEST_F(PasswordCheck, FindsWhatAuthenticateDoesAndWakesTheServiceLoop)
     }
 }
 
-TEST_F(PasswordCheck, HoldsNobodyWhileItRuns)
+TEST_F(PasswordCheckTest, HoldsNobodyWhileItRuns)
 {
     const SlowPasswd accounts;
     ASSERT_TRUE(accounts.isMade());
-    const auto check = TPasswordCheck::start("alice", "secret");
+    const auto check = PasswordCheck::start("alice", "secret");
     ASSERT_TRUE(check);
     EXPECT_FALSE(check->isOver());
     EXPECT_FALSE(isAwake(20));
@@ -102,13 +102,13 @@ TEST_F(PasswordCheck, HoldsNobodyWhileItRuns)
     EXPECT_EQ(check->result(), AUTH_UNKNOWN);
 }
 
-TEST_F(PasswordCheck, MayBeForgottenWhileItRuns)
+TEST_F(PasswordCheckTest, MayBeForgottenWhileItRuns)
 {
     const SlowPasswd accounts;
     ASSERT_TRUE(accounts.isMade());
-    std::weak_ptr<TPasswordCheck> check;
+    std::weak_ptr<PasswordCheck> check;
     {
-        const auto started = TPasswordCheck::start("alice", "secret");
+        const auto started = PasswordCheck::start("alice", "secret");
         ASSERT_TRUE(started);
         check = started;
     }
@@ -118,29 +118,29 @@ TEST_F(PasswordCheck, MayBeForgottenWhileItRuns)
     EXPECT_TRUE(isAwake()) << "which harms nobody";
 }
 
-TEST_F(PasswordCheck, KeepsNoPasswordBehindItsEnd)
+TEST_F(PasswordCheckTest, KeepsNoPasswordBehindItsEnd)
 {
     for (const char* const user : {"alice", "root"}) {
-        alignas(TPasswordCheck) char storage[sizeof(TPasswordCheck)]{};
+        alignas(PasswordCheck) char storage[sizeof(PasswordCheck)]{};
         const std::string_view bytes(storage, sizeof storage);
-        auto* const check = new (storage) TPasswordCheck(user, "secret");
+        auto* const check = new (storage) PasswordCheck(user, "secret");
         EXPECT_NE(bytes.find("secret"), bytes.npos) << "the test looks at the right place";
         std::destroy_at(check);
         EXPECT_EQ(bytes.find("secret"), bytes.npos) << user;
     }
 }
 
-TEST_F(PasswordCheck, CutsWhatIsTooLong)
+TEST_F(PasswordCheckTest, CutsWhatIsTooLong)
 {
     const std::string name(300, 'n');
-    const TPasswordCheck check(name.c_str(), std::string(300, 'p').c_str());
-    EXPECT_EQ(check.userName(), name.substr(0, TPasswordCheck::TEXT_BYTES - 1));
+    const PasswordCheck check(name.c_str(), std::string(300, 'p').c_str());
+    EXPECT_EQ(check.userName(), name.substr(0, PasswordCheck::TEXT_BYTES - 1));
 }
 
-TEST_F(PasswordCheck, IsNotThereWithoutAThread)
+TEST_F(PasswordCheckTest, IsNotThereWithoutAThread)
 {
     const NoThreads none;
     ASSERT_TRUE(none.isSet());
-    EXPECT_EQ(TPasswordCheck::start("alice", "secret"), nullptr);
+    EXPECT_EQ(PasswordCheck::start("alice", "secret"), nullptr);
     EXPECT_FALSE(isAwake());
 }

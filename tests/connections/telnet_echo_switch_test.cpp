@@ -9,7 +9,7 @@
 
 namespace {
 
-using Conversation = TelnetConversation<TTelnetEchoSwitch>;
+using Conversation = TelnetConversation<TelnetEchoSwitch>;
 
 struct Row {
     const char* behaviour;
@@ -21,7 +21,7 @@ struct Row {
 
 Conversation switchTo(bool on)
 {
-    return Conversation([on](Instant now) { return TTelnetEchoSwitch(on, now); });
+    return Conversation([on](Instant now) { return TelnetEchoSwitch(on, now); });
 }
 
 } // namespace
@@ -29,7 +29,7 @@ Conversation switchTo(bool on)
 TEST(TelnetEchoSwitch, AsksTheClient)
 {
     const auto asked = [](bool on) {
-        const TTelnetEchoSwitch wanted(on, Instant{});
+        const TelnetEchoSwitch wanted(on, Instant{});
         return std::string(wanted.request().begin(), wanted.request().end());
     };
     EXPECT_EQ(readable(asked(false)), readable(WILL_ECHO)) << "the server says that it echoes, and then does not";

@@ -12,11 +12,11 @@ using telnet::Verdict;
 
 namespace {
 
-using Conversation = TelnetConversation<TTelnetNegotiation>;
+using Conversation = TelnetConversation<TelnetNegotiation>;
 
 Conversation begin()
 {
-    return Conversation([](Instant now) { return TTelnetNegotiation(now); });
+    return Conversation([](Instant now) { return TelnetNegotiation(now); });
 }
 
 /// A conversation, and what comes of it.
@@ -307,7 +307,7 @@ TEST(TelnetNegotiation, IsOverAfterFiveSecondsAndFiveMoreForLinemodeWhateverTheC
 
 TEST(TelnetNegotiation, UsesWhatHasComeBeforeItGivesUp)
 {
-    TTelnetNegotiation late(Instant{});
+    TelnetNegotiation late(Instant{});
     const std::string bytes = WILL_LINEMODE + "alice\r\n";
     const telnet::Turn turn = late.take({reinterpret_cast<const telnet::Byte*>(bytes.data()), bytes.size()},
                                         Instant{} + std::chrono::milliseconds(3000));
@@ -334,7 +334,7 @@ TEST(TelnetNegotiation, DropsAClientThatMissesAnOfferButNotOneThatMissesARefusal
     };
     for (const Missing& row : rows) {
         SCOPED_TRACE(row.behaviour);
-        TTelnetNegotiation negotiation(Instant{});
+        TelnetNegotiation negotiation(Instant{});
         const telnet::Turn turn =
             negotiation.take({reinterpret_cast<const telnet::Byte*>(row.bytes.data()), row.bytes.size()}, Instant{});
         ASSERT_EQ(turn.answer().size(), row.whole);

@@ -41,7 +41,7 @@ protected:
         EXPECT_TRUE(LockProbe(bench.peer.connLock()).takenWithin(DEADLINE));
         EXPECT_TRUE(LockProbe(bench.peer.regLock()).takenWithin(DEADLINE));
         g_wakeUp.wake();
-        TWaitSet waits;
+        WaitSet waits;
         waits.addInput(g_wakeUp.fd());
         waits.addInput(wakeUpOfTheOriginal);
         waits.wait({});

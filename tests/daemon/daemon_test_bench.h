@@ -100,5 +100,5 @@ public:
     SignalsRestored signals;
     TempQueueDir directory;
     std::unique_ptr<TTess> tess;
-    TTessPeer peer;
+    TessPeer peer;
 };

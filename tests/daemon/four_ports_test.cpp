@@ -47,7 +47,7 @@ TEST_F(FourPorts, OpenAndCloseInOrder)
     {
         const auto tess = makeDaemon();
         std::vector<std::uint32_t> types;
-        for (const TCmdPort* const port : TTessPeer(*tess).ports()) {
+        for (const TCmdPort* const port : TessPeer(*tess).ports()) {
             EXPECT_TRUE(port->isOpen);
             types.push_back(port->portType);
         }
@@ -66,14 +66,14 @@ TEST_F(FourPorts, StartWithoutTheSerialDevice)
 {
     far.reset();
     const auto tess = makeDaemon();
-    TTessPeer peer(*tess);
+    TessPeer peer(*tess);
     ASSERT_EQ(peer.ports().size(), 4U);
     EXPECT_FALSE(peer.ports()[0]->isOpen);
     peer.acceptConnections();
     ASSERT_EQ(peer.conns().size(), 1U) << "its connection exists all the same";
     peer.servicePass();
     EXPECT_EQ(peer.conns().size(), 1U);
-    TWaitSet waits;
+    WaitSet waits;
     EXPECT_TRUE(peer.collectConns(waits)) << "the other ports have descriptors";
 }
 
@@ -84,7 +84,7 @@ TEST_F(FourPorts, AreLeftOutWhenThereIsNoMemoryForThem)
         const NoMemory noMemory(NoMemory::WHO_ASKS_NOT_TO_THROW);
         tess = makeDaemon();
     }
-    EXPECT_THAT(TTessPeer(*tess).ports(), IsEmpty());
+    EXPECT_THAT(TessPeer(*tess).ports(), IsEmpty());
     EXPECT_THAT(log.lines(), ElementsAre(LogLine{36101, "Initialize Com2 connection"},
                                          LogLine{251525, "Unable to create COM2 command port"},
                                          LogLine{36004, "Initialize telnet connection"},
@@ -114,7 +114,7 @@ TEST_F(FourPorts, TakeATelnetUserThroughTheLoginToACommand)
 {
     const PasswdFile accounts(ALICE);
     const auto tess = makeDaemon();
-    TTessPeer peer(*tess);
+    TessPeer peer(*tess);
     const TcpClient client(TcpClient::connectTo(TELNET_TCP_PORT));
     ASSERT_TRUE(client.send("\r\n")); // says at once that it is no telnet client
     ASSERT_TRUE(waitUntil([&] {
@@ -149,7 +149,7 @@ TEST_F(FourPorts, RemoveAClientWhoseLoginFailsAndServeTheNextInTheSamePass)
 {
     const PasswdFile accounts(ALICE);
     const auto tess = makeDaemon();
-    TTessPeer peer(*tess);
+    TessPeer peer(*tess);
     std::vector<std::unique_ptr<TcpClient>> clients;
     for (std::size_t i = 0; i < 2; ++i) {
         clients.push_back(std::make_unique<TcpClient>(TcpClient::connectTo(TELNET_TCP_PORT)));

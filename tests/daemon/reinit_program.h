@@ -47,5 +47,5 @@ public:
     void letEnd() const { std::ofstream(folder_ / "end").flush(); }
 
 private:
-    TTempDir folder_; ///< its end ends the program too
+    TempDir folder_; ///< its end ends the program too
 };

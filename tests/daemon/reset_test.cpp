@@ -32,8 +32,8 @@ void tellNobody() {}
 int ask(const char* line)
 {
     const char asker = 0;
-    TReInit reInit(tellNobody);
-    TReset reset(reInit, forkOnly);
+    ReInit reInit(tellNobody);
+    Reset reset(reInit, forkOnly);
     ResetResult result = reset.ask(line, &asker);
     while (result == RESET_WAITS) {
         EXPECT_TRUE(waitUntil([&] { return reInit.isOver(&asker); }));
@@ -191,8 +191,8 @@ protected:
     const std::string line = reinitLine();
     const char asker = 0;
     const char other = 0;
-    TReInit reInit{[] { ++programsOver; }};
-    TReset reset{reInit, forkOnly};
+    ReInit reInit{[] { ++programsOver; }};
+    Reset reset{reInit, forkOnly};
 };
 
 } // namespace
@@ -264,8 +264,8 @@ TEST(Reset, StartsNoProgramAfterItWasCancelled)
     const char asker = 0;
     const ReinitProgram program(0);
     FakeSystem system;
-    TReInit reInit(tellNobody);
-    TReset reset(reInit, forkOnly);
+    ReInit reInit(tellNobody);
+    Reset reset(reInit, forkOnly);
     reInit.cancel();
     EXPECT_EQ(reset.ask(reinitLine().c_str(), &asker), RESET_REFUSED);
     EXPECT_FALSE(program.hasRun());

@@ -310,7 +310,7 @@ private:
 constexpr std::chrono::hours LONG{1};
 
 /// Waits for what was collected, if that is anything, and tells which of the descriptors are ready.
-std::vector<int> readyOf(TWaitSet& waits, const std::vector<int>& fds)
+std::vector<int> readyOf(WaitSet& waits, const std::vector<int>& fds)
 {
     std::vector<int> ready;
     waits.wait({});
@@ -338,7 +338,7 @@ TEST_F(ServiceLoop, WaitsForThePortsAndConnectionsThatHaveADescriptor)
     bench.addConn(8, 0).fd = inputs[4].fd();
     bench.peer.conns().insert(bench.peer.conns().begin(), nullptr);
     bench.peer.ports().insert(bench.peer.ports().begin(), nullptr);
-    TWaitSet waits;
+    WaitSet waits;
     EXPECT_TRUE(bench.peer.collectConns(waits));
     std::vector<int> fds;
     for (const ReadyInput& input : inputs)
@@ -353,7 +353,7 @@ TEST_F(ServiceLoop, HasNothingToWaitForWithoutDescriptors)
     bench.addPort(4).fd = -1;
     bench.addConn(8, 0).fd = -1;
     bench.addConn(8, 0).fd = FD_SETSIZE;
-    TWaitSet waits;
+    WaitSet waits;
     EXPECT_FALSE(bench.peer.collectConns(waits));
     FakeConn& conn = bench.addConn(8, 0);
     conn.fd = 0;
@@ -373,7 +373,7 @@ TEST_F(ServiceLoop, LeavesAMutedSerialLineOutOfTheWait)
     other.unmuted = 0; // means nothing on a connection that is no serial line
     for (const int unmuted : {1, 0}) {
         serial.unmuted = unmuted;
-        TWaitSet waits;
+        WaitSet waits;
         bench.peer.collectConns(waits);
         const auto ready = readyOf(waits, {line.fd(), socket.fd()});
         EXPECT_EQ(ready.size(), unmuted != 0 ? 2U : 1U);
@@ -389,7 +389,7 @@ TEST_F(ServiceLoop, WaitsNoLongerThanUntilSomethingIsDue)
     for (Instant* const due : {&port.due, &conn.due, &arriving.due}) {
         port.due = conn.due = arriving.due = NEVER;
         *due = AT_ONCE;
-        TWaitSet waits;
+        WaitSet waits;
         bench.peer.collectConns(waits);
         waits.wait(LONG); // or else the test would take as long
     }

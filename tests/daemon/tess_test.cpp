@@ -65,7 +65,7 @@ TEST_F(Tess, StartsWithoutPortsWhenNoneIsAskedFor)
 TEST_F(Tess, StartsWithEmptyListsAndNoStopRequested)
 {
     TTess tess(TESS_QUEUE_ID, false, false, false, false);
-    TTessPeer peer(tess);
+    TessPeer peer(tess);
     EXPECT_EQ(peer.stopRequested(), 0);
     EXPECT_TRUE(peer.serviceDone());
     EXPECT_THAT(peer.conns(), IsEmpty());
@@ -83,7 +83,7 @@ TEST_F(Tess, FailsWhenItsQueueAddressIsInUse)
 TEST_F(Tess, EndsInOrder)
 {
     auto tess = std::make_unique<TTess>(TESS_QUEUE_ID, false, false, false, false);
-    TTessPeer peer(*tess);
+    TessPeer peer(*tess);
     g_tess = tess.get();
     bool portGone = false;
     Events events;
@@ -112,7 +112,7 @@ TEST_F(Tess, LeavesItsRegistryBehind)
     {
         TTess tess(TESS_QUEUE_ID, false, false, false, false);
         left = new TRegisteredProc{2001, 8, "ENC"};
-        TTessPeer(tess).regProcs().push_back(left);
+        TessPeer(tess).regProcs().push_back(left);
     }
     EXPECT_EQ(left->name, "ENC") << "its records are not deleted";
     delete left;
@@ -138,7 +138,7 @@ TEST_F(TessWithPorts, OpensThePortsThatAreAskedForXcpFirst)
         {
             TTess tess(TESS_QUEUE_ID, false, false, row.xcp, row.ipc);
             std::vector<std::uint32_t> types;
-            for (const TCmdPort* port : TTessPeer(tess).ports())
+            for (const TCmdPort* port : TessPeer(tess).ports())
                 types.push_back(port->portType);
             EXPECT_EQ(types, row.ports);
             EXPECT_EQ(fs::exists(XCP_SOCKET_PATH), row.xcp);
@@ -240,7 +240,7 @@ TEST_F(BulkClosing, PassesOverTheOneBehindARemovalThatFailed)
 TEST_F(TessWithPorts, ServesOnForTwoSecondsAfterAStopMessageAndEndsAsAWhole)
 {
     auto tess = std::make_unique<TTess>(TESS_QUEUE_ID, false, false, true, true);
-    TTessPeer peer(*tess);
+    TessPeer peer(*tess);
     ASSERT_EQ(tess->startService(), 0);
     const LocalClient client(IPC_SOCKET_PATH);
     const Stopwatch watch;
@@ -285,7 +285,7 @@ TEST_F(TessWithPorts, WakesItsServiceThreadWhenASignalAsksItToStop)
 {
     auto tess = std::make_unique<TTess>(TESS_QUEUE_ID, false, false, true, true);
     g_wakeUp.clear();
-    TWaitSet waits;
+    WaitSet waits;
     waits.addInput(g_wakeUp.fd());
     tess->requestStop();
     waits.wait({});
@@ -309,7 +309,7 @@ TEST_F(TessWithPorts, TakesCommandsToAProcessAndItsAnswersBackUntilItIsStoppedIn
 {
     for (int round = 0; round < 4; ++round) {
         auto tess = std::make_unique<TTess>(TESS_QUEUE_ID, false, false, true, true);
-        TTessPeer peer(*tess);
+        TessPeer peer(*tess);
         ASSERT_EQ(tess->startService(), 0);
         std::thread loop([&] { tess->run(); });
 

@@ -94,9 +94,9 @@ TEST(WaitingCommand, IsTriedOnlyWhenThereIsRoom)
                     bench.addAsker(1, "a", {"A1"});
                     bench.peer.serve();
                     bench.peer.conns()[0]->due = NEVER;
-                    TWaitSet waits;
+                    WaitSet waits;
                     bench.peer.collectConns(waits);
-                    bench.peer.serviceQueues(TWaitSet(), waits);
+                    bench.peer.serviceQueues(WaitSet(), waits);
                     waits.wait(std::chrono::milliseconds(1));
                     bench.peer.servicePass(waits);
                     Events seen{std::to_string(bench.peer.conns()[0]->progress.waits())};

@@ -1,4 +1,4 @@
-"""The two example processes, which authors copy, and what they are made of: TCommandProcess of the framework and Process of
+"""The two example processes, which authors copy, and what they are made of: CommandProcess of the framework and Process of
 the Python module."""
 
 from __future__ import annotations

@@ -11,9 +11,9 @@
 
 /// A forked process that runs one function and ends with what it returns. Killed when it is still there at the end.
 /// Fork before the test starts threads.
-class TChildProcess {
+class ChildProcess {
 public:
-    template <class Body> explicit TChildProcess(Body body) : pid_(::fork())
+    template <class Body> explicit ChildProcess(Body body) : pid_(::fork())
     {
         if (pid_ < 0) throw std::runtime_error("fork failed");
         if (pid_ > 0) return;
@@ -25,9 +25,9 @@ public:
         }
         ::_exit(status);
     }
-    TChildProcess(const TChildProcess&) = delete;
-    TChildProcess& operator=(const TChildProcess&) = delete;
-    ~TChildProcess() { kill(); }
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+    ~ChildProcess() { kill(); }
 
     /// Sends it a signal, if it still runs.
     void signal(int number) const
@@ -65,15 +65,15 @@ private:
 };
 
 /// A pipe with which processes tell each other that they have come to a point.
-class TSignpost {
+class Signpost {
 public:
-    TSignpost()
+    Signpost()
     {
         if (::pipe(ends_) != 0) throw std::runtime_error("pipe failed");
     }
-    TSignpost(const TSignpost&) = delete;
-    TSignpost& operator=(const TSignpost&) = delete;
-    ~TSignpost()
+    Signpost(const Signpost&) = delete;
+    Signpost& operator=(const Signpost&) = delete;
+    ~Signpost()
     {
         close(ends_[0]);
         close(ends_[1]);

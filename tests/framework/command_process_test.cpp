@@ -38,15 +38,15 @@ std::string echo(std::string_view command)
 }
 
 /// Ends with what run() returns, 90 when the queue does not open.
-int runProcess(const TCommandProcess::TAnswerTo& answerTo)
+int runProcess(const CommandProcess::AnswerTo& answerTo)
 try {
-    return TCommandProcess(OWN_ADDRESS, "ECHO", PORT_XCP | PORT_IPC, answerTo).run();
+    return CommandProcess(OWN_ADDRESS, "ECHO", PORT_XCP | PORT_IPC, answerTo).run();
 } catch (const std::runtime_error&) {
     return 90;
 }
 
 /// With a bare socket in the place of tessd.
-class CommandProcess : public TQueueTest {
+class CommandProcessTest : public QueueTest {
 protected:
     Record receive() const
     {
@@ -57,7 +57,7 @@ protected:
         return {msg.kind, msg.tag, bytes.substr(MSG_HEADER_BYTES)};
     }
 
-    void send(const TRawSocket& from, std::uint32_t kind, std::uint32_t tag, const std::string& text) const
+    void send(const RawSocket& from, std::uint32_t kind, std::uint32_t tag, const std::string& text) const
     {
         TOrbAttachmentMsg msg{};
         msg.kind = kind;
@@ -84,12 +84,12 @@ protected:
         return answer.text;
     }
 
-    TRawSocket tessd_{pathOf(TESS_QUEUE_ID)};
+    RawSocket tessd_{pathOf(TESS_QUEUE_ID)};
 };
 
-TEST_F(CommandProcess, RegistersAnswersAndUnregisters)
+TEST_F(CommandProcessTest, RegistersAnswersAndUnregisters)
 {
-    TChildProcess process([] { return runProcess(echo); });
+    ChildProcess process([] { return runProcess(echo); });
     expectRegistration();
     confirm();
     EXPECT_EQ("HELLO\r\n\r\n\0"s, ask("HELLO"));
@@ -101,7 +101,7 @@ TEST_F(CommandProcess, RegistersAnswersAndUnregisters)
     EXPECT_THAT(log_.text(), HasSubstr("250021 registered at tessd as ECHO\n"));
 }
 
-TEST_F(CommandProcess, TheAnswerIsWhatTheFunctionReturns)
+TEST_F(CommandProcessTest, TheAnswerIsWhatTheFunctionReturns)
 {
     struct Row {
         const char* what;
@@ -115,7 +115,7 @@ TEST_F(CommandProcess, TheAnswerIsWhatTheFunctionReturns)
         {"lines", "a\nb\n", "a\r\nb\r\n\r\n\0"s},
         {"a failure", "Error: it is stuck", "Error: it is stuck\r\n\r\n\0"s},
     };
-    TChildProcess process([&] {
+    ChildProcess process([&] {
         return runProcess(
             [&](std::string_view command) { return rows[std::atoi(std::string(command).c_str())].returned; });
     });
@@ -124,9 +124,9 @@ TEST_F(CommandProcess, TheAnswerIsWhatTheFunctionReturns)
         EXPECT_EQ(rows[i].sent, ask(std::to_string(i))) << rows[i].what;
 }
 
-TEST_F(CommandProcess, TheFunctionGetsTheCommandWithoutItsEnd)
+TEST_F(CommandProcessTest, TheFunctionGetsTheCommandWithoutItsEnd)
 {
-    TChildProcess process(
+    ChildProcess process(
         [] { return runProcess([](std::string_view command) { return "<" + std::string(command) + ">"; }); });
     expectRegistration();
     for (const std::string command : {"SETX 5", "", " two  blanks "})
@@ -134,9 +134,9 @@ TEST_F(CommandProcess, TheFunctionGetsTheCommandWithoutItsEnd)
     EXPECT_EQ("<A>\r\n\r\n\0"s, ask("A\r"));
 }
 
-TEST_F(CommandProcess, WhatTheFunctionThrowsBecomesAnError)
+TEST_F(CommandProcessTest, WhatTheFunctionThrowsBecomesAnError)
 {
-    TChildProcess process([] {
+    ChildProcess process([] {
         return runProcess(
             [](std::string_view command) -> std::string { throw std::runtime_error(std::string(command)); });
     });
@@ -145,49 +145,49 @@ TEST_F(CommandProcess, WhatTheFunctionThrowsBecomesAnError)
     EXPECT_EQ("Error: the command failed\r\n\r\n\0"s, ask(""));
 }
 
-TEST_F(CommandProcess, ALongAnswerTravelsInSeveralRecords)
+TEST_F(CommandProcessTest, ALongAnswerTravelsInSeveralRecords)
 {
     const std::string line(6000, 'x');
-    TChildProcess process([&] { return runProcess([&](std::string_view) { return line + "\n" + line; }); });
+    ChildProcess process([&] { return runProcess([&](std::string_view) { return line + "\n" + line; }); });
     expectRegistration();
     EXPECT_EQ(line + "\r\n\0"s, ask("LONG"));
     EXPECT_EQ((Record{MSG_REPLY, TAG, line + "\r\n\r\n\0"s}), receive());
 }
 
-TEST_F(CommandProcess, NobodyButTessdGivesItOrders)
+TEST_F(CommandProcessTest, NobodyButTessdGivesItOrders)
 {
-    const TRawSocket stranger(pathOf(2001));
-    TChildProcess process([] { return runProcess(echo); });
+    const RawSocket stranger(pathOf(2001));
+    ChildProcess process([] { return runProcess(echo); });
     expectRegistration();
     send(stranger, MSG_TEXT, TAG, "STRANGE\n");
     send(stranger, MSG_REPLY, 0xFFFFFFFF, "refused");
     EXPECT_EQ("HELLO\r\n\r\n\0"s, ask("HELLO"));
 }
 
-TEST_F(CommandProcess, ARefusalEndsIt)
+TEST_F(CommandProcessTest, ARefusalEndsIt)
 {
-    TChildProcess process([] { return runProcess(echo); });
+    ChildProcess process([] { return runProcess(echo); });
     expectRegistration();
     send(tessd_, MSG_REPLY, 0xFFFFFFFF, "no room");
     EXPECT_EQ(1, process.result());
     EXPECT_THAT(log_.text(), HasSubstr("250023 tessd refused: no room\n"));
 }
 
-TEST_F(CommandProcess, AsksAgainWhileTessdIsNotThere)
+TEST_F(CommandProcessTest, AsksAgainWhileTessdIsNotThere)
 {
     ASSERT_EQ(0, ::unlink(pathOf(TESS_QUEUE_ID).c_str()));
-    TChildProcess process([] { return runProcess(echo); });
+    ChildProcess process([] { return runProcess(echo); });
     ASSERT_TRUE(
         waitUntil([&] { return log_.text().ends_with("250022 tessd is not there, asking again every second\n"); }));
-    const TRawSocket late(pathOf(TESS_QUEUE_ID));
+    const RawSocket late(pathOf(TESS_QUEUE_ID));
     EXPECT_THAT(late.receive(), HasSubstr("ECHO"));
 }
 
-TEST_F(CommandProcess, TellsOnceThatItIsUp)
+TEST_F(CommandProcessTest, TellsOnceThatItIsUp)
 {
-    const TRawSocket manager(dir_ / "manager");
+    const RawSocket manager(dir_ / "manager");
     ::setenv("NOTIFY_SOCKET", (dir_ / "manager").c_str(), 1);
-    TChildProcess process([] { return runProcess(echo); });
+    ChildProcess process([] { return runProcess(echo); });
     ::unsetenv("NOTIFY_SOCKET");
     expectRegistration();
     EXPECT_EQ("HELLO\r\n\r\n\0"s, ask("HELLO"));
@@ -198,9 +198,9 @@ TEST_F(CommandProcess, TellsOnceThatItIsUp)
     EXPECT_THAT(manager.receiveNow(), HasSubstr("nothing"));
 }
 
-TEST_F(CommandProcess, SignalsAreAsTheyWereAfterwards)
+TEST_F(CommandProcessTest, SignalsAreAsTheyWereAfterwards)
 {
-    TChildProcess process([] {
+    ChildProcess process([] {
         const auto handlerOf = [](int number) {
             struct sigaction now {};
             ::sigaction(number, nullptr, &now);
@@ -222,10 +222,10 @@ TEST_F(CommandProcess, SignalsAreAsTheyWereAfterwards)
     EXPECT_EQ(0, process.result());
 }
 
-TEST_F(CommandProcess, AnAddressThatIsTakenIsAnException)
+TEST_F(CommandProcessTest, AnAddressThatIsTakenIsAnException)
 {
-    const TRawSocket owner(pathOf(OWN_ADDRESS));
-    EXPECT_THROW(TCommandProcess(OWN_ADDRESS, "ECHO", PORTS_ALL, echo), std::runtime_error);
+    const RawSocket owner(pathOf(OWN_ADDRESS));
+    EXPECT_THROW(CommandProcess(OWN_ADDRESS, "ECHO", PORTS_ALL, echo), std::runtime_error);
 }
 
 } // namespace

@@ -32,42 +32,42 @@ fake_system::Receive receive;
 
 namespace fake_system {
 
-TRefusedOption::TRefusedOption(int option)
+RefusedOption::RefusedOption(int option)
 {
     refusedOption = option;
 }
 
-TRefusedOption::~TRefusedOption()
+RefusedOption::~RefusedOption()
 {
     refusedOption = -1;
 }
 
-TNoNowait::TNoNowait()
+NoNowait::NoNowait()
 {
     nowait = false;
 }
 
-TNoNowait::~TNoNowait()
+NoNowait::~NoNowait()
 {
     nowait = true;
 }
 
-TShortSend::TShortSend(std::size_t bytes)
+ShortSend::ShortSend(std::size_t bytes)
 {
     mostSent = bytes;
 }
 
-TShortSend::~TShortSend()
+ShortSend::~ShortSend()
 {
     mostSent = SIZE_MAX;
 }
 
-TAfterMkdir::TAfterMkdir(std::function<void(const char*)> act)
+AfterMkdir::AfterMkdir(std::function<void(const char*)> act)
 {
     afterMkdir = std::move(act);
 }
 
-TAfterMkdir::~TAfterMkdir()
+AfterMkdir::~AfterMkdir()
 {
     afterMkdir = nullptr;
 }

@@ -8,39 +8,39 @@
 namespace fake_system {
 
 /// setsockopt(2) of that option at SOL_SOCKET fails with EPERM, for as long as this lives.
-class TRefusedOption {
+class RefusedOption {
 public:
-    explicit TRefusedOption(int option);
-    TRefusedOption(const TRefusedOption&) = delete;
-    TRefusedOption& operator=(const TRefusedOption&) = delete;
-    ~TRefusedOption();
+    explicit RefusedOption(int option);
+    RefusedOption(const RefusedOption&) = delete;
+    RefusedOption& operator=(const RefusedOption&) = delete;
+    ~RefusedOption();
 };
 
 /// A kernel that cannot be asked not to wait for a pipe (pwritev2(2), RWF_NOWAIT), for as long as this lives.
-class TNoNowait {
+class NoNowait {
 public:
-    TNoNowait();
-    TNoNowait(const TNoNowait&) = delete;
-    TNoNowait& operator=(const TNoNowait&) = delete;
-    ~TNoNowait();
+    NoNowait();
+    NoNowait(const NoNowait&) = delete;
+    NoNowait& operator=(const NoNowait&) = delete;
+    ~NoNowait();
 };
 
 /// send(2) takes no more than so many bytes of each message, for as long as this lives.
-class TShortSend {
+class ShortSend {
 public:
-    explicit TShortSend(std::size_t bytes);
-    TShortSend(const TShortSend&) = delete;
-    TShortSend& operator=(const TShortSend&) = delete;
-    ~TShortSend();
+    explicit ShortSend(std::size_t bytes);
+    ShortSend(const ShortSend&) = delete;
+    ShortSend& operator=(const ShortSend&) = delete;
+    ~ShortSend();
 };
 
 /// Somebody acts each time mkdir(2) has made a directory, for as long as this lives.
-class TAfterMkdir {
+class AfterMkdir {
 public:
-    explicit TAfterMkdir(std::function<void(const char* path)> act);
-    TAfterMkdir(const TAfterMkdir&) = delete;
-    TAfterMkdir& operator=(const TAfterMkdir&) = delete;
-    ~TAfterMkdir();
+    explicit AfterMkdir(std::function<void(const char* path)> act);
+    AfterMkdir(const AfterMkdir&) = delete;
+    AfterMkdir& operator=(const AfterMkdir&) = delete;
+    ~AfterMkdir();
 };
 
 /// How often poll(2) has been called, by any thread, and what the last call gave.

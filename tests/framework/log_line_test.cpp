@@ -27,9 +27,9 @@ TEST(LogLine, WritesTheTimeInUtc)
         {4102444799, 1, "2099-12-31T23:59:59.001Z", "Dec 31 23:59:59"},
     };
     for (const TimeCase& c : cases) {
-        const TLogLine::Time time(seconds(c.unixSeconds) + milliseconds(c.millis));
-        TLogLine iso;
-        TLogLine syslog;
+        const LogLineText::Time time(seconds(c.unixSeconds) + milliseconds(c.millis));
+        LogLineText iso;
+        LogLineText syslog;
         EXPECT_EQ(iso.isoTime(time).view(), c.iso);
         EXPECT_EQ(syslog.syslogTime(time).view(), c.syslog);
     }
@@ -37,23 +37,23 @@ TEST(LogLine, WritesTheTimeInUtc)
 
 TEST(LogLine, JoinsTextAndNumbers)
 {
-    TLogLine line;
+    LogLineText line;
     line.text("a ").number(51000).text(" ").number(-1).text("").lineEnd();
     EXPECT_EQ(line.view(), "a 51000 -1\n");
 }
 
 TEST(LogLine, TurnsLineEndsIntoBlanks)
 {
-    TLogLine line;
+    LogLineText line;
     line.text("kept\n").oneLineText("\r\na\nb\rc\r\n");
     EXPECT_EQ(line.view(), "kept\n  a b c  ");
 }
 
 TEST(LogLine, CutsWhatDoesNotFitAndKeepsRoomForTheLineEnd)
 {
-    const std::size_t roomForText = TLogLine::CAPACITY - 1;
+    const std::size_t roomForText = LogLineText::CAPACITY - 1;
     for (const std::size_t size : {roomForText - 1, roomForText, roomForText + 1, 2 * roomForText}) {
-        TLogLine line;
+        LogLineText line;
         line.oneLineText(std::string(size, 'x')).text("y").number(1).lineEnd();
         const std::string whole = std::string(size, 'x') + "y1";
         EXPECT_EQ(line.view(), whole.substr(0, roomForText) + "\n") << size << " characters";

@@ -41,7 +41,7 @@ protected:
     LogMgr()
     {
         systemLogPath_ = dir_ / "log";
-        TSyslogSocket::path = systemLogPath_.c_str();
+        SyslogSocket::path = systemLogPath_.c_str();
         configure("stderr");
     }
     ~LogMgr() override
@@ -49,7 +49,7 @@ protected:
         configure("stderr");
         ::unsetenv("TESS_LOG");
         ::unsetenv("NOTIFY_SOCKET");
-        TSyslogSocket::path = "/dev/log";
+        SyslogSocket::path = "/dev/log";
     }
 
     static void configure(const char* destination, const char* tag = "    [TEST]")
@@ -68,12 +68,12 @@ protected:
     /// Leaves a service manager's socket no room.
     static void fill(const std::string& path)
     {
-        const TRawSocket busy;
+        const RawSocket busy;
         while (busy.sendTo(path, "STATUS=", 7)) {
         }
     }
 
-    TTempDir dir_;
+    TempDir dir_;
     std::string systemLogPath_;
 };
 
@@ -156,7 +156,7 @@ TEST_F(LogMgr, KeepsErrno)
 
 TEST_F(LogMgr, LinesFromASignalHandlerAndFromThreadsStayWhole)
 {
-    const TSignalCounter alarms(SIGALRM, SA_RESTART, [] { logMgr.log(51001, "from the handler"); });
+    const SignalCounter alarms(SIGALRM, SA_RESTART, [] { logMgr.log(51001, "from the handler"); });
     const LogCapture captured;
     itimerval everyMillisecond{};
     everyMillisecond.it_interval.tv_usec = everyMillisecond.it_value.tv_usec = 1'000;
@@ -189,9 +189,9 @@ TEST_F(LogMgr, LinesFromASignalHandlerAndFromThreadsStayWhole)
 
 TEST_F(LogMgr, ALineThatNobodyTakesAtOnceIsLostAndTheNextOneTellsSo)
 {
-    for (const TWay::Kind kind : {TWay::PIPE, TWay::STREAM, TWay::TERMINAL}) {
-        const TWay way(kind);
-        const TStandardError standardError(way.fd());
+    for (const Way::Kind kind : {Way::PIPE, Way::STREAM, Way::TERMINAL}) {
+        const Way way(kind);
+        const StandardError standardError(way.fd());
         way.fill();
         errno = ENOTTY;
         for (int i = 0; i < 3; ++i)
@@ -210,10 +210,10 @@ TEST_F(LogMgr, ALineThatNobodyTakesAtOnceIsLostAndTheNextOneTellsSo)
 TEST_F(LogMgr, LinesAreLostWithoutASignalWhenTheReaderHasGone)
 {
     const auto before = std::signal(SIGPIPE, SIG_DFL); // it would end this process
-    TWay way(TWay::PIPE);
+    Way way(Way::PIPE);
     way.closeFar();
     {
-        const TStandardError standardError(way.fd());
+        const StandardError standardError(way.fd());
         logMgr.log(7, "lost");
     }
     std::signal(SIGPIPE, before);
@@ -224,9 +224,9 @@ TEST_F(LogMgr, TheNumberOfLostLinesIsExactWhoeverLosesThem)
 {
     constexpr int THREADS = 4;
     constexpr int LINES = 500;
-    const TSignalCounter alarms(SIGALRM, SA_RESTART, [] { logMgr.log(51001, "from the handler"); });
-    const TWay way(TWay::PIPE);
-    const TStandardError standardError(way.fd());
+    const SignalCounter alarms(SIGALRM, SA_RESTART, [] { logMgr.log(51001, "from the handler"); });
+    const Way way(Way::PIPE);
+    const StandardError standardError(way.fd());
     way.fill();
     itimerval everyMillisecond{};
     everyMillisecond.it_interval.tv_usec = everyMillisecond.it_value.tv_usec = 1'000;
@@ -254,10 +254,10 @@ TEST_F(LogMgr, WhatThreadsLoseAndWhatGoesThroughIsEverything)
 {
     constexpr int THREADS = 4;
     constexpr int LINES = 3000;
-    const TWay way(TWay::PIPE);
+    const Way way(Way::PIPE);
     std::string all;
     {
-        const TStandardError standardError(way.fd());
+        const StandardError standardError(way.fd());
         std::atomic<int> atWork{THREADS};
         std::vector<std::thread> threads;
         for (int i = 0; i < THREADS; ++i) {
@@ -289,14 +289,14 @@ TEST_F(LogMgr, WhatThreadsLoseAndWhatGoesThroughIsEverything)
 
 TEST_F(LogMgr, ALineThatIsCutIsLostAndDoesNotRunIntoTheNextOne)
 {
-    const TWay way(TWay::STREAM);
-    const TStandardError standardError(way.fd());
+    const Way way(Way::STREAM);
+    const StandardError standardError(way.fd());
     {
-        const fake_system::TShortSend cut(30);
+        const fake_system::ShortSend cut(30);
         logMgr.log(7, "cut");
     }
     {
-        const fake_system::TShortSend none(0);
+        const fake_system::ShortSend none(0);
         logMgr.log(7, "lost");
     }
     logMgr.log(8, "whole");
@@ -309,12 +309,12 @@ TEST_F(LogMgr, ALineThatIsCutIsLostAndDoesNotRunIntoTheNextOne)
 
 TEST_F(LogMgr, ALineIsLostOnlyWhenNoDestinationTakesIt)
 {
-    const TWay way(TWay::PIPE);
-    const TStandardError standardError(way.fd());
+    const Way way(Way::PIPE);
+    const StandardError standardError(way.fd());
     way.fill();
     configure("both");
     {
-        const TRawSocket systemLog(systemLogPath_);
+        const RawSocket systemLog(systemLogPath_);
         logMgr.log(1, "taken there");
         EXPECT_THAT(systemLog.receive(), HasSubstr(" 1 taken there"));
         ::unlink(systemLogPath_.c_str());
@@ -322,7 +322,7 @@ TEST_F(LogMgr, ALineIsLostOnlyWhenNoDestinationTakesIt)
     logMgr.log(2, "lost");
     configure("syslog");
     logMgr.log(3, "lost");
-    const TRawSocket systemLog(systemLogPath_);
+    const RawSocket systemLog(systemLogPath_);
     logMgr.log(4, "next");
     EXPECT_THAT(systemLog.receive(), HasSubstr("]:    [TEST] 250008 2 log lines were lost"));
     EXPECT_THAT(systemLog.receive(), HasSubstr(" 4 next"));
@@ -332,15 +332,15 @@ TEST_F(LogMgr, ALineIsLostOnlyWhenNoDestinationTakesIt)
 
 TEST_F(LogMgr, AForkedChildTellsOnlyWhatItHasLostItself)
 {
-    const TWay full(TWay::PIPE);
+    const Way full(Way::PIPE);
     full.fill();
     {
-        const TStandardError standardError(full.fd());
+        const StandardError standardError(full.fd());
         logMgr.log(7, "lost");
     }
-    const TWay childs(TWay::PIPE);
-    TChildProcess child([&] {
-        const TStandardError standardError(childs.fd());
+    const Way childs(Way::PIPE);
+    ChildProcess child([&] {
+        const StandardError standardError(childs.fd());
         logMgr.log(8, "child");
         return 0;
     });
@@ -351,7 +351,7 @@ TEST_F(LogMgr, AForkedChildTellsOnlyWhatItHasLostItself)
 
 TEST_F(LogMgr, GoesToTheSystemLogInsteadWhenAsked)
 {
-    const TRawSocket systemLog(systemLogPath_);
+    const RawSocket systemLog(systemLogPath_);
     configure("syslog");
     EXPECT_EQ(logged(51000, "running\nwell"), "");
     EXPECT_THAT(systemLog.receive(),
@@ -362,7 +362,7 @@ TEST_F(LogMgr, GoesToTheSystemLogInsteadWhenAsked)
 
 TEST_F(LogMgr, GoesToBothWhenAsked)
 {
-    const TRawSocket systemLog(systemLogPath_);
+    const RawSocket systemLog(systemLogPath_);
     configure("both");
     EXPECT_THAT(logged(51000, "running"), HasSubstr("    [TEST] 51000 running\n"));
     EXPECT_THAT(systemLog.receive(), HasSubstr("]:    [TEST] 51000 running"));
@@ -372,14 +372,14 @@ TEST_F(LogMgr, GoesToStandardErrorWhileThereIsNoSystemLog)
 {
     configure("syslog");
     EXPECT_THAT(logged(1, "early"), HasSubstr(" 1 early\n"));
-    const TRawSocket systemLog(systemLogPath_);
+    const RawSocket systemLog(systemLogPath_);
     EXPECT_EQ(logged(2, "later"), "");
     EXPECT_THAT(systemLog.receive(), HasSubstr(" 2 later"));
 }
 
 TEST_F(LogMgr, AFullSystemLogCostsNoWaitAndNoLine)
 {
-    const TRawSocket systemLog(systemLogPath_);
+    const RawSocket systemLog(systemLogPath_);
     configure("syslog");
     const LogCapture captured;
     const auto start = std::chrono::steady_clock::now();
@@ -396,7 +396,7 @@ TEST_F(LogMgr, AFullSystemLogCostsNoWaitAndNoLine)
 
 TEST_F(LogMgr, AnyOtherDestinationMeansStandardError)
 {
-    const TRawSocket systemLog(systemLogPath_);
+    const RawSocket systemLog(systemLogPath_);
     for (const char* destination : {"", "stderr", "SYSLOG", "file"}) {
         configure(destination);
         EXPECT_THAT(logged(1, "x"), HasSubstr(" 1 x\n")) << destination;
@@ -407,7 +407,7 @@ TEST_F(LogMgr, AnyOtherDestinationMeansStandardError)
 TEST_F(LogMgr, TellsTheServiceManagerThatItIsReady)
 {
     const std::string path = dir_ / "notify";
-    const TRawSocket manager(path);
+    const RawSocket manager(path);
     ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
     logMgr.initAfterDaemonize();
     EXPECT_EQ(manager.receive(), "READY=1");
@@ -416,7 +416,7 @@ TEST_F(LogMgr, TellsTheServiceManagerThatItIsReady)
 TEST_F(LogMgr, TellsAServiceManagerWithAnAbstractName)
 {
     const std::string name = "tess-notify-" + std::to_string(::getpid());
-    const TRawSocket manager('\0' + name);
+    const RawSocket manager('\0' + name);
     ::setenv("NOTIFY_SOCKET", ("@" + name).c_str(), 1);
     logMgr.initAfterDaemonize();
     EXPECT_EQ(manager.receive(), "READY=1");
@@ -425,7 +425,7 @@ TEST_F(LogMgr, TellsAServiceManagerWithAnAbstractName)
 TEST_F(LogMgr, SaysSoWhenTheServiceManagerDoesNotReadAndGoesOn)
 {
     const std::string path = dir_ / "notify";
-    const TRawSocket manager(path);
+    const RawSocket manager(path);
     fill(path);
     ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
     const LogCapture captured;
@@ -442,10 +442,10 @@ TEST_F(LogMgr, SaysSoWhenTheServiceManagerDoesNotReadAndGoesOn)
 TEST_F(LogMgr, DoesNotWaitForAServiceManagerWithoutATimeOut)
 {
     const std::string path = dir_ / "notify";
-    const TRawSocket manager(path);
+    const RawSocket manager(path);
     fill(path);
     ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
-    const fake_system::TRefusedOption refused(SO_SNDTIMEO);
+    const fake_system::RefusedOption refused(SO_SNDTIMEO);
     const LogCapture captured;
     logMgr.initAfterDaemonize();
     EXPECT_THAT(captured.text(), HasSubstr(" 250006 "));
@@ -454,10 +454,10 @@ TEST_F(LogMgr, DoesNotWaitForAServiceManagerWithoutATimeOut)
 TEST_F(LogMgr, ASignalDoesNotKeepTheServiceManagerFromBeingTold)
 {
     const std::string path = dir_ / "notify";
-    const TRawSocket manager(path);
+    const RawSocket manager(path);
     fill(path);
     ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
-    const TSignalCounter signals(SIGUSR1);
+    const SignalCounter signals(SIGUSR1);
     const pthread_t starting = ::pthread_self();
     std::string other;
     std::thread disturbing([&] {

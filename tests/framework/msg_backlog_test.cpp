@@ -6,9 +6,9 @@
 
 namespace {
 
-class MsgBacklog : public testing::Test {
+class MsgBacklogTest : public testing::Test {
 protected:
-    ~MsgBacklog() override { backlog_.clear(); }
+    ~MsgBacklogTest() override { backlog_.clear(); }
 
     bool put(std::uint32_t number, std::size_t length)
     {
@@ -20,11 +20,11 @@ protected:
         return true;
     }
 
-    TMsgBacklog backlog_;
+    MsgBacklog backlog_;
     TOrbAttachmentMsg taken_{};
 };
 
-TEST_F(MsgBacklog, HandsRecordsOutInOrderWithTheirLengths)
+TEST_F(MsgBacklogTest, HandsRecordsOutInOrderWithTheirLengths)
 {
     for (std::uint32_t i = 0; i < 100; ++i)
         ASSERT_TRUE(put(i, MSG_HEADER_BYTES + i * 80));
@@ -35,7 +35,7 @@ TEST_F(MsgBacklog, HandsRecordsOutInOrderWithTheirLengths)
     EXPECT_EQ(backlog_.take(&taken_), 0U);
 }
 
-TEST_F(MsgBacklog, WritesOnlyAsManyBytesAsTheRecordHas)
+TEST_F(MsgBacklogTest, WritesOnlyAsManyBytesAsTheRecordHas)
 {
     ASSERT_TRUE(put(1, 20));
     std::memset(static_cast<void*>(&taken_), 'o', sizeof taken_);
@@ -44,7 +44,7 @@ TEST_F(MsgBacklog, WritesOnlyAsManyBytesAsTheRecordHas)
     EXPECT_EQ(taken_.text[4], 'o');
 }
 
-TEST_F(MsgBacklog, RoomThatIsNotUsedIsGivenOutAgain)
+TEST_F(MsgBacklogTest, RoomThatIsNotUsedIsGivenOutAgain)
 {
     ASSERT_NE(backlog_.reserve(), nullptr);
     ASSERT_NE(backlog_.reserve(), nullptr);
@@ -54,14 +54,14 @@ TEST_F(MsgBacklog, RoomThatIsNotUsedIsGivenOutAgain)
     EXPECT_EQ(taken_.tag, 5U);
 }
 
-TEST_F(MsgBacklog, TakesNoMoreMemoryThanItMay)
+TEST_F(MsgBacklogTest, TakesNoMoreMemoryThanItMay)
 {
     for (const std::size_t length : {MSG_HEADER_BYTES, MSG_RECORD_BYTES}) {
         std::size_t kept = 0;
         while (put(static_cast<std::uint32_t>(kept), length))
             ++kept;
-        EXPECT_LE(kept * length, TMsgBacklog::LIMIT_BYTES);
-        EXPECT_GT(kept * (length + 64), TMsgBacklog::LIMIT_BYTES - 3 * MSG_RECORD_BYTES) << "records of " << length;
+        EXPECT_LE(kept * length, MsgBacklog::LIMIT_BYTES);
+        EXPECT_GT(kept * (length + 64), MsgBacklog::LIMIT_BYTES - 3 * MSG_RECORD_BYTES) << "records of " << length;
         EXPECT_EQ(backlog_.reserve(), nullptr);
         ASSERT_EQ(backlog_.take(&taken_), length);
         EXPECT_EQ(taken_.tag, 0U);

@@ -5,30 +5,30 @@
 
 namespace {
 
-class TQuietDaemon : public TMsgDmn {
+class QuietDaemon : public TMsgDmn {
 public:
-    TQuietDaemon() : TMsgDmn(1001, true) {}
+    QuietDaemon() : TMsgDmn(1001, true) {}
     int run() override { return 0; }
 };
 
-class MsgProc : public TQueueTest {};
+class MsgProc : public QueueTest {};
 
 TEST_F(MsgProc, HoldsItsQueueForAsLongAsItLives)
 {
     {
-        TQuietDaemon daemon;
+        QuietDaemon daemon;
         EXPECT_EQ(daemon.queueId(), 1001);
         EXPECT_TRUE(std::filesystem::is_socket(pathOf(1001)));
         EXPECT_EQ(daemon.run(), 0);
     }
     EXPECT_FALSE(std::filesystem::exists(pathOf(1001)));
-    const TQuietDaemon again;
+    const QuietDaemon again;
     EXPECT_TRUE(std::filesystem::is_socket(pathOf(1001)));
 }
 
 TEST_F(MsgProc, WithoutAQueueItOnlySends)
 {
-    const TQuietProc proc(1005, false);
+    const QuietProc proc(1005, false);
     EXPECT_EQ(proc.queueId(), 1005);
     EXPECT_TRUE(std::filesystem::is_empty(dir_.path()));
     TOrbAttachmentMsg msg{};
@@ -37,9 +37,9 @@ TEST_F(MsgProc, WithoutAQueueItOnlySends)
 
 TEST_F(MsgProc, ThrowsWhatItLogged)
 {
-    const TQuietDaemon first;
+    const QuietDaemon first;
     try {
-        const TQuietDaemon second;
+        const QuietDaemon second;
         FAIL() << "no error";
     } catch (const std::runtime_error& error) {
         EXPECT_STREQ(error.what(), "queue address 1001 is in use");

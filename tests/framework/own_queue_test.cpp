@@ -23,13 +23,13 @@ namespace {
 
 using testing::HasSubstr;
 
-class OwnQueue : public TQueueTest {
+class OwnQueueTest : public QueueTest {
 protected:
-    ~OwnQueue() override { queue_.close(); }
+    ~OwnQueueTest() override { queue_.close(); }
 
     /// Opens it.
     /// @return the error's text, empty when it is open
-    static std::string openError(TOwnQueue& queue, long address)
+    static std::string openError(OwnQueue& queue, long address)
     {
         try {
             queue.open(address);
@@ -45,7 +45,7 @@ protected:
     void leaveStale(long address) const
     {
         ::unlink(pathOf(address).c_str());
-        const TRawSocket gone(pathOf(address));
+        const RawSocket gone(pathOf(address));
     }
 
     unsigned modeOf(long address) const
@@ -73,11 +73,11 @@ protected:
         return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
     }
 
-    TOwnQueue queue_;
+    OwnQueue queue_;
     TOrbAttachmentMsg msg_{};
 };
 
-TEST_F(OwnQueue, IsASocketFileOfItsAddressForOwnerAndGroupWhateverTheUmask)
+TEST_F(OwnQueueTest, IsASocketFileOfItsAddressForOwnerAndGroupWhateverTheUmask)
 {
     for (const mode_t mask : {0U, 022U, 0777U}) {
         const mode_t before = ::umask(mask);
@@ -90,7 +90,7 @@ TEST_F(OwnQueue, IsASocketFileOfItsAddressForOwnerAndGroupWhateverTheUmask)
     }
 }
 
-TEST_F(OwnQueue, MakesTheDirectoryThatIsMissing)
+TEST_F(OwnQueueTest, MakesTheDirectoryThatIsMissing)
 {
     ::setenv("TESS_QUEUE_DIR", (dir_ / "a/b//").c_str(), 1);
     EXPECT_EQ(openError(1001), "");
@@ -98,7 +98,7 @@ TEST_F(OwnQueue, MakesTheDirectoryThatIsMissing)
     EXPECT_EQ(::stat((dir_ / "a/b/1001").c_str(), &found), 0);
 }
 
-TEST_F(OwnQueue, AddressesGoFromOneToTheLargestInt)
+TEST_F(OwnQueueTest, AddressesGoFromOneToTheLargestInt)
 {
     EXPECT_EQ(openError(2147483647), "");
     queue_.close();
@@ -111,12 +111,12 @@ TEST_F(OwnQueue, AddressesGoFromOneToTheLargestInt)
     }
 }
 
-TEST_F(OwnQueue, ALiveOwnerKeepsItsAddress)
+TEST_F(OwnQueueTest, ALiveOwnerKeepsItsAddress)
 {
-    TSignpost opened;
-    TSignpost tried;
-    TChildProcess owner([&] {
-        const TQuietProc proc(1001);
+    Signpost opened;
+    Signpost tried;
+    ChildProcess owner([&] {
+        const QuietProc proc(1001);
         opened.pass();
         return tried.await() ? 0 : 1;
     });
@@ -129,21 +129,21 @@ TEST_F(OwnQueue, ALiveOwnerKeepsItsAddress)
     EXPECT_EQ(owner.result(), 0);
 }
 
-TEST_F(OwnQueue, AnAddressIsInUseWhateverKindOfLiveSocketHoldsIt)
+TEST_F(OwnQueueTest, AnAddressIsInUseWhateverKindOfLiveSocketHoldsIt)
 {
     {
-        const TRawSocket datagram(pathOf(11));
+        const RawSocket datagram(pathOf(11));
         EXPECT_EQ(openError(11), "queue address 11 is in use");
     }
     {
-        const TRawSocket peer(pathOf(12));
-        const TRawSocket connected(pathOf(13));
+        const RawSocket peer(pathOf(12));
+        const RawSocket connected(pathOf(13));
         ASSERT_TRUE(connected.connectTo(pathOf(12)));
         EXPECT_EQ(openError(13), "queue address 13 is in use");
     }
     const int stream = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un name{};
-    ASSERT_TRUE(TQueueDirectory(dir_.path()).socketAddress(14, name));
+    ASSERT_TRUE(QueueDirectory(dir_.path()).socketAddress(14, name));
     ASSERT_EQ(::bind(stream, reinterpret_cast<const sockaddr*>(&name), sizeof name), 0);
     ASSERT_EQ(::listen(stream, 1), 0);
     EXPECT_EQ(openError(14), "queue address 14 is in use");
@@ -151,7 +151,7 @@ TEST_F(OwnQueue, AnAddressIsInUseWhateverKindOfLiveSocketHoldsIt)
     EXPECT_EQ(openError(14), "") << "a stale one of another kind is replaced";
 }
 
-TEST_F(OwnQueue, OneProcessHoldsOneQueue)
+TEST_F(OwnQueueTest, OneProcessHoldsOneQueue)
 {
     ASSERT_EQ(openError(1001), "");
     EXPECT_EQ(openError(1001), "queue address 1001 is in use");
@@ -160,11 +160,11 @@ TEST_F(OwnQueue, OneProcessHoldsOneQueue)
     EXPECT_FALSE(exists(1002));
 }
 
-TEST_F(OwnQueue, ReplacesTheFileOfADeadOwner)
+TEST_F(OwnQueueTest, ReplacesTheFileOfADeadOwner)
 {
-    TSignpost opened;
-    TChildProcess owner([&] {
-        const TQuietProc proc(1001);
+    Signpost opened;
+    ChildProcess owner([&] {
+        const QuietProc proc(1001);
         opened.pass();
         ::pause();
         return 0;
@@ -174,11 +174,11 @@ TEST_F(OwnQueue, ReplacesTheFileOfADeadOwner)
     ASSERT_TRUE(exists(1001));
     EXPECT_EQ(openError(1001), "");
     const TOrbAttachmentMsg sent = numbered(1);
-    EXPECT_TRUE(TRawSocket().sendTo(pathOf(1001), &sent, 20));
+    EXPECT_TRUE(RawSocket().sendTo(pathOf(1001), &sent, 20));
     EXPECT_EQ(queue_.receive(&msg_, true), 20);
 }
 
-TEST_F(OwnQueue, NeverRemovesWhatIsNoSocket)
+TEST_F(OwnQueueTest, NeverRemovesWhatIsNoSocket)
 {
     std::ofstream(pathOf(1001)) << "precious";
     EXPECT_EQ(openError(1001), "queue address 1001: " + pathOf(1001) + ": is not a socket");
@@ -189,7 +189,7 @@ TEST_F(OwnQueue, NeverRemovesWhatIsNoSocket)
     EXPECT_THAT(log_.text(), HasSubstr(" 250001 queue address 1001: " + pathOf(1001) + ": is not a socket\n"));
 }
 
-TEST_F(OwnQueue, APathThatIsTooLongIsAClearError)
+TEST_F(OwnQueueTest, APathThatIsTooLongIsAClearError)
 {
     const std::string deep = dir_ / std::string(100, 'd');
     ::setenv("TESS_QUEUE_DIR", deep.c_str(), 1);
@@ -199,7 +199,7 @@ TEST_F(OwnQueue, APathThatIsTooLongIsAClearError)
     EXPECT_FALSE(std::filesystem::exists(deep));
 }
 
-TEST_F(OwnQueue, ADirectoryThatIsAFileIsAClearError)
+TEST_F(OwnQueueTest, ADirectoryThatIsAFileIsAClearError)
 {
     const std::string file = dir_ / "file";
     std::ofstream(file) << "x";
@@ -207,7 +207,7 @@ TEST_F(OwnQueue, ADirectoryThatIsAFileIsAClearError)
     EXPECT_EQ(openError(1001), "queue address 1001: " + file + ": Not a directory");
 }
 
-TEST_F(OwnQueue, ADirectoryThatStaysLockedIsAClearErrorAfterTwoSeconds)
+TEST_F(OwnQueueTest, ADirectoryThatStaysLockedIsAClearErrorAfterTwoSeconds)
 {
     const Fd lock = lockedDirectory();
     const Stopwatch watch;
@@ -219,7 +219,7 @@ TEST_F(OwnQueue, ADirectoryThatStaysLockedIsAClearErrorAfterTwoSeconds)
     EXPECT_FALSE(exists(1001));
 }
 
-TEST_F(OwnQueue, OpeningWaitsForTheDirectorysLock)
+TEST_F(OwnQueueTest, OpeningWaitsForTheDirectorysLock)
 {
     const WaitingThread opening;
     std::atomic<bool> released{false};
@@ -233,7 +233,7 @@ TEST_F(OwnQueue, OpeningWaitsForTheDirectorysLock)
     other.join();
 }
 
-TEST_F(OwnQueue, ClosingWhileTheDirectoryStaysLockedLeavesAFileThatTheNextOwnerReplaces)
+TEST_F(OwnQueueTest, ClosingWhileTheDirectoryStaysLockedLeavesAFileThatTheNextOwnerReplaces)
 {
     ASSERT_EQ(openError(1001), "");
     {
@@ -245,24 +245,24 @@ TEST_F(OwnQueue, ClosingWhileTheDirectoryStaysLockedLeavesAFileThatTheNextOwnerR
     }
     EXPECT_TRUE(exists(1001));
     const TOrbAttachmentMsg sent = numbered(1);
-    EXPECT_FALSE(TRawSocket().sendTo(pathOf(1001), &sent, 20)) << "nobody is there";
+    EXPECT_FALSE(RawSocket().sendTo(pathOf(1001), &sent, 20)) << "nobody is there";
     EXPECT_EQ(openError(1001), "");
-    EXPECT_TRUE(TRawSocket().sendTo(pathOf(1001), &sent, 20));
+    EXPECT_TRUE(RawSocket().sendTo(pathOf(1001), &sent, 20));
 }
 
-TEST_F(OwnQueue, WithoutAReceiveTimeOutItDoesNotOpen)
+TEST_F(OwnQueueTest, WithoutAReceiveTimeOutItDoesNotOpen)
 {
     {
-        const fake_system::TRefusedOption refused(SO_RCVTIMEO);
+        const fake_system::RefusedOption refused(SO_RCVTIMEO);
         EXPECT_EQ(openError(1001), "queue address 1001: socket: Operation not permitted");
         EXPECT_FALSE(queue_.isOpen());
     }
     EXPECT_EQ(openError(1001), "");
 }
 
-TEST_F(OwnQueue, AFailedOpenLeavesNothingBehind)
+TEST_F(OwnQueueTest, AFailedOpenLeavesNothingBehind)
 {
-    const TRawSocket owner(pathOf(1001));
+    const RawSocket owner(pathOf(1001));
     (void)queue_.socket();
     const auto before = openDescriptors();
     for (int i = 0; i < 20; ++i)
@@ -271,7 +271,7 @@ TEST_F(OwnQueue, AFailedOpenLeavesNothingBehind)
     EXPECT_FALSE(queue_.isOpen());
 }
 
-TEST_F(OwnQueue, CanBeClosedAndOpenedAgainWithoutLosingDescriptors)
+TEST_F(OwnQueueTest, CanBeClosedAndOpenedAgainWithoutLosingDescriptors)
 {
     ASSERT_EQ(openError(1001), "");
     queue_.close();
@@ -286,41 +286,41 @@ TEST_F(OwnQueue, CanBeClosedAndOpenedAgainWithoutLosingDescriptors)
     EXPECT_EQ(errno, EBADF);
 }
 
-TEST_F(OwnQueue, ClosingForgetsWhatNobodyTook)
+TEST_F(OwnQueueTest, ClosingForgetsWhatNobodyTook)
 {
     ASSERT_EQ(openError(1001), "");
     const TOrbAttachmentMsg sent = numbered(1);
-    ASSERT_TRUE(TRawSocket().sendTo(pathOf(1001), &sent, 20));
-    ASSERT_EQ(queue_.drain(), TOwnQueue::Drained::records);
+    ASSERT_TRUE(RawSocket().sendTo(pathOf(1001), &sent, 20));
+    ASSERT_EQ(queue_.drain(), OwnQueue::Drained::records);
     queue_.close();
     ASSERT_EQ(openError(1001), "");
     EXPECT_EQ(queue_.receive(&msg_, false), 0);
 }
 
-TEST_F(OwnQueue, ClosingLeavesAFileThatIsSomebodyElses)
+TEST_F(OwnQueueTest, ClosingLeavesAFileThatIsSomebodyElses)
 {
     ASSERT_EQ(openError(1001), "");
     ASSERT_EQ(::unlink(pathOf(1001).c_str()), 0);
-    const TRawSocket newOwner(pathOf(1001));
+    const RawSocket newOwner(pathOf(1001));
     queue_.close();
     EXPECT_TRUE(exists(1001));
 }
 
-TEST_F(OwnQueue, AForkedChildDoesNotRemoveItsParentsFile)
+TEST_F(OwnQueueTest, AForkedChildDoesNotRemoveItsParentsFile)
 {
     ASSERT_EQ(openError(1001), "");
-    TChildProcess child([&] {
+    ChildProcess child([&] {
         queue_.close();
         return 0;
     });
     EXPECT_EQ(child.result(), 0);
     EXPECT_TRUE(exists(1001));
     const TOrbAttachmentMsg sent = numbered(9);
-    ASSERT_TRUE(TRawSocket().sendTo(pathOf(1001), &sent, 20));
+    ASSERT_TRUE(RawSocket().sendTo(pathOf(1001), &sent, 20));
     EXPECT_EQ(queue_.receive(&msg_, true), 20);
 }
 
-TEST_F(OwnQueue, ItsDescriptorIsNotPassedOnToPrograms)
+TEST_F(OwnQueueTest, ItsDescriptorIsNotPassedOnToPrograms)
 {
     ASSERT_EQ(openError(1001), "");
     EXPECT_EQ(::fcntl(queue_.socket(), F_GETFD), FD_CLOEXEC);
@@ -328,12 +328,12 @@ TEST_F(OwnQueue, ItsDescriptorIsNotPassedOnToPrograms)
     EXPECT_EQ(::fcntl(queue_.socket(), F_GETFD), FD_CLOEXEC);
 }
 
-TEST_F(OwnQueue, OfTwoThreadsThatRaceForAStaleAddressOneGetsIt)
+TEST_F(OwnQueueTest, OfTwoThreadsThatRaceForAStaleAddressOneGetsIt)
 {
     for (int round = 0; round < 150; ++round) {
         const long address = 5000 + round;
         leaveStale(address);
-        TOwnQueue queues[2];
+        OwnQueue queues[2];
         std::string errors[2];
         std::atomic<int> ready{0};
         const auto race = [&](int who) {
@@ -347,7 +347,7 @@ TEST_F(OwnQueue, OfTwoThreadsThatRaceForAStaleAddressOneGetsIt)
         other.join();
         EXPECT_NE(errors[1].empty(), errors[0].empty()) << "round " << round << ": " << errors[0] << " / " << errors[1];
         EXPECT_EQ(errors[0] + errors[1], "queue address " + std::to_string(address) + " is in use");
-        for (TOwnQueue& queue : queues) {
+        for (OwnQueue& queue : queues) {
             queue.close();
             ::close(queue.socket());
         }
@@ -355,13 +355,13 @@ TEST_F(OwnQueue, OfTwoThreadsThatRaceForAStaleAddressOneGetsIt)
     }
 }
 
-TEST_F(OwnQueue, OfTwoProcessesThatRaceForAStaleAddressOneGetsIt)
+TEST_F(OwnQueueTest, OfTwoProcessesThatRaceForAStaleAddressOneGetsIt)
 {
     for (int round = 0; round < 40; ++round) {
         leaveStale(1001);
-        TSignpost start;
-        TSignpost tried;
-        TSignpost end;
+        Signpost start;
+        Signpost tried;
+        Signpost end;
         const auto race = [&] {
             (void)start.await();
             const std::string error = openError(1001);
@@ -370,8 +370,8 @@ TEST_F(OwnQueue, OfTwoProcessesThatRaceForAStaleAddressOneGetsIt)
             if (error.empty()) return 0;
             return error == "queue address 1001 is in use" ? 1 : 2;
         };
-        TChildProcess one(race);
-        TChildProcess two(race);
+        ChildProcess one(race);
+        ChildProcess two(race);
         start.pass();
         start.pass();
         ASSERT_TRUE(tried.await());
@@ -383,10 +383,10 @@ TEST_F(OwnQueue, OfTwoProcessesThatRaceForAStaleAddressOneGetsIt)
     }
 }
 
-TEST_F(OwnQueue, OpeningAndClosingInTwoProcessesNeverLeavesAnAddressWithoutItsFile)
+TEST_F(OwnQueueTest, OpeningAndClosingInTwoProcessesNeverLeavesAnAddressWithoutItsFile)
 {
     const auto openAndClose = [&] {
-        TOwnQueue queue;
+        OwnQueue queue;
         for (int opened = 0; opened < 100;) {
             const std::string error = openError(queue, 1001);
             if (error == "queue address 1001 is in use") continue;
@@ -397,7 +397,7 @@ TEST_F(OwnQueue, OpeningAndClosingInTwoProcessesNeverLeavesAnAddressWithoutItsFi
         }
         return 0;
     };
-    TChildProcess other(openAndClose);
+    ChildProcess other(openAndClose);
     EXPECT_EQ(openAndClose(), 0);
     EXPECT_EQ(other.result(), 0);
 }

@@ -23,12 +23,12 @@ unsigned modeOf(const std::string& path)
 }
 
 /// Sets the umask for as long as it lives.
-class TUmask {
+class Umask {
 public:
-    explicit TUmask(mode_t mask) : before_(::umask(mask)) {}
-    TUmask(const TUmask&) = delete;
-    TUmask& operator=(const TUmask&) = delete;
-    ~TUmask() { ::umask(before_); }
+    explicit Umask(mode_t mask) : before_(::umask(mask)) {}
+    Umask(const Umask&) = delete;
+    Umask& operator=(const Umask&) = delete;
+    ~Umask() { ::umask(before_); }
 
 private:
     mode_t before_;
@@ -63,43 +63,43 @@ TEST(QueueDirectory, ComesFromTheEnvironmentWithoutTrailingSlashes)
             ::setenv("TESS_QUEUE_DIR", c.value, 1);
         else
             ::unsetenv("TESS_QUEUE_DIR");
-        const TQueueDirectory& directory = TQueueDirectory::fromEnvironment();
+        const QueueDirectory& directory = QueueDirectory::fromEnvironment();
         EXPECT_EQ(directory.path(), c.path);
         EXPECT_EQ(directory.socketPath(1001), c.socketPath);
         sockaddr_un to{};
         ASSERT_TRUE(directory.socketAddress(1001, to));
         EXPECT_STREQ(to.sun_path, c.socketPath);
-        EXPECT_EQ(&TQueueDirectory::fromEnvironment(), &directory) << "the same directory, the same object";
+        EXPECT_EQ(&QueueDirectory::fromEnvironment(), &directory) << "the same directory, the same object";
     }
     ::unsetenv("TESS_QUEUE_DIR");
 }
 
 /// The working directory for as long as it lives.
-class TWorkingDirectory {
+class WorkingDirectory {
 public:
-    explicit TWorkingDirectory(const std::string& path) : before_(std::filesystem::current_path())
+    explicit WorkingDirectory(const std::string& path) : before_(std::filesystem::current_path())
     {
         std::filesystem::current_path(path);
     }
-    TWorkingDirectory(const TWorkingDirectory&) = delete;
-    TWorkingDirectory& operator=(const TWorkingDirectory&) = delete;
-    ~TWorkingDirectory() { std::filesystem::current_path(before_); }
+    WorkingDirectory(const WorkingDirectory&) = delete;
+    WorkingDirectory& operator=(const WorkingDirectory&) = delete;
+    ~WorkingDirectory() { std::filesystem::current_path(before_); }
 
 private:
     std::filesystem::path before_;
 };
 
-const TQueueDirectory& directoryNamed(const char* value)
+const QueueDirectory& directoryNamed(const char* value)
 {
     ::setenv("TESS_QUEUE_DIR", value, 1);
-    const TQueueDirectory& directory = TQueueDirectory::fromEnvironment();
+    const QueueDirectory& directory = QueueDirectory::fromEnvironment();
     ::unsetenv("TESS_QUEUE_DIR");
     return directory;
 }
 
 TEST(QueueDirectory, ARelativePathIsMadeAbsoluteFromWhereTheProcessIsAtThatMoment)
 {
-    const TTempDir dir;
+    const TempDir dir;
     const struct {
         const char* value;
         const char* path;
@@ -108,21 +108,21 @@ TEST(QueueDirectory, ARelativePathIsMadeAbsoluteFromWhereTheProcessIsAtThatMomen
         {".", ""},   {"./", ""},    {"..", "/.."}, {"../q", "/../q"},
     };
     for (const auto& c : cases) {
-        const TWorkingDirectory here(dir.path());
+        const WorkingDirectory here(dir.path());
         const std::string expected = std::filesystem::path(dir.path() + c.path).lexically_normal().string();
         EXPECT_EQ(directoryNamed(c.value).path() + (expected.ends_with('/') ? "/" : ""), expected) << c.value;
     }
-    const TQueueDirectory& elsewhere = directoryNamed("q");
+    const QueueDirectory& elsewhere = directoryNamed("q");
     EXPECT_EQ(elsewhere.path(), std::filesystem::current_path() / "q");
-    const TWorkingDirectory here(dir.path());
+    const WorkingDirectory here(dir.path());
     EXPECT_NE(&directoryNamed("q"), &elsewhere) << "the same name from another place";
     EXPECT_EQ(directoryNamed("q").path(), dir / "q");
 }
 
 TEST(QueueDirectory, WithoutAWorkingDirectoryARelativePathCannotBeMade)
 {
-    auto gone = std::make_unique<TTempDir>();
-    const TWorkingDirectory here(gone->path());
+    auto gone = std::make_unique<TempDir>();
+    const WorkingDirectory here(gone->path());
     gone.reset();
     try {
         directoryNamed("q").create();
@@ -135,8 +135,8 @@ TEST(QueueDirectory, WithoutAWorkingDirectoryARelativePathCannotBeMade)
 TEST(QueueDirectory, APathMustFitASocketAddressWithItsNul)
 {
     const std::size_t longest = sizeof(sockaddr_un::sun_path) - 1;
-    const TQueueDirectory fits("/" + std::string(longest - 1 - std::strlen("/1001"), 'd'));
-    const TQueueDirectory tooLong("/" + std::string(longest - std::strlen("/1001"), 'd'));
+    const QueueDirectory fits("/" + std::string(longest - 1 - std::strlen("/1001"), 'd'));
+    const QueueDirectory tooLong("/" + std::string(longest - std::strlen("/1001"), 'd'));
     sockaddr_un to{};
     EXPECT_TRUE(fits.socketAddress(1001, to));
     EXPECT_EQ(std::strlen(to.sun_path), longest);
@@ -147,12 +147,12 @@ TEST(QueueDirectory, APathMustFitASocketAddressWithItsNul)
 
 TEST(QueueDirectory, TellsQueuesOfThisDirectoryFromEverythingElse)
 {
-    const TTempDir dir;
-    const TTempDir other;
+    const TempDir dir;
+    const TempDir other;
     const std::string here = dir.path();
     const std::string link = other / "link";
     ASSERT_EQ(::symlink(here.c_str(), link.c_str()), 0);
-    const TQueueDirectory directory(here);
+    const QueueDirectory directory(here);
     const struct {
         std::string name;
         long queue;
@@ -193,9 +193,9 @@ TEST(QueueDirectory, TellsQueuesOfThisDirectoryFromEverythingElse)
 
 TEST(QueueDirectory, ARelativePathIsNotLookedUpInTheReceiversOwnWorkingDirectory)
 {
-    const TTempDir dir;
-    const TQueueDirectory directory(dir.path());
-    const TWorkingDirectory here(dir.path());
+    const TempDir dir;
+    const QueueDirectory directory(dir.path());
+    const WorkingDirectory here(dir.path());
     for (const char* name : {"./7", "7", ".//7"}) {
         socklen_t length = 0;
         const sockaddr_un from = addressOf(name, length);
@@ -205,7 +205,7 @@ TEST(QueueDirectory, ARelativePathIsNotLookedUpInTheReceiversOwnWorkingDirectory
 
 TEST(QueueDirectory, AnUnboundSocketBelongsToNoQueue)
 {
-    const TQueueDirectory directory("/tmp");
+    const QueueDirectory directory("/tmp");
     sockaddr_un from{};
     EXPECT_EQ(directory.queueOf(from, 0), 0);
     from.sun_family = AF_UNIX;
@@ -214,7 +214,7 @@ TEST(QueueDirectory, AnUnboundSocketBelongsToNoQueue)
 
 TEST(QueueDirectory, TheRootDirectoryWorksToo)
 {
-    const TQueueDirectory directory("/");
+    const QueueDirectory directory("/");
     socklen_t length = 0;
     const sockaddr_un from = addressOf("/7", length);
     EXPECT_EQ(directory.queueOf(from, length), 7);
@@ -225,28 +225,28 @@ TEST(QueueDirectory, TheRootDirectoryWorksToo)
 TEST(QueueDirectory, MakesWhatIsMissingWithItsModeWhateverTheUmask)
 {
     for (const mode_t mask : {0U, 022U, 077U, 0777U}) {
-        const TTempDir dir;
+        const TempDir dir;
         ASSERT_EQ(::chmod(dir.path().c_str(), 0711), 0);
-        const TUmask umaskNow(mask);
-        TQueueDirectory(dir / "a/b/c").create();
+        const Umask umaskNow(mask);
+        QueueDirectory(dir / "a/b/c").create();
         for (const char* made : {"a", "a/b", "a/b/c"})
             EXPECT_EQ(modeOf(dir / made), 0770U) << made << " under umask " << std::oct << mask;
         EXPECT_EQ(modeOf(dir.path()), 0711U) << "what was there keeps its mode";
-        TQueueDirectory(dir / "a/b/c").create();
+        QueueDirectory(dir / "a/b/c").create();
     }
 }
 
 TEST(QueueDirectory, ALinkPutInThePlaceOfWhatWasMadeIsNotFollowed)
 {
-    const TTempDir dir;
+    const TempDir dir;
     const std::string other = dir / "other";
     ASSERT_EQ(::mkdir(other.c_str(), 0700), 0);
-    const fake_system::TAfterMkdir swap([&](const char* made) {
+    const fake_system::AfterMkdir swap([&](const char* made) {
         ASSERT_EQ(::rmdir(made), 0);
         ASSERT_EQ(::symlink(other.c_str(), made), 0);
     });
     try {
-        TQueueDirectory(dir / "q").create();
+        QueueDirectory(dir / "q").create();
         ADD_FAILURE() << "no error";
     } catch (const std::runtime_error& error) {
         EXPECT_THAT(error.what(), HasSubstr("queue directory " + dir / "q"));
@@ -256,20 +256,20 @@ TEST(QueueDirectory, ALinkPutInThePlaceOfWhatWasMadeIsNotFollowed)
 
 TEST(QueueDirectory, KeepsAnInheritedGroupBit)
 {
-    const TTempDir dir;
+    const TempDir dir;
     ASSERT_EQ(::chmod(dir.path().c_str(), 02750), 0);
     if (modeOf(dir.path()) != 02750U) GTEST_SKIP() << "this file system has no set-group-ID directories";
-    TQueueDirectory(dir / "a/b").create();
+    QueueDirectory(dir / "a/b").create();
     EXPECT_EQ(modeOf(dir / "a"), 02770U);
     EXPECT_EQ(modeOf(dir / "a/b"), 02770U);
 }
 
 TEST(QueueDirectory, SaysWhichPathCannotBeMade)
 {
-    const TTempDir dir;
+    const TempDir dir;
     std::ofstream(dir / "file") << "x";
     try {
-        TQueueDirectory(dir / "file/q").create();
+        QueueDirectory(dir / "file/q").create();
         FAIL() << "no error";
     } catch (const std::runtime_error& error) {
         EXPECT_THAT(error.what(), HasSubstr(dir / "file/q"));

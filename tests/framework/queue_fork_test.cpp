@@ -13,15 +13,15 @@ namespace {
 constexpr std::chrono::seconds CHILD_PATIENCE{20};
 
 /// Another thread that waits in a queue for a record, as it is when the object has been made.
-class TReceiver {
+class Receiver {
 public:
-    explicit TReceiver(TOwnQueue& queue) : thread_([this, &queue] { length = queue.receive(&msg, true); })
+    explicit Receiver(OwnQueue& queue) : thread_([this, &queue] { length = queue.receive(&msg, true); })
     {
-        inside = waitUntil([&] { return queue.drain() == TOwnQueue::Drained::busy; });
+        inside = waitUntil([&] { return queue.drain() == OwnQueue::Drained::busy; });
     }
-    TReceiver(const TReceiver&) = delete;
-    TReceiver& operator=(const TReceiver&) = delete;
-    ~TReceiver() { join(); }
+    Receiver(const Receiver&) = delete;
+    Receiver& operator=(const Receiver&) = delete;
+    ~Receiver() { join(); }
 
     void join()
     {
@@ -36,7 +36,7 @@ private:
     std::thread thread_;
 };
 
-class QueueFork : public TQueueTest {
+class QueueFork : public QueueTest {
 protected:
     static long send(long address, std::size_t length = 64)
     {
@@ -47,7 +47,7 @@ protected:
     static long look(TOrbAttachmentMsg& msg) { return g_qMgr.getMsg(&msg, MSG_QUEUE_ALL, false); }
 
     /// The child ends well, and record 7 is still there.
-    void expectLeftToParent(TChildProcess& child)
+    void expectLeftToParent(ChildProcess& child)
     {
         EXPECT_EQ(child.result(CHILD_PATIENCE), 0);
         EXPECT_EQ(look(msg_), 32);
@@ -57,14 +57,14 @@ protected:
     bool sendRaw(std::uint32_t number, long to = 1001) const
     {
         const TOrbAttachmentMsg msg = numbered(number);
-        return TRawSocket().sendTo(pathOf(to), &msg, 32);
+        return RawSocket().sendTo(pathOf(to), &msg, 32);
     }
 
     /// @return true: a record that comes for `own` is taken out of the socket by a call that waits, and handed out after
     bool takesAside(long own)
     {
         char byte = 0;
-        return sendRaw(7, own) && ownQueue.drain() == TOwnQueue::Drained::records &&
+        return sendRaw(7, own) && ownQueue.drain() == OwnQueue::Drained::records &&
                ::recv(ownQueue.socket(), &byte, 1, MSG_PEEK | MSG_DONTWAIT) < 0 && look(msg_) == 32;
     }
 
@@ -74,11 +74,11 @@ protected:
 /// This queue is not the process's own one: nobody frees its locks in the child.
 TEST_F(QueueFork, AChildClosesWithoutWaitingForAThreadThatItDoesNotHave)
 {
-    TOwnQueue queue;
+    OwnQueue queue;
     queue.open(1001);
-    TReceiver receiver(queue);
+    Receiver receiver(queue);
     ASSERT_TRUE(receiver.inside);
-    TChildProcess child([&] {
+    ChildProcess child([&] {
         queue.close();
         return queue.isOpen() ? 1 : 0;
     });
@@ -91,8 +91,8 @@ TEST_F(QueueFork, AChildClosesWithoutWaitingForAThreadThatItDoesNotHave)
 
 TEST_F(QueueFork, AChildThatClosesWithoutADescriptorToSpareLeavesTheParentsSocketAsItIs)
 {
-    const TQuietProc proc(1001);
-    TChildProcess child([&] {
+    const QuietProc proc(1001);
+    ChildProcess child([&] {
         rlimit before{};
         ::getrlimit(RLIMIT_NOFILE, &before);
         const rlimit none{0, before.rlim_max};
@@ -113,12 +113,12 @@ TEST_F(QueueFork, AChildThatClosesWithoutADescriptorToSpareLeavesTheParentsSocke
 
 TEST_F(QueueFork, AChildMayHaveAQueueOfItsOwnAlthoughAThreadOfItsParentWasReceiving)
 {
-    const TQuietProc proc(1001);
-    TReceiver receiver(ownQueue);
+    const QuietProc proc(1001);
+    Receiver receiver(ownQueue);
     ASSERT_TRUE(receiver.inside);
-    TChildProcess child([&] {
+    ChildProcess child([&] {
         ownQueue.close();
-        const TQuietProc own(1002);
+        const QuietProc own(1002);
         return takesAside(1002) ? 0 : 1;
     });
     EXPECT_EQ(child.result(CHILD_PATIENCE), 0) << log_.text();
@@ -126,25 +126,25 @@ TEST_F(QueueFork, AChildMayHaveAQueueOfItsOwnAlthoughAThreadOfItsParentWasReceiv
 
 TEST_F(QueueFork, WhatItsParentHasTakenAsideIsNotHandledTwice)
 {
-    const TQuietProc proc(1001);
+    const QuietProc proc(1001);
     ASSERT_TRUE(sendRaw(7));
-    ASSERT_EQ(ownQueue.drain(), TOwnQueue::Drained::records);
-    TChildProcess child([&] { return static_cast<int>(look(msg_)); });
+    ASSERT_EQ(ownQueue.drain(), OwnQueue::Drained::records);
+    ChildProcess child([&] { return static_cast<int>(look(msg_)); });
     expectLeftToParent(child);
 }
 
 TEST_F(QueueFork, AChildThatDoesNotReceiveLeavesToItsParentWhatArrivesWhileItWaits)
 {
-    const TQuietProc proc(1001);
+    const QuietProc proc(1001);
     ASSERT_TRUE(sendRaw(7));
-    TChildProcess child([] { return ownQueue.drain() == TOwnQueue::Drained::busy ? 0 : 1; });
+    ChildProcess child([] { return ownQueue.drain() == OwnQueue::Drained::busy ? 0 : 1; });
     expectLeftToParent(child);
 }
 
 TEST_F(QueueFork, AChildThatGoesOnReceivingTakesAsideWhatArrivesWhileItWaits)
 {
-    const TQuietProc proc(1001);
-    TChildProcess child([&] {
+    const QuietProc proc(1001);
+    ChildProcess child([&] {
         if (look(msg_) != 0) return 1;
         return takesAside(1001) ? 0 : 2;
     });

@@ -24,17 +24,17 @@ namespace {
 using testing::HasSubstr;
 using testing::Not;
 
-class QueueReceive : public TQueueTest {
+class QueueReceive : public QueueTest {
 protected:
     long receive(bool wait = false) { return g_qMgr.getMsg(&msg_, MSG_QUEUE_ALL, wait); }
 
-    bool sendRaw(const TRawSocket& from, const TOrbAttachmentMsg& msg, std::size_t length) const
+    bool sendRaw(const RawSocket& from, const TOrbAttachmentMsg& msg, std::size_t length) const
     {
         return from.sendTo(pathOf(1001), &msg, length);
     }
 
-    TQuietProc proc_{1001};
-    TRawSocket unbound_;
+    QuietProc proc_{1001};
+    RawSocket unbound_;
     TOrbAttachmentMsg msg_{};
 };
 
@@ -52,7 +52,7 @@ TEST_F(QueueReceive, TakesRecordsInOrderOfArrival)
 
 TEST_F(QueueReceive, TheSenderIsTheQueueThatTheKernelNames)
 {
-    const TTempDir elsewhere;
+    const TempDir elsewhere;
     const std::string link = elsewhere / "link";
     ASSERT_EQ(::symlink(dir_.path().c_str(), link.c_str()), 0);
     const struct {
@@ -66,7 +66,7 @@ TEST_F(QueueReceive, TheSenderIsTheQueueThatTheKernelNames)
         {dir_ / "./2004", 0},     {'\0' + dir_ / "2005", 0},
     };
     for (const auto& c : cases) {
-        const TRawSocket peer(c.name);
+        const RawSocket peer(c.name);
         ASSERT_TRUE(sendRaw(peer, numbered(1), 32));
         ASSERT_EQ(receive(), 32);
         EXPECT_EQ(msg_.sender, c.sender) << c.name;
@@ -78,11 +78,11 @@ TEST_F(QueueReceive, TheSenderIsTheQueueThatTheKernelNames)
 
 TEST_F(QueueReceive, ASocketMadeElsewhereDoesNotPassForALiveProcess)
 {
-    const TRawSocket live(pathOf(2001));
-    const TTempDir elsewhere;
+    const RawSocket live(pathOf(2001));
+    const TempDir elsewhere;
     const std::string place = elsewhere / "q";
     ASSERT_EQ(::mkdir(place.c_str(), 0700), 0);
-    const TRawSocket stranger(place + "/2001");
+    const RawSocket stranger(place + "/2001");
     std::filesystem::rename(place, elsewhere / "moved");
     ASSERT_EQ(::symlink(dir_.path().c_str(), place.c_str()), 0); // its name leads to the live one's socket now
     ASSERT_TRUE(sendRaw(stranger, numbered(1), 32));
@@ -144,7 +144,7 @@ TEST_F(QueueReceive, NoByteOfAnEarlierMessageIsSeenInALaterOne)
     // the same over the backlog
     ASSERT_TRUE(sendRaw(unbound_, numbered(3, 'x'), MSG_RECORD_BYTES));
     ASSERT_TRUE(sendRaw(unbound_, numbered(4, 'y'), 20));
-    ASSERT_EQ(ownQueue.drain(), TOwnQueue::Drained::records);
+    ASSERT_EQ(ownQueue.drain(), OwnQueue::Drained::records);
     ASSERT_EQ(receive(), 8192);
     ASSERT_EQ(receive(), 20);
     EXPECT_EQ(msg_.tag, 4U);
@@ -159,7 +159,7 @@ TEST_F(QueueReceive, WhatWasTakenAsideComesFirst)
     for (int round = 0; round < 20; ++round) {
         for (int i = 0; i < 5; ++i)
             ASSERT_TRUE(sendRaw(unbound_, numbered(next++), 16));
-        ASSERT_EQ(ownQueue.drain(), TOwnQueue::Drained::records);
+        ASSERT_EQ(ownQueue.drain(), OwnQueue::Drained::records);
         for (int i = 0; i < 5; ++i)
             ASSERT_TRUE(sendRaw(unbound_, numbered(next++), 16));
         for (int i = 0; i < 10; ++i) {
@@ -175,7 +175,7 @@ TEST_F(QueueReceive, DescriptorsSentAlongAreClosed)
     ASSERT_EQ(::pipe(ends), 0);
     TOrbAttachmentMsg record = numbered(1);
     sockaddr_un to{};
-    ASSERT_TRUE(TQueueDirectory(dir_.path()).socketAddress(1001, to));
+    ASSERT_TRUE(QueueDirectory(dir_.path()).socketAddress(1001, to));
     iovec data{&record, 32};
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))]{};
     msghdr header{};
@@ -240,7 +240,7 @@ TEST_F(QueueReceive, ARecordEndsTheWait)
 
 TEST_F(QueueReceive, ASignalEndsTheWaitEvenIfItsHandlerRestartsCalls)
 {
-    const TSignalCounter signals(SIGUSR1, SA_RESTART);
+    const SignalCounter signals(SIGUSR1, SA_RESTART);
     const pthread_t receiver = ::pthread_self();
     std::atomic<bool> done{false};
     std::thread signaller([&] {

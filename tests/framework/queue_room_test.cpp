@@ -17,9 +17,9 @@
 
 namespace {
 
-static_assert(!std::is_copy_constructible_v<TQueueRoom> && !std::is_copy_assignable_v<TQueueRoom>);
+static_assert(!std::is_copy_constructible_v<QueueRoom> && !std::is_copy_assignable_v<QueueRoom>);
 
-class QueueRoom : public TQueueTest {
+class QueueRoomTest : public QueueTest {
 protected:
     static long send(long address)
     {
@@ -49,13 +49,13 @@ protected:
         return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
     }
 
-    TQuietProc proc_{1001, false};
-    TQueueRoom room_;
+    QuietProc proc_{1001, false};
+    QueueRoom room_;
 };
 
-TEST_F(QueueRoom, IsReportedAsSoonAsAFullQueueHasSome)
+TEST_F(QueueRoomTest, IsReportedAsSoonAsAFullQueueHasSome)
 {
-    const TRawSocket peer(pathOf(2001));
+    const RawSocket peer(pathOf(2001));
     EXPECT_TRUE(isReported(room_.watch(2001))) << "there is room";
     fill(2001);
     EXPECT_FALSE(isReported(room_.fd()));
@@ -66,9 +66,9 @@ TEST_F(QueueRoom, IsReportedAsSoonAsAFullQueueHasSome)
     EXPECT_FALSE(isReported(room_.fd())) << "full again";
 }
 
-TEST_F(QueueRoom, WakesWhoeverWaits)
+TEST_F(QueueRoomTest, WakesWhoeverWaits)
 {
-    const TRawSocket peer(pathOf(2001));
+    const RawSocket peer(pathOf(2001));
     fill(2001);
     const int fd = room_.watch(2001);
     const WaitingThread waiting;
@@ -80,11 +80,11 @@ TEST_F(QueueRoom, WakesWhoeverWaits)
     reader.join();
 }
 
-TEST_F(QueueRoom, TheOwnersEndIsReportedToo)
+TEST_F(QueueRoomTest, TheOwnersEndIsReportedToo)
 {
-    TSignpost opened;
-    TChildProcess owner([&] {
-        const TQuietProc proc(2001);
+    Signpost opened;
+    ChildProcess owner([&] {
+        const QuietProc proc(2001);
         opened.pass();
         ::pause();
         return 0;
@@ -98,14 +98,14 @@ TEST_F(QueueRoom, TheOwnersEndIsReportedToo)
     EXPECT_EQ(send(2001), SEND_FAILED);
 }
 
-TEST_F(QueueRoom, AnOwnerThatClosesItsQueueAndLivesOnIsReported)
+TEST_F(QueueRoomTest, AnOwnerThatClosesItsQueueAndLivesOnIsReported)
 {
-    TSignpost opened;
-    TSignpost full;
-    TSignpost end;
-    TChildProcess owner([&] {
+    Signpost opened;
+    Signpost full;
+    Signpost end;
+    ChildProcess owner([&] {
         {
-            const TQuietProc proc(2001);
+            const QuietProc proc(2001);
             opened.pass();
             (void)full.await();
         }
@@ -122,12 +122,12 @@ TEST_F(QueueRoom, AnOwnerThatClosesItsQueueAndLivesOnIsReported)
     EXPECT_EQ(owner.result(), 0);
 }
 
-TEST_F(QueueRoom, ThereIsNoneToWatchWithoutAQueue)
+TEST_F(QueueRoomTest, ThereIsNoneToWatchWithoutAQueue)
 {
     {
-        const TRawSocket dead(pathOf(2002));
+        const RawSocket dead(pathOf(2002));
     }
-    const TRawSocket peer(pathOf(2003));
+    const RawSocket peer(pathOf(2003));
     const auto before = openDescriptors();
     for (const long address : {2001L, 2002L, 0L, -1L, std::numeric_limits<long>::max()}) {
         EXPECT_EQ(room_.watch(address), -1) << address;
@@ -139,9 +139,9 @@ TEST_F(QueueRoom, ThereIsNoneToWatchWithoutAQueue)
     }
 }
 
-TEST_F(QueueRoom, WithoutADescriptorToSpareThereIsNone)
+TEST_F(QueueRoomTest, WithoutADescriptorToSpareThereIsNone)
 {
-    const TRawSocket peer(pathOf(2001));
+    const RawSocket peer(pathOf(2001));
     {
         const DescriptorLimit none(0);
         ASSERT_TRUE(none.isSet());
@@ -150,17 +150,17 @@ TEST_F(QueueRoom, WithoutADescriptorToSpareThereIsNone)
     EXPECT_LE(0, room_.watch(2001));
 }
 
-TEST_F(QueueRoom, WatchedAgainItKeepsItsNumberAndLooksAtWhoeverHasTheAddressNow)
+TEST_F(QueueRoomTest, WatchedAgainItKeepsItsNumberAndLooksAtWhoeverHasTheAddressNow)
 {
-    const TRawSocket other(pathOf(2002));
+    const RawSocket other(pathOf(2002));
     int fd = -1;
     {
-        const TRawSocket first(pathOf(2001));
+        const RawSocket first(pathOf(2001));
         fill(2001);
         fd = room_.watch(2001);
     }
     ASSERT_EQ(::unlink(pathOf(2001).c_str()), 0);
-    const TRawSocket second(pathOf(2001));
+    const RawSocket second(pathOf(2001));
     fill(2001);
     EXPECT_TRUE(isReported(fd)) << "the first one is gone";
     EXPECT_EQ(room_.watch(2001), fd);
@@ -169,18 +169,18 @@ TEST_F(QueueRoom, WatchedAgainItKeepsItsNumberAndLooksAtWhoeverHasTheAddressNow)
     EXPECT_TRUE(isReported(fd)) << "another queue";
 }
 
-TEST_F(QueueRoom, ItsDescriptorIsNotPassedOnAndClosedAtTheEnd)
+TEST_F(QueueRoomTest, ItsDescriptorIsNotPassedOnAndClosedAtTheEnd)
 {
-    const TRawSocket peer(pathOf(2001));
+    const RawSocket peer(pathOf(2001));
     const auto before = openDescriptors();
     {
-        TQueueRoom room;
+        QueueRoom room;
         const int fd = room.watch(2001);
         EXPECT_EQ(room.fd(), fd);
         EXPECT_EQ(::fcntl(fd, F_GETFD), FD_CLOEXEC);
         EXPECT_NE(::fcntl(fd, F_GETFL) & O_NONBLOCK, 0);
         EXPECT_EQ(openDescriptors(), before + 1);
-        TQueueRoom moved(std::move(room));
+        QueueRoom moved(std::move(room));
         EXPECT_EQ(moved.fd(), fd);
         room_ = std::move(moved);
     }
@@ -192,13 +192,13 @@ TEST_F(QueueRoom, ItsDescriptorIsNotPassedOnAndClosedAtTheEnd)
     room_.stop();
 }
 
-TEST_F(QueueRoom, TheReportIsWrongWhereTheOwnSendBufferIsUsedUp)
+TEST_F(QueueRoomTest, TheReportIsWrongWhereTheOwnSendBufferIsUsedUp)
 {
-    const TQuietProc proc(1001);
+    const QuietProc proc(1001);
     const int small = 20'000;
     ASSERT_EQ(::setsockopt(ownQueue.socket(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small), 0);
-    const TRawSocket stuck(pathOf(2001));
-    const TRawSocket healthy(pathOf(3001));
+    const RawSocket stuck(pathOf(2001));
+    const RawSocket healthy(pathOf(3001));
     TOrbAttachmentMsg msg = numbered(1);
     while (g_qMgr.sendMsg(2001, &msg, 8192, false) == SEND_DONE) {
     }
@@ -206,12 +206,12 @@ TEST_F(QueueRoom, TheReportIsWrongWhereTheOwnSendBufferIsUsedUp)
     EXPECT_TRUE(isReported(room_.watch(3001))) << "as the header says: pause";
 }
 
-TEST_F(QueueRoom, AForkedChildHasItsOwnCopy)
+TEST_F(QueueRoomTest, AForkedChildHasItsOwnCopy)
 {
-    const TRawSocket peer(pathOf(2001));
+    const RawSocket peer(pathOf(2001));
     fill(2001);
     const int fd = room_.watch(2001);
-    TChildProcess child([&] {
+    ChildProcess child([&] {
         if (isReported(fd)) return 1;
         room_.stop();
         return 0;

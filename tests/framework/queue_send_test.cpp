@@ -27,7 +27,7 @@ static_assert(
 
 constexpr long PATIENCE_MS = 250;
 
-class QueueSend : public TQueueTest {
+class QueueSend : public QueueTest {
 protected:
     static long send(long address, std::uint32_t number, std::size_t length = 64, bool wait = false)
     {
@@ -57,8 +57,8 @@ protected:
 
 TEST_F(QueueSend, PutsTheRecordIntoTheDestinationsQueue)
 {
-    const TQuietProc proc(1001);
-    const TRawSocket peer(pathOf(2001));
+    const QuietProc proc(1001);
+    const RawSocket peer(pathOf(2001));
     TOrbAttachmentMsg msg = numbered(77, 'x');
     EXPECT_EQ(g_qMgr.sendMsg(2001, &msg, 100, false), 0);
     EXPECT_EQ(peer.receive(), std::string(reinterpret_cast<const char*>(&msg), 100));
@@ -66,8 +66,8 @@ TEST_F(QueueSend, PutsTheRecordIntoTheDestinationsQueue)
 
 TEST_F(QueueSend, ClampsTheLengthAboveARecordAndRefusesLessThanItsHeader)
 {
-    const TQuietProc proc(1001);
-    const TRawSocket peer(pathOf(2001));
+    const QuietProc proc(1001);
+    const RawSocket peer(pathOf(2001));
     const struct {
         long length;
         long sent; ///< 0: refused
@@ -86,9 +86,9 @@ TEST_F(QueueSend, ClampsTheLengthAboveARecordAndRefusesLessThanItsHeader)
 
 TEST_F(QueueSend, CarriesTheAddressOfTheOpenQueueAndNoneWithoutOne)
 {
-    TSignpost ready;
-    TChildProcess receiver([&] {
-        const TQuietProc proc(2001);
+    Signpost ready;
+    ChildProcess receiver([&] {
+        const QuietProc proc(2001);
         ready.pass();
         const std::int32_t expected[] = {0, 1001, 0};
         TOrbAttachmentMsg msg{};
@@ -98,11 +98,11 @@ TEST_F(QueueSend, CarriesTheAddressOfTheOpenQueueAndNoneWithoutOne)
     });
     ASSERT_TRUE(ready.await());
     {
-        const TQuietProc sendsOnly(1001, false);
+        const QuietProc sendsOnly(1001, false);
         EXPECT_EQ(send(2001, 0), 0);
     }
     {
-        const TQuietProc proc(1001);
+        const QuietProc proc(1001);
         EXPECT_EQ(send(2001, 1), 0);
     }
     EXPECT_EQ(send(2001, 2), 0);
@@ -111,9 +111,9 @@ TEST_F(QueueSend, CarriesTheAddressOfTheOpenQueueAndNoneWithoutOne)
 
 TEST_F(QueueSend, FailsAtOnceWithoutADestination)
 {
-    const TQuietProc proc(1001);
+    const QuietProc proc(1001);
     {
-        const TRawSocket dead(pathOf(2002));
+        const RawSocket dead(pathOf(2002));
     }
     const unsigned before = fake_system::pollCount();
     for (const bool wait : {false, true}) {
@@ -131,14 +131,14 @@ TEST_F(QueueSend, FailsAtOnceWithoutADestination)
 TEST_F(QueueSend, FailsWhenTheDestinationsPathIsTooLong)
 {
     ::setenv("TESS_QUEUE_DIR", (dir_ / std::string(100, 'd')).c_str(), 1);
-    const TQuietProc proc(1001, false);
+    const QuietProc proc(1001, false);
     EXPECT_EQ(send(2001, 1), SEND_FAILED);
 }
 
 TEST_F(QueueSend, WithoutWaitingAFullQueueIsToldAtOnceAndNothingIsTakenAside)
 {
-    const TQuietProc proc(1001);
-    const TRawSocket stuck(pathOf(2001));
+    const QuietProc proc(1001);
+    const RawSocket stuck(pathOf(2001));
     const unsigned before = fake_system::pollCount();
     const std::uint32_t taken = fill(2001);
     EXPECT_GE(taken, 1U);
@@ -160,13 +160,13 @@ TEST_F(QueueSend, WithoutWaitingAFullQueueIsToldAtOnceAndNothingIsTakenAside)
 
 TEST_F(QueueSend, AFullQueueHoldsUpNoOther)
 {
-    const TQuietProc proc(1001);
-    std::vector<std::unique_ptr<TRawSocket>> stuck;
+    const QuietProc proc(1001);
+    std::vector<std::unique_ptr<RawSocket>> stuck;
     for (long address = 2001; address <= 2008; ++address) {
-        stuck.push_back(std::make_unique<TRawSocket>(pathOf(address)));
+        stuck.push_back(std::make_unique<RawSocket>(pathOf(address)));
         (void)fill(address);
     }
-    const TRawSocket healthy(pathOf(3001));
+    const RawSocket healthy(pathOf(3001));
     for (std::uint32_t i = 0; i < 200; ++i) {
         for (long address = 2001; address <= 2008; ++address)
             EXPECT_EQ(send(address, i), SEND_QUEUE_FULL);
@@ -177,40 +177,40 @@ TEST_F(QueueSend, AFullQueueHoldsUpNoOther)
 
 TEST_F(QueueSend, ANewOwnerOfAFullQueuesAddressIsSentTo)
 {
-    const TQuietProc proc(1001);
+    const QuietProc proc(1001);
     {
-        const TRawSocket stuck(pathOf(2001));
+        const RawSocket stuck(pathOf(2001));
         (void)fill(2001);
     }
     EXPECT_EQ(send(2001, 1), SEND_FAILED) << "its owner is gone";
     ASSERT_EQ(::unlink(pathOf(2001).c_str()), 0);
-    const TRawSocket next(pathOf(2001));
+    const RawSocket next(pathOf(2001));
     EXPECT_EQ(send(2001, 2), SEND_DONE);
     EXPECT_EQ(tagOf(next.receive()), 2U);
 }
 
 TEST_F(QueueSend, EnoughFullQueuesOfFullRecordsLeaveTheSendBufferWithRoom)
 {
-    const TQuietProc proc(1001);
+    const QuietProc proc(1001);
     const int bytes = 1'000'000;
-    if (::setsockopt(TRawSocket().fd(), SOL_SOCKET, SO_SNDBUFFORCE, &bytes, sizeof bytes) != 0)
+    if (::setsockopt(RawSocket().fd(), SOL_SOCKET, SO_SNDBUFFORCE, &bytes, sizeof bytes) != 0)
         GTEST_SKIP() << "not privileged: the kernel gives no more than net.core.wmem_max";
-    std::vector<std::unique_ptr<TRawSocket>> stuck;
+    std::vector<std::unique_ptr<RawSocket>> stuck;
     for (long address = 2001; address <= 2032; ++address) {
-        stuck.push_back(std::make_unique<TRawSocket>(pathOf(address)));
+        stuck.push_back(std::make_unique<RawSocket>(pathOf(address)));
         (void)fill(address, MSG_RECORD_BYTES);
     }
-    const TRawSocket healthy(pathOf(3001));
+    const RawSocket healthy(pathOf(3001));
     EXPECT_EQ(send(3001, 1, MSG_RECORD_BYTES), 0);
 }
 
 TEST_F(QueueSend, AUsedUpSendBufferIsWaitedForWithoutSpinning)
 {
-    const TQuietProc proc(1001);
+    const QuietProc proc(1001);
     const int small = 20'000;
     ASSERT_EQ(::setsockopt(ownQueue.socket(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small), 0);
-    const TRawSocket stuck(pathOf(2001));
-    const TRawSocket healthy(pathOf(3001));
+    const RawSocket stuck(pathOf(2001));
+    const RawSocket healthy(pathOf(3001));
     ASSERT_LT(fill(2001, MSG_RECORD_BYTES), 10U) << "the buffer was to be used up before the queue is";
 
     EXPECT_EQ(send(3001, 1, MSG_RECORD_BYTES), SEND_QUEUE_FULL) << "whose queue it is cannot be told";
@@ -232,8 +232,8 @@ TEST_F(QueueSend, AUsedUpSendBufferIsWaitedForWithoutSpinning)
 
 TEST_F(QueueSend, AnUnboundedWaitEndsWhenThereIsRoom)
 {
-    const TQuietProc proc(1001);
-    const TRawSocket peer(pathOf(2001));
+    const QuietProc proc(1001);
+    const RawSocket peer(pathOf(2001));
     const std::uint32_t taken = fill(2001);
     std::atomic<bool> read{false};
     std::thread reader([&] {
@@ -250,10 +250,10 @@ TEST_F(QueueSend, AnUnboundedWaitEndsWhenThereIsRoom)
 
 TEST_F(QueueSend, ASignalDoesNotEndTheWait)
 {
-    const TQuietProc proc(1001);
-    const TRawSocket peer(pathOf(2001));
+    const QuietProc proc(1001);
+    const RawSocket peer(pathOf(2001));
     (void)fill(2001);
-    const TSignalCounter signals(SIGUSR1);
+    const SignalCounter signals(SIGUSR1);
     const pthread_t waiting = ::pthread_self();
     std::thread disturbing([&] {
         while (signals.count() < 10) {
@@ -269,15 +269,15 @@ TEST_F(QueueSend, ASignalDoesNotEndTheWait)
 
 TEST_F(QueueSend, AnUnboundedWaitEndsWhenTheOwnerIsKilled)
 {
-    TSignpost opened;
-    TChildProcess owner([&] {
-        const TQuietProc proc(2001);
+    Signpost opened;
+    ChildProcess owner([&] {
+        const QuietProc proc(2001);
         opened.pass();
         ::pause();
         return 0;
     });
     ASSERT_TRUE(opened.await());
-    const TQuietProc proc(1001);
+    const QuietProc proc(1001);
     (void)fill(2001);
     const WaitingThread sender;
     std::thread killer([&] {
@@ -291,13 +291,13 @@ TEST_F(QueueSend, AnUnboundedWaitEndsWhenTheOwnerIsKilled)
 
 TEST_F(QueueSend, AnUnboundedWaitEndsWhenTheOwnerClosesItsQueueAndLivesOn)
 {
-    TSignpost opened;
-    TSignpost full;
-    TSignpost end;
+    Signpost opened;
+    Signpost full;
+    Signpost end;
     const WaitingThread sender;
-    TChildProcess owner([&] {
+    ChildProcess owner([&] {
         {
-            const TQuietProc proc(2001);
+            const QuietProc proc(2001);
             opened.pass();
             (void)full.await();
             if (!sender.untilAsleep()) return 1;
@@ -306,7 +306,7 @@ TEST_F(QueueSend, AnUnboundedWaitEndsWhenTheOwnerClosesItsQueueAndLivesOn)
         return 0;
     });
     ASSERT_TRUE(opened.await());
-    const TQuietProc proc(1001);
+    const QuietProc proc(1001);
     (void)fill(2001);
     full.pass();
     EXPECT_EQ(send(2001, 1, 64, true), SEND_FAILED);
@@ -318,9 +318,9 @@ TEST_F(QueueSend, AnUnboundedWaitEndsWhenTheOwnerClosesItsQueueAndLivesOn)
 TEST_F(QueueSend, ABurstToAProcessThatAnswersEachArrivesWholeAndSoDoTheAnswers)
 {
     constexpr std::uint32_t BURST = 1000;
-    TSignpost ready;
-    TChildProcess answering([&] {
-        const TQuietProc proc(2001);
+    Signpost ready;
+    ChildProcess answering([&] {
+        const QuietProc proc(2001);
         ready.pass();
         TOrbAttachmentMsg msg{};
         for (std::uint32_t i = 0; i < BURST; ++i) {
@@ -330,7 +330,7 @@ TEST_F(QueueSend, ABurstToAProcessThatAnswersEachArrivesWholeAndSoDoTheAnswers)
         return 0;
     });
     ASSERT_TRUE(ready.await());
-    const TQuietProc proc(1001);
+    const QuietProc proc(1001);
     for (std::uint32_t i = 0; i < BURST; ++i)
         ASSERT_EQ(send(2001, i, 64, true), 0) << "command " << i;
     TOrbAttachmentMsg msg{};
@@ -346,10 +346,10 @@ TEST_F(QueueSend, ABurstToAPeerThatBlocksInItsAnswersArrivesWhole)
 {
     constexpr std::uint32_t BURST = 50;
     constexpr std::uint32_t ANSWERS = 40; // to each command: more than a queue holds
-    TSignpost opened;
-    TSignpost ready;
-    TChildProcess answering([&] {
-        const TRawSocket peer(pathOf(2001));
+    Signpost opened;
+    Signpost ready;
+    ChildProcess answering([&] {
+        const RawSocket peer(pathOf(2001));
         if (!opened.await() || !peer.connectTo(pathOf(1001))) return 3;
         ready.pass();
         for (std::uint32_t i = 0; i < BURST; ++i) {
@@ -361,7 +361,7 @@ TEST_F(QueueSend, ABurstToAPeerThatBlocksInItsAnswersArrivesWhole)
         }
         return 0;
     });
-    const TQuietProc proc(1001);
+    const QuietProc proc(1001);
     opened.pass();
     ASSERT_TRUE(ready.await());
     for (std::uint32_t i = 0; i < BURST; ++i)
@@ -390,16 +390,16 @@ int sendThenReceive(long to, std::uint32_t count)
 
 TEST_F(QueueSend, TwoProcessesThatFillEachOthersQueuesDoNotLockUp)
 {
-    TSignpost opened;
-    TSignpost start;
-    TChildProcess other([&] {
-        const TQuietProc proc(2001);
+    Signpost opened;
+    Signpost start;
+    ChildProcess other([&] {
+        const QuietProc proc(2001);
         opened.pass();
         (void)start.await();
         return sendThenReceive(1001, 3000);
     });
     ASSERT_TRUE(opened.await());
-    const TQuietProc proc(1001);
+    const QuietProc proc(1001);
     start.pass();
     EXPECT_EQ(sendThenReceive(2001, 3000), 0);
     EXPECT_EQ(other.result(), 0);
@@ -408,9 +408,9 @@ TEST_F(QueueSend, TwoProcessesThatFillEachOthersQueuesDoNotLockUp)
 TEST_F(QueueSend, OneThreadMayWaitInGetMsgWhileAnotherSendsABurst)
 {
     constexpr std::uint32_t BURST = 2000;
-    TSignpost ready;
-    TChildProcess answering([&] {
-        const TQuietProc proc(2001);
+    Signpost ready;
+    ChildProcess answering([&] {
+        const QuietProc proc(2001);
         ready.pass();
         TOrbAttachmentMsg msg{};
         for (std::uint32_t i = 0; i < BURST; ++i) {
@@ -420,7 +420,7 @@ TEST_F(QueueSend, OneThreadMayWaitInGetMsgWhileAnotherSendsABurst)
         return 0;
     });
     ASSERT_TRUE(ready.await());
-    const TQuietProc proc(1001);
+    const QuietProc proc(1001);
     std::atomic<std::uint32_t> refused{0};
     std::thread sender([&] {
         for (std::uint32_t i = 0; i < BURST; ++i)
@@ -440,9 +440,9 @@ TEST_F(QueueSend, OneThreadMayWaitInGetMsgWhileAnotherSendsABurst)
 
 TEST_F(QueueSend, TwoThreadsMayWaitAtOnce)
 {
-    TSignpost opened;
-    TChildProcess reader([&] {
-        const TQuietProc proc(2001);
+    Signpost opened;
+    ChildProcess reader([&] {
+        const QuietProc proc(2001);
         opened.pass();
         std::uint32_t next[2] = {0, 0};
         TOrbAttachmentMsg msg{};
@@ -453,7 +453,7 @@ TEST_F(QueueSend, TwoThreadsMayWaitAtOnce)
         return 0;
     });
     ASSERT_TRUE(opened.await());
-    const TQuietProc proc(1001);
+    const QuietProc proc(1001);
     std::atomic<std::uint32_t> refused{0};
     const auto sendMany = [&](std::uint32_t who) {
         for (std::uint32_t i = 0; i < 2000; ++i)
@@ -468,7 +468,7 @@ TEST_F(QueueSend, TwoThreadsMayWaitAtOnce)
 
 TEST_F(QueueSend, AProcessMaySendToItselfAsMuchAsItsBacklogHolds)
 {
-    const TQuietProc proc(1001);
+    const QuietProc proc(1001);
     std::uint32_t sent = 0;
     Stopwatch watch;
     while (sent < 100'000 && send(1001, sent, MSG_RECORD_BYTES, true) == SEND_DONE) {
@@ -492,7 +492,7 @@ TEST_F(QueueSend, AProcessMaySendToItselfAsMuchAsItsBacklogHolds)
 
 TEST_F(QueueSend, SendingAndReceivingAllocateOnlyForWhatIsTakenAsideWhileACallWaits)
 {
-    const TQuietProc proc(1001);
+    const QuietProc proc(1001);
     TOrbAttachmentMsg msg = numbered(1);
     long failed = 0;
     const unsigned before = allocationCount();
@@ -508,7 +508,7 @@ TEST_F(QueueSend, SendingAndReceivingAllocateOnlyForWhatIsTakenAsideWhileACallWa
     EXPECT_EQ(failed, 0);
 
     ASSERT_EQ(g_qMgr.sendMsg(1001, &msg, 16, false), 0);
-    ASSERT_EQ(ownQueue.drain(), TOwnQueue::Drained::records);
+    ASSERT_EQ(ownQueue.drain(), OwnQueue::Drained::records);
     EXPECT_EQ(allocationCount(), before);
     EXPECT_LT(mallocsBefore, fake_system::mallocCount());
 }
@@ -516,8 +516,8 @@ TEST_F(QueueSend, SendingAndReceivingAllocateOnlyForWhatIsTakenAsideWhileACallWa
 TEST_F(QueueSend, ADeadDestinationRaisesNoSignal)
 {
     const auto before = std::signal(SIGPIPE, SIG_DFL);
-    const TQuietProc proc(1001);
-    const TRawSocket peer(pathOf(2001));
+    const QuietProc proc(1001);
+    const RawSocket peer(pathOf(2001));
     ASSERT_EQ(::shutdown(peer.fd(), SHUT_RD), 0);
     EXPECT_NE(send(2001, 1), 0); // EPIPE, and this process lives on
     std::signal(SIGPIPE, before);
@@ -525,7 +525,7 @@ TEST_F(QueueSend, ADeadDestinationRaisesNoSignal)
 
 TEST_F(QueueSend, ThreadsMaySendWhileTheQueueIsClosedAndOpened)
 {
-    const TRawSocket peer(pathOf(2001));
+    const RawSocket peer(pathOf(2001));
     std::atomic<bool> done{false};
     std::thread sender([&] {
         while (!done)
@@ -536,7 +536,7 @@ TEST_F(QueueSend, ThreadsMaySendWhileTheQueueIsClosedAndOpened)
             (void)peer.receiveNow();
     });
     for (int i = 0; i < 200; ++i) {
-        const TQuietProc proc(1001);
+        const QuietProc proc(1001);
         std::this_thread::yield();
     }
     done = true;

@@ -13,7 +13,7 @@
 #include "tests/support/quiet_proc.h"
 
 /// Runs a test in a queue directory of its own, and collects the log.
-class TQueueTest : public testing::Test {
+class QueueTest : public testing::Test {
 protected:
     void TearDown() override
     {

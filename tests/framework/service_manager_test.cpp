@@ -37,13 +37,13 @@ protected:
     {
         ::setenv("WATCHDOG_USEC", microseconds, 1);
         ::setenv("WATCHDOG_PID", pid.c_str(), 1);
-        TServiceWatchdog().alive();
+        ServiceWatchdog().alive();
         return manager_.receiveNow();
     }
 
-    TTempDir dir_;
+    TempDir dir_;
     std::string path_ = dir_ / "notify";
-    TRawSocket manager_{path_};
+    RawSocket manager_{path_};
 };
 
 constexpr const char* NOTHING = "<nothing there>";
@@ -64,21 +64,21 @@ TEST_F(ServiceManager, HearsOfTheWatchdogOnlyWhenItAsksForIt)
     for (const char* wrong : {"", "0", "-5", "soon", "3000000x"})
         EXPECT_EQ(NOTHING, heard(wrong, mine)) << wrong;
     ::unsetenv("WATCHDOG_USEC");
-    TServiceWatchdog().alive();
+    ServiceWatchdog().alive();
     EXPECT_EQ(NOTHING, manager_.receiveNow());
 }
 
 TEST_F(ServiceManager, IsNotToldMoreOftenThanItNeeds)
 {
     ::setenv("WATCHDOG_USEC", "600000000", 1);
-    TServiceWatchdog rare;
+    ServiceWatchdog rare;
     rare.alive();
     EXPECT_EQ("WATCHDOG=1", manager_.receiveNow());
     for (int i = 0; i < 1000; ++i)
         rare.alive();
     EXPECT_EQ(NOTHING, manager_.receiveNow());
     ::setenv("WATCHDOG_USEC", "3000", 1);
-    TServiceWatchdog often;
+    ServiceWatchdog often;
     for (int i = 0; i < 3; ++i) {
         often.alive();
         EXPECT_EQ("WATCHDOG=1", manager_.receiveNow());
@@ -89,7 +89,7 @@ TEST_F(ServiceManager, IsNotToldMoreOftenThanItNeeds)
 TEST_F(ServiceManager, HearsNothingOfAForkedChild)
 {
     ::setenv("WATCHDOG_USEC", "3000000", 1);
-    TServiceWatchdog watchdog;
+    ServiceWatchdog watchdog;
     const pid_t child = ::fork();
     if (child == 0) {
         watchdog.alive();
@@ -102,7 +102,7 @@ TEST_F(ServiceManager, HearsNothingOfAForkedChild)
 
 TEST_F(ServiceManager, IsNotWaitedForByTheWatchdog)
 {
-    const TRawSocket busy;
+    const RawSocket busy;
     while (busy.sendTo(path_, "STATUS=", 7)) {
     }
     EXPECT_FALSE(tellServiceManager("WATCHDOG=1", 0));

@@ -5,9 +5,9 @@
 #include <cstdlib>
 
 /// While it lives, a signal is handled by counting it, and by `handler` where one is given. One at a time.
-class TSignalCounter {
+class SignalCounter {
 public:
-    explicit TSignalCounter(int signo, int flags = 0, void (*handler)() = nullptr) : signo_(signo)
+    explicit SignalCounter(int signo, int flags = 0, void (*handler)() = nullptr) : signo_(signo)
     {
         count_ = 0;
         handler_ = handler;
@@ -19,9 +19,9 @@ public:
         action.sa_flags = flags;
         if (::sigaction(signo, &action, &before_) != 0) std::abort();
     }
-    TSignalCounter(const TSignalCounter&) = delete;
-    TSignalCounter& operator=(const TSignalCounter&) = delete;
-    ~TSignalCounter() { ::sigaction(signo_, &before_, nullptr); }
+    SignalCounter(const SignalCounter&) = delete;
+    SignalCounter& operator=(const SignalCounter&) = delete;
+    ~SignalCounter() { ::sigaction(signo_, &before_, nullptr); }
 
     int count() const { return count_; }
     void startAgain() { count_ = 0; }

@@ -32,7 +32,7 @@ TEST(Sleep, NothingAndLessAreOverAtOnce)
 
 TEST(Sleep, GoesOnAfterSignals)
 {
-    const TSignalCounter alarms(SIGALRM);
+    const SignalCounter alarms(SIGALRM);
     itimerval every20ms{};
     every20ms.it_interval.tv_usec = every20ms.it_value.tv_usec = 20'000;
     ASSERT_EQ(::setitimer(ITIMER_REAL, &every20ms, nullptr), 0);

@@ -39,7 +39,7 @@ protected:
         return {std::istreambuf_iterator<char>(file), {}};
     }
 
-    TTempDir dir_;
+    TempDir dir_;
 };
 
 TEST_F(VersionReInit, IsDoneWhenTheProgramExitsWithZero)
@@ -161,7 +161,7 @@ TEST_F(VersionReInit, TheProcessMayEndWhileAThreadWaitsForIt)
     choose("#!/bin/sh\ncd '" + dir_.path() +
            "'\n: > begun\ni=0\nwhile [ ! -e go ] && [ $i -lt 400 ]; do sleep 0.05; i=$((i+1)); done\n: > done\n");
     const auto exists = [&](const char* name) { return ::access((dir_ / name).c_str(), F_OK) == 0; };
-    TChildProcess process([&] {
+    ChildProcess process([&] {
         std::thread([] { (void)versionReInit(); }).detach();
         if (waitUntil([&] { return exists("begun"); })) std::exit(7);
         return 8;
@@ -175,7 +175,7 @@ TEST_F(VersionReInit, TheProcessMayEndWhileAThreadWaitsForIt)
 TEST_F(VersionReInit, SignalsMeanwhileDoNotDisturbTheWait)
 {
     choose("#!/bin/sh\nsleep 0.3\nexit 0\n");
-    const TSignalCounter alarms(SIGALRM);
+    const SignalCounter alarms(SIGALRM);
     itimerval every20ms{};
     every20ms.it_interval.tv_usec = every20ms.it_value.tv_usec = 20'000;
     ASSERT_EQ(::setitimer(ITIMER_REAL, &every20ms, nullptr), 0);

@@ -13,11 +13,11 @@
 #include "tests/support/waiting.h"
 
 /// Two descriptors: what is written to the one can be read from the other.
-class TWay {
+class Way {
 public:
     enum Kind { PIPE, PACKET_PIPE, STREAM, TERMINAL };
 
-    explicit TWay(Kind kind) : kind_(kind)
+    explicit Way(Kind kind) : kind_(kind)
     {
         int ends[2];
         if (!open(ends)) throw std::runtime_error("there is no such way");
@@ -25,9 +25,9 @@ public:
         near_ = ends[1];
         ::fcntl(far_, F_SETFL, O_NONBLOCK);
     }
-    TWay(const TWay&) = delete;
-    TWay& operator=(const TWay&) = delete;
-    ~TWay()
+    Way(const Way&) = delete;
+    Way& operator=(const Way&) = delete;
+    ~Way()
     {
         closeFar();
         ::close(near_);

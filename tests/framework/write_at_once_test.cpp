@@ -23,33 +23,33 @@ enum System { AS_IT_IS, WITHOUT_NOWAIT, WITHOUT_DESCRIPTORS };
 
 struct Case {
     const char* name;
-    TWay::Kind kind;
+    Way::Kind kind;
     System system;
 };
 
 const Case cases[] = {
-    {"pipe", TWay::PIPE, AS_IT_IS},
-    {"pipe, opened again", TWay::PIPE, WITHOUT_NOWAIT},
-    {"pipe, looked at", TWay::PIPE, WITHOUT_DESCRIPTORS},
-    {"packet pipe", TWay::PACKET_PIPE, AS_IT_IS},
-    {"packet pipe, opened again", TWay::PACKET_PIPE, WITHOUT_NOWAIT},
-    {"packet pipe, looked at", TWay::PACKET_PIPE, WITHOUT_DESCRIPTORS},
-    {"stream socket", TWay::STREAM, AS_IT_IS},
-    {"terminal, opened again", TWay::TERMINAL, AS_IT_IS},
-    {"terminal, looked at", TWay::TERMINAL, WITHOUT_DESCRIPTORS},
+    {"pipe", Way::PIPE, AS_IT_IS},
+    {"pipe, opened again", Way::PIPE, WITHOUT_NOWAIT},
+    {"pipe, looked at", Way::PIPE, WITHOUT_DESCRIPTORS},
+    {"packet pipe", Way::PACKET_PIPE, AS_IT_IS},
+    {"packet pipe, opened again", Way::PACKET_PIPE, WITHOUT_NOWAIT},
+    {"packet pipe, looked at", Way::PACKET_PIPE, WITHOUT_DESCRIPTORS},
+    {"stream socket", Way::STREAM, AS_IT_IS},
+    {"terminal, opened again", Way::TERMINAL, AS_IT_IS},
+    {"terminal, looked at", Way::TERMINAL, WITHOUT_DESCRIPTORS},
 };
 
 /// The system of a case, for as long as it lives.
-class TSystem {
+class ChosenSystem {
 public:
-    explicit TSystem(System system)
+    explicit ChosenSystem(System system)
     {
         if (system != AS_IT_IS) withoutNowait_.emplace();
         if (system == WITHOUT_DESCRIPTORS) withoutDescriptors_.emplace(STDERR_FILENO + 1);
     }
 
 private:
-    std::optional<fake_system::TNoNowait> withoutNowait_;
+    std::optional<fake_system::NoNowait> withoutNowait_;
     std::optional<DescriptorLimit> withoutDescriptors_;
 };
 
@@ -68,11 +68,11 @@ bool isPending(int signo)
 TEST(WriteAtOnce, WritesWhereThereIsRoom)
 {
     for (const Case& c : cases) {
-        const TWay way(c.kind);
+        const Way way(c.kind);
         const auto before = openDescriptors();
         const std::string text(1000, 'x');
         {
-            const TSystem system(c.system);
+            const ChosenSystem system(c.system);
             EXPECT_EQ(writeAtOnce(way.fd(), text), 1000U) << c.name;
             EXPECT_EQ(writeAtOnce(way.fd(), "yz\n"), 3U) << c.name;
         }
@@ -84,11 +84,11 @@ TEST(WriteAtOnce, WritesWhereThereIsRoom)
 TEST(WriteAtOnce, WritesNothingAndDoesNotWaitWhereThereIsNone)
 {
     for (const Case& c : cases) {
-        const TWay way(c.kind);
+        const Way way(c.kind);
         way.fill();
         const int flags = ::fcntl(way.fd(), F_GETFL);
         {
-            const TSystem system(c.system);
+            const ChosenSystem system(c.system);
             for (int i = 0; i < 10; ++i)
                 EXPECT_EQ(writeAtOnce(way.fd(), "a line\n"), 0U) << c.name;
         }
@@ -102,9 +102,9 @@ TEST(WriteAtOnce, WritesNothingAndDoesNotWaitWhereThereIsNone)
 TEST(WriteAtOnce, APacketPipeGetsOnePacketForEach)
 {
     for (const System system : {AS_IT_IS, WITHOUT_NOWAIT, WITHOUT_DESCRIPTORS}) {
-        const TWay way(TWay::PACKET_PIPE);
+        const Way way(Way::PACKET_PIPE);
         {
-            const TSystem here(system);
+            const ChosenSystem here(system);
             EXPECT_EQ(writeAtOnce(way.fd(), "first"), 5U);
             EXPECT_EQ(writeAtOnce(way.fd(), "second"), 6U);
         }
@@ -116,8 +116,8 @@ TEST(WriteAtOnce, APacketPipeGetsOnePacketForEach)
 TEST(WriteAtOnce, ManyThreadsGetWhatRoomThereIsAndNoneWaits)
 {
     for (const System system : {AS_IT_IS, WITHOUT_NOWAIT}) {
-        const TWay way(TWay::PIPE);
-        const TSystem here(system);
+        const Way way(Way::PIPE);
+        const ChosenSystem here(system);
         std::atomic<std::size_t> taken{0};
         std::atomic<int> cut{0};
         const auto writeMany = [&] {
@@ -143,9 +143,9 @@ TEST(WriteAtOnce, WithoutAReaderNoSignalIsRaised)
 {
     const auto before = std::signal(SIGPIPE, SIG_DFL); // it would end this process
     for (const Case& c : cases) {
-        TWay way(c.kind);
+        Way way(c.kind);
         way.closeFar();
-        const TSystem system(c.system);
+        const ChosenSystem system(c.system);
         EXPECT_EQ(writeAtOnce(way.fd(), "a line\n"), 0U) << c.name;
         EXPECT_FALSE(isPending(SIGPIPE)) << c.name;
     }
@@ -159,7 +159,7 @@ TEST(WriteAtOnce, SignalsThatWereHeldBackStaySo)
     ::sigemptyset(&held);
     ::sigaddset(&held, SIGPIPE);
     ::pthread_sigmask(SIG_BLOCK, &held, &before);
-    TWay way(TWay::PIPE);
+    Way way(Way::PIPE);
     way.closeFar();
     EXPECT_EQ(writeAtOnce(way.fd(), "a line\n"), 0U);
     EXPECT_FALSE(isPending(SIGPIPE)) << "none of its own is left";
@@ -174,16 +174,16 @@ TEST(WriteAtOnce, SignalsThatWereHeldBackStaySo)
 /// One process at a time may write to a terminal that wants it so (TOSTOP); others would be stopped.
 TEST(WriteAtOnce, InTheBackgroundOfATerminalNobodyIsStopped)
 {
-    TChildProcess session([] {
+    ChildProcess session([] {
         std::signal(SIGHUP, SIG_IGN); // the terminal's end
         if (::setsid() < 0) return 1;
-        const TWay way(TWay::TERMINAL);
+        const Way way(Way::TERMINAL);
         if (::ioctl(way.fd(), TIOCSCTTY, 0) != 0) return 2;
         termios line{};
         ::tcgetattr(way.fd(), &line);
         line.c_lflag |= TOSTOP;
         ::tcsetattr(way.fd(), TCSANOW, &line);
-        TChildProcess background([&] {
+        ChildProcess background([&] {
             ::setpgid(0, 0);
             return writeAtOnce(way.fd(), "a line\n") == 7 ? 0 : 1;
         });
@@ -208,8 +208,8 @@ TEST(WriteAtOnce, AFileIsWrittenAtItsOwnPlace)
 TEST(WriteAtOnce, AllocatesNothing)
 {
     for (const Case& c : cases) {
-        const TWay way(c.kind);
-        const TSystem system(c.system);
+        const Way way(c.kind);
+        const ChosenSystem system(c.system);
         const unsigned before = allocationCount();
         const unsigned mallocsBefore = fake_system::mallocCount();
         (void)writeAtOnce(way.fd(), "a line\n");

@@ -17,7 +17,7 @@ std::span<const std::string_view> fuzzDictionary()
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     const std::string_view text(reinterpret_cast<const char*>(data), size);
-    TCommandAddress address;
+    CommandAddress address;
     std::memset(&address, 0x5A, sizeof address);
     const int result = parseCmdAddress(text, address);
 

@@ -50,7 +50,7 @@ std::uint64_t timeByRules(const std::string& text)
     return static_cast<std::uint64_t>(sum);
 }
 
-void checkListing(const FakeConn& conn, const TDelayQueue& queue)
+void checkListing(const FakeConn& conn, const DelayQueue& queue)
 {
     std::string all;
     for (const std::string& part : conn.written) {

@@ -58,7 +58,7 @@ public:
         line = line.c_str(); // as readers hand it over: up to its NUL
         FakeConn conn(portType, 0xBB01'0000);
         std::vector<char> buffer(line.c_str(), line.c_str() + line.size() + 1);
-        const TCmdEntry entry{tag, buffer.data()};
+        const CmdEntry entry{tag, buffer.data()};
         const int resetsBefore = resets;
         forwarded_.clear();
         int result = 0;
@@ -85,7 +85,7 @@ public:
     /// Lets everything that is delayed fall due at once.
     void runDelayed()
     {
-        TDelayQueue due;
+        DelayQueue due;
         for (const auto& [time, line] : bench_.delayQueues.lines())
             due.add(0, line);
         bench_.delayQueues = std::move(due);
@@ -108,10 +108,10 @@ private:
     }
 
     /// For a line that waits; others write to the record meanwhile.
-    void makeRoom(const TCmdProgress& progress)
+    void makeRoom(const CmdProgress& progress)
     {
         fuzzCheck(progress.waits(), "a line that waits says what for");
-        if (progress.wait == TCmdProgress::Wait::room) {
+        if (progress.wait == CmdProgress::Wait::room) {
             fuzzCheck(progress.queueWaiter.address == 2001, "it waits for the process whose queue is full");
             const std::size_t before = forwarded_.size();
             takeForwarded();
@@ -122,7 +122,7 @@ private:
         bench_.outLen = 0;
     }
 
-    void checkAtItsStart(const TCmdProgress& progress)
+    void checkAtItsStart(const CmdProgress& progress)
     {
         fuzzCheck(!progress.waits() && progress.token == 0 && !progress.pastReset && progress.queueWaiter.address == 0,
                   "a line leaves nothing behind");

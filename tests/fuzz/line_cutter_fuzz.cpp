@@ -19,7 +19,7 @@ struct Cut {
     std::span<char> text() { return std::span(buffer).first(buffer.size() - 1); }
 
     std::vector<char> buffer;
-    std::vector<TCmdEntry> entries;
+    std::vector<CmdEntry> entries;
 };
 
 void check(const std::string& received, Cut& cut, int count, std::uint32_t tag,
@@ -27,7 +27,7 @@ void check(const std::string& received, Cut& cut, int count, std::uint32_t tag,
 {
     fuzzCheck(count == static_cast<int>(expected.size()), "the number of lines is what the rules give");
     for (std::size_t i = 0; i < expected.size(); ++i) {
-        const TCmdEntry& entry = cut.entries[i];
+        const CmdEntry& entry = cut.entries[i];
         fuzzCheck(entry.text >= cut.buffer.data() && entry.text < cut.buffer.data() + received.size(),
                   "a line begins inside the buffer");
         fuzzCheck(i == 0 || entry.text > cut.entries[i - 1].text, "lines stand in order");

@@ -12,14 +12,14 @@
 #include "tests/support/private_mounts.h"
 
 // In place of the daemon's own, which are then not linked in: nothing here restarts anything.
-TReset::TReset(TReInit& reInit, std::function<int()> forkWhole) : reInit_(reInit), forkWhole_(std::move(forkWhole)) {}
+Reset::Reset(ReInit& reInit, std::function<int()> forkWhole) : reInit_(reInit), forkWhole_(std::move(forkWhole)) {}
 
-ResetResult TReset::ask(const char* line, const void* /*asker*/) noexcept
+ResetResult Reset::ask(const char* line, const void* /*asker*/) noexcept
 {
     return std::strlen(line) % 2 == 0 ? RESET_STARTED : RESET_REFUSED; // refused by turns
 }
 
-void TReset::finishForgotten() noexcept {}
+void Reset::finishForgotten() noexcept {}
 
 namespace {
 

@@ -11,11 +11,11 @@ using telnet::Verdict;
 
 namespace {
 
-constexpr std::chrono::seconds LONGEST_NEGOTIATION = TTelnetNegotiation::TIME + TTelnetNegotiation::LINEMODE_TIME;
+constexpr std::chrono::seconds LONGEST_NEGOTIATION = TelnetNegotiation::TIME + TelnetNegotiation::LINEMODE_TIME;
 
-TelnetConversation<TTelnetNegotiation> negotiation()
+TelnetConversation<TelnetNegotiation> negotiation()
 {
-    return TelnetConversation<TTelnetNegotiation>([](Instant now) { return TTelnetNegotiation(now); });
+    return TelnetConversation<TelnetNegotiation>([](Instant now) { return TelnetNegotiation(now); });
 }
 
 /// Says the pieces in their time, and nothing after that.
@@ -102,8 +102,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                   slow.now() == talk.now(),
               "it makes no difference in which pieces bytes arrive");
 
-    TelnetConversation<TTelnetEchoSwitch> echo([](Instant now) { return TTelnetEchoSwitch(false, now); });
-    run(echo, pieces, TTelnetEchoSwitch::TIME);
+    TelnetConversation<TelnetEchoSwitch> echo([](Instant now) { return TelnetEchoSwitch(false, now); });
+    run(echo, pieces, TelnetEchoSwitch::TIME);
     fuzzCheck(echo.sent().empty(), "an echo switch answers nothing");
     return 0;
 }

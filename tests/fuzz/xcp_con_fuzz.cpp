@@ -75,7 +75,7 @@ struct Session {
     {
         const char* const begin = conn.rxBuf.data() + sizeof header;
         for (std::size_t i = 0; i < static_cast<std::size_t>(count); ++i) {
-            const TCmdEntry& entry = conn.cmds[i];
+            const CmdEntry& entry = conn.cmds[i];
             fuzzCheck(entry.text >= begin && entry.text < begin + declared, "a line begins inside the payload");
             fuzzCheck(entry.text + std::strlen(entry.text) <= begin + declared,
                       "a line ends with the payload at the latest");

@@ -194,12 +194,12 @@ def test_every_header_serves_alone_and_all_it_declares_is_exported(prefix, tmp_p
             Sleep(0);
             TOrbAttachmentMsg msg{};
             if (g_qMgr.getMsg(&msg, MSG_QUEUE_ALL, false) >= 0 || g_qMgr.sendMsg(7, &msg, 16, false) != SEND_FAILED) return 5;
-            TQueueRoom room;
+            QueueRoom room;
             if (room.watch(7) != -1 || room.fd() != -1) return 7;
             room.stop();
             if (replyText("5", "") != "5\\r\\n\\r\\n" || replyMessages("5").size() != 1) return 8;
             try {
-                TCommandProcess nowhere(0, "N", PORTS_ALL, [](std::string_view) { return std::string(); });
+                CommandProcess nowhere(0, "N", PORTS_ALL, [](std::string_view) { return std::string(); });
                 return 9;
             } catch (const std::runtime_error&) {
             }
@@ -218,8 +218,8 @@ def test_every_header_serves_alone_and_all_it_declares_is_exported(prefix, tmp_p
 INTERFACE = (
     "TQueueMgr::getMsg(TOrbAttachmentMsg*, TMsgQueueTypes, bool)",
     "TQueueMgr::sendMsg(long, TOrbAttachmentMsg*, long, bool)",
-    "TQueueRoom::watch(long)",
-    "TQueueRoom::stop()",
+    "QueueRoom::watch(long)",
+    "QueueRoom::stop()",
     "Sleep(int)",
     "versionReInit()",
 )
@@ -229,7 +229,7 @@ def test_the_shared_library_exports_nothing_of_its_inside(prefix):
     names = run("nm", "-DC", "--defined-only", next(prefix.rglob(SONAME)))
     for operation in INTERFACE:
         assert operation in names, operation
-    inside = re.findall(r"(?:TOwnQueue|TMsgBacklog|TQueueDirectory|TQueueSender|TSyslogSocket|TLogLine)::\w+", names)
+    inside = re.findall(r"(?:OwnQueue|MsgBacklog|QueueDirectory|QueueSender|SyslogSocket|LogLineText)::\w+", names)
     assert not inside, inside
 
 
@@ -239,7 +239,7 @@ def test_with_another_framework_library_nobody_knows_when_a_queue_has_room(tmp_p
         """#include "framework/queue_room.h"
         int main()
         {
-            TQueueRoom room;
+            QueueRoom room;
             const int first = room.watch(1001);
             room.stop();
             return first == -1 && room.fd() == -1 ? 0 : 1;

@@ -33,7 +33,7 @@ namespace {
 
 struct Kind {
     const char* name;
-    std::unique_ptr<TLocalSocketPort> (*make)();
+    std::unique_ptr<LocalSocketPort> (*make)();
     const char* path;
     std::uint32_t portType;
     std::uint32_t firstConnId; ///< of the first connection
@@ -43,7 +43,7 @@ struct Kind {
     std::int32_t constructorExit, destructorExit;
 };
 
-template <class Port> std::unique_ptr<TLocalSocketPort> make()
+template <class Port> std::unique_ptr<LocalSocketPort> make()
 {
     return std::make_unique<Port>();
 }
@@ -139,7 +139,7 @@ private:
     std::vector<TPortConn*> conns_;
 };
 
-class LocalSocketPort : public testing::TestWithParam<Kind> {
+class LocalSocketPortTest : public testing::TestWithParam<Kind> {
 protected:
     void SetUp() override
     {
@@ -151,7 +151,7 @@ protected:
 
 } // namespace
 
-TEST_P(LocalSocketPort, OpensWithItsNumbers)
+TEST_P(LocalSocketPortTest, OpensWithItsNumbers)
 {
     const auto port = kind().make();
     EXPECT_TRUE(port->isOpen);
@@ -165,7 +165,7 @@ TEST_P(LocalSocketPort, OpensWithItsNumbers)
     EXPECT_TRUE(fs::is_socket(path()));
 }
 
-TEST_P(LocalSocketPort, BindsTheWholeAddressStructure)
+TEST_P(LocalSocketPortTest, BindsTheWholeAddressStructure)
 {
     const auto port = kind().make();
     sockaddr_un bound{};
@@ -175,7 +175,7 @@ TEST_P(LocalSocketPort, BindsTheWholeAddressStructure)
     EXPECT_EQ(sizeof port->listenAddr, 110U);
 }
 
-TEST_P(LocalSocketPort, GivesItsSocketFileTheProcesssDefaultMode)
+TEST_P(LocalSocketPortTest, GivesItsSocketFileTheProcesssDefaultMode)
 {
     const mode_t before = ::umask(027);
     const auto port = kind().make();
@@ -185,7 +185,7 @@ TEST_P(LocalSocketPort, GivesItsSocketFileTheProcesssDefaultMode)
     EXPECT_EQ(found.st_mode & 07777U, 0750U);
 }
 
-TEST_P(LocalSocketPort, OpensEveryDescriptorCloseOnExec)
+TEST_P(LocalSocketPortTest, OpensEveryDescriptorCloseOnExec)
 {
     const auto port = kind().make();
     Clients clients(path());
@@ -198,7 +198,7 @@ TEST_P(LocalSocketPort, OpensEveryDescriptorCloseOnExec)
     EXPECT_NE(::fcntl(conn->fd, F_GETFL) & O_NONBLOCK, 0);
 }
 
-TEST_P(LocalSocketPort, ReplacesAFileThatIsLeftOver)
+TEST_P(LocalSocketPortTest, ReplacesAFileThatIsLeftOver)
 {
     std::ofstream(path()) << "left over";
     EXPECT_TRUE(kind().make()->isOpen) << "a plain file";
@@ -216,7 +216,7 @@ TEST_P(LocalSocketPort, ReplacesAFileThatIsLeftOver)
     EXPECT_GE(clients.connect(), 0);
 }
 
-TEST_P(LocalSocketPort, ThrowsWhenItCannotBind)
+TEST_P(LocalSocketPortTest, ThrowsWhenItCannotBind)
 {
     fs::create_directories(fs::path(path()) / "not empty");
     std::string thrown;
@@ -231,7 +231,7 @@ TEST_P(LocalSocketPort, ThrowsWhenItCannotBind)
     fs::remove_all(path());
 }
 
-TEST_P(LocalSocketPort, LeavesItsDescriptorOpenWhenItThrows)
+TEST_P(LocalSocketPortTest, LeavesItsDescriptorOpenWhenItThrows)
 {
     fs::create_directories(fs::path(path()) / "not empty");
     const auto before = openDescriptors();
@@ -240,12 +240,12 @@ TEST_P(LocalSocketPort, LeavesItsDescriptorOpenWhenItThrows)
     fs::remove_all(path());
 }
 
-TEST_P(LocalSocketPort, StaysClosedWhenThereIsNoDescriptor)
+TEST_P(LocalSocketPortTest, StaysClosedWhenThereIsNoDescriptor)
 {
 #ifdef __SANITIZE_ADDRESS__
     GTEST_SKIP() << "the sanitizer itself needs descriptors";
 #endif
-    std::unique_ptr<TLocalSocketPort> port;
+    std::unique_ptr<LocalSocketPort> port;
     {
         const DescriptorLimit none(0);
         port = kind().make();
@@ -260,7 +260,7 @@ TEST_P(LocalSocketPort, StaysClosedWhenThereIsNoDescriptor)
     EXPECT_THAT(log.lines(), ElementsAre());
 }
 
-TEST_P(LocalSocketPort, FindsNobodyAtOnceWhenNobodyConnects)
+TEST_P(LocalSocketPortTest, FindsNobodyAtOnceWhenNobodyConnects)
 {
     const auto port = kind().make();
     TPortConn* conn = nullptr;
@@ -272,7 +272,7 @@ TEST_P(LocalSocketPort, FindsNobodyAtOnceWhenNobodyConnects)
     EXPECT_EQ(port->nextConnId, kind().firstConnId - 0x10000);
 }
 
-TEST_P(LocalSocketPort, HandsOutAClientAsAConnectionWithTheNextId)
+TEST_P(LocalSocketPortTest, HandsOutAClientAsAConnectionWithTheNextId)
 {
     const auto port = kind().make();
     Clients clients(path());
@@ -290,7 +290,7 @@ TEST_P(LocalSocketPort, HandsOutAClientAsAConnectionWithTheNextId)
     EXPECT_EQ(handedOut.take(), nullptr);
 }
 
-TEST_P(LocalSocketPort, WrapsItsIdsSilently)
+TEST_P(LocalSocketPortTest, WrapsItsIdsSilently)
 {
     const auto port = kind().make();
     port->nextConnId = 0xFFFF'0000;
@@ -302,7 +302,7 @@ TEST_P(LocalSocketPort, WrapsItsIdsSilently)
     EXPECT_EQ(conn->connId, 0U);
 }
 
-TEST_P(LocalSocketPort, LogsAnAdmittedClientWithTheIdBeforeItsOwnWhereItLogsThem)
+TEST_P(LocalSocketPortTest, LogsAnAdmittedClientWithTheIdBeforeItsOwnWhereItLogsThem)
 {
     const auto port = kind().make();
     Clients clients(path());
@@ -319,7 +319,7 @@ TEST_P(LocalSocketPort, LogsAnAdmittedClientWithTheIdBeforeItsOwnWhereItLogsThem
     EXPECT_THAT(log.lines(), ElementsAreArray(expected));
 }
 
-TEST_P(LocalSocketPort, ClosesTheEleventhClientAtOnceAndTakesTheNextWhenOneHasGone)
+TEST_P(LocalSocketPortTest, ClosesTheEleventhClientAtOnceAndTakesTheNextWhenOneHasGone)
 {
     const auto port = kind().make();
     Clients clients(path());
@@ -354,7 +354,7 @@ TEST_P(LocalSocketPort, ClosesTheEleventhClientAtOnceAndTakesTheNextWhenOneHasGo
     EXPECT_EQ(next->connId, kind().firstConnId + 11 * 0x10000U);
 }
 
-TEST_P(LocalSocketPort, LeavesAClientWaitingForWhomThereIsNoDescriptor)
+TEST_P(LocalSocketPortTest, LeavesAClientWaitingForWhomThereIsNoDescriptor)
 {
     const auto port = kind().make();
     Clients clients(path());
@@ -381,7 +381,7 @@ TEST_P(LocalSocketPort, LeavesAClientWaitingForWhomThereIsNoDescriptor)
     EXPECT_EQ(port->due, NEVER);
 }
 
-TEST_P(LocalSocketPort, LeavesTheFileAndTheClientsToTheOriginalWhenACopyCloses)
+TEST_P(LocalSocketPortTest, LeavesTheFileAndTheClientsToTheOriginalWhenACopyCloses)
 {
     auto original = kind().make();
     Clients clients(path());
@@ -406,7 +406,7 @@ TEST_P(LocalSocketPort, LeavesTheFileAndTheClientsToTheOriginalWhenACopyCloses)
     EXPECT_NE(handedOut.take(), nullptr);
 }
 
-TEST_P(LocalSocketPort, ClosesAClientWhoseDescriptorNoSetHolds)
+TEST_P(LocalSocketPortTest, ClosesAClientWhoseDescriptorNoSetHolds)
 {
     const auto port = kind().make();
     Clients clients(path());
@@ -420,7 +420,7 @@ TEST_P(LocalSocketPort, ClosesAClientWhoseDescriptorNoSetHolds)
     EXPECT_EQ(port->activeConns, 0);
 }
 
-TEST_P(LocalSocketPort, LeavesAnEmptySlotAlone)
+TEST_P(LocalSocketPortTest, LeavesAnEmptySlotAlone)
 {
     const auto port = kind().make();
     port->activeConns = 3;
@@ -431,7 +431,7 @@ TEST_P(LocalSocketPort, LeavesAnEmptySlotAlone)
     EXPECT_THAT(log.lines(), ElementsAre());
 }
 
-TEST_P(LocalSocketPort, ClosesOnceAndRemovesItsSocketFile)
+TEST_P(LocalSocketPortTest, ClosesOnceAndRemovesItsSocketFile)
 {
     const auto port = kind().make();
     port->activeConns = 5;
@@ -452,7 +452,7 @@ TEST_P(LocalSocketPort, ClosesOnceAndRemovesItsSocketFile)
     EXPECT_THAT(log.lines(), ElementsAre(kind().portClosed)) << "the second call logs nothing";
 }
 
-TEST_P(LocalSocketPort, KeepsItsConnectionsWhenItCloses)
+TEST_P(LocalSocketPortTest, KeepsItsConnectionsWhenItCloses)
 {
     const auto port = kind().make();
     Clients clients(path());
@@ -467,7 +467,7 @@ TEST_P(LocalSocketPort, KeepsItsConnectionsWhenItCloses)
     EXPECT_TRUE(closedByServer(client));
 }
 
-TEST_P(LocalSocketPort, ClosesAtItsEnd)
+TEST_P(LocalSocketPortTest, ClosesAtItsEnd)
 {
     const LogCapture log;
     kind().make().reset();
@@ -475,7 +475,7 @@ TEST_P(LocalSocketPort, ClosesAtItsEnd)
     EXPECT_THAT(log.lines(), ElementsAre(kind().portClosed));
 }
 
-TEST_P(LocalSocketPort, RemovesItsPathOnceMoreAtItsEnd)
+TEST_P(LocalSocketPortTest, RemovesItsPathOnceMoreAtItsEnd)
 {
     auto port = kind().make();
     port->closePort();
@@ -484,7 +484,7 @@ TEST_P(LocalSocketPort, RemovesItsPathOnceMoreAtItsEnd)
     EXPECT_FALSE(fs::exists(path()));
 }
 
-TEST_P(LocalSocketPort, LeavesTheNumbersOfItsProgress)
+TEST_P(LocalSocketPortTest, LeavesTheNumbersOfItsProgress)
 {
     auto port = kind().make();
     EXPECT_EQ(g_milestone.load(), kind().constructorExit);
@@ -507,7 +507,7 @@ TEST_P(LocalSocketPort, LeavesTheNumbersOfItsProgress)
     ::close(reopened); // opened behind the constructor's back: the port does not count it as open
 }
 
-TEST_P(LocalSocketPort, LosesItsPathToWhoeverBindsItNext)
+TEST_P(LocalSocketPortTest, LosesItsPathToWhoeverBindsItNext)
 {
     const auto first = kind().make();
     const auto second = kind().make();
@@ -519,5 +519,5 @@ TEST_P(LocalSocketPort, LosesItsPathToWhoeverBindsItNext)
     EXPECT_NE(ofSecond.take(), nullptr);
 }
 
-INSTANTIATE_TEST_SUITE_P(Each, LocalSocketPort, testing::ValuesIn(kinds),
+INSTANTIATE_TEST_SUITE_P(Each, LocalSocketPortTest, testing::ValuesIn(kinds),
                          [](const testing::TestParamInfo<Kind>& row) { return std::string(row.param.name); });

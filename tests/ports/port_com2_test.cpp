@@ -279,7 +279,7 @@ TEST_F(PortCom2, HasOneConnectionAtATimeAndTheNextWhenThatHasGone)
     EXPECT_EQ(port.activeConns, 1);
 
     TPortConn* none = nullptr;
-    EXPECT_FALSE(port.isDue(TWaitSet())) << "there is one: nothing to ask for";
+    EXPECT_FALSE(port.isDue(WaitSet())) << "there is one: nothing to ask for";
     EXPECT_EQ(port.chkNewConn(&none), 0);
     EXPECT_EQ(none, nullptr);
     EXPECT_EQ(port.nextConnId, 0x0056'0000U);
@@ -289,7 +289,7 @@ TEST_F(PortCom2, HasOneConnectionAtATimeAndTheNextWhenThatHasGone)
     EXPECT_EQ(conn, nullptr);
     EXPECT_EQ(port.activeConns, 0);
     EXPECT_NE(::fcntl(port.fd, F_GETFD), -1) << "the line stays open";
-    EXPECT_TRUE(port.isDue(TWaitSet())) << "the next one is wanted";
+    EXPECT_TRUE(port.isDue(WaitSet())) << "the next one is wanted";
     EXPECT_FALSE(port.wantsInput);
 
     ASSERT_EQ(port.chkNewConn(&conn), 1);

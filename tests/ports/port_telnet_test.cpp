@@ -56,7 +56,7 @@ protected:
     /// @return false when nothing was ready or due before the end
     bool waitForPort(std::chrono::milliseconds end = DEADLINE) const
     {
-        TWaitSet waits;
+        WaitSet waits;
         if (port->wantsInput) waits.addInput(port->fd);
         waits.addDue(port->due);
         for (const TPortConn* conn : port->arriving) {

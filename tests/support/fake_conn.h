@@ -79,7 +79,7 @@ public:
     int writeResult = 0;
     int timedOut = 0;
     int serial = 0;
-    TLineOutput line;
+    LineOutput line;
     int unmuted = 1;
     int mutes = 0;
     int reads = 0;

@@ -38,5 +38,5 @@ public:
 private:
     std::FILE* file_;
     int caught_ = -1;
-    std::optional<TStandardError> standardError_;
+    std::optional<StandardError> standardError_;
 };

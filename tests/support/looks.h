@@ -7,7 +7,7 @@
 /// Waits for a connection as the service loop does.
 inline void waitForLook(const TPortConn& conn)
 {
-    TWaitSet waits;
+    WaitSet waits;
     if (conn.wantsInput) waits.addInput(conn.fd);
     waits.addDue(conn.due);
     waits.wait(DEADLINE);
@@ -16,7 +16,7 @@ inline void waitForLook(const TPortConn& conn)
 /// @return true when the service loop would look at a connection at once
 inline bool wouldBeLookedAt(const TPortConn& conn)
 {
-    TWaitSet waits;
+    WaitSet waits;
     if (conn.wantsInput) waits.addInput(conn.fd);
     waits.wait(std::chrono::milliseconds(0));
     return waits.hasInput(conn.fd) || waits.isDue(conn.due);

@@ -11,7 +11,7 @@
 #include "tests/support/temp_dir.h"
 
 /// A new directory for queues, which TESS_QUEUE_DIR names while it lives.
-class TempQueueDir : public TTempDir {
+class TempQueueDir : public TempDir {
 public:
     TempQueueDir();
     TempQueueDir(const TempQueueDir&) = delete;
@@ -60,7 +60,7 @@ private:
 
     const TempQueueDir& directory_;
     long address_;
-    std::optional<TRawSocket> socket_;
+    std::optional<RawSocket> socket_;
 };
 
 /// A record with a text and its NUL, and the length of both.

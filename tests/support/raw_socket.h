@@ -11,20 +11,20 @@
 #include <unistd.h>
 
 /// A bare Unix datagram socket: a peer that knows the wire and nothing else. It leaves its file behind.
-class TRawSocket {
+class RawSocket {
 public:
-    TRawSocket() : fd_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {}
+    RawSocket() : fd_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {}
     /// Bound to a path, or to an abstract name when `name` begins with a NUL.
-    explicit TRawSocket(const std::string& name) : TRawSocket()
+    explicit RawSocket(const std::string& name) : RawSocket()
     {
         socklen_t length = 0;
         const sockaddr_un at = address(name, length);
         if (::bind(fd_, reinterpret_cast<const sockaddr*>(&at), length) != 0)
             throw std::runtime_error("bind " + name + ": " + std::strerror(errno));
     }
-    TRawSocket(const TRawSocket&) = delete;
-    TRawSocket& operator=(const TRawSocket&) = delete;
-    ~TRawSocket() { ::close(fd_); }
+    RawSocket(const RawSocket&) = delete;
+    RawSocket& operator=(const RawSocket&) = delete;
+    ~RawSocket() { ::close(fd_); }
 
     int fd() const { return fd_; }
 

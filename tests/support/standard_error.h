@@ -5,15 +5,15 @@
 #include <unistd.h>
 
 /// Another standard error, for as long as it lives.
-class TStandardError {
+class StandardError {
 public:
-    explicit TStandardError(int fd) : saved_(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3))
+    explicit StandardError(int fd) : saved_(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3))
     {
         if (saved_ < 0 || ::dup2(fd, STDERR_FILENO) < 0) std::abort();
     }
-    TStandardError(const TStandardError&) = delete;
-    TStandardError& operator=(const TStandardError&) = delete;
-    ~TStandardError()
+    StandardError(const StandardError&) = delete;
+    StandardError& operator=(const StandardError&) = delete;
+    ~StandardError()
     {
         ::dup2(saved_, STDERR_FILENO);
         ::close(saved_);

@@ -6,17 +6,17 @@
 #include <string>
 
 /// A fresh directory that goes away with everything in it.
-class TTempDir {
+class TempDir {
 public:
-    TTempDir()
+    TempDir()
     {
         char name[] = "/tmp/tess-test-XXXXXX";
         if (::mkdtemp(name) == nullptr) throw std::runtime_error("mkdtemp failed");
         path_ = name;
     }
-    TTempDir(const TTempDir&) = delete;
-    TTempDir& operator=(const TTempDir&) = delete;
-    ~TTempDir()
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    ~TempDir()
     {
         std::error_code ignored;
         std::filesystem::remove_all(path_, ignored);

@@ -4,20 +4,20 @@
 #include "daemon/tess.h"
 
 /// Lets a test at the inside of a daemon.
-class TTessPeer {
+class TessPeer {
 public:
-    explicit TTessPeer(TTess& tess) : tess_(tess) {}
+    explicit TessPeer(TTess& tess) : tess_(tess) {}
 
-    void acceptConnections(const TWaitSet& waits = {}) { tess_.acceptConnections(waits); }
-    void servicePass(const TWaitSet& waits = {}) { tess_.servicePass(waits); }
+    void acceptConnections(const WaitSet& waits = {}) { tess_.acceptConnections(waits); }
+    void servicePass(const WaitSet& waits = {}) { tess_.servicePass(waits); }
     void serviceLoop() { tess_.serviceLoop(); }
-    bool collectConns(TWaitSet& waits) { return tess_.collectConns(waits); }
-    void serviceQueues(const TWaitSet& waits, TWaitSet& next) { tess_.serviceQueues(waits, next); }
+    bool collectConns(WaitSet& waits) { return tess_.collectConns(waits); }
+    void serviceQueues(const WaitSet& waits, WaitSet& next) { tess_.serviceQueues(waits, next); }
 
     /// One turn of the service loop, which waits for `most` at most.
     void serve(std::chrono::milliseconds most = {})
     {
-        TWaitSet next;
+        WaitSet next;
         (void)tess_.collectConns(next);
         tess_.runDelayedLines(waits_);
         tess_.serviceQueues(waits_, next);
@@ -43,7 +43,7 @@ public:
     std::vector<TPortConn*>& conns() { return tess_.conns; }
     FairMutex& connLock() { return tess_.connLock; }
     std::mutex& regLock() { return tess_.regLock; }
-    TDelayQueue& delayQueues() { return tess_.delayQueues; }
+    DelayQueue& delayQueues() { return tess_.delayQueues; }
     std::int32_t stopRequested() const { return tess_.stopRequested; }
     /// @return true when the service thread has been told to end after a stop message
     bool isEnding()
@@ -55,5 +55,5 @@ public:
 
 private:
     TTess& tess_;
-    TWaitSet waits_; ///< as the last wait has left it
+    WaitSet waits_; ///< as the last wait has left it
 };

@@ -11,7 +11,7 @@ namespace {
 
 std::vector<std::string> linesOf(const std::vector<std::string>& pieces)
 {
-    TAnswerReader reader;
+    AnswerReader reader;
     std::vector<std::string> lines;
     for (const std::string& piece : pieces)
         for (const std::string& line : reader.take(piece).lines)
@@ -50,11 +50,11 @@ TEST(AnswerReader, TellsWhereAnswersEnd)
         {"A\rB\r\n\r\n", {"A\rB"}, 1, 0, false},
     };
     for (const Row& row : rows) {
-        TAnswerReader reader;
-        const TAnswerReader::Progress progress = reader.take(row.received);
+        AnswerReader reader;
+        const AnswerReader::Progress progress = reader.take(row.received);
         EXPECT_EQ(progress.lines, row.lines) << testing::PrintToString(row.received);
         EXPECT_EQ(progress.answers.size(), row.answers) << testing::PrintToString(row.received);
-        EXPECT_EQ(std::ranges::count_if(progress.answers, &TAnswer::failed), row.failures)
+        EXPECT_EQ(std::ranges::count_if(progress.answers, &Answer::failed), row.failures)
             << testing::PrintToString(row.received);
         EXPECT_EQ(reader.insideAnswer(), row.inside) << testing::PrintToString(row.received);
     }
@@ -68,10 +68,10 @@ TEST(AnswerReader, TakesAnAnswerInPieces)
 
 TEST(AnswerReader, TakesAPauseForTheEnd)
 {
-    TAnswerReader reader;
+    AnswerReader reader;
     EXPECT_THAT(reader.takePause().lines, IsEmpty());
     (void)reader.take("one\r\ntwo\r");
-    const TAnswerReader::Progress progress = reader.takePause();
+    const AnswerReader::Progress progress = reader.takePause();
     EXPECT_THAT(progress.lines, ElementsAre("two"));
     ASSERT_EQ(progress.answers.size(), 1U);
     EXPECT_EQ(progress.answers[0].text, "one\ntwo");

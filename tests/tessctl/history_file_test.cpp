@@ -22,7 +22,7 @@ protected:
     }
     void TearDown() override { ::unsetenv("XDG_STATE_HOME"); }
 
-    const TTempDir dir_;
+    const TempDir dir_;
     const fs::path home_ = dir_.path();
 };
 

@@ -9,7 +9,7 @@ namespace {
 /// What is sent when these keys are pressed: decoded, put together again by the editor, and sent.
 std::string sent(std::string_view keys)
 {
-    TKeyDecoder decoder;
+    KeyDecoder decoder;
     std::string text;
     for (const char byte : keys) {
         decoder.add(byte);
@@ -40,7 +40,7 @@ TEST(KeyDecoder, LosesNoByteOfWhatIsTyped)
 TEST(KeyDecoder, WaitsForTheRestOfACharacter)
 {
     if (std::setlocale(LC_CTYPE, "C.UTF-8") == nullptr) GTEST_SKIP() << "there is no locale C.UTF-8";
-    TKeyDecoder decoder;
+    KeyDecoder decoder;
     EXPECT_EQ(decoder.next(), std::nullopt);
     decoder.add('\xC3');
     EXPECT_EQ(decoder.next(), std::nullopt);

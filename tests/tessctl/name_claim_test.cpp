@@ -7,7 +7,7 @@
 namespace {
 
 /// Locks of two open files exclude each other also in one process.
-class NameClaim : public testing::Test {
+class NameClaimTest : public testing::Test {
 protected:
     void SetUp() override { ::setenv("TESS_QUEUE_DIR", "/tmp", 1); }
     void TearDown() override { ::unsetenv("TESS_QUEUE_DIR"); }
@@ -15,11 +15,11 @@ protected:
 
 } // namespace
 
-TEST_F(NameClaim, TellsOthersOfTheSameName)
+TEST_F(NameClaimTest, TellsOthersOfTheSameName)
 {
-    const TNameClaim one("ENC");
-    const TNameClaim two("ENC");
-    const TNameClaim other("enc");
+    const NameClaim one("ENC");
+    const NameClaim two("ENC");
+    const NameClaim other("enc");
     EXPECT_FALSE(two.taken());
     one.hold(false);
     EXPECT_TRUE(two.taken());
@@ -28,12 +28,12 @@ TEST_F(NameClaim, TellsOthersOfTheSameName)
     EXPECT_FALSE(other.taken());
 }
 
-TEST_F(NameClaim, TellsThatANameWasTakenOver)
+TEST_F(NameClaimTest, TellsThatANameWasTakenOver)
 {
-    const TNameClaim server("ENC");
+    const NameClaim server("ENC");
     server.hold(false);
     {
-        const TNameClaim taker("ENC");
+        const NameClaim taker("ENC");
         taker.hold(true);
         EXPECT_TRUE(server.takenOver());
         EXPECT_TRUE(server.taken());
@@ -43,19 +43,19 @@ TEST_F(NameClaim, TellsThatANameWasTakenOver)
     EXPECT_FALSE(server.taken());
 }
 
-TEST_F(NameClaim, EndsWhenItIsReleased)
+TEST_F(NameClaimTest, EndsWhenItIsReleased)
 {
-    TNameClaim one("ENC");
-    const TNameClaim two("ENC");
+    NameClaim one("ENC");
+    const NameClaim two("ENC");
     one.hold(false);
     one.release();
     EXPECT_FALSE(two.taken());
 }
 
-TEST_F(NameClaim, KnowsNothingWithoutADirectory)
+TEST_F(NameClaimTest, KnowsNothingWithoutADirectory)
 {
     ::setenv("TESS_QUEUE_DIR", "/nowhere", 1);
-    const TNameClaim one("ENC");
+    const NameClaim one("ENC");
     one.hold(true);
     EXPECT_FALSE(one.taken());
     EXPECT_FALSE(one.takenOver());

@@ -8,7 +8,7 @@ using testing::IsEmpty;
 
 TEST(WordCompletion, KnowsTheBuiltInCommands)
 {
-    const TWordCompletion words;
+    const WordCompletion words;
     EXPECT_THAT(words.complete("d"), ElementsAre("DELAY"));
     EXPECT_THAT(words.complete("DELAY C"), ElementsAre("CLEAR"));
     EXPECT_THAT(words.complete("re"), ElementsAre("REINIT", "RESET"));
@@ -20,7 +20,7 @@ TEST(WordCompletion, KnowsTheBuiltInCommands)
 
 TEST(WordCompletion, RemembersTheNamesItHasSeen)
 {
-    TWordCompletion words;
+    WordCompletion words;
     words.see("s3.ENC SETX 5|*.GEN GETX 007");
     EXPECT_THAT(words.complete("s3"), ElementsAre("s3.ENC"));
     EXPECT_THAT(words.complete("s3.ENC se"), ElementsAre("SETX"));
@@ -30,9 +30,9 @@ TEST(WordCompletion, RemembersTheNamesItHasSeen)
 
 TEST(WordCompletion, FindsWhatWordsBeginWith)
 {
-    EXPECT_EQ(TWordCompletion::commonBeginning({}), "");
-    EXPECT_EQ(TWordCompletion::commonBeginning({"RESET"}), "RESET");
-    EXPECT_EQ(TWordCompletion::commonBeginning({"RESET", "REINIT"}), "RE");
-    EXPECT_EQ(TWordCompletion::commonBeginning({"A", "B"}), "");
-    EXPECT_EQ(TWordCompletion::commonBeginning({"GET", "GETX"}), "GET");
+    EXPECT_EQ(WordCompletion::commonBeginning({}), "");
+    EXPECT_EQ(WordCompletion::commonBeginning({"RESET"}), "RESET");
+    EXPECT_EQ(WordCompletion::commonBeginning({"RESET", "REINIT"}), "RE");
+    EXPECT_EQ(WordCompletion::commonBeginning({"A", "B"}), "");
+    EXPECT_EQ(WordCompletion::commonBeginning({"GET", "GETX"}), "GET");
 }

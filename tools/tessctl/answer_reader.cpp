@@ -9,7 +9,7 @@ bool meansFailure(std::string_view lastLine, std::size_t lines)
                           lastLine == "Error Processing Reset Command.");
 }
 
-TAnswerReader::Progress TAnswerReader::take(std::string_view bytes)
+AnswerReader::Progress AnswerReader::take(std::string_view bytes)
 {
     Progress progress;
     for (std::size_t end; (end = bytes.find('\n')) != std::string_view::npos; bytes.remove_prefix(end + 1)) {
@@ -21,7 +21,7 @@ TAnswerReader::Progress TAnswerReader::take(std::string_view bytes)
     return progress;
 }
 
-TAnswerReader::Progress TAnswerReader::takePause()
+AnswerReader::Progress AnswerReader::takePause()
 {
     Progress progress;
     if (rest_.ends_with('\r')) rest_.pop_back();
@@ -30,7 +30,7 @@ TAnswerReader::Progress TAnswerReader::takePause()
     return progress;
 }
 
-void TAnswerReader::takeLine(std::string line, Progress& progress)
+void AnswerReader::takeLine(std::string line, Progress& progress)
 {
     if (line.empty()) {
         if (!answer_.empty()) endAnswer(progress); // otherwise it belongs to no answer
@@ -42,9 +42,9 @@ void TAnswerReader::takeLine(std::string line, Progress& progress)
     if (refused) endAnswer(progress);
 }
 
-void TAnswerReader::endAnswer(Progress& progress)
+void AnswerReader::endAnswer(Progress& progress)
 {
-    TAnswer answer{{}, meansFailure(answer_.back(), answer_.size())};
+    Answer answer{{}, meansFailure(answer_.back(), answer_.size())};
     for (const std::string& line : std::exchange(answer_, {}))
         answer.text.append(answer.text.empty() ? "" : "\n").append(line);
     progress.answers.push_back(std::move(answer));

@@ -6,7 +6,7 @@
 #include <vector>
 
 /// A whole answer.
-struct TAnswer {
+struct Answer {
     std::string text;    ///< its lines with a LF between them
     bool failed = false; ///< see meansFailure()
 };
@@ -20,13 +20,13 @@ bool meansFailure(std::string_view lastLine, std::size_t lines);
 /// Takes answers out of what the daemon sends. An answer ends with an empty line, or is the line "?" alone, or is over when
 /// nothing more comes for a while, which the caller notices.
 /// Threads: one.
-class TAnswerReader {
+class AnswerReader {
 public:
     /// What has been taken in so far, in order.
     struct Progress {
         std::vector<std::string>
             lines; ///< whole lines without their ends; the empty line at an answer's end is not among them
-        std::vector<TAnswer> answers; ///< those that have ended
+        std::vector<Answer> answers; ///< those that have ended
     };
 
     /// @return what has become whole by these bytes

@@ -57,22 +57,22 @@ Seen lookAtDaemon()
 /// "*" is answered with "0" by the daemon itself.
 Seen lookAtSocket(LocalPort port)
 try {
-    TLocalClient client(port, 0, ANSWER_TIME);
+    LocalClient client(port, 0, ANSWER_TIME);
     client.sendLine("*", ANSWER_TIME);
-    TAnswerReader reader;
+    AnswerReader reader;
     std::string text;
     for (const auto deadline = Clock::now() + ANSWER_TIME; Clock::now() < deadline;) {
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
-        const TLocalClient::Received received = client.receive(left, text);
-        if (received == TLocalClient::Received::closed) return {false, client.closedText()};
-        if (received != TLocalClient::Received::text) continue;
-        const TAnswerReader::Progress progress = reader.take(text);
+        const LocalClient::Received received = client.receive(left, text);
+        if (received == LocalClient::Received::closed) return {false, client.closedText()};
+        if (received != LocalClient::Received::text) continue;
+        const AnswerReader::Progress progress = reader.take(text);
         if (progress.answers.empty()) continue;
         const bool right = progress.lines.front() == "0";
         return {right, std::string(client.path()) + " answers" + (right ? "" : ", but not as tessd does")};
     }
     return {false, std::string(client.path()) + ": no answer within 5 s: is tessd stuck?"};
-} catch (const TCtlError& error) {
+} catch (const CtlError& error) {
     return {false, error.what()};
 }
 

@@ -23,7 +23,7 @@ std::vector<std::string> allChecks();
 /// Looks at several things and says what works from here.
 /// @param names  as in Finding
 /// @return STATUS_DONE when all of it does
-/// @throws TCtlError  what is printed is lost
+/// @throws CtlError  what is printed is lost
 ExitStatus runCheck(bool json, const std::vector<std::string>& names);
 
 /// Looks at one thing only, and tells how long that took.

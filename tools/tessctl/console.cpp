@@ -96,7 +96,7 @@ public:
             if (line == "\\q") return STATUS_DONE;
             take(line);
         }
-        if (closed_) throw TCtlError(STATUS_NO_CONNECTION, client_.closedText());
+        if (closed_) throw CtlError(STATUS_NO_CONNECTION, client_.closedText());
         std::puts(""); // behind the prompt
         return STATUS_DONE;
     }
@@ -191,20 +191,20 @@ private:
     {
         std::string text;
         switch (client_.receive(std::chrono::milliseconds(0), text)) {
-        case TLocalClient::Received::closed:
+        case LocalClient::Received::closed:
             closed_ = true;
             return false;
-        case TLocalClient::Received::text:
+        case LocalClient::Received::text:
             show(reader_.take(text));
             break;
-        case TLocalClient::Received::nothing:
+        case LocalClient::Received::nothing:
             break;
         }
         return true;
     }
 
     /// Prints above the line being typed: erases it, prints, and has it drawn again.
-    void show(const TAnswerReader::Progress& progress)
+    void show(const AnswerReader::Progress& progress)
     {
         if (progress.lines.empty()) return;
         std::fputs("\r\033[J", stdout);
@@ -222,14 +222,14 @@ private:
         const std::string_view before(line->buffer, static_cast<std::size_t>(line->cursor - line->buffer));
         const std::vector<std::string> words = self.words_.complete(before);
         if (words.empty()) return CC_ERROR;
-        const std::size_t typed = TWordCompletion::lastWord(before).size();
-        const std::string common = TWordCompletion::commonBeginning(words);
+        const std::size_t typed = WordCompletion::lastWord(before).size();
+        const std::string common = WordCompletion::commonBeginning(words);
         if (common.size() >= typed) {
             ::el_deletestr(edit, static_cast<int>(typed));
             ::el_insertstr(edit, (words.size() == 1 ? common + ' ' : common).c_str());
             if (words.size() == 1 || common.size() > typed) return CC_REFRESH;
         }
-        TAnswerReader::Progress choice;
+        AnswerReader::Progress choice;
         choice.lines.emplace_back();
         for (const std::string& word : words)
             choice.lines.back() += word + "  ";
@@ -237,13 +237,13 @@ private:
         return CC_REFRESH;
     }
 
-    TLocalClient client_;
-    TAnswerReader reader_;
-    TWordCompletion words_;
+    LocalClient client_;
+    AnswerReader reader_;
+    WordCompletion words_;
     std::unique_ptr<History, void (*)(History*)> history_;
     std::unique_ptr<EditLine, void (*)(EditLine*)> edit_;
     std::string historyFile_ = historyFile();
-    TKeyDecoder keys_;
+    KeyDecoder keys_;
     bool cleared_ = false;
     bool closed_ = false;
 };
@@ -253,7 +253,7 @@ private:
 ExitStatus runConsole(LocalPort port)
 {
     if (::isatty(STDIN_FILENO) == 0 || ::isatty(STDOUT_FILENO) == 0)
-        throw TCtlError(STATUS_WRONG_USAGE, "console wants a terminal; 'tessctl send' reads lines from anywhere");
+        throw CtlError(STATUS_WRONG_USAGE, "console wants a terminal; 'tessctl send' reads lines from anywhere");
     // Where no locale is set, characters would end at 127; devices have none, and terminals speak UTF-8.
     if (std::setlocale(LC_CTYPE, "") == nullptr || ::nl_langinfo(CODESET) == ASCII)
         (void)std::setlocale(LC_CTYPE, "C.UTF-8");

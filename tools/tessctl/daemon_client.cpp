@@ -73,7 +73,7 @@ void catchSignals()
 }
 
 /// What opening the queue would fail with, in plain words.
-/// @throws TCtlError
+/// @throws CtlError
 void checkOwnAddress(long address)
 {
     const std::string path = queuePath(address);
@@ -82,7 +82,7 @@ void checkOwnAddress(long address)
     struct stat found {};
     if (error == ECONNREFUSED && ::lstat(path.c_str(), &found) == 0 && !S_ISSOCK(found.st_mode)) error = ENOTSOCK;
     if (error != ENOENT && error != ECONNREFUSED)
-        throw TCtlError(STATUS_NO_CONNECTION, failureText(path, error, PathOf::ownQueue));
+        throw CtlError(STATUS_NO_CONNECTION, failureText(path, error, PathOf::ownQueue));
 }
 
 /// Everything that can be wrong, looked at before the queue is opened, so that it can be told in plain words.
@@ -91,9 +91,9 @@ long usableAddress(std::optional<long> wanted)
 {
     const std::string directory = queueDirectory();
     if (::access(directory.c_str(), R_OK | W_OK | X_OK) != 0)
-        throw TCtlError(STATUS_NO_CONNECTION, failureText(directory, errno, PathOf::queueDirectory));
+        throw CtlError(STATUS_NO_CONNECTION, failureText(directory, errno, PathOf::queueDirectory));
     if (const int error = queueError(TESS_QUEUE_ID))
-        throw TCtlError(STATUS_NO_CONNECTION, failureText(queuePath(TESS_QUEUE_ID), error, PathOf::daemonQueue));
+        throw CtlError(STATUS_NO_CONNECTION, failureText(queuePath(TESS_QUEUE_ID), error, PathOf::daemonQueue));
     long address = wanted.value_or(FIRST_FREE_ADDRESS + ::getpid());
     while (!wanted && queueError(address) == 0)
         address += ADDRESS_STEP;
@@ -106,7 +106,7 @@ long usableAddress(std::optional<long> wanted)
 bool reachesTessd(TOrbAttachmentMsg& record, std::size_t bytes, std::chrono::milliseconds patience)
 {
     const auto deadline = std::chrono::steady_clock::now() + patience;
-    TQueueRoom room;
+    QueueRoom room;
     bool believed = true; // after a report of room that proved wrong the next wait is a plain pause
     while (g_qMgr.sendMsg(TESS_QUEUE_ID, &record, static_cast<long>(bytes), false) != SEND_DONE) {
         if (queueError(TESS_QUEUE_ID) != 0 || stopAskedAgain() || std::chrono::steady_clock::now() > deadline)
@@ -151,27 +151,27 @@ bool stopAskedAgain()
     return stopSignals > 1;
 }
 
-TDaemonClient::TDaemonClient(std::optional<long> address)
+DaemonClient::DaemonClient(std::optional<long> address)
 try : TMsgProc(usableAddress(address), true) {
     catchSignals();
-} catch (const TCtlError&) {
+} catch (const CtlError&) {
     throw;
 } catch (const std::runtime_error&) { // its reason has been logged
-    throw TCtlError(STATUS_NO_CONNECTION,
-                    queueDirectory() + ": no queue can be opened there: the log has the reason (250001)");
+    throw CtlError(STATUS_NO_CONNECTION,
+                   queueDirectory() + ": no queue can be opened there: the log has the reason (250001)");
 }
 
-void TDaemonClient::send(std::uint32_t kind, std::uint32_t tag, std::int32_t len, std::string_view text)
+void DaemonClient::send(std::uint32_t kind, std::uint32_t tag, std::int32_t len, std::string_view text)
 {
     TOrbAttachmentMsg record{.kind = kind, .sender = 0, .tag = tag, .len = len, .text = {}};
     const std::size_t textBytes = text.copy(record.text, sizeof record.text);
     if (reachesTessd(record, MSG_HEADER_BYTES + textBytes, SEND_PATIENCE)) return;
     if (const int error = queueError(TESS_QUEUE_ID))
-        throw TCtlError(STATUS_NO_CONNECTION, failureText(queuePath(TESS_QUEUE_ID), error, PathOf::daemonQueue));
-    throw TCtlError(STATUS_NO_ANSWER, queuePath(TESS_QUEUE_ID) + ": the queue stays full: is tessd stuck?");
+        throw CtlError(STATUS_NO_CONNECTION, failureText(queuePath(TESS_QUEUE_ID), error, PathOf::daemonQueue));
+    throw CtlError(STATUS_NO_ANSWER, queuePath(TESS_QUEUE_ID) + ": the queue stays full: is tessd stuck?");
 }
 
-std::size_t TDaemonClient::receive(TOrbAttachmentMsg& record)
+std::size_t DaemonClient::receive(TOrbAttachmentMsg& record)
 {
     if (kept_.empty()) return take(record);
     const auto [next, bytes] = std::move(kept_.front());
@@ -180,14 +180,14 @@ std::size_t TDaemonClient::receive(TOrbAttachmentMsg& record)
     return bytes;
 }
 
-std::size_t TDaemonClient::take(TOrbAttachmentMsg& record)
+std::size_t DaemonClient::take(TOrbAttachmentMsg& record)
 {
     const long received = g_qMgr.getMsg(&record, MSG_QUEUE_ALL, true);
-    if (received < 0) throw TCtlError(STATUS_NO_CONNECTION, failureText(queuePath(queueId()), errno, PathOf::ownQueue));
+    if (received < 0) throw CtlError(STATUS_NO_CONNECTION, failureText(queuePath(queueId()), errno, PathOf::ownQueue));
     return static_cast<std::size_t>(received);
 }
 
-TOrbAttachmentMsg TDaemonClient::reply(std::chrono::seconds patience)
+TOrbAttachmentMsg DaemonClient::reply(std::chrono::seconds patience)
 {
     const auto deadline = std::chrono::steady_clock::now() + patience;
     TOrbAttachmentMsg record;
@@ -196,13 +196,13 @@ TOrbAttachmentMsg TDaemonClient::reply(std::chrono::seconds patience)
         if (bytes > 0 && record.sender == TESS_QUEUE_ID && record.kind != MSG_TEXT) return record;
         if (bytes > 0 && kept_.size() < MOST_KEPT)
             kept_.emplace_back(std::make_unique<TOrbAttachmentMsg>(record), bytes);
-        if (stopAsked()) throw TCtlError(STATUS_NO_ANSWER, "interrupted");
+        if (stopAsked()) throw CtlError(STATUS_NO_ANSWER, "interrupted");
     } while (std::chrono::steady_clock::now() < deadline);
-    throw TCtlError(STATUS_NO_ANSWER, queuePath(TESS_QUEUE_ID) + ": no answer from tessd within " +
-                                          std::to_string(patience.count()) + " s: is it stuck?");
+    throw CtlError(STATUS_NO_ANSWER, queuePath(TESS_QUEUE_ID) + ": no answer from tessd within " +
+                                         std::to_string(patience.count()) + " s: is it stuck?");
 }
 
-void TDaemonClient::askToRegister(std::string_view name, std::uint32_t ports)
+void DaemonClient::askToRegister(std::string_view name, std::uint32_t ports)
 {
     std::string text(reinterpret_cast<const char*>(&ports), sizeof ports);
     text += name;
@@ -210,19 +210,19 @@ void TDaemonClient::askToRegister(std::string_view name, std::uint32_t ports)
     send(MSG_REGISTER, 0, 0, text);
 }
 
-TOrbAttachmentMsg TDaemonClient::replyToRegister()
+TOrbAttachmentMsg DaemonClient::replyToRegister()
 try {
     return reply();
-} catch (const TCtlError&) { // tessd may still carry the registration out, later: it is taken back
+} catch (const CtlError&) { // tessd may still carry the registration out, later: it is taken back
     TOrbAttachmentMsg record{.kind = MSG_UNREGISTER, .sender = 0, .tag = 0, .len = 0, .text = {}};
     (void)reachesTessd(record, MSG_HEADER_BYTES, LAST_PATIENCE);
     throw;
 }
 
-void TDaemonClient::registerAs(std::string_view name, std::uint32_t ports)
+void DaemonClient::registerAs(std::string_view name, std::uint32_t ports)
 {
     askToRegister(name, ports);
     const TOrbAttachmentMsg answer = replyToRegister();
     if (answer.tag == 0) return;
-    throw TCtlError(STATUS_REFUSED, refusalText(name, textOf(answer)));
+    throw CtlError(STATUS_REFUSED, refusalText(name, textOf(answer)));
 }

@@ -24,7 +24,7 @@ std::string queuePath(long address);
 ///         and ECONNREFUSED where the owner has died
 int queueError(long address);
 
-/// Whether SIGINT, SIGTERM or SIGHUP has come since a TDaemonClient was made. What takes long asks this, and ends early.
+/// Whether SIGINT, SIGTERM or SIGHUP has come since a DaemonClient was made. What takes long asks this, and ends early.
 bool stopAsked();
 
 /// Whether another of these has come after the first: nothing is waited for any more.
@@ -32,20 +32,20 @@ bool stopAskedAgain();
 
 /// A queue of tessctl's own, and what it says to tessd over it. One a process. SIGPIPE is ignored from then on.
 /// Threads: send() any, the others one.
-class TDaemonClient : public TMsgProc {
+class DaemonClient : public TMsgProc {
 public:
     static constexpr std::chrono::seconds REPLY_PATIENCE{5};
 
     /// @param address  of its queue; a free one is taken when none is given
-    /// @throws TCtlError  no queue directory, no tessd, no right, or the address is in use
-    explicit TDaemonClient(std::optional<long> address = std::nullopt);
+    /// @throws CtlError  no queue directory, no tessd, no right, or the address is in use
+    explicit DaemonClient(std::optional<long> address = std::nullopt);
 
     int run() override { return 0; }
 
     /// Puts a record into tessd's queue.
     /// @param len   the record's len word
     /// @param text  the record's text, as it stands; cut to what a record holds
-    /// @throws TCtlError  tessd is gone, or does not take it for 5 seconds
+    /// @throws CtlError  tessd is gone, or does not take it for 5 seconds
     void send(std::uint32_t kind, std::uint32_t tag, std::int32_t len, std::string_view text);
 
     /// Waits for a record, for a second at most.
@@ -53,11 +53,11 @@ public:
     std::size_t receive(TOrbAttachmentMsg& record);
 
     /// Waits for tessd's answer to what was sent. receive() hands out what else arrives.
-    /// @throws TCtlError  none within `patience`, or the user has stopped waiting
+    /// @throws CtlError  none within `patience`, or the user has stopped waiting
     TOrbAttachmentMsg reply(std::chrono::seconds patience = REPLY_PATIENCE);
 
     /// Registers.
-    /// @throws TCtlError  tessd refuses, or does not answer
+    /// @throws CtlError  tessd refuses, or does not answer
     void registerAs(std::string_view name, std::uint32_t ports);
 
     /// Asks to be registered without waiting for the answer.

@@ -13,9 +13,9 @@ enum ExitStatus : int {
 };
 
 /// What ends a command early: what to print, and the status to end with.
-class TCtlError : public std::runtime_error {
+class CtlError : public std::runtime_error {
 public:
-    TCtlError(ExitStatus status, const std::string& text) : std::runtime_error(text), status_(status) {}
+    CtlError(ExitStatus status, const std::string& text) : std::runtime_error(text), status_(status) {}
     ExitStatus status() const { return status_; }
 
 private:

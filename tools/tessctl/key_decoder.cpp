@@ -18,7 +18,7 @@ bool beginsWithStandIn(std::string_view text)
 
 } // namespace
 
-std::optional<wchar_t> TKeyDecoder::next()
+std::optional<wchar_t> KeyDecoder::next()
 {
     if (bytes_.empty()) return std::nullopt;
     std::mbstate_t state{};

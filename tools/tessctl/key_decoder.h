@@ -7,7 +7,7 @@
 /// Turns the bytes that keys send into characters of the present locale. For a byte that belongs to no character it gives a
 /// stand-in that no key sends, U+10FF00 plus the byte's value; typedBytes() turns that into the byte again.
 /// Threads: one.
-class TKeyDecoder {
+class KeyDecoder {
 public:
     void add(char byte) { bytes_ += byte; }
 
@@ -19,5 +19,5 @@ private:
 };
 
 /// The bytes as they were typed.
-/// @param text  the characters of TKeyDecoder, in UTF-8
+/// @param text  the characters of KeyDecoder, in UTF-8
 std::string typedBytes(std::string_view text);

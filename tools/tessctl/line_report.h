@@ -10,7 +10,7 @@
 struct LineReport {
     std::string line;
     std::string time; ///< when it was sent; empty: not told
-    std::vector<TAnswer> answers;
+    std::vector<Answer> answers;
     std::chrono::microseconds took{0}; ///< until its last answer was whole
 };
 

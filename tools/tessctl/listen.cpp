@@ -24,9 +24,8 @@ bool nobodyReads()
 
 ExitStatus runListen(const ListenOptions& options)
 {
-    TDaemonClient daemon(options.address);
-    TRegistration registration(daemon, options.name, options.ports,
-                               options.takeOver ? Keep::takeOver : Keep::whileFree);
+    DaemonClient daemon(options.address);
+    Registration registration(daemon, options.name, options.ports, options.takeOver ? Keep::takeOver : Keep::whileFree);
     say("listening as " + options.name + " at address " + std::to_string(daemon.queueId()));
     TOrbAttachmentMsg record;
     int error = 0;

@@ -16,5 +16,5 @@ struct ListenOptions {
 };
 
 /// Registers, prints every record that arrives, and unregisters at the end, or when nobody reads what it prints.
-/// @throws TCtlError
+/// @throws CtlError
 ExitStatus runListen(const ListenOptions& options);

@@ -40,8 +40,8 @@ Fd connectTo(const char* path, std::chrono::milliseconds patience)
     const int error =
         fd.get() < 0 ? errno : connectWithin(patience, fd.get(), reinterpret_cast<const sockaddr*>(&name), sizeof name);
     if (error == 0) return fd;
-    throw TCtlError(error == ETIMEDOUT ? STATUS_NO_ANSWER : STATUS_NO_CONNECTION,
-                    failureText(path, error, PathOf::localSocket));
+    throw CtlError(error == ETIMEDOUT ? STATUS_NO_ANSWER : STATUS_NO_CONNECTION,
+                   failureText(path, error, PathOf::localSocket));
 }
 
 } // namespace
@@ -51,19 +51,19 @@ const char* pathOf(LocalPort port)
     return port == LocalPort::ipc ? IPC_SOCKET_PATH : XCP_SOCKET_PATH;
 }
 
-TLocalClient::TLocalClient(LocalPort port, std::uint16_t tag, std::chrono::milliseconds patience)
+LocalClient::LocalClient(LocalPort port, std::uint16_t tag, std::chrono::milliseconds patience)
     : port_(port), tag_(tag), path_(pathOf(port)), fd_(connectTo(path_, patience))
 {
 }
 
-bool TLocalClient::roomFor(std::size_t bytes)
+bool LocalClient::roomFor(std::size_t bytes)
 {
     int unread = 0;
     if (::ioctl(fd(), SIOCOUTQ, &unread) == 0 && unread == 0) unread_ = 0;
     return unread_ + bytes < BURST_LIMIT;
 }
 
-void TLocalClient::sendLine(std::string_view line, std::chrono::milliseconds patience)
+void LocalClient::sendLine(std::string_view line, std::chrono::milliseconds patience)
 {
     std::string bytes;
     if (port_ == LocalPort::xcp) {
@@ -76,21 +76,21 @@ void TLocalClient::sendLine(std::string_view line, std::chrono::milliseconds pat
     const auto deadline = std::chrono::steady_clock::now() + patience;
     while (!roomFor(bytes.size())) {
         if (std::chrono::steady_clock::now() > deadline)
-            throw TCtlError(STATUS_NO_ANSWER, std::string(path_) + ": tessd does not read: is it stuck?");
+            throw CtlError(STATUS_NO_ANSWER, std::string(path_) + ": tessd does not read: is it stuck?");
         std::this_thread::sleep_for(BETWEEN_LOOKS);
     }
     unread_ += bytes.size();
     // So little always fits the socket's buffer whole.
     if (::send(fd(), bytes.data(), bytes.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(bytes.size()))
-        throw TCtlError(STATUS_NO_CONNECTION, closedText());
+        throw CtlError(STATUS_NO_CONNECTION, closedText());
 }
 
-std::string TLocalClient::closedText() const
+std::string LocalClient::closedText() const
 {
     return std::string(path_) + ": tessd has closed the connection: are ten others connected, or has it ended?";
 }
 
-TLocalClient::Received TLocalClient::receive(std::chrono::milliseconds patience, std::string& text)
+LocalClient::Received LocalClient::receive(std::chrono::milliseconds patience, std::string& text)
 {
     text.clear();
     pollfd input{fd(), POLLIN, 0};
@@ -109,7 +109,7 @@ TLocalClient::Received TLocalClient::receive(std::chrono::milliseconds patience,
     return text.empty() ? Received::nothing : Received::text;
 }
 
-void TLocalClient::takeFrames(std::string& text)
+void LocalClient::takeFrames(std::string& text)
 {
     FrameHeader header;
     while (frames_.size() >= sizeof header) {

@@ -15,12 +15,12 @@ const char* pathOf(LocalPort port);
 
 /// A connection to one of them. Lines go out, texts come in; on /tmp/xcp both travel in frames.
 /// Threads: one.
-class TLocalClient {
+class LocalClient {
 public:
     /// @param tag       goes along with every line of /tmp/xcp, and comes back with answers
     /// @param patience  for a tessd that takes no connections
-    /// @throws TCtlError  nobody listens there, or not for us, or takes no connections
-    TLocalClient(LocalPort port, std::uint16_t tag, std::chrono::milliseconds patience);
+    /// @throws CtlError  nobody listens there, or not for us, or takes no connections
+    LocalClient(LocalPort port, std::uint16_t tag, std::chrono::milliseconds patience);
 
     int fd() const { return fd_.get(); }
     const char* path() const { return path_; }
@@ -31,7 +31,7 @@ public:
     /// Sends one command line. Before that it waits until tessd has read most of what was sent earlier: input of 1024 bytes or
     /// more that it finds at once tessd throws away.
     /// @param line  without an end, MAX_LINE_BYTES at most
-    /// @throws TCtlError  tessd has closed the connection, or has read nothing for `patience`
+    /// @throws CtlError  tessd has closed the connection, or has read nothing for `patience`
     void sendLine(std::string_view line, std::chrono::milliseconds patience);
 
     enum class Received { text, nothing, closed };

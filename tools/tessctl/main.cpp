@@ -36,9 +36,9 @@ std::chrono::milliseconds fromSeconds(double seconds)
 }
 
 /// The command line: fills the options, and remembers what is to be run.
-class TCommandLine {
+class CommandLine {
 public:
-    TCommandLine()
+    CommandLine()
     {
         app_.set_version_flag("-V,--version", VERSION);
         app_.set_help_all_flag("--help-all", "Help for all commands");
@@ -68,7 +68,7 @@ public:
         if (host_.empty()) return run_();
         const std::vector<std::string> there = withoutHost(typed);
         if (there.size() == typed.size()) // it would be run with -H there, too, and so on without end
-            throw TCtlError(STATUS_WRONG_USAGE, "-H stands alone: tessctl COMMAND -H " + host_);
+            throw CtlError(STATUS_WRONG_USAGE, "-H stands alone: tessctl COMMAND -H " + host_);
         runRemote(remoteCommand(host_, there, wantsTerminal()));
     }
 
@@ -280,7 +280,7 @@ private:
     {
         const auto named =
             app_.get_subcommands([this](const CLI::App* command) { return command->get_name() == helped_; });
-        if (named.empty() && !helped_.empty()) throw TCtlError(STATUS_WRONG_USAGE, unknownCommand(app_, helped_));
+        if (named.empty() && !helped_.empty()) throw CtlError(STATUS_WRONG_USAGE, unknownCommand(app_, helped_));
         const CLI::App* const app = named.empty() ? &app_ : named.front();
         const std::string name = named.empty() ? app_.get_name() : app_.get_name() + " " + helped_;
         std::cout << app->get_formatter()->make_help(app, name, CLI::AppFormatMode::Normal);
@@ -312,8 +312,8 @@ int main(int argc, char** argv)
 try {
     logMgr.setLogParameters(128, 6, "    [tessctl]", 4);
     keepStandardDescriptors();
-    return TCommandLine().run(argc, argv);
-} catch (const TCtlError& error) {
+    return CommandLine().run(argc, argv);
+} catch (const CtlError& error) {
     say(error.what());
     return error.status();
 } catch (const std::exception& error) {

@@ -31,25 +31,25 @@ struct flock request(short type, std::int64_t start)
 
 } // namespace
 
-TNameClaim::TNameClaim(std::string_view name)
+NameClaim::NameClaim(std::string_view name)
     : directory_(::open(queueDirectory().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)),
       place_(static_cast<std::int64_t>(hash(name) % (std::numeric_limits<off_t>::max() / 2)) * 2)
 {
 }
 
-bool TNameClaim::locked(int part) const
+bool NameClaim::locked(int part) const
 {
     struct flock lock = request(F_WRLCK, place_ + part); // a write lock collides with the read locks of others
     return ::fcntl(directory_.get(), F_OFD_GETLK, &lock) == 0 && lock.l_type != F_UNLCK;
 }
 
-void TNameClaim::lock(int part) const
+void NameClaim::lock(int part) const
 {
     struct flock lock = request(F_RDLCK, place_ + part); // a directory cannot be opened for more
     (void)::fcntl(directory_.get(), F_OFD_SETLK, &lock); // without it the others are not told
 }
 
-void TNameClaim::hold(bool takeOver) const
+void NameClaim::hold(bool takeOver) const
 {
     lock(0);
     if (takeOver) lock(1);

@@ -9,9 +9,9 @@
 /// queue directory for as long as it lives, and the place of the lock stands for the name. Only tessctl does this: nothing is
 /// known here of other processes, nor where the file system has no such locks.
 /// Threads: one.
-class TNameClaim {
+class NameClaim {
 public:
-    explicit TNameClaim(std::string_view name);
+    explicit NameClaim(std::string_view name);
 
     /// Whether another run of tessctl has the name.
     bool taken() const { return locked(0); }

@@ -17,7 +17,7 @@ constexpr const char* TAKER = "'tessctl listen --take-over'";
 
 } // namespace
 
-bool TRegistration::FileMark::changed() const
+bool Registration::FileMark::changed() const
 {
     struct stat now {};
     if (::stat(path_.c_str(), &now) != 0) return false;
@@ -25,12 +25,12 @@ bool TRegistration::FileMark::changed() const
            now.st_ctim.tv_nsec != seen_.st_ctim.tv_nsec;
 }
 
-TRegistration::TRegistration(TDaemonClient& daemon, std::string name, std::uint32_t ports, Keep keep)
+Registration::Registration(DaemonClient& daemon, std::string name, std::uint32_t ports, Keep keep)
     : daemon_(daemon), name_(std::move(name)), ports_(ports), keep_(keep), claim_(name_),
       daemonMark_(queuePath(TESS_QUEUE_ID)), directoryMark_(queueDirectory())
 {
     if (keep_ != Keep::takeOver && claim_.taken())
-        throw TCtlError(
+        throw CtlError(
             STATUS_REFUSED,
             name_ + " is taken: another tessctl serves it or listens under it; " +
                 (keep_ == Keep::renewed ? "end that one first" : "--take-over takes its commands until this one ends"));
@@ -40,7 +40,7 @@ TRegistration::TRegistration(TDaemonClient& daemon, std::string name, std::uint3
     nextRenewal_ = nextLook_ + BETWEEN_RENEWALS;
 }
 
-std::size_t TRegistration::receive(TOrbAttachmentMsg& record)
+std::size_t Registration::receive(TOrbAttachmentMsg& record)
 {
     const std::size_t bytes = daemon_.receive(record);
     const auto now = Clock::now();
@@ -52,7 +52,7 @@ std::size_t TRegistration::receive(TOrbAttachmentMsg& record)
     return bytes;
 }
 
-void TRegistration::look(Clock::time_point now)
+void Registration::look(Clock::time_point now)
 {
     nextLook_ = now + BETWEEN_LOOKS;
     if (keep_ == Keep::renewed) lookForOthers();
@@ -63,14 +63,14 @@ void TRegistration::look(Clock::time_point now)
         unregistersDue_ = 0;
     }
     if (aside_) return;
-    if (asked_ && now < askedAt_ + TDaemonClient::REPLY_PATIENCE) return;
+    if (asked_ && now < askedAt_ + DaemonClient::REPLY_PATIENCE) return;
     if (missing_ != Missing::no)
         ask(false);
     else if (keep_ == Keep::renewed && now >= nextRenewal_)
         renew(now);
 }
 
-void TRegistration::lookForOthers()
+void Registration::lookForOthers()
 {
     const bool aside = claim_.takenOver();
     if (aside && !aside_) say(name_ + " was taken over by " + TAKER + ": it gets no commands until that has ended");
@@ -82,7 +82,7 @@ void TRegistration::lookForOthers()
 /// unregistering does: that is refused to a process that has nothing registered. But for a moment then nobody has the name, and
 /// a command would be missed. So this is done only where there is a reason for suspicion, that a process has come or gone or
 /// that the name was lost before, and not shortly after a command, which besides shows that the name is not lost.
-void TRegistration::renew(Clock::time_point now)
+void Registration::renew(Clock::time_point now)
 {
     nextRenewal_ = now + BETWEEN_RENEWALS;
     suspicious_ = suspicious_ || directoryMark_.changed();
@@ -91,24 +91,24 @@ void TRegistration::renew(Clock::time_point now)
     ask(whetherReplaced);
 }
 
-void TRegistration::ask(bool whetherReplaced)
+void Registration::ask(bool whetherReplaced)
 try {
     if (whetherReplaced) unregister();
     daemon_.askToRegister(name_, ports_);
     asked_ = true;
     askedAt_ = Clock::now();
-} catch (const TCtlError& error) {
+} catch (const CtlError& error) {
     if (missing_ == Missing::no) missing_ = Missing::notAsked;
     complain(std::string("not registered again: ") + error.what());
 }
 
-void TRegistration::unregister()
+void Registration::unregister()
 {
     daemon_.send(MSG_UNREGISTER, 0, 0, "");
     ++unregistersDue_;
 }
 
-void TRegistration::onReply(const TOrbAttachmentMsg& record)
+void Registration::onReply(const TOrbAttachmentMsg& record)
 {
     const bool done = record.tag == 0;
     if (answersUnregistering(textOf(record))) {
@@ -124,7 +124,7 @@ void TRegistration::onReply(const TOrbAttachmentMsg& record)
     complain(refusalText(name_, textOf(record)) + "; it is asked again every second");
 }
 
-void TRegistration::onRegistered()
+void Registration::onRegistered()
 {
     complaint_.clear();
     switch (std::exchange(missing_, Missing::no)) {
@@ -141,20 +141,20 @@ void TRegistration::onRegistered()
     }
 }
 
-void TRegistration::complain(const std::string& text)
+void Registration::complain(const std::string& text)
 {
     if (text != complaint_) say(text);
     complaint_ = text;
 }
 
-bool TRegistration::end()
+bool Registration::end()
 try {
     nextLook_ = Clock::time_point::max();
     asked_ = false;
     unregister();
     claim_.release();
     return true;
-} catch (const TCtlError& error) {
+} catch (const CtlError& error) {
     say(std::string("not unregistered: ") + error.what());
     return false;
 }

@@ -19,13 +19,13 @@ enum class Keep {
 
 /// Keeps a name registered, also when tessd is started anew: it asks that one until it is registered there.
 /// Threads: one.
-class TRegistration {
+class Registration {
 public:
     /// Registers.
-    /// @throws TCtlError  the name is taken, or tessd refuses, or does not answer
-    TRegistration(TDaemonClient& daemon, std::string name, std::uint32_t ports, Keep keep);
+    /// @throws CtlError  the name is taken, or tessd refuses, or does not answer
+    Registration(DaemonClient& daemon, std::string name, std::uint32_t ports, Keep keep);
 
-    /// Takes the next record, as TDaemonClient::receive(), and looks after the registration.
+    /// Takes the next record, as DaemonClient::receive(), and looks after the registration.
     std::size_t receive(TOrbAttachmentMsg& record);
 
     /// Unregisters, for good, without waiting for the answer. When that is not possible, prints why.
@@ -63,11 +63,11 @@ private:
     void onRegistered();
     void complain(const std::string& text);
 
-    TDaemonClient& daemon_;
+    DaemonClient& daemon_;
     std::string name_;
     std::uint32_t ports_;
     Keep keep_;
-    TNameClaim claim_;
+    NameClaim claim_;
     FileMark daemonMark_;    ///< of tessd's socket file: each start makes a new one
     FileMark directoryMark_; ///< of the queue directory: changes when a process comes or goes
     Missing missing_ = Missing::no;

@@ -45,6 +45,6 @@ void runRemote(const std::vector<std::string>& command)
 {
     const std::vector<char*> arguments = argumentList(command);
     ::execvp(arguments[0], arguments.data());
-    throw TCtlError(STATUS_NO_CONNECTION, command.front() + ": " + std::generic_category().message(errno) +
-                                              ": -H wants ssh, of the package openssh-client");
+    throw CtlError(STATUS_NO_CONNECTION, command.front() + ": " + std::generic_category().message(errno) +
+                                             ": -H wants ssh, of the package openssh-client");
 }

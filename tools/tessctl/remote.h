@@ -18,5 +18,5 @@ std::vector<std::string> withoutHost(const std::vector<std::string>& words);
 std::vector<std::string> remoteCommand(const std::string& host, const std::vector<std::string>& words, bool terminal);
 
 /// Becomes ssh(1), whose exit status is that of the command there, or 255.
-/// @throws TCtlError  it cannot be started
+/// @throws CtlError  it cannot be started
 [[noreturn]] void runRemote(const std::vector<std::string>& command);

@@ -4,7 +4,7 @@
 
 #include "tools/tessctl/exit_status.h"
 
-/// What tessd does for whoever may reach its queue. All throw TCtlError.
+/// What tessd does for whoever may reach its queue. All throw CtlError.
 
 /// Closes all connections, or the telnet ones.
 ExitStatus runClose(bool telnetOnly);

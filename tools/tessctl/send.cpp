@@ -84,16 +84,16 @@ private:
             if (left < -LONGEST_ANSWER) return take(reader_.takePause());
             std::size_t answers = 0;
             switch (client_.receive(inside ? PAUSE : left, text)) {
-            case TLocalClient::Received::text:
+            case LocalClient::Received::text:
                 answers = take(reader_.take(text));
                 break;
-            case TLocalClient::Received::nothing:
+            case LocalClient::Received::nothing:
                 if (inside) answers = take(reader_.takePause());
                 break;
-            case TLocalClient::Received::closed:
+            case LocalClient::Received::closed:
                 (void)take(reader_.takePause());
                 printReport();
-                throw TCtlError(STATUS_NO_CONNECTION, client_.closedText());
+                throw CtlError(STATUS_NO_CONNECTION, client_.closedText());
             }
             if (answers > 0) return answers;
         }
@@ -102,9 +102,9 @@ private:
     static std::string now() { return timeText(std::chrono::system_clock::now()); }
 
     /// @return how many answers have ended
-    std::size_t take(const TAnswerReader::Progress& progress)
+    std::size_t take(const AnswerReader::Progress& progress)
     {
-        refused_ = refused_ || std::ranges::any_of(progress.answers, &TAnswer::failed);
+        refused_ = refused_ || std::ranges::any_of(progress.answers, &Answer::failed);
         if (options_.json) {
             std::ranges::copy(progress.answers, std::back_inserter(report_.answers));
             return progress.answers.size();
@@ -125,8 +125,8 @@ private:
     }
 
     const SendOptions& options_;
-    TLocalClient client_;
-    TAnswerReader reader_;
+    LocalClient client_;
+    AnswerReader reader_;
     LineReport report_;
     bool toTerminal_ = ::isatty(STDOUT_FILENO) != 0;
     bool refused_ = false;
@@ -138,7 +138,7 @@ void checkLine(const std::string& line, bool each)
 {
     std::string problem = lineProblem(line);
     if (problem.empty() && each) problem = splitProblem(line);
-    if (!problem.empty()) throw TCtlError(STATUS_WRONG_USAGE, problem);
+    if (!problem.empty()) throw CtlError(STATUS_WRONG_USAGE, problem);
 }
 
 std::vector<std::string> givenLines(const std::vector<std::string>& arguments)
@@ -167,6 +167,6 @@ ExitStatus runSend(const SendOptions& options)
         checkLine(line, options.each);
         sender.send(line);
     }
-    if (std::ferror(stdin) != 0) throw TCtlError(STATUS_REFUSED, "standard input cannot be read");
+    if (std::ferror(stdin) != 0) throw CtlError(STATUS_REFUSED, "standard input cannot be read");
     return sender.status();
 }

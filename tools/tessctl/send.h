@@ -20,5 +20,5 @@ struct SendOptions {
 };
 
 /// Sends lines one after the other and prints their answers as they come.
-/// @throws TCtlError  also when what is printed is lost: no further line is sent then
+/// @throws CtlError  also when what is printed is lost: no further line is sent then
 ExitStatus runSend(const SendOptions& options);

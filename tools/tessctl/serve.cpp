@@ -57,7 +57,7 @@ private:
 /// Answers commands one after the other, in a thread of its own.
 class Answerer {
 public:
-    Answerer(TDaemonClient& daemon, const ServeOptions& options) : daemon_(daemon), options_(options)
+    Answerer(DaemonClient& daemon, const ServeOptions& options) : daemon_(daemon), options_(options)
     {
         sigset_t all{};
         sigset_t before{};
@@ -127,12 +127,12 @@ private:
         for (const std::string_view message : replyMessages(text))
             daemon_.send(MSG_REPLY, tag, 0, std::string(message) + '\0');
         return true;
-    } catch (const TCtlError& error) {
+    } catch (const CtlError& error) {
         say(std::string("an answer is lost: ") + error.what());
         return false;
     }
 
-    TDaemonClient& daemon_;
+    DaemonClient& daemon_;
     const ServeOptions& options_;
     std::mutex lock_;
     std::condition_variable changed_;
@@ -183,13 +183,13 @@ private:
     void leave()
     {
         if (!registration_.end()) return;
-        const auto deadline = Clock::now() + TDaemonClient::REPLY_PATIENCE;
+        const auto deadline = Clock::now() + DaemonClient::REPLY_PATIENCE;
         while (!registration_.unregistered() && Clock::now() < deadline && !stopAskedAgain())
             takeOne();
     }
 
-    TDaemonClient daemon_;
-    TRegistration registration_;
+    DaemonClient daemon_;
+    Registration registration_;
     Answerer answerer_; // the last member, and so destroyed first: it answers through daemon_
 };
 

@@ -34,5 +34,5 @@ void requireOutput()
 
 void failOutput(int error)
 {
-    throw TCtlError(STATUS_REFUSED, "standard output: " + std::generic_category().message(error));
+    throw CtlError(STATUS_REFUSED, "standard output: " + std::generic_category().message(error));
 }

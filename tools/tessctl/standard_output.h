@@ -11,10 +11,10 @@ void keepStandardDescriptors();
 int flushOutput();
 
 /// As flushOutput().
-/// @throws TCtlError  some of it is lost
+/// @throws CtlError  some of it is lost
 void requireOutput();
 
 /// Says that some of it is lost.
 /// @param error  as flushOutput() returns it
-/// @throws TCtlError  always
+/// @throws CtlError  always
 [[noreturn]] void failOutput(int error);

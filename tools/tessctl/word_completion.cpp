@@ -12,9 +12,9 @@ constexpr const char* BLANKS = " \t|";
 
 } // namespace
 
-TWordCompletion::TWordCompletion() : words_{"DELAY", "CLEAR", "RESET", "REINIT"} {}
+WordCompletion::WordCompletion() : words_{"DELAY", "CLEAR", "RESET", "REINIT"} {}
 
-void TWordCompletion::see(std::string_view line)
+void WordCompletion::see(std::string_view line)
 {
     std::vector<std::string_view> words;
     stringTokenizer(line, words, BLANKS);
@@ -24,7 +24,7 @@ void TWordCompletion::see(std::string_view line)
     }
 }
 
-std::vector<std::string> TWordCompletion::complete(std::string_view line) const
+std::vector<std::string> WordCompletion::complete(std::string_view line) const
 {
     const std::string_view beginning = lastWord(line);
     std::vector<std::string> found;
@@ -34,12 +34,12 @@ std::vector<std::string> TWordCompletion::complete(std::string_view line) const
     return found;
 }
 
-std::string_view TWordCompletion::lastWord(std::string_view line)
+std::string_view WordCompletion::lastWord(std::string_view line)
 {
     return line.substr(line.find_last_of(BLANKS) + 1); // where there is none, that adds up to 0
 }
 
-std::string TWordCompletion::commonBeginning(const std::vector<std::string>& words)
+std::string WordCompletion::commonBeginning(const std::vector<std::string>& words)
 {
     if (words.empty()) return {};
     std::string common = words.front();

@@ -7,9 +7,9 @@
 
 /// Knows what can stand in a command line: the built-in commands, and the words of the lines seen so far.
 /// Threads: one.
-class TWordCompletion {
+class WordCompletion {
 public:
-    TWordCompletion();
+    WordCompletion();
 
     /// Remembers the words of a line.
     void see(std::string_view line);
