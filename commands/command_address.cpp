@@ -5,7 +5,8 @@
 
 namespace {
 
-/// Collects characters to compare them with a pattern of two: keeps the first two, the others do not matter.
+/// Collects characters to compare them with a pattern of two: keeps the first two, the others do
+/// not matter.
 class PatternHead {
 public:
     void append(char c)

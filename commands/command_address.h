@@ -16,8 +16,8 @@ struct CommandAddress {
 inline constexpr int ADDRESS_REJECTED = 0;
 inline constexpr int ADDRESS_WHOLE_TEXT = 1;
 
-/// Splits `unit.process command` at the front of one command token. A token without an address is a broadcast: "*", "*".
-/// A token that begins with "$GPRMC" is addressed to "GPSD".
+/// Splits `unit.process command` at the front of one command token. A token without an address is a
+/// broadcast: "*", "*". A token that begins with "$GPRMC" is addressed to "GPSD".
 /// @param text     trimmed token; white space in front is skipped and not counted
 /// @param address  receives both fields, empty where the token has none
 /// @return 0 rejected; 1 the body is the whole text; above 1 the offset at which the body begins

@@ -29,6 +29,7 @@ struct CommandContext {
     DelayQueue& delayQueues;               ///< service thread only
     DelayedLine& delayedLine;              ///< the one that is being run
     std::vector<std::string_view>& tokens; ///< scratch, kept between calls so that nothing is allocated
-    /// Resets the device for whoever asks; an asker that has to wait asks again with the same pointer.
+    /// Resets the device for whoever asks; an asker that has to wait asks again with the same
+    /// pointer.
     std::function<ResetResult(const char* line, const void* asker)> resetDevice;
 };

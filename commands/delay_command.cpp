@@ -12,8 +12,8 @@ namespace {
 
 using Clock = ClockReading;
 
-/// When a delay that starts now falls due. Of its milliseconds almost nothing counts: the remainder is taken for nanoseconds
-/// (deliberate).
+/// When a delay that starts now falls due. Of its milliseconds almost nothing counts: the remainder
+/// is taken for nanoseconds (deliberate).
 std::uint64_t dueTime(Clock now, std::uint64_t delay)
 {
     now.seconds += static_cast<std::uint32_t>(delay / Clock::MS_PER_S);
@@ -31,8 +31,9 @@ std::string joined(std::span<const std::string_view> tokens)
     return line;
 }
 
-/// One line of the listing. The rest of the due time in milliseconds is set off against the clock's nanoseconds
-/// (deliberate): the milliseconds shown run to the clock's next whole second, and the seconds are one less.
+/// One line of the listing. The rest of the due time in milliseconds is set off against the clock's
+/// nanoseconds (deliberate): the milliseconds shown run to the clock's next whole second, and the
+/// seconds are one less.
 std::string listingLine(const Clock& now, std::uint64_t due, const std::string& line)
 {
     // Seconds wrap at 32 bits; they are negative when the line is due within the second.

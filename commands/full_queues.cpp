@@ -15,8 +15,8 @@ FullQueues::Queue* FullQueues::find(long address)
     return const_cast<Queue*>(std::as_const(*this).find(address));
 }
 
-/// Adds a queue that has just been found full. When there are too many, one that nobody waits for is forgotten: should it be
-/// stuck, the next sender has to wait until that shows once more.
+/// Adds a queue that has just been found full. When there are too many, one that nobody waits for
+/// is forgotten: should it be stuck, the next sender has to wait until that shows once more.
 FullQueues::Queue& FullQueues::remember(long address)
 {
     if (queues_.size() >= MAX_QUEUES) {
@@ -33,8 +33,9 @@ bool FullQueues::isFirst(const Queue& queue, const QueueWaiter& who)
     return queue.waiters.empty() || queue.waiters.front() == &who;
 }
 
-/// @return false when there is no descriptor that tells of room; or when it has told so twice in a row and the next send found
-///         none: this process's send buffer may be used up, or other senders are faster. Then it is tried by the clock
+/// @return false when there is no descriptor that tells of room; or when it has told so twice in a
+///         row and the next send found none: this process's send buffer may be used up, or other
+///         senders are faster. Then it is tried by the clock
 bool FullQueues::isTrusted(const Queue& queue)
 {
     return WaitSet::fits(queue.room.fd()) && queue.falseReports < 2;
@@ -56,8 +57,8 @@ long FullQueues::refused(Queue& queue, QueueWaiter& who)
     queue.isStuck = now >= queue.stuckFrom;
     if (queue.isStuck) return givenUp(who);
     if (who.address != 0) ++queue.falseReports;
-    // A descriptor that reports room where there is none may belong to the queue of an owner that is gone: the address is looked
-    // up anew. Where that fails, it is tried by the clock.
+    // A descriptor that reports room where there is none may belong to the queue of an owner that
+    // is gone: the address is looked up anew. Where that fails, it is tried by the clock.
     if (queue.room.fd() < 0 || queue.falseReports > 0) (void)queue.room.watch(queue.address);
     queue.tryAt = isTrusted(queue) ? NEVER : now + RETRY_TIME;
     return join(queue, who);
@@ -109,7 +110,8 @@ bool FullQueues::mayTry(const QueueWaiter& who, const WaitSet& waits) const
 {
     const Queue* const queue = find(who.address);
     if (queue == nullptr || queue->isStuck) return true;
-    // Only the first one finds out that a queue is stuck: it may have taken something at the last moment.
+    // Only the first one finds out that a queue is stuck: it may have taken something at the last
+    // moment.
     if (!isFirst(*queue, who)) return false;
     const bool isDue = waits.isDue(std::min(queue->stuckFrom, queue->tryAt));
     return isDue || (isTrusted(*queue) && waits.hasRoom(queue->room.fd()));

@@ -8,8 +8,9 @@
 #include "framework/orb_attachment_msg.h"
 #include "framework/queue_room.h"
 
-/// The queues that had no room for a record, and who waits for each, in order of asking. A queue that has taken nothing for a
-/// while is stuck: nobody waits for it any longer before it takes a record again.
+/// The queues that had no room for a record, and who waits for each, in order of asking. A queue
+/// that has taken nothing for a while is stuck: nobody waits for it any longer before it takes a
+/// record again.
 /// Threads: no lock of its own; under the daemon's registry lock.
 class FullQueues {
 public:
@@ -21,10 +22,12 @@ public:
     static constexpr std::size_t MAX_QUEUES = 64;
 
     /// Sends a record, behind whoever waits for that queue already. Does not wait.
-    /// @param who     waits afterwards, if need be; until then, or until leave(), it must stay where it is
+    /// @param who     waits afterwards, if need be; until then, or until leave(), it must stay
+    ///                where it is
     /// @param length  bytes of `msg` to send
-    /// @return SEND_DONE; SEND_FAILED: it cannot be delivered, or the queue is stuck; SEND_QUEUE_FULL: `who` waits now, and the
-    ///         same record is to be sent again once mayTry() says so
+    /// @return SEND_DONE; SEND_FAILED: it cannot be delivered, or the queue is stuck;
+    ///         SEND_QUEUE_FULL: `who` waits now, and the same record is to be sent again once
+    ///         mayTry() says so
     long send(QueueWaiter& who, long address, TOrbAttachmentMsg& msg, long length);
 
     /// Ends a wait; does nothing for whoever does not wait.

@@ -52,7 +52,8 @@ private:
     int interpret()
     {
         const std::string_view line(cmd_.text);
-        // Whatever follows the five letters: reset, Resetting and RESET|X are all for resetDevice().
+        // Whatever follows the five letters: reset, Resetting and RESET|X are all for
+        // resetDevice().
         if (!progress_.pastReset && beginsWithNoCase(line, "RESET")) {
             const ResetResult result = context_.resetDevice(cmd_.text, &progress_);
             progress_.wait = result == RESET_WAITS ? Wait::reInit : Wait::nothing;

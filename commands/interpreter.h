@@ -7,15 +7,18 @@
 /// Result of processCmd(): the caller closes the connection.
 inline constexpr int CMD_CLOSE_CONNECTION = -2;
 
-/// Result of processCmd(): the line is not done, it waits for a process or a program. To be called again with the same line.
+/// Result of processCmd(): the line is not done, it waits for a process or a program. To be called
+/// again with the same line.
 inline constexpr int CMD_WAITS = -3;
 
-/// Gives meaning to one command line: RESET, quit, DELAY and "*" are answered here, everything else goes to the registered
-/// processes, whose answers come later and by another way. Allocates nothing but for DELAY.
+/// Gives meaning to one command line: RESET, quit, DELAY and "*" are answered here, everything else
+/// goes to the registered processes, whose answers come later and by another way. Allocates nothing
+/// but for DELAY.
 /// @param conn  who asked and gets the replies; null for a delayed command: nothing is replied
 /// @param cmd   the line; null, or a null text, for none
-/// Never waits itself: what becomes of a line that has to is kept in the connection's, or the delayed line's, progress.
-/// @return -2 "quit" on telnet; -3 the line waits; 1 no line, or a RESET failed and that was reported, or the clock failed a
-///         listing; else 0
+/// Never waits itself: what becomes of a line that has to is kept in the connection's, or the
+/// delayed line's, progress.
+/// @return -2 "quit" on telnet; -3 the line waits; 1 no line, or a RESET failed and that was
+///         reported, or the clock failed a listing; else 0
 /// Threads: service thread.
 int processCmd(CommandContext& context, TPortConn* conn, const CmdEntry* cmd);

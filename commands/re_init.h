@@ -3,12 +3,14 @@
 #include <memory>
 #include <mutex>
 
-/// The program that re-initialises the installed software version (versionReInit()): in a thread of its own, one at a time, while
-/// whoever asked for it waits. Whoever asks is told from others by a pointer.
+/// The program that re-initialises the installed software version (versionReInit()): in a thread of
+/// its own, one at a time, while whoever asked for it waits. Whoever asks is told from others by a
+/// pointer.
 /// Threads: any.
 class ReInit {
 public:
-    /// @param onOver  called when the program has ended, by its thread; must stay valid for as long as the process lives
+    /// @param onOver  called when the program has ended, by its thread; must stay valid for as long
+    ///                as the process lives
     explicit ReInit(void (*onOver)()) : onOver_(onOver) {}
 
     /// @return false: a program is at work already, the daemon ends, or it cannot be started

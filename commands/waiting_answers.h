@@ -5,7 +5,8 @@
 
 #include "commands/full_queues.h"
 
-/// Answers of the message loop to processes whose queue is full: they wait as commands do, in order.
+/// Answers of the message loop to processes whose queue is full: they wait as commands do, in
+/// order.
 /// Threads: no lock of its own; under the daemon's registry lock.
 class WaitingAnswers {
 public:
@@ -14,7 +15,8 @@ public:
 
     explicit WaitingAnswers(FullQueues& fullQueues) : fullQueues_(fullQueues) {}
 
-    /// Sends an answer, or keeps a copy that is sent when its queue has room. Allocates only for what is kept.
+    /// Sends an answer, or keeps a copy that is sent when its queue has room. Allocates only for
+    /// what is kept.
     /// @return true when it is kept
     bool send(long address, TOrbAttachmentMsg& msg, long length) noexcept;
 

@@ -5,10 +5,11 @@
 #include <mutex>
 #include <thread>
 
-/// A mutex that lets a waiting thread in. With std::mutex, a thread that unlocks and at once locks again, as the service thread
-/// does under load, nearly always wins against one that is waiting, which then waits on and on. Here every thread first locks
-/// a second mutex, the turn, and keeps it until it has locked the first: a thread that comes back while another one is waiting
-/// finds the turn taken, and waits behind it. Satisfies BasicLockable.
+/// A mutex that lets a waiting thread in. With std::mutex, a thread that unlocks and at once locks
+/// again, as the service thread does under load, nearly always wins against one that is waiting,
+/// which then waits on and on. Here every thread first locks a second mutex, the turn, and keeps it
+/// until it has locked the first: a thread that comes back while another one is waiting finds the
+/// turn taken, and waits behind it. Satisfies BasicLockable.
 class FairMutex {
 public:
     void lock()
@@ -27,8 +28,9 @@ public:
     /// @return true when the calling thread has locked it
     bool isMine() const { return owner_ == std::this_thread::get_id(); }
 
-    /// For a process that has just been forked, by the thread that called fork(2) with the mutex locked. A thread of the parent
-    /// that was waiting is not in this process, and would hold the turn for ever.
+    /// For a process that has just been forked, by the thread that called fork(2) with the mutex
+    /// locked. A thread of the parent that was waiting is not in this process, and would hold the
+    /// turn for ever.
     void forgetWaiters() { std::construct_at(&turn_); }
 
 private:

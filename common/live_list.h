@@ -3,7 +3,8 @@
 #include <cstddef>
 #include <vector>
 
-/// For walks over lists of owned objects: erases null entries at `index` until a live one stands there.
+/// For walks over lists of owned objects: erases null entries at `index` until a live one stands
+/// there.
 /// @return that entry, or null at the end of the list
 template <class T> T* liveAt(std::vector<T*>& list, std::size_t index)
 {

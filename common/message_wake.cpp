@@ -20,7 +20,8 @@ void wakeMessageLoop() noexcept
     msg.kind = WAKE_KIND;
     msg.tag = 0;
     msg.len = 0;
-    // A failure does not matter: when the queue is full, the loop has something to take and does not wait.
+    // A failure does not matter: when the queue is full, the loop has something to take and does
+    // not wait.
     (void)g_qMgr.sendMsg(TESS_QUEUE_ID, &msg, MSG_HEADER_BYTES, false);
 }
 

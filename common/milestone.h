@@ -3,9 +3,9 @@
 #include <atomic>
 #include <cstdint>
 
-/// How far the program has got, by fixed numbers. Nearly every operation of ports, commands and daemon stores one when it begins
-/// and another when it is done; an operation that ends early, or by an exception, stores only the first. docs/log.md has the
-/// same list, which a test compares.
+/// How far the program has got, by fixed numbers. Nearly every operation of ports, commands and
+/// daemon stores one when it begins and another when it is done; an operation that ends early, or
+/// by an exception, stores only the first. docs/log.md has the same list, which a test compares.
 enum class Milestone : std::int32_t {
     programBegun = 0,              ///< the program has begun
     creatingDaemon = 1,            ///< the options are read, the daemon is being made

@@ -6,8 +6,8 @@
 
 namespace {
 
-/// While an object lives, the calling thread takes no signals, and neither do threads that it makes, ever; except those by which
-/// the kernel reports a fault.
+/// While an object lives, the calling thread takes no signals, and neither do threads that it
+/// makes, ever; except those by which the kernel reports a fault.
 class SignalsBlocked {
 public:
     SignalsBlocked()

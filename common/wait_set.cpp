@@ -4,8 +4,8 @@
 
 namespace {
 
-/// How long to wait for `due`: at least 0, at most `most`. Rounded up, because whoever wakes up early finds nothing due, and waits
-/// again.
+/// How long to wait for `due`: at least 0, at most `most`. Rounded up, because whoever wakes up
+/// early finds nothing due, and waits again.
 timeval timeUntil(Instant due, Instant now, std::chrono::microseconds most)
 {
     using std::chrono::microseconds;

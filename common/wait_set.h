@@ -4,8 +4,8 @@
 
 #include "common/instant.h"
 
-/// What the service loop waits for, in one select(2): descriptors, and the nearest moment at which something is due.
-/// Descriptors that an fd_set cannot hold (below 0, 1024 and above) are left out.
+/// What the service loop waits for, in one select(2): descriptors, and the nearest moment at which
+/// something is due. Descriptors that an fd_set cannot hold (below 0, 1024 and above) are left out.
 /// Threads: an object belongs to one.
 class WaitSet {
 public:
@@ -28,8 +28,8 @@ public:
     /// Waits until a descriptor is ready, something is due, a signal arrives, or `most` has passed.
     void wait(std::chrono::milliseconds most);
 
-    /// For after wait(). Both are true for every descriptor when the wait itself has failed: whoever asks then tries to read or
-    /// to write, and learns more.
+    /// For after wait(). Both are true for every descriptor when the wait itself has failed:
+    /// whoever asks then tries to read or to write, and learns more.
     bool hasInput(int fd) const { return isIn(fd, input_); }
     bool hasRoom(int fd) const { return isIn(fd, output_); }
 

@@ -25,8 +25,9 @@ struct UserLookUp {
 /// @return true for the super-user, who is refused without a look at the password
 bool isSuperUser(const char* userName);
 
-/// Checks a user's name and password against the password field of the user's entry (getpwnam_r(3), crypt_r(3)); no shadow
-/// database is consulted. The super-user is refused, whatever the password. Takes as long as the hash is made to take.
+/// Checks a user's name and password against the password field of the user's entry (getpwnam_r(3),
+/// crypt_r(3)); no shadow database is consulted. The super-user is refused, whatever the password.
+/// Takes as long as the hash is made to take.
 /// @param password  NUL-terminated; overwritten with NUL, except for the super-user
 /// @return AuthResult
 /// Threads: any.

@@ -11,8 +11,8 @@ struct QueueWaiter {
     long address = 0; ///< of that queue; 0: does not wait
 };
 
-/// How far the interpretation of some command lines has come. While one of them waits for a process or a program, whoever asked
-/// is not read, and gets no further line interpreted.
+/// How far the interpretation of some command lines has come. While one of them waits for a process
+/// or a program, whoever asked is not read, and gets no further line interpreted.
 struct CmdProgress {
     /// What the line under way waits for.
     enum class Wait : std::uint8_t { nothing, room, reInit };

@@ -9,8 +9,9 @@
 
 namespace {
 
-// A line that has hung up is readable all the time, and every read gives 0 bytes. A Ctrl-D that is typed gives one such read: only
-// several in a row mean that the line would wake the service loop without end.
+// A line that has hung up is readable all the time, and every read gives 0 bytes. A Ctrl-D that is
+// typed gives one such read: only several in a row mean that the line would wake the service loop
+// without end.
 constexpr int EMPTY_READS_BEFORE_REST = 3;
 
 } // namespace
@@ -33,7 +34,8 @@ int TCom2Conn::readCmd()
     return 0;
 }
 
-/// @return true while the line is muted, and at the first look after that: what is there then has come while it was muted
+/// @return true while the line is muted, and at the first look after that: what is there then has
+///         come while it was muted
 bool TCom2Conn::throwsAway()
 {
     const std::scoped_lock lock(muteLock);

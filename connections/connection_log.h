@@ -5,14 +5,16 @@
 /// What connections log.
 namespace connection_log {
 
-/// A local client sent a whole buffer with a line end in it; all of it was thrown away. Send less than 1024 bytes at once.
+/// A local client sent a whole buffer with a line end in it; all of it was thrown away. Send less
+/// than 1024 bytes at once.
 inline constexpr LogMessage fullBuffer{250003, "Full cmd buffer (>1k) without a newline received. Discarding"};
 /// An answer could not be written to an XCP client: it is gone, or it does not read.
 inline constexpr LogMessage xcpWriteFailed{250004, "Error writing to the socket"};
 /// An XCP client declared a payload that no buffer holds; its connection is closed.
 inline constexpr LogMessage xcpLengthOutOfRange{250004, "XCP frame length out of range"};
 
-/// The serial line takes less than it is given: a text that does not fit into what is kept for it was dropped whole.
+/// The serial line takes less than it is given: a text that does not fit into what is kept for it
+/// was dropped whole.
 inline constexpr LogMessage com2OutputDropped{250007, "COM2 output dropped"};
 
 /// An answer could not be written to a telnet client: it is gone, or it does not read.

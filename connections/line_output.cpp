@@ -69,8 +69,8 @@ void LineOutput::goOn(Instant now)
     const std::size_t before = keptBytes_;
     while (!texts_.empty() && sendFirst(now)) {
     }
-    // The line discipline sends a tab as several blanks, all or none, and may have too little room for that although it reports
-    // some: select(2) would return at once, again and again.
+    // The line discipline sends a tab as several blanks, all or none, and may have too little room
+    // for that although it reports some: select(2) would return at once, again and again.
     if (!texts_.empty() && keptBytes_ == before) pauseEnd_ = now + RETRY_TIME;
     for (auto text = firstReported(); text != texts_.end() && failure(*text) <= now; text = firstReported())
         end(text, false);

@@ -11,9 +11,9 @@
 #include "common/instant.h"
 #include "framework/fd.h"
 
-/// What is on its way out of a serial line, in order: sent as the line takes it, without ever waiting for the line.
-/// Allocates only for what the line has not taken at once.
-/// Owns: the descriptor of reported texts, while something of one is kept.
+/// What is on its way out of a serial line, in order: sent as the line takes it, without ever
+/// waiting for the line. Allocates only for what the line has not taken at once. Owns: the
+/// descriptor of reported texts, while something of one is kept.
 /// Threads: no lock of its own; under the daemon's connection lock.
 class LineOutput {
 public:
@@ -47,24 +47,27 @@ public:
     LineOutput& operator=(const LineOutput&) = delete;
 
     /// Sends a text.
-    /// @param line  the serial line, non-blocking; stays the caller's, for as long as something of the text is kept.
-    ///              Negative: refused
+    /// @param line  the serial line, non-blocking; stays the caller's, for as long as something of
+    ///              the text is kept. Negative: refused
     Sent write(int line, std::string_view text);
 
-    /// Sends a text and reports, when it was kept, what has become of it: written once the line has taken all of it; not
-    /// written when the line has taken nothing for PATIENCE or is gone, and then the rest of it is dropped.
-    /// @param line  the serial line, opened for this text, non-blocking; of those that are kept only the first stays open, and
-    ///              serves the texts behind it too. None: refused
+    /// Sends a text and reports, when it was kept, what has become of it: written once the line has
+    /// taken all of it; not written when the line has taken nothing for PATIENCE or is gone, and
+    /// then the rest of it is dropped.
+    /// @param line  the serial line, opened for this text, non-blocking; of those that are kept
+    ///              only the first stays open, and serves the texts behind it too. None: refused
     Sent writeReported(Fd line, std::string_view text, const Ticket& ticket);
 
-    /// Goes on sending, and drops what has failed. To be called when waitsFor() has room, or when due() has come.
+    /// Goes on sending, and drops what has failed. To be called when waitsFor() has room, or when
+    /// due() has come.
     void goOn(Instant now);
 
-    /// @return the descriptor whose room is waited for; -1 when none is: nothing is kept, or only due() is waited for
+    /// @return the descriptor whose room is waited for; -1 when none is: nothing is kept, or only
+    ///         due() is waited for
     int waitsFor() const;
 
-    /// @return when goOn() is to be called though there is no room: when the oldest reported text fails, or after a pause;
-    ///         NEVER when there is neither
+    /// @return when goOn() is to be called though there is no room: when the oldest reported text
+    ///         fails, or after a pause; NEVER when there is neither
     Instant due() const;
 
     /// Ends all that is kept; what was to be reported is reported as not written.

@@ -2,8 +2,8 @@
 
 #include "connections/port_conn.h"
 
-/// What the clients of both local sockets have in common: they need not log in and may be silent for as long as they like.
-/// Owns: its descriptor.
+/// What the clients of both local sockets have in common: they need not log in and may be silent
+/// for as long as they like. Owns: its descriptor.
 class LocalConn : public TPortConn {
 public:
     LocalConn(std::uint32_t portType, std::uint32_t id);

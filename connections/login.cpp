@@ -64,7 +64,8 @@ private:
     {
         const Input input = readLine(connection_log::loginNameTooBig);
         if (input != Input::line) return input == Input::none;
-        // From the first byte, not from the first line: a name with leading blanks is the empty name (deliberate).
+        // From the first byte, not from the first line: a name with leading blanks is the empty
+        // name (deliberate).
         putText(userName_, conn_.rxBuf.data());
         conn_.loginState = LOGIN_WAIT_PASSWORD;
         conn_.login.owes = LoginOwes::prompt;

@@ -7,8 +7,8 @@
 
 #include "connections/authenticate.h"
 
-/// A name and a password that are being checked by authenticate(), in a thread of its own: a hash takes as long as it is made
-/// to take. The service loop is woken at the end.
+/// A name and a password that are being checked by authenticate(), in a thread of its own: a hash
+/// takes as long as it is made to take. The service loop is woken at the end.
 class PasswordCheck {
 public:
     static constexpr std::size_t TEXT_BYTES = 257; ///< a name or a password, its NUL included

@@ -64,7 +64,8 @@ std::size_t TPortConn::textLength(const TOrbAttachmentMsg& msg)
 void TPortConn::closeSocket() const
 {
     if (fd <= 0) return; // descriptor 0 stays open (deliberate); no connection gets it, as standard input has it
-    // The service loop may be waiting for the socket, or the child of a reset may have it: close() alone would tell nobody.
+    // The service loop may be waiting for the socket, or the child of a reset may have it: close()
+    // alone would tell nobody.
     if (!g_isCopy) (void)::shutdown(fd, SHUT_RDWR); // a peer that has gone needs to be told nothing
     (void)::close(fd);                              // nothing is left to do for a descriptor that fails to close
 }

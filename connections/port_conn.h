@@ -25,11 +25,12 @@ class LineOutput;
 
 /// One live conversation on a command port.
 /// Owns: by subclass, see ~TPortConn(). The daemon's connection list owns the connection itself.
-/// Threads: everything on the service thread or with the daemon's connection lock held, except startMute() and
-/// muteExpired().
+/// Threads: everything on the service thread or with the daemon's connection lock held, except
+/// startMute() and muteExpired().
 class TPortConn {
 public:
-    /// Most bytes that one read takes, and therefore most command lines that it can yield. Chosen with the first device.
+    /// Most bytes that one read takes, and therefore most command lines that it can yield. Chosen
+    /// with the first device.
     static constexpr std::int32_t RX_BYTES = 1024;
     static constexpr timeval LOGIN_TIME{60, 0};
     static constexpr timeval IDLE_TIME{420, 0};
@@ -41,12 +42,14 @@ public:
     TPortConn(const TPortConn&) = delete;
     TPortConn& operator=(const TPortConn&) = delete;
 
-    /// Closes the descriptor where it is the connection's own (socket connections), not where it is the port's (COM2).
+    /// Closes the descriptor where it is the connection's own (socket connections), not where it is
+    /// the port's (COM2).
     virtual ~TPortConn() = default;
 
     /// Takes in what has arrived and cuts it into command lines. Never waits for input.
-    /// @return number of command lines now in `cmds`, valid until the next call; 0 nothing to do: no data, an incomplete
-    ///         line, a read error, or input thrown away; -1 the peer has closed, remove the connection
+    /// @return number of command lines now in `cmds`, valid until the next call; 0 nothing to do:
+    ///         no data, an incomplete line, a read error, or input thrown away; -1 the peer has
+    ///         closed, remove the connection
     virtual int readCmd() = 0;
 
     /// Sends the NUL-terminated text of a record; does not wait for the peer.
@@ -67,11 +70,13 @@ public:
     /// @return 0
     virtual int startMute() { return 0; }
 
-    /// Unused: nothing calls it, but the operations behind it keep their places in the table of virtual functions.
+    /// Unused: nothing calls it, but the operations behind it keep their places in the table of
+    /// virtual functions.
     /// @return 0
     virtual int reservedHook() { return 0; }
 
-    /// @return nonzero when input is accepted, 0 within the 2 seconds after startMute(). Threads: any.
+    /// @return nonzero when input is accepted, 0 within the 2 seconds after startMute(). Threads:
+    ///         any.
     virtual int muteExpired() { return 1; }
 
     /// @return type bit of the port that made the connection
@@ -80,7 +85,8 @@ public:
     /// @return when the login dialogue, or after it the idle time, is over
     Instant end() const;
 
-    /// @return true while something of it waits for a process, a program or a verdict: it is not read
+    /// @return true while something of it waits for a process, a program or a verdict: it is not
+    ///         read
     bool isHeld() const { return progress.waits() || login.owes == LoginOwes::verdict; }
 
     /// Adds what the service loop waits for on its behalf.
@@ -105,7 +111,8 @@ public:
     bool wantsInput = true; ///< false: the descriptor would wake the loop without a reason
     Instant due = AT_ONCE;  ///< when it is looked at although nothing has arrived: a new one at once
 
-    /// An exchange of options is under way: readCmd() goes on with it and yields no line until it is over.
+    /// An exchange of options is under way: readCmd() goes on with it and yields no line until it
+    /// is over.
     bool settling = false;
 
     LoginPause login;             ///< what the login dialogue waits for, besides the peer's next line
@@ -116,7 +123,8 @@ protected:
     /// Arms idleTimer afresh.
     void keepAlive();
 
-    /// Has the service loop leave the descriptor alone for a second, because it is readable although there is nothing to do.
+    /// Has the service loop leave the descriptor alone for a second, because it is readable
+    /// although there is nothing to do.
     void rest();
 
     /// Closes `fd`, if it is greater than 0, so that the peer sees it at once.

@@ -13,13 +13,15 @@ int TSocketIPCConn::readCmd()
     echoFlag = 0;
     wantsInput = true;
     due = NEVER;
-    // One call polls and reads: whatever is there is taken whole, wanted or not. An urgent byte is dropped by it (unix(7)).
+    // One call polls and reads: whatever is there is taken whole, wanted or not. An urgent byte is
+    // dropped by it (unix(7)).
     const ssize_t received = ::recv(fd, rxBuf.data(), RX_BYTES, MSG_DONTWAIT);
     if (received < 0) return 0;
     if (received == 0) return -1;
     rxLen = static_cast<std::int32_t>(received);
     rxBuf[static_cast<std::size_t>(rxLen)] = '\0';
-    // The test is the inverse of its message, deliberately: a full buffer without a LF is a command.
+    // The test is the inverse of its message, deliberately: a full buffer without a LF is a
+    // command.
     if (rxLen == RX_BYTES && std::strrchr(rxBuf.data(), '\n') != nullptr) {
         logMessage(connection_log::fullBuffer);
         return 0;

@@ -15,7 +15,8 @@ TelnetCmdReader::Result TelnetCmdReader::readTelnetCmd(std::span<const telnet::B
     if (front == Front::data) return {Read::data, 0};
     const bool isCommand = front == Front::command && now < bound_;
     const Front reached = isCommand ? Front::nothing : front;
-    // Also when the time was over already: what is there has come in time, and was only looked at late.
+    // Also when the time was over already: what is there has come in time, and was only looked at
+    // late.
     if (isCommand || reached != reached_) step_ = now + STEP_TIME;
     reached_ = reached;
     if (isCommand) return {Read::command, length};

@@ -7,8 +7,9 @@
 #include "connections/telnet_protocol.h"
 #include "connections/telnet_turn.h"
 
-/// Reads telnet commands off the front of a client's input, for as long as an exchange of options may last: a second for each
-/// step towards a whole command, and a bound for all of it. Knows neither socket nor clock: input and time are given to it.
+/// Reads telnet commands off the front of a client's input, for as long as an exchange of options
+/// may last: a second for each step towards a whole command, and a bound for all of it. Knows
+/// neither socket nor clock: input and time are given to it.
 class TelnetCmdReader {
 public:
     static constexpr std::chrono::seconds STEP_TIME{1};
@@ -31,12 +32,15 @@ public:
     /// As a new reader.
     void restart(Instant now, std::chrono::seconds bound);
 
-    /// @param input  all that waits; a command that is found counts as taken, the next call gets what is behind it
+    /// @param input  all that waits; a command that is found counts as taken, the next call gets
+    ///               what is behind it
     Result readTelnetCmd(std::span<const telnet::Byte> input, Instant now);
 
     /// Reads commands for an exchange until that is over, or the input ends within a command.
-    /// @param takeCommand  gets each command, and the turn to answer in; the turn's verdict ends the exchange
-    /// @param outcome      gives the verdict when something else than a command stands in front, or time is up
+    /// @param takeCommand  gets each command, and the turn to answer in; the turn's verdict ends
+    ///                     the exchange
+    /// @param outcome      gives the verdict when something else than a command stands in front, or
+    ///                     time is up
     template <class TakeCommand, class Outcome>
     telnet::Turn takeTurn(std::span<const telnet::Byte> input, Instant now, TakeCommand takeCommand, Outcome outcome)
     {

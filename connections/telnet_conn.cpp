@@ -53,13 +53,15 @@ void TTelnetConn::setLowWaterMark(int bytes)
     if (::setsockopt(fd, SOL_SOCKET, SO_RCVLOWAT, &bytes, sizeof bytes) == 0) lowWaterMark_ = bytes;
 }
 
-/// Input that cannot be used yet stays in the socket, which is therefore readable, and would wake the service loop again and
-/// again. Has the socket count as readable only when more has arrived than is waiting now.
+/// Input that cannot be used yet stays in the socket, which is therefore readable, and would wake
+/// the service loop again and again. Has the socket count as readable only when more has arrived
+/// than is waiting now.
 /// @return false: that cannot be had, so that somebody has to look after a time
 bool TTelnetConn::waitForMore(std::size_t waiting)
 {
     const int mark = static_cast<int>(waiting) + 1;
-    // It has been woken at this mark and found no more: the input ends behind what waits. Or no more fits into the buffer.
+    // It has been woken at this mark and found no more: the input ends behind what waits. Or no
+    // more fits into the buffer.
     if (mark == lowWaterMark_ || waiting >= RX_BYTES) return false;
     setLowWaterMark(mark);
     return mark == lowWaterMark_;
@@ -184,8 +186,8 @@ int TTelnetConn::keepHalfLine(std::size_t waiting)
     return 0;
 }
 
-/// Asks for the state of the connection, because recv(2) may not tell: it gives what waits first, and then an error only if no
-/// write has had it before.
+/// Asks for the state of the connection, because recv(2) may not tell: it gives what waits first,
+/// and then an error only if no write has had it before.
 bool TTelnetConn::isReset() const
 {
     tcp_info info{};
@@ -195,7 +197,8 @@ bool TTelnetConn::isReset() const
 
 int TTelnetConn::sendText(const char* text, std::size_t length)
 {
-    // Without MSG_NOSIGNAL, unlike every other send here (deliberate): the daemon's handler takes the SIGPIPE.
+    // Without MSG_NOSIGNAL, unlike every other send here (deliberate): the daemon's handler takes
+    // the SIGPIPE.
     if (::send(fd, text, length, MSG_DONTWAIT) < 0) return 1;
     keepAlive();
     return 0;

@@ -10,28 +10,29 @@
 #include "connections/telnet_echo_switch.h"
 #include "connections/telnet_negotiation.h"
 
-/// A telnet client (RFC 854). One that speaks LINEMODE (RFC 1184) edits lines and is told with the ECHO option (RFC 857) when
-/// not to show them; any other is a plain byte stream that gets its bytes echoed.
-/// Owns: its descriptor.
+/// A telnet client (RFC 854). One that speaks LINEMODE (RFC 1184) edits lines and is told with the
+/// ECHO option (RFC 857) when not to show them; any other is a plain byte stream that gets its
+/// bytes echoed. Owns: its descriptor.
 class TTelnetConn : public TPortConn {
 public:
     TTelnetConn(std::uint32_t portType, std::uint32_t id);
     ~TTelnetConn() override;
 
-    /// Finds out what the client speaks; to be called until it is done, each time when there is input (`wantsInput`) or `due`
-    /// has come. A silent client is done after a second, one that never comes to an end after 5 seconds, and 5 more for its
-    /// LINEMODE part.
+    /// Finds out what the client speaks; to be called until it is done, each time when there is
+    /// input (`wantsInput`) or `due` has come. A silent client is done after a second, one that
+    /// never comes to an end after 5 seconds, and 5 more for its LINEMODE part.
     /// @return 0 done; 1 socket error, drop the connection; 2 under way
     int negotiateOptions();
 
-    /// As TPortConn::readCmd(). A line without an end stays in the socket; where the connection echoes, what has come of it
-    /// is echoed once. Urgent data is thrown away. Telnet commands are not taken out of lines, except while the echo is being
-    /// switched (`settling`): then they are all that is taken, and the result is 0.
+    /// As TPortConn::readCmd(). A line without an end stays in the socket; where the connection
+    /// echoes, what has come of it is echoed once. Urgent data is thrown away. Telnet commands are
+    /// not taken out of lines, except while the echo is being switched (`settling`): then they are
+    /// all that is taken, and the result is 0.
     int readCmd() override;
     int write(TOrbAttachmentMsg* msg) override;
     int hasTimedOut() override { return idleTimer.hasTimedOut() ? 1 : 0; }
-    /// LINEMODE: offers or withdraws ECHO, and `settling` tells that the client's answer is awaited, for up to a second of
-    /// silence or 2 in all. Any other client: at once.
+    /// LINEMODE: offers or withdraws ECHO, and `settling` tells that the client's answer is
+    /// awaited, for up to a second of silence or 2 in all. Any other client: at once.
     void setEcho(int on) override;
     int isSerialLine() override { return 0; }
     std::uint32_t getPortId() override { return portId; }

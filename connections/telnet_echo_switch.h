@@ -8,8 +8,8 @@
 #include "connections/telnet_protocol.h"
 #include "connections/telnet_turn.h"
 
-/// Waits for a LINEMODE client to agree that it shows, or does not show, what is typed. Over as soon as it does, when data
-/// stands in front, or in time. Knows neither socket nor clock.
+/// Waits for a LINEMODE client to agree that it shows, or does not show, what is typed. Over as
+/// soon as it does, when data stands in front, or in time. Knows neither socket nor clock.
 class TelnetEchoSwitch {
 public:
     static constexpr std::chrono::seconds TIME{2}; ///< for all of it

@@ -7,8 +7,8 @@
 #include "connections/telnet_protocol.h"
 #include "connections/telnet_turn.h"
 
-/// Finds out what a telnet client speaks. Says nothing until the client has sent a telnet command. Knows neither socket nor
-/// clock.
+/// Finds out what a telnet client speaks. Says nothing until the client has sent a telnet command.
+/// Knows neither socket nor clock.
 class TelnetNegotiation {
 public:
     static constexpr std::chrono::seconds TIME{5};          ///< for all of it; real clients are done within 0.1 s

@@ -38,7 +38,8 @@ struct Scanned {
     std::size_t length; ///< bytes of a whole command, else 0
 };
 
-/// Looks at `input` only. A command has 3 bytes, also one that the protocol gives 2; a sub-negotiation ends at IAC SE.
+/// Looks at `input` only. A command has 3 bytes, also one that the protocol gives 2; a
+/// sub-negotiation ends at IAC SE.
 constexpr Scanned scan(std::span<const Byte> input)
 {
     if (input.empty()) return {Front::nothing, 0};

@@ -47,7 +47,8 @@ public:
     Verdict verdictWhen(std::size_t sent) const { return sent < needed_ ? Verdict::drop : verdict; }
 
 private:
-    /// A command is answered with no more bytes than it has itself; to one of them the offers are added, to one MODE and SLC.
+    /// A command is answered with no more bytes than it has itself; to one of them the offers are
+    /// added, to one MODE and SLC.
     static constexpr std::size_t ANSWER_BYTES = INPUT_BYTES + offerOptions.size() + modeEdit.size() + slcForward.size();
 
     std::array<Byte, ANSWER_BYTES> answer_{};

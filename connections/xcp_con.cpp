@@ -8,8 +8,8 @@
 #include "connections/connection_log.h"
 #include "connections/line_cutter.h"
 
-/// Takes in what has arrived until there are so many bytes of the frame. Never peeks, because that would not get past an urgent
-/// byte (unix(7)): it ends a read, and the next one drops it.
+/// Takes in what has arrived until there are so many bytes of the frame. Never peeks, because that
+/// would not get past an urgent byte (unix(7)): it ends a read, and the next one drops it.
 /// @return false: the peer has closed
 bool TXCPCon::takeIn(std::int32_t bytes)
 {

@@ -2,10 +2,10 @@
 
 #include "connections/local_conn.h"
 
-/// A local client of the XCP socket: text lines in frames, answers in frames.
-/// A frame is a header of four 32-bit words in host byte order (two that are ignored, tag, payload length in bytes) and the
-/// payload. Answers: the two words as the daemon's record has them, the low 16 bits of the tag, the text's length with its
-/// NUL, the text with its NUL.
+/// A local client of the XCP socket: text lines in frames, answers in frames. A frame is a header
+/// of four 32-bit words in host byte order (two that are ignored, tag, payload length in bytes) and
+/// the payload. Answers: the two words as the daemon's record has them, the low 16 bits of the tag,
+/// the text's length with its NUL, the text with its NUL.
 class TXCPCon : public LocalConn {
 public:
     static constexpr std::int32_t HEADER_BYTES = 16;
@@ -14,9 +14,9 @@ public:
 
     using LocalConn::LocalConn;
 
-    /// As TPortConn::readCmd(), one frame a call. Takes the header, and of the payload what has arrived by then; the rest is
-    /// taken for the next header. A header of which only a part has arrived is waited for, until `due`: after FRAME_TIME,
-    /// whole or not, the result is -1.
+    /// As TPortConn::readCmd(), one frame a call. Takes the header, and of the payload what has
+    /// arrived by then; the rest is taken for the next header. A header of which only a part has
+    /// arrived is waited for, until `due`: after FRAME_TIME, whole or not, the result is -1.
     int readCmd() override;
     int write(TOrbAttachmentMsg* msg) override;
 

@@ -7,7 +7,8 @@ namespace daemon_log {
 
 inline constexpr LogMessage running{51000, "Command listener daemon running"};
 inline constexpr LogMessage normalExit{51001, "Normal application exit"};
-/// Start-up failed; the line before says what: a queue address in use, a port that could not be set up.
+/// Start-up failed; the line before says what: a queue address in use, a port that could not be set
+/// up.
 inline constexpr LogMessage errorRuntime{51008, "Error runtime"};
 
 inline constexpr LogMessage initCom2{36101, "Initialize Com2 connection"};

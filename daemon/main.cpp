@@ -13,7 +13,8 @@
 
 namespace {
 
-/// @throws what the daemon's constructor throws, after it has logged "Error runtime" where that is due
+/// @throws what the daemon's constructor throws, after it has logged "Error runtime" where that is
+///         due
 TTess* construct(const Options& options)
 try {
     return new TTess(TESS_QUEUE_ID, options.com2, options.telnet, options.noipcsocket, options.noxcp);

@@ -14,7 +14,8 @@
 #include "framework/queue_mgr.h"
 #include "framework/tess_messages.h"
 
-/// What is done with a kind of message. A handler tells whether its sender gets replyMsg now, with inLen bytes.
+/// What is done with a kind of message. A handler tells whether its sender gets replyMsg now, with
+/// inLen bytes.
 struct TTess::KindRow {
     std::uint32_t kind;
     bool (TTess::*handle)() noexcept;
@@ -117,7 +118,8 @@ bool TTess::handleUnregister() noexcept
     return true;
 }
 
-/// Copies the text without its NUL over the last one: a shorter text carries the tail of a longer one (deliberate).
+/// Copies the text without its NUL over the last one: a shorter text carries the tail of a longer
+/// one (deliberate).
 void TTess::replyRegistry(std::size_t result, std::span<const std::string_view> texts) noexcept
 {
     const std::string_view text = texts[std::min(result, texts.size() - 1)];
@@ -128,9 +130,9 @@ void TTess::replyRegistry(std::size_t result, std::span<const std::string_view> 
     inLen = static_cast<std::int32_t>(MSG_HEADER_BYTES + ::strnlen(replyMsg.text, MSG_TEXT_BYTES - 1) + 1);
 }
 
-/// Writes raw bytes out of the serial line, if it has a connection. Without one the answer keeps the length received and the
-/// kind of the answer before it (deliberate). When the line does not take all of them at once, the answer follows once it has
-/// taken the rest, or that has failed.
+/// Writes raw bytes out of the serial line, if it has a connection. Without one the answer keeps
+/// the length received and the kind of the answer before it (deliberate). When the line does not
+/// take all of them at once, the answer follows once it has taken the rest, or that has failed.
 bool TTess::handleCom2Write() noexcept
 {
     const std::size_t count = static_cast<std::size_t>(std::clamp<std::int32_t>(inMsg.len, 0, MSG_TEXT_BYTES));
@@ -141,7 +143,8 @@ bool TTess::handleCom2Write() noexcept
     for (std::size_t i = 0; TPortConn* conn = liveAt(conns, i); ++i) {
         if (conn->isSerialLine() == 0) continue;
         (void)conn->startMute(); // always 0
-        // Non-blocking: else the opening would wait for a line without carrier, and the writing for a slow one.
+        // Non-blocking: else the opening would wait for a line without carrier, and the writing for
+        // a slow one.
         Fd line(::open(COM2_DEVICE, O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
         const LineOutput::Sent sent =
             conn->output->writeReported(std::move(line), {inMsg.text, count}, {inMsg.sender, inMsg.tag});
@@ -154,7 +157,8 @@ bool TTess::handleCom2Write() noexcept
     return answers;
 }
 
-/// The answer has the length of the request, and the tag and len of the answer before it (deliberate).
+/// The answer has the length of the request, and the tag and len of the answer before it
+/// (deliberate).
 bool TTess::handleReset() noexcept
 {
     logMessage(daemon_log::resetReceived);

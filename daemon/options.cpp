@@ -6,7 +6,8 @@
 
 Options parseOptions(int argc, char* argv[])
 {
-    // The short options do not match the long ones (deliberate): -x takes an argument, -w does not exist.
+    // The short options do not match the long ones (deliberate): -x takes an argument, -w does not
+    // exist.
     static constexpr const char* shortOptions = ":z:yx:v";
     // clang-format off
     static constexpr std::array longOptions{

@@ -14,7 +14,8 @@ struct RegisterRequest {
     std::string_view name;
 };
 
-/// The record is zero behind what was received, so that whatever is missing reads as mask 0 or the empty name.
+/// The record is zero behind what was received, so that whatever is missing reads as mask 0 or the
+/// empty name.
 RegisterRequest readRequest(const TOrbAttachmentMsg& msg)
 {
     RegisterRequest request{};

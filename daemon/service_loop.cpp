@@ -80,8 +80,8 @@ bool TTess::collectConns(WaitSet& waits) noexcept
     return found;
 }
 
-/// Goes on with answers that have waited, and adds the queues that somebody waits for. Comes after the delayed lines, which may
-/// have begun such a wait.
+/// Goes on with answers that have waited, and adds the queues that somebody waits for. Comes after
+/// the delayed lines, which may have begun such a wait.
 void TTess::serviceQueues(const WaitSet& waits, WaitSet& next) noexcept
 {
     const std::scoped_lock lock(regLock);
@@ -136,9 +136,10 @@ void TTess::serviceOutput(TPortConn& conn, const WaitSet& waits) noexcept
     takeReports(*conn.output);
 }
 
-/// Takes a login step, or reads a connection and serves its lines, or goes on with those that have waited.
-/// @return where the pass goes on. After a removal the connection that moves there waits for the next pass, except after that of a
-///         failed login (deliberate)
+/// Takes a login step, or reads a connection and serves its lines, or goes on with those that have
+/// waited.
+/// @return where the pass goes on. After a removal the connection that moves there waits for the
+///         next pass, except after that of a failed login (deliberate)
 std::size_t TTess::serviceConn(std::size_t index) noexcept
 {
     TPortConn& conn = *conns[index];
@@ -156,8 +157,8 @@ std::size_t TTess::serviceConn(std::size_t index) noexcept
     return serviceLines(index);
 }
 
-/// Hands lines to the interpreter until one has to wait. When a line closes its connection, those left are taken from the
-/// connection in front (deliberate), unless that one has a line that waits.
+/// Hands lines to the interpreter until one has to wait. When a line closes its connection, those
+/// left are taken from the connection in front (deliberate), unless that one has a line that waits.
 /// @return where the pass goes on
 std::size_t TTess::serviceLines(std::size_t index) noexcept
 {
@@ -177,7 +178,8 @@ std::size_t TTess::serviceLines(std::size_t index) noexcept
     return index + 1;
 }
 
-/// Disposes of the connection at `index`, through its port, and erases it from the list. Needs connLock.
+/// Disposes of the connection at `index`, through its port, and erases it from the list. Needs
+/// connLock.
 /// @return 0; 1 when no port claims it, or the slot is empty (then nothing is done)
 int TTess::removeConn(std::size_t index) noexcept
 {
@@ -196,7 +198,8 @@ int TTess::removeConn(std::size_t index) noexcept
     return result;
 }
 
-/// Ends what a connection that is about to be removed waits for. A program that it has started runs on.
+/// Ends what a connection that is about to be removed waits for. A program that it has started runs
+/// on.
 void TTess::forgetConn(TPortConn& conn) noexcept
 {
     reInit.forget(&conn.progress);

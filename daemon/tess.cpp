@@ -136,7 +136,8 @@ int TTess::startService()
     return error;
 }
 
-// Called by a signal handler. Every other thread that handles signals has been joined before the daemon is freed.
+// Called by a signal handler. Every other thread that handles signals has been joined before the
+// daemon is freed.
 void TTess::requestStop() noexcept
 {
     setMilestone(Milestone::stopRequested);
@@ -144,7 +145,8 @@ void TTess::requestStop() noexcept
     g_wakeUp.wake();
 }
 
-/// fork(2) at a moment when no other thread is in the middle of a change, so that a copy begins with whole lists and free locks.
+/// fork(2) at a moment when no other thread is in the middle of a change, so that a copy begins
+/// with whole lists and free locks.
 int TTess::forkWhole() noexcept
 {
     std::unique_lock conns(connLock, std::defer_lock);
@@ -188,8 +190,8 @@ void TTess::closeTelnetConns() noexcept
     const std::scoped_lock lock(connLock);
     for (std::size_t i = 0; i < conns.size();) {
         const bool isTelnet = conns[i] != nullptr && conns[i]->getPortId() == PORT_TELNET;
-        // What moves to the front after a removal there is passed over, and so is what follows a failed removal
-        // (deliberate).
+        // What moves to the front after a removal there is passed over, and so is what follows a
+        // failed removal (deliberate).
         if (isTelnet && removeConn(i) == 0 && i != 0) continue;
         ++i;
     }

@@ -24,17 +24,18 @@
 #include "ports/cmd_port.h"
 
 /// The daemon: owns ports, connections, the registry and the message records.
-/// Threads: the main thread constructs it, calls run() and deletes it; the service thread runs serviceLoop(). Locks are taken
-/// in the order connLock, regLock.
+/// Threads: the main thread constructs it, calls run() and deletes it; the service thread runs
+/// serviceLoop(). Locks are taken in the order connLock, regLock.
 class TTess final : public TMsgDmn {
 public:
     /// Opens the queue, creates the ports asked for, installs the signal handlers.
     /// @param queueId  the daemon's own queue address
-    /// @throws std::runtime_error  the queue or a port could not be set up; what was open is closed again
+    /// @throws std::runtime_error the queue or a port could not be set up; what was open is closed
+    ///         again
     TTess(long queueId, bool com2, bool telnet, bool xcp, bool ipc);
 
-    /// Tells the service thread to end, which goes on for 2 seconds unless requestStop() was called, waits for it, and closes
-    /// all connections and ports.
+    /// Tells the service thread to end, which goes on for 2 seconds unless requestStop() was
+    /// called, waits for it, and closes all connections and ports.
     ~TTess() override;
 
     /// The message loop: serves the daemon's queue until a stop message or requestStop().
@@ -48,10 +49,12 @@ public:
     /// @return the ports that are open, as bits (TessPortType). Main thread, before startService()
     std::uint32_t openPorts() noexcept;
 
-    /// Asks the message loop and the service thread to end. Threads: any; also from a signal handler.
+    /// Asks the message loop and the service thread to end. Threads: any; also from a signal
+    /// handler.
     void requestStop() noexcept;
 
-    /// In a forked child, before anything else there (pthread_atfork(3)): of the threads only the calling one is there.
+    /// In a forked child, before anything else there (pthread_atfork(3)): of the threads only the
+    /// calling one is there.
     void startInForkedChild() noexcept;
 
 private:

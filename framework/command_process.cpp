@@ -1,4 +1,5 @@
-// Stands on what the headers of framework/ declare and on nothing else, so that it goes with any library that has that.
+// Stands on what the headers of framework/ declare and on nothing else, so that it goes with any
+// library that has that.
 #include "framework/command_process.h"
 
 #include <array>
@@ -32,7 +33,8 @@ volatile std::sig_atomic_t stopRequested = 0;
 
 extern "C" void requestStop(int)
 {
-    // A tessd that is halted with a full queue would keep us waiting for room: then SIGALRM ends this process.
+    // A tessd that is halted with a full queue would keep us waiting for room: then SIGALRM ends
+    // this process.
     if (stopRequested == 0) ::alarm(MOST_STOP_SECONDS);
     stopRequested = 1;
 }
@@ -119,7 +121,8 @@ void CommandProcess::unregister()
         return;
     }
     ++repliesDue_;
-    // What tessd forwarded before it read this still wants its answer; tessd's reply comes behind it.
+    // What tessd forwarded before it read this still wants its answer; tessd's reply comes behind
+    // it.
     const TOrbHRTimeOut patience(LEAVE_WITHIN);
     while (repliesDue_ > 0 && !patience.hasTimedOut() && serveOne()) {
     }
@@ -181,7 +184,7 @@ bool CommandProcess::send(std::uint32_t kind, std::uint32_t tag, std::size_t tex
     out_.tag = tag;
     out_.len = 0;
     const auto length = static_cast<long>(MSG_HEADER_BYTES + textBytes);
-    // Waits while tessd's queue is full, however long tessd is busy: an answer is not to be lost. The two cannot lock each
-    // other up: commands that arrive meanwhile are kept for getMsg().
+    // Waits while tessd's queue is full, however long tessd is busy: an answer is not to be lost.
+    // The two cannot lock each other up: commands that arrive meanwhile are kept for getMsg().
     return g_qMgr.sendMsg(TESS_QUEUE_ID, &out_, length, true) == SEND_DONE;
 }

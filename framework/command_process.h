@@ -11,36 +11,44 @@
 #include "framework/orb_attachment_msg.h"
 #include "framework/tess_messages.h"
 
-/// A process of the device that takes commands: it registers with tessd under a name, and answers what tessd forwards to it.
+/// A process of the device that takes commands: it registers with tessd under a name, and answers
+/// what tessd forwards to it.
 ///
 ///     CommandProcess process(1700, "ECHO", PORTS_ALL, [](std::string_view command) { return std::string(command); });
 ///     return process.run();
 ///
-/// It registers again every ten seconds, because a tessd that is started anew has forgotten who was registered, and every
-/// second while tessd is not there. Where another process has taken the name, it takes it back by that.
+/// It registers again every ten seconds, because a tessd that is started anew has forgotten who was
+/// registered, and every second while tessd is not there. Where another process has taken the name,
+/// it takes it back by that.
 /// Threads: one. One such process a program.
 class CommandProcess : public TMsgDmn {
 public:
-    /// Gives the answer to a command, on the thread of run(). While it is at work, further commands wait: 11 at most.
-    /// @param command  as tessd forwards it, without the address and the line end; may be empty; valid during the call
-    /// @return lines separated by LF, without an end: it becomes an answer as replyText() tells. "?" refuses what is not
-    ///         understood; "" is answered "OK"; a last line that begins with "Error: " says that the command failed. What
-    ///         it throws that is a std::exception becomes such a line
+    /// Gives the answer to a command, on the thread of run(). While it is at work, further commands
+    /// wait: 11 at most.
+    /// @param command  as tessd forwards it, without the address and the line end; may be empty;
+    ///                 valid during the call
+    /// @return lines separated by LF, without an end: it becomes an answer as replyText() tells.
+    ///         "?" refuses what is not understood; "" is answered "OK"; a last line that begins
+    ///         with "Error: " says that the command failed. What it throws that is a std::exception
+    ///         becomes such a line
     using AnswerTo = std::function<std::string(std::string_view command)>;
 
     /// Opens the queue; registering is for run().
     /// @param queueId   queue address of this process, 1 to 2147483647
     /// @param name      what clients write behind the dot ("s3.ENC"); it is copied
-    /// @param ports     the kinds of port that commands are wanted from: a sum of TessPortType, PORTS_ALL for all
+    /// @param ports     the kinds of port that commands are wanted from: a sum of TessPortType,
+    ///                  PORTS_ALL for all
     /// @param answerTo  not empty
     /// @throws std::runtime_error  the queue cannot be opened; the reason has been logged
     CommandProcess(long queueId, std::string_view name, std::uint32_t ports, AnswerTo answerTo);
 
-    /// Registers and answers until SIGTERM or SIGINT, then unregisters. At the first registration it tells whoever started
-    /// the process that it is up (TLogMgr::initAfterDaemonize()).
-    /// The two signals and SIGALRM are its own meanwhile: when something has kept it for five seconds after the first of
-    /// them (a tessd that is halted, an answer that takes its time), SIGALRM ends the process.
-    /// @return 0 stopped; 1 tessd refused to register it, or the queue failed; the reason has been logged
+    /// Registers and answers until SIGTERM or SIGINT, then unregisters. At the first registration
+    /// it tells whoever started the process that it is up (TLogMgr::initAfterDaemonize()). The two
+    /// signals and SIGALRM are its own meanwhile: when something has kept it for five seconds after
+    /// the first of them (a tessd that is halted, an answer that takes its time), SIGALRM ends the
+    /// process.
+    /// @return 0 stopped; 1 tessd refused to register it, or the queue failed; the reason has been
+    ///         logged
     int run() override;
 
 private:

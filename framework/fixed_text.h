@@ -8,7 +8,8 @@
 #include <span>
 #include <string_view>
 
-/// Copies what fits of `from` into `to` and ends it with a NUL. Bytes behind that NUL stay as they are.
+/// Copies what fits of `from` into `to` and ends it with a NUL. Bytes behind that NUL stay as they
+/// are.
 /// @param to    at least one byte; must not overlap `from`
 /// @param from  any bytes, NULs too
 /// @return characters copied, without the NUL; fewer than from.size() means it was cut
@@ -21,9 +22,9 @@ inline std::size_t putText(std::span<char> to, std::string_view from)
     return n;
 }
 
-/// A text composed in place, without allocating, so that a signal handler can use it too. What does not fit is cut, and
-/// nobody is told.
-/// @tparam Capacity  bytes, the NUL at the end included: the text has one character less
+/// A text composed in place, without allocating, so that a signal handler can use it too. What does
+/// not fit is cut, and nobody is told. @tparam Capacity bytes, the NUL at the end included: the
+/// text has one character less
 /// Threads: no lock of its own.
 template <std::size_t Capacity> class FixedText {
     static_assert(Capacity > 0, "there must be room for the NUL");
@@ -51,7 +52,8 @@ public:
     /// Lower-case hexadecimal without leading zeros.
     template <std::unsigned_integral Number> FixedText& hex(Number number) { return append(number, 16); }
 
-    /// Ends with a NUL. Both point into the object: they show what is appended later, and are invalid once it is gone.
+    /// Ends with a NUL. Both point into the object: they show what is appended later, and are
+    /// invalid once it is gone.
     const char* c_str() const { return text_.data(); }
     std::string_view view() const { return {text_.data(), length_}; }
 

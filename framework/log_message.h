@@ -43,8 +43,9 @@ consteval std::size_t countGaps(std::string_view text)
     return gaps;
 }
 
-/// One row of a table of log messages: its number and its whole text, in which {} stands for each value that varies. A row
-/// whose text has not as many {} as it has types does not compile, nor does a call with other values.
+/// One row of a table of log messages: its number and its whole text, in which {} stands for each
+/// value that varies. A row whose text has not as many {} as it has types does not compile, nor
+/// does a call with other values.
 ///
 ///     inline constexpr LogMessage<Hex, Text> telnetOpened{6000, "Opened telnet connection 0x{} from {}"};
 ///
@@ -62,7 +63,8 @@ template <class... Values> struct LogMessage {
     const char* text;
 };
 
-/// Longest text that is composed of a row and its values, its NUL included; what does not fit is cut.
+/// Longest text that is composed of a row and its values, its NUL included; what does not fit is
+/// cut.
 inline constexpr std::size_t LOG_TEXT_BYTES = 256;
 using LogText = FixedText<LOG_TEXT_BYTES>;
 

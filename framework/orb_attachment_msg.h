@@ -7,8 +7,8 @@ inline constexpr std::size_t MSG_HEADER_BYTES = 16;
 inline constexpr std::size_t MSG_RECORD_BYTES = 8192;
 inline constexpr std::size_t MSG_TEXT_BYTES = MSG_RECORD_BYTES - MSG_HEADER_BYTES;
 
-/// One message record, as it lies in a queue: four 32-bit words in host byte order, then text.
-/// Only as many bytes travel as the sender's length says; the receiver's record is zero behind them.
+/// One message record, as it lies in a queue: four 32-bit words in host byte order, then text. Only
+/// as many bytes travel as the sender's length says; the receiver's record is zero behind them.
 struct TOrbAttachmentMsg {
     std::uint32_t kind;        ///< message kind, agreed between the two processes (tessd's: tess_messages.h)
     std::int32_t sender;       ///< on a received record the sender's queue address, 0 when it has none

@@ -1,4 +1,5 @@
-// For another framework's library, which does not tell when a queue has room: whoever waits for that tries again by the clock.
+// For another framework's library, which does not tell when a queue has room: whoever waits for
+// that tries again by the clock.
 #include "framework/queue_room.h"
 
 int QueueRoom::watch(long /*address*/)

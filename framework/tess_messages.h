@@ -3,7 +3,8 @@
 #include <cstddef>
 #include <cstdint>
 
-/// What travels between tessd and the processes of the device, and where: message kinds, port bits, addresses, limits.
+/// What travels between tessd and the processes of the device, and where: message kinds, port bits,
+/// addresses, limits.
 
 /// Queue address of tessd.
 inline constexpr long TESS_QUEUE_ID = 1001;
@@ -20,14 +21,15 @@ inline constexpr const char* XCP_SOCKET_PATH = "/tmp/xcp";
 inline constexpr std::uint16_t TELNET_TCP_PORT = 23;
 inline constexpr const char* COM2_DEVICE = "/dev/ttyS1";
 
-/// Kinds of a TOrbAttachmentMsg. "to tessd" and "from tessd" say who sends it. docs/processes.md has the texts.
+/// Kinds of a TOrbAttachmentMsg. "to tessd" and "from tessd" say who sends it. docs/processes.md
+/// has the texts.
 enum TessMessageKind : std::uint32_t {
     /// To tessd: end. No answer.
     MSG_STOP = 100,
     /// From tessd: a command; text is the command, a LF and a NUL; tag goes back in MSG_REPLY.
     MSG_TEXT = 101,
-    /// To tessd: answer to a command, tag as received, text NUL-terminated. From tessd: its answer to kinds 200, 201, 203
-    /// and 205.
+    /// To tessd: answer to a command, tag as received, text NUL-terminated. From tessd: its answer
+    /// to kinds 200, 201, 203 and 205.
     MSG_REPLY = 102,
     /// To tessd: text bytes 0-3 port mask (unsigned 32-bit, host order), then the name with NUL.
     /// Answer: tag 0 done, 0xFFFFFFFF refused; text says why.
@@ -41,8 +43,9 @@ enum TessMessageKind : std::uint32_t {
     MSG_COM2_WRITE = 203,
     /// To tessd: close all telnet connections. No answer.
     MSG_CLOSE_TELNET = 204,
-    /// To tessd: restart the device; text, NUL-terminated, is "RESET", or "RESET REINIT" and the host name, with blanks
-    /// between. Answer: text "OK" or an error, cut to the request's length; tag and len say nothing.
+    /// To tessd: restart the device; text, NUL-terminated, is "RESET", or "RESET REINIT" and the
+    /// host name, with blanks between. Answer: text "OK" or an error, cut to the request's length;
+    /// tag and len say nothing.
     MSG_RESET = 205,
 };
 

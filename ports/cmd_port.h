@@ -17,11 +17,12 @@ template <class Conn> TPortConn* makeConn(std::uint32_t portType, std::uint32_t 
     return new Conn(portType, connId);
 }
 
-/// One listening endpoint for commands.
-/// Owns: `fd`, from openPort() to closePort(). A connection is handed out by chkNewConn() and comes back in closeConn() to
-/// be deleted; in between it is the daemon's.
-/// Threads: no lock of its own. chkNewConn() and isDue() on the service thread; closeConn() also on the main thread, then with the
-/// daemon's connection lock held: it changes nothing but `activeConns`.
+/// One listening endpoint for commands. Owns: `fd`, from openPort() to closePort(). A connection is
+/// handed out by chkNewConn() and comes back in closeConn() to be deleted; in between it is the
+/// daemon's.
+/// Threads: no lock of its own. chkNewConn() and isDue() on the service thread; closeConn() also on
+/// the main thread, then with the daemon's connection lock held: it changes nothing but
+/// `activeConns`.
 class TCmdPort {
 public:
     /// Connection IDs are this far apart: the lower 16 bits are free for a client's tag.
@@ -39,9 +40,10 @@ public:
     virtual ~TCmdPort() = default;
 
     /// Opens the endpoint.
-    /// @return 0 open; 1 the descriptor could not be created, the port stays closed and safe to destroy
-    /// @throws std::runtime_error  the endpoint could not be set up; its descriptor stays open (deliberate), until the process
-    ///                             ends, as it then does
+    /// @return 0 open; 1 the descriptor could not be created, the port stays closed and safe to
+    ///         destroy
+    /// @throws std::runtime_error the endpoint could not be set up; its descriptor stays open
+    ///                             (deliberate), until the process ends, as it then does
     virtual int openPort() = 0;
 
     /// Closes the endpoint, once; its connections stay, and are forgotten in `activeConns`.
@@ -53,7 +55,8 @@ public:
     /// @return 1 handed out; 0 none: nothing pending, or accepted and already disposed of
     virtual int chkNewConn(TPortConn** newConn) = 0;
 
-    /// Disposes of a connection of this port and nulls the slot that held it; a null slot is left alone.
+    /// Disposes of a connection of this port and nulls the slot that held it; a null slot is left
+    /// alone.
     /// @return 0
     virtual int closeConn(TPortConn** conn) = 0;
 
@@ -67,8 +70,8 @@ public:
     int fd = -1; ///< listening socket or serial device; negative when it could not be opened
     fd_set readSet;
     bool isOpen = false;
-    /// Connections of this port that exist, one being set up included. The main thread counts down without the service
-    /// thread's knowledge.
+    /// Connections of this port that exist, one being set up included. The main thread counts down
+    /// without the service thread's knowledge.
     std::atomic<std::int32_t> activeConns{0};
     std::int32_t maxConns;
     std::uint32_t nextConnId; ///< ID of the newest connection; wraps silently
@@ -95,7 +98,8 @@ protected:
     /// Makes a connection and counts it.
     TPortConn* addConn(MakeConn make, int connFd);
 
-    /// Accepts a client and makes its connection. Whether it may stay is for the caller to find out.
+    /// Accepts a client and makes its connection. Whether it may stay is for the caller to find
+    /// out.
     /// @param peer      receives the client's address; may be null
     /// @param peerSize  in: its room, out: its size; may be null
     /// @return null when nobody was accepted for want of descriptors
@@ -109,21 +113,24 @@ protected:
     /// @return as chkNewConn()
     static int handOut(TPortConn* conn, TPortConn** newConn);
 
-    /// @return the ID that log lines give for the newest connection: the one before its own (deliberate)
+    /// @return the ID that log lines give for the newest connection: the one before its own
+    ///         (deliberate)
     std::uint32_t announcedConnId() const { return nextConnId - CONN_ID_STEP; }
 
     /// @return true when a client waits to be accepted
     bool clientWaits();
 
-    /// Accepts a client, non-blocking and close-on-exec. When the process or the system has no descriptors left, the port
-    /// rests for a second: the client still waits, and would wake the service loop without end.
+    /// Accepts a client, non-blocking and close-on-exec. When the process or the system has no
+    /// descriptors left, the port rests for a second: the client still waits, and would wake the
+    /// service loop without end.
     /// @param client    its descriptor; -1 when there is no client any more
     /// @param peer      receives the client's address; may be null
     /// @param peerSize  in: its room, out: its size; may be null
     /// @return false when nobody was accepted for want of descriptors
     bool accept(int& client, sockaddr* peer, socklen_t* peerSize);
 
-    /// @return true when a connection has a descriptor that an fd_set can hold, and is not one too many
+    /// @return true when a connection has a descriptor that an fd_set can hold, and is not one too
+    ///         many
     bool mayStay(const TPortConn& conn) const;
 
 private:

@@ -21,8 +21,8 @@ struct LocalSocketKind {
     MakeConn makeConn;
 };
 
-/// A command port on a Unix stream socket (unix(7)), for programs on the device. The socket file exists while the port
-/// listens; a file left over at its path is replaced.
+/// A command port on a Unix stream socket (unix(7)), for programs on the device. The socket file
+/// exists while the port listens; a file left over at its path is replaced.
 class LocalSocketPort : public TCmdPort {
 public:
     static constexpr std::int32_t MAX_CONNS = 10;

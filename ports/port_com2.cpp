@@ -17,8 +17,8 @@ constexpr cc_t ctrl(char letter)
     return static_cast<cc_t>(letter & 0x1F);
 }
 
-/// Backspace erases a character (not DEL). Ctrl-W is set for the word and for the line (deliberate); Linux then takes it
-/// for the word.
+/// Backspace erases a character (not DEL). Ctrl-W is set for the word and for the line
+/// (deliberate); Linux then takes it for the word.
 termios lineSettings()
 {
     termios tio{};

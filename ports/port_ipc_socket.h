@@ -5,6 +5,7 @@
 /// The port for plain text lines, on IPC_SOCKET_PATH.
 class TPortIPCSocket final : public LocalSocketPort {
 public:
-    /// @throws std::runtime_error  "failed binding to IPC socket", "failed setting up IPC socket listener"
+    /// @throws std::runtime_error "failed binding to IPC socket", "failed setting up IPC socket
+    ///         listener"
     TPortIPCSocket();
 };

@@ -33,7 +33,8 @@ void enlargeSendBuffer(int fd)
     logMessage(port_log::telnetBufferFailed, std::strerror(errno));
 }
 
-/// Echo and answer are two small segments: the second would wait for the first to be acknowledged, which takes 40 ms (tcp(7)).
+/// Echo and answer are two small segments: the second would wait for the first to be acknowledged,
+/// which takes 40 ms (tcp(7)).
 void sendAtOnce(int fd)
 {
     const int on = 1;
@@ -110,7 +111,8 @@ void TPortTelnet::acceptClient()
     (void)closeConn(&conn);                                                // always 0
 }
 
-/// Goes on with the clients that are arriving, until one is ready: the others are still ready, or due, next time.
+/// Goes on with the clients that are arriving, until one is ready: the others are still ready, or
+/// due, next time.
 /// @return that one; null when there is none
 TPortConn* TPortTelnet::takeArrived()
 {

@@ -14,8 +14,9 @@ struct SockOptRow {
     bool apply;
 };
 
-// Rows by option number, as Linux on PowerPC numbers them; numbers, because a 64-bit time_t gives the names of two rows
-// (18, 19) other values. The rows that are applied have the same number everywhere.
+// Rows by option number, as Linux on PowerPC numbers them; numbers, because a 64-bit time_t gives
+// the names of two rows (18, 19) other values. The rows that are applied have the same number
+// everywhere.
 constexpr std::array sockOptTable{
     SockOptRow{0, 0, {}, 0, false},
     SockOptRow{SOL_SOCKET, 1, {0}, 4, true},     // SO_DEBUG

@@ -1,6 +1,7 @@
 // The process behind a router: answers each command with a text of a fixed length.
 //
-//   bench_answerer queue ADDRESS NAME BYTES         a queue of the framework; registers as NAME, or does not when it is "-"
+//   bench_answerer queue ADDRESS NAME BYTES         a queue of the framework; registers as NAME,
+//                                                   or does not when it is "-"
 //   bench_answerer dbus|mqtt|redis PATH - BYTES     a client of the router at PATH
 #include <algorithm>
 #include <array>

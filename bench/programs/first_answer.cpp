@@ -1,4 +1,5 @@
-// Starts a router and prints how many nanoseconds later the first answer came; then ends it, and prints its process number's end.
+// Starts a router and prints how many nanoseconds later the first answer came; then ends it, and
+// prints its process number's end.
 //
 //   bench_first_answer PROTOCOL PATH COMMAND [ARGUMENT]...
 #include <cerrno>

@@ -1,11 +1,13 @@
 // Asks a router, for a while, and prints as one line of JSON how long the answers took.
 //
-//   bench_load PROTOCOL PATH [--clients N] [--in-flight N] [--seconds S | --count N] [--warm-up N] [--text N] [--answer N]
+//   bench_load PROTOCOL PATH [--clients N] [--in-flight N] [--seconds S | --count N]
+//              [--warm-up N] [--text N] [--answer N]
 //              [--idle N] [--hold] [--watch PID]
 //
-// Each client has so many commands under way, and sends as many new ones as answers have come. Idle clients are connected and
-// say nothing. --hold: connects the idle ones, prints an empty line and does nothing until its input ends. --watch: the
-// processor time of that process meanwhile is measured too.
+// Each client has so many commands under way, and sends as many new ones as answers have come. Idle
+// clients are connected and say nothing. --hold: connects the idle ones, prints an empty line and
+// does nothing until its input ends. --watch: the processor time of that process meanwhile is
+// measured too.
 #include <array>
 #include <cstdint>
 #include <cstdio>

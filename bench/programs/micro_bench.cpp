@@ -1,4 +1,5 @@
-// What the pieces on a command's way cost by themselves: nanoseconds, and bytes a second where there are bytes.
+// What the pieces on a command's way cost by themselves: nanoseconds, and bytes a second where
+// there are bytes.
 #include <array>
 #include <benchmark/benchmark.h>
 #include <chrono>

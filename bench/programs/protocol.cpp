@@ -14,7 +14,8 @@ namespace {
 constexpr std::string_view DBUS_NAME = "bench.Process";
 constexpr std::string_view BUS = "org.freedesktop.DBus";
 
-/// A command as clients of tessd write it, `bytes` long; a short one is no shorter than its address and its word.
+/// A command as clients of tessd write it, `bytes` long; a short one is no shorter than its address
+/// and its word.
 std::string commandText(std::size_t bytes)
 {
     std::string text = "s3.ENC SETX ";

@@ -31,7 +31,8 @@ public:
 /// Ends the program when the name is none of these.
 std::unique_ptr<Protocol> makeProtocol(std::string_view name, std::size_t text, std::size_t answerText);
 
-/// The process behind a router that is reached by a stream: answers what it is asked, until the router is gone.
+/// The process behind a router that is reached by a stream: answers what it is asked, until the
+/// router is gone.
 void answerAsDbusService(int fd, std::size_t answerText);
 void answerAsMqttClient(int fd, std::size_t answerText);
 void answerAsRedisClient(int fd, std::size_t answerText);

@@ -10,7 +10,8 @@
 /// What does not fit is cut; room for the line end is always kept.
 class LogLineText {
 public:
-    /// Chosen, not measured; no longer than PIPE_BUF (pipe(7)), so that lines of several writers do not mix in a pipe.
+    /// Chosen, not measured; no longer than PIPE_BUF (pipe(7)), so that lines of several writers do
+    /// not mix in a pipe.
     static constexpr std::size_t CAPACITY = 4096;
 
     using Time = std::chrono::sys_time<std::chrono::milliseconds>;

@@ -32,8 +32,8 @@ constinit std::atomic<const char*> lineTag{""};
 constinit std::atomic<Destination> destination{Destination::standardError};
 constinit SyslogSocket syslogSocket;
 
-/// The journal's stream, as the service manager has named it; standard error may be another one by now. The numbers are
-/// written once, before the flag.
+/// The journal's stream, as the service manager has named it; standard error may be another one by
+/// now. The numbers are written once, before the flag.
 struct JournalStream {
     dev_t device = 0;
     ino_t inode = 0;
@@ -94,8 +94,8 @@ LogLineText::Time timeNow()
     return LogLineText::Time(seconds + std::chrono::milliseconds(now.tv_nsec / 1'000'000));
 }
 
-/// A line of which standard error has taken only the beginning counts as lost; the line end that it lacks is written in front of
-/// the next line.
+/// A line of which standard error has taken only the beginning counts as lost; the line end that it
+/// lacks is written in front of the next line.
 /// @return false: standard error did not take the line, or not the whole of it
 bool logToStandardError(LogLineText::Time time, TTraceMsg id, const char* text)
 {

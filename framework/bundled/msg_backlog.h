@@ -14,7 +14,8 @@ public:
     constexpr MsgBacklog() = default;
 
     /// Room for one more record of full size, behind the last one.
-    /// @return where to write it, the backlog's own; null: the backlog is full, or there is no memory
+    /// @return where to write it, the backlog's own; null: the backlog is full, or there is no
+    ///         memory
     TOrbAttachmentMsg* reserve();
 
     /// Keeps what was written into the reserved room.

@@ -25,11 +25,12 @@ namespace {
 
 static_assert(std::is_trivially_destructible_v<OwnQueue>);
 
-/// What a socket has sent and nobody has taken counts against its send buffer: 32 full queues of full-size records take
-/// about 5.5 MiB (measured). The kernel doubles the figure.
+/// What a socket has sent and nobody has taken counts against its send buffer: 32 full queues of
+/// full-size records take about 5.5 MiB (measured). The kernel doubles the figure.
 constexpr int SEND_BUFFER_BYTES = 6 * 1024 * 1024;
 
-/// How many records one drain() takes, so that a sender that never stops cannot hold its caller. Chosen, not measured.
+/// How many records one drain() takes, so that a sender that never stops cannot hold its caller.
+/// Chosen, not measured.
 constexpr int DRAIN_AT_ONCE = 64;
 
 /// @return none when it cannot be made
@@ -39,8 +40,8 @@ Fd newSocket()
     if (fd.get() < 0) return fd;
     timeval oneSecond{};
     oneSecond.tv_sec = 1;
-    // With a time-out set, a signal ends the wait even if its handler was installed with SA_RESTART (signal(7)). Without one
-    // nothing but a record would end it.
+    // With a time-out set, a signal ends the wait even if its handler was installed with SA_RESTART
+    // (signal(7)). Without one nothing but a record would end it.
     if (::setsockopt(fd.get(), SOL_SOCKET, SO_RCVTIMEO, &oneSecond, sizeof oneSecond) != 0) return Fd();
     const int bytes = SEND_BUFFER_BYTES;
     if (::setsockopt(fd.get(), SOL_SOCKET, SO_SNDBUFFORCE, &bytes, sizeof bytes) != 0)
@@ -48,8 +49,9 @@ Fd newSocket()
     return fd;
 }
 
-/// Puts another socket behind a descriptor that other threads may be using; they find either the old one or the new one.
-/// Called directly: the thread sanitizer takes the library's dup3() for a race with a send() on the same number.
+/// Puts another socket behind a descriptor that other threads may be using; they find either the
+/// old one or the new one. Called directly: the thread sanitizer takes the library's dup3() for a
+/// race with a send() on the same number.
 bool replaceSocket(int descriptor, int by)
 {
     return ::syscall(SYS_dup3, by, descriptor, O_CLOEXEC) >= 0;
@@ -129,8 +131,8 @@ void OwnQueue::close()
     backlog_.clear();
 }
 
-/// Closes the queue of another process, this one's parent, for this process alone. Waits for no lock: a thread that is not
-/// in this process may hold it.
+/// Closes the queue of another process, this one's parent, for this process alone. Waits for no
+/// lock: a thread that is not in this process may hold it.
 void OwnQueue::forget()
 {
     if (!open_.exchange(false)) return;
@@ -144,7 +146,8 @@ void OwnQueue::startInForkedChild()
         const std::unique_lock lock(receiveLock_, std::try_to_lock);
         if (lock.owns_lock()) backlog_.clear();
     }
-    // The one thread here was in no section that they guard. What another one was changing there may be half done.
+    // The one thread here was in no section that they guard. What another one was changing there
+    // may be half done.
     std::construct_at(&openLock_);
     std::construct_at(&receiveLock_);
     std::construct_at(&backlog_);
@@ -183,7 +186,8 @@ OwnQueue::Drained OwnQueue::drain()
     return found;
 }
 
-/// @return bytes of the record, which is zero behind them; 0: none came, or what came was no record; -1 on an error
+/// @return bytes of the record, which is zero behind them; 0: none came, or what came was no
+///         record; -1 on an error
 long OwnQueue::takeFromSocket(TOrbAttachmentMsg* msg, int flags)
 {
     sockaddr_un from{};

@@ -9,8 +9,9 @@
 #include "framework/bundled/queue_file.h"
 #include "framework/orb_attachment_msg.h"
 
-/// The queue that this process receives at, once it is open, and the socket that it sends from, open or not.
-/// Trivially destructible: a thread that outlives main() may use it while the process ends.
+/// The queue that this process receives at, once it is open, and the socket that it sends from,
+/// open or not. Trivially destructible: a thread that outlives main() may use it while the process
+/// ends.
 /// Threads: receive() one at a time; everything else any.
 class OwnQueue {
 public:
@@ -34,27 +35,31 @@ public:
     /// @throws std::runtime_error  after the same text has been logged
     void open(long address);
 
-    /// Frees the address and forgets the records that nobody has taken. Waits for a receive() that is under way. Does
-    /// nothing when the queue is not open. A forked child only forgets the queue, without waiting: its parent goes on.
+    /// Frees the address and forgets the records that nobody has taken. Waits for a receive() that
+    /// is under way. Does nothing when the queue is not open. A forked child only forgets the
+    /// queue, without waiting: its parent goes on.
     void close();
 
     bool isOpen() const { return open_.load(); }
 
     /// @param wait  true: for up to one second, or until a signal arrives
-    /// @return bytes received; 0 none; -1 on an error, which errno then tells: EBADF when the queue is not open
+    /// @return bytes received; 0 none; -1 on an error, which errno then tells: EBADF when the queue
+    ///         is not open
     long receive(TOrbAttachmentMsg* msg, bool wait);
 
-    /// Takes records that have arrived into the backlog, so that their senders need not wait. Does not wait.
+    /// Takes records that have arrived into the backlog, so that their senders need not wait. Does
+    /// not wait.
     Drained drain();
 
-    /// The socket to send from: the queue's own, or an unbound one while no queue is open. Its number never changes and
-    /// is never closed, so it may be used while another thread opens or closes the queue; except in a forked child that
-    /// has no descriptor to spare when it closes.
+    /// The socket to send from: the queue's own, or an unbound one while no queue is open. Its
+    /// number never changes and is never closed, so it may be used while another thread opens or
+    /// closes the queue; except in a forked child that has no descriptor to spare when it closes.
     /// @return -1: it cannot be made
     int socket();
 
-    /// Called in a forked child, before anything else there. The locks are free, whichever thread of the parent held them.
-    /// What the parent has taken aside stays the parent's; the queue itself can be read by both.
+    /// Called in a forked child, before anything else there. The locks are free, whichever thread
+    /// of the parent held them. What the parent has taken aside stays the parent's; the queue
+    /// itself can be read by both.
     void startInForkedChild();
 
     const QueueDirectory& directory();

@@ -26,8 +26,8 @@ struct KnownDirectory {
     const KnownDirectory* next;
 };
 
-// Only ever added to, at the front, and never destroyed: directories stay usable until the last thread is gone. Without a
-// lock, which a forked child could find locked for good.
+// Only ever added to, at the front, and never destroyed: directories stay usable until the last
+// thread is gone. Without a lock, which a forked child could find locked for good.
 constinit std::atomic<const KnownDirectory*> knownDirectories{nullptr};
 
 /// The path behind the working directory of this moment; as it stands when there is none any more.
@@ -38,8 +38,9 @@ std::string madeAbsolute(const std::string& relative)
     return error ? relative : (here / relative).lexically_normal().string();
 }
 
-/// An absolute path keeps its letters, so that whoever puts a slash and an address behind the same value names the same
-/// sockets. To a relative one nobody can do so: it is made absolute, and plain.
+/// An absolute path keeps its letters, so that whoever puts a slash and an address behind the same
+/// value names the same sockets. To a relative one nobody can do so: it is made absolute, and
+/// plain.
 std::string directoryName()
 {
     const char* const value = std::getenv("TESS_QUEUE_DIR");
@@ -76,7 +77,8 @@ void makeDirectory(const std::string& path)
     }
     if (::lstat(path.c_str(), &found) != 0) fail(path, errno);
     const mode_t inherited = found.st_mode & S_ISGID;
-    // Whoever may write to the parent can put a link in its place meanwhile; what that leads to keeps its mode.
+    // Whoever may write to the parent can put a link in its place meanwhile; what that leads to
+    // keeps its mode.
     if (::fchmodat(AT_FDCWD, path.c_str(), DIRECTORY_MODE | inherited, AT_SYMLINK_NOFOLLOW) != 0) fail(path, errno);
 }
 
@@ -116,7 +118,8 @@ long QueueDirectory::queueOf(const sockaddr_un& from, socklen_t length) const
 {
     constexpr std::size_t pathAt = offsetof(sockaddr_un, sun_path);
     if (from.sun_family != AF_UNIX || length <= pathAt || from.sun_path[0] == '\0') return 0;
-    // A name that uses all of sun_path has no NUL, and the kernel counts one more byte than the structure has.
+    // A name that uses all of sun_path has no NUL, and the kernel counts one more byte than the
+    // structure has.
     const std::size_t room = std::min<std::size_t>(length - pathAt, sizeof from.sun_path);
     const std::string_view path(from.sun_path, ::strnlen(from.sun_path, room));
     return path.starts_with(prefix_) ? addressNamed(path.substr(prefix_.size())) : 0;

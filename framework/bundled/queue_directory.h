@@ -5,17 +5,20 @@
 #include <sys/socket.h>
 #include <sys/un.h>
 
-/// The directory that holds one socket for each open queue, named by the queue's address in decimal.
-/// Threads: any; an object never changes and is never freed, because another thread may always be sending.
+/// The directory that holds one socket for each open queue, named by the queue's address in
+/// decimal.
+/// Threads: any; an object never changes and is never freed, because another thread may always be
+/// sending.
 class QueueDirectory {
 public:
     explicit QueueDirectory(std::string_view path);
 
-    /// The directory named by TESS_QUEUE_DIR as it is now; a relative name starts at the working directory of now, and is
-    /// made absolute. Allocates.
+    /// The directory named by TESS_QUEUE_DIR as it is now; a relative name starts at the working
+    /// directory of now, and is made absolute. Allocates.
     static const QueueDirectory& fromEnvironment();
 
-    /// Without trailing slashes. Absolute, unless the working directory has been removed: then create() fails.
+    /// Without trailing slashes. Absolute, unless the working directory has been removed: then
+    /// create() fails.
     const std::string& path() const { return path_; }
 
     std::string socketPath(long address) const { return prefix_ + std::to_string(address); }
@@ -25,10 +28,11 @@ public:
     /// @return false: the path is too long for a socket address
     bool socketAddress(long address, sockaddr_un& to) const;
 
-    /// The queue that a socket belongs to, told by the name the kernel gives for it: its owner chose that name, so nothing
-    /// is looked up, the letters decide. Allocates nothing.
+    /// The queue that a socket belongs to, told by the name the kernel gives for it: its owner
+    /// chose that name, so nothing is looked up, the letters decide. Allocates nothing.
     /// @param length  as recvmsg(2) reports it
-    /// @return queue address; 0 for an unbound socket, an abstract name, or any path but path(), a slash and an address
+    /// @return queue address; 0 for an unbound socket, an abstract name, or any path but path(), a
+    ///         slash and an address
     long queueOf(const sockaddr_un& from, socklen_t length) const;
 
     /// Makes the directory and its missing parents, with mode 0770 whatever the umask.

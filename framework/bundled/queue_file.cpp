@@ -29,8 +29,8 @@ constexpr int LOCK_TRY_MS = 10;
     failToOpenQueue(address, path, why);
 }
 
-/// Holds the queue directory locked (flock(2)), against others that open or close a queue in it. They are done at once;
-/// whoever keeps the lock all the same holds nobody up for long.
+/// Holds the queue directory locked (flock(2)), against others that open or close a queue in it.
+/// They are done at once; whoever keeps the lock all the same holds nobody up for long.
 /// @return none, with errno set, when that is not possible
 Fd lockDirectory(const QueueDirectory& directory)
 {
@@ -46,7 +46,8 @@ Fd lockDirectory(const QueueDirectory& directory)
     return fd;
 }
 
-/// Removes the socket file that a dead process has left; leaves everything else alone. Called with the directory locked.
+/// Removes the socket file that a dead process has left; leaves everything else alone. Called with
+/// the directory locked.
 /// @throws std::runtime_error  the address is in use, or its path is something else than a queue
 void removeStaleFile(long address, const std::string& path, const sockaddr_un& name)
 {
@@ -68,7 +69,8 @@ void removeStaleFile(long address, const std::string& path, const sockaddr_un& n
 /// Binds a socket to a path where nothing is any more. Called with the directory locked.
 void bindToFile(int socket, long address, const std::string& path, const sockaddr_un& name)
 {
-    // The file's mode is the descriptor's less the umask: never wider than wanted, not even for a moment.
+    // The file's mode is the descriptor's less the umask: never wider than wanted, not even for a
+    // moment.
     if (::fchmod(socket, SOCKET_MODE) != 0) failToOpenQueue(address, path, std::strerror(errno));
     if (::bind(socket, reinterpret_cast<const sockaddr*>(&name), sizeof name) != 0) {
         if (errno == EADDRINUSE) failQueueInUse(address); // somebody bound it without asking for the lock

@@ -4,19 +4,21 @@
 
 #include "framework/bundled/queue_directory.h"
 
-/// The socket file of an open queue: while it is there and a process has the socket, the queue's address is taken. Whoever makes
-/// or removes one holds the queue directory locked meanwhile (flock(2)), so that two processes cannot both find an address free.
-/// Trivially destructible, and goes without its file: only remove() removes that.
+/// The socket file of an open queue: while it is there and a process has the socket, the queue's
+/// address is taken. Whoever makes or removes one holds the queue directory locked meanwhile
+/// (flock(2)), so that two processes cannot both find an address free. Trivially destructible, and
+/// goes without its file: only remove() removes that.
 /// Threads: no lock of its own.
 class QueueFile {
 public:
     constexpr QueueFile() = default;
 
-    /// Binds a socket to the file of an address. Makes the directory where there is none, and removes the file that a dead
-    /// process has left.
+    /// Binds a socket to the file of an address. Makes the directory where there is none, and
+    /// removes the file that a dead process has left.
     /// @param socket   a datagram socket that is not bound; stays the caller's
     /// @param address  1 to HIGHEST_QUEUE_ADDRESS
-    /// @throws std::runtime_error  the address is in use, or the file cannot be had; its text says which, and why
+    /// @throws std::runtime_error the address is in use, or the file cannot be had; its text says
+    ///         which, and why
     static QueueFile bind(int socket, long address, const QueueDirectory& in);
 
     /// @return the address that it was bound to last; 0: never

@@ -11,7 +11,8 @@ constinit TQueueMgr g_qMgr;
 
 namespace {
 
-/// A forked child has one thread only, but finds every lock as it was in its parent: held, if any thread there held it.
+/// A forked child has one thread only, but finds every lock as it was in its parent: held, if any
+/// thread there held it.
 void startInForkedChild()
 {
     ownQueue.startInForkedChild();

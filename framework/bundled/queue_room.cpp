@@ -5,8 +5,9 @@
 #include "framework/bundled/own_queue.h"
 #include "framework/tess_messages.h"
 
-// A socket that sends, as the own one does, is writable whatever its destinations do. One that is connected is not writable
-// while its peer's queue is full (unix(7) does not say so; the kernel's unix_dgram_poll() does).
+// A socket that sends, as the own one does, is writable whatever its destinations do. One that is
+// connected is not writable while its peer's queue is full (unix(7) does not say so; the kernel's
+// unix_dgram_poll() does).
 int QueueRoom::watch(long address)
 {
     sockaddr_un to{};

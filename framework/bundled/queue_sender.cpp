@@ -8,13 +8,15 @@
 
 #include "framework/queue_room.h"
 
-/// Sleeps until the destination may have room again or the own queue has something to take. When room was reported twice in a row
-/// and there was none, it sleeps for a short time instead, and then trusts the reports again.
+/// Sleeps until the destination may have room again or the own queue has something to take. When
+/// room was reported twice in a row and there was none, it sleeps for a short time instead, and
+/// then trusts the reports again.
 class QueueSender::RoomWait {
 public:
     explicit RoomWait(long address) : address_(address) { (void)room_.watch(address_); }
 
-    /// @param ownFd    the own queue, to wake up when it has something to take; negative: not waited for
+    /// @param ownFd    the own queue, to wake up when it has something to take; negative: not
+    ///                 waited for
     /// @param recheck  wake up soon, although nothing may tell that there is a reason to
     void wait(int ownFd, bool recheck)
     {
@@ -41,7 +43,8 @@ public:
 private:
     static constexpr Millis SHORTEST_PAUSE{1};
     static constexpr Millis LONGEST_PAUSE{8};
-    /// After that the path is tried again: it may lead to a new socket meanwhile. Chosen, not measured.
+    /// After that the path is tried again: it may lead to a new socket meanwhile. Chosen, not
+    /// measured.
     static constexpr Millis LONGEST_SLEEP{1000};
 
     long address_;

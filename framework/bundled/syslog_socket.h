@@ -3,7 +3,8 @@
 #include <atomic>
 #include <string_view>
 
-/// The way to the system log: a datagram socket that sends by path, so that a log daemon may come and go.
+/// The way to the system log: a datagram socket that sends by path, so that a log daemon may come
+/// and go.
 /// Threads: any, send() also from a signal handler; except open(), which runs before other threads.
 class SyslogSocket {
 public:

@@ -11,7 +11,8 @@ namespace {
 
 constexpr const char* DEFAULT_PROGRAM = "/usr/lib/tess/version-reinit";
 
-/// Has the program start with no signal blocked and every signal at its default, whatever this process has set up for itself.
+/// Has the program start with no signal blocked and every signal at its default, whatever this
+/// process has set up for itself.
 class PlainSignals {
 public:
     PlainSignals()

@@ -15,7 +15,8 @@
 
 namespace {
 
-/// Keeps this thread from a SIGPIPE and, where it is in the background of its terminal, from a SIGTTOU, while one lives.
+/// Keeps this thread from a SIGPIPE and, where it is in the background of its terminal, from a
+/// SIGTTOU, while one lives.
 class HeldSignals {
 public:
     HeldSignals()
@@ -65,8 +66,9 @@ bool writeWithoutWaiting(int fd, std::string_view bytes, ssize_t& written)
     return written >= 0 || (errno != EOPNOTSUPP && errno != ENOSYS);
 }
 
-/// Opens the same pipe or terminal again, for this process alone, so that its writes need not wait. Anew for each line:
-/// what stands behind the descriptor may change at any time, and kept open it would keep a pipe's reader from its end.
+/// Opens the same pipe or terminal again, for this process alone, so that its writes need not wait.
+/// Anew for each line: what stands behind the descriptor may change at any time, and kept open it
+/// would keep a pipe's reader from its end.
 /// @return none: not possible, because it is another user's, or there is no descriptor to spare
 Fd openedAgain(int fd)
 {
@@ -79,8 +81,8 @@ Fd openedAgain(int fd)
     return own;
 }
 
-/// Looks for room, then writes. The last resort, because it may wait after all: when somebody else has taken the room between the
-/// two calls.
+/// Looks for room, then writes. The last resort, because it may wait after all: when somebody else
+/// has taken the room between the two calls.
 ssize_t writeIfRoom(int fd, std::string_view bytes)
 {
     pollfd room{fd, POLLOUT, 0};

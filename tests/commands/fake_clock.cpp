@@ -10,8 +10,8 @@ namespace {
 const FakeClock* fake = nullptr;
 const StoppedTime* stopped = nullptr;
 
-// Where 64-bit times are a choice, clock_gettime() is a macro's name for the call of the second name below, and its system
-// call has a number of its own.
+// Where 64-bit times are a choice, clock_gettime() is a macro's name for the call of the second
+// name below, and its system call has a number of its own.
 #ifdef SYS_clock_gettime64
 constexpr long READ_CLOCK = SYS_clock_gettime64;
 #else

@@ -3,8 +3,8 @@
 #include <chrono>
 #include <cstdint>
 
-/// While one lives, the monotonic clock of this program's own code shows what a test sets, or cannot be read. One at a time.
-/// The linker's option --wrap leads clock_gettime() here.
+/// While one lives, the monotonic clock of this program's own code shows what a test sets, or
+/// cannot be read. One at a time. The linker's option --wrap leads clock_gettime() here.
 class FakeClock {
 public:
     FakeClock(std::int64_t seconds, std::int64_t nanoseconds);
@@ -23,8 +23,9 @@ public:
     bool fails = false;
 };
 
-/// While one lives, no moment passes for this program's own code but those that a test lets pass; a FakeClock is another one.
-/// One at a time. The linker's option --wrap leads std::chrono::steady_clock::now() here.
+/// While one lives, no moment passes for this program's own code but those that a test lets pass; a
+/// FakeClock is another one. One at a time. The linker's option --wrap leads
+/// std::chrono::steady_clock::now() here.
 class StoppedTime {
 public:
     StoppedTime();

@@ -35,7 +35,8 @@ protected:
 
     bool mayTry(const QueueWaiter& who) const { return queues.mayTry(who, bench.look()); }
 
-    /// Tries whenever that may help, as the service loop does, while time passes by the millisecond.
+    /// Tries whenever that may help, as the service loop does, while time passes by the
+    /// millisecond.
     /// @return how often
     int triesFor(QueueWaiter& who, std::string_view text, long address, std::chrono::milliseconds span)
     {
@@ -373,7 +374,8 @@ TEST_F(FullQueue, IsTriedOnceWhenItTakesNothing)
     EXPECT_EQ(triesFor(first, "1", ADDRESS, PATIENCE * 2), 1);
 }
 
-/// Room that is reported where there is none: the own send buffer is used up by what somebody else does not take.
+/// Room that is reported where there is none: the own send buffer is used up by what somebody else
+/// does not take.
 TEST_F(FullQueuesTest, AreTriedNowAndThenWhereRoomIsReportedInVain)
 {
     const int small = 20'000;

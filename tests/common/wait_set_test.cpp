@@ -25,7 +25,8 @@ std::optional<int> failWith; ///< an errno; none: select() does what it is asked
 
 } // namespace
 
-// In place of the library's, for this whole program. The declaration gives it its name where there are two of them.
+// In place of the library's, for this whole program. The declaration gives it its name where there
+// are two of them.
 extern "C" int select(int count, fd_set* input, fd_set* output, fd_set* urgent, timeval* time) noexcept(false)
 {
     asked = {count, *time};
@@ -214,7 +215,8 @@ TEST_F(WaitSetTest, NeverWakesUpTooEarly)
         const Instant before = instantNow();
         set.wait(1000ms);
         const Instant after = instantNow();
-        // The time that was asked for has been counted from some moment in between, so that rounding down would show.
+        // The time that was asked for has been counted from some moment in between, so that
+        // rounding down would show.
         EXPECT_GE(after + askedTime(), due) << i;
         EXPECT_LT(before + askedTime(), due + 1us) << i;
     }

@@ -399,7 +399,8 @@ TEST_F(LineOutputTest, PausesWhenTheLineTakesNothingThoughItHasReportedRoom)
 
 TEST_F(LineOutputTest, DoesNotSpinOnALineThatReportsRoomAndTakesNothing)
 {
-    // Such is an event counter that has room for 1 when it is given 2 (eventfd(2)); such is a terminal at a tab.
+    // Such is an event counter that has room for 1 when it is given 2 (eventfd(2)); such is a
+    // terminal at a tab.
     const int counter = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     const std::uint64_t nearlyFull = 0xFFFF'FFFF'FFFF'FFFD;
     const std::uint64_t two = 2;

@@ -23,7 +23,8 @@ namespace {
 
 constexpr int FAILED_LOGIN = 251526;
 
-/// Yields the bytes that a test puts in, as a telnet connection does, and notes what the login does with it.
+/// Yields the bytes that a test puts in, as a telnet connection does, and notes what the login does
+/// with it.
 class LoginConn : public TPortConn {
 public:
     LoginConn() : TPortConn(2, 0xAA01'0000) {}

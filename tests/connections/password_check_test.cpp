@@ -26,7 +26,8 @@ bool isAwake(int milliseconds = 0)
     return ::poll(&input, 1, milliseconds) == 1;
 }
 
-/// In place of the system's accounts while it lives: whoever looks a user up waits until there is something to read.
+/// In place of the system's accounts while it lives: whoever looks a user up waits until there is
+/// something to read.
 class SlowPasswd {
 public:
     SlowPasswd() { isMade_ = ::mkfifo(MADE, 0600) == 0 && ::mount(MADE, PLACE, nullptr, MS_BIND, nullptr) == 0; }

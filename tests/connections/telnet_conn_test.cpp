@@ -82,7 +82,8 @@ protected:
         }
     }
 
-    /// The connection waits for time to pass, `span` from a moment between `before` and now, and for nothing else.
+    /// The connection waits for time to pass, `span` from a moment between `before` and now, and
+    /// for nothing else.
     void expectRest(Instant before, std::chrono::seconds span)
     {
         EXPECT_FALSE(conn.wantsInput);
@@ -91,7 +92,8 @@ protected:
         EXPECT_LE(conn.due, instantNow() + span);
     }
 
-    /// From now on the connection cannot send, as when a client that does not read has filled its way, but at once.
+    /// From now on the connection cannot send, as when a client that does not read has filled its
+    /// way, but at once.
     void blockWayToClient() const { ASSERT_EQ(::shutdown(conn.fd, SHUT_WR), 0); }
 
     /// Sends a byte of urgent data, which alone wakes nobody.

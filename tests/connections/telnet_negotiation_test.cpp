@@ -129,8 +129,9 @@ TEST(TelnetNegotiation, ComesToTermsWithRealClientsThatSpeakFirst)
 
 TEST(TelnetNegotiation, TakesRealClientsThatAreSilentForPlainOnesAfterASecondAndWithoutAByte)
 {
-    // inetutils with an explicit port, BusyBox, plink with passive negotiation and -raw, gensiot telnet, libtelnet, telnetlib,
-    // Net::Telnet, curl, netcat, ncat and socat send the same: nothing.
+    // inetutils with an explicit port, BusyBox, plink with passive negotiation and -raw, gensiot
+    // telnet, libtelnet, telnetlib, Net::Telnet, curl, netcat, ncat and socat send the same:
+    // nothing.
     const Row rows[] = {{"silence", {}, "", Verdict::plain, 1000, ""},
                         {"and a name just in time", {{999, "alice\r\n"}}, "", Verdict::plain, 999, "alice\r\n"}};
     expectOutcomes(rows);
@@ -144,7 +145,8 @@ TEST(TelnetNegotiation, GoesByWhatAClientSaysFirst)
           {403, "\xFF\xFB\x03"},
           {403, "\xFF\xFD\x03" + WILL_LINEMODE + SLC_LIST_A},
           {443, MODE_ACK + SLC_ACK}},
-         // IAC SUSP has 2 bytes in the protocol and is read with the IAC behind it; the rest of that is text.
+         // IAC SUSP has 2 bytes in the protocol and is read with the IAC behind it; the rest of
+         // that is text.
          OFFERS,
          Verdict::plain,
          400,

@@ -49,8 +49,9 @@ protected:
     XcpCon() : StreamConnFixture(4, 0x0057'0000) {}
 };
 
-/// What comes of a frame whose pieces are sent one by one, each looked at: the first line, and its tag.
-/// On a machine that is too busy the pieces can be too late, which says nothing; then it is tried again.
+/// What comes of a frame whose pieces are sent one by one, each looked at: the first line, and its
+/// tag. On a machine that is too busy the pieces can be too late, which says nothing; then it is
+/// tried again.
 std::string readInPieces(const std::vector<std::string>& pieces)
 {
     for (int attempt = 0; attempt < 10; ++attempt) {

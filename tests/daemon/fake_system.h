@@ -5,8 +5,9 @@
 #include <sys/types.h>
 #include <vector>
 
-/// Stands between the daemon's code and the calls that would copy the process and restart the machine. sync(), sleep() and
-/// reboot() never reach the system from this program, and while an object of this lives, fork() does not either.
+/// Stands between the daemon's code and the calls that would copy the process and restart the
+/// machine. sync(), sleep() and reboot() never reach the system from this program, and while an
+/// object of this lives, fork() does not either.
 class FakeSystem {
 public:
     FakeSystem();

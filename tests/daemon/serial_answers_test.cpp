@@ -45,7 +45,8 @@ protected:
         return *otherConn;
     }
 
-    /// Writes until the line takes no more, for good: the kernel moves what it has taken on in its own time.
+    /// Writes until the line takes no more, for good: the kernel moves what it has taken on in its
+    /// own time.
     std::size_t fillLine() const
     {
         std::size_t all = 0;

@@ -6,8 +6,8 @@
 
 #include "tests/support/waiting.h"
 
-/// What a scenario gives in which somebody waits who does not wait for long. It is played again when the machine has held it up
-/// for so long that patience may have ended.
+/// What a scenario gives in which somebody waits who does not wait for long. It is played again
+/// when the machine has held it up for so long that patience may have ended.
 template <class Scenario> std::vector<std::string> undisturbed(Scenario scenario)
 {
     constexpr double PATIENCE_MS = 250;

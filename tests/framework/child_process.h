@@ -9,8 +9,8 @@
 #include <thread>
 #include <unistd.h>
 
-/// A forked process that runs one function and ends with what it returns. Killed when it is still there at the end.
-/// Fork before the test starts threads.
+/// A forked process that runs one function and ends with what it returns. Killed when it is still
+/// there at the end. Fork before the test starts threads.
 class ChildProcess {
 public:
     template <class Body> explicit ChildProcess(Body body) : pid_(::fork())

@@ -4,7 +4,8 @@
 #include <functional>
 #include <string>
 
-/// The system as the framework finds it: its own calls come here first, those of the libraries do not.
+/// The system as the framework finds it: its own calls come here first, those of the libraries do
+/// not.
 namespace fake_system {
 
 /// setsockopt(2) of that option at SOL_SOCKET fails with EPERM, for as long as this lives.
@@ -16,7 +17,8 @@ public:
     ~RefusedOption();
 };
 
-/// A kernel that cannot be asked not to wait for a pipe (pwritev2(2), RWF_NOWAIT), for as long as this lives.
+/// A kernel that cannot be asked not to wait for a pipe (pwritev2(2), RWF_NOWAIT), for as long as
+/// this lives.
 class NoNowait {
 public:
     NoNowait();

@@ -123,7 +123,8 @@ TEST_F(LogMgr, CutsATextThatIsTooLongForALine)
 
 TEST_F(LogMgr, WritesEachLineInOneWrite)
 {
-    // Each write to a packet-mode pipe (pipe2(2), O_DIRECT) is one packet, and a read takes one packet.
+    // Each write to a packet-mode pipe (pipe2(2), O_DIRECT) is one packet, and a read takes one
+    // packet.
     int ends[2];
     ASSERT_EQ(::pipe2(ends, O_DIRECT | O_CLOEXEC), 0);
     const int saved = ::dup(STDERR_FILENO);

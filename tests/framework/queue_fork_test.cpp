@@ -60,7 +60,8 @@ protected:
         return RawSocket().sendTo(pathOf(to), &msg, 32);
     }
 
-    /// @return true: a record that comes for `own` is taken out of the socket by a call that waits, and handed out after
+    /// @return true: a record that comes for `own` is taken out of the socket by a call that waits,
+    ///         and handed out after
     bool takesAside(long own)
     {
         char byte = 0;

@@ -20,7 +20,8 @@
 
 namespace {
 
-// To the last const: a library that stands in for this one is found by names that are made of these types.
+// To the last const: a library that stands in for this one is found by names that are made of these
+// types.
 static_assert(std::is_same_v<decltype(&TQueueMgr::sendMsg), long (TQueueMgr::*)(long, TOrbAttachmentMsg*, long, bool)>);
 static_assert(
     std::is_same_v<decltype(&TQueueMgr::getMsg), long (TQueueMgr::*)(TOrbAttachmentMsg*, TMsgQueueTypes, bool)>);

@@ -4,7 +4,8 @@
 #include <csignal>
 #include <cstdlib>
 
-/// While it lives, a signal is handled by counting it, and by `handler` where one is given. One at a time.
+/// While it lives, a signal is handled by counting it, and by `handler` where one is given. One at
+/// a time.
 class SignalCounter {
 public:
     explicit SignalCounter(int signo, int flags = 0, void (*handler)() = nullptr) : signo_(signo)

@@ -171,7 +171,8 @@ TEST(WriteAtOnce, SignalsThatWereHeldBackStaySo)
     ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
-/// One process at a time may write to a terminal that wants it so (TOSTOP); others would be stopped.
+/// One process at a time may write to a terminal that wants it so (TOSTOP); others would be
+/// stopped.
 TEST(WriteAtOnce, InTheBackgroundOfATerminalNobodyIsStopped)
 {
     ChildProcess session([] {

@@ -35,7 +35,8 @@ bool isReply(std::string_view text)
     return std::find(std::begin(replies), std::end(replies), text) != std::end(replies);
 }
 
-/// Listings may be long and come in several writes; nothing else begins with a digit or goes on behind "OK".
+/// Listings may be long and come in several writes; nothing else begins with a digit or goes on
+/// behind "OK".
 bool isListing(std::string_view text)
 {
     return text.ends_with("\r\n") && (text.starts_with("OK\r\n") || text.find(':') != std::string_view::npos);
@@ -128,7 +129,8 @@ private:
                   "a line leaves nothing behind");
     }
 
-    /// Every token up to a DELAY is forwarded, or answered, or both; without a connection some are neither.
+    /// Every token up to a DELAY is forwarded, or answered, or both; without a connection some are
+    /// neither.
     void checkNothingIsLost(const std::string& line, std::size_t replies, bool hasConn)
     {
         std::vector<std::string_view> tokens;

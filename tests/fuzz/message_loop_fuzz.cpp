@@ -1,4 +1,5 @@
-// Records of processes, whatever they say, against a daemon; its answers are compared with those of a model.
+// Records of processes, whatever they say, against a daemon; its answers are compared with those of
+// a model.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>

@@ -81,7 +81,8 @@ protected:
         return conn;
     }
 
-    /// Looks, as the service loop does, until a client that has just connected is handed out or has been disposed of.
+    /// Looks, as the service loop does, until a client that has just connected is handed out or has
+    /// been disposed of.
     /// @return the new connection, null when there is none
     TPortConn* take()
     {

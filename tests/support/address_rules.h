@@ -3,8 +3,8 @@
 #include <string>
 #include <string_view>
 
-/// What the rules of command addresses give for a token, written down step by step and without regard to speed: what the
-/// parser is compared with.
+/// What the rules of command addresses give for a token, written down step by step and without
+/// regard to speed: what the parser is compared with.
 struct AddressByRules {
     int result;
     std::string unit;

@@ -43,7 +43,8 @@ protected:
         return this->readLines();
     }
 
-    /// What a connection of a local socket is at its start: this one, and one without a descriptor yet.
+    /// What a connection of a local socket is at its start: this one, and one without a descriptor
+    /// yet.
     void expectStartsLoggedIn(std::uint32_t portType, std::uint32_t id)
     {
         const Conn fresh(portType, id + 0x1'0000);

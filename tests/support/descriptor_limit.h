@@ -6,7 +6,8 @@
 #include <unistd.h>
 #include <vector>
 
-/// While one lives, this process opens no descriptor of that number or above. What is open already stays so.
+/// While one lives, this process opens no descriptor of that number or above. What is open already
+/// stays so.
 class DescriptorLimit {
 public:
     explicit DescriptorLimit(rlim_t limit)

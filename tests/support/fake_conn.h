@@ -12,8 +12,8 @@
 /// What fakes of one test have done, in order.
 using Events = std::vector<std::string>;
 
-/// A connection that yields what a test puts in and keeps what is written to it. It is due at once, again and again, unless a
-/// test sets `due`.
+/// A connection that yields what a test puts in and keeps what is written to it. It is due at once,
+/// again and again, unless a test sets `due`.
 class FakeConn : public TPortConn {
 public:
     /// @param events  gets "NAME gone" at the end of the connection; may be null

@@ -45,7 +45,8 @@ std::vector<std::string> linesByRules(std::string_view received, bool nulIsSpace
 
 std::vector<std::string> frameLinesByRules(std::string_view payload)
 {
-    // What stays of the payload: everything but the white space that is skipped where a line is looked for.
+    // What stays of the payload: everything but the white space that is skipped where a line is
+    // looked for.
     std::string left(payload);
     std::vector<std::size_t> starts;
     bool looking = true;

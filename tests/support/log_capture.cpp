@@ -34,7 +34,8 @@ void PrintTo(const LogLine& line, std::ostream* out)
     *out << line.id << " \"" << line.text << '"';
 }
 
-// A file of the disk's kind where there is one: one in memory may refuse what comes while another thread is writing.
+// A file of the disk's kind where there is one: one in memory may refuse what comes while another
+// thread is writing.
 LogCapture::LogCapture() : file_(std::tmpfile())
 {
     if (file_ == nullptr) std::abort();

@@ -18,7 +18,8 @@ struct LogLine {
 /// How a line looks in the message of a failed test.
 void PrintTo(const LogLine& line, std::ostream* out);
 
-/// Catches what is written to standard error while it lives; a sanitizer's report is passed on at the end. One at a time.
+/// Catches what is written to standard error while it lives; a sanitizer's report is passed on at
+/// the end. One at a time.
 class LogCapture {
 public:
     LogCapture();

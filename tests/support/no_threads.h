@@ -4,7 +4,8 @@
 #include <cstdint>
 #include <pthread.h>
 
-/// While one lives, no thread can be made without attributes of its own: its stack would not fit the address space.
+/// While one lives, no thread can be made without attributes of its own: its stack would not fit
+/// the address space.
 class NoThreads {
 public:
     NoThreads()

@@ -10,7 +10,8 @@
 
 #include "tests/support/waiting.h"
 
-/// A pseudo-terminal that stands for a serial line: this is the far end, and the line has a path. See pty(7).
+/// A pseudo-terminal that stands for a serial line: this is the far end, and the line has a path.
+/// See pty(7).
 class PtyLine {
 public:
     PtyLine() : far_(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK))

@@ -32,7 +32,8 @@ struct Received {
     std::string_view textBytes() const { return {record.text, length - MSG_HEADER_BYTES}; }
 };
 
-/// Another process of the device: a queue of its own, in plain system calls. The directory outlives it.
+/// Another process of the device: a queue of its own, in plain system calls. The directory outlives
+/// it.
 class QueueProcess {
 public:
     QueueProcess(const TempQueueDir& directory, long address);

@@ -10,7 +10,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-/// A bare Unix datagram socket: a peer that knows the wire and nothing else. It leaves its file behind.
+/// A bare Unix datagram socket: a peer that knows the wire and nothing else. It leaves its file
+/// behind.
 class RawSocket {
 public:
     RawSocket() : fd_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {}

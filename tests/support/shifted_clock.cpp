@@ -1,7 +1,9 @@
-// A library to be preloaded: the monotonic clock of the program goes ahead of the machine's by as much as the test wants.
+// A library to be preloaded: the monotonic clock of the program goes ahead of the machine's by as
+// much as the test wants.
 //
-// SHIFTED_CLOCK names a file of at least 4 bytes, which holds the difference: a signed word, in milliseconds, in the program's
-// byte order. The test may change it at any time. Only clock_gettime() is shifted: what waits in the kernel takes its time.
+// SHIFTED_CLOCK names a file of at least 4 bytes, which holds the difference: a signed word, in
+// milliseconds, in the program's byte order. The test may change it at any time. Only
+// clock_gettime() is shifted: what waits in the kernel takes its time.
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -39,7 +41,8 @@ const volatile std::int32_t* g_difference = nullptr; // plain, so that it is the
     g_difference = mapDifference();
 }
 
-/// The clock as the kernel has it. The C library's own function cannot be looked up before its symbols are bound.
+/// The clock as the kernel has it. The C library's own function cannot be looked up before its
+/// symbols are bound.
 int kernelClock(clockid_t clock, timespec* now)
 {
 #ifdef SYS_clock_gettime64

@@ -11,8 +11,8 @@ inline long threadSleeps()
     return used.ru_nvcsw;
 }
 
-/// @return how often `act()` has waited for something, in the best of a few tries: the system may have reasons of its own for
-///     single waits. 0 for what never waits, on a machine of any speed
+/// @return how often `act()` has waited for something, in the best of a few tries: the system may
+///     have reasons of its own for single waits. 0 for what never waits, on a machine of any speed
 template <class Act> long fewestSleeps(Act act)
 {
     constexpr int TRIES = 10;

@@ -7,7 +7,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-/// Two ends of a stream between a client, which is the test, and a connection. Both are non-blocking.
+/// Two ends of a stream between a client, which is the test, and a connection. Both are
+/// non-blocking.
 class StreamPair {
 public:
     StreamPair()
@@ -56,7 +57,8 @@ public:
         return all;
     }
 
-    /// @return true when the connection has closed its end and everything before that has been received
+    /// @return true when the connection has closed its end and everything before that has been
+    ///         received
     bool closedByServer() const
     {
         char byte;

@@ -103,7 +103,8 @@ private:
     int fd_;
 };
 
-/// A TCP connection over the loopback interface, between a client, which is the test, and a connection.
+/// A TCP connection over the loopback interface, between a client, which is the test, and a
+/// connection.
 class TcpPair {
 public:
     TcpPair() : client(open(server_)) {}

@@ -3,8 +3,9 @@
 #include <cstddef>
 #include <cstring>
 
-/// Place of a virtual operation in its class's table, the two destructors being 0 and 1.
-/// Reads the pointer as the Itanium C++ ABI lays it out for x86-64 and PowerPC (section 2.3): 1 + offset in the table.
+/// Place of a virtual operation in its class's table, the two destructors being 0 and 1. Reads the
+/// pointer as the Itanium C++ ABI lays it out for x86-64 and PowerPC (section 2.3): 1 + offset in
+/// the table.
 template <class Class, class Result, class... Arguments>
 std::size_t virtualSlot(Result (Class::*operation)(Arguments...))
 {

@@ -5,11 +5,13 @@
 #include <ctime>
 #include <thread>
 
-/// For what is expected to come. Far above what anything here takes, so that a slow machine does not fail a test.
+/// For what is expected to come. Far above what anything here takes, so that a slow machine does
+/// not fail a test.
 inline constexpr std::chrono::seconds DEADLINE{20};
 
-/// An upper bound for a time in milliseconds: raised where the processor is known to be slow, which is under a sanitizer or
-/// an emulator (TESSD_SLOW_FACTOR says how many times; 1 when it is not set).
+/// An upper bound for a time in milliseconds: raised where the processor is known to be slow, which
+/// is under a sanitizer or an emulator (TESSD_SLOW_FACTOR says how many times; 1 when it is not
+/// set).
 inline double atMost(double milliseconds)
 {
     const char* factor = std::getenv("TESSD_SLOW_FACTOR");

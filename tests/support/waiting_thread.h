@@ -11,7 +11,8 @@ class WaitingThread {
 public:
     WaitingThread() : path_("/proc/" + std::to_string(::getpid()) + "/task/" + std::to_string(::gettid()) + "/stat") {}
 
-    /// Waits until the thread waits for something. Where two processes are concerned, the other one may ask too.
+    /// Waits until the thread waits for something. Where two processes are concerned, the other one
+    /// may ask too.
     /// @return false when the deadline has passed first
     bool untilAsleep() const
     {

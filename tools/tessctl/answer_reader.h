@@ -11,14 +11,15 @@ struct Answer {
     bool failed = false; ///< see meansFailure()
 };
 
-/// Whether an answer says that the command was not carried out: it is "?", its last line begins with "Error: ", as
-/// processes write it, or it is one of those that tessd has for its own commands.
+/// Whether an answer says that the command was not carried out: it is "?", its last line begins
+/// with "Error: ", as processes write it, or it is one of those that tessd has for its own
+/// commands.
 /// @param lastLine  of the answer, without its end
 /// @param lines     how many there are
 bool meansFailure(std::string_view lastLine, std::size_t lines);
 
-/// Takes answers out of what the daemon sends. An answer ends with an empty line, or is the line "?" alone, or is over when
-/// nothing more comes for a while, which the caller notices.
+/// Takes answers out of what the daemon sends. An answer ends with an empty line, or is the line
+/// "?" alone, or is over when nothing more comes for a while, which the caller notices.
 /// Threads: one.
 class AnswerReader {
 public:

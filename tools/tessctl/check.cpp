@@ -76,8 +76,9 @@ try {
     return {false, error.what()};
 }
 
-/// Sends an empty line and reads until tessd asks for the user's name. Without that line tessd would first wait a second for
-/// telnet options to negotiate; from a client that types at once it expects none.
+/// Sends an empty line and reads until tessd asks for the user's name. Without that line tessd
+/// would first wait a second for telnet options to negotiate; from a client that types at once it
+/// expects none.
 bool greets(int fd)
 {
     if (::send(fd, "\r\n", 2, MSG_NOSIGNAL) != 2) return false;

@@ -254,7 +254,8 @@ ExitStatus runConsole(LocalPort port)
 {
     if (::isatty(STDIN_FILENO) == 0 || ::isatty(STDOUT_FILENO) == 0)
         throw CtlError(STATUS_WRONG_USAGE, "console wants a terminal; 'tessctl send' reads lines from anywhere");
-    // Where no locale is set, characters would end at 127; devices have none, and terminals speak UTF-8.
+    // Where no locale is set, characters would end at 127; devices have none, and terminals speak
+    // UTF-8.
     if (std::setlocale(LC_CTYPE, "") == nullptr || ::nl_langinfo(CODESET) == ASCII)
         (void)std::setlocale(LC_CTYPE, "C.UTF-8");
     return Console(port).run();

@@ -31,9 +31,10 @@ namespace {
 constexpr std::chrono::seconds SEND_PATIENCE{5};
 constexpr std::chrono::milliseconds LAST_PATIENCE{250};
 constexpr std::chrono::milliseconds BETWEEN_TRIES{20};
-// An address of one's own is FIRST_FREE_ADDRESS and the process number: far from the addresses that device processes are
-// given. Process numbers are below 5 million. Two containers may have processes of the same number: the second one goes on by
-// ADDRESS_STEP until it finds an address that is free.
+// An address of one's own is FIRST_FREE_ADDRESS and the process number: far from the addresses that
+// device processes are given. Process numbers are below 5 million. Two containers may have
+// processes of the same number: the second one goes on by ADDRESS_STEP until it finds an address
+// that is free.
 constexpr long FIRST_FREE_ADDRESS = 1'000'000'000;
 constexpr long ADDRESS_STEP = 5'000'000;
 
@@ -85,7 +86,8 @@ void checkOwnAddress(long address)
         throw CtlError(STATUS_NO_CONNECTION, failureText(path, error, PathOf::ownQueue));
 }
 
-/// Everything that can be wrong, looked at before the queue is opened, so that it can be told in plain words.
+/// Everything that can be wrong, looked at before the queue is opened, so that it can be told in
+/// plain words.
 /// @return the address to open
 long usableAddress(std::optional<long> wanted)
 {

@@ -20,17 +20,19 @@ std::string queueDirectory();
 std::string queuePath(long address);
 
 /// Finds out whether a live process owns a queue, by connecting a socket to it.
-/// @return 0: one does; else why the socket could not be connected (errno(3)), for example ENOENT where there is no such queue
-///         and ECONNREFUSED where the owner has died
+/// @return 0: one does; else why the socket could not be connected (errno(3)), for example ENOENT
+///         where there is no such queue and ECONNREFUSED where the owner has died
 int queueError(long address);
 
-/// Whether SIGINT, SIGTERM or SIGHUP has come since a DaemonClient was made. What takes long asks this, and ends early.
+/// Whether SIGINT, SIGTERM or SIGHUP has come since a DaemonClient was made. What takes long asks
+/// this, and ends early.
 bool stopAsked();
 
 /// Whether another of these has come after the first: nothing is waited for any more.
 bool stopAskedAgain();
 
-/// A queue of tessctl's own, and what it says to tessd over it. One a process. SIGPIPE is ignored from then on.
+/// A queue of tessctl's own, and what it says to tessd over it. One a process. SIGPIPE is ignored
+/// from then on.
 /// Threads: send() any, the others one.
 class DaemonClient : public TMsgProc {
 public:

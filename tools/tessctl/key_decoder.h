@@ -4,8 +4,9 @@
 #include <string>
 #include <string_view>
 
-/// Turns the bytes that keys send into characters of the present locale. For a byte that belongs to no character it gives a
-/// stand-in that no key sends, U+10FF00 plus the byte's value; typedBytes() turns that into the byte again.
+/// Turns the bytes that keys send into characters of the present locale. For a byte that belongs to
+/// no character it gives a stand-in that no key sends, U+10FF00 plus the byte's value; typedBytes()
+/// turns that into the byte again.
 /// Threads: one.
 class KeyDecoder {
 public:

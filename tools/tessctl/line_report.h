@@ -14,5 +14,6 @@ struct LineReport {
     std::chrono::microseconds took{0}; ///< until its last answer was whole
 };
 
-/// The report as one JSON object in one line, without an end. Bytes that are not UTF-8 become U+FFFD.
+/// The report as one JSON object in one line, without an end. Bytes that are not UTF-8 become
+/// U+FFFD.
 std::string jsonText(const LineReport& report);

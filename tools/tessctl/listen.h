@@ -15,6 +15,7 @@ struct ListenOptions {
     std::uint64_t count = 0; ///< of records to print; 0: until SIGINT, SIGTERM or SIGHUP
 };
 
-/// Registers, prints every record that arrives, and unregisters at the end, or when nobody reads what it prints.
+/// Registers, prints every record that arrives, and unregisters at the end, or when nobody reads
+/// what it prints.
 /// @throws CtlError
 ExitStatus runListen(const ListenOptions& options);

@@ -28,8 +28,8 @@ public:
     /// What to say when receive() finds the connection closed.
     std::string closedText() const;
 
-    /// Sends one command line. Before that it waits until tessd has read most of what was sent earlier: input of 1024 bytes or
-    /// more that it finds at once tessd throws away.
+    /// Sends one command line. Before that it waits until tessd has read most of what was sent
+    /// earlier: input of 1024 bytes or more that it finds at once tessd throws away.
     /// @param line  without an end, MAX_LINE_BYTES at most
     /// @throws CtlError  tessd has closed the connection, or has read nothing for `patience`
     void sendLine(std::string_view line, std::chrono::milliseconds patience);

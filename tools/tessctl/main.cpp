@@ -105,7 +105,8 @@ private:
         addText(to, "-H,--host", host_, "Run there, over ssh")->type_name("[USER@]HOST")->check(remoteHostProblem);
     }
 
-    /// Whether the command asks its user something, and there is a terminal to ask at: it needs one on the other host.
+    /// Whether the command asks its user something, and there is a terminal to ask at: it needs one
+    /// on the other host.
     bool wantsTerminal() const
     {
         return (app_.got_subcommand("console") || app_.got_subcommand("reset")) && ::isatty(STDIN_FILENO) != 0 &&

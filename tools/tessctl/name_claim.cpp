@@ -7,8 +7,8 @@
 
 namespace {
 
-/// FNV-1a, which is the same in every build. Two names with one value would be taken for one name; with 64 bits that does not
-/// happen.
+/// FNV-1a, which is the same in every build. Two names with one value would be taken for one name;
+/// with 64 bits that does not happen.
 std::uint64_t hash(std::string_view text)
 {
     std::uint64_t value = 0xCBF29CE484222325U;
@@ -17,8 +17,8 @@ std::uint64_t hash(std::string_view text)
     return value;
 }
 
-/// A request for a lock that belongs to the open file (F_OFD_SETLK). One that belongs to the process would be lost as soon as
-/// the process closes any other descriptor of the directory.
+/// A request for a lock that belongs to the open file (F_OFD_SETLK). One that belongs to the
+/// process would be lost as soon as the process closes any other descriptor of the directory.
 struct flock request(short type, std::int64_t start)
 {
     struct flock lock {};

@@ -5,9 +5,10 @@
 
 #include "framework/fd.h"
 
-/// Tells the runs of tessctl that have registered a name of each other, which tessd does not. Each of them holds a lock on the
-/// queue directory for as long as it lives, and the place of the lock stands for the name. Only tessctl does this: nothing is
-/// known here of other processes, nor where the file system has no such locks.
+/// Tells the runs of tessctl that have registered a name of each other, which tessd does not. Each
+/// of them holds a lock on the queue directory for as long as it lives, and the place of the lock
+/// stands for the name. Only tessctl does this: nothing is known here of other processes, nor where
+/// the file system has no such locks.
 /// Threads: one.
 class NameClaim {
 public:

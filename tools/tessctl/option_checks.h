@@ -4,7 +4,8 @@
 #include <string_view>
 #include <vector>
 
-/// Each of these returns what is wrong with a word of the command line, in words to print; empty when nothing is.
+/// Each of these returns what is wrong with a word of the command line, in words to print; empty
+/// when nothing is.
 
 /// A name that tessd's command addresses can hold, and that can be told from the wildcard.
 std::string nameProblem(const std::string& name);
@@ -21,7 +22,8 @@ std::string choiceProblem(std::string_view text, const std::vector<std::string>&
 /// Ports joined by commas, as portMask() takes them.
 std::string portsProblem(const std::string& names);
 
-/// The name of this host, behind --reinit. An empty one is wrong: the device would restart without being re-initialised.
+/// The name of this host, behind --reinit. An empty one is wrong: the device would restart without
+/// being re-initialised.
 std::string ownHostProblem(const std::string& name);
 
 /// A host as ssh(1) takes it.

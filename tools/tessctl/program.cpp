@@ -109,14 +109,16 @@ private:
         if (input_.empty() || refused) toChild_.reset();
     }
 
-    /// For kernels before 5.3, which have no descriptors for processes. Only looks: waitpid() collects the child later.
+    /// For kernels before 5.3, which have no descriptors for processes. Only looks: waitpid()
+    /// collects the child later.
     bool hasEnded() const
     {
         siginfo_t info{};
         return ::waitid(P_PID, static_cast<id_t>(child_), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid != 0;
     }
 
-    /// @param pieces  to read at most: a child that prints without end must not keep the loop from everything else
+    /// @param pieces  to read at most: a child that prints without end must not keep the loop from
+    ///                everything else
     void read(int pieces)
     {
         std::array<char, 16384> bytes; // NOLINT(cppcoreguidelines-pro-type-member-init): read fills it

@@ -16,7 +16,8 @@ struct ProgramResult {
 /// @param words        the program, looked for as the shell does, and its arguments; at least one
 /// @param timeLimit    then the whole group is killed
 /// @param outputLimit  in bytes; what comes behind it is thrown away
-/// @param giveUp       a descriptor: when there is something to be read on it, the group is killed too; -1: none
+/// @param giveUp       a descriptor: when there is something to be read on it, the group is killed
+///                     too; -1: none
 /// Threads: any; SIGPIPE must be ignored.
 ProgramResult runProgram(const std::vector<std::string>& words, std::string_view input,
                          std::chrono::milliseconds timeLimit, std::size_t outputLimit, int giveUp = -1);

@@ -16,5 +16,6 @@ std::string inQuotes(std::string_view text);
 /// @param bytes  how many of it were received, 16 at least
 std::string describe(const TOrbAttachmentMsg& record, std::size_t bytes);
 
-/// The bytes of a record as they lie in memory, sixteen a line, each line with its offset and an end.
+/// The bytes of a record as they lie in memory, sixteen a line, each line with its offset and an
+/// end.
 std::string hexDump(const TOrbAttachmentMsg& record, std::size_t bytes);

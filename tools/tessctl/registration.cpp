@@ -78,10 +78,12 @@ void Registration::lookForOthers()
     aside_ = aside;
 }
 
-/// When a name is registered again, tessd's answer does not tell whether another process had it meanwhile. Its answer to
-/// unregistering does: that is refused to a process that has nothing registered. But for a moment then nobody has the name, and
-/// a command would be missed. So this is done only where there is a reason for suspicion, that a process has come or gone or
-/// that the name was lost before, and not shortly after a command, which besides shows that the name is not lost.
+/// When a name is registered again, tessd's answer does not tell whether another process had it
+/// meanwhile. Its answer to unregistering does: that is refused to a process that has nothing
+/// registered. But for a moment then nobody has the name, and a command would be missed. So this is
+/// done only where there is a reason for suspicion, that a process has come or gone or that the
+/// name was lost before, and not shortly after a command, which besides shows that the name is not
+/// lost.
 void Registration::renew(Clock::time_point now)
 {
     nextRenewal_ = now + BETWEEN_RENEWALS;

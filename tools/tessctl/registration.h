@@ -17,7 +17,8 @@ enum class Keep {
     renewed,   ///< refused where another tessctl has it; taken back from other processes, every 10 seconds
 };
 
-/// Keeps a name registered, also when tessd is started anew: it asks that one until it is registered there.
+/// Keeps a name registered, also when tessd is started anew: it asks that one until it is
+/// registered there.
 /// Threads: one.
 class Registration {
 public:
@@ -28,17 +29,20 @@ public:
     /// Takes the next record, as DaemonClient::receive(), and looks after the registration.
     std::size_t receive(TOrbAttachmentMsg& record);
 
-    /// Unregisters, for good, without waiting for the answer. When that is not possible, prints why.
+    /// Unregisters, for good, without waiting for the answer. When that is not possible, prints
+    /// why.
     /// @return whether it was possible
     bool end();
 
-    /// Whether tessd has answered every request to unregister. All that it forwarded before has been received by then.
+    /// Whether tessd has answered every request to unregister. All that it forwarded before has
+    /// been received by then.
     bool unregistered() const { return unregistersDue_ == 0; }
 
 private:
     using Clock = std::chrono::steady_clock;
 
-    /// Tells whether a path leads to another file than the last time, or to one that was changed since.
+    /// Tells whether a path leads to another file than the last time, or to one that was changed
+    /// since.
     class FileMark {
     public:
         explicit FileMark(std::string path) : path_(std::move(path)) { see(); }

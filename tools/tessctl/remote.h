@@ -8,8 +8,8 @@
 /// A word in quotes, so that a shell reads it as this one word.
 std::string shellWord(const std::string& word);
 
-/// A command line without the words that name the host: -H HOST, -HHOST, --host HOST, --host=HOST. What stands behind "--" is
-/// left alone.
+/// A command line without the words that name the host: -H HOST, -HHOST, --host HOST, --host=HOST.
+/// What stands behind "--" is left alone.
 std::vector<std::string> withoutHost(const std::vector<std::string>& words);
 
 /// What to run to have tessctl run on another host.

@@ -14,7 +14,8 @@ ExitStatus runClose(bool telnetOnly);
 ExitStatus runCom2(const std::string& text, bool newline);
 
 /// Restarts the device.
-/// @param reinitHost  re-initialises the version first, which the daemon does only on the host of this name; empty: does not
+/// @param reinitHost  re-initialises the version first, which the daemon does only on the host of
+///                    this name; empty: does not
 /// @param yes         does not ask
 ExitStatus runReset(const std::string& reinitHost, bool yes);
 

@@ -72,7 +72,8 @@ private:
             ": is the process stuck, or tessd?");
     }
 
-    /// Prints what comes until an answer has ended. One that goes on and on ends LONGEST_ANSWER after `patience`.
+    /// Prints what comes until an answer has ended. One that goes on and on ends LONGEST_ANSWER
+    /// after `patience`.
     /// @return how many answers have; 0 none has begun within `patience`
     std::size_t receive(milliseconds patience)
     {

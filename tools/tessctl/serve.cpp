@@ -69,8 +69,8 @@ public:
     Answerer(const Answerer&) = delete;
     Answerer& operator=(const Answerer&) = delete;
 
-    /// Answers what it has been given, and ends. What is not done after END_PATIENCE, or when the user asks again, is
-    /// answered with an error.
+    /// Answers what it has been given, and ends. What is not done after END_PATIENCE, or when the
+    /// user asks again, is answered with an error.
     ~Answerer()
     {
         const auto deadline = Clock::now() + END_PATIENCE;
@@ -179,7 +179,8 @@ private:
         if (record.kind == MSG_TEXT) answerer_.give({record.tag, lineOf(record)});
     }
 
-    /// What tessd has forwarded before it reads this still wants its answer; its reply comes behind it.
+    /// What tessd has forwarded before it reads this still wants its answer; its reply comes behind
+    /// it.
     void leave()
     {
         if (!registration_.end()) return;

@@ -23,7 +23,8 @@ inline constexpr std::size_t MOST_WAITING = 1000;
 /// How much a program may print for one command.
 inline constexpr std::size_t MOST_OUTPUT_BYTES = 65536;
 
-/// Is a process of the device whose answers a program makes, until SIGTERM, SIGINT or SIGHUP. Commands that have arrived by
-/// then are still answered: for 10 seconds at most, or until a second signal.
+/// Is a process of the device whose answers a program makes, until SIGTERM, SIGINT or SIGHUP.
+/// Commands that have arrived by then are still answered: for 10 seconds at most, or until a second
+/// signal.
 /// @throws CtlError
 ExitStatus runServe(const ServeOptions& options);

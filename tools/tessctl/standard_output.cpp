@@ -13,7 +13,8 @@ void keepStandardDescriptors()
 {
     for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
         if (::fcntl(fd, F_GETFD) >= 0) continue;
-        // For the wrong direction, so that its use fails. It gets the lowest free number, which is this one.
+        // For the wrong direction, so that its use fails. It gets the lowest free number, which is
+        // this one.
         (void)::open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);
     }
 }

@@ -2,8 +2,9 @@
 
 /// Standard output, whose loss must not look like success.
 
-/// Makes sure that 0, 1 and 2 are open. A closed one would be given to the next file or socket that is opened, and what is
-/// printed would go there; now writing to it, or reading from it, fails as on a closed one.
+/// Makes sure that 0, 1 and 2 are open. A closed one would be given to the next file or socket that
+/// is opened, and what is printed would go there; now writing to it, or reading from it, fails as
+/// on a closed one.
 void keepStandardDescriptors();
 
 /// Hands what was printed to the system.

@@ -3,8 +3,8 @@
 #include <CLI/CLI.hpp>
 #include <string>
 
-/// Marks a word of the command line that has a meaning of its own for CLI11, so that it is taken as it stands: "[a,b]" would be
-/// two values, "{}" none, and "++" the end of a list.
+/// Marks a word of the command line that has a meaning of its own for CLI11, so that it is taken as
+/// it stands: "[a,b]" would be two values, "{}" none, and "++" the end of a list.
 std::string hidden(const std::string& word);
 
 /// The word as it was typed, marked by hidden() or not.

@@ -5,7 +5,8 @@
 #include <string_view>
 #include <vector>
 
-/// Knows what can stand in a command line: the built-in commands, and the words of the lines seen so far.
+/// Knows what can stand in a command line: the built-in commands, and the words of the lines seen
+/// so far.
 /// Threads: one.
 class WordCompletion {
 public:
@@ -14,8 +15,8 @@ public:
     /// Remembers the words of a line.
     void see(std::string_view line);
 
-    /// What the beginning of a line could go on with: its last word, completed. Without regard to case, as tessd reads
-    /// addresses and its own commands.
+    /// What the beginning of a line could go on with: its last word, completed. Without regard to
+    /// case, as tessd reads addresses and its own commands.
     /// @param line  up to the place of the cursor
     /// @return whole words, in order; none when the line ends with white space behind a word
     std::vector<std::string> complete(std::string_view line) const;
