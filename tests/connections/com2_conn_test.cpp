@@ -1,6 +1,5 @@
 #include "connections/com2_conn.h"
 
-#include <cstring>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <string>
@@ -13,6 +12,7 @@
 #include "tests/support/private_mounts.h"
 #include "tests/support/pty_line.h"
 #include "tests/support/readable.h"
+#include "tests/support/same_settings.h"
 #include "tests/support/waiting.h"
 
 using namespace std::string_literals;
@@ -295,11 +295,7 @@ TEST_F(Com2Conn, LeavesTheOtherSettingsAloneWhenItSwitches)
     conn.setCanonical(0);
     conn.setCanonical(1);
     ASSERT_EQ(::tcgetattr(conn.fd, &after), 0);
-    EXPECT_EQ(after.c_iflag, before.c_iflag);
-    EXPECT_EQ(after.c_oflag, before.c_oflag);
-    EXPECT_EQ(after.c_cflag, before.c_cflag);
-    EXPECT_EQ(after.c_lflag, before.c_lflag);
-    EXPECT_EQ(std::memcmp(after.c_cc, before.c_cc, sizeof after.c_cc), 0);
+    expectSameSettings(after, before);
 }
 
 // --- writing

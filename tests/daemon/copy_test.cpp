@@ -7,7 +7,7 @@
 #include "common/process_copy.h"
 #include "framework/tess_messages.h"
 #include "tests/daemon/daemon_test_bench.h"
-#include "tests/daemon/fake_system.h"
+#include "tests/daemon/fake_restart.h"
 #include "tests/daemon/local_client.h"
 #include "tests/support/in_background.h"
 #include "tests/support/private_mounts.h"
@@ -49,7 +49,7 @@ protected:
         EXPECT_FALSE(waits.hasInput(wakeUpOfTheOriginal));
     }
 
-    FakeSystem system;
+    FakeRestart system;
     DaemonTestBench bench;
     const int wakeUpOfTheOriginal = ::fcntl(g_wakeUp.fd(), F_DUPFD_CLOEXEC, 0);
 };
@@ -150,7 +150,7 @@ protected:
     }
 
     const pid_t parent = ::getpid();
-    FakeSystem system;
+    FakeRestart system;
     std::optional<DaemonTestBench> bench;
     std::optional<LocalClient> ipc;
     std::optional<LocalClient> xcp;

@@ -3,7 +3,7 @@
 #include <poll.h>
 
 #include "tests/daemon/daemon_test_bench.h"
-#include "tests/daemon/fake_system.h"
+#include "tests/daemon/fake_restart.h"
 #include "tests/daemon/reinit_program.h"
 #include "tests/support/waiting.h"
 
@@ -57,7 +57,7 @@ protected:
     }
 
     DaemonTestBench bench;
-    FakeSystem system;
+    FakeRestart system;
     QueueProcess process{bench.directory, 2001};
     QueueProcess other{bench.directory, 2002};
     const ReinitProgram program{0, ReinitProgram::UNTIL_TOLD};

@@ -7,7 +7,7 @@
 #include "common/milestone.h"
 #include "framework/tess_messages.h"
 #include "tests/daemon/daemon_test_bench.h"
-#include "tests/daemon/fake_system.h"
+#include "tests/daemon/fake_restart.h"
 #include "tests/support/allocation_count.h"
 #include "tests/support/private_mounts.h"
 #include "tests/support/readable.h"
@@ -332,7 +332,7 @@ TEST_F(MessageLoop, ReportsASerialLineThatCannotBeOpened)
 
 TEST_F(MessageLoop, AnswersAResetThatWasStarted)
 {
-    FakeSystem system;
+    FakeRestart system;
     EXPECT_EQ(answerTo(message(MSG_COM2_WRITE, "", 0x1234'5678)).record.len, 1) << "there is no serial line";
     const Received answer = answerTo(message(MSG_RESET, "RESET", 7, 9));
     EXPECT_EQ(answer.record.kind, 102U);
@@ -346,7 +346,7 @@ TEST_F(MessageLoop, AnswersAResetThatWasStarted)
 
 TEST_F(MessageLoop, TakesAnyOneWordForAReset)
 {
-    FakeSystem system;
+    FakeRestart system;
     const Received answer = answerTo(message(MSG_RESET, "anything"));
     EXPECT_EQ(answer.text(), "OK\r\n\r\n");
     EXPECT_THAT(system.calls, ElementsAre("fork"));
@@ -354,7 +354,7 @@ TEST_F(MessageLoop, TakesAnyOneWordForAReset)
 
 TEST_F(MessageLoop, AnswersAResetThatIsRefused)
 {
-    FakeSystem system;
+    FakeRestart system;
     answerTo(registration(0, "ENC"));
     const Outgoing request = message(MSG_RESET, "RESET with too many words for it", 7, 9);
     const Received answer = answerTo(request);
@@ -370,7 +370,7 @@ TEST_F(MessageLoop, AnswersAResetThatIsRefused)
 
 TEST_F(MessageLoop, RefusesAResetWithoutAWord)
 {
-    FakeSystem system;
+    FakeRestart system;
     Outgoing empty = message(MSG_RESET);
     empty.length = 16;
     EXPECT_EQ(answerTo(empty).length, 16U);
@@ -380,7 +380,7 @@ TEST_F(MessageLoop, RefusesAResetWithoutAWord)
 
 TEST_F(MessageLoop, TakesAFullRecordWithoutNulForAReset)
 {
-    FakeSystem system;
+    FakeRestart system;
     Outgoing full = message(MSG_RESET);
     std::memset(full.record.text, 'R', sizeof full.record.text);
     full.length = 8192;

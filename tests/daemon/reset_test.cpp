@@ -4,7 +4,7 @@
 #include <cctype>
 #include <gmock/gmock.h>
 
-#include "tests/daemon/fake_system.h"
+#include "tests/daemon/fake_restart.h"
 #include "tests/daemon/reinit_program.h"
 #include "tests/support/log_capture.h"
 #include "tests/support/waiting.h"
@@ -47,7 +47,7 @@ int ask(const char* line)
 TEST(Reset, StartsForALineOfOneWord)
 {
     for (const char* line : {"RESET", "reset", "Resetting", "RESET|X", " RESET ", "X", "RESET\tA"}) {
-        FakeSystem system;
+        FakeRestart system;
         EXPECT_EQ(ask(line), 0) << '"' << line << '"';
         EXPECT_THAT(system.calls, ElementsAre("fork")) << '"' << line << '"';
     }
@@ -77,7 +77,7 @@ TEST(Reset, IsRefusedForLinesOfOtherForms)
         "RESET|REINIT " + host,
     };
     const ReinitProgram program(0);
-    FakeSystem system;
+    FakeRestart system;
     const LogCapture log;
     for (const std::string& line : lines)
         EXPECT_EQ(ask(line.c_str()), 1) << '"' << line << '"';
@@ -91,7 +91,7 @@ TEST(Reset, ComparesTheHostNameWithRegardToCase)
     const std::string host = hostName();
     const std::string swapped = swappedCase(host);
     if (swapped == host) GTEST_SKIP() << "the host name \"" << host << "\" has no letters";
-    FakeSystem system;
+    FakeRestart system;
     EXPECT_EQ(ask(("RESET REINIT " + swapped).c_str()), 1);
     EXPECT_THAT(system.calls, IsEmpty());
 }
@@ -102,7 +102,7 @@ TEST(Reset, ReinitialisesFirstWhenAskedByThisHostsName)
     for (const std::string& line : {"RESET REINIT " + host, "reset reinit " + host, "Resetting ReInit " + host + "x",
                                     "  RESET   REINIT  " + host + "  ", "X REINIT " + host + ".example.org"}) {
         const ReinitProgram program(0);
-        FakeSystem system;
+        FakeRestart system;
         EXPECT_EQ(ask(line.c_str()), 0) << '"' << line << '"';
         EXPECT_TRUE(program.hasRun()) << '"' << line << '"';
         EXPECT_THAT(system.calls, ElementsAre("fork")) << '"' << line << '"';
@@ -112,14 +112,14 @@ TEST(Reset, ReinitialisesFirstWhenAskedByThisHostsName)
 TEST(Reset, DoesNotReinitialiseForALineOfOneWord)
 {
     const ReinitProgram program(0);
-    FakeSystem system;
+    FakeRestart system;
     EXPECT_EQ(ask("RESET"), 0);
     EXPECT_FALSE(program.hasRun());
 }
 
 TEST(Reset, IsRefusedWhenTheReinitialisationFails)
 {
-    FakeSystem system;
+    FakeRestart system;
     const std::string line = "RESET REINIT " + hostName();
     {
         const ReinitProgram failing(3);
@@ -134,7 +134,7 @@ TEST(Reset, IsRefusedWhenTheReinitialisationFails)
 
 TEST(Reset, LogsAForkThatFails)
 {
-    FakeSystem system;
+    FakeRestart system;
     system.forkResult = -1;
     const LogCapture log;
     EXPECT_EQ(ask("RESET"), 1);
@@ -145,7 +145,7 @@ TEST(Reset, LogsAForkThatFails)
 
 TEST(Reset, RestartsTheDeviceFromTheChildAfterFiveSeconds)
 {
-    FakeSystem system;
+    FakeRestart system;
     system.forkResult = 0;
     const LogCapture log;
     EXPECT_EQ(ask("RESET"), 1) << "the restart was refused: the child reports that";
@@ -156,7 +156,7 @@ TEST(Reset, RestartsTheDeviceFromTheChildAfterFiveSeconds)
 TEST(Reset, EndsTheChildWhenTheRestartIsUnderWay)
 {
     const auto inChild = [] {
-        FakeSystem system;
+        FakeRestart system;
         system.forkResult = 0;
         system.rebootResult = 0;
         ask("RESET");
@@ -186,7 +186,7 @@ protected:
         ASSERT_TRUE(waitUntil([&] { return programsOver > before; }));
     }
 
-    FakeSystem system;
+    FakeRestart system;
     const ReinitProgram program{0, ReinitProgram::UNTIL_TOLD};
     const std::string line = reinitLine();
     const char asker = 0;
@@ -263,7 +263,7 @@ TEST(Reset, StartsNoProgramAfterItWasCancelled)
 {
     const char asker = 0;
     const ReinitProgram program(0);
-    FakeSystem system;
+    FakeRestart system;
     ReInit reInit(tellNobody);
     Reset reset(reInit, forkOnly);
     reInit.cancel();

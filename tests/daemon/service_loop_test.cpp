@@ -6,7 +6,7 @@
 #include "common/milestone.h"
 #include "framework/queue_mgr.h"
 #include "tests/daemon/daemon_test_bench.h"
-#include "tests/daemon/fake_system.h"
+#include "tests/daemon/fake_restart.h"
 #include "tests/support/stream_pair.h"
 #include "tests/support/waiting.h"
 
@@ -533,7 +533,7 @@ TEST_F(ServiceLoopThread, WakesUpFourTimesASecondWhileACommandIsDelayed)
 
 TEST_F(ServiceLoopThread, RunsDelayedCommandsWithoutTheConnectionLock)
 {
-    FakeSystem system;
+    FakeRestart system;
     std::optional<LockProbe<FairMutex>> probe;
     bool free = false;
     system.onFork = [&] {

@@ -233,22 +233,14 @@ def test_a_name_of_257_bytes_with_its_line_end_is_refused(log, name):
     assert log() == [opened(1), NAME_TOO_BIG, closed(0)]
 
 
-def test_a_password_of_256_bytes_with_its_line_end_is_looked_at(log):
+@pytest.mark.parametrize("length, judgement", [(256, PASSWORD_INVALID), (257, PASSWORD_TOO_BIG)])
+def test_a_password_with_its_line_end_is_looked_at_up_to_256_bytes(log, length, judgement):
     with TelnetClient() as client:
         client.give_name()
-        client.send(b"p" * 255 + b"\n")
+        client.send(b"p" * (length - 1) + b"\n")
         client.expect(FAREWELL)
         client.expect_close()
-    assert log() == [opened(1), PASSWORD_INVALID, closed(0)]
-
-
-def test_a_password_of_257_bytes_with_its_line_end_is_refused(log):
-    with TelnetClient() as client:
-        client.give_name()
-        client.send(b"p" * 256 + b"\n")
-        client.expect(FAREWELL)
-        client.expect_close()
-    assert log() == [opened(1), PASSWORD_TOO_BIG, closed(0)]
+    assert log() == [opened(1), judgement, closed(0)]
 
 
 def test_empty_lines_are_no_name_and_no_password(socket_tessd):

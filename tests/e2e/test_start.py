@@ -28,9 +28,9 @@ from harness.daemon import (
     NORMAL_EXIT,
     RECEIVED_SIGTERM,
     RUNNING,
-    TELNET_PORT_CLOSED,
     XCP_PORT_CLOSED,
 )
+from harness.endings import ALL_CLOSED
 from harness.queue_process import QueueProcess, queue_path
 from harness.system_log import SystemLog
 from harness.waiting import wait_until
@@ -38,18 +38,9 @@ from harness.waiting import wait_until
 QUEUE_IN_USE = (250001, "queue address 1001 is in use")
 
 
-def serves_ipc() -> bool:
+def serves(client_of: type[IpcClient] | type[XcpClient]) -> bool:
     try:
-        with IpcClient() as client:
-            client.expect_nothing_more()
-    except (FileNotFoundError, ConnectionRefusedError):
-        return False
-    return True
-
-
-def serves_xcp() -> bool:
-    try:
-        with XcpClient() as client:
+        with client_of() as client:
             client.expect_nothing_more()
     except (FileNotFoundError, ConnectionRefusedError):
         return False
@@ -92,16 +83,7 @@ def test_all_four_ports_start_and_stop_in_order(launch):
         tessd.signal(signal.SIGTERM)
         tessd.expect_normal_end()
     actual = tessd.entries()[len(started) :]
-    expected = [
-        RECEIVED_SIGTERM,
-        CLOSING_ALL,
-        com2.CONNECTION_CLOSED,
-        COM2_PORT_CLOSED,
-        TELNET_PORT_CLOSED,
-        XCP_PORT_CLOSED,
-        IPC_PORT_CLOSED,
-        NORMAL_EXIT,
-    ]
+    expected = [RECEIVED_SIGTERM, *ALL_CLOSED]
     assert actual == expected, f"expected {expected}, got {actual}"
 
 
@@ -118,13 +100,13 @@ def test_log_lines_carry_the_time_of_day_in_utc(start_tessd):
 
 def test_ready_is_said_only_when_the_ports_are_open(launch):
     launch(*LOCAL_PORTS).wait_ready()
-    assert serves_ipc() and serves_xcp() and serves_queue()
+    assert serves(IpcClient) and serves(XcpClient) and serves_queue()
 
 
 def test_starts_without_a_service_manager(launch):
     tessd = launch(*LOCAL_PORTS, environment={"NOTIFY_SOCKET": None})
     tessd.wait_log(*RUNNING)
-    assert serves_ipc()
+    assert serves(IpcClient)
 
 
 def test_a_service_manager_that_does_not_read_holds_the_start_up_for_a_second(launch):
@@ -138,7 +120,7 @@ def test_a_service_manager_that_does_not_read_holds_the_start_up_for_a_second(la
         tessd.wait_log(*RUNNING)
     said = f"{path}: Resource temporarily unavailable: the service manager does not read, and was not told READY=1"
     assert tessd.entries()[-2:] == [(250006, said), RUNNING]
-    assert serves_ipc()
+    assert serves(IpcClient)
 
 
 def serves_telnet() -> bool:
@@ -153,7 +135,7 @@ def serves_telnet() -> bool:
 def test_starts_with_every_port_by_default(launch):
     with SerialLine() as line:
         launch().wait_running()
-        assert serves_ipc() and serves_xcp() and serves_telnet() and serves_queue()
+        assert serves(IpcClient) and serves(XcpClient) and serves_telnet() and serves_queue()
         line.expect_nothing_more()
 
 
@@ -162,7 +144,7 @@ def test_starts_without_the_serial_device(launch):
     tessd = launch("--notelnet").wait_running()
     assert INITIALIZE_COM2 in tessd.entries(), tessd.log_text()
     tessd.wait_log(*com2.opened(1))
-    assert serves_ipc() and serves_xcp() and serves_queue()
+    assert serves(IpcClient) and serves(XcpClient) and serves_queue()
     tessd.stop()
     assert com2.CONNECTION_CLOSED in tessd.entries() and COM2_PORT_CLOSED not in tessd.entries(), tessd.log_text()
 
@@ -217,7 +199,7 @@ def test_options_without_an_effect_are_taken_silently(launch):
     ):
         tessd = launch(*LOCAL_PORTS, *arguments).wait_running()
         tessd.expect_entries([INITIALIZE_XCP, INITIALIZE_IPC, RUNNING])
-        assert serves_ipc() and serves_xcp(), arguments
+        assert serves(IpcClient) and serves(XcpClient), arguments
         tessd.stop()
 
 
@@ -231,7 +213,7 @@ def test_socket_options_are_crossed(launch):
     ):
         tessd = launch(*LOCAL_PORTS, option).wait_running()
         tessd.expect_entries([INITIALIZE_XCP] * xcp + [INITIALIZE_IPC] * ipc + [RUNNING])
-        assert (serves_xcp(), serves_ipc()) == (xcp, ipc), option
+        assert (serves(XcpClient), serves(IpcClient)) == (xcp, ipc), option
         tessd.signal(signal.SIGTERM)
         tessd.expect_normal_end()
 
@@ -275,13 +257,13 @@ def test_leftover_socket_files_do_not_stop_the_start(start_tessd):
         with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as leftover:
             leftover.bind(path)
     tessd = start_tessd()
-    assert serves_ipc() and serves_xcp()
+    assert serves(IpcClient) and serves(XcpClient)
     tessd.stop()
     for path in (settings.IPC_PATH, settings.XCP_PATH):
         with open(path, "w", encoding="ascii") as plain_file:
             plain_file.write("left over")
     start_tessd()
-    assert serves_ipc() and serves_xcp()
+    assert serves(IpcClient) and serves(XcpClient)
 
 
 def test_socket_files_have_the_default_permissions(start_tessd):
@@ -326,17 +308,17 @@ def test_a_second_daemon_leaves_the_first_one_alone(start_tessd, launch):
         process.reply(process.expect_command(b"STILL").tag, b"here")
         ipc.expect(b"here")
         xcp.expect_nothing_more()
-        assert serves_ipc() and serves_xcp()
+        assert serves(IpcClient) and serves(XcpClient)
     assert not [entry for entry in first.entries() if entry[0] not in (36104, 51000, 36106, 6001)], first.log_text()
 
 
 def test_a_daemon_that_was_killed_is_replaced(start_tessd):
     first = start_tessd()
-    assert serves_ipc()
+    assert serves(IpcClient)
     first.kill()
     assert all(os.path.exists(path) for path in (settings.IPC_PATH, settings.XCP_PATH, queue_path(wire.DAEMON)))
     start_tessd()
-    assert serves_ipc() and serves_xcp() and serves_queue()
+    assert serves(IpcClient) and serves(XcpClient) and serves_queue()
 
 
 def test_of_many_that_race_for_the_address_of_a_dead_one_a_single_one_wins(start_tessd, launch):
@@ -346,7 +328,7 @@ def test_of_many_that_race_for_the_address_of_a_dead_one_a_single_one_wins(start
         wait_until(lambda: sum(tessd.ended() for tessd in racing) == 3, "three of four have ended", within=20)
         winner = next(tessd for tessd in racing if not tessd.ended())
         winner.wait_running()
-        assert serves_ipc() and serves_xcp() and serves_queue()
+        assert serves(IpcClient) and serves(XcpClient) and serves_queue()
         for loser in racing:
             if loser is not winner:
                 loser.expect_end(1)
@@ -389,7 +371,7 @@ def test_standard_streams_that_are_closed_are_opened_on_dev_null(launch):
         streams = proc.descriptors(tessd.pid)
         for stream in closed:
             assert streams[stream] == "/dev/null", f"stream {stream}: {streams}"
-        assert serves_ipc() and serves_xcp()
+        assert serves(IpcClient) and serves(XcpClient)
         tessd.signal(signal.SIGTERM)
         tessd.expect_end(0)
 

@@ -8,7 +8,7 @@
 #include <utility>
 
 #include "framework/bundled/own_queue.h"
-#include "tests/framework/child_process.h"
+#include "tests/framework/queue_owner.h"
 #include "tests/framework/queue_test.h"
 #include "tests/support/descriptor_limit.h"
 #include "tests/support/raw_socket.h"
@@ -82,14 +82,7 @@ TEST_F(QueueRoomTest, WakesWhoeverWaits)
 
 TEST_F(QueueRoomTest, TheOwnersEndIsReportedToo)
 {
-    Signpost opened;
-    ChildProcess owner([&] {
-        const QuietProc proc(2001);
-        opened.pass();
-        ::pause();
-        return 0;
-    });
-    ASSERT_TRUE(opened.await());
+    QueueOwner owner(2001);
     fill(2001);
     const int fd = room_.watch(2001);
     EXPECT_FALSE(isReported(fd));
@@ -100,26 +93,13 @@ TEST_F(QueueRoomTest, TheOwnersEndIsReportedToo)
 
 TEST_F(QueueRoomTest, AnOwnerThatClosesItsQueueAndLivesOnIsReported)
 {
-    Signpost opened;
-    Signpost full;
-    Signpost end;
-    ChildProcess owner([&] {
-        {
-            const QuietProc proc(2001);
-            opened.pass();
-            (void)full.await();
-        }
-        (void)end.await();
-        return 0;
-    });
-    ASSERT_TRUE(opened.await());
+    QueueOwner owner(2001);
     fill(2001);
     const int fd = room_.watch(2001);
-    full.pass();
+    owner.closeQueue();
     EXPECT_TRUE(willBeReported(fd));
     EXPECT_EQ(send(2001), SEND_FAILED);
-    end.pass();
-    EXPECT_EQ(owner.result(), 0);
+    EXPECT_EQ(owner.end(), 0);
 }
 
 TEST_F(QueueRoomTest, ThereIsNoneToWatchWithoutAQueue)

@@ -11,6 +11,7 @@
 #include "framework/bundled/own_queue.h"
 #include "tests/framework/child_process.h"
 #include "tests/framework/fake_system.h"
+#include "tests/framework/queue_owner.h"
 #include "tests/framework/queue_test.h"
 #include "tests/framework/signal_counter.h"
 #include "tests/support/allocation_count.h"
@@ -34,6 +35,20 @@ protected:
     {
         TOrbAttachmentMsg msg = numbered(number);
         return g_qMgr.sendMsg(address, &msg, static_cast<long>(length), wait);
+    }
+
+    /// What a process does that answers each of the next records, numbered from 0, with itself.
+    /// @return 0; 1 a record was another one; 2 an answer was not sent
+    static int answerEach(long address, std::uint32_t records, Signpost& ready)
+    {
+        const QuietProc proc(address);
+        ready.pass();
+        TOrbAttachmentMsg msg{};
+        for (std::uint32_t i = 0; i < records; ++i) {
+            if (receiveNext(msg) != 64 || msg.tag != i || msg.sender != 1001) return 1;
+            if (g_qMgr.sendMsg(msg.sender, &msg, 64, true) != 0) return 2;
+        }
+        return 0;
     }
 
     /// Fills a queue until it takes no more.
@@ -270,14 +285,7 @@ TEST_F(QueueSend, ASignalDoesNotEndTheWait)
 
 TEST_F(QueueSend, AnUnboundedWaitEndsWhenTheOwnerIsKilled)
 {
-    Signpost opened;
-    ChildProcess owner([&] {
-        const QuietProc proc(2001);
-        opened.pass();
-        ::pause();
-        return 0;
-    });
-    ASSERT_TRUE(opened.await());
+    QueueOwner owner(2001);
     const QuietProc proc(1001);
     (void)fill(2001);
     const WaitingThread sender;
@@ -292,44 +300,25 @@ TEST_F(QueueSend, AnUnboundedWaitEndsWhenTheOwnerIsKilled)
 
 TEST_F(QueueSend, AnUnboundedWaitEndsWhenTheOwnerClosesItsQueueAndLivesOn)
 {
-    Signpost opened;
-    Signpost full;
-    Signpost end;
-    const WaitingThread sender;
-    ChildProcess owner([&] {
-        {
-            const QuietProc proc(2001);
-            opened.pass();
-            (void)full.await();
-            if (!sender.untilAsleep()) return 1;
-        }
-        (void)end.await();
-        return 0;
-    });
-    ASSERT_TRUE(opened.await());
+    QueueOwner owner(2001);
     const QuietProc proc(1001);
     (void)fill(2001);
-    full.pass();
+    const WaitingThread sender;
+    std::thread closer([&] {
+        EXPECT_TRUE(sender.untilAsleep());
+        owner.closeQueue();
+    });
     EXPECT_EQ(send(2001, 1, 64, true), SEND_FAILED);
     EXPECT_GT(fake_system::lastPoll(), 0) << "found out by the clock";
-    end.pass();
-    EXPECT_EQ(owner.result(), 0);
+    closer.join();
+    EXPECT_EQ(owner.end(), 0);
 }
 
 TEST_F(QueueSend, ABurstToAProcessThatAnswersEachArrivesWholeAndSoDoTheAnswers)
 {
     constexpr std::uint32_t BURST = 1000;
     Signpost ready;
-    ChildProcess answering([&] {
-        const QuietProc proc(2001);
-        ready.pass();
-        TOrbAttachmentMsg msg{};
-        for (std::uint32_t i = 0; i < BURST; ++i) {
-            if (receiveNext(msg) != 64 || msg.tag != i || msg.sender != 1001) return 1;
-            if (g_qMgr.sendMsg(msg.sender, &msg, 64, true) != 0) return 2;
-        }
-        return 0;
-    });
+    ChildProcess answering([&] { return answerEach(2001, BURST, ready); });
     ASSERT_TRUE(ready.await());
     const QuietProc proc(1001);
     for (std::uint32_t i = 0; i < BURST; ++i)
@@ -410,16 +399,7 @@ TEST_F(QueueSend, OneThreadMayWaitInGetMsgWhileAnotherSendsABurst)
 {
     constexpr std::uint32_t BURST = 2000;
     Signpost ready;
-    ChildProcess answering([&] {
-        const QuietProc proc(2001);
-        ready.pass();
-        TOrbAttachmentMsg msg{};
-        for (std::uint32_t i = 0; i < BURST; ++i) {
-            if (receiveNext(msg) != 64 || msg.tag != i) return 1;
-            if (g_qMgr.sendMsg(msg.sender, &msg, 64, true) != 0) return 2;
-        }
-        return 0;
-    });
+    ChildProcess answering([&] { return answerEach(2001, BURST, ready); });
     ASSERT_TRUE(ready.await());
     const QuietProc proc(1001);
     std::atomic<std::uint32_t> refused{0};

@@ -1,7 +1,6 @@
 #include "ports/port_com2.h"
 
 #include <array>
-#include <cstring>
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
@@ -19,6 +18,7 @@
 #include "tests/support/private_mounts.h"
 #include "tests/support/pty_line.h"
 #include "tests/support/readable.h"
+#include "tests/support/same_settings.h"
 #include "tests/support/waiting.h"
 
 using testing::ElementsAre;
@@ -242,12 +242,7 @@ TEST_F(PortCom2, GivesTheLineItsSettingsBackWhenItCloses)
         EXPECT_EQ(port.savedTio.c_lflag, before.c_lflag);
         EXPECT_NE(settings().c_lflag, before.c_lflag);
     }
-    const termios after = settings();
-    EXPECT_EQ(after.c_iflag, before.c_iflag);
-    EXPECT_EQ(after.c_oflag, before.c_oflag);
-    EXPECT_EQ(after.c_cflag, before.c_cflag);
-    EXPECT_EQ(after.c_lflag, before.c_lflag);
-    EXPECT_EQ(std::memcmp(after.c_cc, before.c_cc, sizeof after.c_cc), 0);
+    expectSameSettings(settings(), before);
 }
 
 TEST_F(PortCom2, LeavesTheLineToTheOriginalWhenACopyCloses)

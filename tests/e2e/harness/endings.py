@@ -26,7 +26,7 @@ _CLOSED = {
     "telnet": re.compile(r"Telnet connection closed for .*\.  Active connections = (\d+)"),
     "XCP": re.compile(r"XCP socket connection closed\.  Active connections = (\d+)"),
 }
-_AT_LAST = [
+ALL_CLOSED = [
     CLOSING_ALL,
     com2.CONNECTION_CLOSED,
     COM2_PORT_CLOSED,
@@ -76,8 +76,8 @@ def expect_whole_end(tessd: Daemon, nothing_lost: bool = True) -> None:
     tessd.expect_normal_end(0.1)
     entries = tessd.entries()
     end = entries.index(CLOSING_ALL)
-    at_last = [entry for entry in entries[end:] if entry in _AT_LAST]
-    assert at_last == _AT_LAST, f"expected the lines {_AT_LAST} in this order, got\n{tessd.log_text()}"
+    at_last = [entry for entry in entries[end:] if entry in ALL_CLOSED]
+    assert at_last == ALL_CLOSED, f"expected the lines {ALL_CLOSED} in this order, got\n{tessd.log_text()}"
     for kind, (identifier, text) in _OPENED.items():
         opened = sum(entry[0] == identifier and entry[1].startswith(text) for entry in entries)
         left = [int(match[1]) for entry in entries if (match := _CLOSED[kind].fullmatch(entry[1]))]

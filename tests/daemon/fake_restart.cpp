@@ -1,4 +1,4 @@
-#include "tests/daemon/fake_system.h"
+#include "tests/daemon/fake_restart.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -8,7 +8,7 @@
 
 namespace {
 
-FakeSystem* fake = nullptr;
+FakeRestart* fake = nullptr;
 
 /// What pthread_atfork(3) was told to call in children. Filled before main().
 std::vector<void (*)()>& childHandlers()
@@ -19,12 +19,12 @@ std::vector<void (*)()>& childHandlers()
 
 } // namespace
 
-FakeSystem::FakeSystem()
+FakeRestart::FakeRestart()
 {
     fake = this;
 }
 
-FakeSystem::~FakeSystem()
+FakeRestart::~FakeRestart()
 {
     fake = nullptr;
     g_isCopy = false; // a fork() that has returned 0 makes one of this process
