@@ -65,9 +65,8 @@ LogLineText& LogLineText::text(std::string_view part)
 
 LogLineText& LogLineText::oneLineText(std::string_view part)
 {
-    const auto isLineEnd = [](char c) { return c == '\r' || c == '\n'; };
     for (;;) {
-        const auto end = static_cast<std::size_t>(std::ranges::find_if(part, isLineEnd) - part.begin());
+        const std::size_t end = std::min(part.find_first_of("\r\n"), part.size());
         text(part.substr(0, end));
         if (end == part.size()) return *this;
         text(" ");
