@@ -2,14 +2,13 @@
 
 #include <algorithm>
 
-#include "common/text.h"
 #include "framework/orb_attachment_msg.h"
 
 std::string replyText(std::string_view output, std::string_view failure)
 {
     std::string clean(output);
     std::erase(clean, '\0');
-    clean.resize(withoutLineEnds(clean).size());
+    clean.resize(clean.find_last_not_of("\r\n") + 1);
     if (clean == "?") return "?\r\n";
 
     std::string reply;
