@@ -12,6 +12,7 @@
 #include <system_error>
 #include <unistd.h>
 
+#include "framework/fd.h"
 #include "framework/fixed_text.h"
 #include "framework/hr_time_out.h"
 
@@ -83,17 +84,16 @@ bool tellServiceManager(std::string_view state, int patience)
     sockaddr_un manager{};
     const socklen_t length = notifyAddress(manager);
     if (length == 0) return true;
-    const int sock = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const Fd sock(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     timeval limit{};
     limit.tv_sec = patience;
-    const int flags = limitSends(sock, limit) ? MSG_NOSIGNAL : MSG_NOSIGNAL | MSG_DONTWAIT;
+    const int flags = limitSends(sock.get(), limit) ? MSG_NOSIGNAL : MSG_NOSIGNAL | MSG_DONTWAIT;
     const TOrbHRTimeOut end(limit); // after a signal the kernel reckons its own time anew
     ssize_t sent = 0;
     do {
-        sent = ::sendto(sock, state.data(), state.size(), flags, reinterpret_cast<const sockaddr*>(&manager), length);
+        sent = ::sendto(sock.get(), state.data(), state.size(), flags, reinterpret_cast<const sockaddr*>(&manager), length);
     } while (sent < 0 && errno == EINTR && !end.hasTimedOut());
     const bool full = sent < 0 && (errno == EAGAIN || errno == EINTR); // else it is told, or nobody is there
-    if (sock >= 0) ::close(sock);
     return !full;
 }
 

@@ -92,12 +92,12 @@ TEST_F(CommandProcessTest, RegistersAnswersAndUnregisters)
     ChildProcess process([] { return runProcess(echo); });
     expectRegistration();
     confirm();
-    EXPECT_EQ("HELLO\r\n\r\n\0"s, ask("HELLO"));
+    EXPECT_EQ(ask("HELLO"), "HELLO\r\n\r\n\0"s);
     process.signal(SIGTERM);
     EXPECT_EQ((Record{MSG_UNREGISTER, 0, ""}), receive());
-    EXPECT_EQ("LATE\r\n\r\n\0"s, ask("LATE")) << "forwarded before tessd read that";
+    EXPECT_EQ(ask("LATE"), "LATE\r\n\r\n\0"s) << "forwarded before tessd read that";
     confirm();
-    EXPECT_EQ(0, process.result());
+    EXPECT_EQ(process.result(), 0);
     EXPECT_THAT(log_.text(), HasSubstr("250021 registered at tessd as ECHO\n"));
 }
 
@@ -130,8 +130,8 @@ TEST_F(CommandProcessTest, TheFunctionGetsTheCommandWithoutItsEnd)
         [] { return runProcess([](std::string_view command) { return "<" + std::string(command) + ">"; }); });
     expectRegistration();
     for (const std::string command : {"SETX 5", "", " two  blanks "})
-        EXPECT_EQ("<" + command + ">\r\n\r\n\0"s, ask(command));
-    EXPECT_EQ("<A>\r\n\r\n\0"s, ask("A\r"));
+        EXPECT_EQ(ask(command), "<" + command + ">\r\n\r\n\0"s);
+    EXPECT_EQ(ask("A\r"), "<A>\r\n\r\n\0"s);
 }
 
 TEST_F(CommandProcessTest, WhatTheFunctionThrowsBecomesAnError)
@@ -141,8 +141,8 @@ TEST_F(CommandProcessTest, WhatTheFunctionThrowsBecomesAnError)
             [](std::string_view command) -> std::string { throw std::runtime_error(std::string(command)); });
     });
     expectRegistration();
-    EXPECT_EQ("Error: the sensor does not answer\r\n\r\n\0"s, ask("the sensor does not answer"));
-    EXPECT_EQ("Error: the command failed\r\n\r\n\0"s, ask(""));
+    EXPECT_EQ(ask("the sensor does not answer"), "Error: the sensor does not answer\r\n\r\n\0"s);
+    EXPECT_EQ(ask(""), "Error: the command failed\r\n\r\n\0"s);
 }
 
 TEST_F(CommandProcessTest, ALongAnswerTravelsInSeveralRecords)
@@ -161,7 +161,7 @@ TEST_F(CommandProcessTest, NobodyButTessdGivesItOrders)
     expectRegistration();
     send(stranger, MSG_TEXT, TAG, "STRANGE\n");
     send(stranger, MSG_REPLY, 0xFFFFFFFF, "refused");
-    EXPECT_EQ("HELLO\r\n\r\n\0"s, ask("HELLO"));
+    EXPECT_EQ(ask("HELLO"), "HELLO\r\n\r\n\0"s);
 }
 
 TEST_F(CommandProcessTest, ARefusalEndsIt)
@@ -169,13 +169,13 @@ TEST_F(CommandProcessTest, ARefusalEndsIt)
     ChildProcess process([] { return runProcess(echo); });
     expectRegistration();
     send(tessd_, MSG_REPLY, 0xFFFFFFFF, "no room");
-    EXPECT_EQ(1, process.result());
+    EXPECT_EQ(process.result(), 1);
     EXPECT_THAT(log_.text(), HasSubstr("250023 tessd refused: no room\n"));
 }
 
 TEST_F(CommandProcessTest, AsksAgainWhileTessdIsNotThere)
 {
-    ASSERT_EQ(0, ::unlink(pathOf(TESS_QUEUE_ID).c_str()));
+    ASSERT_EQ(::unlink(pathOf(TESS_QUEUE_ID).c_str()), 0);
     ChildProcess process([] { return runProcess(echo); });
     ASSERT_TRUE(
         waitUntil([&] { return log_.text().ends_with("250022 tessd is not there, asking again every second\n"); }));
@@ -190,11 +190,11 @@ TEST_F(CommandProcessTest, TellsOnceThatItIsUp)
     ChildProcess process([] { return runProcess(echo); });
     ::unsetenv("NOTIFY_SOCKET");
     expectRegistration();
-    EXPECT_EQ("HELLO\r\n\r\n\0"s, ask("HELLO"));
+    EXPECT_EQ(ask("HELLO"), "HELLO\r\n\r\n\0"s);
     confirm();
-    EXPECT_EQ("READY=1", manager.receive());
+    EXPECT_EQ(manager.receive(), "READY=1");
     confirm();
-    EXPECT_EQ("HELLO\r\n\r\n\0"s, ask("HELLO"));
+    EXPECT_EQ(ask("HELLO"), "HELLO\r\n\r\n\0"s);
     EXPECT_THAT(manager.receiveNow(), HasSubstr("nothing"));
 }
 
@@ -215,11 +215,11 @@ TEST_F(CommandProcessTest, SignalsAreAsTheyWereAfterwards)
     });
     expectRegistration();
     confirm();
-    EXPECT_EQ("HELLO\r\n\r\n\0"s, ask("HELLO"));
+    EXPECT_EQ(ask("HELLO"), "HELLO\r\n\r\n\0"s);
     process.signal(SIGINT);
     EXPECT_EQ((Record{MSG_UNREGISTER, 0, ""}), receive());
     confirm();
-    EXPECT_EQ(0, process.result());
+    EXPECT_EQ(process.result(), 0);
 }
 
 TEST_F(CommandProcessTest, AnAddressThatIsTakenIsAnException)

@@ -52,20 +52,20 @@ TEST_F(ServiceManager, HearsTheStatusWithTheNewsThatTheProcessIsUp)
 {
     setServiceStatus("tessd 1.0.0, ports ipc");
     logMgr.initAfterDaemonize();
-    EXPECT_EQ("READY=1\nSTATUS=tessd 1.0.0, ports ipc", manager_.receive());
+    EXPECT_EQ(manager_.receive(), "READY=1\nSTATUS=tessd 1.0.0, ports ipc");
 }
 
 TEST_F(ServiceManager, HearsOfTheWatchdogOnlyWhenItAsksForIt)
 {
     const std::string mine = std::to_string(::getpid());
-    EXPECT_EQ("WATCHDOG=1", heard("3000000", mine));
-    EXPECT_EQ("WATCHDOG=1", heard("3000000", ""));
-    EXPECT_EQ(NOTHING, heard("3000000", "1")) << "somebody else is meant";
+    EXPECT_EQ(heard("3000000", mine), "WATCHDOG=1");
+    EXPECT_EQ(heard("3000000", ""), "WATCHDOG=1");
+    EXPECT_EQ(heard("3000000", "1"), NOTHING) << "somebody else is meant";
     for (const char* wrong : {"", "0", "-5", "soon", "3000000x"})
-        EXPECT_EQ(NOTHING, heard(wrong, mine)) << wrong;
+        EXPECT_EQ(heard(wrong, mine), NOTHING) << wrong;
     ::unsetenv("WATCHDOG_USEC");
     ServiceWatchdog().alive();
-    EXPECT_EQ(NOTHING, manager_.receiveNow());
+    EXPECT_EQ(manager_.receiveNow(), NOTHING);
 }
 
 TEST_F(ServiceManager, IsNotToldMoreOftenThanItNeeds)
@@ -73,15 +73,15 @@ TEST_F(ServiceManager, IsNotToldMoreOftenThanItNeeds)
     ::setenv("WATCHDOG_USEC", "600000000", 1);
     ServiceWatchdog rare;
     rare.alive();
-    EXPECT_EQ("WATCHDOG=1", manager_.receiveNow());
+    EXPECT_EQ(manager_.receiveNow(), "WATCHDOG=1");
     for (int i = 0; i < 1000; ++i)
         rare.alive();
-    EXPECT_EQ(NOTHING, manager_.receiveNow());
+    EXPECT_EQ(manager_.receiveNow(), NOTHING);
     ::setenv("WATCHDOG_USEC", "3000", 1);
     ServiceWatchdog often;
     for (int i = 0; i < 3; ++i) {
         often.alive();
-        EXPECT_EQ("WATCHDOG=1", manager_.receiveNow());
+        EXPECT_EQ(manager_.receiveNow(), "WATCHDOG=1");
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
 }
@@ -97,7 +97,7 @@ TEST_F(ServiceManager, HearsNothingOfAForkedChild)
     }
     int status = -1;
     ASSERT_EQ(child, ::waitpid(child, &status, 0));
-    EXPECT_EQ(NOTHING, manager_.receiveNow());
+    EXPECT_EQ(manager_.receiveNow(), NOTHING);
 }
 
 TEST_F(ServiceManager, IsNotWaitedForByTheWatchdog)
