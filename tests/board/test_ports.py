@@ -48,20 +48,21 @@ def test_everything_works_that_can_be_seen_from_the_board(board):
 
 
 @pytest.mark.parametrize(
-    ("program", "answer"),
+    ("program", "status", "answer"),
     [
-        ("sh -c 'echo half; exit 3'", "Error: sh ended with status 3"),
-        ("/nowhere/at-all", "Error: /nowhere/at-all: No such file or directory"),
-        ("/etc/passwd", "Error: /etc/passwd: Permission denied"),
-        ("cat", "X"),
+        ("sh -c 'echo half; exit 3'", 1, "Error: sh ended with status 3"),
+        ("/nowhere/at-all", 1, "Error: /nowhere/at-all: No such file or directory"),
+        ("/etc/passwd", 1, "Error: /etc/passwd: Permission denied"),
+        ("cat", 0, "X"),
     ],
 )
-def test_a_process_of_the_device_that_is_a_program(board, program, answer):
+def test_a_process_of_the_device_that_is_a_program(board, program, status, answer):
     shell(
         board,
         f"tessctl serve PROGRAM -- {program} >/tmp/serve.log 2>&1 & until grep -q 'is served' /tmp/serve.log; do sleep 1; done",
     )
-    assert answer + "\n" in shell(board, "tessctl send 's3.PROGRAM X'")
+    ended, shown = board.run("tessctl send 's3.PROGRAM X'", SECONDS)
+    assert (ended, answer + "\n" in shown) == (status, True), shown
 
 
 def test_half_lines_and_corrections_are_for_the_line_discipline(board):

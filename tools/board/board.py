@@ -141,18 +141,25 @@ class Board:
 
     def _connect(self) -> None:
         end = time.monotonic() + START_SECONDS
-        while not os.path.exists(self._qmp_path) and self.process.poll() is None and time.monotonic() < end:
+        while not self._has_connected(end):
             time.sleep(0.02)
-        self._qmp = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-        self._qmp.settimeout(START_SECONDS)
-        try:
-            self._qmp.connect(self._qmp_path)
-        except OSError as error:
-            raise BoardError(f"{EMULATOR} did not start, status {self.process.poll()}: {error}") from error
         self._answer()  # its greeting
         self.control("qmp_capabilities")
         if not self._on_terminal:
             self.console, self.com2 = Stream(self._path("console")), Stream(self._path("com2"))
+
+    def _has_connected(self, end: float) -> bool:
+        """Tries once. The socket's file is there before somebody listens at it."""
+        self._qmp = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        self._qmp.settimeout(START_SECONDS)
+        try:
+            self._qmp.connect(self._qmp_path)
+        except (FileNotFoundError, ConnectionRefusedError) as error:
+            self._qmp.close()
+            if self.process.poll() is not None or time.monotonic() >= end:
+                raise BoardError(f"{EMULATOR} did not start, status {self.process.poll()}: {error}") from error
+            return False
+        return True
 
     def start(self) -> None:
         """Switches it on."""
