@@ -91,7 +91,8 @@ bool tellServiceManager(std::string_view state, int patience)
     const TOrbHRTimeOut end(limit); // after a signal the kernel reckons its own time anew
     ssize_t sent = 0;
     do {
-        sent = ::sendto(sock.get(), state.data(), state.size(), flags, reinterpret_cast<const sockaddr*>(&manager), length);
+        sent = ::sendto(sock.get(), state.data(), state.size(), flags, reinterpret_cast<const sockaddr*>(&manager),
+                        length);
     } while (sent < 0 && errno == EINTR && !end.hasTimedOut());
     const bool full = sent < 0 && (errno == EAGAIN || errno == EINTR); // else it is told, or nobody is there
     return !full;
