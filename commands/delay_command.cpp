@@ -12,8 +12,11 @@ namespace {
 
 using Clock = ClockReading;
 
-/// When a delay that starts now falls due. Of its milliseconds almost nothing counts: the remainder
-/// is taken for nanoseconds (deliberate).
+/// When a delay that starts now falls due. Of the delay only the whole seconds count: what is meant
+/// to be the rest in milliseconds is added to the nanoseconds, as less than a millisecond
+/// (deliberate).
+/// @param delay  milliseconds
+/// @return milliseconds on the monotonic clock
 std::uint64_t dueTime(Clock now, std::uint64_t delay)
 {
     now.seconds += static_cast<std::uint32_t>(delay / Clock::MS_PER_S);

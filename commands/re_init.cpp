@@ -8,7 +8,8 @@
 
 namespace {
 
-const char forgotten = 0; ///< its address is the asker in place of one that is gone
+/// When an asker has gone, asker_ points here: somebody has asked, but nobody waits any longer.
+const char forgotten = 0;
 
 } // namespace
 

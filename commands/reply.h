@@ -12,5 +12,7 @@ inline void replyTo(CommandContext& context, TPortConn* conn, std::string_view t
 {
     if (conn == nullptr) return;
     putText(context.outMsg.text, text);
-    (void)conn->write(&context.outMsg); // the connection has logged a failure; the next pass finds out that it is gone
+    // Telnet and XCP have logged a failure, COM2 only a text that it had no room for, IPC nothing.
+    // A peer that has gone is found out by the next read.
+    (void)conn->write(&context.outMsg);
 }

@@ -17,7 +17,10 @@ public:
 
     /// Sends an answer, or keeps a copy that is sent when its queue has room. Allocates only for
     /// what is kept.
-    /// @return true when it is kept
+    /// @param length  bytes of `msg`
+    /// @return true: it is kept, and the service loop is to be woken. false: sent, or lost, because
+    ///         the process cannot be reached, its queue is stuck, MAX_ANSWERS are kept already, or
+    ///         there is no memory
     bool send(long address, TOrbAttachmentMsg& msg, long length) noexcept;
 
     /// Sends what may be sent now.

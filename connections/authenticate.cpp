@@ -54,7 +54,8 @@ void lookUpUser(UserLookUp& result, const char* userName, const char* password)
     const passwd* const entry = findUser(result, userName);
     if (entry == nullptr) return;
     result.status = AUTH_REFUSED;
-    const char* const home = ::strdup(entry->pw_dir);           // neither used nor freed (deliberate)
+    // The copy is neither used nor freed (deliberate).
+    const char* const home = ::strdup(entry->pw_dir);
     if (home == nullptr || entry->pw_passwd == nullptr) return; // NOLINT(clang-analyzer-unix.Malloc): as above
     if (!matches(password, entry->pw_passwd)) return;
     result.status = AUTH_ACCEPTED;

@@ -7,7 +7,7 @@
 /// Results of authenticate().
 enum AuthResult : int {
     AUTH_REFUSED = -1, ///< wrong password, or a user who may not log in
-    AUTH_UNKNOWN = 0,  ///< no such user
+    AUTH_UNKNOWN = 0,  ///< no such user, or the database cannot be read
     AUTH_ACCEPTED = 1,
 };
 
@@ -16,7 +16,7 @@ struct UserLookUp {
     int status; ///< AuthResult
     uid_t uid;
     gid_t gid;
-    const char* homeDirectory; ///< in `entry`
+    const char* homeDirectory; ///< points into `storage`
 
     passwd entry;              ///< the user's, as the database has it
     std::vector<char> storage; ///< of the entry's texts

@@ -63,12 +63,14 @@ int TCom2Conn::readLines()
 
 void TCom2Conn::readAndDiscard()
 {
-    (void)setCanonical(0); // so that half a line is discarded too; a line that refuses is read as it is
+    // Canonical input would hold back half a line. A line that refuses the switch is read as it is.
+    (void)setCanonical(0);
     const ssize_t received = ::read(fd, rxBuf.data(), static_cast<std::size_t>(rxBufSize));
     rxLen = received > 0 ? static_cast<std::int32_t>(received) : 0;
     rxBuf[static_cast<std::size_t>(rxLen)] = '\0';
     (void)setCanonical(1);
-    (void)::tcflush(fd, TCIFLUSH); // the rest; and what has come during the switching would be taken for a line
+    // Throws the rest away, and what came during the switch, which would look like a whole line.
+    (void)::tcflush(fd, TCIFLUSH);
 }
 
 int TCom2Conn::write(TOrbAttachmentMsg* msg)

@@ -42,7 +42,8 @@ private:
 
     std::mutex muteLock; ///< guards muteTimer and muteEnd_
     TOrbHRTimeOut muteTimer;
-    Instant muteEnd_ = NEVER; ///< of the mute whose last look has not been taken; NEVER: there is none
-    int emptyReads_ = 0;      ///< reads in a row that gave nothing although something was reported
+    /// When the mute ends. NEVER: not muted, and what came during the last mute has been discarded.
+    Instant muteEnd_ = NEVER;
+    int emptyReads_ = 0; ///< reads in a row that gave nothing although something was reported
     LineOutput output_;
 };

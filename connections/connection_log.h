@@ -29,7 +29,8 @@ inline constexpr LogMessage loginUserInvalid{251526, "Failed login, username inv
 inline constexpr LogMessage loginPasswordInvalid{251526, "Failed login, password invalid "};
 inline constexpr LogMessage loginUnknownReason{251526, "Failed login, unknown reason "};
 inline constexpr LogMessage loginClosed{251526, "Received connection close request from client during login"};
-/// No name (state 1) or no password (state 2) within 60 seconds of the connection's begin.
+/// 60 seconds after the connection began the login was not done: no name (state 1), or no password
+/// or no end of its check (state 2).
 inline constexpr LogMessage<Number> loginTimeOut{251526, "Timeout during connection login, state = {}"};
 /// Cannot happen.
 inline constexpr LogMessage<Number> loginBadState{251526, "Invalid login state ({}) reached, closing connection"};

@@ -7,8 +7,8 @@
 
 /// Cuts received text into command lines, in place: leading white space goes, trailing white space
 /// stays, every line end and the white space behind it become NUL, runs of empty lines yield
-/// nothing, and a last piece without a line end is a line too. That last piece is not given a NUL
-/// of its own: the caller has put one behind the text.
+/// nothing, and a last piece without a line end is a line too. That piece is not given a NUL: it
+/// ends at the NUL that the caller has put behind the text, or runs on where there is none (COM2).
 /// @param received    the text; its line ends are overwritten
 /// @param nulIsSpace  NUL counts as white space
 /// @param lines       receives the entries, tag 0, pointing into `received`; must hold one entry a

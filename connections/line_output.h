@@ -46,7 +46,7 @@ public:
     LineOutput(const LineOutput&) = delete;
     LineOutput& operator=(const LineOutput&) = delete;
 
-    /// Sends a text.
+    /// Sends as much as the line takes now, and keeps the rest for goOn(); nobody hears of its end.
     /// @param line  the serial line, non-blocking; stays the caller's, for as long as something of
     ///              the text is kept. Negative: refused
     Sent write(int line, std::string_view text);

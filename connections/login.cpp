@@ -56,7 +56,8 @@ private:
     /// @return true when the exchange of options that setEcho() has begun is over
     bool settled()
     {
-        (void)conn_.readCmd(); // if it finds the client gone, the next one does so too
+        // That the client has gone, the next readCmd() will find out too.
+        (void)conn_.readCmd();
         return !conn_.settling;
     }
 
@@ -121,7 +122,8 @@ private:
         return true;
     }
 
-    /// The dialogue's time is over, whatever is waited for.
+    /// Ends the dialogue when its 60 seconds are over, whatever it waits for.
+    /// @return false: they are over, and the login has failed
     bool stillInTime()
     {
         if (!conn_.loginTimer.hasTimedOut()) return true;
@@ -141,7 +143,8 @@ private:
     void tell(std::string_view text)
     {
         putText(message_.text, text);
-        (void)conn_.write(&message_); // the connection has logged a failure; the next read finds out that it is gone
+        // The connection has logged a failure; that the client has gone, the next read finds out.
+        (void)conn_.write(&message_);
     }
 
     /// The client is not told why.
@@ -164,6 +167,6 @@ private:
 bool loginStep(TPortConn& conn, TOrbAttachmentMsg& message, UserName& userName)
 {
     const bool goesOn = LoginStep(conn, message, userName).take();
-    if (conn.due == AT_ONCE) conn.due = conn.end(); // it has been looked at
+    if (conn.due == AT_ONCE) conn.due = conn.end(); // this step was the look that was due
     return goesOn;
 }

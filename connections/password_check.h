@@ -7,13 +7,15 @@
 
 #include "connections/authenticate.h"
 
-/// A name and a password that are being checked by authenticate(), in a thread of its own: a hash
-/// takes as long as it is made to take. The service loop is woken at the end.
+/// A name and a password that authenticate() checks in a thread of its own, because a hash takes as
+/// long as it is made to take. At the end the service loop is woken. Made by start() only.
+/// Threads: start() any; the questions any, except result(), which is for after isOver().
 class PasswordCheck {
 public:
     static constexpr std::size_t TEXT_BYTES = 257; ///< a name or a password, its NUL included
 
-    /// @param password  copied; the copy is wiped
+    /// @param userName  copied, 256 characters at most, the rest is cut
+    /// @param password  likewise; the copy is wiped at the end
     /// @return null: no thread could be made
     static std::shared_ptr<PasswordCheck> start(const char* userName, const char* password);
 

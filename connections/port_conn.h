@@ -26,11 +26,11 @@ class LineOutput;
 /// One live conversation on a command port.
 /// Owns: by subclass, see ~TPortConn(). The daemon's connection list owns the connection itself.
 /// Threads: everything on the service thread or with the daemon's connection lock held, except
-/// startMute() and muteExpired().
+/// muteExpired(), which any thread may call.
 class TPortConn {
 public:
-    /// Most bytes that one read takes, and therefore most command lines that it can yield. Chosen
-    /// with the first device.
+    /// Most bytes that one read takes. A line has a byte at least, so a read yields no more lines
+    /// than that.
     static constexpr std::int32_t RX_BYTES = 1024;
     static constexpr timeval LOGIN_TIME{60, 0};
     static constexpr timeval IDLE_TIME{420, 0};
@@ -66,7 +66,8 @@ public:
     /// @return 1 for the serial line, else 0
     virtual int isSerialLine() = 0;
 
-    /// Throws away what arrives in the next 2 seconds (serial line only). Threads: any.
+    /// Throws away what arrives in the next 2 seconds (serial line only; elsewhere does nothing).
+    /// Threads: service thread, or with the connection lock held: it sets `due`.
     /// @return 0
     virtual int startMute() { return 0; }
 
@@ -103,7 +104,8 @@ public:
     std::array<char, RX_BYTES + 1> rxBuf{}; ///< received bytes, with room for a NUL; lines are cut in place
     std::array<CmdEntry, RX_BYTES> cmds{};  ///< lines of the last readCmd()
     TOrbHRTimeOut loginTimer{LOGIN_TIME};   ///< bounds the whole login dialogue
-    TOrbHRTimeOut idleTimer{IDLE_TIME};     ///< armed afresh when a read yields lines
+    /// Armed afresh when a read yields lines; on telnet also by a write, and when negotiation ends.
+    TOrbHRTimeOut idleTimer{IDLE_TIME};
     std::int32_t loginState = LOGIN_NEW;
     std::int32_t rxBufSize = RX_BYTES;
 

@@ -109,7 +109,8 @@ void TTelnetConn::setEcho(int on)
         return;
     }
     echoSwitch_.emplace(on != 0, instantNow());
-    (void)sendBytes(echoSwitch_->request()); // the wait is the same when it fails
+    // If this fails the client does not answer, and the exchange ends by time.
+    (void)sendBytes(echoSwitch_->request());
     settling = true;
     wantsInput = true;
     due = echoSwitch_->due();
@@ -121,7 +122,7 @@ void TTelnetConn::goOnSettling()
     echoSwitch_.reset();
     settling = false;
     wantsInput = true;
-    due = AT_ONCE; // for what has waited for the end of it
+    due = AT_ONCE; // whoever waited for the end of the exchange goes on
 }
 
 /// Sends back what has not been echoed yet of the input that stays in the socket.
@@ -150,7 +151,8 @@ int TTelnetConn::readCmd()
     if (urgent) {
         const ssize_t dropped = ::recv(fd, scratch.data(), scratch.size(), MSG_OOB | MSG_DONTWAIT);
         if (dropped > 0) return 0;
-        isEnded = dropped < 0 && errno == ENOTCONN; // the byte can never be taken any more
+        // ENOTCONN: the connection is gone, and the urgent byte can no longer be taken.
+        isEnded = dropped < 0 && errno == ENOTCONN;
     }
     if (!input) return 0;
     const ssize_t received = peek(scratch);

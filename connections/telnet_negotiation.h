@@ -16,8 +16,9 @@ public:
 
     explicit TelnetNegotiation(Instant now) : reader_(now, TIME) {}
 
-    /// Goes on.
+    /// Reads the commands at the front of the input, and answers them.
     /// @param input  what waits, from the first byte that no turn has used
+    /// @return what to send, how many bytes are used up, and the verdict
     telnet::Turn take(std::span<const telnet::Byte> input, Instant now);
 
     /// @return when take() is to be called although nothing has arrived

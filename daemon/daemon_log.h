@@ -7,8 +7,9 @@ namespace daemon_log {
 
 inline constexpr LogMessage running{51000, "Command listener daemon running"};
 inline constexpr LogMessage normalExit{51001, "Normal application exit"};
-/// Start-up failed; the line before says what: a queue address in use, a port that could not be set
-/// up.
+/// Start-up failed. When the queue could not be opened, the line before says why (250001). When a
+/// port could not be set up, the last "Initialize ..." line names it; lines about other ports that
+/// are closed again may stand in between. Without either, there was no descriptor for the wake-up.
 inline constexpr LogMessage errorRuntime{51008, "Error runtime"};
 
 inline constexpr LogMessage initCom2{36101, "Initialize Com2 connection"};

@@ -2,6 +2,7 @@
 
 #include "framework/service_manager.h"
 
-/// @return how bad it is what a line of the daemon's log tells
+/// @return the severity of a line that the daemon logs: information, unless it is known as a
+///         warning or an error
 /// Threads: any; also from a signal handler.
 LogSeverity daemonLogSeverity(TTraceMsg id, const char* text);

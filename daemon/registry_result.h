@@ -9,7 +9,8 @@ enum class RegisterResult { done = 0, nothingEnabled = 1, listFull = 2, noMemory
 /// What becomes of a request to unregister the sender's process.
 enum class UnregisterResult { done = 0, listEmpty = 1, notFound = 2 };
 
-/// What the sender is told, by result. The last text is for any other result, and there is none.
+/// What the sender is told, indexed by the result. The last text of each belongs to no result, and
+/// is never sent.
 inline constexpr std::array<std::string_view, 5> registerTexts{
     "Process register operation successful", "Command register request with nothing enabled",
     "Max # of registered processes reached", "Couldn't allocate memory for process register request",

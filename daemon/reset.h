@@ -14,13 +14,17 @@ public:
     /// @param forkWhole  fork(2) at a moment when nobody else is in the middle of a change
     Reset(ReInit& reInit, std::function<int()> forkWhole);
 
-    /// Restarts the device 5 seconds from now, from a child process; until then the caller goes on.
-    /// @param line   RESET command line: one word; or three words, RESET, REINIT (in any case) and
-    ///               this host's name, which re-initialise first
-    /// @return RESET_STARTED; RESET_REFUSED: also while another one's program is at work, or when
-    ///         the restart has failed, which is logged. When the restart itself fails, that is
-    ///         returned a second time, in the child, which goes on as a second copy of the daemon
-    ///         (deliberate). RESET_WAITS: the program is at work, ask again when it is over
+    /// Carries out a RESET command line, or goes on with one that was told RESET_WAITS. The device
+    /// restarts after 5 seconds, from a child process; until then the caller goes on.
+    /// @param line   what parseResetLine() reads: one word: restart; or three words, RESET, REINIT
+    ///               (in any case) and this host's name: re-initialise first. Not looked at when
+    ///               the asker's program is at work, or has ended and its result was not told
+    /// @param asker  any pointer that tells this asker from others; never dereferenced
+    /// @return RESET_STARTED; RESET_WAITS: the program is at work, ask again when ReInit::isOver();
+    ///         RESET_REFUSED: wrong words, another asker's program is at work, the program or the
+    ///         fork has failed. In the child it means that the restart has failed; the child then
+    ///         goes on as a second copy of the daemon (deliberate). A failure of fork(2) or of the
+    ///         restart is logged
     ResetResult ask(const char* line, const void* asker) noexcept;
 
     /// Restarts the device when the program of an asker that is gone has ended well.

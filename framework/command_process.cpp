@@ -1,5 +1,5 @@
-// Stands on what the headers of framework/ declare and on nothing else, so that it goes with any
-// library that has that.
+// Uses only what the headers of framework/ declare, and nothing of framework/bundled/, so that it
+// can be linked with any library that implements those headers.
 #include "framework/command_process.h"
 
 #include <array>
@@ -121,8 +121,8 @@ void CommandProcess::unregister()
         return;
     }
     ++repliesDue_;
-    // What tessd forwarded before it read this still wants its answer; tessd's reply comes behind
-    // it.
+    // Commands that tessd forwarded before it read this request still want an answer. They arrive
+    // before tessd's reply to the request, which therefore ends the wait.
     const TOrbHRTimeOut patience(LEAVE_WITHIN);
     while (repliesDue_ > 0 && !patience.hasTimedOut() && serveOne()) {
     }

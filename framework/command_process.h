@@ -17,14 +17,15 @@
 ///     CommandProcess process(1700, "ECHO", PORTS_ALL, [](std::string_view command) { return std::string(command); });
 ///     return process.run();
 ///
-/// It registers again every ten seconds, because a tessd that is started anew has forgotten who was
-/// registered, and every second while tessd is not there. Where another process has taken the name,
-/// it takes it back by that.
-/// Threads: one. One such process a program.
+/// It registers again every ten seconds, because a restarted tessd has forgotten who was
+/// registered, and every second while tessd is not there. Registering again also takes the name
+/// back from another process that has taken it.
+/// Threads: one. Only one object in a process.
 class CommandProcess : public TMsgDmn {
 public:
-    /// Gives the answer to a command, on the thread of run(). While it is at work, further commands
-    /// wait: 11 at most.
+    /// Gives the answer to a command, on the thread of run(). Meanwhile further commands wait in
+    /// this process's queue, which holds 11 records. Once it is full and nothing has been taken for
+    /// 250 ms, tessd answers "?" in place of this process.
     /// @param command  as tessd forwards it, without the address and the line end; may be empty;
     ///                 valid during the call
     /// @return lines separated by LF, without an end: it becomes an answer as replyText() tells.
@@ -35,7 +36,8 @@ public:
 
     /// Opens the queue; registering is for run().
     /// @param queueId   queue address of this process, 1 to 2147483647
-    /// @param name      what clients write behind the dot ("s3.ENC"); it is copied
+    /// @param name      what clients write behind the dot ("s3.ENC"): 1 to 255 characters without
+    ///                  white space, '.', '|' and '$', and not "*"; not checked; copied
     /// @param ports     the kinds of port that commands are wanted from: a sum of TessPortType,
     ///                  PORTS_ALL for all
     /// @param answerTo  not empty

@@ -23,8 +23,8 @@ inline std::size_t putText(std::span<char> to, std::string_view from)
 }
 
 /// A text composed in place, without allocating, so that a signal handler can use it too. What does
-/// not fit is cut, and nobody is told. @tparam Capacity bytes, the NUL at the end included: the
-/// text has one character less
+/// not fit is cut, and nobody is told.
+/// @tparam Capacity  bytes, the NUL at the end included: the text has one character less
 /// Threads: no lock of its own.
 template <std::size_t Capacity> class FixedText {
     static_assert(Capacity > 0, "there must be room for the NUL");

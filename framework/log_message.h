@@ -9,7 +9,7 @@
 #include "framework/fixed_text.h"
 #include "framework/log_mgr.h"
 
-/// A bool and a character are none.
+/// The integers that can be logged as numbers: not bool and not char.
 template <class Value>
 concept Integer = std::integral<Value> && !std::same_as<Value, bool> && !std::same_as<Value, char>;
 

@@ -16,10 +16,13 @@ using TTraceMsg = int;
 /// severity stands in front of it as the journal wants it, "<6>" for information:
 /// framework/service_manager.h.
 ///
-/// The log never waits. A line that no destination takes at once, because a pipe or a journal is
+/// The log does not wait. A line that no destination takes at once, because a pipe or a journal is
 /// full that nobody reads, or a terminal is halted, is dropped and counted. In front of the next
 /// line that goes through stands one that tells how many were: "250008 3 log lines were lost". A
-/// forked child counts anew.
+/// forked child counts anew. With the bundled framework there is one exception: a pipe or terminal
+/// that this process may not open again, on a kernel that has no write for it that does not wait
+/// (for pipes: before Linux 6.4), may make a line wait when somebody else writes at the same
+/// moment.
 class TLogMgr {
 public:
     /// Sets how lines look, and looks at TESS_LOG; until then there is no tag, and lines go to
@@ -38,10 +41,11 @@ public:
     void initAfterDaemonize();
 
     /// Writes one line. Line ends inside the text become blanks; a line of more than 4095
-    /// characters is cut. Takes no lock, allocates nothing, keeps errno, never waits and never
-    /// raises SIGPIPE: a line that cannot be written at once is dropped. Standard error may be a
-    /// file, a pipe, a socket or a terminal, may be another one from line to line, and keeps its
-    /// flags. For a moment a descriptor is open beside it (pipes and terminals).
+    /// characters is cut. Takes no lock, allocates nothing, keeps errno, does not wait (with the
+    /// exception above) and never raises SIGPIPE: a line that cannot be written at once is dropped.
+    /// Standard error may be a file, a pipe, a socket or a terminal, may be another one from line
+    /// to line, and keeps its flags. For a moment a descriptor is open beside it (pipes and
+    /// terminals).
     /// @param id    identifier of the message
     /// @param text  NUL-terminated, not null; stays the caller's
     /// Threads: any; also from a signal handler (signal-safety(7)).

@@ -41,13 +41,13 @@ public:
     /// @param msg      stays the caller's, and as it is; the sender word need not be set
     /// @param length   bytes to send: header and text; above 8192 is taken as 8192, below 16 is an
     ///                 error
-    /// @param wait     what happens when the destination's queue is full. false: never waits, tells
-    ///                 so; QueueRoom then tells when to try again. true: waits for room, however
-    ///                 long, and a signal does not end that: its handler runs, and the call goes
-    ///                 on. Meanwhile it takes records that arrive on this process's own queue
-    ///                 aside, up to 16 MiB of them; getMsg() hands those out first. When nothing
-    ///                 more can be taken aside (16 MiB are full, or memory is short) and nothing
-    ///                 has moved for 250 ms, it gives up: the queue is full
+    /// @param wait     what happens when the destination's queue is full. false: returns
+    ///                 SEND_QUEUE_FULL at once, and QueueRoom tells when to try again. true: waits
+    ///                 for room, however long, and a signal does not end that: its handler runs,
+    ///                 and the call goes on. Meanwhile it takes records that arrive on this
+    ///                 process's own queue aside, up to 16 MiB of them; getMsg() hands those out
+    ///                 first. When nothing more can be taken aside (16 MiB are full, or memory is
+    ///                 short) and nothing has moved for 250 ms, it gives up: the queue is full
     /// @return a SendResult
     /// Threads: any, several at once; not from a signal handler.
     long sendMsg(long address, TOrbAttachmentMsg* msg, long length, bool wait);

@@ -6,23 +6,26 @@
 
 #include "framework/log_mgr.h"
 
-/// What a process and the service manager that started it have to do with each other beyond TLogMgr
-/// (sd_notify(3), systemd.exec(5)). The same whatever library implements the framework; without a
-/// service manager nothing of it does anything.
+/// How a process talks to the service manager that started it (sd_notify(3), systemd.exec(5)),
+/// besides what TLogMgr does. The same with any framework library. Without a service manager
+/// nothing is sent.
 
-/// How bad what a log line tells is: the digits of syslog(3), which stand in front of lines that
-/// the journal takes from standard error.
+/// The severity of a log line, as the digit of syslog(3) that stands in front of lines for the
+/// journal.
 enum class LogSeverity : char { error = '3', warning = '4', information = '6' };
 
-/// Tells how bad a line is; must do with what a signal handler may do.
+/// A function that gives the severity of a line. It may be called in a signal handler: only what
+/// signal-safety(7) allows.
 /// @param text  as it was given to TLogMgr::log()
 using LogSeverityOf = LogSeverity (*)(TTraceMsg id, const char* text);
 
-/// Sets who tells that. Without anybody all lines that are not the framework's own are information.
-/// Call before other threads run.
+/// Sets the function that gives the severity of lines that are not the framework's own. Without one
+/// they are all information. Call before other threads run.
+/// @param severityOf  null: none
 void setLogSeverities(LogSeverityOf severityOf);
 
-/// @return how bad a line is for the one whom setLogSeverities() has named
+/// @return what that function says of a line; information when there is none
+/// Threads: any; also from a signal handler.
 LogSeverity logSeverity(TTraceMsg id, const char* text);
 
 /// Sets what the bundled TLogMgr::initAfterDaemonize() tells as STATUS= beside READY=1, for people
@@ -35,8 +38,10 @@ std::string_view serviceStatus();
 
 /// Sends one message to the socket that NOTIFY_SOCKET names.
 /// @param state     as sd_notify(3) takes it
-/// @param patience  for how many seconds to wait for room in a full socket; 0: not at all
-/// @return false: it stayed full. Else it was told, or there is nobody to tell
+/// @param patience  seconds to wait for room in a full socket, nearly twice as long when signals
+///                  arrive; 0: not at all
+/// @return false: the socket stayed full. true: sent, or nobody is there to be told
+/// Threads: any, while no other thread changes the environment.
 bool tellServiceManager(std::string_view state, int patience);
 
 /// Tells the service manager that the process is alive, where that asks for it (WATCHDOG_USEC): at

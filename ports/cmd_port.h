@@ -102,7 +102,8 @@ protected:
     /// out.
     /// @param peer      receives the client's address; may be null
     /// @param peerSize  in: its room, out: its size; may be null
-    /// @return null when nobody was accepted for want of descriptors
+    /// @return owned by the caller, who must dispose of it if mayStay() says no: `fd` is -1 when
+    ///         the client has gone meanwhile. null: nobody was accepted for want of descriptors
     TPortConn* acceptConn(MakeConn make, sockaddr* peer = nullptr, socklen_t* peerSize = nullptr);
 
     /// What every closeConn() has in common.

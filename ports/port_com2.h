@@ -22,8 +22,7 @@ public:
     int closePort() override;
 
     /// As TCmdPort::chkNewConn(), but nothing is accepted: a new connection is handed out whenever
-    /// there is none. So the port waits for no input, but to be asked once when it is new, and
-    /// again after closeConn().
+    /// there is none: at the start, and after each closeConn(). The port waits for no input.
     int chkNewConn(TPortConn** newConn) override;
     int closeConn(TPortConn** conn) override;
 

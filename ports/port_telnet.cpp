@@ -106,9 +106,9 @@ void TPortTelnet::acceptClient()
         arriving.push_back(client);
         return;
     }
-    if (activeConns > maxConns)
-        (void)client->writeText("Connection refused: limit reached.\r\n"); // it is closed either way
-    (void)closeConn(&conn);                                                // always 0
+    // The client is closed either way, so that no result matters.
+    if (activeConns > maxConns) (void)client->writeText("Connection refused: limit reached.\r\n");
+    (void)closeConn(&conn);
 }
 
 /// Goes on with the clients that are arriving, until one is ready: the others are still ready, or

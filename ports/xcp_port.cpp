@@ -8,7 +8,8 @@ namespace {
 
 constexpr LocalSocketKind xcpKind{
     .portType = PORT_XCP,
-    .firstConnId = 0x0056'0000, // the second COM2 connection gets the same first ID (deliberate)
+    // The first XCP connection gets ID 0x00570000, as the second COM2 connection does (deliberate).
+    .firstConnId = 0x0056'0000,
     .path = XCP_SOCKET_PATH,
     .bindFailure = "failed binding to xcp socket",
     .listenFailure = "failed setting up xcp socket listener",

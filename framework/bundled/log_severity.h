@@ -2,7 +2,7 @@
 
 #include "framework/service_manager.h"
 
-/// @return how bad a line is: of the framework's own lines it knows, of others whoever has set
-///         setLogSeverities()
+/// @return the severity of a line: fixed for the framework's own lines; for others what the
+///         function says that was given to setLogSeverities(), or information without one
 /// Threads: any; also from a signal handler.
 LogSeverity severityOfLine(TTraceMsg id, const char* text);

@@ -38,9 +38,9 @@ std::string madeAbsolute(const std::string& relative)
     return error ? relative : (here / relative).lexically_normal().string();
 }
 
-/// An absolute path keeps its letters, so that whoever puts a slash and an address behind the same
-/// value names the same sockets. To a relative one nobody can do so: it is made absolute, and
-/// plain.
+/// An absolute path is used as it is written, but for slashes at its end, so that every process
+/// with the same value of TESS_QUEUE_DIR uses the same socket paths. A relative one is made
+/// absolute and normalised.
 std::string directoryName()
 {
     const char* const value = std::getenv("TESS_QUEUE_DIR");

@@ -28,8 +28,9 @@ public:
     /// @return false: the path is too long for a socket address
     bool socketAddress(long address, sockaddr_un& to) const;
 
-    /// The queue that a socket belongs to, told by the name the kernel gives for it: its owner
-    /// chose that name, so nothing is looked up, the letters decide. Allocates nothing.
+    /// The queue address of the socket that a record came from, read off the path that the kernel
+    /// reports for it. Only compares text: the path is not looked up in the file system, because
+    /// the socket's owner may have chosen any. Allocates nothing.
     /// @param length  as recvmsg(2) reports it
     /// @return queue address; 0 for an unbound socket, an abstract name, or any path but path(), a
     ///         slash and an address

@@ -29,9 +29,9 @@ constexpr int LOCK_TRY_MS = 10;
     failToOpenQueue(address, path, why);
 }
 
-/// Holds the queue directory locked (flock(2)), against others that open or close a queue in it.
-/// They are done at once; whoever keeps the lock all the same holds nobody up for long.
-/// @return none, with errno set, when that is not possible
+/// Locks the queue directory (flock(2)) against others that open or close a queue in it. Those take
+/// no time; should somebody keep the lock, it gives up after LOCK_PATIENCE_S seconds.
+/// @return no descriptor, with errno set, when it cannot be locked
 Fd lockDirectory(const QueueDirectory& directory)
 {
     Fd fd(::open(directory.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));

@@ -6,8 +6,8 @@
 
 /// The socket file of an open queue: while it is there and a process has the socket, the queue's
 /// address is taken. Whoever makes or removes one holds the queue directory locked meanwhile
-/// (flock(2)), so that two processes cannot both find an address free. Trivially destructible, and
-/// goes without its file: only remove() removes that.
+/// (flock(2)), so that two processes cannot both find an address free. The destructor leaves the
+/// file where it is: only remove() removes it.
 /// Threads: no lock of its own.
 class QueueFile {
 public:

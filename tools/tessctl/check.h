@@ -13,8 +13,9 @@ struct Finding {
     std::string what; ///< in words
 };
 
-/// Looks at one thing: at a port, or at tessd's queue.
-/// @param name  as in Finding
+/// Looks at one thing. Takes about 10 seconds at most, for telnet 15.
+/// @param name  one of allChecks(), nothing else. "queue" is the queue directory, "daemon" tessd's
+///              own queue, the others are ports
 Finding look(std::string_view name);
 
 /// The names of what can be looked at: queue, daemon, ipc, xcp, telnet, com2.
@@ -26,6 +27,8 @@ std::vector<std::string> allChecks();
 /// @throws CtlError  what is printed is lost
 ExitStatus runCheck(bool json, const std::vector<std::string>& names);
 
-/// Looks at one thing only, and tells how long that took.
-/// @param name  as in Finding; for the queue, tessd's own is looked at
+/// Looks at one thing only, and prints how long that took, in milliseconds.
+/// @param name  as in Finding; "queue" means tessd's own queue here
+/// @return STATUS_DONE, or STATUS_REFUSED when it does not work
+/// @throws CtlError  what is printed is lost
 ExitStatus runPing(std::string_view name);

@@ -51,14 +51,18 @@ public:
     void send(std::uint32_t kind, std::uint32_t tag, std::int32_t len, std::string_view text);
 
     /// Waits for a record, for a second at most.
-    /// @return its size in bytes, 0 when there is none
+    /// @return its size in bytes; 0: none came
+    /// @throws CtlError  the queue cannot be read
     std::size_t receive(TOrbAttachmentMsg& record);
 
-    /// Waits for tessd's answer to what was sent. receive() hands out what else arrives.
-    /// @throws CtlError  none within `patience`, or the user has stopped waiting
+    /// Waits for tessd's answer to what was sent. Other records that arrive meanwhile are kept for
+    /// receive(), 1000 at most; further ones are lost.
+    /// @throws CtlError  none within `patience`, stopAsked(), or the queue cannot be read
     TOrbAttachmentMsg reply(std::chrono::seconds patience = REPLY_PATIENCE);
 
-    /// Registers.
+    /// Registers a name, and waits up to REPLY_PATIENCE for tessd's answer; without one it asks
+    /// tessd to undo it.
+    /// @param ports  the kinds of port, as bits (TessPortType)
     /// @throws CtlError  tessd refuses, or does not answer
     void registerAs(std::string_view name, std::uint32_t ports);
 

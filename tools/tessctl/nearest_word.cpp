@@ -27,10 +27,12 @@ std::size_t distance(std::string_view a, std::string_view b)
 
 std::string nearestWord(std::string_view typed, const std::vector<std::string>& choices)
 {
-    constexpr std::size_t LONGEST = 64;                        // no word is; and the time is that of a product
-    if (typed.size() < 3 || typed.size() > LONGEST) return {}; // of a short one anything could be meant
+    // Of fewer than three letters anything could be meant. No choice is longer than LONGEST, and
+    // the time grows with the product of both lengths.
+    constexpr std::size_t LONGEST = 64;
+    if (typed.size() < 3 || typed.size() > LONGEST) return {};
     std::string nearest;
-    std::size_t least = typed.size() / 3 + 1; // a third of it may be wrong
+    std::size_t least = typed.size() / 3 + 1; // up to a third of the letters may be wrong
     for (const std::string& choice : choices) {
         const std::size_t steps = choice.starts_with(typed) ? 1 : distance(typed, choice);
         if (steps >= least) continue;

@@ -179,8 +179,8 @@ private:
         if (record.kind == MSG_TEXT) answerer_.give({record.tag, lineOf(record)});
     }
 
-    /// What tessd has forwarded before it reads this still wants its answer; its reply comes behind
-    /// it.
+    /// Unregisters. Commands that tessd forwarded before it read this request still want an answer.
+    /// They arrive before tessd's reply to the request, which therefore ends the wait.
     void leave()
     {
         if (!registration_.end()) return;

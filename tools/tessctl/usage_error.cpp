@@ -66,7 +66,7 @@ std::string strangers(const CLI::App& command, const std::vector<std::string>& w
 std::vector<std::string> strangersOf(const CLI::App& command)
 {
     std::vector<std::string> words = command.remaining();
-    std::erase(words, "--"); // it belongs to nothing, where it is known too
+    std::erase(words, "--"); // CLI11 lists it here even where the command allows it
     std::ranges::transform(words, words.begin(), shown);
     return words;
 }
