@@ -51,8 +51,8 @@ mount -t tmpfs -o mode=1777 tmpfs tmp
 for unit in dev-hugepages.mount sys-fs-fuse-connections.mount sys-kernel-debug.mount sys-kernel-tracing.mount getty.target; do
     ln -sf /dev/null etc/systemd/system/$unit
 done
-echo s3 >etc/hostname
-hostname s3
+echo device >etc/hostname
+hostname device
 pivot_root . old
 cd /
 umount -l /old
