@@ -7,7 +7,6 @@ from __future__ import annotations
 import os
 import pathlib
 import re
-import shutil
 import socket
 import subprocess
 from collections.abc import Iterator
@@ -29,22 +28,6 @@ BOTH_CAPABILITIES = 1 << 10 | 1 << 22  # CAP_NET_BIND_SERVICE, CAP_SYS_BOOT
 SECCOMP_FILTER = "2"
 ALL = ("tessd", "tess-tools", "libtess-framework1", "libtess-dev")
 SETTINGS = "/etc/default/tessd"
-
-
-@pytest.fixture(scope="session")
-def packages(tmp_path_factory: pytest.TempPathFactory) -> pathlib.Path:
-    """The packages, and tessd once more as a later version."""
-    service_manager.make_root()
-    folder = tmp_path_factory.mktemp("packages")
-    for package in PACKAGES.glob("*.deb"):
-        shutil.copy(package, folder)
-    tree = folder / "later"
-    run("dpkg-deb", "-R", next(folder.glob("tessd_*.deb")), tree)
-    control = (tree / "DEBIAN/control").read_text()
-    (tree / "DEBIAN/control").write_text(re.sub(r"(?m)^Version: .*", "Version: 99.0", control))
-    run("dpkg-deb", "--root-owner-group", "-b", tree, folder / "later_tessd.deb")
-    shutil.rmtree(tree)
-    return folder
 
 
 @pytest.fixture
