@@ -65,7 +65,7 @@ def test_a_command_is_answered_there(desk, device):
     terminal = Terminal(*desk.words("runuser", "-u", "alice", "--", "tessctl", "console", "-H", DEVICE))
     terminal.wait_for(b"tess> ", 10)
     terminal.type(b"s3.ENC GETX\r")
-    terminal.wait_for(b"\n5\r\n", 10)
+    terminal.wait_for(b"\x1b[J5\r\n", 10)
     terminal.type(b"\x04")
     assert terminal.wait_end(10) == 0
 

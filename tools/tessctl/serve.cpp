@@ -156,8 +156,8 @@ std::string lineOf(const TOrbAttachmentMsg& record)
 class Server {
 public:
     explicit Server(const ServeOptions& options)
-        : options_(options), daemon_(options.address), registration_(daemon_, options.name, options.ports, Keep::renewed),
-          answerer_(daemon_, options)
+        : options_(options), daemon_(options.address),
+          registration_(daemon_, options.name, options.ports, Keep::renewed), answerer_(daemon_, options)
     {
         say(options.name + " is served at address " + std::to_string(daemon_.queueId()));
         logMgr.initAfterDaemonize(); // for the service manager, if one has started it
