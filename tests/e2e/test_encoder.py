@@ -50,6 +50,7 @@ class Encoder:
     def __init__(self, command: list[str], stderr: int | None = None, **options: object) -> None:
         with open("/tmp/encoder.log", "ab") as log:
             options["env"] = {"PYTHONPATH": PYTHON_MODULE} | dict(options.get("env") or os.environ)
+            options["env"].pop("PYTHONUNBUFFERED", None)  # users have not set it
             self.process = subprocess.Popen(
                 command, stdin=subprocess.DEVNULL, stderr=log if stderr is None else stderr, **options
             )
