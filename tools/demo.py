@@ -49,6 +49,7 @@ Try more, in the shell that scripts/run opens when it has a terminal:
                                     the position in ten seconds, and what is pending
     python3 examples/echo.py &      a process in Python; tessctl send 's3.ECHO hello'
     cat /tmp/tessd.log              what tessd logged
+    tessctl help                    what else it does; all of it is in docs/man/tessctl.1, which 'man' takes by its path
 """
 
 

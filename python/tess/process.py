@@ -9,6 +9,7 @@ import select
 import signal
 import socket
 import struct
+import sys
 import threading
 import time
 from collections.abc import Callable, Iterator
@@ -70,6 +71,7 @@ class Process:
                 return self._serve()
         finally:
             self._queue.close()
+            _forget_lost_log()
 
     def stop(self) -> None:
         """Ends run(), from any thread or signal handler."""
@@ -176,6 +178,17 @@ class Process:
                 teller.sendto(b"READY=1", "\0" + path[1:] if path.startswith("@") else path)
             except OSError as error:
                 _log.warning("the service manager was not told READY=1: %s", error)
+
+
+def _forget_lost_log() -> None:
+    """Where nobody reads standard error any more, what is left for it would make the program's status 120."""
+    try:
+        if sys.stderr is not None:
+            sys.stderr.flush()
+    except BrokenPipeError:
+        nowhere = os.open(os.devnull, os.O_WRONLY)
+        os.dup2(nowhere, sys.stderr.fileno())
+        os.close(nowhere)
 
 
 def _text_of(record: Record) -> str:

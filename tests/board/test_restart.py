@@ -74,12 +74,12 @@ def test_a_re_initialisation_runs_first(board):
         "chmod +x /usr/lib/tess/version-reinit",
     )
     with Telnet(board) as telnet:
-        telnet.send(b"RESET REINIT s3\r\n")
+        telnet.send(b"RESET REINIT demo\r\n")
         shown = board.console.wait_for(BOOT, SECONDS)
     assert re.search(rb"^re-initialised\r?$", shown, re.MULTILINE), shown
 
 
 def test_a_reset_for_another_host_is_refused(board):
     with Telnet(board) as telnet:
-        telnet.ask(b"RESET REINIT s4", b"Error Processing Reset Command.\r\n\r\n", within=SECONDS)
+        telnet.ask(b"RESET REINIT s3", b"Error Processing Reset Command.\r\n\r\n", within=SECONDS)
         assert telnet.get() == 0

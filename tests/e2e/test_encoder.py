@@ -18,6 +18,7 @@ import pytest
 
 from harness import proc, settings, wire
 from harness.clients import IpcClient
+from harness.manager import ServiceManager
 from harness.queue_process import QueueProcess, queue_path
 from harness.waiting import Stopwatch, wait_until
 
@@ -49,6 +50,7 @@ class Encoder:
     def __init__(self, command: list[str], stderr: int | None = None, **options: object) -> None:
         with open("/tmp/encoder.log", "ab") as log:
             options["env"] = {"PYTHONPATH": PYTHON_MODULE} | dict(options.get("env") or os.environ)
+            options["env"].pop("PYTHONUNBUFFERED", None)  # users have not set it
             self.process = subprocess.Popen(
                 command, stdin=subprocess.DEVNULL, stderr=log if stderr is None else stderr, **options
             )
@@ -165,6 +167,20 @@ def test_it_registers_and_answers(start, tessd):
             (b"GETX", b"-2147483648\r\n\r\n"),
         ):
             client.ask(b"s3.ENC " + line, answer)
+
+
+def test_the_service_manager_is_told_once_it_is_registered(start, pretended):
+    with ServiceManager() as manager:
+        encoder = start(env=os.environ | manager.ENVIRONMENT)
+        pretended.expect(wire.REGISTER, REGISTER_ENC)
+        manager.expect_nothing_yet()
+        pretended.confirm()
+        manager.expect(b"READY=1")
+        pretended.confirm()
+        pretended.command(b"GETX", tag=0xBB010001)  # taken after the second confirmation
+        pretended.expect(wire.REPLY, b"0\r\n\r\n\0", tag=0xBB010001)
+        manager.expect_nothing_yet()
+        assert encoder.log().count(REGISTERED) == 1, encoder.log()
 
 
 def test_it_waits_for_a_tessd_that_is_not_there_yet(start, start_tessd):

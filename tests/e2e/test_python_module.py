@@ -4,7 +4,6 @@ from __future__ import annotations
 
 import os
 import signal
-import socket
 import subprocess
 import sys
 import threading
@@ -14,6 +13,7 @@ from collections.abc import Callable, Iterator
 import pytest
 
 from harness import settings
+from harness.manager import ServiceManager
 from harness.queue_process import AnsweringProcess, QueueProcess
 from harness.waiting import wait_until
 
@@ -198,12 +198,10 @@ def test_a_missing_queue_directory_is_made_for_the_group(monkeypatch):
 
 
 def test_the_echo_tells_once_that_it_is_up_and_leaves_at_sigterm(tessd):
-    environment = os.environ | {"PYTHONPATH": os.path.join(settings.PROJECT, "python"), "NOTIFY_SOCKET": "@manager"}
-    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager, tess.Client() as client:
-        manager.bind("\0manager")
-        manager.settimeout(20 * settings.SLOW)
+    environment = os.environ | {"PYTHONPATH": os.path.join(settings.PROJECT, "python")} | ServiceManager.ENVIRONMENT
+    with ServiceManager() as manager, tess.Client() as client:
         with subprocess.Popen(ECHO, env=environment, stderr=subprocess.PIPE, text=True) as echo:
-            assert manager.recv(100) == b"READY=1"
+            manager.expect(b"READY=1")
             assert client.ask("s3.ECHO hello, world") == "hello, world"
             echo.send_signal(signal.SIGTERM)
             assert echo.wait(10 * settings.SLOW) == 0

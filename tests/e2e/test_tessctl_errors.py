@@ -189,13 +189,11 @@ def test_a_serial_line_that_nobody_has_open():
         REFUSED, "", "tessctl: /dev/ttyS1 is open in no process: does tessd run with the COM2 port?\n"
     )
     output = tessctl.run("ping", "com2", **STRANGER).expect(DONE, errors="").output
-    assert output.startswith("/dev/ttyS1 exists; root could see which programs have it open"), output
+    assert output.startswith("/dev/ttyS1 exists; only root can see who has it open"), output
     os.chmod(settings.SERIAL_LINE, 0o666)
     with open(settings.SERIAL_LINE, "rb") as line, subprocess.Popen(["sleep", "1000"], stdin=line, **STRANGER) as other:
         output = tessctl.run("ping", "com2", **STRANGER).expect(DONE, errors="").output
-        assert output.startswith(
-            f"/dev/ttyS1 is open in sleep ({other.pid}); root could see whether other programs have it open, too ("
-        ), output
+        assert output.startswith(f"/dev/ttyS1 is open in sleep ({other.pid}); only root can see who else has it open ("), output
         other.kill()
 
 

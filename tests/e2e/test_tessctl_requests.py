@@ -170,7 +170,7 @@ def test_reset_restarts_the_device(start_tessd):
 
 def test_reset_asks_first(start_tessd):
     tessd = start_tessd(launcher=OWN_DEVICE)
-    tessctl.run("reset").expect(REFUSED, "", "tessctl: not done: to go ahead without being asked at a terminal, give --yes\n")
+    tessctl.run("reset").expect(REFUSED, "", "tessctl: refusing without --yes: standard input is not a terminal\n")
     for typed, status in (b"n\r", REFUSED), (b"\r", REFUSED), (b"y\r", DONE):
         terminal = tessctl.on_terminal("reset")
         terminal.expect(b"Restart this device? [y/N]")

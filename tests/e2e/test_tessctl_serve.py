@@ -12,6 +12,7 @@ import pytest
 
 from harness import settings, tessctl, wire
 from harness.clients import IpcClient, XcpClient
+from harness.manager import ServiceManager
 from harness.queue_process import QueueProcess
 from harness.tessctl import DONE, NO_ANSWER, NO_CONNECTION, REFUSED, WRONG_USAGE
 from harness.waiting import Stopwatch, wait_until
@@ -157,6 +158,34 @@ def test_commands_that_come_before_the_answer_to_the_registration_are_served():
             assert (answer.kind, answer.tag, answer.text) == (wire.REPLY, number, b"%d\r\n\r\n\0" % number), answer
         serve.kill()
         serve.wait()
+
+
+def test_the_service_manager_is_told_once_it_is_registered():
+    def confirm_registration(daemon: QueueProcess) -> None:
+        assert daemon.receive().kind == wire.REGISTER
+        manager.expect_nothing_yet()
+        daemon.send(wire.record(wire.REPLY, b"Process register operation successful\0"), to=4242)
+
+    command = [tessctl.PROGRAM, "serve", "CAT", "--address", "4242", "--", "cat"]
+    with ServiceManager() as manager:
+        with QueueProcess(1001) as daemon:
+            serve = subprocess.Popen(command, stderr=subprocess.PIPE, text=True, env=os.environ | manager.ENVIRONMENT)
+            confirm_registration(daemon)
+            manager.expect(b"READY=1")
+            assert serve.stderr.readline().startswith("tessctl: CAT is served")
+        with QueueProcess(1001) as later:
+            confirm_registration(later)
+            assert serve.stderr.readline() == "tessctl: tessd was started anew, CAT has registered again\n"
+            manager.expect_nothing_yet()
+        serve.kill()
+        serve.communicate()
+
+
+def test_the_service_manager_is_not_told_of_a_name_that_was_refused(tessd):
+    environment = os.environ | ServiceManager.ENVIRONMENT
+    with ServiceManager() as manager, tessctl.serving("CAT", "cat"):
+        tessctl.run("serve", "CAT", "--", "cat", env=environment).expect(REFUSED)
+        manager.expect_nothing_yet()
 
 
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT, signal.SIGHUP], ids=["SIGTERM", "SIGINT", "SIGHUP"])

@@ -7,6 +7,8 @@ from __future__ import annotations
 
 import os
 import pathlib
+import re
+import shutil
 import subprocess
 import sys
 
@@ -19,15 +21,19 @@ PACKAGES = PROJECT / "build/packages"
 sys.path.insert(0, str(PROJECT / "tools"))
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
 
+import service_manager  # noqa: E402
+
 
 def pytest_configure(config: pytest.Config) -> None:
     config.addinivalue_line("markers", "slow: takes more than a few seconds")
 
 
-def run(*command: str | os.PathLike, **options: object) -> str:
+def run(*command: str | os.PathLike, seconds: float = 300, **options: object) -> str:
     """Runs a command that must succeed; returns what it printed."""
     words = [os.fspath(word) for word in command]
-    done = subprocess.run(words, text=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, check=False, timeout=300, **options)
+    done = subprocess.run(
+        words, text=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, check=False, timeout=seconds, **options
+    )
     assert done.returncode == 0, f"{' '.join(words)} ended with {done.returncode}:\n{done.stdout}"
     return done.stdout
 
@@ -37,4 +43,20 @@ def prefix(tmp_path_factory: pytest.TempPathFactory) -> pathlib.Path:
     """Everything installed under a prefix of its own."""
     folder = tmp_path_factory.mktemp("prefix")
     run("cmake", "--install", BUILD, "--prefix", folder)
+    return folder
+
+
+@pytest.fixture(scope="session")
+def packages(tmp_path_factory: pytest.TempPathFactory) -> pathlib.Path:
+    """The packages, and tessd once more as a later version."""
+    service_manager.make_root()
+    folder = tmp_path_factory.mktemp("packages")
+    for package in PACKAGES.glob("*.deb"):
+        shutil.copy(package, folder)
+    tree = folder / "later"
+    run("dpkg-deb", "-R", next(folder.glob("tessd_*.deb")), tree)
+    control = (tree / "DEBIAN/control").read_text()
+    (tree / "DEBIAN/control").write_text(re.sub(r"(?m)^Version: .*", "Version: 99.0", control))
+    run("dpkg-deb", "--root-owner-group", "-b", tree, folder / "later_tessd.deb")
+    shutil.rmtree(tree)
     return folder

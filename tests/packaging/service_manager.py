@@ -16,8 +16,8 @@ import tempfile
 import time
 
 PROJECT = pathlib.Path(__file__).resolve().parents[2]
-ROOT = PROJECT / "build/packaging/root"
-INCLUDE = "systemd,systemd-sysv,libedit2"
+INCLUDE = "systemd,systemd-sysv,libedit2,openssh-client,openssh-server"
+ROOT = PROJECT / "build/packaging" / INCLUDE.replace(",", "+")  # another list, another root
 SECONDS = 60.0
 
 # $1 the place of the new root, $2 the minimal one, $3 packages, $4... what becomes the first process.
@@ -48,11 +48,12 @@ ln -s pts/ptmx dev/ptmx
 ln -s /proc/self/fd dev/fd
 mount -t tmpfs -o mode=755 tmpfs run
 mount -t tmpfs -o mode=1777 tmpfs tmp
-for unit in dev-hugepages.mount sys-fs-fuse-connections.mount sys-kernel-debug.mount sys-kernel-tracing.mount getty.target; do
+for unit in dev-hugepages.mount sys-fs-fuse-connections.mount sys-kernel-debug.mount sys-kernel-tracing.mount getty.target \
+    ssh.service; do
     ln -sf /dev/null etc/systemd/system/$unit
 done
-echo s3 >etc/hostname
-hostname s3
+echo device >etc/hostname
+hostname device
 pivot_root . old
 cd /
 umount -l /old
@@ -100,6 +101,16 @@ def make_root() -> None:
         stdout=subprocess.DEVNULL,
     )
     new.rename(ROOT)
+
+
+def connect(*systems: System) -> None:
+    """Two systems get a network, of 10.0.0.1 and 10.0.0.2."""
+    first, second = ([*("nsenter", "-t", str(system.init), "-n", "ip")] for system in systems)
+    make = ["link", "add", "eth0", "type", "veth", "peer", "name", "eth0", "netns", str(systems[1].init)]
+    subprocess.run([*first, *make], check=True)
+    for number, ip in enumerate((first, second), 1):
+        subprocess.run([*ip, "address", "add", f"10.0.0.{number}/24", "dev", "eth0"], check=True)
+        subprocess.run([*ip, "link", "set", "eth0", "up"], check=True)
 
 
 class System:

@@ -18,6 +18,7 @@ from device_ns import run_in_device
 
 SECONDS = 20.0
 SONAME = "libtess-framework.so.1"
+POWERPC_EXTRA = PROJECT / "build/powerpc-extra"
 
 
 @pytest.fixture(scope="session")
@@ -271,8 +272,8 @@ def test_the_daemon_links_another_framework_library_in_place_of_its_own(prefix, 
 
 @pytest.mark.slow
 @pytest.mark.skipif(
-    not shutil.which("powerpc-linux-gnu-g++") or not shutil.which("qemu-ppc"),
-    reason="needs the cross compiler and the emulator of scripts/powerpc",
+    not shutil.which("powerpc-linux-gnu-g++") or not shutil.which("qemu-ppc") or not POWERPC_EXTRA.exists(),
+    reason="needs the cross compiler, the emulator and the headers of scripts/powerpc",
 )
 def test_where_the_size_of_time_is_a_choice_users_make_that_of_the_library(tmp_path):
     """hr_time_out.h has a timeval in it: 8 or 16 bytes on a 32-bit processor."""
@@ -288,7 +289,7 @@ def test_where_the_size_of_time_is_a_choice_users_make_that_of_the_library(tmp_p
         "-DCMAKE_BUILD_TYPE=Release",
         "-DBUILD_TESTING=OFF",
         f"-DCMAKE_TOOLCHAIN_FILE={PROJECT}/cmake/toolchain-powerpc.cmake",
-        f"-DTESS_PPC_EXTRA={PROJECT}/build/powerpc-extra",
+        f"-DTESS_PPC_EXTRA={POWERPC_EXTRA}",
     )
     run("cmake", "--build", build, "-j1", "--target", "tess_framework_static", "tess_framework_shared")
     # The rest of this build is not made: only what belongs to the library is installed.

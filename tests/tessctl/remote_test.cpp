@@ -26,7 +26,9 @@ TEST(Remote, QuotesEachWordForTheShellThere)
     EXPECT_EQ(shellWord(""), "''");
     EXPECT_EQ(shellWord("s3.ENC SETX 5|*"), "'s3.ENC SETX 5|*'");
     EXPECT_EQ(shellWord("it's"), "'it'\\''s'");
-    EXPECT_EQ(remoteCommand("me@device", {"send", "$GPRMC,1"}, false),
-              (Words{"ssh", "-T", "me@device", "tessctl", "'send'", "'$GPRMC,1'"}));
-    EXPECT_EQ(remoteCommand("device", {"console"}, true), (Words{"ssh", "-t", "device", "tessctl", "'console'"}));
+    EXPECT_EQ(remoteCommand("me@device", {"send", "$GPRMC,1"}, RemoteInput::nothing),
+              (Words{"ssh", "-T", "-n", "me@device", "tessctl", "'send'", "'$GPRMC,1'"}));
+    EXPECT_EQ(remoteCommand("device", {"send"}, RemoteInput::here), (Words{"ssh", "-T", "device", "tessctl", "'send'"}));
+    EXPECT_EQ(remoteCommand("device", {"console"}, RemoteInput::terminal),
+              (Words{"ssh", "-t", "device", "tessctl", "'console'"}));
 }

@@ -64,7 +64,7 @@ def test_links_lead_to_files():
             assert os.path.exists(os.path.join(folder, link)), f"{document}: {link}"
 
 
-def test_the_house_has_the_files_that_are_named():
+def test_the_layout_has_the_files_that_are_named():
     named = set()
     for document in ("README.md", "docs/architecture.md", "docs/processes.md"):
         named |= set(

@@ -19,7 +19,7 @@ HOW_TO_USE = """\
 The board starts here; this terminal is its console, with a shell of root.
 
     telnet {host} {port}             log in as {user} with the password {password}; 's3.ENC GETX', 'quit'
-    picocom --echo --emap crcrlf {terminal}
+    picocom --omap delbs --echo --emap crcrlf,delbs {terminal}
                                     its serial line, for 's3.ENC SETX 7'; Ctrl-A Ctrl-X leaves it
     tessctl console                 on the board: a dialogue over /tmp/socket; Ctrl-D leaves it
     tessctl check                   on the board: what works, port by port

@@ -149,11 +149,8 @@ Seen lookAtSerialLine()
     const Users users = usersOf(COM2_DEVICE);
     const std::string line = COM2_DEVICE;
     if (users.tessd) return {true, line + " is open in " + users.names};
-    if (users.hidden && users.names.empty())
-        return {true, line + " exists; root could see which programs have it open"};
-    if (users.hidden)
-        return {true,
-                line + " is open in " + users.names + "; root could see whether other programs have it open, too"};
+    if (users.hidden && users.names.empty()) return {true, line + " exists; only root can see who has it open"};
+    if (users.hidden) return {true, line + " is open in " + users.names + "; only root can see who else has it open"};
     if (!users.names.empty()) return {false, line + " is open in " + users.names + ", not in tessd"};
     return {false, line + " is open in no process: does tessd run with the COM2 port?"};
 }

@@ -2,25 +2,12 @@
 
 #include <cerrno>
 #include <iostream>
-#include <poll.h>
-#include <unistd.h>
 
 #include "tools/tessctl/daemon_client.h"
 #include "tools/tessctl/record_text.h"
 #include "tools/tessctl/registration.h"
 #include "tools/tessctl/say.h"
 #include "tools/tessctl/standard_output.h"
-
-namespace {
-
-/// Whoever read standard output is gone: "tessctl listen | head -1".
-bool nobodyReads()
-{
-    pollfd output{STDOUT_FILENO, 0, 0};
-    return ::poll(&output, 1, 0) > 0 && (output.revents & POLLERR) != 0;
-}
-
-} // namespace
 
 ExitStatus runListen(const ListenOptions& options)
 {
@@ -30,7 +17,7 @@ ExitStatus runListen(const ListenOptions& options)
     TOrbAttachmentMsg record;
     int error = 0;
     for (std::uint64_t seen = 0;
-         !stopAsked() && (options.count == 0 || seen < options.count) && error == 0 && !nobodyReads();) {
+         !stopAsked() && (options.count == 0 || seen < options.count) && error == 0 && !outputIsUnread();) {
         const std::size_t bytes = registration.receive(record);
         if (bytes == 0) continue;
         ++seen;

@@ -28,6 +28,9 @@ namespace {
 
 constexpr const char* VERSION = "tessctl " TESS_VERSION;
 
+/// For -H: without a terminal nobody else tells a process there that its user has gone.
+constexpr const char* UNTIL_UNREAD = "--until-unread";
+
 const std::map<std::string, LocalPort> LOCAL_PORTS{{"ipc", LocalPort::ipc}, {"xcp", LocalPort::xcp}};
 
 std::chrono::milliseconds fromSeconds(double seconds)
@@ -66,10 +69,11 @@ public:
             return explain(error);
         }
         if (host_.empty()) return run_();
-        const std::vector<std::string> there = withoutHost(typed);
+        std::vector<std::string> there = withoutHost(typed);
         if (there.size() == typed.size()) // it would be run with -H there, too, and so on without end
             throw CtlError(STATUS_WRONG_USAGE, "-H stands alone: tessctl COMMAND -H " + host_);
-        runRemote(remoteCommand(host_, there, wantsTerminal()));
+        if (app_.got_subcommand("serve")) there.insert(std::ranges::find(there, "serve") + 1, UNTIL_UNREAD);
+        runRemote(remoteCommand(host_, there, remoteInput()));
     }
 
 private:
@@ -105,12 +109,12 @@ private:
         addText(to, "-H,--host", host_, "Run there, over ssh")->type_name("[USER@]HOST")->check(remoteHostProblem);
     }
 
-    /// Whether the command asks its user something, and there is a terminal to ask at: it needs one
-    /// on the other host.
-    bool wantsTerminal() const
+    /// A command that asks its user something, at a terminal, needs one on the other host too.
+    RemoteInput remoteInput() const
     {
-        return (app_.got_subcommand("console") || app_.got_subcommand("reset")) && ::isatty(STDIN_FILENO) != 0 &&
-               ::isatty(STDOUT_FILENO) != 0;
+        const bool asks = app_.got_subcommand("console") || app_.got_subcommand("reset");
+        if (asks && ::isatty(STDIN_FILENO) != 0 && ::isatty(STDOUT_FILENO) != 0) return RemoteInput::terminal;
+        return app_.got_subcommand("send") && send_.lines.empty() ? RemoteInput::here : RemoteInput::nothing;
     }
 
     static void addPort(CLI::App& to, LocalPort& port)
@@ -208,6 +212,7 @@ private:
         addNumber(serve, "--address", "an address", 1, HIGHEST_QUEUE_ADDRESS, serve_.address,
                   "Queue address (a free one)");
         addSeconds(serve, "--timeout", serve_.timeLimit, 0.001, "How long the program may run for a command (10)");
+        serve.add_flag(UNTIL_UNREAD, serve_.untilUnread)->group(""); // hidden
         addWords(serve, "PROGRAM", serve_.program,
                  "Behind --: the program, run once for each command, and its arguments")
             ->required();

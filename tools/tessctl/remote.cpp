@@ -30,10 +30,12 @@ std::vector<std::string> withoutHost(const std::vector<std::string>& words)
     return rest;
 }
 
-std::vector<std::string> remoteCommand(const std::string& host, const std::vector<std::string>& words, bool terminal)
+std::vector<std::string> remoteCommand(const std::string& host, const std::vector<std::string>& words,
+                                       RemoteInput input)
 {
     std::vector<std::string> command{"ssh"};
-    command.emplace_back(terminal ? "-t" : "-T");
+    command.emplace_back(input == RemoteInput::terminal ? "-t" : "-T");
+    if (input == RemoteInput::nothing) command.emplace_back("-n");
     command.push_back(host);
     command.emplace_back("tessctl");
     for (const std::string& word : words)

@@ -12,10 +12,17 @@ std::string shellWord(const std::string& word);
 /// What stands behind "--" is left alone.
 std::vector<std::string> withoutHost(const std::vector<std::string>& words);
 
+/// What a command on another host reads.
+enum class RemoteInput {
+    terminal, ///< one of its own there
+    here,     ///< standard input
+    nothing   ///< standard input is left to whoever reads it here, such as a shell's loop
+};
+
 /// What to run to have tessctl run on another host.
-/// @param words     behind "tessctl", without those that name the host
-/// @param terminal  whether it is to have one there
-std::vector<std::string> remoteCommand(const std::string& host, const std::vector<std::string>& words, bool terminal);
+/// @param words  behind "tessctl", without those that name the host
+std::vector<std::string> remoteCommand(const std::string& host, const std::vector<std::string>& words,
+                                       RemoteInput input);
 
 /// Becomes ssh(1), whose exit status is that of the command there, or 255.
 /// @throws CtlError  it cannot be started

@@ -22,7 +22,7 @@ constexpr std::chrono::milliseconds BETWEEN_LOOKS{20};
 bool userAgrees(const std::string& question)
 {
     if (::isatty(STDIN_FILENO) == 0) {
-        say("not done: to go ahead without being asked at a terminal, give --yes");
+        say("refusing without --yes: standard input is not a terminal");
         return false;
     }
     std::cout << question << " [y/N] " << std::flush;

@@ -21,6 +21,7 @@
 #include "tools/tessctl/record_text.h"
 #include "tools/tessctl/registration.h"
 #include "tools/tessctl/say.h"
+#include "tools/tessctl/standard_output.h"
 
 namespace {
 
@@ -155,8 +156,8 @@ std::string lineOf(const TOrbAttachmentMsg& record)
 class Server {
 public:
     explicit Server(const ServeOptions& options)
-        : daemon_(options.address), registration_(daemon_, options.name, options.ports, Keep::renewed),
-          answerer_(daemon_, options)
+        : options_(options), daemon_(options.address),
+          registration_(daemon_, options.name, options.ports, Keep::renewed), answerer_(daemon_, options)
     {
         say(options.name + " is served at address " + std::to_string(daemon_.queueId()));
         logMgr.initAfterDaemonize(); // for the service manager, if one has started it
@@ -164,7 +165,7 @@ public:
 
     void serve()
     {
-        while (!stopAsked())
+        while (!stopAsked() && !(options_.untilUnread && outputIsUnread()))
             takeOne();
         leave();
     }
@@ -189,6 +190,7 @@ private:
             takeOne();
     }
 
+    const ServeOptions& options_;
     DaemonClient daemon_;
     Registration registration_;
     Answerer answerer_; // the last member, and so destroyed first: it answers through daemon_

@@ -14,6 +14,7 @@ struct ServeOptions {
     std::uint32_t ports = 0;
     std::optional<long> address;
     std::chrono::milliseconds timeLimit{10'000}; ///< for one run of the program
+    bool untilUnread = false;                    ///< end when nobody reads standard output any more, too
     std::vector<std::string> program;
 };
 

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <fcntl.h>
 #include <iostream>
+#include <poll.h>
 #include <system_error>
 #include <unistd.h>
 
@@ -31,6 +32,12 @@ int flushOutput()
 void requireOutput()
 {
     if (const int error = flushOutput()) failOutput(error);
+}
+
+bool outputIsUnread()
+{
+    pollfd output{STDOUT_FILENO, 0, 0};
+    return ::poll(&output, 1, 0) > 0 && (output.revents & (POLLERR | POLLHUP)) != 0;
 }
 
 void failOutput(int error)

@@ -15,6 +15,9 @@ int flushOutput();
 /// @throws CtlError  some of it is lost
 void requireOutput();
 
+/// Whether nobody reads it any more, as in "tessctl listen | head -1".
+bool outputIsUnread();
+
 /// Says that some of it is lost.
 /// @param error  as flushOutput() returns it
 /// @throws CtlError  always
