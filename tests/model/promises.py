@@ -291,6 +291,7 @@ class XcpConnection(Connection):
             self.promises.log.append((250004, "XCP frame length out of range"))
             return -1
         self.take(wire.HEADER + length)
+        self.buffer[self.received] = self.buffer[wire.HEADER + length] = 0  # no line runs on behind them
         return self.remember(self._cut_frame(wire.HEADER + length), header.tag)
 
     def _cut_frame(self, end: int) -> list[int]:
@@ -334,7 +335,7 @@ class SerialConnection(Connection):
     def read(self) -> int:
         line = self.promises.line
         if self.muted:
-            line.flush()
+            line.throw_away()
             return 0
         piece = line.read(BUFFER)
         if not piece:
@@ -347,11 +348,16 @@ class SerialConnection(Connection):
         self.promises.line.output.append(text)
 
 
+def _in_word(key: int) -> bool:
+    return chr(key).isalnum() or key == ord("_") if key < 0x80 else key >= 0xC0 and key not in (0xD7, 0xF7)
+
+
 class Line:
     """The serial line as the system edits it: whole lines are handed out."""
 
     def __init__(self) -> None:
         self.output: list[bytes] = []
+        self.thrown_away = False  # something, at some time
         self._typed = bytearray()
         self._whole: list[bytes] = []
 
@@ -364,7 +370,7 @@ class Line:
             if key == 0x08:
                 del self._typed[-1:]
             elif key == 0x17:
-                self._typed.clear()
+                self._erase_word()
             elif key == 0x04:
                 self._end_line(b"")
             elif key in LINE_ENDS:
@@ -372,11 +378,19 @@ class Line:
             else:
                 self._typed.append(key)
 
+    def _erase_word(self) -> None:
+        """The key that erases the line erases a word too, and the system takes it for that."""
+        while self._typed and not _in_word(self._typed[-1]):
+            del self._typed[-1]
+        while self._typed and _in_word(self._typed[-1]):
+            del self._typed[-1]
+
     def _end_line(self, end: bytes) -> None:
         self._whole.append(bytes(self._typed) + end)
         self._typed.clear()
 
-    def flush(self) -> None:
+    def throw_away(self) -> None:
+        self.thrown_away = self.thrown_away or len(self) > 0
         self._whole.clear()
         self._typed.clear()
 
@@ -445,6 +459,7 @@ class TelnetConnection(Connection):
         if not any(byte in LINE_ENDS for byte in peeked):
             return 0
         self.take(BUFFER)
+        self.buffer[self.received] = 0
         self._echoed = 0
         count = self.cut_lines()
         if count:

@@ -5,6 +5,7 @@ A row that shows a difference is made as short as it can be and printed, one lin
 from __future__ import annotations
 
 import os
+import re
 import subprocess
 import time
 
@@ -297,6 +298,10 @@ class Promised(RuleBasedStateMachine):
     @precondition(lambda self: self.device.line)
     @rule(keys=st.lists(st.one_of(st.sampled_from([b"\x08", b"\x17", b"\x04", b"\r", b"\n"]), SHORT_TEXT, LINES), max_size=6).map(b"".join))
     def type_with_mistakes(self, keys: bytes) -> None:
+        """Erasing, or without a line end. An end of file behind nothing would let the line rest for a second."""
+        keys = re.sub(rb"(?<![\w ])\x04", b"", keys)
+        if self.device.promises.line.thrown_away:  # which of it lies in the buffer is left open
+            keys = keys.replace(b"\x04", b"")
         if not could_reset(keys):
             self.say(None, keys, [])
 
@@ -380,8 +385,7 @@ class Promised(RuleBasedStateMachine):
     )
     def write_to_the_line(self, address: int, text: bytes, wrong: int, tag: int) -> None:
         datagram = wire.record(wire.COM2_WRITE, text, tag=tag, length=len(text) + wrong)
-        if len(self.device.promises.line) == 0:  # what is half typed then may be thrown away or not
-            self.device.tell(address, datagram, f"has {len(text) + wrong} bytes of {text!r} written to the line")
+        self.device.tell(address, datagram, f"has {len(text) + wrong} bytes of {text!r} written to the line")
 
     @rule(address=st.sampled_from(ADDRESSES), line=st.sampled_from([b"RESET A", b"", b"RESET REINIT s2", b"a b c d" + b" " * 100]))
     def failing_reset(self, address: int, line: bytes) -> None:
