@@ -470,7 +470,8 @@ class TelnetConnection(Connection):
 
     def _talk(self) -> Generator:
         yield from self._negotiate()
-        self.promises.admit(self)
+        while not self.promises.admit(self):
+            yield
         yield
         yield from self._log_in()
 
@@ -646,6 +647,7 @@ class Promises:
         self._active = dict.fromkeys(FIRST_COUNTER, 0)
         self._reply = ReplyRecord()
         self._out_tag: int | None = 0  # what the record of commands and answers was sent with last
+        self._admitted = False
         self._stirred = False
         self.settle()
 
@@ -801,11 +803,16 @@ class Promises:
         self._active[port] += 1
         return KINDS[port](self, self._counters[port])
 
-    def admit(self, connection: TelnetConnection) -> None:
+    def admit(self, connection: TelnetConnection) -> bool:
+        """One in each pass."""
+        self.stir()
+        if self._admitted:
+            return False
+        self._admitted = True
         self._arriving.remove(connection)
         self.connections.append(connection)
         self.log.append((6000, f"Opened telnet connection 0x{connection.id - wire.ID_STEP:x} from 127.0.0.1"))
-        self.stir()
+        return True
 
     def remove(self, connection: Connection) -> None:
         self.connections.remove(connection)
@@ -841,6 +848,7 @@ class Promises:
             connection = self._create(wire.COM2)
             self.connections.append(connection)
             self.log.append((36103, f"Open connection Com2 with ID = 0x{connection.id - wire.ID_STEP:x}"))
+        self._admitted = False
         for connection in list(self._arriving):
             connection.step()
 
