@@ -222,8 +222,8 @@ class Promised(RuleBasedStateMachine):
 
     @rule(port=st.sampled_from([wire.XCP, wire.IPC, wire.TELNET]), count=st.integers(2, 11))
     def crowd(self, port: int, count: int) -> None:
-        for _ in range(count):
-            self.connect(port)
+        if port in self.device.promises.ports:
+            self.device.connect(port, count)
 
     @rule(
         name=st.sampled_from([b"alice", b"alice", b"bob", b"root", b"sheila", b"nemo", b" alice", b"a" * 255]),
@@ -339,9 +339,8 @@ class Promised(RuleBasedStateMachine):
 
     @rule(address=st.sampled_from(ADDRESSES), count=st.sampled_from([5, 30, 33]), mask=MASKS.filter(bool))
     def register_many(self, address: int, count: int, mask: int) -> None:
-        for number in range(count):
-            name = b"P%d" % number
-            self.device.tell(address, wire.registration(name, mask), f"registers {name!r} for {mask:#x}")
+        datagrams = [wire.registration(b"P%d" % number, mask) for number in range(count)]
+        self.device.tell_all(address, datagrams, f"registers P0 to P{count - 1} for {mask:#x}")
 
     @rule(address=st.sampled_from(ADDRESSES))
     def unregister(self, address: int) -> None:
