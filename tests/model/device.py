@@ -113,7 +113,7 @@ class LineEnd:
 class Device:
     """What one example lives on."""
 
-    patience = 10.0  # seconds for what must come
+    patience = 30.0  # seconds for what must come
     examples = steps = commands = 0
 
     def __init__(self, ports: tuple[int, ...], now: int, passwords: dict[bytes, bytes | None]) -> None:
@@ -385,7 +385,7 @@ class Device:
 
     def fail(self, promised: str, got: str) -> None:
         self.failed = True
-        Device.patience = 1.0  # from now on the same is looked for again and again
+        Device.patience = 2.0  # from now on the same is looked for again and again
         script = "\n".join(f"    {line}" for line in self.script)
         raise BrokenPromise(f"\n{script}\n  promised: {promised}\n  got:      {got}\nlog:\n{self.daemon.log_text()}")
 

@@ -20,8 +20,8 @@ from promises import MILLISECOND, SECOND
 
 PARTS = 4  # tests that can run side by side, each with its share of the examples
 EXAMPLES = int(os.environ.get("TESS_MODEL_EXAMPLES") or 400)  # of all parts
-MINUTES = float(os.environ.get("TESS_MODEL_MINUTES") or 0)  # more than 0: so long, with ever new seeds, in place of EXAMPLES
-SEED = int(os.environ.get("TESS_MODEL_SEED") or 1)  # of the first round
+MINUTES = float(os.environ.get("TESS_MODEL_MINUTES") or 0)  # more than 0: rounds of as many examples go on so long, in each part
+SEED = int(os.environ.get("TESS_MODEL_SEED") or 0)  # of the first round of the first part; those of the others follow
 STEPS = 40  # of one example, at most
 
 ALL_PORTS = (wire.COM2, wire.TELNET, wire.XCP, wire.IPC)
@@ -407,9 +407,8 @@ class Promised(RuleBasedStateMachine):
             self.device.advance(nanoseconds)
 
 
-def run(part: int, number: int, examples: int) -> None:
-    """So many examples, which depend on the seed and nothing else."""
-    chosen = SEED * 1000 + part + number * PARTS
+def run(chosen: int, examples: int) -> None:
+    """So many examples, which depend on the seed and on nothing else."""
     options = settings(
         max_examples=examples,
         stateful_step_count=STEPS,
@@ -423,7 +422,7 @@ def run(part: int, number: int, examples: int) -> None:
     try:
         run_state_machine_as_test(seed(chosen)(Promised), settings=options)
     except BaseException:
-        print(f"seed {chosen}: TESS_MODEL_SEED={SEED}, part {part}, round {number}")
+        print(f"The same again: TESS_MODEL_SEED={chosen} TESS_MODEL_EXAMPLES={EXAMPLES} pytest tests/model -k 'promises[0]'")
         raise
 
 
@@ -433,8 +432,8 @@ def test_tessd_keeps_its_promises(part: int) -> None:
     install_passwords()
     let_queues_be_long()
     end = time.monotonic() + MINUTES * 60
-    number = 0
-    while number == 0 or time.monotonic() < end:
-        run(part, number, max(1, EXAMPLES // PARTS))
-        number += 1
+    rounds = 0
+    while rounds == 0 or time.monotonic() < end:
+        run(SEED + rounds * PARTS + part, max(1, EXAMPLES // PARTS))
+        rounds += 1
     print(f"{Device.examples} examples, {Device.steps} steps, {Device.commands} pieces sent by clients")
