@@ -5,6 +5,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include "common/process_copy.h"
 #include "connections/line_cutter.h"
 
 namespace {
@@ -20,6 +21,12 @@ TCom2Conn::TCom2Conn(std::uint32_t portType, std::uint32_t id) : TPortConn(portT
 {
     loginState = LOGIN_DONE;
     output = &output_;
+}
+
+TCom2Conn::~TCom2Conn()
+{
+    // The next connection must not take for a command what has come while the line was muted.
+    if (muteEnd_ != NEVER && !g_isCopy) (void)::tcflush(fd, TCIFLUSH);
 }
 
 int TCom2Conn::readCmd()

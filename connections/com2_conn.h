@@ -13,6 +13,8 @@ public:
     static constexpr timeval MUTE_TIME{2, 0};
 
     TCom2Conn(std::uint32_t portType, std::uint32_t id);
+    /// While the line is muted, throws away what has arrived.
+    ~TCom2Conn() override;
 
     /// As TPortConn::readCmd(), but never reports that the peer has closed. While the line is
     /// muted, and once more at the mute's end, which is `due`, everything that has arrived is

@@ -247,6 +247,18 @@ TEST_F(Com2Conn, RestsOnALineThatHasHungUpAfterAMuteToo)
     EXPECT_TRUE(rests());
 }
 
+TEST_F(Com2Conn, LeavesNothingToTheNextConnectionOfWhatCameInItsMute)
+{
+    {
+        TCom2Conn ending(1, 0x0057'0000);
+        ending.fd = conn.fd;
+        ending.startMute();
+        ASSERT_TRUE(far->type("s3.ENC MUTED\rand half a line"));
+        ASSERT_TRUE(isReadable(conn.fd));
+    }
+    EXPECT_THAT(typeAndRead("A\r"), ElementsAre("A"));
+}
+
 TEST_F(Com2Conn, EndsWhatItThrowsAwayWithANul)
 {
     std::memset(conn.rxBuf.data(), 'x', conn.rxBuf.size());

@@ -366,6 +366,18 @@ def test_a_write_in_the_mute_time_begins_it_anew(line, writer):
     assert writer.process.waiting() == []
 
 
+def test_what_is_typed_in_the_mute_time_is_not_for_the_next_connection_either(tessd, line, writer):
+    writer.send(b"menu")
+    writer.expect_answer(0)
+    line.type(b"s3.ENC MUTED\r")
+    line.wait_arrived()
+    writer.process.send(wire.record(wire.CLOSE_ALL))
+    tessd.wait_log(*com2.opened(2))
+    line.type(b"s3.ENC HEARD\r")
+    writer.process.expect_command(b"HEARD", tag=FIRST_TAG + wire.ID_STEP)
+    assert writer.process.waiting() == []
+
+
 def test_answers_to_commands_come_through_and_mute_nothing(line, process):
     for number in range(20):
         line.type(b"s3.ENC %d\r" % number)

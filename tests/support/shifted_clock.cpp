@@ -4,6 +4,8 @@
 // SHIFTED_CLOCK names a file of at least 4 bytes, which holds the difference: a signed word, in
 // milliseconds, in the program's byte order. The test may change it at any time. Only
 // clock_gettime() is shifted: what waits in the kernel takes its time.
+#include "support/kernel_clock.h"
+
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -11,7 +13,6 @@
 #include <ctime>
 #include <fcntl.h>
 #include <sys/mman.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace {
@@ -39,17 +40,6 @@ const volatile std::int32_t* g_difference = nullptr; // plain, so that it is the
 [[gnu::constructor]] void openDifference()
 {
     g_difference = mapDifference();
-}
-
-/// The clock as the kernel has it. The C library's own function cannot be looked up before its
-/// symbols are bound.
-int kernelClock(clockid_t clock, timespec* now)
-{
-#ifdef SYS_clock_gettime64
-    if constexpr (sizeof(now->tv_sec) > sizeof(long))
-        return static_cast<int>(::syscall(SYS_clock_gettime64, clock, now));
-#endif
-    return static_cast<int>(::syscall(SYS_clock_gettime, clock, now));
 }
 
 } // namespace

@@ -45,6 +45,15 @@ class SerialLine:
     def type(self, keys: bytes) -> None:
         assert os.write(self._far_end, keys) == len(keys)
 
+    def fileno(self) -> int:
+        return self._far_end
+
+    def wait_arrived(self) -> None:
+        """Until all that was typed is at the daemon's end; whoever looks there makes the system carry it over."""
+        near_end = os.open(DEVICE, os.O_RDONLY | os.O_NOCTTY | os.O_NONBLOCK)
+        select.select([near_end], [], [], 0)
+        os.close(near_end)
+
     def receive(self, size: int, within: float = 5) -> bytes:
         """Exactly `size` bytes, or what came of them before the time was over."""
         deadline = Deadline(within)

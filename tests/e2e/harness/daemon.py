@@ -246,6 +246,15 @@ class Daemon:
         self.signal(signal.SIGKILL)
         self.wait_end()
 
+    def forget(self) -> None:
+        """Of a daemon that has ended, for tests that start thousands: nothing of it is left, its log neither."""
+        for kind in ("log", "output"):
+            os.unlink(f"tessd-{self.number}.{kind}", dir_fd=Daemon.artefacts)
+        for descriptor in (self._log_file, self._output_file, self._pidfd):
+            os.close(descriptor)
+        os.unlink(self._notify.getsockname())
+        self._notify.close()
+
     def expect_no_trouble(self) -> None:
         """No sanitizer report, nothing else on standard error but log lines, nothing on standard output."""
         self.read_log()

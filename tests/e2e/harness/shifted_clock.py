@@ -10,7 +10,6 @@ import subprocess
 
 from harness import settings
 
-_LIBRARY = os.path.join(settings.BIN_DIR, "libshifted_clock.so")
 _difference = struct.Struct("<i" if settings.BYTEORDER == "little" else ">i")
 _SANITIZER = re.compile(r"=> (\S*/lib[at]san\.so\S*)")
 
@@ -25,16 +24,22 @@ class ShiftedClock:
         with open(path, "r+b") as file:
             self._map = mmap.mmap(file.fileno(), mmap.PAGESIZE)
         self._ahead = 0
-        preloaded = {"LD_PRELOAD": " ".join([*_sanitizer_libraries(), _LIBRARY]), "SHIFTED_CLOCK": path}
-        assert os.path.exists(_LIBRARY), f"{_LIBRARY} is missing"
-        if settings.emulated():  # for the program in the emulator, not for the emulator
-            preloaded = {"QEMU_SET_ENV": ",".join(f"{name}={value}" for name, value in preloaded.items())}
-        self.environment = preloaded
+        self.environment = preloaded("libshifted_clock.so", SHIFTED_CLOCK=path)
 
     def advance(self, seconds: float) -> None:
         """The clock goes ahead by so much more, to the millisecond."""
         self._ahead += round(seconds * 1000)
         self._map[: _difference.size] = _difference.pack(self._ahead)
+
+
+def preloaded(library: str, **variables: str) -> dict[str, str]:
+    """The environment of a daemon that runs with one of the tests' libraries and the variables that this one wants."""
+    path = os.path.join(settings.BIN_DIR, library)
+    assert os.path.exists(path), f"{path} is missing"
+    environment = {"LD_PRELOAD": " ".join([*_sanitizer_libraries(), path]), **variables}
+    if settings.emulated():  # for the program in the emulator, not for the emulator
+        environment = {"QEMU_SET_ENV": ",".join(f"{name}={value}" for name, value in environment.items())}
+    return environment
 
 
 def _sanitizer_libraries() -> list[str]:
