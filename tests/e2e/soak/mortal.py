@@ -82,6 +82,8 @@ class Process:
         return message is not None
 
     def unregister(self) -> None:
+        while self.serve_one(0.0):  # a full queue that is not read gets no answers either
+            pass
         self._confirm(wire.record(wire.UNREGISTER))
 
     def die(self, in_order: bool) -> None:

@@ -22,14 +22,15 @@ from harness.telnet import (
     TelnetClient,
 )
 from harness.waiting import wait_until
-from soak.speech import arrive
-from soak.stage import Actor
+from soak.speech import PATIENCE, arrive
+from soak.stage import Actor, Stage
 
 LONG = b"x" * 900
 SMALL_BUFFER = 4096  # of a client that does not read
 UNREAD_LINES = 300
 LONGEST_STAY = 20.0
 PLACES = 10  # of a port
+FEW = 3  # logins at once; those who stay leave room for more
 WRONG_PASSWORDS = [
     (accounts.ALICE.name, b"wrong"),
     (accounts.BOB.name, b"sesamE"),
@@ -294,11 +295,38 @@ class RudeTelnet(Rude):
 
 
 class Eleventh(Actor):
-    """Takes all the places of a port, and one more, who must be sent away."""
+    """Takes all the places of a port, and one more, who must be sent away.
+
+    Begins with more logins at once than there will ever be: each check of a password has a thread, and what a heap keeps for
+    threads it keeps for ever."""
 
     pause = (5.0, 15.0)
 
+    def __init__(self, stage: Stage, name: str) -> None:
+        super().__init__(stage, name)
+        self._has_begun = False
+
     def act(self) -> None:
+        if self._has_begun:
+            return self._fill()
+        with self.stage.login, contextlib.ExitStack() as stack:
+            self._has_begun = self._log_in_together(stack)
+
+    def _log_in_together(self, stack: contextlib.ExitStack) -> bool:
+        clients = []
+        with contextlib.suppress(AssertionError, OSError):  # no place for more
+            while len(clients) < PLACES:
+                client = stack.enter_context(arrive(TelnetClient))
+                client.give_name(accounts.BOB.name)
+                clients.append(client)
+        for client in clients:
+            self.stage.count_password()
+            client.send(accounts.BOB.password + b"\r\n")
+        for client in clients:
+            client.expect_connected(accounts.BOB.name, within=PATIENCE)
+        return len(clients) >= FEW
+
+    def _fill(self) -> None:
         kind = self.random.choice((IpcClient, XcpClient, TelnetClient))
         with contextlib.ExitStack() as stack:
             clients = [stack.enter_context(arrive(kind)) for _ in range(PLACES + 1)]

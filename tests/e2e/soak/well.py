@@ -18,6 +18,7 @@ HEALTHY = b"ENC"  # the process that answers at once
 class Talker(Actor):
     """Stays connected, and sends a few commands at a time."""
 
+    pause = (0.02, 0.2)
     most = 8
 
     def __init__(self, stage: Stage, name: str, connect: Callable[[Actor], Client]) -> None:
