@@ -1,4 +1,4 @@
-"""Draws round trips and memory over time, as SVG, of what a soak has measured.
+"""Draws round trips, memory and descriptors over time, as SVG, of what a soak has measured.
 
     python3 -m soak.plot facts.json FILE.svg"""
 
@@ -40,27 +40,33 @@ def draw_waits(facts: dict, axes: plt.Axes, end: float) -> None:
     ):
         axes.plot(minutes, [1000 * what(sample[at] for sample in samples) for _, samples in stretches], label=label, linewidth=1)
     axes.set(yscale="log", ylabel="milliseconds")
-    axes.grid(visible=True, alpha=0.3)
-    axes.legend(fontsize="small", ncols=2)
+    finish(axes)
 
 
 def draw_memory(facts: dict, axes: plt.Axes, end: float) -> None:
     stretches = intervals(facts["watch"], end)
     minutes = [minute for minute, _ in stretches]
-    axes.plot(minutes, [max(look[1] for look in looks) / 1024 for _, looks in stretches], label="resident memory", linewidth=1)
-    for rest in ("first rest", "last rest"):
-        if rest in facts:
-            axes.axvline(facts[rest]["seconds"] / 60, color="grey", linestyle=":", linewidth=1)
-    axes.set(ylim=(0, None), xlabel="minutes (dotted: nobody acts)", ylabel="MiB")
-    axes.grid(visible=True, alpha=0.3)
-    right = axes.twinx()
-    right.plot(minutes, [max(look[3] for look in looks) for _, looks in stretches], "C1", label="descriptors", linewidth=1)
-    right.set(ylim=(0, None), ylabel="descriptors")
+    for what, label in ((max, "resident memory, most (a check of a password takes 16 MiB)"), (min, "least")):
+        axes.plot(minutes, [what(look[1] for look in looks) / 1024 for _, looks in stretches], label=label, linewidth=1)
+    axes.set(ylim=(0, None), ylabel="MiB")
+    finish(axes)
+
+
+def draw_heap(facts: dict, axes: plt.Axes, end: float) -> None:
+    """Where it can be seen; and the descriptors."""
+    stretches = intervals(facts["watch"], end)
+    minutes = [minute for minute, _ in stretches]
+    axes.plot(minutes, [max(look[3] for look in looks) for _, looks in stretches], label="descriptors, most", linewidth=1)
     if facts["watch"][0][2] is not None:
-        heap = [max(look[2] for look in looks) / 1024**2 for _, looks in stretches]
-        axes.plot(minutes, heap, "C2", label="heap in use", linewidth=1)
-    handles = [*axes.get_legend_handles_labels()[0], *right.get_legend_handles_labels()[0]]
-    axes.legend(handles=handles, fontsize="small", loc="lower right")
+        heap = [min(look[2] for look in looks) / 1024 / 10 for _, looks in stretches]
+        axes.plot(minutes, heap, label="heap in use, least, in units of 10 KiB", linewidth=1)
+    axes.set(ylim=(0, None), xlabel="minutes (dotted: nobody acts)")
+    finish(axes)
+
+
+def finish(axes: plt.Axes) -> None:
+    axes.grid(visible=True, alpha=0.3)
+    axes.legend(fontsize="small", ncols=3, loc="lower center", bbox_to_anchor=(0.5, 1.0), frameon=False)
 
 
 def main() -> int:
@@ -69,11 +75,13 @@ def main() -> int:
         return 64
     with open(sys.argv[1], encoding="utf-8") as file:
         facts = json.load(file)
-    figure, (waits, memory) = plt.subplots(2, 1, figsize=(9, 7), sharex=True, layout="constrained")
-    end = facts["watch"][-1][0]
-    draw_waits(facts, waits, end)
-    draw_memory(facts, memory, end)
-    waits.set(title=f"{facts['build']}, {facts['seconds'] / 60:g} minutes")
+    figure, panels = plt.subplots(3, 1, figsize=(9, 9), sharex=True, layout="constrained", height_ratios=(3, 2, 2))
+    figure.suptitle(f"{facts['build']}, {facts['seconds'] / 60:g} minutes")
+    for draw, axes in zip((draw_waits, draw_memory, draw_heap), panels, strict=True):
+        draw(facts, axes, facts["watch"][-1][0])
+        for rest in ("first rest", "last rest"):
+            if rest in facts:
+                axes.axvline(facts[rest]["seconds"] / 60, color="grey", linestyle=":", linewidth=1)
     figure.savefig(sys.argv[2], metadata={"Date": None})
     return 0
 
