@@ -4,8 +4,8 @@
     tools/coverage.py COVERAGE.json NOTE.md
 
 Prints lines and branches of each room, and for each function that is not reached as a whole which of its lines are not, and
-at which lines a branch is never taken. A row of the note names such a function: `file`, `function`, reason. Ends with status
-1 when there is one that no row names."""
+at which lines a branch is never taken. A row of the note names such a function, or with `*` all of a file: `file`,
+`function`, reason. Ends with status 1 when there is one that no row names."""
 
 from __future__ import annotations
 
@@ -73,7 +73,7 @@ class FileReport:
         self.name = facts["file"]
         self.room = self.name.split("/")[0]
         self.lines = [line for line in facts["lines"] if not line.get("gcovr/noncode")]
-        starts = sorted((function["lineno"], short(function["name"])) for function in facts["functions"])
+        starts = sorted((each["lineno"], short(each["name"])) for each in facts["functions"] if "lambda" not in each["name"])
         self._at = [at for at, _ in starts]
         self._names = [name for _, name in starts]
 
@@ -119,7 +119,7 @@ def main(report_path: str, note_path: str) -> int:
     unnamed = 0
     for file in sorted(files, key=lambda report: report.name):
         for function, gap in file.gaps().items():
-            is_named = (file.name, function) in named
+            is_named = bool({(file.name, function), (file.name, "*")} & named)
             unnamed += not is_named
             print(f"{'' if is_named else 'NOT NAMED '}{file.name}: {function}: {gap}")
     if unnamed:

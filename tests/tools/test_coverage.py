@@ -24,6 +24,7 @@ def function(name: str, at: int) -> dict:
 def run(tmp_path, lines: list[dict], note: str = "") -> tuple[int, str]:
     functions = [
         function("Door::open(std::vector<int, std::allocator<int> > const&) const", 1),
+        function("Door::open(std::vector<int, std::allocator<int> > const&) const::{lambda(int)#1}::operator()(int) const", 3),
         function("(anonymous namespace)::shut[abi:cxx11](char*)", 10),
     ]
     report, note_file = tmp_path / "coverage.json", tmp_path / "note.md"
@@ -60,6 +61,11 @@ def test_is_content_with_what_the_note_names(tmp_path):
     status, told = run(tmp_path, [line(2, 0)], note)
     assert status == 0, told
     assert "daemon/door.cpp: Door::open: lines 2" in told.splitlines(), told
+
+
+def test_a_star_names_all_of_a_file(tmp_path):
+    status, told = run(tmp_path, [line(2, 0), line(11, 0)], "| `daemon/door.cpp` | `*` | it has none |\n")
+    assert status == 0, told
 
 
 def test_a_row_without_a_reason_names_nothing(tmp_path):
