@@ -8,6 +8,7 @@
 #   failures                    names of the failed checks, blank-separated
 #   build PRESET [TARGET...]    configures and builds; to be used with step or check. With CI in the environment warnings are
 #                               errors
+#   sanitizer_options           sets what the sanitizers of such a build are to report
 
 set -eu
 
@@ -85,4 +86,11 @@ build()
     shift
     cmake --preset "${CI:+ci-}$preset" --log-level=WARNING &&
         cmake --build --preset "$preset" -j "$JOBS" --target "${@:-all}" -- --quiet
+}
+
+sanitizer_options()
+{
+    export ASAN_OPTIONS=detect_leaks=1:detect_stack_use_after_return=1:strict_string_checks=1:check_initialization_order=1
+    export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
+    export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
 }

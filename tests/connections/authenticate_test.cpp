@@ -130,6 +130,20 @@ TEST_F(Authenticate, KnowsNobodyWithoutADatabase)
     EXPECT_EQ(check("root", "toor"), -1);
 }
 
+TEST_F(Authenticate, TakesLongEntriesAndNoneLongerThanAMegabyte)
+{
+    const std::string hash = std::string(ALICE).substr(6, std::string(ALICE).find(':', 6) - 6);
+    const auto entry = [&hash](const char* name, std::size_t comment) {
+        return std::string(name) + ":" + hash + ":1:1:" + std::string(comment, 'c') + ":/home:/bin/sh\n";
+    };
+    // Whoever stands behind the last of them would be unknown, too.
+    const PasswdFile accounts(entry("long", 5000) + entry("longer", 1'000'000) + ALICE + entry("endless", 1'100'000));
+    EXPECT_EQ(check("long", "secret"), 1);
+    EXPECT_EQ(check("longer", "secret"), 1);
+    EXPECT_EQ(check("alice", "secret"), 1);
+    EXPECT_EQ(check("endless", "secret"), 0);
+}
+
 TEST_F(Authenticate, TakesLongNames)
 {
     const std::string name(256, 'a');

@@ -28,10 +28,12 @@ protected:
     }
 
     /// Ends the program, and waits until both threads of a daemon would have been woken.
-    void endProgram()
+    void endProgram() { end(program); }
+
+    static void end(const ReinitProgram& which)
     {
         g_wakeUp.clear();
-        program.letEnd();
+        which.letEnd();
         ASSERT_TRUE(waitUntil([] { // not in select(2): the signal of the program's end interrupts it
             pollfd woken{g_wakeUp.fd(), POLLIN, 0};
             return ::poll(&woken, 1, 0) == 1;
@@ -108,6 +110,18 @@ TEST_F(LongResets, GoOnWithoutTheClientThatAsked)
     program.letEnd();
     EXPECT_TRUE(serveUntil([&] { return !system.calls.empty(); }));
     EXPECT_THAT(system.calls, ElementsAre("fork"));
+}
+
+TEST_F(LongResets, RestartNothingWhenTheClientHasGoneAndItsProgramFails)
+{
+    const ReinitProgram failing{3, ReinitProgram::UNTIL_TOLD};
+    bench.addConn(8, 1 << 16).willRead({reinitLine()});
+    bench.peer.serve();
+    ASSERT_TRUE(waitUntil([&failing] { return failing.hasRun(); }));
+    bench.serve(process, message(MSG_CLOSE_ALL));
+    end(failing);
+    bench.peer.serve();
+    EXPECT_THAT(system.calls, IsEmpty());
 }
 
 TEST_F(LongResets, OfAProcessLetOthersBeServed)

@@ -69,6 +69,7 @@ TEST(Reset, IsRefusedForLinesOfOtherForms)
         "RESET A " + host,
         "RESET REINI " + host,
         "RESET REINITX " + host,
+        "RESET REBOOT " + host,
         "RESET " + host + " REINIT",
         "RESET REINIT " + other,
         "RESET REINIT " + host.substr(0, host.size() - 1),

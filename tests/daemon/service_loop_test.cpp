@@ -211,6 +211,19 @@ TEST_F(ServiceLoopWithEncoder, FindsNoLinesInAConnectionInFrontThatNeverHadAny)
     EXPECT_THAT(encoder.receiveTexts(), IsEmpty());
 }
 
+TEST_F(ServiceLoopWithEncoder, TakesNoLinesFromAConnectionInFrontWhosePasswordIsLookedAt)
+{
+    bench.addPort(2);
+    FakeConn& a = bench.addConn(2, 0xAA01'0000, "a");
+    a.willRead({"a0", "a1", "a2"});
+    FakeConn& b = bench.addConn(2, 0xAA02'0000, "b");
+    b.willRead({"quit", "b1", "b2"});
+    b.onRead = [&a] { a.login.owes = LoginOwes::verdict; };
+    bench.addConn(8, 0xBB01'0000, "c").willRead({"c0"});
+    EXPECT_THAT(pass(), ElementsAre("a read", "b read", "b gone", "c read"));
+    EXPECT_THAT(encoder.receiveTexts(), ElementsAre("a0\n", "a1\n", "a2\n", "c0\n"));
+}
+
 TEST_F(ServiceLoopWithEncoder, LetsTheLinesLeftCloseTheConnectionInFrontToo)
 {
     bench.addPort(2);

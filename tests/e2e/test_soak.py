@@ -1,11 +1,8 @@
-"""Hours of work in minutes: everybody talks at once, and the daemon neither loses an answer nor grows.
-
-TESSD_SOAK_SECONDS says for how long the slow test does it; 600 without it."""
+"""Everybody talks at once, and the daemon neither loses an answer nor grows. For hours: scripts/soak."""
 
 from __future__ import annotations
 
 import contextlib
-import os
 import statistics
 import threading
 from collections.abc import Callable
@@ -19,9 +16,10 @@ from harness.daemon import Daemon
 from harness.queue_process import AnsweringProcess
 from harness.telnet import LinemodeClient, TelnetClient
 from harness.waiting import Stopwatch
+from soak import report as report_of_everybody
+from soak.run import soak as soak_with_everybody
 
 CLIENTS = 10  # as many as a port takes
-SOAK_SECONDS = float(os.environ.get("TESSD_SOAK_SECONDS") or 600)
 BURST = 8  # commands of a client in flight: with everybody at it, the queue of the process is never full for 250 ms
 PATIENCE = 20.0
 GROWTH_KB = 256  # what a heap may still find to do after its first minute
@@ -155,7 +153,63 @@ def test_ten_clients_on_each_port_and_the_serial_line_lose_nothing(launch, recor
     report(record_property, *soak(launch, seconds, settled_after=8), seconds)
 
 
-@pytest.mark.slow
-@pytest.mark.deadline(SOAK_SECONDS + 200)
-def test_ten_minutes_of_everybody_talking_lose_nothing_and_grow_nothing(launch, record_property):
-    report(record_property, *soak(launch, SOAK_SECONDS, settled_after=min(60.0, SOAK_SECONDS / 2)), SOAK_SECONDS)
+@pytest.mark.deadline(200)
+def test_everybody_at_once_well_behaved_or_not_loses_nothing(launch, record_property):
+    """What scripts/soak does for as long as one likes."""
+    facts = soak_with_everybody(launch, seconds=12.0, seed=1)
+    record_property("table", report_of_everybody.text_table(report_of_everybody.rows(facts)))
+    assert report_of_everybody.trouble(facts) == []
+
+
+@pytest.mark.parametrize(
+    "change, expected",
+    [
+        ({"lost": 1}, "lost: 1"),
+        ({"wrong": 2}, "wrong: 2"),
+        ({"answered": -5}, "answered: 0"),
+    ],
+)
+def test_a_soak_says_what_is_wrong_with_its_counts(change, expected):
+    facts = good_facts()
+    facts["actors"]["ipc"]["tally"] |= {name: facts["actors"]["ipc"]["tally"].get(name, 0) + by for name, by in change.items()}
+    assert report_of_everybody.trouble(facts) == [expected]
+
+
+@pytest.mark.parametrize(
+    "rest, change, expected",
+    [
+        ("last rest", {"descriptors": {"socket": 4}}, "descriptors: {'socket': 3} at first, {'socket': 4} at last"),
+        ("last rest", {"threads": 3}, "threads: 2 at first, 3 at last"),
+        ("last rest", {"heap bytes": 30000}, "the heap grew by 19976 bytes"),
+        ("last rest", {"resident KiB": 6000}, "resident memory: 5000 KiB at first, 6000 KiB at last"),
+        ("end", {"status": -11}, "tessd ended with -11"),
+        ("end", {"reports": ["ERROR: AddressSanitizer"]}, "ERROR: AddressSanitizer"),
+        ("end", {"places": "places: no"}, "places: no"),
+    ],
+)
+def test_a_soak_says_what_is_wrong_with_the_daemon(rest, change, expected):
+    facts = good_facts()
+    facts[rest] |= change
+    assert report_of_everybody.trouble(facts) == [expected]
+
+
+def test_a_soak_blames_the_daemon_for_a_long_wait():
+    facts = good_facts()
+    facts["actors"]["ipc"]["samples"].append([1.0, 60.0, 50.0, 0.1])
+    assert report_of_everybody.trouble(facts) == ["somebody waited 50.000 s for the daemon"]
+
+
+def good_facts() -> dict:
+    rest = {"descriptors": {"socket": 3}, "threads": 2, "heap bytes": 10000, "resident KiB": 5000}
+    tally = {"sent": 10, "answered": 5, "refused": 1, "delayed, run": 1}
+    facts = {
+        "actors": {"ipc": {"tally": tally, "worst": 0.1, "samples": [[0.5, 0.1, 0.1, 0.1]], "notes": []}},
+        "whole": True,
+        "warm-up seconds": 60.0,
+        "first rest": rest,
+        "last rest": dict(rest) | {"heap bytes": 10024},
+        "passwords between the rests": 1,
+        "end": {"status": 0, "reports": [], "places": "all"},
+    }
+    assert report_of_everybody.trouble(facts) == []
+    return facts

@@ -52,6 +52,12 @@ TEST(HRTimeOut, AnEmptyOrNegativeSpanIsOverAtOnce)
     EXPECT_TRUE(TOrbHRTimeOut(span(0, -500'000)).hasTimedOut());
 }
 
+TEST(HRTimeOut, NegativeMicrosecondsShortenTheSpan)
+{
+    EXPECT_FALSE(TOrbHRTimeOut(span(3600, -999'999)).hasTimedOut());
+    EXPECT_GE(waitFor(TOrbHRTimeOut(span(1, -900'000))).count(), 99);
+}
+
 TEST(HRTimeOut, ArmingAgainCountsFromNow)
 {
     TOrbHRTimeOut timeOut(span(0, 0));

@@ -21,6 +21,7 @@ TEST(ReplyText, MakesAnAnswerOfWhatAProgramPrints)
         {"5\n", "", "5\r\n\r\n"},
         {"5\r\n\r\n", "", "5\r\n\r\n"},
         {"a\nb\n", "", "a\r\nb\r\n\r\n"},
+        {"a\r\nb\r\n", "", "a\r\nb\r\n\r\n"},
         {"a\n\nb\n\n", "", "a\r\n \r\nb\r\n\r\n"},
         {"\na\n", "", " \r\na\r\n\r\n"},
         {"?\n", "", "?\r\n"},

@@ -31,6 +31,17 @@ TEST(RecordText, DescribesARecordInOneLine)
         << "what did not arrive is not shown";
 }
 
+TEST(RecordText, NamesEveryKind)
+{
+    const std::pair<std::uint32_t, std::string> rows[] = {
+        {100, "stop"},      {101, "text"},       {102, "reply"},        {200, "register"}, {201, "unregister"},
+        {202, "close all"}, {203, "COM2 write"}, {204, "close telnet"}, {205, "reset"},    {206, "unknown"},
+    };
+    for (const auto& [kind, name] : rows)
+        EXPECT_EQ(describe(record(kind, ""), 16),
+                  "kind " + std::to_string(kind) + " (" + name + "), sender 1001, tag 0xbb010007, len -1, text \"\"");
+}
+
 TEST(RecordText, DumpsTheBytesAsTheyLie)
 {
     TOrbAttachmentMsg words{};

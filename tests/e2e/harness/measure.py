@@ -48,7 +48,7 @@ def _all_traced(pid: int, tracer: subprocess.Popen) -> bool:
 
 
 class AllocationCounter:
-    """A library that counts the daemon's allocations; give `environment` to the daemon."""
+    """A library that counts the daemon's allocations and the bytes in use; give `environment` to the daemon."""
 
     def __init__(self) -> None:
         source = os.path.join(os.path.dirname(os.path.realpath(__file__)), "count_allocations.c")
@@ -64,6 +64,10 @@ class AllocationCounter:
     def count(self) -> int:
         """Calls of malloc, calloc, realloc and their like since the daemon's start."""
         return struct.unpack_from("=Q", self._map)[0]
+
+    def live_bytes(self) -> int:
+        """In use of the heap now."""
+        return struct.unpack_from("=q", self._map, 8)[0]
 
 
 @dataclasses.dataclass(frozen=True)
