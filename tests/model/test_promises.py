@@ -19,7 +19,7 @@ from hypothesis.stateful import RuleBasedStateMachine, initialize, precondition,
 from promises import MILLISECOND, SECOND
 
 PARTS = 4  # tests that can run side by side, each with its share of the examples
-EXAMPLES = int(os.environ.get("TESS_MODEL_EXAMPLES") or 400)  # of all parts
+EXAMPLES = int(os.environ.get("TESS_MODEL_EXAMPLES") or 1200)  # of all parts
 MINUTES = float(os.environ.get("TESS_MODEL_MINUTES") or 0)  # more than 0: rounds of as many examples go on so long, in each part
 SEED = int(os.environ.get("TESS_MODEL_SEED") or 0)  # of the first round of the first part; those of the others follow
 STEPS = 40  # of one example, at most
