@@ -385,7 +385,7 @@ class Device:
 
     def fail(self, promised: str, got: str) -> None:
         self.failed = True
-        Device.patience = 2.0  # from now on the same is looked for again and again
+        Device.patience = 1.0  # from now on the same is looked for again and again
         script = "\n".join(f"    {line}" for line in self.script)
         raise BrokenPromise(f"\n{script}\n  promised: {promised}\n  got:      {got}\nlog:\n{self.daemon.log_text()}")
 

@@ -107,9 +107,7 @@ def delay_of(text: bytes) -> int:
     if not 1 <= len(words) <= 4 or not all(word.isdigit() and int(word) <= 0x7FFFFFFF for word in words):
         return 0
     total = 0
-    for word, limit, factor in zip(
-        reversed(words), (0x7FFFFFFF, 2999999, 59999, 999), (1, 1000, 60000, 3600000), strict=False
-    ):
+    for word, limit, factor in zip(reversed(words), (0x7FFFFFFF, 2999999, 59999, 999), (1, 1000, 60000, 3600000), strict=False):
         if int(word) > limit:
             return 0
         total += _signed_32(int(word) * factor)

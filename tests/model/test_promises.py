@@ -61,14 +61,49 @@ SPACES = [b" ", b"  ", b"\t", b"", b"\v \f"]
 BODIES = [b"X", b"SETX 5", b"GETX", b"a.b c", b"*", b"$", b"SET $5", b"$GPRMC,1,A", b"\xe9\x80", b"", b"y * z"]
 ODD_TOKENS = [
     *(b"*", b"* X", b"*X Y", b"*.", b"*.* X", b".", b". X", b".ENC X", b"s3 $X", b"s3.ENC *", b"s3.ENC.A X", b"a *b", b"a.b *"),
-    *(b"$GPRMC,123519,A,4807.038,N", b"$GPRMC", b"$GPRMCX,1", b"$gprmc,1,A", b"$GPGGA,1", b"SET $5", b"*$GPRMC,1", b"s3$", b"s3.$"),
+    *(
+        b"$GPRMC,123519,A,4807.038,N",
+        b"$GPRMC",
+        b"$GPRMCX,1",
+        b"$gprmc,1,A",
+        b"$GPGGA,1",
+        b"SET $5",
+        b"*$GPRMC,1",
+        b"s3$",
+        b"s3.$",
+    ),
     *(b"quit", b"QUIT", b"quitting", b" quit", b"RESET A", b"reset x y", b"RESET REINIT s2", b"ReSeTting a b c", b"X RESET"),
     *(b"z" * 255 + b".E X", b"s3." + b"x" * 300 + b" LONG", b"s3.ENC " + b"L" * 300),
 ]
 DELAYS = [
     *(b"500", b"1.0", b"2.5", b"0:3.0", b"1:30.0", b"0:0:5.0", b"1:0:0:0", b"999", b"1000", b"1999.0", b"10 0", b" 4 . 0 "),
-    *(b"0", b"0.0", b"x", b"", b"1.2.3.4.5", b"-1", b"1e3", b"1000:0:0.0", b"60000:0.0", b"3000000.0", b"2147483648", b"D 5", b"CLEA"),
-    *(b"CLEAR", b"clear", b" ClearAll", b"597:0:0.0", b"2147484.0", b"2147483647", b"35792:0.0", b"59999:0.0", b"999999", b"1.1000"),
+    *(
+        b"0",
+        b"0.0",
+        b"x",
+        b"",
+        b"1.2.3.4.5",
+        b"-1",
+        b"1e3",
+        b"1000:0:0.0",
+        b"60000:0.0",
+        b"3000000.0",
+        b"2147483648",
+        b"D 5",
+        b"CLEA",
+    ),
+    *(
+        b"CLEAR",
+        b"clear",
+        b" ClearAll",
+        b"597:0:0.0",
+        b"2147484.0",
+        b"2147483647",
+        b"35792:0.0",
+        b"59999:0.0",
+        b"999999",
+        b"1.1000",
+    ),
 ]
 LINE_ENDS = [b"\n", b"\r\n", b"\r", b"\n\n", b" \n"]
 
@@ -145,7 +180,12 @@ TEXTS = st.one_of(
 )
 TELNET_PIECES = [
     *(telnet.WILL_LINEMODE, telnet.SLC_LIST, telnet.MODE_ACK, telnet.SLC_ACK, telnet.DO_ECHO, telnet.DONT_ECHO),
-    *(telnet.IAC + telnet.WILL + telnet.SUPPRESS_GO_AHEAD, telnet.IAC + telnet.DO + telnet.NAWS, telnet.IAC, telnet.IAC + telnet.SB),
+    *(
+        telnet.IAC + telnet.WILL + telnet.SUPPRESS_GO_AHEAD,
+        telnet.IAC + telnet.DO + telnet.NAWS,
+        telnet.IAC,
+        telnet.IAC + telnet.SB,
+    ),
     *(telnet.IAC + telnet.WILL + telnet.TERMINAL_TYPE, telnet.IAC + telnet.WONT + telnet.LINEMODE, b"alice\r\n", b"secret\r\n"),
     *(telnet.IAC + telnet.SB + telnet.NAWS + b"\0\x50\0\x18" + telnet.IAC + telnet.SE, b"al", b"\r\n", b"s3.ENC X\r\n"),
 ]
@@ -261,7 +301,13 @@ class Promised(RuleBasedStateMachine):
         self.command(who, data, [], tag, 0, 0)
 
     @precondition(has_sender)
-    @rule(who=WHO, which=st.integers(0, 40), unit=st.sampled_from(UNITS[:4]), body=st.sampled_from(BODIES), end=st.sampled_from(LINE_ENDS))
+    @rule(
+        who=WHO,
+        which=st.integers(0, 40),
+        unit=st.sampled_from(UNITS[:4]),
+        body=st.sampled_from(BODIES),
+        end=st.sampled_from(LINE_ENDS),
+    )
     def command_to_somebody(self, who: int, which: int, unit: bytes, body: bytes, end: bytes) -> None:
         """Who is registered."""
         known = self.device.promises.registrations
@@ -296,7 +342,11 @@ class Promised(RuleBasedStateMachine):
             self.say(found[who % len(found)], data, [])
 
     @precondition(lambda self: self.device.line)
-    @rule(keys=st.lists(st.one_of(st.sampled_from([b"\x08", b"\x17", b"\x04", b"\r", b"\n"]), SHORT_TEXT, LINES), max_size=6).map(b"".join))
+    @rule(
+        keys=st.lists(st.one_of(st.sampled_from([b"\x08", b"\x17", b"\x04", b"\r", b"\n"]), SHORT_TEXT, LINES), max_size=6).map(
+            b"".join
+        )
+    )
     def type_with_mistakes(self, keys: bytes) -> None:
         """Erasing, or without a line end. An end of file behind nothing would let the line rest for a second."""
         keys = re.sub(rb"(?<![\w ])\x04", b"", keys)
@@ -324,7 +374,12 @@ class Promised(RuleBasedStateMachine):
 
     # Processes
 
-    @rule(address=st.sampled_from(ADDRESSES), name=st.sampled_from(NAMES), mask=MASKS, end=st.sampled_from([b"\0", b"\0", b"", b"\0x"]))
+    @rule(
+        address=st.sampled_from(ADDRESSES),
+        name=st.sampled_from(NAMES),
+        mask=MASKS,
+        end=st.sampled_from([b"\0", b"\0", b"", b"\0x"]),
+    )
     def register(self, address: int, name: bytes, mask: int, end: bytes) -> None:
         self.device.tell(address, wire.registration(name, mask, end), f"registers {name!r} for {mask:#x}")
 
@@ -372,7 +427,9 @@ class Promised(RuleBasedStateMachine):
         text = text[: wire.TEXT]
         self.device.tell(address, wire.record(wire.REPLY, text, tag=tag), f"answers {text!r} to {tag:#x}")
 
-    @rule(address=st.sampled_from(ADDRESSES), kind=st.sampled_from([wire.CLOSE_ALL, wire.CLOSE_TELNET, 0, 104, 206, wire.TEXT_KIND]))
+    @rule(
+        address=st.sampled_from(ADDRESSES), kind=st.sampled_from([wire.CLOSE_ALL, wire.CLOSE_TELNET, 0, 104, 206, wire.TEXT_KIND])
+    )
     def odd_message(self, address: int, kind: int) -> None:
         self.device.tell(address, wire.record(kind, b"x" * 20), f"sends a message of kind {kind}")
 
@@ -386,7 +443,9 @@ class Promised(RuleBasedStateMachine):
         datagram = wire.record(wire.COM2_WRITE, text, tag=tag, length=len(text) + wrong)
         self.device.tell(address, datagram, f"has {len(text) + wrong} bytes of {text!r} written to the line")
 
-    @rule(address=st.sampled_from(ADDRESSES), line=st.sampled_from([b"RESET A", b"", b"RESET REINIT s2", b"a b c d" + b" " * 100]))
+    @rule(
+        address=st.sampled_from(ADDRESSES), line=st.sampled_from([b"RESET A", b"", b"RESET REINIT s2", b"a b c d" + b" " * 100])
+    )
     def failing_reset(self, address: int, line: bytes) -> None:
         if line:
             self.device.tell(address, wire.record(wire.RESET, line + b"\0", tag=77, length=88), f"asks for {line!r}")
