@@ -18,7 +18,8 @@ from harness.queue_process import QueueProcess, queue_path, unbound_sender
 from harness.stopped_clock import StoppedClock
 from harness.telnet import TelnetClient
 from harness.waiting import Deadline
-from promises import Connection, Frame, Promises, Record
+from hypothesis import reject
+from promises import Connection, DeviceReset, Frame, Promises, Record
 
 ASKED = 4  # times; as many passes lie between the arrival of anything and the last answer as anything needs
 WATCHER = 1900
@@ -156,6 +157,13 @@ class Device:
 
     # Steps: the model first, since it may refuse
 
+    def _promise(self, step: Callable[..., None], *arguments: object) -> None:
+        try:
+            step(*arguments)
+        except DeviceReset:
+            self.note("which would restart the device, and ends this example")
+            reject()
+
     def connect(self, port: int, count: int = 1) -> Peer:
         """Returns the last one."""
         for _ in range(count):
@@ -189,7 +197,7 @@ class Device:
 
     def _send(self, peer: Peer, data: bytes) -> None:
         Device.commands += 1
-        self.promises.receive(peer.connection, data)
+        self._promise(self.promises.receive, peer.connection, data)
         with_pipe = not peer.at_end
         try:
             peer.client.send(data)
@@ -204,7 +212,7 @@ class Device:
 
     def _type(self, keys: bytes) -> None:
         Device.commands += 1
-        self.promises.type(keys)
+        self._promise(self.promises.type, keys)
         self.line.line.type(keys)
         self.line.line.wait_arrived()
 
@@ -260,7 +268,7 @@ class Device:
     def _tell(self, address: int, datagram: bytes) -> None:
         if address:
             self.open_process(address)
-        self.promises.message(datagram, address)
+        self._promise(self.promises.message, datagram, address)
         if address:
             self.stations[address].process.send(datagram)
         else:
@@ -271,7 +279,7 @@ class Device:
         while self.promises.now + nanoseconds in self.promises.deadlines():
             nanoseconds += 1
         self.note(f"the clock goes ahead by {nanoseconds / promises.SECOND:.9f} s")
-        self.promises.advance(nanoseconds)
+        self._promise(self.promises.advance, nanoseconds)
         self.clock.set(self.promises.now)
         self.compare(log_in_order=False)  # much may come to its time at once
 
@@ -385,7 +393,7 @@ class Device:
 
     def fail(self, promised: str, got: str) -> None:
         self.failed = True
-        Device.patience = 2.0  # from now on the same is looked for again and again
+        Device.patience = 1.0  # from now on the same is looked for again and again
         script = "\n".join(f"    {line}" for line in self.script)
         raise BrokenPromise(f"\n{script}\n  promised: {promised}\n  got:      {got}\nlog:\n{self.daemon.log_text()}")
 

@@ -107,9 +107,7 @@ def delay_of(text: bytes) -> int:
     if not 1 <= len(words) <= 4 or not all(word.isdigit() and int(word) <= 0x7FFFFFFF for word in words):
         return 0
     total = 0
-    for word, limit, factor in zip(
-        reversed(words), (0x7FFFFFFF, 2999999, 59999, 999), (1, 1000, 60000, 3600000), strict=False
-    ):
+    for word, limit, factor in zip(reversed(words), (0x7FFFFFFF, 2999999, 59999, 999), (1, 1000, 60000, 3600000), strict=False):
         if int(word) > limit:
             return 0
         total += _signed_32(int(word) * factor)
@@ -274,16 +272,13 @@ class XcpConnection(Connection):
     def read(self) -> int:
         if not self.pending:
             return -1 if self.ended else 0
-        peeked = self.pending[:BUFFER]
-        self.buffer[: len(peeked)] = peeked
-        self.buffer[len(peeked)] = 0
         if self._deadline is not None and self.promises.now >= self._deadline:
             return -1
-        if len(peeked) < wire.HEADER:
+        if len(self.pending) < wire.HEADER:
             self._deadline = self._deadline or self.promises.now + self.patience
-            return 0
+            return -1 if self.ended else 0
         self._deadline = None
-        return self._take_frame(wire.Message.parse(bytes(peeked), ""))
+        return self._take_frame(wire.Message.parse(bytes(self.pending[: wire.HEADER]), ""))
 
     def _take_frame(self, header: wire.Message) -> int:
         length = _signed_32(header.length_word)
@@ -588,12 +583,13 @@ class TelnetConnection(Connection):
         yield
         if not (yield from self._ask(2, "Login password too big")):
             return
-        verdict = self.promises.authenticate(self.promises.user_name, c_text(bytes(self.buffer)))
+        name = self.promises.user_name  # that of whoever gave one last
+        verdict = self.promises.authenticate(name, c_text(bytes(self.buffer)))
         if verdict:
             self._refuse(verdict)
             return
         yield from self._set_echo(True)
-        self.say(telnet.connected(self.promises.user_name))
+        self.say(telnet.connected(name))
         self.logged_in = True
 
     def _ask(self, state: int, too_big: str) -> Generator[None, None, bool]:

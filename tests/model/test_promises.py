@@ -9,23 +9,44 @@ import re
 import subprocess
 import time
 
-import promises
 import pytest
 from device import Device, Peer
-from harness import telnet, wire
+from harness import wire
 from hypothesis import HealthCheck, Phase, seed, settings
 from hypothesis import strategies as st
 from hypothesis.stateful import RuleBasedStateMachine, initialize, precondition, rule, run_state_machine_as_test
 from promises import MILLISECOND, SECOND
+from words import (
+    ADDRESSES,
+    ALL_PORTS,
+    AMOUNTS,
+    BODIES,
+    DATA,
+    DELAY_LINES,
+    LENGTH_ERRORS,
+    LINE_ENDS,
+    LINE_MODE,
+    MASKS,
+    NAMES,
+    PLAIN_LINES,
+    SEVERAL_LINES,
+    STARTS,
+    TAGS,
+    TELNET_PIECES,
+    TEXTS,
+    TYPED,
+    UNITS,
+    WHO,
+    WORDS,
+    could_reset,
+)
 
 PARTS = 4  # tests that can run side by side, each with its share of the examples
-EXAMPLES = int(os.environ.get("TESS_MODEL_EXAMPLES") or 400)  # of all parts
+EXAMPLES = int(os.environ.get("TESS_MODEL_EXAMPLES") or 1200)  # of all parts
 MINUTES = float(os.environ.get("TESS_MODEL_MINUTES") or 0)  # more than 0: rounds of as many examples go on so long, in each part
 SEED = int(os.environ.get("TESS_MODEL_SEED") or 0)  # of the first round of the first part; those of the others follow
 STEPS = 40  # of one example, at most
 
-ALL_PORTS = (wire.COM2, wire.TELNET, wire.XCP, wire.IPC)
-ADDRESSES = range(2001, 2005)
 MOST_PENDING = 6  # delays, so that they fit a message when they are listed
 MOST_TYPED = 3000  # what the serial line takes unread
 
@@ -51,109 +72,6 @@ def let_queues_be_long() -> None:
     """So that a process that is registered many times takes a command as often."""
     with open("/proc/sys/net/unix/max_dgram_qlen", "w", encoding="ascii") as file:
         file.write("500")
-
-
-# What is sent
-
-NAMES = [b"ENC", b"enc", b"MOTOR", b"GPSD", b"gpsd", b"", b"*", b"A.B", b"s3", b"x" * 300]
-UNITS = [b"s3", b"S3", b"*", b"t1", b"", b"s33", b"**"]
-SPACES = [b" ", b"  ", b"\t", b"", b"\v \f"]
-BODIES = [b"X", b"SETX 5", b"GETX", b"a.b c", b"*", b"$", b"SET $5", b"$GPRMC,1,A", b"\xe9\x80", b"", b"y * z"]
-ODD_TOKENS = [
-    *(b"*", b"* X", b"*X Y", b"*.", b"*.* X", b".", b". X", b".ENC X", b"s3 $X", b"s3.ENC *", b"s3.ENC.A X", b"a *b", b"a.b *"),
-    *(b"$GPRMC,123519,A,4807.038,N", b"$GPRMC", b"$GPRMCX,1", b"$gprmc,1,A", b"$GPGGA,1", b"SET $5", b"*$GPRMC,1", b"s3$", b"s3.$"),
-    *(b"quit", b"QUIT", b"quitting", b" quit", b"RESET A", b"reset x y", b"RESET REINIT s2", b"ReSeTting a b c", b"X RESET"),
-    *(b"z" * 255 + b".E X", b"s3." + b"x" * 300 + b" LONG", b"s3.ENC " + b"L" * 300),
-]
-DELAYS = [
-    *(b"500", b"1.0", b"2.5", b"0:3.0", b"1:30.0", b"0:0:5.0", b"1:0:0:0", b"999", b"1000", b"1999.0", b"10 0", b" 4 . 0 "),
-    *(b"0", b"0.0", b"x", b"", b"1.2.3.4.5", b"-1", b"1e3", b"1000:0:0.0", b"60000:0.0", b"3000000.0", b"2147483648", b"D 5", b"CLEA"),
-    *(b"CLEAR", b"clear", b" ClearAll", b"597:0:0.0", b"2147484.0", b"2147483647", b"35792:0.0", b"59999:0.0", b"999999", b"1.1000"),
-]
-LINE_ENDS = [b"\n", b"\r\n", b"\r", b"\n\n", b" \n"]
-
-SHORT_TEXT = st.binary(max_size=3) | st.text("aAxX5s3.*$|, \t", max_size=10).map(str.encode)
-
-
-@st.composite
-def addressed(draw: st.DrawFn) -> bytes:
-    name = draw(st.sampled_from([*NAMES, b"NONE"]))
-    return draw(st.sampled_from(UNITS)) + b"." + name + draw(st.sampled_from(SPACES)) + draw(st.sampled_from(BODIES))
-
-
-TOKENS = st.one_of(addressed(), st.sampled_from(BODIES), st.sampled_from(ODD_TOKENS), SHORT_TEXT)
-JOINS = st.sampled_from([b"|", b"|", b" | ", b"||"])
-
-
-@st.composite
-def delay(draw: st.DrawFn) -> bytes:
-    """Setting, clearing, listing or a mistake."""
-    word = draw(st.sampled_from([b"DELAY", b"delay", b" Delay", b"DELAYED"]))
-    time_text = draw(st.sampled_from(DELAYS))
-    return word + draw(st.sampled_from([b" ", b"\t", b""])) + time_text
-
-
-@st.composite
-def plain_line(draw: st.DrawFn) -> bytes:
-    return draw(JOINS).join(draw(st.lists(TOKENS, min_size=1, max_size=3)))
-
-
-@st.composite
-def delay_line(draw: st.DrawFn) -> bytes:
-    """A command that is set to run later, which may set another."""
-    levels = [draw(delay()) for _ in range(draw(st.integers(1, 3)))]
-    return draw(JOINS).join([*draw(st.lists(TOKENS, max_size=1)), *levels, *draw(st.lists(TOKENS, max_size=2))])
-
-
-def could_reset(data: bytes) -> bool:
-    """A line, or a token that runs later, whose one word begins with RESET would restart the device."""
-    for end in (b"\r", b"\0", b"|"):
-        data = data.replace(end, b"\n")
-    lines = [line.strip(promises.WHITE) for line in data.split(b"\n")]
-    return any(line[:5].upper() == b"RESET" and b" " not in line for line in lines)
-
-
-LINES = st.one_of(plain_line(), plain_line(), delay_line()).filter(lambda line: not could_reset(line))
-
-
-@st.composite
-def several_lines(draw: st.DrawFn) -> bytes:
-    parts = [line + draw(st.sampled_from(LINE_ENDS)) for line in draw(st.lists(LINES, min_size=1, max_size=3))]
-    parts.append(draw(st.one_of(st.just(b""), st.just(b""), SHORT_TEXT)))  # the beginning of another
-    return b"".join(parts)
-
-
-LONG = st.builds(
-    lambda start, length, end: (start + b"q" * length)[:length] + end,
-    st.sampled_from([b"", b"s3.ENC ", b"*\n"]),
-    st.sampled_from([250, 256, 257, 1000, 1007, 1008, 1022, 1023, 1024, 1025, 2100]),
-    st.sampled_from(LINE_ENDS + [b""]),
-)
-
-DATA = st.one_of(several_lines(), several_lines(), several_lines(), LONG)
-TAGS = st.sampled_from([0, 7, 0xFFFF, 0x00050007, 0xBB010001, 0xFFFFFFFF])
-WORDS = st.sampled_from([0, 1, 0x41414141, 0xFFFFFFFF])
-LENGTH_ERRORS = st.sampled_from([0, 0, 0, 0, 0, 1, 5, 100, -1, -3, -2000, 2000])
-MASKS = st.sampled_from([15, 15, 1, 2, 4, 8, 10, 5, 0, 16, 0xFFFFFFFF, 0x80000000])
-AMOUNTS = st.sampled_from(
-    [1, 500, MILLISECOND, 99 * MILLISECOND, 101 * MILLISECOND, SECOND // 2, SECOND - 1, SECOND, SECOND + 1]
-    + [2 * SECOND, 3 * SECOND, 10 * SECOND, 61 * SECOND, 100 * SECOND, 421 * SECOND, 4000 * SECOND, 3_000_000 * SECOND]
-)
-STARTS = st.sampled_from([10_000 * SECOND, 86_400 * SECOND + 999_999_500, 500_000 * SECOND + 123_456_789, 77_777 * SECOND + 1])
-TEXTS = st.one_of(
-    st.sampled_from([b"", b"5\r\n\r\n", b"a\0b", b"%s%n", b"\xff\xf0", b"*\n", b"r" * 1000, b"R" * 8176]), st.binary(max_size=5)
-)
-TELNET_PIECES = [
-    *(telnet.WILL_LINEMODE, telnet.SLC_LIST, telnet.MODE_ACK, telnet.SLC_ACK, telnet.DO_ECHO, telnet.DONT_ECHO),
-    *(telnet.IAC + telnet.WILL + telnet.SUPPRESS_GO_AHEAD, telnet.IAC + telnet.DO + telnet.NAWS, telnet.IAC, telnet.IAC + telnet.SB),
-    *(telnet.IAC + telnet.WILL + telnet.TERMINAL_TYPE, telnet.IAC + telnet.WONT + telnet.LINEMODE, b"alice\r\n", b"secret\r\n"),
-    *(telnet.IAC + telnet.SB + telnet.NAWS + b"\0\x50\0\x18" + telnet.IAC + telnet.SE, b"al", b"\r\n", b"s3.ENC X\r\n"),
-]
-LINE_MODE = [
-    *(telnet.WILL_LINEMODE, telnet.SLC_LIST, telnet.MODE_ACK + telnet.SLC_ACK, b"alice\r\n", telnet.DO_ECHO),
-    *(b"secret\r\n", telnet.DONT_ECHO),
-]
-WHO = st.integers(0, 30)
 
 
 def has_client(machine: Promised) -> bool:
@@ -256,12 +174,18 @@ class Promised(RuleBasedStateMachine):
         self.say(peer, data, cuts)
 
     @precondition(has_sender)
-    @rule(who=WHO, data=several_lines(), tag=TAGS)
+    @rule(who=WHO, data=SEVERAL_LINES, tag=TAGS)
     def command_in_one_piece(self, who: int, data: bytes, tag: int) -> None:
         self.command(who, data, [], tag, 0, 0)
 
     @precondition(has_sender)
-    @rule(who=WHO, which=st.integers(0, 40), unit=st.sampled_from(UNITS[:4]), body=st.sampled_from(BODIES), end=st.sampled_from(LINE_ENDS))
+    @rule(
+        who=WHO,
+        which=st.integers(0, 40),
+        unit=st.sampled_from(UNITS[:4]),
+        body=st.sampled_from(BODIES),
+        end=st.sampled_from(LINE_ENDS),
+    )
     def command_to_somebody(self, who: int, which: int, unit: bytes, body: bytes, end: bytes) -> None:
         """Who is registered."""
         known = self.device.promises.registrations
@@ -269,7 +193,7 @@ class Promised(RuleBasedStateMachine):
         self.command(who, unit + b"." + name.swapcase() + b" " + body + end, [], 5, 0, 0)
 
     @precondition(has_sender)
-    @rule(who=WHO, line=delay_line().filter(lambda line: not could_reset(line)), also=st.sampled_from([b"", b"", b"\nDELAY"]))
+    @rule(who=WHO, line=DELAY_LINES, also=st.sampled_from([b"", b"", b"\nDELAY"]))
     def delayed_command(self, who: int, line: bytes, also: bytes) -> None:
         if len(self.device.promises.delays) < MOST_PENDING:
             self.command(who, line + also + b"\n", [], 5, 0, 0)
@@ -296,7 +220,7 @@ class Promised(RuleBasedStateMachine):
             self.say(found[who % len(found)], data, [])
 
     @precondition(lambda self: self.device.line)
-    @rule(keys=st.lists(st.one_of(st.sampled_from([b"\x08", b"\x17", b"\x04", b"\r", b"\n"]), SHORT_TEXT, LINES), max_size=6).map(b"".join))
+    @rule(keys=TYPED)
     def type_with_mistakes(self, keys: bytes) -> None:
         """Erasing, or without a line end. An end of file behind nothing would let the line rest for a second."""
         keys = re.sub(rb"(?<![\w ])\x04", b"", keys)
@@ -306,7 +230,7 @@ class Promised(RuleBasedStateMachine):
             self.say(None, keys, [])
 
     @precondition(lambda self: len(self.device.peers) >= 2)
-    @rule(parts=st.lists(st.tuples(WHO, plain_line().filter(lambda line: not could_reset(line))), min_size=2, max_size=4))
+    @rule(parts=st.lists(st.tuples(WHO, PLAIN_LINES), min_size=2, max_size=4))
     def together(self, parts: list[tuple[int, bytes]]) -> None:
         chosen: dict[str, tuple[Peer | None, bytes]] = {}
         for who, line in parts:
@@ -324,7 +248,12 @@ class Promised(RuleBasedStateMachine):
 
     # Processes
 
-    @rule(address=st.sampled_from(ADDRESSES), name=st.sampled_from(NAMES), mask=MASKS, end=st.sampled_from([b"\0", b"\0", b"", b"\0x"]))
+    @rule(
+        address=st.sampled_from(ADDRESSES),
+        name=st.sampled_from(NAMES),
+        mask=MASKS,
+        end=st.sampled_from([b"\0", b"\0", b"", b"\0x"]),
+    )
     def register(self, address: int, name: bytes, mask: int, end: bytes) -> None:
         self.device.tell(address, wire.registration(name, mask, end), f"registers {name!r} for {mask:#x}")
 
@@ -372,7 +301,9 @@ class Promised(RuleBasedStateMachine):
         text = text[: wire.TEXT]
         self.device.tell(address, wire.record(wire.REPLY, text, tag=tag), f"answers {text!r} to {tag:#x}")
 
-    @rule(address=st.sampled_from(ADDRESSES), kind=st.sampled_from([wire.CLOSE_ALL, wire.CLOSE_TELNET, 0, 104, 206, wire.TEXT_KIND]))
+    @rule(
+        address=st.sampled_from(ADDRESSES), kind=st.sampled_from([wire.CLOSE_ALL, wire.CLOSE_TELNET, 0, 104, 206, wire.TEXT_KIND])
+    )
     def odd_message(self, address: int, kind: int) -> None:
         self.device.tell(address, wire.record(kind, b"x" * 20), f"sends a message of kind {kind}")
 
@@ -386,7 +317,9 @@ class Promised(RuleBasedStateMachine):
         datagram = wire.record(wire.COM2_WRITE, text, tag=tag, length=len(text) + wrong)
         self.device.tell(address, datagram, f"has {len(text) + wrong} bytes of {text!r} written to the line")
 
-    @rule(address=st.sampled_from(ADDRESSES), line=st.sampled_from([b"RESET A", b"", b"RESET REINIT s2", b"a b c d" + b" " * 100]))
+    @rule(
+        address=st.sampled_from(ADDRESSES), line=st.sampled_from([b"RESET A", b"", b"RESET REINIT s2", b"a b c d" + b" " * 100])
+    )
     def failing_reset(self, address: int, line: bytes) -> None:
         if line:
             self.device.tell(address, wire.record(wire.RESET, line + b"\0", tag=77, length=88), f"asks for {line!r}")

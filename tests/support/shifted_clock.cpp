@@ -4,8 +4,6 @@
 // SHIFTED_CLOCK names a file of at least 4 bytes, which holds the difference: a signed word, in
 // milliseconds, in the program's byte order. The test may change it at any time. Only
 // clock_gettime() is shifted: what waits in the kernel takes its time.
-#include "support/kernel_clock.h"
-
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -14,6 +12,8 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
+
+#include "support/kernel_clock.h"
 
 namespace {
 

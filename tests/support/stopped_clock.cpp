@@ -4,8 +4,6 @@
 // STOPPED_CLOCK names a file of at least 8 bytes, which holds the time: a word of 64 bits, in
 // nanoseconds, in the program's byte order. The test may change it at any time. Only
 // clock_gettime() shows it: what waits in the kernel takes its time.
-#include "support/kernel_clock.h"
-
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -13,6 +11,8 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <unistd.h>
+
+#include "support/kernel_clock.h"
 
 namespace {
 
