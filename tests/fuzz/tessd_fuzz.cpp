@@ -9,7 +9,8 @@
 //   4 a client sends up to 3000 bytes: 2 bytes length, then the bytes
 //   5 a client sends an XCP frame: 2 bytes tag, 1 byte length, payload
 //   6 a client closes    7 ... ends its direction only    8 ... resets
-//   9 somebody types at the serial line: 1 byte length, then the bytes
+//   9 somebody types at the serial line: 1 byte length, then the bytes; upper bits 8 and above: the
+//     line takes nothing from here on, or takes it again
 //  10 a process registers: 1 byte port mask, 1 byte of which the lower 3 bits are a length, a name
 //  11 a process sends a record: 1 byte kind (from 200, or 100 to 102), 4 bytes tag, 4 bytes len,
 //     1 byte length, text
@@ -18,8 +19,8 @@
 //  14 what has a thread of its own comes to its end
 //  15 a process dies or begins; upper bits 8 and above: forks fail from here on, or no more
 //
-// After each action the service loop has a turn, and the message loop one if a record was sent. The
-// two loops have no threads, so that the same input always does the same.
+// After each action the service loop has a turn; the message loop has one after 10, 11, 13 and 14.
+// The two loops have no threads, so that the same input always does the same.
 #include <array>
 #include <cstdio>
 #include <cstdlib>
@@ -195,7 +196,10 @@ public:
             if (clients_.size() < MOST_CLIENTS) clients_.emplace_back(static_cast<Client::Kind>(action & 15U));
             break;
         case 9:
-            type(input.take(input.byte()));
+            if (whom >= 8)
+                lineTakes_ = !lineTakes_;
+            else
+                type(input.take(input.byte()));
             break;
         case 10:
         case 11:
@@ -206,10 +210,12 @@ public:
             break;
         case 13:
             pass(std::chrono::milliseconds(input.number<std::uint16_t>()));
+            serveQueue();
             break;
         case 14:
             reInitFails = whom >= 8;
             HeldThreads::run();
+            serveQueue();
             break;
         case 15:
             if (whom >= 8)
@@ -230,6 +236,7 @@ public:
             takeRecords(true);
             pass(std::chrono::milliseconds(300));
             turn();
+            serveQueue();
         }
     }
 
@@ -334,12 +341,13 @@ private:
         peer_->serve();
         for (Client& client : clients_)
             client.receive();
-        (void)line_.received(); // a serial line takes anything
+        if (lineTakes_) (void)line_.received(); // whatever it is
     }
 
     FuzzClock clock_;
     TempQueueDir directory_;
     PtyLine line_;
+    bool lineTakes_ = true;
     std::unique_ptr<TTess> tess_;
     std::optional<TessPeer> peer_;
     std::array<std::optional<QueueProcess>, PROCESSES> processes_;
