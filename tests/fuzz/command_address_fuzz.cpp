@@ -7,13 +7,6 @@
 #include "tests/fuzz/fuzz_input.h"
 #include "tests/support/address_rules.h"
 
-std::span<const std::string_view> fuzzDictionary()
-{
-    static constexpr std::string_view words[] = {"s3",      ".",  "ENC",    " ",  "*",  "$", ",",   "$GPRMC",
-                                                 "$GPGGA,", "\t", "SETX 5", "*.", "* ", "X", "\r\n"};
-    return words;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     const std::string_view text(reinterpret_cast<const char*>(data), size);

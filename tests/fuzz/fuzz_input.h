@@ -4,7 +4,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <span>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -49,6 +48,3 @@ public:
 private:
     std::string_view rest_;
 };
-
-/// What inputs are made of besides random bytes; each fuzzer names its own.
-std::span<const std::string_view> fuzzDictionary();

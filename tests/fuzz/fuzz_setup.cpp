@@ -1,10 +1,14 @@
 #include "tests/fuzz/fuzz_setup.h"
 
 #include <csignal>
+#include <cstdio>
 #include <fcntl.h>
+#include <sched.h>
 #include <unistd.h>
 
+#include "tests/support/no_reboot.h"
 #include "tests/support/private_mounts.h"
+#include "tests/support/private_network.h"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 #include <sanitizer/common_interface_defs.h>
@@ -14,13 +18,13 @@ namespace {
 
 int reportFd = STDERR_FILENO;
 
-} // namespace
-
-void setUpFuzzing()
+/// As inputs have it, which were made on other machines.
+void takeDeviceName()
 {
-    enterPrivateMounts();
-    ::signal(SIGPIPE, SIG_IGN); // the daemon's handler does no more
+    if (::unshare(CLONE_NEWUTS) != 0 || ::sethostname("s3", 2) != 0) ::perror("no host name of its own");
 }
+
+} // namespace
 
 int fuzzReportFd()
 {
@@ -29,22 +33,26 @@ int fuzzReportFd()
 
 void silenceLog()
 {
-    const int kept = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 100);
     const int nowhere = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-    if (kept < 0 || nowhere < 0) return;
-    reportFd = kept;
+    if (nowhere < 0) return;
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-    __sanitizer_set_report_fd(reinterpret_cast<void*>(static_cast<long>(kept)));
+    __sanitizer_set_report_fd(reinterpret_cast<void*>(static_cast<long>(reportFd)));
 #endif
     ::dup2(nowhere, STDERR_FILENO);
     ::close(nowhere);
 }
 
-// libFuzzer calls this first; the driver does it too.
+// Whatever calls the target calls this first.
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv);
 
 extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/)
 {
-    setUpFuzzing();
+    const int kept = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 100);
+    if (kept >= 0) reportFd = kept;
+    enterPrivateMounts();
+    enterPrivateNetwork();
+    takeDeviceName();
+    giveUpReboot();
+    ::signal(SIGPIPE, SIG_IGN); // the daemon's handler does no more
     return 0;
 }

@@ -1,12 +1,12 @@
 #pragma once
 
-/// What a fuzzer needs before its first input: mounts of its own, no signal from broken pipes.
-void setUpFuzzing();
+/// Before the first input a fuzz target gets mounts and a network of its own, and loses the right
+/// to restart the machine; see LLVMFuzzerInitialize() in fuzz_setup.cpp.
 
-/// Where a failure is reported: standard error, which setUpFuzzing() has kept although what the
-/// code logs goes nowhere.
+/// Where a failure is reported: standard error as it was at the start, although what the code logs
+/// goes nowhere.
 int fuzzReportFd();
 
 /// Turns standard error, where the code under test logs, into /dev/null; fuzzReportFd() and the
-/// sanitizers stay visible.
+/// sanitizers stay visible. libFuzzer does the same by -close_fd_mask=2.
 void silenceLog();

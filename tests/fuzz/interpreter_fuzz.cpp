@@ -170,15 +170,6 @@ private:
 
 } // namespace
 
-std::span<const std::string_view> fuzzDictionary()
-{
-    static constexpr std::string_view words[] = {
-        "\n",           "|",        "*",    " ",     "$",     ".",    "s3.ENC ",  "*.",         "SETX 5",
-        "$GPRMC,1",     "RESET",    "quit", "DELAY", "CLEAR", "1.0|", "1:0:0.5|", "DELAY 1.0|", "DELAY CLEAR",
-        "reset REINIT", "s3.GPSD ", "\t"};
-    return words;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     static constexpr std::uint32_t portTypes[] = {PORT_IPC, PORT_TELNET, PORT_XCP, PORT_COM2, 0};

@@ -41,13 +41,6 @@ void check(const std::string& received, Cut& cut, int count, std::uint32_t tag,
 
 } // namespace
 
-std::span<const std::string_view> fuzzDictionary()
-{
-    static constexpr std::string_view words[] = {
-        "\r", "\n", "\r\n", " ", "\t", "A", "SETX 5", std::string_view("\0", 1), "\v", "\x85", "\xA0", "|"};
-    return words;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     const std::string received(reinterpret_cast<const char*>(data), size);

@@ -7,15 +7,6 @@
 #include "tests/support/line_rules.h"
 #include "tests/support/stream_pair.h"
 
-std::span<const std::string_view> fuzzDictionary()
-{
-    using namespace std::string_view_literals;
-    // In front of some: how many bytes go out before the next read, as the input has it.
-    static constexpr std::string_view words[] = {"\x01\x00"sv, "\x10\x00"sv, "\x10\x10"sv, "\xFF\xFF"sv, "A\n"sv,
-                                                 "\r\n"sv,     " "sv,        "\0"sv,       "SETX 5"sv,   "\n"sv};
-    return words;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     FuzzInput input(data, size);

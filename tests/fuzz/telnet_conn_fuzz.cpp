@@ -195,31 +195,6 @@ private:
 
 } // namespace
 
-std::span<const std::string_view> fuzzDictionary()
-{
-    using namespace std::string_view_literals;
-    static constexpr std::string_view words[] = {"\x40\x00"sv,
-                                                 "\xFF\xFB\x22"sv,
-                                                 "\xFF\xFC\x22"sv,
-                                                 "\xFF\xFB\x18"sv,
-                                                 "\xFF\xFD\x01"sv,
-                                                 "\xFF\xFE\x01"sv,
-                                                 "\xFF\xFD\x03"sv,
-                                                 "\xFF\xF1"sv,
-                                                 "\xFF"sv,
-                                                 "\xFF\xFA"sv,
-                                                 "\xFF\xFA\x22"sv,
-                                                 "\xFF\xF0"sv,
-                                                 "\xFF\xFA\x22\x01\x05\xFF\xF0"sv,
-                                                 "\xFF\xFA\x22\x03\x11\x82\x0D\x12\x82\x0D\xFF\xF0"sv,
-                                                 "\xFF\xFA\x22\x03\x11\x02\x0D\x12\xFF\xF0"sv,
-                                                 "\xFF\xFA\x18\x00XTERM\xFF\xF0"sv,
-                                                 "alice\r\n"sv,
-                                                 "\r\0"sv,
-                                                 "\n"sv};
-    return words;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     FuzzInput input(data, size);

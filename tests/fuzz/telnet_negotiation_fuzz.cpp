@@ -62,26 +62,6 @@ void checkSent(const std::string& sent, std::size_t used)
 
 } // namespace
 
-std::span<const std::string_view> fuzzDictionary()
-{
-    using namespace std::string_view_literals;
-    static constexpr std::string_view words[] = {"\x03\x00\x00\x00"sv,
-                                                 "\x07\x00\xE8\x03"sv,
-                                                 "\xFF\xFB\x22"sv,
-                                                 "\xFF\xFB\x18"sv,
-                                                 "\xFF\xFD\x01"sv,
-                                                 "\xFF\xFE\x01"sv,
-                                                 "\xFF"sv,
-                                                 "\xFF\xFA"sv,
-                                                 "\xFF\xFA\x22"sv,
-                                                 "\xFF\xF0"sv,
-                                                 "\xFF\xFA\x22\x01\x05\xFF\xF0"sv,
-                                                 "\xFF\xFA\x22\x03\x11\x82\x0D\x12\x82\x0D\xFF\xF0"sv,
-                                                 "\xFF\xFA\x18\x00XTERM\xFF\xF0"sv,
-                                                 "alice\r\n"sv};
-    return words;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     FuzzInput input(data, size);

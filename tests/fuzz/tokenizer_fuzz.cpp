@@ -40,13 +40,6 @@ bool readOneByOne(const std::vector<std::string>& tokens, std::vector<int>& numb
 
 } // namespace
 
-std::span<const std::string_view> fuzzDictionary()
-{
-    static constexpr std::string_view words[] = {
-        "\x01|", "\x03: .", "|", "||", ":", ".", " ", "0", "10", "+1", "-1", "2147483647", "2147483648", "99999999999"};
-    return words;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     FuzzInput input(data, size);

@@ -99,26 +99,6 @@ struct Session {
 
 } // namespace
 
-std::span<const std::string_view> fuzzDictionary()
-{
-    using namespace std::string_view_literals;
-    static constexpr std::string_view words[] = {"\x03\x05\x00"sv,
-                                                 "\x03\xF0\x03"sv,
-                                                 "\x01\x04\x00"sv,
-                                                 "\x02\x08\x00"sv,
-                                                 "\x08\x10\x00"sv,
-                                                 "ver\r\n"sv,
-                                                 "A\n\0"sv,
-                                                 "A\rB"sv,
-                                                 " "sv,
-                                                 "\x7F\xFF\xFF\xFF"sv,
-                                                 "\x80\0\0\0"sv,
-                                                 "\0\0\0\x80"sv,
-                                                 "\xFF\xFF\xFF\xFF"sv,
-                                                 "\0\0\0\0"sv};
-    return words;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     FuzzInput input(data, size);

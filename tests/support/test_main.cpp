@@ -3,10 +3,9 @@
 #include <cstdlib>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <linux/capability.h>
-#include <sys/syscall.h>
 #include <unistd.h>
 
+#include "tests/support/no_reboot.h"
 #include "tests/support/private_mounts.h"
 #include "tests/support/private_network.h"
 
@@ -15,20 +14,6 @@
 #endif
 
 namespace {
-
-/// Whatever a test does by mistake, it cannot restart the machine.
-void giveUpReboot()
-{
-    __user_cap_header_struct header{};
-    header.version = _LINUX_CAPABILITY_VERSION_3;
-    __user_cap_data_struct sets[_LINUX_CAPABILITY_U32S_3]{};
-    if (::syscall(SYS_capget, &header, sets) != 0) return;
-    constexpr unsigned bit = 1U << CAP_SYS_BOOT;
-    static_assert(CAP_SYS_BOOT < 32);
-    for (auto* set : {&sets[0].effective, &sets[0].permitted, &sets[0].inheritable})
-        *set &= ~bit;
-    if (::syscall(SYS_capset, &header, sets) != 0) std::abort();
-}
 
 /// Tests catch what goes to standard error; a sanitizer's report is to be seen all the same.
 void keepReportsVisible()

@@ -114,10 +114,9 @@ void LocalClient::takeFrames(std::string& text)
     FrameHeader header;
     while (frames_.size() >= sizeof header) {
         std::memcpy(&header, frames_.data(), sizeof header);
-        const std::size_t whole = sizeof header + header.length;
-        if (frames_.size() < whole) return;
+        if (frames_.size() - sizeof header < header.length) return; // no sum, which may not fit 32 bits
         const std::string_view payload = std::string_view(frames_).substr(sizeof header, header.length);
         text += payload.substr(0, payload.find('\0'));
-        frames_.erase(0, whole);
+        frames_.erase(0, sizeof header + header.length);
     }
 }
