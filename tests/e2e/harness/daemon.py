@@ -13,7 +13,7 @@ import socket
 import subprocess
 from collections.abc import Iterable, Mapping, Sequence
 
-from harness import proc, settings
+from harness import preload, proc, settings
 from harness.waiting import Deadline, wait_until
 
 # Local ports only: what the tests of these ports need.
@@ -273,6 +273,7 @@ def _environment(changes: Mapping[str, str | None], notify_path: str) -> dict[st
         environment.pop(name, None)
     environment.setdefault("LSAN_OPTIONS", f"suppressions={settings.PROJECT}/tests/lsan.supp:print_suppressions=0")
     environment["NOTIFY_SOCKET"] = notify_path
+    environment.update(preload.environment())
     for name, value in changes.items():
         if value is None:
             environment.pop(name, None)

@@ -4,15 +4,12 @@ from __future__ import annotations
 
 import mmap
 import os
-import re
 import struct
-import subprocess
 
-from harness import settings
+from harness import preload, settings
 
 _LIBRARY = os.path.join(settings.BIN_DIR, "libshifted_clock.so")
 _difference = struct.Struct("<i" if settings.BYTEORDER == "little" else ">i")
-_SANITIZER = re.compile(r"=> (\S*/lib[at]san\.so\S*)")
 
 
 class ShiftedClock:
@@ -25,21 +22,11 @@ class ShiftedClock:
         with open(path, "r+b") as file:
             self._map = mmap.mmap(file.fileno(), mmap.PAGESIZE)
         self._ahead = 0
-        preloaded = {"LD_PRELOAD": " ".join([*_sanitizer_libraries(), _LIBRARY]), "SHIFTED_CLOCK": path}
         assert os.path.exists(_LIBRARY), f"{_LIBRARY} is missing"
-        if settings.emulated():  # for the program in the emulator, not for the emulator
-            preloaded = {"QEMU_SET_ENV": ",".join(f"{name}={value}" for name, value in preloaded.items())}
-        self.environment = preloaded
+        self.environment = preload.environment(_LIBRARY, SHIFTED_CLOCK=path)
 
     def advance(self, seconds: float) -> None:
         """The clock goes ahead by so much more, to the millisecond."""
         self._ahead += round(seconds * 1000)
         self._map[: _difference.size] = _difference.pack(self._ahead)
 
-
-def _sanitizer_libraries() -> list[str]:
-    """Those that insist on being the first of the preloaded ones."""
-    if not settings.sanitized():
-        return []
-    listing = subprocess.run(["ldd", settings.TESSD], check=True, capture_output=True, text=True).stdout
-    return _SANITIZER.findall(listing)

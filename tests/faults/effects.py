@@ -1,0 +1,151 @@
+"""What a fault does, in a few words, and the table of that in effects.md."""
+
+from __future__ import annotations
+
+import os
+import re
+from collections.abc import Callable, Iterable
+
+from fault_library import EVERY, FIRST, SECOND, Fault
+from harness.daemon import NORMAL_EXIT, Daemon
+from stage import Stage, left_files, trouble
+
+TABLE = os.path.join(os.path.dirname(os.path.realpath(__file__)), "effects.md")
+START, LEFTOVERS, TRAFFIC, END = "start", "start over what a killed daemon has left", "traffic", "end"
+PHASES = (START, LEFTOVERS, TRAFFIC, END)
+OCCURRENCES = (FIRST, SECOND, EVERY)
+NOT_REACHED = ""
+SPINS = 0.5  # of a processor, by a daemon that has nothing to do
+
+_HEAD = "| Call | Error | first | second | every |\n|---|---|---|---|---|\n"
+_VARYING = re.compile(r"\d+(?= log lines were lost)")
+
+
+def effect(launch: Callable[..., Daemon], phase: str, fault: Fault) -> str:
+    """Runs a daemon with this fault in this phase and tells what became of it. Raises AssertionError for what must never
+    come of a fault."""
+    stage = Stage(launch, fault, armed=phase in (START, LEFTOVERS), leftovers=phase == LEFTOVERS)
+    try:
+        found = _RUNS[phase](stage, fault)
+        return NOT_REACHED if stage.control.fired() == 0 else _VARYING.sub("some", found)
+    finally:
+        stage.close()
+
+
+def census(launch: Callable[..., Daemon], phase: str) -> dict[str, int]:
+    """How often each call is made in this phase when none fails."""
+    stage = Stage(launch, None, armed=phase in (START, LEFTOVERS), leftovers=phase == LEFTOVERS)
+    try:
+        _RUNS[phase](stage, None)
+        return stage.control.counts()
+    finally:
+        stage.close()
+
+
+def _joined(parts: Iterable[str]) -> str:
+    return "; ".join(part for part in parts if part)
+
+
+def _logged(lines: list[str]) -> str:
+    return f"logs {', '.join(lines)}" if lines else ""
+
+
+def _ended(stage: Stage) -> str:
+    status = stage.tessd.wait_end(10)
+    stage.tessd.expect_no_sanitizer_report()
+    what = f"ends with status {status}" if status >= 0 else f"is ended by signal {-status}"
+    return _joined([what, _logged(trouble(stage.tessd))])
+
+
+def _at_start(stage: Stage, fault: Fault | None) -> str:
+    if not stage.wait_started() or not stage.wait_settled():
+        return _joined([_ended(stage), f"leaves {', '.join(left_files())}" if left_files() else ""])
+    stage.control.disarm()
+    missing = stage.missing_ports() if fault else []
+    said = trouble(stage.tessd)
+    stage.tessd.stop()
+    return _joined(["serves" + (f" without {', '.join(missing)}" if missing else ""), _logged(said)])
+
+
+def _in_traffic(stage: Stage, fault: Fault | None) -> str:
+    assert stage.wait_started(), stage.tessd.log_text()
+    stage.populate()
+    before = len(stage.tessd.entries())
+    stage.control.arm()
+    outcomes = stage.talk(fault)
+    spins = fault is not None and fault.which == EVERY and not stage.tessd.ended() and stage.share_when_idle() > SPINS
+    stage.control.disarm()
+    if stage.tessd.ended():
+        return _joined([_ended(stage), *(f"{name} {outcome}" for name, outcome in outcomes.items())])
+    closed = stage.closed_clients()
+    missing = stage.missing_ports()
+    assert not missing, f"not served any more: {missing}\n{stage.tessd.log_text()}"
+    if fault is not None and fault.which != EVERY:
+        assert len(outcomes) <= 1, f"one call failed, and all these got no answer: {outcomes}\n{stage.tessd.log_text()}"
+    said = trouble(stage.tessd, before)
+    stage.tessd.stop()
+    return _joined(
+        [
+            "serves",
+            "uses a processor meanwhile" if spins else "",
+            *(f"{name} {outcome}" for name, outcome in outcomes.items()),
+            f"closes {', '.join(closed)}" if closed else "",
+            _logged(said),
+        ]
+    )
+
+
+def _at_end(stage: Stage, fault: Fault | None) -> str:
+    assert stage.wait_started(), stage.tessd.log_text()
+    stage.populate()
+    before = len(stage.tessd.entries())
+    stage.control.arm()
+    stage.tessd.signal(15)
+    status = stage.tessd.wait_end(10)
+    stage.control.disarm()
+    stage.tessd.expect_no_sanitizer_report()
+    open_still = [name for name, client in stage.clients.items() if not stage._is_closed(client)]
+    left = left_files()
+    in_order = status == 0 and stage.tessd.entries()[-1] == NORMAL_EXIT
+    return _joined(
+        [
+            "ends in order" if in_order else f"ends with status {status}",
+            f"does not close {', '.join(open_still)}" if open_still else "",
+            f"leaves {', '.join(left)}" if left else "",
+            _logged(trouble(stage.tessd, before)),
+        ]
+    )
+
+
+_RUNS = {START: _at_start, LEFTOVERS: _at_start, TRAFFIC: _in_traffic, END: _at_end}
+
+# The table
+
+Row = tuple[str, str, str]  # phase, call with its kind, error
+
+
+def read_table() -> dict[Row, dict[str, str]]:
+    """What each occurrence does; several effects that take turns are joined by " / "."""
+    rows: dict[Row, dict[str, str]] = {}
+    phase = ""
+    with open(TABLE, encoding="utf-8") as file:
+        for line in file:
+            if line.startswith("## "):
+                phase = line[3:].strip().lower()
+            elif line.startswith("| `"):
+                call, error, *cells = (cell.strip() for cell in line.strip().strip("|").split("|"))
+                rows[phase, call.strip("`"), error] = dict(zip(OCCURRENCES, cells, strict=True))
+    return rows
+
+
+def table_text(rows: dict[Row, dict[str, str]]) -> str:
+    with open(TABLE, encoding="utf-8") as file:
+        head = file.read().partition("\n## ")[0]
+    parts = [head.rstrip() + "\n"]
+    for phase in PHASES:
+        parts.append(f"\n## {phase.capitalize()}\n\n{_HEAD}")
+        for row in sorted(row for row in rows if row[0] == phase):
+            cells = " | ".join(rows[row].get(which, NOT_REACHED) for which in OCCURRENCES)
+            parts.append(f"| `{row[1]}` | {row[2]} | {cells} |\n".replace("|  |", "| |").replace("|  |", "| |"))
+    return "".join(parts)
+

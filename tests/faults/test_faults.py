@@ -1,0 +1,59 @@
+"""Each call of the daemon made to fail in turn, at its first, second and every time, at the start, in the middle of traffic
+and at the end. What becomes of that is compared with the table in effects.md."""
+
+from __future__ import annotations
+
+import json
+import os
+
+import pytest
+
+import effects
+import errors
+from fault_library import Fault
+
+WRITE = os.environ.get("TESSD_FAULTS_WRITE")
+
+
+def _rows() -> list[effects.Row]:
+    """Those of the table; where it is written, those of the census that was written before."""
+    if not WRITE or not os.path.exists(WRITE):
+        rows = sorted(effects.read_table())
+    else:
+        with open(WRITE, encoding="utf-8") as file:
+            counted = [json.loads(line)["census"] for line in file if '"census"' in line]
+        rows = sorted({case for phase, calls in counted for case in errors.cases(phase, calls)})
+    number, _, of = os.environ.get("TESSD_FAULTS_PART", "0/1").partition("/")
+    return rows[int(number) :: int(of)]
+
+
+def _write(**what: object) -> None:
+    with open(WRITE, "a", encoding="utf-8") as file:
+        file.write(json.dumps(what) + "\n")
+
+
+@pytest.mark.deadline(120)
+@pytest.mark.parametrize("phase", effects.PHASES)
+def test_the_table_has_each_call_that_is_made(launch, phase):
+    counted = effects.census(launch, phase)
+    unknown = [call for call in counted if call.partition("/")[0] not in errors.ERRORS]
+    assert not unknown, f"no errors are listed for {unknown}"
+    if WRITE:
+        _write(census=(phase, list(counted)))
+        return
+    missing = sorted(errors.cases(phase, counted) - set(effects.read_table()))
+    assert not missing, f"calls without a row in effects.md, scripts/faults --write adds them: {missing}"
+
+
+@pytest.mark.deadline(150)
+@pytest.mark.parametrize("phase, call, error", _rows(), ids=lambda value: value)
+def test_effect(launch, phase, call, error):
+    expected = {} if WRITE else effects.read_table()[phase, call, error]
+    wrong = []
+    for which in effects.OCCURRENCES:
+        got = effects.effect(launch, phase, Fault(call, error, which))
+        if WRITE:
+            _write(row=(phase, call, error), which=which, effect=got)
+        elif got not in expected[which].split(" / "):
+            wrong.append(f"{which}: expected {expected[which]!r}, got {got!r}")
+    assert not wrong, "\n".join(wrong)
