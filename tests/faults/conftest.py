@@ -10,14 +10,25 @@ import importlib.util
 import os
 import sys
 
+import pytest
+
 HERE = os.path.dirname(os.path.realpath(__file__))
 END_TO_END = os.path.join(os.path.dirname(HERE), "e2e")
 sys.path[:0] = [HERE, END_TO_END]
 
+from harness import accounts  # noqa: E402
+
 _specification = importlib.util.spec_from_file_location("end_to_end_fixtures", os.path.join(END_TO_END, "conftest.py"))
 fixtures = importlib.util.module_from_spec(_specification)
+from harness import accounts  # noqa: E402
+
 _specification.loader.exec_module(fixtures)
 
 pytest_configure = fixtures.pytest_configure
 pytest_runtest_protocol = fixtures.pytest_runtest_protocol
 launch = fixtures.launch
+
+
+@pytest.fixture(autouse=True)
+def _accounts() -> None:
+    accounts.install()

@@ -1,23 +1,17 @@
-"""What a fault does, in a few words, and the table of that in effects.md."""
+"""What a fault does, in a few words."""
 
 from __future__ import annotations
 
-import os
 import re
 from collections.abc import Callable, Iterable
 
-from fault_library import EVERY, FIRST, SECOND, Fault
+from effect_table import END, LEFTOVERS, NOT_REACHED, START, TRAFFIC
+from fault_library import EVERY, Fault
 from harness.daemon import NORMAL_EXIT, Daemon
 from stage import Stage, left_files, trouble
 
-TABLE = os.path.join(os.path.dirname(os.path.realpath(__file__)), "effects.md")
-START, LEFTOVERS, TRAFFIC, END = "start", "start over what a killed daemon has left", "traffic", "end"
-PHASES = (START, LEFTOVERS, TRAFFIC, END)
-OCCURRENCES = (FIRST, SECOND, EVERY)
-NOT_REACHED = ""
 SPINS = 0.5  # of a processor, by a daemon that has nothing to do
 
-_HEAD = "| Call | Error | first | second | every |\n|---|---|---|---|---|\n"
 _VARYING = re.compile(r"\d+(?= log lines were lost)")
 
 
@@ -80,6 +74,7 @@ def _in_traffic(stage: Stage, fault: Fault | None) -> str:
     closed = stage.closed_clients()
     missing = stage.missing_ports()
     assert not missing, f"not served any more: {missing}\n{stage.tessd.log_text()}"
+    assert fault is not None or not outcomes, f"nothing failed, and these got no answer: {outcomes}\n{stage.tessd.log_text()}"
     if fault is not None and fault.which != EVERY:
         assert len(outcomes) <= 1, f"one call failed, and all these got no answer: {outcomes}\n{stage.tessd.log_text()}"
     said = trouble(stage.tessd, before)
@@ -118,34 +113,3 @@ def _at_end(stage: Stage, fault: Fault | None) -> str:
 
 
 _RUNS = {START: _at_start, LEFTOVERS: _at_start, TRAFFIC: _in_traffic, END: _at_end}
-
-# The table
-
-Row = tuple[str, str, str]  # phase, call with its kind, error
-
-
-def read_table() -> dict[Row, dict[str, str]]:
-    """What each occurrence does; several effects that take turns are joined by " / "."""
-    rows: dict[Row, dict[str, str]] = {}
-    phase = ""
-    with open(TABLE, encoding="utf-8") as file:
-        for line in file:
-            if line.startswith("## "):
-                phase = line[3:].strip().lower()
-            elif line.startswith("| `"):
-                call, error, *cells = (cell.strip() for cell in line.strip().strip("|").split("|"))
-                rows[phase, call.strip("`"), error] = dict(zip(OCCURRENCES, cells, strict=True))
-    return rows
-
-
-def table_text(rows: dict[Row, dict[str, str]]) -> str:
-    with open(TABLE, encoding="utf-8") as file:
-        head = file.read().partition("\n## ")[0]
-    parts = [head.rstrip() + "\n"]
-    for phase in PHASES:
-        parts.append(f"\n## {phase.capitalize()}\n\n{_HEAD}")
-        for row in sorted(row for row in rows if row[0] == phase):
-            cells = " | ".join(rows[row].get(which, NOT_REACHED) for which in OCCURRENCES)
-            parts.append(f"| `{row[1]}` | {row[2]} | {cells} |\n".replace("|  |", "| |").replace("|  |", "| |"))
-    return "".join(parts)
-

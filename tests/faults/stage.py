@@ -51,13 +51,8 @@ class Stage:
     ) -> None:
         """armed        calls fail from the start on
         leftovers    there are the files of a daemon that was killed; else there is not even a queue directory"""
-        accounts.install()
-        write_reinit_program("exit 1")
+        prepare_files(leftovers)
         self.line = SerialLine()
-        if leftovers:
-            leave_files()
-        else:
-            os.rmdir(settings.QUEUE_DIR)
         self.control = FaultControl(fault, armed)
         self.tessd = launch(environment={**self.control.environment, "TESS_REINIT": REINIT_PROGRAM})
         self.process: AnsweringProcess | None = None
@@ -72,7 +67,7 @@ class Stage:
         while not deadline.over():
             if self.tessd.ended():
                 return False
-            if RUNNING in self.tessd.entries():
+            if RUNNING in self.tessd.entries() or self.tessd.has_told_manager():
                 return True
             time.sleep(0.002)
         raise AssertionError(f"neither up nor ended\n{self.tessd.where()}\n{self.tessd.log_text()}")
@@ -192,7 +187,7 @@ class Stage:
 
     def _set_delay(self) -> str:
         with IpcClient() as client:
-            set_one = self._asked(client, b"DELAY 0:0:0.5 s3.ENC LATER", b"OK\r\n\r\n")
+            set_one = self._asked(client, b"DELAY 1.0|s3.ENC LATER", b"OK\r\n\r\n")
             return set_one if set_one != ANSWERED else self._asked(client)
 
     def _re_initialised(self) -> str:
@@ -305,8 +300,16 @@ class Stage:
         return missing
 
 
-def leave_files() -> None:
-    """What a daemon leaves that was killed."""
+def prepare_files(leftovers: bool) -> None:
+    """What a daemon leaves that was killed, or no trace of any."""
+    write_reinit_program("exit 1")
+    for path in left_files():
+        os.unlink(path)
+    with contextlib.suppress(FileNotFoundError):
+        os.rmdir(settings.QUEUE_DIR)
+    if not leftovers:
+        return
+    os.mkdir(settings.QUEUE_DIR)
     for path, kind in (
         (queue_path(wire.DAEMON), socket.SOCK_DGRAM),
         (settings.IPC_PATH, socket.SOCK_STREAM),
