@@ -96,13 +96,14 @@ protected:
     bool closeEndpoint();
 
     /// Makes a connection and counts it.
+    /// @throws std::bad_alloc  nothing has been counted
     TPortConn* addConn(MakeConn make, int connFd);
 
     /// Accepts a client and makes its connection. Whether it may stay is for the caller to find
     /// out.
     /// @param peer      receives the client's address; may be null
     /// @param peerSize  in: its room, out: its size; may be null
-    /// @return null when nobody was accepted for want of descriptors
+    /// @return null when nobody was accepted for want of descriptors or memory; the port then rests
     TPortConn* acceptConn(MakeConn make, sockaddr* peer = nullptr, socklen_t* peerSize = nullptr);
 
     /// What every closeConn() has in common.
@@ -134,5 +135,6 @@ protected:
     bool mayStay(const TPortConn& conn) const;
 
 private:
-    std::uint32_t countNewConn();
+    void rest();
+    void countNewConn();
 };
