@@ -60,6 +60,9 @@ ERRORS: dict[str, tuple[str, ...]] = {
     "new": ("ENOMEM",),
 }
 
+# What is about the event descriptor only fails in one way (eventfd(2)).
+_OF_WAKE = ("EAGAIN",)
+
 # Calls that the stage makes only while they fail.
 PROVOKED = {("traffic", "fork")}
 
@@ -76,5 +79,5 @@ def cases(phase: str, made: Iterable[str]) -> set[tuple[str, str, str]]:
         (phase, call, error)
         for call in {*made, *(call for where, call in PROVOKED if where == phase)}
         if ("killed" not in phase or call in _OVER_LEFTOVERS) and (phase != "start" or call not in _BEHIND_THE_START)
-        for error in ERRORS[call.partition("/")[0]]
+        for error in (_OF_WAKE if call.endswith("/wake") else ERRORS[call.partition("/")[0]])
     }

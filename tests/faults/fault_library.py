@@ -24,11 +24,11 @@ _row = struct.Struct(f"={_NAME_BYTES}sI")
 class Fault:
     call: str  # with its kind, as the library counts it
     error: str  # as errno(3) names it, or SHORT
-    which: str
+    which: str  # of WHICH, or a number, which is that one
 
     def rule(self) -> str:
         effect = SHORT if self.error == SHORT else str(getattr(errno, self.error))
-        return f"{self.call}={effect}@{WHICH[self.which]}"
+        return f"{self.call}={effect}@{WHICH.get(self.which, self.which)}"
 
     def __str__(self) -> str:
         return f"{self.which} {self.call}: {self.error}"

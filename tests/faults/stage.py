@@ -11,9 +11,8 @@ import termios
 import time
 from collections.abc import Callable, Iterator
 
-from fault_library import Fault, FaultControl
+from fault_library import EVERY, FIRST, Fault, FaultControl
 from harness import accounts, com2, settings, wire
-from harness.answers import share_of_processor
 from harness.clients import Client, IpcClient, XcpClient
 from harness.com2 import SerialLine
 from harness.daemon import RUNNING, Daemon
@@ -25,7 +24,7 @@ from harness.waiting import Deadline, wait_until
 PATIENCE = 2.5  # seconds for an answer that may be late by the second for which a port rests, or a lost wake-up
 ANSWERED, UNANSWERED, CLOSED, REFUSED = "answered", "unanswered", "closed", "refused"
 _FULL = 14  # records; a queue takes 11 and then no more
-_MARK = b"0\r\n\r\n"  # the answer to "*"
+HEARD = b"*", b"0\r\n\r\n"  # a question that the daemon itself answers
 COMMAND, ANSWER = b"s3.ENC GETX", b"5\r\n\r\n"
 
 # Log lines that tell of no trouble.
@@ -34,13 +33,13 @@ _NORMAL_TEXTS = ("Received SIGTERM", "Signal 'SIGCHLD' received")
 
 
 def trouble(tessd: Daemon, after: int = 0) -> list[str]:
-    """What the log tells of what went wrong, each line once, from the `after`-th line on."""
+    """What the log tells of what went wrong, from the `after`-th line on: each line once, in no order."""
     lines = [
         f"{number} {text}"
         for number, text in tessd.entries()[after:]
         if (number not in _NORMAL and not text.startswith(_NORMAL_TEXTS)) or text.startswith("Error")
     ]
-    return list(dict.fromkeys(lines))
+    return sorted({line.strip() for line in lines})
 
 
 class Stage:
@@ -99,6 +98,8 @@ class Stage:
         self.tessd.wait_asleep()
 
     def close(self) -> None:
+        if not self.tessd.end_seen:
+            self.tessd.kill()
         for client in self.clients.values():
             client.close()
         self.line.hang_up()
@@ -108,17 +109,43 @@ class Stage:
     # What they do, and what they get
 
     def _asked(self, client: Client | SerialLine, line: bytes = COMMAND, answer: bytes = ANSWER) -> str:
-        """Asks, and tells what came."""
+        """Asks, and tells what came in place of the answer."""
         try:
-            client.ask(line, answer, PATIENCE)
-            return ANSWERED
+            if isinstance(client, XcpClient):
+                client.send_frame(line + b"\n")
+                got = self._received(client, lambda got: got[wire.HEADER :] == answer + b"\0")[wire.HEADER : -1]
+            elif isinstance(client, TelnetClient):
+                client.send(line + b"\r\n")
+                echo = line + b"\r\n"
+                got = self._received(client, lambda got: got.removeprefix(echo) == answer).removeprefix(echo)
+            elif isinstance(client, SerialLine):
+                client.type(line + b"\r")
+                got = self._received(client, lambda got: got == answer)
+            else:
+                client.send(line + b"\n")
+                got = self._received(client, lambda got: got == answer)
         except (BrokenPipeError, ConnectionResetError):
             return CLOSED
-        except AssertionError:
-            return CLOSED if isinstance(client, Client) and self._is_closed(client) else UNANSWERED
+        if got == answer:
+            return ANSWERED
+        if got:
+            return f"gets {got.decode(errors='replace').strip()!r}"
+        return CLOSED if isinstance(client, Client) and self.is_closed(client) else UNANSWERED
 
     @staticmethod
-    def _is_closed(client: Client) -> bool:
+    def _received(client: Client | SerialLine, whole: Callable[[bytes], bool]) -> bytes:
+        """What comes until it is whole, or is the answer to a command that nobody takes, or the time is over."""
+        deadline = Deadline(PATIENCE)
+        got = b""
+        while not whole(got) and not got.rstrip(b"\0").endswith((b"?\r\n", b"Arguments.\r\n\r\n")):
+            piece = client.receive(1, deadline.left() / settings.SLOW)
+            if not piece:
+                break
+            got += piece
+        return got
+
+    @staticmethod
+    def is_closed(client: Client) -> bool:
         client.socket.settimeout(0.001)
         with contextlib.suppress(TimeoutError):
             try:
@@ -129,12 +156,12 @@ class Stage:
                 return True
         return False
 
-    def _newcomer(self, kind: type[Client]) -> str:
+    def _newcomer(self, kind: type[Client], line: bytes = COMMAND, answer: bytes = ANSWER) -> str:
         try:
             with kind() as client:
-                if isinstance(client, TelnetClient):
-                    return self._logged_in(client)
-                return self._asked(client)
+                if isinstance(client, TelnetClient) and (state := self._logged_in(client)) != ANSWERED:
+                    return state
+                return self._asked(client, line, answer)
         except (ConnectionRefusedError, FileNotFoundError):
             return REFUSED
 
@@ -142,8 +169,8 @@ class Stage:
         try:
             client.log_in(within=PATIENCE)
         except (AssertionError, BrokenPipeError, ConnectionResetError):
-            return CLOSED if self._is_closed(client) else UNANSWERED
-        return self._asked(client)
+            return CLOSED if self.is_closed(client) else UNANSWERED
+        return ANSWERED
 
     def _registered(self) -> str:
         self._number += 1
@@ -164,11 +191,13 @@ class Stage:
             try:
                 answer = process.receive(PATIENCE)
                 if answer.length_word != 0:
-                    return REFUSED
-                self.line.expect(b"menu", PATIENCE)
+                    return "fails"
+                got = b""
+                while not got.endswith(b"menu") and (piece := self.line.receive(1, PATIENCE)):
+                    got += piece
             except AssertionError:
                 return UNANSWERED
-        return ANSWERED
+        return ANSWERED if got.endswith(b"menu") else UNANSWERED
 
     def _filled_queue(self) -> str:
         """More commands than a queue holds, to a process that takes them when there is no room left."""
@@ -227,7 +256,7 @@ class Stage:
         yield "full queue", self._filled_queue
         yield "delay", self._set_delay
         yield "re-initialisation", self._re_initialised
-        if fault is not None and fault.call == "fork":
+        if fault is not None and fault.call == "fork" and fault.which in (FIRST, EVERY):
             yield "restart", self._restarted
 
     def talk(self, fault: Fault | None) -> dict[str, str]:
@@ -244,9 +273,11 @@ class Stage:
                 found[name] = outcome
         return found
 
-    def share_when_idle(self) -> float:
-        """What the daemon uses of a processor while nobody asks anything of it."""
-        return share_of_processor(self.tessd, 0.3)
+    def calls_when_idle(self) -> int:
+        """How many calls the daemon makes in 0.3 s in which nobody asks anything of it."""
+        before = sum(self.control.counts().values())
+        time.sleep(0.3)
+        return sum(self.control.counts().values()) - before
 
     # Afterwards
 
@@ -255,7 +286,7 @@ class Stage:
         deadline = Deadline(PATIENCE + com2.MUTE_SECONDS)  # what is typed into a muted line is thrown away
         got = b""
         try:
-            while _MARK not in got and not deadline.over():
+            while HEARD[1] not in got and not deadline.over():
                 if isinstance(client, XcpClient):
                     client.send_frame(b"*\n")
                 elif isinstance(client, SerialLine):
@@ -265,14 +296,14 @@ class Stage:
                 got += self._received_up_to_mark(client)
         except (BrokenPipeError, ConnectionResetError):
             return CLOSED
-        if _MARK in got:
+        if HEARD[1] in got:
             return ANSWERED
-        return CLOSED if isinstance(client, Client) and self._is_closed(client) else UNANSWERED
+        return CLOSED if isinstance(client, Client) and self.is_closed(client) else UNANSWERED
 
     @staticmethod
     def _received_up_to_mark(client: Client | SerialLine) -> bytes:
         got = b""
-        while not got.endswith(_MARK) and (piece := client.receive(1, 0.5)):
+        while not got.endswith(HEARD[1]) and (piece := client.receive(1, 0.5)):
             got += piece
         return got
 
@@ -291,9 +322,9 @@ class Stage:
         missing = [
             name
             for name, kind in (("telnet", TelnetClient), ("xcp", XcpClient), ("ipc", IpcClient))
-            if self._newcomer(kind) != ANSWERED
+            if self._newcomer(kind, *HEARD) != ANSWERED
         ]
-        if self._asked(self.line) != ANSWERED:
+        if self._recovered(self.line) != ANSWERED:
             missing.insert(0, "com2")
         if self._registered() != ANSWERED:
             missing.append("queue")

@@ -67,3 +67,15 @@ def test_effect(launch, phase, call, error):
         elif got not in expected[which].split(" / "):
             wrong.append(f"{which}: expected {expected[which]!r}, got {got!r}")
     assert not wrong, "\n".join(wrong)
+
+
+@pytest.mark.deadline(200)
+@pytest.mark.parametrize("part", range(4))
+@pytest.mark.parametrize("phase", (effect_table.START, effect_table.TRAFFIC, effect_table.END))
+def test_no_memory_for_each_allocation_in_turn(launch, phase, part):
+    """A start ends with status 1 or goes on without what there was no memory for; nothing else may end the daemon."""
+    allocations = effects.census(launch, phase).get("new", 0)
+    for number in range(1 + part, allocations + 1, 4):
+        got = effects.effect(launch, phase, Fault("new", "ENOMEM", str(number)))
+        wanted = {effect_table.START: ("serves", "ends with status 1"), effect_table.END: ("ends in order",)}
+        assert got == effect_table.NOT_REACHED or got.startswith(wanted.get(phase, ("serves",))), f"allocation {number}: {got}"
