@@ -16,12 +16,10 @@ HERE = os.path.dirname(os.path.realpath(__file__))
 END_TO_END = os.path.join(os.path.dirname(HERE), "e2e")
 sys.path[:0] = [HERE, END_TO_END]
 
-from harness import accounts  # noqa: E402
+import harness.accounts  # noqa: E402
 
 _specification = importlib.util.spec_from_file_location("end_to_end_fixtures", os.path.join(END_TO_END, "conftest.py"))
 fixtures = importlib.util.module_from_spec(_specification)
-from harness import accounts  # noqa: E402
-
 _specification.loader.exec_module(fixtures)
 
 pytest_configure = fixtures.pytest_configure
@@ -31,4 +29,4 @@ launch = fixtures.launch
 
 @pytest.fixture(autouse=True)
 def _accounts() -> None:
-    accounts.install()
+    harness.accounts.install()

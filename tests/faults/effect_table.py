@@ -39,4 +39,3 @@ def table_text(rows: dict[Row, dict[str, str]]) -> str:
             cells = " | ".join(rows[row].get(which, NOT_REACHED) for which in OCCURRENCES)
             parts.append(f"| `{row[1]}` | {row[2]} | {cells} |\n".replace("|  |", "| |").replace("|  |", "| |"))
     return "".join(parts)
-

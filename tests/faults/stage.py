@@ -12,7 +12,7 @@ import time
 from collections.abc import Callable, Iterator
 
 from fault_library import EVERY, FIRST, Fault, FaultControl
-from harness import accounts, com2, settings, wire
+from harness import com2, settings, wire
 from harness.clients import Client, IpcClient, XcpClient
 from harness.com2 import SerialLine
 from harness.daemon import RUNNING, Daemon
@@ -45,9 +45,7 @@ def trouble(tessd: Daemon, after: int = 0) -> list[str]:
 class Stage:
     """Everything that a daemon with all ports has around it."""
 
-    def __init__(
-        self, launch: Callable[..., Daemon], fault: Fault | None, armed: bool = False, leftovers: bool = False
-    ) -> None:
+    def __init__(self, launch: Callable[..., Daemon], fault: Fault | None, armed: bool = False, leftovers: bool = False) -> None:
         """armed        calls fail from the start on
         leftovers    there are the files of a daemon that was killed; else there is not even a queue directory"""
         prepare_files(leftovers)

@@ -117,7 +117,9 @@ def _stop(tessd: Daemon, way: str) -> None:
 def test_a_stop_at_a_random_moment_is_the_whole_way(launch, first):
     for number in range(first, min(first + IN_A_TEST, FIRST_STOP + STOPS)):
         choice = random.Random(number)
-        pauses = preload.environment(LIBRARY, TESS_PAUSES=f"{number + 1}:{choice.choice((0, 20, 100))}:{choice.choice((100, 1000))}")
+        pauses = preload.environment(
+            LIBRARY, TESS_PAUSES=f"{number + 1}:{choice.choice((0, 20, 100))}:{choice.choice((100, 1000))}"
+        )
         traffic = Traffic()
         tessd = launch(environment=pauses).wait_running()
         traffic.begin()
