@@ -5,6 +5,7 @@ from __future__ import annotations
 
 import json
 import os
+import subprocess
 
 import pytest
 
@@ -12,6 +13,7 @@ import effect_table
 import effects
 import errors
 from fault_library import Fault
+from harness import settings
 
 WRITE = os.environ.get("TESSD_FAULTS_WRITE")
 
@@ -40,6 +42,28 @@ def _effect(launch, phase: str, fault: Fault) -> str:
         if not WRITE:
             raise
         return "FAILS: " + str(error).partition("\n")[0]
+
+
+# Imported by the daemon, and asking the system for nothing that may fail, or not while it serves.
+ASKS_NOTHING = set(
+    """__cxa_atexit __cxa_finalize __libc_start_main __register_atfork _exit abort cfsetispeed cfsetospeed exit explicit_bzero
+    free getenv getopt_long getpid inet_ntop memchr memcmp memcpy memmove memset nanosleep posix_spawnattr_destroy
+    posix_spawnattr_init posix_spawnattr_setflags posix_spawnattr_setsigdefault posix_spawnattr_setsigmask pthread_join
+    pthread_mutex_lock pthread_mutex_trylock pthread_mutex_unlock pthread_self pthread_sigmask reboot sigaction sigaddset
+    sigdelset sigemptyset sigfillset sigismember sigpending sigtimedwait sleep strcmp strerror strlen strncasecmp strnlen
+    strrchr sync malloc realloc __errno_location __environ environ __progname program_invocation_short_name __gmon_start__""".split()
+)
+# By the name that the program imports.
+OTHER_NAMES = {"syscall": "dup3", "pwritev64v2": "pwritev2"}
+
+
+@pytest.mark.skipif(settings.sanitized(), reason="a sanitizer imports much of its own")
+def test_no_call_of_the_daemon_is_forgotten(launch):
+    listing = subprocess.run(["nm", "-D", "--undefined-only", settings.TESSD], check=True, capture_output=True, text=True)
+    imported = {line.split()[-1].partition("@")[0] for line in listing.stdout.splitlines() if line.split()[0] == "U"}
+    calls = {name for name in imported if not name.startswith(("_Z", "__cxa", "_Unwind", "__gxx"))} - ASKS_NOTHING
+    unknown = sorted(name for name in calls if OTHER_NAMES.get(name, name.removesuffix("64")) not in errors.ERRORS)
+    assert not unknown, f"tests/faults/library stands in front of none of {unknown}, and errors.py has no errors for them"
 
 
 @pytest.mark.deadline(120)
