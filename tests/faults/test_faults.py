@@ -49,9 +49,10 @@ ASKS_NOTHING = set(
     """__cxa_atexit __cxa_finalize __libc_start_main __register_atfork _exit abort cfsetispeed cfsetospeed exit explicit_bzero
     free getenv getopt_long getpid inet_ntop memchr memcmp memcpy memmove memset nanosleep posix_spawnattr_destroy
     posix_spawnattr_init posix_spawnattr_setflags posix_spawnattr_setsigdefault posix_spawnattr_setsigmask pthread_join
-    pthread_mutex_lock pthread_mutex_trylock pthread_mutex_unlock pthread_self pthread_sigmask reboot sigaction sigaddset
-    sigdelset sigemptyset sigfillset sigismember sigpending sigtimedwait sleep strcmp strerror strlen strncasecmp strnlen
-    strrchr sync malloc realloc __errno_location __environ environ __progname program_invocation_short_name __gmon_start__""".split()
+    pthread_mutex_lock pthread_mutex_trylock pthread_mutex_unlock pthread_self pthread_sigmask reboot sigaction
+    sigaddset sigdelset sigemptyset sigfillset sigismember sigpending sigtimedwait sleep strcmp strerror strlen
+    strncasecmp strnlen strrchr sync malloc realloc __errno_location __environ environ __progname
+    program_invocation_short_name __gmon_start__""".split()
 )
 # By the name that the program imports.
 OTHER_NAMES = {"syscall": "dup3", "pwritev64v2": "pwritev2"}

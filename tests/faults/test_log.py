@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import re
+import signal
 
 import pytest
 
@@ -58,7 +59,7 @@ def test_a_pipe(launch, call, error, which):
             lambda: sum(arrived_and_lost(tessd.entries())) == expected,
             f"{expected} lines about clients, those that were lost included",
         )
-    tessd.signal(15)
+    tessd.signal(signal.SIGTERM)
     assert tessd.wait_end() == 0
     _, lost = arrived_and_lost(tessd.entries())
     if error == "EOPNOTSUPP":  # an older kernel: there is another way

@@ -9,9 +9,9 @@ import contextlib
 import os
 import resource
 import shutil
+import signal
 import subprocess
 import time
-from collections.abc import Iterator
 
 import pytest
 
@@ -38,12 +38,15 @@ def start(launch, *arguments: str) -> Daemon:
     return launch(*arguments).wait_running()
 
 
-@contextlib.contextmanager
-def small_disk(path: str) -> Iterator[str]:
-    """A file system of 16 KiB in which a file takes all the room; yields that file."""
-    subprocess.run(["mount", "-t", "tmpfs", "-o", "size=16k,nr_inodes=6", "tmpfs", path], check=True)
-    filler = os.path.join(path, "filler")
-    yield filler
+def make_small(path: str) -> str:
+    """Leaves a file system of which one file takes all the room, with few names; returns the path of that file."""
+    if not os.path.ismount(path):
+        subprocess.run(["mount", "-t", "tmpfs", "tmpfs", path], check=True)
+    now = os.statvfs(path)
+    names = now.f_files - now.f_ffree + 6
+    room = (now.f_blocks - now.f_bfree) * now.f_frsize + 16384
+    subprocess.run(["mount", "-o", f"remount,size={room},nr_inodes={names}", path], check=True)
+    return os.path.join(path, "filler")
 
 
 def fill(path: str, names: int = 6) -> None:
@@ -60,48 +63,49 @@ def fill(path: str, names: int = 6) -> None:
 
 
 def test_a_full_disk_ends_the_start_in_order_and_a_later_start_succeeds(launch):
-    with small_disk("/tmp") as filler:
-        fill(filler)
-        tessd = launch(*LOCAL_PORTS)
-        tessd.expect_end(1)
-        assert tessd.entries()[-1] == ERROR_RUNTIME, tessd.log_text()
-        assert left_files() == []
-        for name in os.listdir("/tmp"):
+    filler = make_small("/tmp")
+    fill(filler)
+    tessd = launch(*LOCAL_PORTS)
+    tessd.expect_end(1)
+    assert tessd.entries()[-1] == ERROR_RUNTIME, tessd.log_text()
+    assert left_files() == []
+    for name in os.listdir("/tmp"):
+        if name.startswith("filler"):
             os.unlink(os.path.join("/tmp", name))
-        start(launch, *LOCAL_PORTS)
-        with IpcClient() as client:
-            client.expect_nothing_more()
+    start(launch, *LOCAL_PORTS)
+    with IpcClient() as client:
+        client.expect_nothing_more()
 
 
 def test_a_disk_that_becomes_full_disturbs_nobody(launch):
-    with small_disk("/tmp") as filler:
-        tessd = start(launch, "--nocom2")
-        fill(filler)
-        with Neighbours() as neighbours:
-            neighbours.expect_service()
-            tessd.stop()
-        assert left_files() == []
+    filler = make_small("/tmp")
+    tessd = start(launch, "--nocom2")
+    fill(filler)
+    with Neighbours() as neighbours:
+        neighbours.expect_service()
+        tessd.stop()
+    assert left_files() == []
 
 
 def test_a_log_on_a_full_disk_loses_lines_and_tells_how_many(launch):
-    with small_disk("/mnt") as filler:
-        log = os.open("/mnt/log", os.O_RDWR | os.O_CREAT | os.O_APPEND)
-        tessd = launch(*LOCAL_PORTS, standard_error=log).wait_ready()
-        fill(filler)
-        with IpcClient() as client:
-            client.expect_nothing_more()
-            wait_until(lambda: filled_up(log), "the log takes no more")
-            for _ in range(3):
-                with XcpClient() as another:
-                    another.expect_nothing_more()
-            client.expect_nothing_more()
-            os.unlink(filler)
+    filler = make_small("/mnt")
+    log = os.open("/mnt/log", os.O_RDWR | os.O_CREAT | os.O_APPEND)
+    tessd = launch(*LOCAL_PORTS, standard_error=log).wait_ready()
+    fill(filler)
+    with IpcClient() as client:
+        client.expect_nothing_more()
+        wait_until(lambda: filled_up(log), "the log takes no more")
+        for _ in range(3):
             with XcpClient() as another:
                 another.expect_nothing_more()
-            wait_until(lambda: b" log lines were lost" in os.pread(log, 1 << 16, 0), "the lost lines are told of")
-        tessd.signal(15)
-        assert tessd.wait_end() == 0
-        assert os.pread(log, 1 << 16, 0).endswith(b"51001 Normal application exit\n")
+        client.expect_nothing_more()
+        os.unlink(filler)
+        with XcpClient() as another:
+            another.expect_nothing_more()
+        wait_until(lambda: b" log lines were lost" in os.pread(log, 1 << 16, 0), "the lost lines are told of")
+    tessd.signal(signal.SIGTERM)
+    assert tessd.wait_end() == 0
+    assert os.pread(log, 1 << 16, 0).endswith(b"51001 Normal application exit\n")
 
 
 def filled_up(log: int) -> bool:
