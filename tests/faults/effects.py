@@ -63,11 +63,14 @@ def _is_by_leaving(line: str, fault: Fault | None) -> bool:
 
 def _stop(stage: Stage, fault: Fault | None) -> None:
     """In order, once nothing fails any more. A log of which calls have failed may hold pieces of lines."""
-    if fault is None or not fault.call.endswith("/log"):
-        return stage.tessd.stop()
     stage.tessd.signal(signal.SIGTERM)
-    assert stage.tessd.wait_end() == 0, stage.tessd.log_text()
-    stage.tessd.expect_no_sanitizer_report()
+    if fault is not None and fault.call.endswith("/log"):
+        assert stage.tessd.wait_end() == 0, stage.tessd.log_text()
+        stage.tessd.expect_no_sanitizer_report()
+        return
+    stage.tessd.expect_end(0)
+    # Behind it may stand that a program which re-initialises has ended.
+    assert NORMAL_EXIT in stage.tessd.entries()[-2:], stage.tessd.log_text()
 
 
 def _at_start(stage: Stage, fault: Fault | None) -> str:
@@ -120,7 +123,7 @@ def _at_end(stage: Stage, fault: Fault | None) -> str:
     stage.tessd.expect_no_sanitizer_report()
     open_still = [name for name, client in stage.clients.items() if not stage.is_closed(client)]
     left = left_files()
-    said_so = stage.tessd.entries()[-1] == NORMAL_EXIT
+    said_so = NORMAL_EXIT in stage.tessd.entries()[-2:]
     how = "ends in order" if status == 0 else f"ends with status {status}"
     return _joined(
         [

@@ -12,7 +12,7 @@ import pytest
 import effect_table
 import effects
 import errors
-from fault_library import Fault
+from fault_library import SECOND, Fault
 from harness import settings
 
 WRITE = os.environ.get("TESSD_FAULTS_WRITE")
@@ -76,8 +76,16 @@ def test_the_table_has_each_call_that_is_made(launch, phase):
     if WRITE:
         _write(census=(phase, list(counted)))
         return
+    if settings.sanitized():  # which makes calls of its own
+        counted = {call: count for call, count in counted.items() if not call.endswith("/other")}
     missing = sorted(errors.cases(phase, counted) - set(effect_table.read_table()))
     assert not missing, f"calls without a row in effects.md, scripts/faults --write adds them: {missing}"
+
+
+def _expected(call: str, which: str, cell: str) -> set[str]:
+    """How often a call is made depends on who was quicker: the second time may not come. A sanitizer makes some by itself."""
+    by_itself = settings.sanitized() and call == "strdup"
+    return {*cell.split(" / "), *([effect_table.NOT_REACHED] if which == SECOND or by_itself else [])}
 
 
 @pytest.mark.deadline(150)
@@ -89,7 +97,7 @@ def test_effect(launch, phase, call, error):
         got = _effect(launch, phase, Fault(call, error, which))
         if WRITE:
             _write(row=(phase, call, error), which=which, effect=got)
-        elif got not in expected[which].split(" / "):
+        elif got not in _expected(call, which, expected[which]):
             wrong.append(f"{which}: expected {expected[which]!r}, got {got!r}")
     assert not wrong, "\n".join(wrong)
 
