@@ -1,5 +1,6 @@
 #include "commands/interpreter.h"
 
+#include <new>
 #include <span>
 
 #include "commands/command_address.h"
@@ -37,17 +38,32 @@ public:
     }
 
     int run()
-    {
+    try {
         const int result = interpret();
-        if (result != CMD_WAITS) {
-            progress_.token = 0;
-            progress_.pastReset = false;
-        }
+        if (result != CMD_WAITS) forgetProgress();
         return result;
+    } catch (const std::bad_alloc&) {
+        forgetWait();
+        forgetProgress();
+        replyTo(context_, conn_, "?\r\n");
+        return 1;
     }
 
 private:
     using Wait = CmdProgress::Wait;
+
+    void forgetProgress()
+    {
+        progress_.token = 0;
+        progress_.pastReset = false;
+    }
+
+    void forgetWait()
+    {
+        progress_.wait = Wait::nothing;
+        const std::scoped_lock lock(context_.regLock);
+        context_.fullQueues.leave(progress_.queueWaiter);
+    }
 
     int interpret()
     {

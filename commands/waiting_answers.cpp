@@ -22,13 +22,15 @@ try {
 
 /// Tries to send an answer, when that may succeed.
 /// @return true when it has been sent, or cannot be delivered: either way it is done with
-bool WaitingAnswers::isDone(Answer& answer, const WaitSet& waits)
-{
+bool WaitingAnswers::isDone(Answer& answer, const WaitSet& waits) noexcept
+try {
     if (!fullQueues_.mayTry(answer.waiter, waits)) return false;
     TOrbAttachmentMsg msg;
     std::memcpy(&msg, answer.record.data(), answer.record.size());
     return fullQueues_.send(answer.waiter, answer.address, msg, static_cast<long>(answer.record.size())) !=
            SEND_QUEUE_FULL;
+} catch (const std::bad_alloc&) {
+    return false; // next time
 }
 
 void WaitingAnswers::goOn(const WaitSet& waits)

@@ -33,7 +33,7 @@ private:
         QueueWaiter waiter;
     };
 
-    bool isDone(Answer& answer, const WaitSet& waits);
+    bool isDone(Answer& answer, const WaitSet& waits) noexcept;
 
     FullQueues& fullQueues_;
     std::list<Answer> answers_;

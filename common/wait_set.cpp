@@ -1,8 +1,13 @@
 #include "common/wait_set.h"
 
 #include <algorithm>
+#include <cerrno>
+
+#include "framework/sleep.h"
 
 namespace {
+
+constexpr int FAILURE_PAUSE_MS = 10; // everybody is served all the same, at this pace
 
 /// How long to wait for `due`: at least 0, at most `most`. Rounded up, because whoever wakes up
 /// early finds nothing due, and waits again.
@@ -47,6 +52,7 @@ void WaitSet::wait(std::chrono::milliseconds most)
 {
     timeval span = timeUntil(due_, instantNow(), most);
     failed_ = ::select(maxFd_ + 1, &input_, &output_, nullptr, &span) < 0;
+    if (failed_ && errno != EINTR) Sleep(FAILURE_PAUSE_MS); // it may well go on
     now_ = instantNow();
 }
 

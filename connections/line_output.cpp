@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <new>
 #include <unistd.h>
 #include <utility>
 
@@ -46,18 +47,23 @@ LineOutput::Sent LineOutput::send(int line, std::string_view text, const std::op
         text.remove_prefix(*taken);
     }
     if (text.empty()) return Sent::whole;
-    keep(line, text, ticket);
-    return Sent::kept;
+    if (keep(line, text, ticket)) return Sent::kept;
+    logMessage(connection_log::com2OutputDropped);
+    return Sent::refused;
 }
 
-void LineOutput::keep(int line, std::string_view rest, const std::optional<Ticket>& ticket)
-{
-    keptBytes_ += rest.size();
+/// @return false: there is no memory for it
+bool LineOutput::keep(int line, std::string_view rest, const std::optional<Ticket>& ticket)
+try {
     const bool goesWithTheLast = !ticket && !texts_.empty() && !texts_.back().ticket && texts_.back().line == line;
     if (goesWithTheLast)
         texts_.back().rest += rest;
     else
         texts_.push_back({line, std::string(rest), ticket, instantNow()});
+    keptBytes_ += rest.size();
+    return true;
+} catch (const std::bad_alloc&) {
+    return false;
 }
 
 void LineOutput::goOn(Instant now)
@@ -108,11 +114,19 @@ Instant LineOutput::failure(const Text& text) const
 /// Removes a text, and reports it when somebody asked for that.
 void LineOutput::end(const std::deque<Text>::const_iterator& text, bool written)
 {
-    if (text->ticket) reports_.push_back({*text->ticket, written});
+    const std::optional<Ticket> ticket = text->ticket;
     keptBytes_ -= text->rest.size();
     texts_.erase(text);
     if (firstReported() == texts_.end()) reportedLine_.reset();
     if (texts_.empty()) pauseEnd_ = NEVER;
+    if (ticket) report({*ticket, written});
+}
+
+/// Without memory nobody is told.
+void LineOutput::report(const Report& what) noexcept
+try {
+    reports_.push_back(what);
+} catch (const std::bad_alloc&) {
 }
 
 int LineOutput::waitsFor() const

@@ -85,11 +85,12 @@ private:
     };
 
     Sent send(int line, std::string_view text, const std::optional<Ticket>& ticket);
-    void keep(int line, std::string_view rest, const std::optional<Ticket>& ticket);
+    bool keep(int line, std::string_view rest, const std::optional<Ticket>& ticket);
     bool sendFirst(Instant now);
     std::deque<Text>::const_iterator firstReported() const;
     Instant failure(const Text& text) const;
     void end(const std::deque<Text>::const_iterator& text, bool written);
+    void report(const Report& what) noexcept;
 
     std::deque<Text> texts_;
     std::size_t keptBytes_ = 0;

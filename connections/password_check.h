@@ -13,11 +13,12 @@
 class PasswordCheck {
 public:
     static constexpr std::size_t TEXT_BYTES = 257; ///< a name or a password, its NUL included
+    static constexpr int NO_VERDICT = 2;           ///< no AuthResult: there was no memory for the check
 
     /// @param userName  copied, 256 characters at most, the rest is cut
     /// @param password  likewise; the copy is wiped at the end
-    /// @return null: no thread could be made
-    static std::shared_ptr<PasswordCheck> start(const char* userName, const char* password);
+    /// @return null: no thread could be made, or there was no memory
+    static std::shared_ptr<PasswordCheck> start(const char* userName, const char* password) noexcept;
 
     PasswordCheck(const char* userName, const char* password);
     PasswordCheck(const PasswordCheck&) = delete;
@@ -28,11 +29,12 @@ public:
 
     bool isOver() const { return over_; }
 
-    /// @return AuthResult; to be asked when it is over
+    /// @return AuthResult, or NO_VERDICT; to be asked when it is over
     int result() const { return result_; }
 
 private:
-    void run();
+    void run() noexcept;
+    int verdict() noexcept;
 
     std::array<char, TEXT_BYTES> userName_;
     std::array<char, TEXT_BYTES> password_;

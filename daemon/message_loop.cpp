@@ -12,7 +12,14 @@
 #include "daemon/tess.h"
 #include "framework/fd.h"
 #include "framework/queue_mgr.h"
+#include "framework/sleep.h"
 #include "framework/tess_messages.h"
+
+namespace {
+
+constexpr int FAILURE_PAUSE_MS = 100; // for a queue that fails, which may well go on
+
+} // namespace
 
 /// What is done with a kind of message. A handler tells whether its sender gets replyMsg now, with
 /// inLen bytes.
@@ -39,6 +46,7 @@ int TTess::run() noexcept
         setMilestone(Milestone::receivingMessage);
         inLen = static_cast<std::int32_t>(g_qMgr.getMsg(&inMsg, MSG_QUEUE_ALL, true));
         answerWhatIsOver();
+        if (inLen < 0) Sleep(FAILURE_PAUSE_MS);
         if (inLen <= 0) continue;
         setMilestone(Milestone::messageReceived);
         if (inMsg.kind == MSG_STOP) break;

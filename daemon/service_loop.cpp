@@ -1,5 +1,6 @@
 // The service thread: waits, accepts, hands command lines to the interpreter.
 #include <cstdlib>
+#include <new>
 #include <unistd.h>
 
 #include "commands/delay_runner.h"
@@ -212,10 +213,12 @@ void TTess::forgetConn(TPortConn& conn) noexcept
     takeReports(*conn.output);
 }
 
-/// Hands what has become of texts to the message loop, which tells their askers.
+/// Hands what has become of texts to the message loop, which tells their askers; without memory
+/// nobody is told.
 void TTess::takeReports(LineOutput& output) noexcept
-{
+try {
     for (const LineOutput::Report& report : output.takeReports())
         lineReports.push_back(report);
     if (!lineReports.empty()) wakeMessageLoop();
+} catch (const std::bad_alloc&) {
 }

@@ -24,6 +24,9 @@ pthread_t g_serviceThread = NO_THREAD;
 namespace {
 
 constexpr std::chrono::seconds SERVICE_END_TIME{2};
+// Room for all of them, so that what has been made always finds its place.
+constexpr std::size_t MOST_PORTS = 4;
+constexpr std::size_t MOST_CONNS = 1 + TPortTelnet::MAX_CONNS + 2 * LocalSocketPort::MAX_CONNS; // COM2 has one
 constexpr std::size_t MAX_TOKENS = TPortConn::RX_BYTES / 2 + 1; // every second character of a line a separator
 
 template <class Port>
@@ -67,6 +70,8 @@ TTess::TTess(long queueId, bool com2, bool telnet, bool xcp, bool ipc)
     setMilestone(Milestone::daemonConstructorBegun);
     g_wakeUp.open();
     tokens.reserve(MAX_TOKENS);
+    ports.reserve(MOST_PORTS);
+    conns.reserve(MOST_CONNS);
     try {
         createPorts(com2, telnet, xcp, ipc);
     } catch (...) {

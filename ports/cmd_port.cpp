@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <memory>
+#include <new>
 #include <stdexcept>
 #include <unistd.h>
 
@@ -33,35 +35,46 @@ bool TCmdPort::closeEndpoint()
     return true;
 }
 
-/// @return the ID of a connection that is about to be made
-std::uint32_t TCmdPort::countNewConn()
+void TCmdPort::countNewConn()
 {
     nextConnId += CONN_ID_STEP;
     activeConns += 1;
-    return nextConnId;
 }
 
 bool TCmdPort::accept(int& client, sockaddr* peer, socklen_t* peerSize)
 {
     client = ::accept4(fd, peer, peerSize, SOCK_NONBLOCK | SOCK_CLOEXEC);
     const bool exhausted = client < 0 && (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM);
-    if (!exhausted) return true;
+    if (exhausted) rest();
+    return !exhausted;
+}
+
+void TCmdPort::rest()
+{
     wantsInput = false;
     due = instantNow() + REST_TIME;
-    return false;
 }
 
 TPortConn* TCmdPort::addConn(MakeConn make, int connFd)
 {
-    TPortConn* const conn = make(portType, countNewConn());
+    TPortConn* const conn = make(portType, nextConnId + CONN_ID_STEP);
+    countNewConn();
     conn->fd = connFd;
     return conn;
 }
 
+// The connection is made first, so that a client for which there is no memory still waits.
 TPortConn* TCmdPort::acceptConn(MakeConn make, sockaddr* peer, socklen_t* peerSize)
-{
+try {
+    std::unique_ptr<TPortConn> conn(make(portType, nextConnId + CONN_ID_STEP));
     int client = -1;
-    return accept(client, peer, peerSize) ? addConn(make, client) : nullptr;
+    if (!accept(client, peer, peerSize)) return nullptr;
+    countNewConn();
+    conn->fd = client;
+    return conn.release();
+} catch (const std::bad_alloc&) {
+    rest();
+    return nullptr;
 }
 
 bool TCmdPort::dispose(TPortConn** conn)

@@ -96,6 +96,7 @@ protected:
     bool closeEndpoint();
 
     /// Makes a connection and counts it.
+    /// @throws std::bad_alloc  nothing has been counted
     TPortConn* addConn(MakeConn make, int connFd);
 
     /// Accepts a client and makes its connection. Whether it may stay is for the caller to find
@@ -103,7 +104,8 @@ protected:
     /// @param peer      receives the client's address; may be null
     /// @param peerSize  in: its room, out: its size; may be null
     /// @return owned by the caller, who must dispose of it if mayStay() says no: `fd` is -1 when
-    ///         the client has gone meanwhile. null: nobody was accepted for want of descriptors
+    ///         the client has gone meanwhile. null: nobody was accepted for want of descriptors or
+    ///         memory; the port then rests
     TPortConn* acceptConn(MakeConn make, sockaddr* peer = nullptr, socklen_t* peerSize = nullptr);
 
     /// What every closeConn() has in common.
@@ -135,5 +137,6 @@ protected:
     bool mayStay(const TPortConn& conn) const;
 
 private:
-    std::uint32_t countNewConn();
+    void rest();
+    void countNewConn();
 };

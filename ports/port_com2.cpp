@@ -1,6 +1,7 @@
 #include "ports/port_com2.h"
 
 #include <fcntl.h>
+#include <new>
 #include <stdexcept>
 #include <unistd.h>
 
@@ -90,7 +91,7 @@ int TPortCom2::closePort()
 }
 
 int TPortCom2::chkNewConn(TPortConn** newConn)
-{
+try {
     setMilestone(Milestone::com2CheckBegun);
     due = NEVER;
     const bool isFree = activeConns < maxConns;
@@ -100,6 +101,8 @@ int TPortCom2::chkNewConn(TPortConn** newConn)
     }
     setMilestone(Milestone::com2CheckDone);
     return isFree ? 1 : 0;
+} catch (const std::bad_alloc&) {
+    return 0; // a free port is asked again and again
 }
 
 int TPortCom2::closeConn(TPortConn** conn)

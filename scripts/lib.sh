@@ -6,9 +6,12 @@
 #                               script. The command may be a function, but set -e has no effect in it: join by &&
 #   check NAME COMMAND...       the same, but a failure is only noted, and returned as status 1
 #   failures                    names of the failed checks, blank-separated
+#   slow_factor PRESET          how many times slower than release everything may be
+#   sanitizer_options           exports what the sanitizers are told
+#   fault_tests PRESET [OPTION...]
+#                               runs tests/faults with these options for pytest
 #   build PRESET [TARGET...]    configures and builds; to be used with step or check. With CI in the environment warnings are
 #                               errors
-#   sanitizer_options           sets what the sanitizers of such a build are to report
 
 set -eu
 
@@ -88,9 +91,34 @@ build()
         cmake --build --preset "$preset" -j "$JOBS" --target "${@:-all}" -- --quiet
 }
 
+slow_factor()
+{
+    case $1 in
+        asan) echo 3 ;;
+        tsan) echo 5 ;;
+        *) echo 1 ;;
+    esac
+}
+
 sanitizer_options()
 {
     export ASAN_OPTIONS=detect_leaks=1:detect_stack_use_after_return=1:strict_string_checks=1:check_initialization_order=1
     export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
     export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
+}
+
+# They wait far more than they compute: several run on a processor.
+fault_tests()
+{
+    local preset=$1 run=("$PYTHON" -m pytest -q -p no:cacheprovider tests/faults -n $((4 * JOBS)))
+    shift
+    sanitizer_options
+    export TESSD_BIN_DIR=$PWD/build/$preset/bin TESSD_SLOW_FACTOR
+    TESSD_SLOW_FACTOR=$(slow_factor "$preset")
+    if [ "$preset" = tsan ]; then
+        run+=(--deselect tests/faults/test_faults.py)
+        # The thread sanitizer wants its addresses free, which a kernel that scatters widely does not promise.
+        if setarch -R true 2>/dev/null; then run=(setarch -R "${run[@]}"); fi
+    fi
+    "${run[@]}" "$@"
 }

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <memory>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <sys/socket.h>
@@ -122,13 +123,20 @@ void OwnQueue::close()
     if (::getpid() != owner_.load()) return forget();
     const std::scoped_lock lock(openLock_);
     if (!isOpen()) return;
-    file_.remove(directory());
+    removeFile();
     open_.store(false);
     const std::scoped_lock receiving(receiveLock_);
     const Fd unbound = newSocket();
     // Without a descriptor to spare the old socket stays, but nothing goes through it any more.
     if (unbound.get() < 0 || !replaceSocket(socket_.load(), unbound.get())) ::shutdown(socket_.load(), SHUT_RDWR);
     backlog_.clear();
+}
+
+/// Without memory the file stays; whoever opens the address next replaces it.
+void OwnQueue::removeFile() noexcept
+try {
+    file_.remove(directory());
+} catch (const std::bad_alloc&) {
 }
 
 /// Closes the queue of another process, this one's parent, for this process alone. Waits for no

@@ -66,6 +66,7 @@ public:
 
 private:
     void openLocked(long address);
+    void removeFile() noexcept;
     void forget();
     long takeFromSocket(TOrbAttachmentMsg* msg, int flags);
 

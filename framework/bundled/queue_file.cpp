@@ -40,7 +40,7 @@ Fd lockDirectory(const QueueDirectory& directory)
     patience.tv_sec = LOCK_PATIENCE_S;
     const TOrbHRTimeOut end(patience);
     while (::flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
-        if (errno != EWOULDBLOCK || end.hasTimedOut()) return Fd();
+        if ((errno != EWOULDBLOCK && errno != EINTR) || end.hasTimedOut()) return Fd();
         Sleep(LOCK_TRY_MS);
     }
     return fd;

@@ -100,12 +100,16 @@ ssize_t writeToPipeOrTerminal(int fd, std::string_view bytes)
     return errno == ENXIO ? -1 : writeIfRoom(fd, bytes); // ENXIO: a pipe that nobody reads any more
 }
 
+/// A file interrupts nobody (signal(7)), but what stands behind it may be a program (FUSE): nobody
+/// waits for that one either.
 ssize_t writeToFile(int fd, std::string_view bytes)
 {
-    ssize_t written = 0;
-    do {
+    constexpr int tries = 3;
+    ssize_t written = -1;
+    for (int i = 0; i < tries && written < 0; ++i) {
         written = ::write(fd, bytes.data(), bytes.size());
-    } while (written < 0 && errno == EINTR);
+        if (written < 0 && errno != EINTR) break;
+    }
     return written;
 }
 

@@ -15,6 +15,10 @@ TESSD = os.path.join(BIN_DIR, "tessd")
 # Put in front of the program, for example "qemu-ppc -L /usr/powerpc-linux-gnu".
 WRAPPER = shlex.split(os.environ.get("TESSD_WRAPPER", ""))
 
+# Libraries that are loaded into every daemon before its own, separated by blanks, for example one that makes pauses. Those
+# that the daemon is linked against must not be named.
+PRELOAD = os.environ.get("TESSD_PRELOAD", "").split()
+
 # Byte order of the daemon's words: little, big, or this machine's own.
 BYTEORDER = os.environ.get("TESSD_BYTEORDER") or sys.byteorder
 if BYTEORDER not in ("little", "big"):

@@ -4,8 +4,7 @@ from __future__ import annotations
 
 import mmap
 
-from harness import settings
-from harness.shifted_clock import preloaded
+from harness import preload, settings
 
 
 class StoppedClock:
@@ -18,7 +17,7 @@ class StoppedClock:
         with open(path, "r+b") as file:
             self._map = mmap.mmap(file.fileno(), mmap.PAGESIZE)
         self.set(nanoseconds)
-        self.environment = preloaded("libstopped_clock.so", STOPPED_CLOCK=path)
+        self.environment = preload.environment(preload.library("libstopped_clock.so"), STOPPED_CLOCK=path)
 
     def set(self, nanoseconds: int) -> None:
         self._map[:8] = nanoseconds.to_bytes(8, settings.BYTEORDER)
