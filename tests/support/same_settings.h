@@ -4,7 +4,8 @@
 #include <gtest/gtest.h>
 #include <termios.h>
 
-/// Expects that two settings of a line are the same, but for what the system keeps there for itself.
+/// Expects that two settings of a line are the same, but for what the system keeps there for
+/// itself.
 inline void expectSameSettings(const termios& got, const termios& expected)
 {
     EXPECT_EQ(got.c_iflag, expected.c_iflag);

@@ -26,4 +26,3 @@ class ShiftedClock:
         """The clock goes ahead by so much more, to the millisecond."""
         self._ahead += round(seconds * 1000)
         self._map[: _difference.size] = _difference.pack(self._ahead)
-        self.environment = preload.environment(preload.library("libshifted_clock.so"), SHIFTED_CLOCK=path)
