@@ -22,8 +22,8 @@ public:
     static constexpr std::size_t MAX_QUEUES = 64;
 
     /// Sends a record, behind whoever waits for that queue already. Does not wait.
-    /// @param who     waits afterwards, if need be; until then, or until leave(), it must stay
-    ///                where it is
+    /// @param who     the sender. After SEND_QUEUE_FULL it waits: it must not move or be destroyed
+    ///                before another send() has returned something else, or leave() was called
     /// @param length  bytes of `msg` to send
     /// @return SEND_DONE; SEND_FAILED: it cannot be delivered, or the queue is stuck;
     ///         SEND_QUEUE_FULL: `who` waits now, and the same record is to be sent again once

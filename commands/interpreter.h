@@ -12,12 +12,11 @@ inline constexpr int CMD_CLOSE_CONNECTION = -2;
 inline constexpr int CMD_WAITS = -3;
 
 /// Gives meaning to one command line: RESET, quit, DELAY and "*" are answered here, everything else
-/// goes to the registered processes, whose answers come later and by another way. Allocates nothing
-/// but for DELAY.
+/// goes to the registered processes, whose answers come later and by another way. Never waits: how
+/// far a line has got that has to wait is kept in the `progress` of the connection, or of the
+/// delayed line. Allocates only for DELAY, for RESET and for a queue that is full.
 /// @param conn  who asked and gets the replies; null for a delayed command: nothing is replied
 /// @param cmd   the line; null, or a null text, for none
-/// Never waits itself: what becomes of a line that has to is kept in the connection's, or the
-/// delayed line's, progress.
 /// @return -2 "quit" on telnet; -3 the line waits; 1 no line, or a RESET failed and that was
 ///         reported, or the clock failed a listing; else 0
 /// Threads: service thread.

@@ -52,10 +52,13 @@ int TXCPCon::cutPayload()
     echoFlag = 0;
     if (payloadBytes == 0) return 0;
 
-    (void)takeIn(HEADER_BYTES + payloadBytes);     // a peer that has closed shows at the next look
-    rxBuf[static_cast<std::size_t>(rxLen)] = '\0'; // a frame cut short ends here, not in what an earlier one has left
+    // A peer that has closed is found out by the next call.
+    (void)takeIn(HEADER_BYTES + payloadBytes);
+    // One NUL ends a frame that was cut short, which would run on into an earlier one's rest; the
+    // other ends the last line of a whole one.
+    rxBuf[static_cast<std::size_t>(rxLen)] = '\0';
     const auto declared = static_cast<std::size_t>(payloadBytes);
-    rxBuf[HEADER_BYTES + declared] = '\0'; // and the last line with the payload
+    rxBuf[HEADER_BYTES + declared] = '\0';
     // Over the declared length, whether or not all of it has arrived (deliberate).
     const int count = cutFrameLines(std::span(rxBuf).subspan(HEADER_BYTES, declared), tag, cmds);
     if (count > 0) keepAlive();

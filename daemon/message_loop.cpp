@@ -21,8 +21,8 @@ constexpr int FAILURE_PAUSE_MS = 100; // for a queue that fails, which may well 
 
 } // namespace
 
-/// What is done with a kind of message. A handler tells whether its sender gets replyMsg now, with
-/// inLen bytes.
+/// A kind of message and its handler. A handler returns true when the message is to be answered
+/// now, with the first inLen bytes of replyMsg.
 struct TTess::KindRow {
     std::uint32_t kind;
     bool (TTess::*handle)() noexcept;
@@ -94,7 +94,9 @@ bool TTess::handleReply() noexcept
     const std::scoped_lock lock(connLock);
     for (std::size_t i = 0; TPortConn* conn = liveAt(conns, i); ++i) {
         if (conn->connId != (inMsg.tag & 0xFFFF'0000U)) continue;
-        (void)conn->write(&inMsg); // the connection has logged a failure; the service thread finds out that it is gone
+        // Telnet and XCP have logged a failure, COM2 only a text that it had no room for, IPC
+        // nothing. A peer that has gone is found out by the next read.
+        (void)conn->write(&inMsg);
         if (conn->output != nullptr) g_wakeUp.wake();
         break;
     }
@@ -161,7 +163,8 @@ bool TTess::handleCom2Write() noexcept
         inLen = MSG_HEADER_BYTES;
         answers = sent != LineOutput::Sent::kept;
     }
-    g_wakeUp.wake(); // it has to wait for the end of the mute now, and for room for what is kept
+    // The service loop must learn of the end of the mute, and of the text that waits for room.
+    g_wakeUp.wake();
     return answers;
 }
 
@@ -171,7 +174,8 @@ bool TTess::handleReset() noexcept
 {
     logMessage(daemon_log::resetReceived);
     inMsg.text[MSG_TEXT_BYTES - 1] = '\0';
-    // One message at a time waits for a program; while one does, others are askers of their own.
+    // Only one reset message can wait for a program, as asker `this`. Another one that comes
+    // meanwhile uses a different pointer, so that it is not taken for the one that waits.
     const void* const asker = resetMsg.waits ? static_cast<const void*>(&inMsg) : this;
     const ResetResult result = reset.ask(inMsg.text, asker);
     if (result == RESET_WAITS) {

@@ -122,7 +122,8 @@ void TTess::servicePass(const WaitSet& waits) noexcept
     setMilestone(Milestone::serveDone);
 }
 
-/// @return true when a line that waits is to be tried again. Nothing is restarted after a stop.
+/// @return true when a line that waits is to be tried again. A RESET is not after a request to
+///         stop: the device must not restart then
 bool TTess::mayGoOn(const CmdProgress& progress, const WaitSet& waits) noexcept
 {
     if (progress.wait == CmdProgress::Wait::reInit) return reInit.isOver(&progress) && stopRequested == 0;
@@ -139,14 +140,16 @@ void TTess::serviceOutput(TPortConn& conn, const WaitSet& waits) noexcept
 
 /// Takes a login step, or reads a connection and serves its lines, or goes on with those that have
 /// waited.
-/// @return where the pass goes on. After a removal the connection that moves there waits for the
-///         next pass, except after that of a failed login (deliberate)
+/// @return index of the connection to look at next. A removal moves the next one up to `index`:
+///         after a failed login, or a line that closed its connection, it is looked at in this
+///         pass; when the peer has gone or was idle for too long, only in the next (deliberate)
 std::size_t TTess::serviceConn(std::size_t index) noexcept
 {
     TPortConn& conn = *conns[index];
     if (conn.loginState != LOGIN_DONE) {
         if (loginStep(conn, outMsg, userName)) return index + 1;
-        (void)removeConn(index); // it fails for no port only; the connection is gone either way
+        // Fails only when no port claims the connection, which is removed all the same.
+        (void)removeConn(index);
         return index;
     }
     if (conn.progress.waits()) return serviceLines(index);
@@ -158,9 +161,10 @@ std::size_t TTess::serviceConn(std::size_t index) noexcept
     return serviceLines(index);
 }
 
-/// Hands lines to the interpreter until one has to wait. When a line closes its connection, those
-/// left are taken from the connection in front (deliberate), unless that one has a line that waits.
-/// @return where the pass goes on
+/// Hands lines to the interpreter until one has to wait. When a line closes its connection, the
+/// lines that are left are taken, by their number, from the buffer of the connection before it in
+/// the list (deliberate), unless that one is held (TPortConn::isHeld()).
+/// @return index of the connection to look at next
 std::size_t TTess::serviceLines(std::size_t index) noexcept
 {
     const int lineCount = conns[index]->progress.lineCount;

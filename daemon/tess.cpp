@@ -118,7 +118,8 @@ TTess::~TTess()
     }
     g_wakeUp.wake();
     setMilestone(Milestone::serviceEndSet);
-    if (g_serviceThread != NO_THREAD) (void)::pthread_join(g_serviceThread, nullptr); // it never waits for anybody
+    // Cannot hang: the service thread waits for a second at most, and ends at serviceEnd.
+    if (g_serviceThread != NO_THREAD) (void)::pthread_join(g_serviceThread, nullptr);
     g_serviceThread = NO_THREAD;
     setMilestone(Milestone::serviceThreadJoined);
     closeAllConns();
@@ -195,8 +196,8 @@ void TTess::closeTelnetConns() noexcept
     const std::scoped_lock lock(connLock);
     for (std::size_t i = 0; i < conns.size();) {
         const bool isTelnet = conns[i] != nullptr && conns[i]->getPortId() == PORT_TELNET;
-        // What moves to the front after a removal there is passed over, and so is what follows a
-        // failed removal (deliberate).
+        // After a removal at index 0, and after one that no port has claimed, the connection that
+        // has moved up to `i` is skipped, and may stay open (deliberate).
         if (isTelnet && removeConn(i) == 0 && i != 0) continue;
         ++i;
     }

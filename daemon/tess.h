@@ -25,13 +25,15 @@
 
 /// The daemon: owns ports, connections, the registry and the message records.
 /// Threads: the main thread constructs it, calls run() and deletes it; the service thread runs
-/// serviceLoop(). Locks are taken in the order connLock, regLock.
+/// serviceLoop(). In a forked copy only the forking thread is left, and deletes it. Locks are taken
+/// in the order connLock, regLock.
 class TTess final : public TMsgDmn {
 public:
     /// Opens the queue, creates the ports asked for, installs the signal handlers.
     /// @param queueId  the daemon's own queue address
-    /// @throws std::runtime_error the queue or a port could not be set up; what was open is closed
-    ///         again
+    /// @param com2     true: creates this port; likewise telnet, xcp and ipc
+    /// @throws std::runtime_error  the queue, the wake-up descriptor or a port could not be set up;
+    ///         the other ports and the queue are closed again (TCmdPort::openPort())
     TTess(long queueId, bool com2, bool telnet, bool xcp, bool ipc);
 
     /// Tells the service thread to end, which goes on for 2 seconds unless requestStop() was
@@ -114,7 +116,8 @@ private:
     std::mutex regLock;                     ///< guards regProcs, fullQueues, waitingAnswers
     std::vector<TCmdPort*> ports;           ///< owned, in order of creation
     std::vector<TPortConn*> conns;          ///< owned, of all ports; disposed of by removeConn()
-    FairMutex connLock;                     ///< guards conns
+    /// Guards conns, what belongs to the connections (also their output), lineReports, serviceEnd.
+    FairMutex connLock;
     std::atomic<std::int32_t> stopRequested{0};
     std::atomic<bool> serviceDone{true}; ///< true before the service thread starts and after it ends
     UserName userName{};                 ///< of whoever typed one last
@@ -139,7 +142,7 @@ private:
 /// The one daemon; null before construction and after teardown.
 extern std::atomic<TTess*> g_tess;
 
-/// The service thread; -1 until it is started.
+/// The service thread; -1 while there is none to join: before its start, after its end, in a copy.
 extern pthread_t g_serviceThread;
 
 /// Deletes the daemon, if there is one, and logs the end.

@@ -154,8 +154,8 @@ void OwnQueue::startInForkedChild()
         const std::unique_lock lock(receiveLock_, std::try_to_lock);
         if (lock.owns_lock()) backlog_.clear();
     }
-    // The one thread here was in no section that they guard. What another one was changing there
-    // may be half done.
+    // The forking thread, the only one here, held none of the locks. Another thread of the parent
+    // may have, and may have left the backlog half changed: all three are made anew.
     std::construct_at(&openLock_);
     std::construct_at(&receiveLock_);
     std::construct_at(&backlog_);

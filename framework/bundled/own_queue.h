@@ -19,8 +19,10 @@ public:
     enum class Drained {
         records, ///< took some
         nothing, ///< there was none
-        busy,    ///< another thread is receiving, or only the parent of this process is: it takes the records itself
-        full,    ///< no room to keep any
+        /// Another thread is receiving and takes the records itself; or this is a forked child that
+        /// has not received yet, and the records are left to its parent.
+        busy,
+        full, ///< no room to keep any
     };
 
     constexpr OwnQueue() = default;

@@ -15,10 +15,12 @@ public:
     /// How long a wait may be without any progress once the backlog is full.
     static constexpr std::chrono::milliseconds PATIENCE{250};
 
-    /// @param own      sent from; taken in meanwhile
-    /// @param address  the queue that is sent to
-    /// @param to       its socket, as own.directory() has it
-    /// @param msg      stays the caller's, as long as the sender lives
+    /// @param own      the queue to send from, and to empty into its backlog while waiting; must
+    ///                 outlive the sender
+    /// @param address  the queue to send to
+    /// @param to       the address of that queue's socket, as own.directory() has it; must outlive
+    ///                 the sender
+    /// @param msg      the record; stays the caller's, and must outlive the sender
     /// @param length   MSG_HEADER_BYTES to MSG_RECORD_BYTES
     QueueSender(OwnQueue& own, long address, const sockaddr_un& to, const TOrbAttachmentMsg* msg, std::size_t length)
         : own_(own), address_(address), to_(to), msg_(msg), length_(length)
@@ -26,10 +28,12 @@ public:
     }
 
     /// Tries once, without waiting.
+    /// @return SEND_QUEUE_FULL: no room, in the queue or in this process's send buffer
     SendResult trySend();
 
     /// Waits for room and sends; meanwhile takes what arrives on the own queue into its backlog.
-    /// @return SEND_QUEUE_FULL only when the own backlog is full too and nothing moves
+    /// @return never SEND_QUEUE_FULL unless the own backlog is full and nothing has moved for
+    ///         PATIENCE
     SendResult sendWhenRoom();
 
 private:
