@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <sys/reboot.h>
 #include <unistd.h>
 
@@ -18,7 +19,7 @@ constexpr int REBOOT_RESTART = 0x1234567; // RB_AUTOBOOT, reboot(2)
 Reset::Reset(ReInit& reInit, std::function<int()> forkWhole) : reInit_(reInit), forkWhole_(std::move(forkWhole)) {}
 
 ResetResult Reset::ask(const char* line, const void* asker) noexcept
-{
+try {
     if (reInit_.isAskedBy(asker)) {
         if (!reInit_.isOver(asker)) return RESET_WAITS;
         return reInit_.takeResult() ? restart() : RESET_REFUSED;
@@ -26,6 +27,8 @@ ResetResult Reset::ask(const char* line, const void* asker) noexcept
     const ResetLine asked = parseResetLine(line);
     if (asked == ResetLine::restart) return restart();
     return asked == ResetLine::reInit && reInit_.start(asker) ? RESET_WAITS : RESET_REFUSED;
+} catch (const std::bad_alloc&) { // while the line was taken apart: nothing has been begun
+    return RESET_REFUSED;
 }
 
 void Reset::finishForgotten() noexcept

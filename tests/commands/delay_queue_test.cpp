@@ -493,7 +493,7 @@ TEST_F(WaitingDelay, KeepsThoseBehindItInOrder)
     EXPECT_TRUE(waits());
     EXPECT_THAT(queue().lines(), SizeIs(3));
     EXPECT_THAT(run(), IsEmpty()) << "nothing has been taken";
-    clock.set(START + 1, 0);
+    clock.set(START, 200'000'000);
     EXPECT_THAT(run(), IsEmpty());
     (void)motor.receive();
     EXPECT_THAT(run(), ElementsAre("C\n", "D\n"));

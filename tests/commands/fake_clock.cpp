@@ -18,15 +18,29 @@ constexpr long READ_CLOCK = SYS_clock_gettime64;
 constexpr long READ_CLOCK = SYS_clock_gettime;
 #endif
 
+using Instant = std::chrono::steady_clock::time_point;
+
+timespec asTimespec(Instant moment)
+{
+    using std::chrono::nanoseconds;
+    const std::int64_t nanos = nanoseconds(moment.time_since_epoch()).count();
+    return {static_cast<std::time_t>(nanos / 1'000'000'000), static_cast<long>(nanos % 1'000'000'000)};
+}
+
 int readClock(clockid_t clock, timespec* now)
 {
+    if (fake == nullptr && stopped != nullptr && clock == CLOCK_MONOTONIC) {
+        *now = asTimespec(stopped->now);
+        return 0;
+    }
     if (fake == nullptr || clock != CLOCK_MONOTONIC) return static_cast<int>(::syscall(READ_CLOCK, clock, now));
     if (fake->fails) {
         errno = EINVAL;
         return -1;
     }
-    now->tv_sec = static_cast<std::time_t>(fake->seconds);
-    now->tv_nsec = static_cast<long>(fake->nanoseconds);
+    const std::chrono::nanoseconds passed = stopped != nullptr ? stopped->now - stopped->began : Instant::duration{};
+    *now =
+        asTimespec(Instant(std::chrono::seconds(fake->seconds) + std::chrono::nanoseconds(fake->nanoseconds) + passed));
     return 0;
 }
 

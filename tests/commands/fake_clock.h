@@ -24,7 +24,8 @@ public:
 };
 
 /// While one lives, no moment passes for this program's own code but those that a test lets pass; a
-/// FakeClock is another one. One at a time. The linker's option --wrap leads
+/// FakeClock is another one: while both live, clock_gettime() shows that one's time and what has
+/// passed. One at a time. The linker's option --wrap leads clock_gettime() and
 /// std::chrono::steady_clock::now() here.
 class StoppedTime {
 public:
@@ -36,4 +37,5 @@ public:
     void pass(std::chrono::steady_clock::duration time) { now += time; }
 
     std::chrono::steady_clock::time_point now;
+    const std::chrono::steady_clock::time_point began = now;
 };

@@ -127,7 +127,7 @@ class Stage:
         if got == answer:
             return ANSWERED
         if got:
-            return f"gets {got.decode(errors='replace').strip()!r}"
+            return f"gets {got.decode(errors='replace').strip().partition(chr(13))[0]!r}"
         return CLOSED if isinstance(client, Client) and self.is_closed(client) else UNANSWERED
 
     @staticmethod

@@ -44,7 +44,7 @@ class Traffic:
         """The daemon serves."""
         self._process = AnsweringProcess(2001, b"ENC", lambda command: b"answer to " + command)
         telnet = TelnetClient()
-        telnet.log_in()
+        telnet.log_in(within=END)
         self._threads = [
             threading.Thread(target=run, args=arguments, daemon=True)
             for run, *arguments in (
