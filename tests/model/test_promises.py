@@ -213,9 +213,21 @@ class Promised(RuleBasedStateMachine):
             self.say(peer, data, [])
 
     @precondition(has_client)
+    @rule(who=WHO, before=SEVERAL_LINES, after=SEVERAL_LINES)
+    def quit(self, who: int, before: bytes, after: bytes) -> None:
+        """With lines in front and behind, which are for somebody else then."""
+        found = self.telnet_clients(logged_in=True)
+        if found:
+            self.say(found[who % len(found)], before + b"\nquit\n" + after, [])
+
+    def telnet_clients(self, logged_in: bool) -> list[Peer]:
+        clients = [peer for peer in self.device.peers if peer.connection.port == wire.TELNET]
+        return [peer for peer in clients if peer.connection.logged_in == logged_in]
+
+    @precondition(has_client)
     @rule(who=WHO, data=st.sampled_from(TELNET_PIECES))
     def telnet_piece(self, who: int, data: bytes) -> None:
-        found = [peer for peer in self.device.peers if peer.connection.port == wire.TELNET and not peer.connection.logged_in]
+        found = self.telnet_clients(logged_in=False)
         if found:
             self.say(found[who % len(found)], data, [])
 
