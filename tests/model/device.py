@@ -175,13 +175,14 @@ class Device:
         self.compare()
         return peer
 
-    def greet_first(self, name: bytes) -> None:
+    def greet_first(self, name: bytes) -> Peer:
         """A telnet client before the one that asks, so that it may be the first in the daemon's list."""
         peer = self._connect(wire.TELNET, "telnet 0")
         self.note(f"{peer.name} connects first and sends {name!r}")
         self.peers.append(peer)
         self._send(peer, name)
         self._wait(peer.complete, [peer])
+        return peer
 
     def _connect(self, port: int, name: str) -> Peer:
         connection = self.promises.connect(port)

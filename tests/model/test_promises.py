@@ -26,6 +26,7 @@ from words import (
     LENGTH_ERRORS,
     LINE_ENDS,
     LINE_MODE,
+    LONG,
     MASKS,
     NAMES,
     PLAIN_LINES,
@@ -108,9 +109,10 @@ class Promised(RuleBasedStateMachine):
     )
     def start(self, ports: tuple[int, ...], now: int, telnet_first: bool) -> None:
         self.device = Device(ports, now, PASSWORDS)
-        if telnet_first and wire.TELNET in ports:
-            self.device.greet_first(b"alice\r\n")
+        first = self.device.greet_first(b"alice\r\n") if telnet_first and wire.TELNET in ports else None
         self.device.compare()
+        if first:
+            self.device.send(first, b"secret\r\n")
 
     def pick(self, who: int) -> Peer | None:
         """A client, or none for the line."""
@@ -177,6 +179,11 @@ class Promised(RuleBasedStateMachine):
     @rule(who=WHO, data=SEVERAL_LINES, tag=TAGS)
     def command_in_one_piece(self, who: int, data: bytes, tag: int) -> None:
         self.command(who, data, [], tag, 0, 0)
+
+    @precondition(has_sender)
+    @rule(who=WHO, data=LONG)
+    def long_command(self, who: int, data: bytes) -> None:
+        self.command(who, data, [], 7, 0, 0)
 
     @precondition(has_sender)
     @rule(
