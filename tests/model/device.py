@@ -263,6 +263,8 @@ class Device:
         self.note(f"process {address} {what}")
         for datagram in datagrams:
             self._tell(address, datagram)
+            if address:
+                self._wait(self.stations[address].complete, [self.stations[address]])
         closes_all = wire.Message.parse(datagrams[0], "").kind == wire.CLOSE_ALL
         self.compare(log_in_order=not closes_all)  # while others are closed the line's next connection may be opened
 
@@ -317,7 +319,7 @@ class Device:
                 self._probe.client.send(b"*\n")
             except BrokenPipeError:
                 self.fail("an answer to *", "the asking client's connection is gone")
-            self._wait(self._probe.complete, [self._probe])
+            self._wait(self._probe.complete, [self._probe, *self.stations.values()])  # whose queues are short
 
     def _wait(self, complete: Callable[[], bool], seen: list) -> None:
         """Until there is all that is promised, or it is clear that it does not come."""

@@ -69,12 +69,6 @@ def install_passwords() -> None:
     subprocess.run(["mount", "--bind", "/run/passwd", "/etc/passwd"], check=True)
 
 
-def let_queues_be_long() -> None:
-    """So that a process that is registered many times takes a command as often."""
-    with open("/proc/sys/net/unix/max_dgram_qlen", "w", encoding="ascii") as file:
-        file.write("500")
-
-
 def has_client(machine: Promised) -> bool:
     return bool(machine.device.peers)
 
@@ -382,7 +376,6 @@ def run(chosen: int, examples: int) -> None:
 @pytest.mark.parametrize("part", range(PARTS))
 def test_tessd_keeps_its_promises(part: int) -> None:
     install_passwords()
-    let_queues_be_long()
     end = time.monotonic() + MINUTES * 60
     rounds = 0
     while rounds == 0 or time.monotonic() < end:
