@@ -234,7 +234,7 @@ class Device:
         """Closes, or only says that nothing more will come."""
         self.note(f"{peer.name} {'ends its side' if half else 'closes'}")
         if not peer.at_end:
-            self.promises.hang_up(peer.connection)
+            self.promises.hang_up(peer.connection, not half)
             peer.client.socket.shutdown(socket.SHUT_WR)
         if not half:
             self.peers.remove(peer)
