@@ -115,7 +115,7 @@ class Device:
     """What one example lives on."""
 
     patience = 30.0  # seconds for what must come
-    examples = steps = commands = 0
+    examples = steps = commands = failures = 0
 
     def __init__(self, ports: tuple[int, ...], now: int, passwords: dict[bytes, bytes | None]) -> None:
         self.script: list[str] = []
@@ -401,7 +401,11 @@ class Device:
         self.failed = True
         Device.patience = 1.0  # from now on the same is looked for again and again
         script = "\n".join(f"    {line}" for line in self.script)
-        raise BrokenPromise(f"\n{script}\n  promised: {promised}\n  got:      {got}\nlog:\n{self.daemon.log_text()}")
+        text = f"\n{script}\n  promised: {promised}\n  got:      {got}\nlog:\n{self.daemon.log_text()}"
+        if Device.failures == 0:
+            print(f"As it was seen first:{text}", flush=True)
+        Device.failures += 1
+        raise BrokenPromise(text)
 
 
 def _listed(records: list) -> str:
