@@ -436,7 +436,7 @@ class TelnetConnection(Connection):
     def send(self, data: bytes) -> None:
         self.promises.stir()
         self.output.append(data)
-        if self.gone:
+        if self.gone and data:
             self.pending.clear()  # half a line, which the client's system has said will never be whole
 
     def write(self, kind: int, sender: int, tag: int | None, text: bytes) -> None:
