@@ -115,7 +115,7 @@ class Device:
     """What one example lives on."""
 
     patience = 30.0  # seconds for what must come
-    examples = steps = commands = 0
+    examples = steps = commands = failures = 0
 
     def __init__(self, ports: tuple[int, ...], now: int, passwords: dict[bytes, bytes | None]) -> None:
         self.script: list[str] = []
@@ -175,13 +175,14 @@ class Device:
         self.compare()
         return peer
 
-    def greet_first(self, name: bytes) -> None:
+    def greet_first(self, name: bytes) -> Peer:
         """A telnet client before the one that asks, so that it may be the first in the daemon's list."""
         peer = self._connect(wire.TELNET, "telnet 0")
         self.note(f"{peer.name} connects first and sends {name!r}")
         self.peers.append(peer)
         self._send(peer, name)
         self._wait(peer.complete, [peer])
+        return peer
 
     def _connect(self, port: int, name: str) -> Peer:
         connection = self.promises.connect(port)
@@ -233,7 +234,7 @@ class Device:
         """Closes, or only says that nothing more will come."""
         self.note(f"{peer.name} {'ends its side' if half else 'closes'}")
         if not peer.at_end:
-            self.promises.hang_up(peer.connection)
+            self.promises.hang_up(peer.connection, not half)
             peer.client.socket.shutdown(socket.SHUT_WR)
         if not half:
             self.peers.remove(peer)
@@ -364,13 +365,18 @@ class Device:
     def _compare_process(self, address: int, station: Station, in_order: bool) -> None:
         got, promised = list(station.got), list(station.promised.inbox)
         if not in_order:  # between clients; what has the same tag may be of two of them
-            got.sort(key=_by_tag)
-            promised.sort(key=_by_tag)
+            got.sort(key=self._by_source)
+            promised.sort(key=self._by_source)
         if got != promised:
             self.fail(f"process {address} is sent {_listed(promised)}", _listed(got))
         station.commands += [record for record in got if record.kind == wire.TEXT_KIND]
         station.got.clear()
         station.promised.inbox.clear()
+
+    def _by_source(self, record: Record) -> tuple:
+        """The same for what one client has sent, in its order. The line and a framed client may have the same ID."""
+        owners = [connection for connection in self.promises.connections if connection.id == record.tag & 0xFFFF0000]
+        return record.tag, record.text if len(owners) > 1 else b""
 
     def _compare_log(self, in_order: bool) -> None:
         promised = self.promises.log
@@ -395,11 +401,11 @@ class Device:
         self.failed = True
         Device.patience = 1.0  # from now on the same is looked for again and again
         script = "\n".join(f"    {line}" for line in self.script)
-        raise BrokenPromise(f"\n{script}\n  promised: {promised}\n  got:      {got}\nlog:\n{self.daemon.log_text()}")
-
-
-def _by_tag(record: Record) -> tuple:
-    return record.tag, record.kind
+        text = f"\n{script}\n  promised: {promised}\n  got:      {got}\nlog:\n{self.daemon.log_text()}"
+        if Device.failures == 0:
+            print(f"As it was seen first:{text}", flush=True)
+        Device.failures += 1
+        raise BrokenPromise(text)
 
 
 def _listed(records: list) -> str:

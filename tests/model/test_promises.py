@@ -9,6 +9,7 @@ import re
 import subprocess
 import time
 
+import promises
 import pytest
 from device import Device, Peer
 from harness import wire
@@ -26,6 +27,7 @@ from words import (
     LENGTH_ERRORS,
     LINE_ENDS,
     LINE_MODE,
+    LONG,
     MASKS,
     NAMES,
     PLAIN_LINES,
@@ -69,9 +71,12 @@ def install_passwords() -> None:
 
 
 def let_queues_be_long() -> None:
-    """So that a process that is registered many times takes a command as often."""
-    with open("/proc/sys/net/unix/max_dgram_qlen", "w", encoding="ascii") as file:
-        file.write("500")
+    """So that a process that is registered many times takes a command as often at once, and nobody's order is left open."""
+    try:
+        with open("/proc/sys/net/unix/max_dgram_qlen", "w", encoding="ascii") as file:
+            file.write("500")
+    except OSError as error:
+        pytest.skip(f"the length of queues cannot be set without being root outside too: {error}")
 
 
 def has_client(machine: Promised) -> bool:
@@ -108,9 +113,10 @@ class Promised(RuleBasedStateMachine):
     )
     def start(self, ports: tuple[int, ...], now: int, telnet_first: bool) -> None:
         self.device = Device(ports, now, PASSWORDS)
-        if telnet_first and wire.TELNET in ports:
-            self.device.greet_first(b"alice\r\n")
+        first = self.device.greet_first(b"alice\r\n") if telnet_first and wire.TELNET in ports else None
         self.device.compare()
+        if first:
+            self.device.send(first, b"secret\r\n")
 
     def pick(self, who: int) -> Peer | None:
         """A client, or none for the line."""
@@ -179,6 +185,11 @@ class Promised(RuleBasedStateMachine):
         self.command(who, data, [], tag, 0, 0)
 
     @precondition(has_sender)
+    @rule(who=WHO, data=LONG)
+    def long_command(self, who: int, data: bytes) -> None:
+        self.command(who, data, [], 7, 0, 0)
+
+    @precondition(has_sender)
     @rule(
         who=WHO,
         which=st.integers(0, 40),
@@ -213,9 +224,21 @@ class Promised(RuleBasedStateMachine):
             self.say(peer, data, [])
 
     @precondition(has_client)
+    @rule(who=WHO, before=SEVERAL_LINES, after=SEVERAL_LINES)
+    def quit(self, who: int, before: bytes, after: bytes) -> None:
+        """With lines in front and behind, which are for somebody else then."""
+        found = self.telnet_clients(logged_in=True)
+        if found:
+            self.say(found[who % len(found)], before + b"\nquit\n" + after, [])
+
+    def telnet_clients(self, logged_in: bool) -> list[Peer]:
+        clients = [peer for peer in self.device.peers if peer.connection.port == wire.TELNET]
+        return [peer for peer in clients if peer.connection.logged_in == logged_in]
+
+    @precondition(has_client)
     @rule(who=WHO, data=st.sampled_from(TELNET_PIECES))
     def telnet_piece(self, who: int, data: bytes) -> None:
-        found = [peer for peer in self.device.peers if peer.connection.port == wire.TELNET and not peer.connection.logged_in]
+        found = self.telnet_clients(logged_in=False)
         if found:
             self.say(found[who % len(found)], data, [])
 
@@ -244,7 +267,9 @@ class Promised(RuleBasedStateMachine):
     @precondition(has_client)
     @rule(who=WHO, half=st.booleans())
     def hang_up(self, who: int, half: bool) -> None:
-        self.device.hang_up(self.device.peers[who % len(self.device.peers)], half)
+        peer = self.device.peers[who % len(self.device.peers)]
+        stuck = len(peer.connection.pending) >= promises.BUFFER  # nobody says when such a client is missed that has gone
+        self.device.hang_up(peer, half or stuck)
 
     # Processes
 
@@ -369,4 +394,4 @@ def test_tessd_keeps_its_promises(part: int) -> None:
     while rounds == 0 or time.monotonic() < end:
         run(SEED + rounds * PARTS + part, max(1, EXAMPLES // PARTS))
         rounds += 1
-    print(f"{Device.examples} examples, {Device.steps} steps, {Device.commands} pieces sent by clients")
+        print(f"{Device.examples} examples, {Device.steps} steps, {Device.commands} pieces sent by clients", flush=True)
