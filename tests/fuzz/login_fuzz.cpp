@@ -169,34 +169,25 @@ private:
     bool over_ = false;
 };
 
-} // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
-{
-    if (!privateMountsProblem().empty()) { // it has no place for users of its own
-        std::printf("skipped: %s\n", privateMountsProblem().c_str());
-        std::exit(77);
+/// Both clients, and the time that passes for them.
+class Session {
+public:
+    explicit Session(std::uint8_t modes)
+        : clients_{std::make_unique<Client>((modes & 3) == 1), std::make_unique<Client>((modes & 12) == 4)}
+    {
     }
-    static const PasswdFile passwords(USERS);
-    FuzzClock clock;
-    FuzzInput input(data, size);
-    const std::uint8_t modes = input.byte();
-    std::array<std::unique_ptr<Client>, 2> clients{std::make_unique<Client>((modes & 3) == 1),
-                                                   std::make_unique<Client>((modes & 12) == 4)};
-    TOrbAttachmentMsg message{};
-    UserName userName{};
-    std::string lastName;
-    for (int actions = 0; !input.empty() && actions < 100; ++actions) {
-        const std::uint8_t choice = input.byte();
-        Client& client = *clients[choice & 1U];
+
+    void act(std::uint8_t choice, FuzzInput& input)
+    {
+        Client& client = *clients_[choice & 1U];
         switch (choice >> 1U & 7U) {
         case 0:
             HeldThreads::run();
-            for (const auto& each : clients)
+            for (const auto& each : clients_)
                 each->endCheck();
             break;
         case 1: // no sum of these is 60 s, so that nothing happens at the very moment
-            clock.pass(std::chrono::milliseconds(7 * input.number<std::uint16_t>() + 7));
+            clock_.pass(std::chrono::milliseconds(7 * input.number<std::uint16_t>() + 7));
             break;
         case 2:
             client.close();
@@ -208,8 +199,32 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             client.type(input.take(input.byte() % 16U));
         }
         for (int steps = choice >> 6U; steps >= 0; --steps)
-            for (const auto& each : clients)
-                each->step(message, userName, lastName, clock.elapsed());
+            for (const auto& each : clients_)
+                each->step(message_, userName_, lastName_, clock_.elapsed());
+    }
+
+private:
+    FuzzClock clock_;
+    std::array<std::unique_ptr<Client>, 2> clients_;
+    TOrbAttachmentMsg message_{};
+    UserName userName_{};
+    std::string lastName_; ///< as the model has it
+};
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
+{
+    if (!privateMountsProblem().empty()) { // it has no place for users of its own
+        std::printf("skipped: %s\n", privateMountsProblem().c_str());
+        std::exit(77);
+    }
+    static const PasswdFile passwords(USERS);
+    FuzzInput input(data, size);
+    Session session(input.byte());
+    for (int actions = 0; !input.empty() && actions < 100; ++actions) {
+        const std::uint8_t choice = input.byte();
+        session.act(choice, input);
     }
     HeldThreads::forget();
     return 0;

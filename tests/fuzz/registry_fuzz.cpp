@@ -16,8 +16,6 @@
 #include "tests/support/address_rules.h"
 #include "tests/support/private_mounts.h"
 
-using namespace std::string_literals;
-
 namespace {
 
 constexpr std::size_t PROCESSES = 4;
@@ -210,6 +208,37 @@ std::uint32_t maskFrom(FuzzInput& input)
     return choice < 240 ? masks[choice % std::size(masks)] : input.number<std::uint32_t>();
 }
 
+void act(Session& session, std::uint8_t choice, FuzzInput& input)
+{
+    const std::size_t whom = choice >> 3U; // a process, or a kind of port
+    switch (choice & 7U) {
+    case 0:
+    case 1: {
+        const std::uint32_t mask = maskFrom(input);
+        session.registerProc(whom % PROCESSES, mask, nameFrom(input));
+        break;
+    }
+    case 2:
+        session.unregisterProc(whom % PROCESSES);
+        break;
+    case 3:
+        session.end(whom % PROCESSES, choice >= 128);
+        break;
+    case 4:
+        session.begin(whom % PROCESSES);
+        break;
+    case 5: {
+        const std::string target = nameFrom(input);
+        session.command(whom % KINDS, input.byte(), "s3." + target + " SETX 5");
+        break;
+    }
+    default: {
+        const std::uint16_t tag = input.number<std::uint16_t>();
+        session.command(whom % KINDS, tag, input.chunk(choice >= 128 ? 1000 : 24));
+    }
+    }
+}
+
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
@@ -222,33 +251,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Session session;
     for (int actions = 0; !input.empty() && actions < 150; ++actions) {
         const std::uint8_t choice = input.byte();
-        const std::size_t process = (choice >> 3U) % PROCESSES;
-        switch (choice & 7U) {
-        case 0:
-        case 1: {
-            const std::uint32_t mask = maskFrom(input);
-            session.registerProc(process, mask, nameFrom(input));
-            break;
-        }
-        case 2:
-            session.unregisterProc(process);
-            break;
-        case 3:
-            session.end(process, choice >= 128);
-            break;
-        case 4:
-            session.begin(process);
-            break;
-        case 5: {
-            const std::string target = nameFrom(input);
-            session.command((choice >> 3U) % KINDS, input.byte(), "s3." + target + " SETX 5");
-            break;
-        }
-        default: {
-            const std::uint16_t tag = input.number<std::uint16_t>();
-            session.command((choice >> 3U) % KINDS, tag, input.chunk(choice >= 128 ? 1000 : 24));
-        }
-        }
+        act(session, choice, input);
     }
     return 0;
 }

@@ -196,10 +196,7 @@ public:
             if (clients_.size() < MOST_CLIENTS) clients_.emplace_back(static_cast<Client::Kind>(action & 15U));
             break;
         case 9:
-            if (whom >= 8)
-                lineTakes_ = !lineTakes_;
-            else
-                type(input.take(input.byte()));
+            actAtLine(whom, input);
             break;
         case 10:
         case 11:
@@ -213,9 +210,7 @@ public:
             serveQueue();
             break;
         case 14:
-            reInitFails = whom >= 8;
-            HeldThreads::run();
-            serveQueue();
+            endThreads(whom >= 8);
             break;
         case 15:
             if (whom >= 8)
@@ -231,7 +226,7 @@ public:
 
     void finish()
     {
-        HeldThreads::run();
+        endThreads(false);
         for (int turns = 0; turns < 4; ++turns) {
             takeRecords(true);
             pass(std::chrono::milliseconds(300));
@@ -288,9 +283,21 @@ private:
         return out;
     }
 
-    void type(const std::string& bytes)
+    void actAtLine(std::size_t whom, FuzzInput& input)
     {
+        if (whom >= 8) {
+            lineTakes_ = !lineTakes_;
+            return;
+        }
+        const std::string bytes = input.take(input.byte());
         if (!bytes.empty()) (void)line_.type(bytes); // a line that is full loses it
+    }
+
+    void endThreads(bool badly)
+    {
+        reInitFails = badly;
+        HeldThreads::run();
+        serveQueue();
     }
 
     void pass(std::chrono::milliseconds time) { clock_.pass(time); }
