@@ -28,7 +28,8 @@ TEST(Remote, QuotesEachWordForTheShellThere)
     EXPECT_EQ(shellWord("it's"), "'it'\\''s'");
     EXPECT_EQ(remoteCommand("me@device", {"send", "$GPRMC,1"}, RemoteInput::nothing),
               (Words{"ssh", "-T", "-n", "me@device", "tessctl", "'send'", "'$GPRMC,1'"}));
-    EXPECT_EQ(remoteCommand("device", {"send"}, RemoteInput::here), (Words{"ssh", "-T", "device", "tessctl", "'send'"}));
+    EXPECT_EQ(remoteCommand("device", {"send"}, RemoteInput::here),
+              (Words{"ssh", "-T", "device", "tessctl", "'send'"}));
     EXPECT_EQ(remoteCommand("device", {"console"}, RemoteInput::terminal),
               (Words{"ssh", "-t", "device", "tessctl", "'console'"}));
 }
