@@ -35,6 +35,16 @@ from harness.queue_process import QueueProcess, queue_path
 from harness.system_log import SystemLog
 from harness.waiting import wait_until
 
+LIFE_WITH_LOCAL_PORTS = [
+    INITIALIZE_XCP,
+    INITIALIZE_IPC,
+    RUNNING,
+    RECEIVED_SIGTERM,
+    CLOSING_ALL,
+    XCP_PORT_CLOSED,
+    IPC_PORT_CLOSED,
+    NORMAL_EXIT,
+]
 QUEUE_IN_USE = (250001, "queue address 1001 is in use")
 
 
@@ -57,18 +67,7 @@ def test_log_tells_start_and_stop_in_order(tessd):
     tessd.expect_entries([INITIALIZE_XCP, INITIALIZE_IPC, RUNNING])
     tessd.signal(signal.SIGTERM)
     tessd.expect_normal_end()
-    tessd.expect_entries(
-        [
-            INITIALIZE_XCP,
-            INITIALIZE_IPC,
-            RUNNING,
-            RECEIVED_SIGTERM,
-            CLOSING_ALL,
-            XCP_PORT_CLOSED,
-            IPC_PORT_CLOSED,
-            NORMAL_EXIT,
-        ]
-    )
+    tessd.expect_entries(LIFE_WITH_LOCAL_PORTS)
 
 
 def test_all_four_ports_start_and_stop_in_order(launch):
@@ -399,17 +398,7 @@ def test_log_can_go_to_the_system_log(launch):
     assert tessd.log_text() == ""
     lines += system_log.received()
     assert [line.rpartition("    [TESS] ")[2] for line in lines] == [
-        f"{identifier} {text}"
-        for identifier, text in (
-            INITIALIZE_XCP,
-            INITIALIZE_IPC,
-            RUNNING,
-            RECEIVED_SIGTERM,
-            CLOSING_ALL,
-            XCP_PORT_CLOSED,
-            IPC_PORT_CLOSED,
-            NORMAL_EXIT,
-        )
+        f"{identifier} {text}" for identifier, text in LIFE_WITH_LOCAL_PORTS
     ]
     # RFC 3164: facility daemon (3), any severity.
     priorities = {int(line[1 : line.index(">")]) for line in lines}

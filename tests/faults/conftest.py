@@ -6,7 +6,6 @@ TESSD_FAULTS_WRITE names a file to which effects are written, a JSON text a line
 
 from __future__ import annotations
 
-import importlib.util
 import os
 import sys
 
@@ -17,14 +16,7 @@ END_TO_END = os.path.join(os.path.dirname(HERE), "e2e")
 sys.path[:0] = [HERE, END_TO_END]
 
 import harness.accounts  # noqa: E402
-
-_specification = importlib.util.spec_from_file_location("end_to_end_fixtures", os.path.join(END_TO_END, "conftest.py"))
-fixtures = importlib.util.module_from_spec(_specification)
-_specification.loader.exec_module(fixtures)
-
-pytest_configure = fixtures.pytest_configure
-pytest_runtest_protocol = fixtures.pytest_runtest_protocol
-launch = fixtures.launch
+from harness.hooks import launch_daemons, pytest_configure, pytest_runtest_protocol  # noqa: E402, F401
 
 
 @pytest.fixture(autouse=True)

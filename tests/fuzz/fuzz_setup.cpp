@@ -2,6 +2,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <fcntl.h>
 #include <sched.h>
 #include <unistd.h>
@@ -40,6 +41,14 @@ void silenceLog()
 #endif
     ::dup2(nowhere, STDERR_FILENO);
     ::close(nowhere);
+}
+
+void needNamespaces()
+{
+    const std::string& problem = privateMountsProblem().empty() ? privateNetworkProblem() : privateMountsProblem();
+    if (problem.empty()) return;
+    std::printf("skipped: %s\n", problem.c_str());
+    std::exit(77);
 }
 
 // Whatever calls the target calls this first.

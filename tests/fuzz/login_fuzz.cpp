@@ -4,8 +4,6 @@
 #include "connections/login.h"
 
 #include <array>
-#include <cstdio>
-#include <cstdlib>
 #include <memory>
 
 #include "common/white_space.h"
@@ -13,10 +11,10 @@
 #include "tests/fuzz/fuzz_check.h"
 #include "tests/fuzz/fuzz_clock.h"
 #include "tests/fuzz/fuzz_input.h"
+#include "tests/fuzz/fuzz_setup.h"
 #include "tests/fuzz/held_threads.h"
 #include "tests/support/line_rules.h"
 #include "tests/support/passwd_file.h"
-#include "tests/support/private_mounts.h"
 #include "tests/support/stream_pair.h"
 
 namespace {
@@ -215,10 +213,7 @@ private:
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
-    if (!privateMountsProblem().empty()) { // it has no place for users of its own
-        std::printf("skipped: %s\n", privateMountsProblem().c_str());
-        std::exit(77);
-    }
+    needNamespaces();
     static const PasswdFile passwords(USERS);
     FuzzInput input(data, size);
     Session session(input.byte());

@@ -22,8 +22,6 @@
 // After each action the service loop has a turn; the message loop has one after 10, 11, 13 and 14.
 // The two loops have no threads, so that the same input always does the same.
 #include <array>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <optional>
@@ -37,10 +35,9 @@
 #include "tests/fuzz/fuzz_check.h"
 #include "tests/fuzz/fuzz_clock.h"
 #include "tests/fuzz/fuzz_input.h"
+#include "tests/fuzz/fuzz_setup.h"
 #include "tests/fuzz/held_threads.h"
 #include "tests/support/passwd_file.h"
-#include "tests/support/private_mounts.h"
-#include "tests/support/private_network.h"
 #include "tests/support/pty_line.h"
 #include "tests/support/tcp_pair.h"
 
@@ -360,14 +357,6 @@ private:
     std::array<std::optional<QueueProcess>, PROCESSES> processes_;
     std::vector<Client> clients_;
 };
-
-void needNamespaces()
-{
-    const std::string& problem = privateMountsProblem().empty() ? privateNetworkProblem() : privateMountsProblem();
-    if (problem.empty()) return;
-    std::printf("skipped: %s\n", problem.c_str());
-    std::exit(77);
-}
 
 } // namespace
 
