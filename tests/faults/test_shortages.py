@@ -311,7 +311,7 @@ def test_a_memory_group_at_its_limit(launch):
                 sent += 1
                 got += client.receive(len(answer), 0.2)
             group.unlimit()
-            got += client.receive(sent * len(answer) - len(got))
+            got += client.receive(sent * len(answer) - len(got), 60)
             assert got == sent * answer
             neighbours.expect_service()
             tessd.stop()
