@@ -113,15 +113,14 @@ void checkNearest(FuzzInput& input)
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
-    static const char* const locale = std::setlocale(LC_CTYPE, "C.UTF-8");
-    fuzzCheck(locale != nullptr, "the machine has UTF-8");
+    static const bool hasUtf8 = std::setlocale(LC_CTYPE, "C.UTF-8") != nullptr; // the cross libraries have no locales
     FuzzInput input(data, size);
     switch (input.byte() % 7) {
     case 0:
         checkVisible(input.rest());
         break;
     case 1:
-        checkKeys(input.rest());
+        if (hasUtf8) checkKeys(input.rest());
         break;
     case 2:
         checkRecord(input.rest());
