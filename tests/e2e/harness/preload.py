@@ -12,7 +12,7 @@ from harness import settings
 _SANITIZER = re.compile(r"=> (\S*/lib[at]san\.so\S*)")
 
 
-def library(name: str) -> str:
+def path_of(name: str) -> str:
     """The path of one of the tests' libraries."""
     path = os.path.join(settings.BIN_DIR, name)
     assert os.path.exists(path), f"{path} is missing"

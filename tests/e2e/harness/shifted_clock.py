@@ -20,7 +20,7 @@ class ShiftedClock:
         with open(path, "r+b") as file:
             self._map = mmap.mmap(file.fileno(), mmap.PAGESIZE)
         self._ahead = 0
-        self.environment = preload.environment(preload.library("libshifted_clock.so"), SHIFTED_CLOCK=path)
+        self.environment = preload.environment(preload.path_of("libshifted_clock.so"), SHIFTED_CLOCK=path)
 
     def advance(self, seconds: float) -> None:
         """The clock goes ahead by so much more, to the millisecond."""

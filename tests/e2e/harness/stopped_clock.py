@@ -17,7 +17,7 @@ class StoppedClock:
         with open(path, "r+b") as file:
             self._map = mmap.mmap(file.fileno(), mmap.PAGESIZE)
         self.set(nanoseconds)
-        self.environment = preload.environment(preload.library("libstopped_clock.so"), STOPPED_CLOCK=path)
+        self.environment = preload.environment(preload.path_of("libstopped_clock.so"), STOPPED_CLOCK=path)
 
     def set(self, nanoseconds: int) -> None:
         self._map[:8] = nanoseconds.to_bytes(8, settings.BYTEORDER)
