@@ -137,7 +137,7 @@ class AnsweringProcess(QueueProcess):
 
     @property
     def answered(self) -> int:
-        """Commands answered so far."""
+        """Commands answered so far: at least those whose answers have been seen."""
         return int.from_bytes(self._answered[:8], "little")
 
     def _run(self, answer: Callable[[bytes], bytes]) -> None:
@@ -152,8 +152,8 @@ class AnsweringProcess(QueueProcess):
                 command = wire.Message.parse(*self.socket.recvfrom(65536))
                 if command.kind == wire.TEXT_KIND:
                     text = answer(command.line.rstrip(b"\n"))
-                    self.socket.sendto(wire.record(wire.REPLY, text + b"\0", tag=command.tag), daemon)
                     self._answered[:8] = count.to_bytes(8, "little")
+                    self.socket.sendto(wire.record(wire.REPLY, text + b"\0", tag=command.tag), daemon)
         except (FileNotFoundError, ConnectionRefusedError):
             status = 0  # the daemon has ended; whoever waits for an answer will say so
         except BaseException:
