@@ -23,8 +23,8 @@ namespace {
 void checkVisible(const std::string& text)
 {
     const std::string visible = visibleText(text);
-    for (const char c : visible) {
-        const bool control = (c >= 0 && c < ' ' && c != '\t' && c != '\r' && c != '\n') || c == '\x7F';
+    for (const unsigned char c : visible) {
+        const bool control = (c < ' ' && c != '\t' && c != '\r' && c != '\n') || c == 0x7F;
         fuzzCheck(!control, "nothing controls the terminal");
     }
     fuzzCheck(visibleText(visible) == visible, "what is visible stays as it is");
