@@ -58,6 +58,12 @@ bool replaceSocket(int descriptor, int by)
     return ::syscall(SYS_dup3, by, descriptor, O_CLOEXEC) >= 0;
 }
 
+/// @return true when errno tells of a receive that has found nothing, false when it has failed
+bool cameNothing()
+{
+    return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR;
+}
+
 } // namespace
 
 void OwnQueue::useEnvironment()
@@ -162,18 +168,36 @@ void OwnQueue::startInForkedChild()
     inherited_.store(isOpen());
 }
 
+/// Needs receiveLock_.
+/// @return false, with errno set: the queue is not open
+bool OwnQueue::mayReceive()
+{
+    if (!isOpen()) {
+        errno = EBADF;
+        return false;
+    }
+    if (inherited_.load()) inherited_.store(false);
+    return true;
+}
+
 long OwnQueue::receive(TOrbAttachmentMsg* msg, bool wait)
 {
     const std::scoped_lock lock(receiveLock_);
-    if (!isOpen()) {
-        errno = EBADF;
-        return -1;
-    }
-    if (inherited_.load()) inherited_.store(false);
+    if (!mayReceive()) return -1;
     const std::size_t kept = backlog_.take(msg);
     if (kept == 0) return takeFromSocket(msg, wait ? 0 : MSG_DONTWAIT);
     std::memset(reinterpret_cast<char*>(msg) + kept, 0, MSG_RECORD_BYTES - kept);
     return static_cast<long>(kept);
+}
+
+long OwnQueue::receive(RecordBatch& batch, bool wait)
+{
+    const std::scoped_lock lock(receiveLock_);
+    if (!mayReceive()) return -1;
+    const std::size_t kept = backlog_.take(&batch.record(0));
+    if (kept == 0) return takeFromSocket(batch, wait ? MSG_WAITFORONE : MSG_DONTWAIT);
+    batch.headers()[0].msg_len = static_cast<unsigned>(kept);
+    return 1;
 }
 
 OwnQueue::Drained OwnQueue::drain()
@@ -206,9 +230,9 @@ long OwnQueue::takeFromSocket(TOrbAttachmentMsg* msg, int flags)
     header.msg_iov = &into;
     header.msg_iovlen = 1;
     const ssize_t received = ::recvmsg(socket_.load(), &header, flags | MSG_TRUNC); // MSG_TRUNC: its real length
-    if (received < 0) return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR ? 0 : -1;
+    if (received < 0) return cameNothing() ? 0 : -1;
     const auto length = static_cast<std::size_t>(received);
-    if (length < MSG_HEADER_BYTES || length > MSG_RECORD_BYTES) {
+    if (!isRecord(length)) {
         std::memset(static_cast<void*>(msg), 0, MSG_RECORD_BYTES);
         logMessage(framework_log::datagramDropped, length);
         return 0;
@@ -216,4 +240,18 @@ long OwnQueue::takeFromSocket(TOrbAttachmentMsg* msg, int flags)
     std::memset(reinterpret_cast<char*>(msg) + length, 0, MSG_RECORD_BYTES - length);
     msg->sender = static_cast<std::int32_t>(directory().queueOf(from, header.msg_namelen));
     return static_cast<long>(length);
+}
+
+/// @return how many records; 0: none came; -1 on an error
+long OwnQueue::takeFromSocket(RecordBatch& batch, int flags)
+{
+    const std::span<mmsghdr> headers = batch.headers();
+    // MSG_TRUNC: their real lengths
+    const int count =
+        ::recvmmsg(socket_.load(), headers.data(), static_cast<unsigned>(headers.size()), flags | MSG_TRUNC, nullptr);
+    if (count < 0) return cameNothing() ? 0 : -1;
+    for (std::size_t i = 0; i < static_cast<std::size_t>(count); ++i)
+        batch.record(i).sender =
+            static_cast<std::int32_t>(directory().queueOf(batch.origin(i), headers[i].msg_hdr.msg_namelen));
+    return count;
 }

@@ -7,6 +7,7 @@
 #include "framework/bundled/msg_backlog.h"
 #include "framework/bundled/queue_directory.h"
 #include "framework/bundled/queue_file.h"
+#include "framework/bundled/record_batch.h"
 #include "framework/orb_attachment_msg.h"
 
 /// The queue that this process receives at, once it is open, and the socket that it sends from,
@@ -49,6 +50,15 @@ public:
     ///         is not open
     long receive(TOrbAttachmentMsg* msg, bool wait);
 
+    /// Receives as many records as wait and the batch has room for, which was prepared. One that is
+    /// no record, by isRecord(), is among them too, and its sender word says nothing.
+    /// @param wait  as above, for the first one
+    /// @return how many; else as above
+    long receive(RecordBatch& batch, bool wait);
+
+    /// @return true for the length of a record
+    static bool isRecord(std::size_t length) { return length >= MSG_HEADER_BYTES && length <= MSG_RECORD_BYTES; }
+
     /// Takes records that have arrived into the backlog, so that their senders need not wait. Does
     /// not wait.
     Drained drain();
@@ -70,7 +80,9 @@ private:
     void openLocked(long address);
     void removeFile() noexcept;
     void forget();
+    bool mayReceive();
     long takeFromSocket(TOrbAttachmentMsg* msg, int flags);
+    long takeFromSocket(RecordBatch& batch, int flags);
 
     std::mutex openLock_;
     std::atomic<bool> open_{false};

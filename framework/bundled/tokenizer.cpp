@@ -5,13 +5,20 @@
 
 namespace {
 
+/// @return where `text` has one of them first
+std::size_t findAny(std::string_view text, std::string_view separators)
+{
+    // What is asked for most: one search, not one for each character.
+    return separators.size() == 1 ? text.find(separators.front()) : text.find_first_of(separators);
+}
+
 /// Takes the next token off the front of `text`.
 std::optional<std::string_view> nextToken(std::string_view& text, std::string_view separators)
 {
     const std::size_t begin = text.find_first_not_of(separators);
     if (begin == std::string_view::npos) return std::nullopt;
     text.remove_prefix(begin);
-    const std::string_view token = text.substr(0, text.find_first_of(separators));
+    const std::string_view token = text.substr(0, findAny(text, separators));
     text.remove_prefix(token.size());
     return token;
 }
