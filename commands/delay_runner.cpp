@@ -24,6 +24,7 @@ bool run(CommandContext& context, DelayedLine& line)
 {
     const CmdEntry command{0, line.text.data()};
     line.runs = processCmd(context, nullptr, &command) == CMD_WAITS; // any other result: there is nobody to tell
+    line.progress.queueWaiter.turnAt = 0;
     return !line.runs;
 }
 

@@ -30,7 +30,7 @@ FullQueues::Queue& FullQueues::remember(long address)
 
 bool FullQueues::isFirst(const Queue& queue, const QueueWaiter& who)
 {
-    return queue.waiters.empty() || queue.waiters.front() == &who;
+    return queue.waiters.empty() || queue.waiters.front() == &who || who.turnAt == queue.address;
 }
 
 /// @return false when there is no descriptor that tells of room; or when it has told so twice in a
@@ -54,6 +54,8 @@ long FullQueues::send(QueueWaiter& who, long address, TOrbAttachmentMsg& msg, lo
 long FullQueues::refused(Queue& queue, QueueWaiter& who)
 {
     const Instant now = instantNow();
+    queue.refusedAt = now;
+    who.turnAt = 0;
     queue.isStuck = now >= queue.stuckFrom;
     if (queue.isStuck) return givenUp(who);
     if (who.address != 0) ++queue.falseReports;
@@ -84,6 +86,7 @@ void FullQueues::taken(Queue& queue, QueueWaiter& who)
     queue.isStuck = false;
     queue.stuckFrom = instantNow() + PATIENCE;
     const long address = queue.address;
+    if (who.address != 0) who.turnAt = address;
     leave(who);
     if (queue.waiters.empty()) queues_.remove_if([address](const Queue& known) { return known.address == address; });
 }
@@ -114,5 +117,7 @@ bool FullQueues::mayTry(const QueueWaiter& who, const WaitSet& waits) const
     // moment.
     if (!isFirst(*queue, who)) return false;
     const bool isDue = waits.isDue(std::min(queue->stuckFrom, queue->tryAt));
-    return isDue || (isTrusted(*queue) && waits.hasRoom(queue->room.fd()));
+    // What was reported before a refusal is past.
+    const bool hasRoom = queue->refusedAt <= waits.now() && waits.hasRoom(queue->room.fd());
+    return isDue || (isTrusted(*queue) && hasRoom);
 }

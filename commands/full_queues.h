@@ -8,9 +8,10 @@
 #include "framework/orb_attachment_msg.h"
 #include "framework/queue_room.h"
 
-/// The queues that had no room for a record, and who waits for each, in order of asking. A queue
-/// that has taken nothing for a while is stuck: nobody waits for it any longer before it takes a
-/// record again.
+/// The queues that had no room for a record, and who waits for each, in order of asking. Whoever's
+/// turn has come goes on until it is refused again, or its owner ends the turn. A queue that has
+/// taken nothing for a while is stuck: nobody waits for it any longer before it takes a record
+/// again.
 /// Threads: no lock of its own; under the daemon's registry lock.
 class FullQueues {
 public:
@@ -44,10 +45,11 @@ private:
         explicit Queue(long queueAddress) : address(queueAddress) {}
 
         long address;
-        Instant stuckFrom = NEVER; ///< unless it takes something before
-        bool isStuck = false;      ///< found to be so, and has taken nothing since
-        Instant tryAt = NEVER;     ///< where no descriptor tells its room
-        int falseReports = 0;      ///< of room, in a row
+        Instant stuckFrom = NEVER;   ///< unless it takes something before
+        bool isStuck = false;        ///< found to be so, and has taken nothing since
+        Instant tryAt = NEVER;       ///< where no descriptor tells its room
+        int falseReports = 0;        ///< of room, in a row
+        Instant refusedAt = AT_ONCE; ///< the last time
         QueueRoom room;
         std::vector<QueueWaiter*> waiters;
     };

@@ -9,6 +9,9 @@
 /// Whoever waits for room in the queue of a process.
 struct QueueWaiter {
     long address = 0; ///< of that queue; 0: does not wait
+    /// The queue at which it has waited and been served: it may go on there, ahead of the others
+    /// that wait, until it is refused or has no further line to send now. 0: none
+    long turnAt = 0;
 };
 
 /// How far the interpretation of some command lines has come. While one of them waits for a process

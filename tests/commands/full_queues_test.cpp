@@ -124,6 +124,43 @@ TEST_F(FullQueue, PutsNewcomersBehindAlsoWhereThereIsRoomByNow)
     EXPECT_THAT(forwarded(), ElementsAre("1", "2"));
 }
 
+TEST_F(FullQueue, LetsWhoeverIsServedGoOnUntilItIsRefused)
+{
+    EXPECT_EQ(send(second, "2"), SEND_QUEUE_FULL);
+    for (int i = 0; i < 2; ++i)
+        (void)process->receive();
+    EXPECT_EQ(send(first, "1"), SEND_DONE);
+    EXPECT_EQ(send(third, "3"), SEND_QUEUE_FULL) << "a newcomer";
+    EXPECT_EQ(send(first, "1 again"), SEND_DONE);
+    EXPECT_EQ(send(first, "1 too late"), SEND_QUEUE_FULL);
+    (void)process->receiveAll();
+    EXPECT_EQ(send(first, "1 too late"), SEND_QUEUE_FULL) << "behind the others now";
+    EXPECT_EQ(send(second, "2"), SEND_DONE);
+    second.turnAt = 0;
+    EXPECT_EQ(send(second, "2 again"), SEND_QUEUE_FULL) << "its turn is over";
+    EXPECT_EQ(send(third, "3"), SEND_DONE);
+    EXPECT_EQ(send(first, "1 too late"), SEND_DONE);
+    EXPECT_EQ(send(second, "2 again"), SEND_DONE);
+    EXPECT_THAT(forwarded(), ElementsAre("2", "3", "1 too late", "2 again"));
+}
+
+TEST_F(FullQueue, IsNotTriedAgainForWhatWasReportedBeforeARefusal)
+{
+    EXPECT_EQ(send(second, "2"), SEND_QUEUE_FULL);
+    (void)process->receive();
+    time.pass(1ms);
+    const WaitSet report = bench.look();
+    time.pass(1ms);
+    EXPECT_TRUE(queues.mayTry(first, report));
+    EXPECT_EQ(send(first, "1"), SEND_DONE);
+    EXPECT_TRUE(queues.mayTry(second, report));
+    EXPECT_EQ(send(second, "2"), SEND_QUEUE_FULL);
+    EXPECT_FALSE(queues.mayTry(second, report));
+    (void)process->receive();
+    time.pass(1ms);
+    EXPECT_TRUE(mayTry(second));
+}
+
 TEST_F(FullQueue, KeepsAPlaceForWhoeverAsksAgain)
 {
     EXPECT_EQ(send(second, "2"), SEND_QUEUE_FULL);
