@@ -22,6 +22,7 @@ enum LoginState : std::int32_t {
 };
 
 class LineOutput;
+class LocalConn;
 
 /// One live conversation on a command port.
 /// Owns: by subclass, see ~TPortConn(). The daemon's connection list owns the connection itself.
@@ -120,6 +121,7 @@ public:
     LoginPause login;             ///< what the login dialogue waits for, besides the peer's next line
     CmdProgress progress;         ///< of the lines of the last read
     LineOutput* output = nullptr; ///< what is on its way out of a serial line, the connection's own; else null
+    LocalConn* local = nullptr;   ///< itself, when it is one; else null
 
 protected:
     /// Arms idleTimer afresh.

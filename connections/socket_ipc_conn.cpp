@@ -31,7 +31,13 @@ int TSocketIPCConn::readCmd()
     return count;
 }
 
-int TSocketIPCConn::write(TOrbAttachmentMsg* msg)
+int TSocketIPCConn::send(TOrbAttachmentMsg& msg)
 {
-    return ::send(fd, msg->text, textLength(*msg), MSG_DONTWAIT | MSG_NOSIGNAL) < 0 ? 1 : 0;
+    const std::string_view text = toBeSent(msg);
+    return ::send(fd, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL) < 0 ? 1 : 0;
+}
+
+std::string_view TSocketIPCConn::toBeSent(TOrbAttachmentMsg& msg) const
+{
+    return {msg.text, textLength(msg)};
 }

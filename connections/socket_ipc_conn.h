@@ -8,5 +8,8 @@ public:
     using LocalConn::LocalConn;
 
     int readCmd() override;
-    int write(TOrbAttachmentMsg* msg) override;
+
+protected:
+    std::string_view toBeSent(TOrbAttachmentMsg& msg) const override;
+    int send(TOrbAttachmentMsg& msg) override;
 };

@@ -18,11 +18,17 @@ public:
     /// arrived by then; the rest is taken for the next header. A header of which only a part has
     /// arrived is waited for, until `due`: after FRAME_TIME, whole or not, the result is -1.
     int readCmd() override;
-    int write(TOrbAttachmentMsg* msg) override;
+
+protected:
+    std::string_view toBeSent(TOrbAttachmentMsg& msg) const override;
+    int send(TOrbAttachmentMsg& msg) override;
 
 private:
+    void dropFrame();
     bool takeIn(std::int32_t bytes);
-    int cutPayload();
+    int cutFrame();
 
-    Instant frameEnd_ = NEVER; ///< when a header that has begun must be whole
+    std::int32_t frameLen_ = 0;                ///< bytes in rxBuf that are done with when the next frame is read
+    std::int32_t lastFrameLen_ = HEADER_BYTES; ///< as its header says; clients that send alike frames need one call
+    Instant frameEnd_ = NEVER;                 ///< when a header that has begun must be whole; NEVER: none has
 };

@@ -279,6 +279,39 @@ TEST_F(SocketIpcConn, FailsToWriteToAPeerThatDoesNotReadAndDoesNotWaitForIt)
     EXPECT_EQ(fewestSleeps([&] { (void)conn.write(&record); }), 0);
 }
 
+TEST_F(SocketIpcConn, WritesTextsTogetherInOrder)
+{
+    std::vector<TOrbAttachmentMsg> records;
+    std::string all;
+    for (int i = 0; i < 100; ++i) {
+        const std::string text = i % 7 == 0 ? "" : std::to_string(i) + "\r\n";
+        records.push_back(recordWith(text));
+        all += text;
+    }
+    writeTogether(conn, records);
+    EXPECT_EQ(pair.received(), all);
+}
+
+TEST_F(SocketIpcConn, WritesNoTextTogetherToAPeerThatDoesNotReadAndDoesNotWaitForIt)
+{
+    std::vector<TOrbAttachmentMsg> records(3, recordWith(std::string(8000, 'x')));
+    while (conn.write(records.data()) == 0) {
+    }
+    EXPECT_EQ(fewestSleeps([&] { writeTogether(conn, records); }), 0);
+    EXPECT_THAT(pair.received(), testing::Not(testing::IsEmpty()));
+    writeTogether(conn, records);
+    EXPECT_EQ(pair.received().size(), 24'000U) << "it goes on when there is room";
+}
+
+TEST_F(SocketIpcConn, WritesNoTextTogetherToAPeerThatClosedAndRaisesNoSignal)
+{
+    const BrokenPipes brokenPipes;
+    pair.closeClient();
+    std::vector<TOrbAttachmentMsg> records(3, recordWith("OK\r\n\r\n"));
+    writeTogether(conn, records);
+    EXPECT_EQ(brokenPipes.count(), 0);
+}
+
 TEST_F(SocketIpcConn, ClosesItsDescriptorAtItsEnd)
 {
     StreamPair other;

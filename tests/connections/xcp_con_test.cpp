@@ -147,6 +147,25 @@ TEST_F(XcpCon, YieldsOneFrameARead)
     EXPECT_THAT(readLines(), ElementsAre());
 }
 
+TEST_F(XcpCon, IsLookedAtAgainForWhatWasTakenInBehindAShorterFrame)
+{
+    EXPECT_THAT(sendAndRead(frame(1, std::string(100, 'A'))), ElementsAre(std::string(100, 'A')));
+    EXPECT_TRUE(waitsForInput());
+    const std::string second = frame(4, "D");
+    ASSERT_TRUE(pair.send(frame(2, "B") + frame(3, "C") + second.substr(0, 10)));
+    EXPECT_THAT(readLines(), ElementsAre("B"));
+    EXPECT_EQ(conn.due, AT_ONCE) << "the socket tells nothing of it any more";
+    EXPECT_THAT(readLines(), ElementsAre("C"));
+    EXPECT_EQ(conn.cmds[0].tag, 3U);
+    EXPECT_EQ(conn.due, AT_ONCE);
+    EXPECT_THAT(readLines(), ElementsAre());
+    EXPECT_NE(conn.due, AT_ONCE) << "half a header";
+    EXPECT_NE(conn.due, NEVER) << "which must be whole in time";
+    ASSERT_TRUE(pair.send(second.substr(10)));
+    EXPECT_THAT(readLines(), ElementsAre("D"));
+    EXPECT_TRUE(waitsForInput());
+}
+
 TEST_F(XcpCon, RefusesADeclaredLengthThatFitsNoBuffer)
 {
     for (const std::int32_t bytes : {-1, INT_MIN, INT_MIN + 1, -16, -17, 1009, 1024, 65536, INT_MAX, INT_MAX - 15}) {
@@ -467,6 +486,31 @@ TEST_F(XcpCon, LogsAWriteToAPeerThatDoesNotReadAndDoesNotWaitForIt)
     EXPECT_THAT(log.lines(), ElementsAre(writeFailed));
     TOrbAttachmentMsg next = recordWith("x", 5);
     EXPECT_EQ(fewestSleeps([&] { (void)conn.write(&next); }), 0);
+}
+
+TEST_F(XcpCon, WritesFramesTogetherInOrder)
+{
+    std::vector<TOrbAttachmentMsg> records;
+    for (std::uint32_t i = 0; i < 40; ++i)
+        records.push_back(recordWith(std::to_string(i), 0x0057'0000U + i));
+    std::string alone;
+    for (TOrbAttachmentMsg record : records) {
+        EXPECT_EQ(conn.write(&record), 0);
+        alone += pair.received();
+    }
+    writeTogether(conn, records);
+    EXPECT_EQ(readable(pair.received()), readable(alone));
+}
+
+TEST_F(XcpCon, LogsEachOfTheFramesThatCannotBeWrittenTogetherAndRaisesABrokenPipeForEach)
+{
+    const LogCapture log;
+    const BrokenPipes brokenPipes;
+    pair.closeClient();
+    std::vector<TOrbAttachmentMsg> records(3, recordWith("OK\r\n\r\n", 5));
+    writeTogether(conn, records);
+    EXPECT_THAT(log.lines(), ElementsAre(writeFailed, writeFailed, writeFailed));
+    EXPECT_EQ(brokenPipes.count(), 3);
 }
 
 TEST_F(XcpCon, ClosesItsDescriptorAtItsEnd)

@@ -4,7 +4,7 @@
 #include <string_view>
 #include <vector>
 
-#include "connections/port_conn.h"
+#include "connections/local_conn.h"
 #include "framework/fixed_text.h"
 
 using Texts = std::vector<std::string>;
@@ -29,4 +29,14 @@ inline TOrbAttachmentMsg recordWith(std::string_view text, std::uint32_t tag = 0
     record.len = -1;
     putText(record.text, text);
     return record;
+}
+
+/// Writes records as the message loop does with answers that have come together.
+inline void writeTogether(LocalConn& conn, std::vector<TOrbAttachmentMsg>& records)
+{
+    std::vector<TOrbAttachmentMsg*> msgs;
+    for (TOrbAttachmentMsg& record : records)
+        msgs.push_back(&record);
+    const std::scoped_lock lock(LocalConn::outputLock);
+    conn.writeTogether(msgs);
 }
