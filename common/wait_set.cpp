@@ -31,10 +31,18 @@ WaitSet::WaitSet()
     FD_ZERO(&output_);
 }
 
-void WaitSet::add(int fd, fd_set& set)
+void WaitSet::addInput(int fd)
 {
     if (!fits(fd)) return;
-    FD_SET(fd, &set);
+    FD_SET(fd, &input_);
+    count(fd);
+}
+
+void WaitSet::addOutput(int fd)
+{
+    if (!fits(fd)) return;
+    FD_SET(fd, &output_);
+    hasOutputs_ = true;
     count(fd);
 }
 
@@ -51,7 +59,7 @@ void WaitSet::addDue(Instant due)
 void WaitSet::wait(std::chrono::milliseconds most)
 {
     timeval span = timeUntil(due_, instantNow(), most);
-    failed_ = ::select(maxFd_ + 1, &input_, &output_, nullptr, &span) < 0;
+    failed_ = ::select(maxFd_ + 1, &input_, hasOutputs_ ? &output_ : nullptr, nullptr, &span) < 0;
     if (failed_ && errno != EINTR) Sleep(FAILURE_PAUSE_MS); // it may well go on
     now_ = instantNow();
 }

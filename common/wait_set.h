@@ -14,8 +14,8 @@ public:
     /// @return true for a descriptor that can be waited for
     static bool fits(int fd) { return fd >= 0 && fd < FD_SETSIZE; }
 
-    void addInput(int fd) { add(fd, input_); }
-    void addOutput(int fd) { add(fd, output_); }
+    void addInput(int fd);
+    void addOutput(int fd);
     /// Wakes up no later than then.
     void addDue(Instant due);
 
@@ -40,12 +40,12 @@ public:
     Instant now() const { return now_; }
 
 private:
-    void add(int fd, fd_set& set);
     bool isIn(int fd, const fd_set& set) const;
 
     fd_set input_;
     fd_set output_;
     int maxFd_ = -1;
+    bool hasOutputs_ = false;
     Instant due_ = NEVER;
     Instant now_ = instantNow();
     bool failed_ = false;

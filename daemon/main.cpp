@@ -1,5 +1,5 @@
+#include <cstdio>
 #include <cstdlib>
-#include <iostream>
 #include <stdexcept>
 
 #include "common/milestone.h"
@@ -33,7 +33,7 @@ try {
     logMgr.setLogParameters(128, 6, "    [TESS]", 4);
     const Options options = parseOptions(argc, argv);
     if (options.missingArgument != 0) {
-        std::cerr << argv[0] << ": option " << options.missingArgument << " requires an argument\n";
+        (void)std::fprintf(stderr, "%s: option %d requires an argument\n", argv[0], options.missingArgument);
         return EXIT_FAILURE;
     }
 

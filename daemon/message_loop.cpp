@@ -8,10 +8,10 @@
 #include "common/message_wake.h"
 #include "common/milestone.h"
 #include "common/wake_up.h"
+#include "daemon/answer_runs.h"
 #include "daemon/daemon_log.h"
 #include "daemon/tess.h"
 #include "framework/fd.h"
-#include "framework/queue_mgr.h"
 #include "framework/sleep.h"
 #include "framework/tess_messages.h"
 
@@ -44,16 +44,19 @@ int TTess::run() noexcept
 {
     while (stopRequested == 0) {
         setMilestone(Milestone::receivingMessage);
-        inLen = static_cast<std::int32_t>(g_qMgr.getMsg(&inMsg, MSG_QUEUE_ALL, true));
+        if (!queue.hasNext()) passAnswersOn(); // those that have come together are written together
+        inLen = static_cast<std::int32_t>(queue.next(true));
         answerWhatIsOver();
         if (inLen < 0) Sleep(FAILURE_PAUSE_MS);
         if (inLen <= 0) continue;
         setMilestone(Milestone::messageReceived);
+        if (inMsg.kind != MSG_REPLY) finishAnswers();
         if (inMsg.kind == MSG_STOP) break;
         const auto* const row =
             std::ranges::find(kindRows, inMsg.kind, [](const KindRow& candidate) { return candidate.kind; });
         if (row != std::end(kindRows) && (this->*row->handle)()) sendReply(inMsg.sender, inLen);
     }
+    finishAnswers();
     setMilestone(Milestone::messageLoopDone);
     return 0;
 }
@@ -72,6 +75,7 @@ void TTess::answerWhatIsOver() noexcept
     std::vector<LineOutput::Report> reports;
     {
         const std::scoped_lock lock(connLock);
+        AnswerRuns(answers.take(), conns).write();
         reports.swap(lineReports);
     }
     for (const LineOutput::Report& report : reports) {
@@ -86,19 +90,34 @@ void TTess::answerWhatIsOver() noexcept
     sendReply(resetMsg.sender, resetMsg.length);
 }
 
-/// Writes a process's answer to the connection that asked. When that is gone the answer is dropped.
+/// Writes the answers that have come; unless the service thread has locked the connections, which
+/// then does so when it unlocks them. Nobody waits.
+void TTess::passAnswersOn() noexcept
+{
+    if (answers.isEmpty()) return;
+    std::unique_lock lock(connLock, std::try_to_lock);
+    if (!lock.owns_lock()) return;
+    AnswerRuns runs(answers.take(), conns);
+    if (runs.areLocal()) lock.unlock(); // the next command may be there before the answer's sending is over
+    runs.write();
+}
+
+/// Has all answers written that have come so far, in front of whatever is done next.
+void TTess::finishAnswers() noexcept
+{
+    const std::scoped_lock lock(connLock);
+    AnswerRuns(answers.take(), conns).write();
+}
+
+/// Has a process's answer written to the connection that asked.
 bool TTess::handleReply() noexcept
 {
-    const std::int32_t textEnd = inLen - static_cast<std::int32_t>(MSG_HEADER_BYTES);
-    inMsg.text[std::clamp<std::int32_t>(textEnd, 0, MSG_TEXT_BYTES - 1)] = '\0';
-    const std::scoped_lock lock(connLock);
-    for (std::size_t i = 0; TPortConn* conn = liveAt(conns, i); ++i) {
-        if (conn->connId != (inMsg.tag & 0xFFFF'0000U)) continue;
-        // Telnet and XCP have logged a failure, COM2 only a text that it had no room for, IPC
-        // nothing. A peer that has gone is found out by the next read.
-        (void)conn->write(&inMsg);
-        if (conn->output != nullptr) g_wakeUp.wake();
-        break;
+    const std::size_t most =
+        std::min<std::size_t>(static_cast<std::size_t>(inLen) - MSG_HEADER_BYTES, MSG_TEXT_BYTES - 1);
+    const std::size_t textBytes = ::strnlen(inMsg.text, most);
+    if (!answers.put(inMsg, textBytes)) {
+        finishAnswers();
+        (void)answers.put(inMsg, textBytes); // there is room now
     }
     return false;
 }

@@ -10,6 +10,8 @@
 #include "common/milestone.h"
 #include "common/process_copy.h"
 #include "common/wake_up.h"
+#include "connections/local_conn.h"
+#include "daemon/answer_runs.h"
 #include "daemon/tess.h"
 #include "framework/service_manager.h"
 #include "framework/tess_messages.h"
@@ -40,39 +42,57 @@ void TTess::serviceLoop() noexcept
     ServiceWatchdog watchdog; // no wait below is longer than a second
     WaitSet waits;            // what the last wait has found; before the first one, nothing
     acceptConnections(waits);
-    while (!isToEnd(instantNow())) {
+    connLock.lock();
+    while (!isToEnd(instantNow())) { // with the connections locked: by one turn for a pass and the next wait
         setMilestone(Milestone::servicePassBegun);
         watchdog.alive();
         WaitSet next;
         const bool waitsForDescriptors = collectConns(next);
+        unlockConns();
         setMilestone(Milestone::runningDelays);
         runDelayedLines(waits);
         serviceQueues(waits, next);
         waits = next;
-        if (!waitsForDescriptors) continue; // without any there is no wait (deliberate)
-        waits.wait(delayQueues.empty() ? IDLE_WAIT : DELAYED_WAIT);
-        if (waits.hasInput(g_wakeUp.fd())) g_wakeUp.clear();
-        acceptConnections(waits);
-        servicePass(waits);
+        if (waitsForDescriptors) waitAndAccept(waits);
+        connLock.lock();
+        if (waitsForDescriptors) servicePass(waits); // without any there is no wait either (deliberate)
     }
+    unlockConns();
     setMilestone(Milestone::serviceLoopDone);
     serviceDone = true;
 }
 
-bool TTess::isToEnd(Instant now) noexcept
+/// Writes the answers that the message loop could not write meanwhile: they come behind all that
+/// the pass has written.
+void TTess::unlockConns() noexcept
 {
-    if (stopRequested != 0) return true;
-    const std::scoped_lock lock(connLock);
-    return now >= serviceEnd;
+    connLock.unlock();
+    while (!answers.isEmpty() && connLock.try_lock()) { // else the message loop is at it
+        AnswerRuns(answers.take(), conns).write();
+        connLock.unlock();
+    }
 }
 
+void TTess::waitAndAccept(WaitSet& waits) noexcept
+{
+    waits.wait(delayQueues.empty() ? IDLE_WAIT : DELAYED_WAIT);
+    if (waits.hasInput(g_wakeUp.fd())) g_wakeUp.clear();
+    acceptConnections(waits);
+}
+
+/// Needs connLock.
+bool TTess::isToEnd(Instant now) const noexcept
+{
+    return stopRequested != 0 || now >= serviceEnd;
+}
+
+/// Needs connLock.
 /// @return false when there is no descriptor of a port or a connection
 bool TTess::collectConns(WaitSet& waits) noexcept
 {
     for (std::size_t i = 0; const TCmdPort* port = liveAt(ports, i); ++i)
         port->addTo(waits);
     setMilestone(Milestone::collectingConnections);
-    const std::scoped_lock lock(connLock);
     for (std::size_t i = 0; TPortConn* conn = liveAt(conns, i); ++i)
         conn->addTo(waits);
     waits.addDue(serviceEnd);
@@ -108,11 +128,11 @@ void TTess::runDelayedLines(const WaitSet& waits) noexcept
     if (mayRun) runDelays(commandContext);
 }
 
+/// Needs connLock.
 void TTess::servicePass(const WaitSet& waits) noexcept
 {
     setMilestone(Milestone::serveBegun);
     outMsg.kind = MSG_TEXT;
-    const std::scoped_lock lock(connLock);
     for (std::size_t i = 0; TPortConn* conn = liveAt(conns, i);) {
         serviceOutput(*conn, waits);
         const bool mayServe = conn->progress.waits() ? mayGoOn(conn->progress, waits) : conn->isDue(waits);
@@ -180,6 +200,7 @@ std::size_t TTess::serviceLines(std::size_t index) noexcept
         --index;
         if (conns[index] == nullptr || conns[index]->isHeld()) break;
     }
+    if (conns[index] != nullptr) conns[index]->progress.queueWaiter.turnAt = 0;
     return index + 1;
 }
 
@@ -208,6 +229,7 @@ int TTess::removeConn(std::size_t index) noexcept
 void TTess::forgetConn(TPortConn& conn) noexcept
 {
     reInit.forget(&conn.progress);
+    LocalConn::awaitOutput();
     {
         const std::scoped_lock lock(regLock);
         fullQueues.leave(conn.progress.queueWaiter);

@@ -8,6 +8,7 @@
 #include "common/milestone.h"
 #include "common/process_copy.h"
 #include "common/wake_up.h"
+#include "connections/local_conn.h"
 #include "daemon/daemon_log.h"
 #include "daemon/signals.h"
 #include "framework/tess_messages.h"
@@ -166,6 +167,9 @@ void TTess::startInForkedChild() noexcept
     g_isCopy = true;
     g_serviceThread = NO_THREAD; // if it is the calling one, it is nobody's to join
     connLock.forgetWaiters();
+    LocalConn::startInForkedChild();
+    answers.startInForkedChild();
+    queue.forget();
     reInit.startInCopy();
     resetMsg.waits = false; // the original answers it
 }

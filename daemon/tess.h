@@ -17,10 +17,12 @@
 #include "connections/line_output.h"
 #include "connections/login.h"
 #include "connections/port_conn.h"
+#include "daemon/answer_box.h"
 #include "daemon/registry_result.h"
 #include "daemon/reset.h"
 #include "framework/msg_dmn.h"
 #include "framework/orb_attachment_msg.h"
+#include "framework/queue_reader.h"
 #include "ports/cmd_port.h"
 
 /// The daemon: owns ports, connections, the registry and the message records.
@@ -67,7 +69,9 @@ private:
     void serviceLoop() noexcept;
     bool collectConns(WaitSet& waits) noexcept;
     void serviceQueues(const WaitSet& waits, WaitSet& next) noexcept;
-    bool isToEnd(Instant now) noexcept;
+    bool isToEnd(Instant now) const noexcept;
+    void unlockConns() noexcept;
+    void waitAndAccept(WaitSet& waits) noexcept;
     void acceptConnections(const WaitSet& waits) noexcept;
     void runDelayedLines(const WaitSet& waits) noexcept;
     void servicePass(const WaitSet& waits) noexcept;
@@ -91,6 +95,8 @@ private:
     // --- message loop (message_loop.cpp)
     struct KindRow;
     static const KindRow kindRows[];
+    void passAnswersOn() noexcept;
+    void finishAnswers() noexcept;
     bool handleReply() noexcept;
     bool handleRegister() noexcept;
     bool handleUnregister() noexcept;
@@ -107,7 +113,8 @@ private:
     void deletePorts() noexcept;
     int forkWhole() noexcept;
 
-    TOrbAttachmentMsg inMsg{};              ///< the message being handled
+    TOrbAttachmentMsg inMsg{}; ///< the message being handled
+    QueueReader queue{inMsg};
     TOrbAttachmentMsg replyMsg{};           ///< answer to its sender; never cleared in between
     std::int32_t inLen = 0;                 ///< bytes received; then bytes of replyMsg to send
     TOrbAttachmentMsg outMsg{};             ///< texts to connections and commands to processes; service thread only
@@ -118,6 +125,7 @@ private:
     std::vector<TPortConn*> conns;          ///< owned, of all ports; disposed of by removeConn()
     /// Guards conns, what belongs to the connections (also their output), lineReports, serviceEnd.
     FairMutex connLock;
+    AnswerBox answers; ///< for them
     std::atomic<std::int32_t> stopRequested{0};
     std::atomic<bool> serviceDone{true}; ///< true before the service thread starts and after it ends
     UserName userName{};                 ///< of whoever typed one last

@@ -51,6 +51,19 @@ TEST(FairMutex, LetsAWaitingThreadInBetweenTwoTurnsOfABusyOne)
     EXPECT_LE(passed, 20 * 5) << "turns of the busy thread while another took 20";
 }
 
+TEST(FairMutex, IsLockedAtOnceOrNotAtAllWhenOnlyTried)
+{
+    FairMutex mutex;
+    ASSERT_TRUE(mutex.try_lock());
+    EXPECT_TRUE(mutex.isMine());
+    std::thread([&] { EXPECT_FALSE(mutex.try_lock()); }).join();
+    mutex.unlock();
+    std::thread([&] {
+        EXPECT_TRUE(mutex.try_lock());
+        mutex.unlock();
+    }).join();
+}
+
 TEST(FairMutex, KnowsWhoHasLockedIt)
 {
     FairMutex mutex;

@@ -78,6 +78,9 @@ TEST_F(Copy, GoesOnBehindADelayedReset)
 TEST_F(Copy, AnswersTheProcessThatAskedForTheRestart)
 {
     const QueueProcess process(bench.directory, 2001);
+    // What came together with the reset message is the original's to handle, a stop message too.
+    const Outgoing stop = message(MSG_STOP);
+    system.onFork = [&] { EXPECT_TRUE(process.send(TESS_QUEUE_ID, stop.record, stop.length)); };
     bench.serve(process, message(MSG_RESET, "RESET"));
     EXPECT_THAT(process.receiveTexts(), ElementsAre("Error "));
     expectsCopy();

@@ -98,6 +98,27 @@ TEST_F(ServiceLoop, ReadsEveryConnectionInOrderUnderTheConnectionLock)
     EXPECT_EQ(g_milestone.load(), 31);
 }
 
+TEST_F(ServiceLoop, WritesBehindThePassWhatHasComeForItsConnectionsMeanwhile)
+{
+    FakeConn& a = bench.addConn(8, 1 << 16, "a");
+    FakeConn& b = bench.addConn(8, 2 << 16, "b");
+    a.willRead({"*"});
+    b.willRead({"*"});
+    a.onRead = [&] {
+        std::thread([&] { // nobody waits, though the connections are locked
+            for (const std::uint32_t id : {2U, 1U, 2U}) {
+                const Outgoing answer = message(MSG_REPLY, "X" + std::to_string(id), id << 16);
+                bench.peer.takeAnswer(answer.record, answer.length);
+            }
+        })
+            .join();
+    };
+    pass();
+    EXPECT_THAT(a.written, ElementsAre("0\r\n\r\n", "X1"));
+    EXPECT_THAT(b.written, ElementsAre("0\r\n\r\n", "X2", "X2"));
+    EXPECT_TRUE(LockProbe(bench.peer.connLock()).takenWithin(DEADLINE));
+}
+
 TEST_F(ServiceLoop, MarksTheRecordAsTextForEveryPass)
 {
     bench.peer.outMsg().kind = 7;

@@ -150,6 +150,19 @@ TEST(WaitingCommand, TakesItsTurnAmongOthers)
                 ElementsAre("A1\n", "B1\n", "C1\n", "A2\n", "B2\n", "A3\n", "B3\n"));
 }
 
+TEST(WaitingCommand, GoesTogetherWithTheOthersOfItsReadWhereThereIsRoom)
+{
+    EXPECT_THAT(undisturbed([] {
+                    FullBench bench;
+                    bench.addAsker(1, "a", {"A1", "A2", "A3"});
+                    bench.addAsker(2, "b", {"B1", "B2|B3"});
+                    bench.addAsker(3, "c", {"C1"});
+                    bench.peer.serve();
+                    return bench.drain(7);
+                }),
+                ElementsAre("A1\n", "A2\n", "A3\n", "B1\n", "B2\n", "B3\n", "C1\n"));
+}
+
 TEST(WaitingCommand, WaitsForOneProcessWhileAnotherGetsItsOwn)
 {
     EXPECT_THAT(undisturbed([] {

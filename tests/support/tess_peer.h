@@ -9,7 +9,21 @@ public:
     explicit TessPeer(TTess& tess) : tess_(tess) {}
 
     void acceptConnections(const WaitSet& waits = {}) { tess_.acceptConnections(waits); }
-    void servicePass(const WaitSet& waits = {}) { tess_.servicePass(waits); }
+    void servicePass(const WaitSet& waits = {})
+    {
+        tess_.connLock.lock();
+        tess_.servicePass(waits);
+        tess_.unlockConns();
+    }
+
+    /// As the message loop does with an answer that has come alone.
+    void takeAnswer(const TOrbAttachmentMsg& answer, std::size_t length)
+    {
+        tess_.inMsg = answer;
+        tess_.inLen = static_cast<std::int32_t>(length);
+        (void)tess_.handleReply();
+        tess_.passAnswersOn();
+    }
     void serviceLoop() { tess_.serviceLoop(); }
     bool collectConns(WaitSet& waits) { return tess_.collectConns(waits); }
     void serviceQueues(const WaitSet& waits, WaitSet& next) { tess_.serviceQueues(waits, next); }
@@ -25,7 +39,7 @@ public:
         waits_.wait(most);
         g_wakeUp.clear();
         tess_.acceptConnections(waits_);
-        tess_.servicePass(waits_);
+        servicePass(waits_);
     }
     int removeConn(std::size_t index) { return tess_.removeConn(index); }
     void closeAllConns() { tess_.closeAllConns(); }
