@@ -171,6 +171,31 @@ def test_a_taken_port_ends_the_start(launch):
         assert tessd.entries()[-1] == ERROR_RUNTIME, tessd.log_text()
 
 
+@pytest.mark.deadline(120)
+def test_its_4353rd_client_is_answered_where_the_first_client_of_ipc_is(socket_tessd):
+    """A deliberate oddity: both have the ID 0xbb010000, and the one that is older in the list is found first. Whoever is told
+    the limit has used up an ID, too, and is quicker."""
+    number = (wire.FIRST_IPC_ID - wire.FIRST_TELNET_ID) // wire.ID_STEP + 1
+    with QueueProcess(2001) as process, IpcClient() as first, contextlib.ExitStack() as stack:
+        process.register(b"ENC")
+        first.expect_nothing_more()
+        present = [stack.enter_context(TelnetClient()) for _ in range(10)]
+        for client in present:
+            client.log_in()
+        for _ in range(number - 1 - len(present)):
+            with TelnetClient() as passing:
+                passing.expect(LIMIT_REACHED)
+        present[0].close()
+        socket_tessd.wait_log(*closed(9))
+        with TelnetClient() as last:
+            last.log_in()
+            assert socket_tessd.entries()[-1] == opened(number)
+            last.send(b"s3.ENC X\r\n")
+            process.reply(process.expect_command(b"X", tag=wire.FIRST_IPC_ID).tag, ANSWER)
+            first.expect(ANSWER)
+            first.expect_nothing_more()
+
+
 # Options
 
 # What a client sends after its first command, and what it hears of it.

@@ -136,10 +136,11 @@ class Slow(Actor):
 
     pause = (0.0, 0.0)
 
-    def __init__(self, stage: Stage, name: str, address: int, grave: Grave) -> None:
+    def __init__(self, stage: Stage, name: str, address: int, grave: Grave, asking: threading.Lock) -> None:
         super().__init__(stage, name)
         self._address = address
         self._grave = grave
+        self._asking = asking
 
     def begin(self) -> None:
         self._process = Process(self._address, self.name.encode(), self._grave)
@@ -149,7 +150,7 @@ class Slow(Actor):
         self.stage.stay(self.random.uniform(0.3, 0.6) if self.random.random() < 0.02 else self.random.uniform(0.0, 0.1))
 
     def rest(self) -> None:
-        while self._process.serve_one(0.5):
+        while self._process.serve_one(0.5) or self._asking.locked():
             pass
 
     def end(self) -> None:
@@ -181,23 +182,26 @@ class Crowd(Actor):
 
 
 class Asker(Actor):
-    """Asks processes, and knows what they have taken with them."""
+    """Asks processes, and knows what they have taken with them. The lock is taken while an answer is awaited."""
 
-    def __init__(self, stage: Stage, name: str, connect, processes: list[bytes], most: int, grave: Grave) -> None:
+    def __init__(
+        self, stage: Stage, name: str, connect, processes: list[bytes], most: int, grave: Grave, asking: threading.Lock
+    ) -> None:
         super().__init__(stage, name)
         self._speech = Speech(self, connect)
         self._processes = processes
         self._most = most
         self._grave = grave
+        self._asking = asking
 
     def begin(self) -> None:
         self._speech.open_at_last()
 
     def act(self) -> None:
-        if not self._speech.is_open:
-            self._speech.open_at_last()
+        self._speech.keep_open()
         words = self._speech.words(self.random.randint(1, self._most))
-        self._speech.say(self.random.choice(self._processes), words, self._grave.words)
+        with self._asking:
+            self._speech.say(self.random.choice(self._processes), words, self._grave.words)
 
     def end(self) -> None:
         self._speech.close()
@@ -206,6 +210,7 @@ class Asker(Actor):
 def mortals() -> list:
     """They share a grave, so they are of one crew. The first address is 2100."""
     grave = Grave()
+    slow_one = threading.Lock()
     names = [b"MORTAL0", b"MORTAL1", b"MORTAL2"]
 
     def mortal(number: int):
@@ -213,9 +218,9 @@ def mortals() -> list:
 
     return [
         *(mortal(number) for number in range(len(names))),
-        lambda stage: Slow(stage, "SLOW", 2110, grave),
+        lambda stage: Slow(stage, "SLOW", 2110, grave, slow_one),
         lambda stage: Crowd(stage, "CROWD", 2120, grave),
-        lambda stage: Asker(stage, ASKS + "mortals-ipc", ipc, names, 20, grave),
-        lambda stage: Asker(stage, ASKS + "mortals-xcp", xcp, names, 4, grave),
-        lambda stage: Asker(stage, ASKS + "slow", ipc, [b"SLOW"], 20, grave),
+        lambda stage: Asker(stage, ASKS + "mortals-ipc", ipc, names, 20, grave, threading.Lock()),
+        lambda stage: Asker(stage, ASKS + "mortals-xcp", xcp, names, 4, grave, threading.Lock()),
+        lambda stage: Asker(stage, ASKS + "slow", ipc, [b"SLOW"], 20, grave, slow_one),
     ]

@@ -12,6 +12,7 @@ from soak.speech import PATIENCE, REFUSAL, answer_to
 from soak.stage import Actor, Stage
 from soak.well import HEALTHY
 
+LATE = 3.0  # seconds for an answer, when one before it has come: the last command may have been refused
 SURE = 1.5  # seconds of the mute in which what is typed must be thrown away
 
 
@@ -91,9 +92,8 @@ class Terminal(Actor):
         deadline = Deadline(PATIENCE)
         heard = False
         while not deadline.over():
-            if not heard:
-                tried.append(self._type(b"tried"))
-            while text := self._read(0.5):
+            tried.append(self._type(b"tried"))
+            while text := self._read(LATE if heard else 0.5):
                 heard = heard or text in tried
                 if text in unwanted:
                     self.tally["wrong"] += 1

@@ -19,6 +19,9 @@ MOST_BYTES = 1000  # in flight of one client: 1024 with a line end in them would
 REFUSAL = b"?"
 PRESENT, YES = b"*", b"0"  # a question for the daemon, and its answer
 MOST_TURNS_AWAY = 200  # in a row, of a client that finds ten others there
+# Seconds, after which a client that stays comes anew. The 4353rd telnet client has the ID of the first client of IPC; whoever
+# has stayed longer than it takes so many to come would get another one's answers (deliberate).
+LONGEST_VISIT = 240.0
 
 
 class Lost(Exception):
@@ -46,18 +49,16 @@ class Speech:
         self._connect = connect
         self._numbers = itertools.count()
         self._client: Client | None = None
+        self._opened = 0.0
         self._rest = b""
 
     # Coming and going
-
-    @property
-    def is_open(self) -> bool:
-        return self._client is not None
 
     def open(self) -> None:
         """Raises TurnedAway."""
         self._rest = b""
         self._client = self._connect(self._actor)
+        self._opened = time.monotonic()
 
     def open_at_last(self) -> None:
         """As soon as there is a place."""
@@ -68,6 +69,13 @@ class Speech:
                 self._actor.tally["turned away"] += 1
                 time.sleep(0.1)
         raise Lost(f"turned away {MOST_TURNS_AWAY} times in a row")
+
+    def keep_open(self) -> None:
+        """For a client that stays; it has left when an answer was lost."""
+        if time.monotonic() > self._opened + LONGEST_VISIT:
+            self.close()
+        if self._client is None:
+            self.open_at_last()
 
     def close(self) -> None:
         if self._client is not None:

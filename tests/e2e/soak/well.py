@@ -16,7 +16,7 @@ HEALTHY = b"ENC"  # the process that answers at once
 
 
 class Talker(Actor):
-    """Stays connected, and sends a few commands at a time."""
+    """Stays connected for minutes, and sends a few commands at a time."""
 
     pause = (0.02, 0.2)
     most = 8
@@ -29,8 +29,7 @@ class Talker(Actor):
         self.speech.open_at_last()
 
     def act(self) -> None:
-        if not self.speech.is_open:  # it has left because an answer was lost
-            self.speech.open_at_last()
+        self.speech.keep_open()
         self.speech.say(HEALTHY, self.speech.words(self.random.randint(1, self.most)))
 
     def end(self) -> None:
@@ -66,8 +65,7 @@ class AsksForNobody(Talker):
     pause = (0.3, 1.0)
 
     def act(self) -> None:
-        if not self.speech.is_open:
-            self.speech.open_at_last()
+        self.speech.keep_open()
         words = self.speech.words(self.random.randint(1, self.most))
         refused_before = self.tally["refused"]
         self.speech.say(b"NOBODY", words)
@@ -82,8 +80,7 @@ class Caller(Talker):
     _numbers = itertools.count()
 
     def act(self) -> None:
-        if not self.speech.is_open:
-            self.speech.open_at_last()
+        self.speech.keep_open()
         self.speech.call(b"all-%d" % next(Caller._numbers), HEALTHY)
 
 
@@ -104,8 +101,7 @@ class Witness(Actor):
         self.speech.open_at_last()
 
     def act(self) -> None:
-        if not self.speech.is_open:
-            self.speech.open_at_last()
+        self.speech.keep_open()
         blame, asked = Blame(self._tessd), time.monotonic()
         if not self.speech.ask():
             return
