@@ -16,7 +16,10 @@ END_TO_END = os.path.join(os.path.dirname(HERE), "e2e")
 sys.path[:0] = [HERE, END_TO_END]
 
 import harness.accounts  # noqa: E402
+from harness import settings  # noqa: E402
 from harness.hooks import launch_daemons, pytest_configure, pytest_runtest_protocol  # noqa: E402, F401
+
+settings.TESSD = os.path.join(settings.BIN_DIR, "faults", "tessd")
 
 
 @pytest.fixture(autouse=True)

@@ -30,8 +30,10 @@ ERRORS: dict[str, tuple[str, ...]] = {
     "recv": (*_RECEIVE, SHORT),
     "recv-peek": (*_RECEIVE, SHORT),
     "recvmsg": ("EAGAIN", "EINTR", "ENOMEM"),
+    "recvmmsg": ("EAGAIN", "EINTR", "ENOMEM"),
     "read": ("EAGAIN", "EINTR", "EIO", SHORT),
     "send": (*_SEND, SHORT),
+    "sendmsg": (*_SEND, SHORT),
     "sendto": (*_SEND, "ECONNREFUSED"),
     "write": ("EAGAIN", "EINTR", "EIO", "ENOSPC", SHORT),
     "pwritev2": ("EAGAIN", "EINTR", "EIO", "ENOSPC", SHORT),
@@ -67,7 +69,7 @@ _OF_WAKE = ("EAGAIN",)
 PROVOKED = {("traffic", "fork")}
 
 # Of a start, what comes behind the line that tells of its end. It is made in traffic too.
-_BEHIND_THE_START = ("read/com2", "recvmsg/queue", "select/look", "select/wait")
+_BEHIND_THE_START = ("read/com2", "recvmmsg/queue", "recvmsg/queue", "select/look", "select/wait")
 
 # Over what a killed daemon has left, these only: the others are made at every start.
 _OVER_LEFTOVERS = ("connect/queue", "lstat", "unlink/queue")

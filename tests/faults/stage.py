@@ -23,6 +23,7 @@ from harness.waiting import Deadline, wait_until
 
 PATIENCE = 2.5  # seconds for an answer that may be late by the second for which a port rests, or a lost wake-up
 ANSWERED, UNANSWERED, CLOSED, REFUSED = "answered", "unanswered", "closed", "refused"
+_TOGETHER = 10  # answers; as many fit the daemon's queue
 _FULL = 14  # records; a queue takes 11 and then no more
 HEARD = b"*", b"0\r\n\r\n"  # a question that the daemon itself answers
 COMMAND, ANSWER = b"s3.ENC GETX", b"5\r\n\r\n"
@@ -216,6 +217,27 @@ class Stage:
                 return UNANSWERED
         return ANSWERED if arrived + refused.count(b"?\r\n") == _FULL else UNANSWERED
 
+    def _answered_together(self) -> str:
+        """Answers that come while the daemon is halted are there all at once when it goes on. It looks for more than one only
+        now and then, so there are three rounds."""
+        self._number += 1
+        with QueueProcess(self._number) as process, IpcClient() as client:
+            try:
+                process.register(b"MANY")
+                client.send(b"s3.MANY X\n")
+                tag = process.expect_command(b"X").tag
+                got = b""
+                for _ in range(3):
+                    self.tessd.hold()
+                    for _ in range(_TOGETHER):
+                        process.reply(tag, ANSWER)
+                    self.tessd.release()
+                    got += client.receive(_TOGETHER * len(ANSWER), PATIENCE)
+                process.unregister()
+            except AssertionError:
+                return UNANSWERED
+        return ANSWERED if got == 3 * _TOGETHER * ANSWER else UNANSWERED
+
     def _set_delay(self) -> str:
         with IpcClient() as client:
             set_one = self._asked(client, b"DELAY 1.0|s3.ENC LATER", b"OK\r\n\r\n")
@@ -256,6 +278,8 @@ class Stage:
         if fault is None or fault.call.partition("/")[2] in ("", "com2", "queue"):
             yield "line write", self._wrote_to_line  # mutes the line for two seconds
         yield "full queue", self._filled_queue
+        if fault is None or fault.call.partition("/")[0] in ("recvmmsg", "sendmsg"):
+            yield "answers together", self._answered_together
         yield "delay", self._set_delay
         yield "re-initialisation", self._re_initialised
         if fault is not None and fault.call == "fork" and fault.which in (FIRST, EVERY):

@@ -52,7 +52,7 @@ ASKS_NOTHING = set(
     pthread_mutex_lock pthread_mutex_trylock pthread_mutex_unlock pthread_self pthread_sigmask reboot sigaction
     sigaddset sigdelset sigemptyset sigfillset sigismember sigpending sigtimedwait sleep strcmp strerror strlen
     strncasecmp strnlen strrchr sync malloc realloc __errno_location __environ environ __progname
-    program_invocation_short_name __gmon_start__""".split()
+    program_invocation_short_name __gmon_start__ fprintf snprintf""".split()
 )
 # By the name that the program imports.
 OTHER_NAMES = {"syscall": "dup3", "pwritev64v2": "pwritev2"}

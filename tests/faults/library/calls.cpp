@@ -241,6 +241,14 @@ ssize_t recvmsg(int fd, msghdr* message, int flags)
         "recvmsg", [&] { return kindOfDescriptor(fd); }, [&] { return next.get()(fd, message, flags); });
 }
 
+int recvmmsg(int fd, mmsghdr* messages, unsigned count, int flags, timespec* longest)
+{
+    NEXT_OF(recvmmsg);
+    return intercepted(
+        "recvmmsg", [&] { return kindOfDescriptor(fd); },
+        [&] { return next.get()(fd, messages, count, flags, longest); });
+}
+
 ssize_t read(int fd, void* buffer, std::size_t size)
 {
     NEXT_OF(read);
@@ -251,6 +259,20 @@ ssize_t send(int fd, const void* bytes, std::size_t size, int flags)
 {
     NEXT_OF(send);
     return transferred("send", fd, size, [&](std::size_t most) { return next.get()(fd, bytes, most, flags); });
+}
+
+/// A short one sends a byte of the first piece.
+ssize_t sendmsg(int fd, const msghdr* message, int flags)
+{
+    NEXT_OF(sendmsg);
+    return transferred("sendmsg", fd, message->msg_iov->iov_len, [&](std::size_t most) {
+        if (most == message->msg_iov->iov_len) return next.get()(fd, message, flags);
+        iovec piece{message->msg_iov->iov_base, most};
+        msghdr shortened = *message;
+        shortened.msg_iov = &piece;
+        shortened.msg_iovlen = 1;
+        return next.get()(fd, &shortened, flags);
+    });
 }
 
 /// Datagrams only: there are no short ones.
