@@ -10,6 +10,7 @@ from __future__ import annotations
 import json
 import statistics
 import sys
+import textwrap
 from collections.abc import Callable
 
 BEGIN, END = "<!-- bench: begin -->", "<!-- bench: end -->"
@@ -157,6 +158,11 @@ def growth(found: dict) -> str:
     return table(["round trip p50, 1 client, microseconds, by", "", *names], lines)
 
 
+def prose(text: str) -> str:
+    """As the documents have it."""
+    return textwrap.fill(text, 100, break_long_words=False, break_on_hyphens=False)
+
+
 def origin(facts: dict) -> str:
     machine = facts["machine"]
     text = (
@@ -177,9 +183,9 @@ def text(facts: dict) -> str:
         for title, _row, goal in ROWS
     ]
     plain_lines = [[title, *(shown(median_of(routers[name][load], key)) for name in names)] for title, load, key in ABSOLUTE]
-    parts = [origin(facts), table(["figure", *names, "goal for tessd", "reached"], main_lines)]
+    parts = [prose(origin(facts)), table(["figure", *names, "goal for tessd", "reached"], main_lines)]
     if middle := spread(routers):
-        parts.append(f"Middle half of the rounds, for the first row: {middle}.")
+        parts.append(prose(f"Middle half of the rounds, for the first row: {middle}."))
     parts.append(table(["as measured", *names], plain_lines))
     if facts["growth"]:
         parts.append(growth(facts["growth"]))
