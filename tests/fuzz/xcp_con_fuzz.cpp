@@ -56,7 +56,6 @@ struct Session {
             fuzzCheck(hasBegun == (conn.due != NEVER), "and is waited for, once it has begun");
             return true;
         }
-        if (count >= 0) fuzzCheck(conn.due == NEVER, "nothing is due behind a frame");
         std::memcpy(&header, inFlight.data(), sizeof header);
         if (header.payloadBytes < 0 || header.payloadBytes > 1008) {
             fuzzCheck(count == -1, "a length that does not fit ends the connection");
@@ -66,9 +65,17 @@ struct Session {
         const std::string payload = inFlight.substr(sizeof header, declared);
         checkEntries(count, header, declared);
         if (payload.size() == declared) checkLines(count, payload);
-        fuzzCheck(conn.rxLen == static_cast<int>(sizeof header + payload.size()), "header and payload are consumed");
+        checkTaken(count, sizeof header + payload.size());
         inFlight.erase(0, sizeof header + payload.size());
         return true;
+    }
+
+    void checkTaken(int count, std::size_t frameBytes) const
+    {
+        const auto taken = static_cast<std::size_t>(conn.rxLen);
+        fuzzCheck(taken >= frameBytes && taken <= inFlight.size(), "a frame is taken, and nothing that was not sent");
+        const Instant due = taken > frameBytes ? AT_ONCE : NEVER;
+        if (count >= 0) fuzzCheck(conn.due == due, "what was taken of the next frame is looked at at once");
     }
 
     void checkEntries(int count, const FrameHeader& header, std::size_t declared)
