@@ -11,7 +11,7 @@ from fault_library import EVERY, Fault
 from harness.daemon import NORMAL_EXIT, Daemon
 from stage import Stage, left_files, trouble
 
-SPINS = 400  # calls in 0.3 s without anything to do; on a slow machine fewer are enough of a proof, and come too
+SPINS = 1000  # calls in 0.3 s without anything to do; whoever pauses makes 500, whoever does not ten thousand and more
 
 _VARYING = (re.compile(r"\d+(?= log lines were lost)"), re.compile(r"(?<=notify\.)\d+"))
 
