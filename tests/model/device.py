@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import dataclasses
+import itertools
 import os
 import select
 import socket
@@ -114,7 +115,7 @@ class LineEnd:
 class Device:
     """What one example lives on."""
 
-    patience = 30.0  # seconds for what must come
+    patience = 5.0  # seconds, which settings.SLOW makes more, for what must come
     examples = steps = commands = failures = 0
 
     def __init__(self, ports: tuple[int, ...], now: int, passwords: dict[bytes, bytes | None]) -> None:
@@ -123,7 +124,7 @@ class Device:
         self.clock = StoppedClock(now)
         line = SerialLine() if wire.COM2 in ports else None
         options = [option for port, option in NO_OPTIONS.items() if port not in ports]
-        self.daemon = Daemon(*options, environment=self.clock.environment).wait_running()
+        self.daemon = _started(Daemon(*options, environment=self.clock.environment))
         self.promises = Promises(ports, now, passwords)
         self._log_seen = self.daemon.entries().index(RUNNING) + 1
         self.line = LineEnd(line, self.promises.line) if line else None
@@ -234,7 +235,7 @@ class Device:
         """Closes, or only says that nothing more will come."""
         self.note(f"{peer.name} {'ends its side' if half else 'closes'}")
         if not peer.at_end:
-            self.promises.hang_up(peer.connection, not half)
+            self.promises.hang_up(peer.connection)
             peer.client.socket.shutdown(socket.SHUT_WR)
         if not half:
             self.peers.remove(peer)
@@ -293,7 +294,9 @@ class Device:
         self._wait(self.stations[WATCHER].complete, [self.stations[WATCHER]])
         self._ask()
         seen = [*self.peers, self._probe, *self.stations.values(), *([self.line] if self.line else [])]
-        self._wait(lambda: all(one.complete() for one in seen), seen)
+        if self._wait(lambda: all(one.complete() for one in seen), seen):
+            self._ask()  # what came late, the daemon may not have done with
+            self._wait(lambda: all(one.complete() for one in seen), seen)
         for peer in (*self.peers, self._probe):
             self._compare_client(peer)
         for address, station in self.stations.items():
@@ -319,14 +322,14 @@ class Device:
                 self.fail("an answer to *", "the asking client's connection is gone")
             self._wait(self._probe.complete, [self._probe])
 
-    def _wait(self, complete: Callable[[], bool], seen: list) -> None:
-        """Until there is all that is promised, or it is clear that it does not come."""
+    def _wait(self, complete: Callable[[], bool], seen: list) -> bool:
+        """Until there is all that is promised, or it is clear that it does not come. Tells whether it was not there at once."""
         deadline = Deadline(Device.patience)
-        while True:
+        for waited in itertools.chain([False], itertools.repeat(True)):
             for one in seen:
                 one.fill()
             if complete() or deadline.over() or self.daemon.ended():
-                return
+                return waited
             poller = select.poll()
             for one in seen:
                 if not getattr(one, "at_end", False):
@@ -399,13 +402,24 @@ class Device:
 
     def fail(self, promised: str, got: str) -> None:
         self.failed = True
-        Device.patience = 1.0  # from now on the same is looked for again and again
+        Device.patience = 0.1  # from now on the same is looked for again and again
         script = "\n".join(f"    {line}" for line in self.script)
         text = f"\n{script}\n  promised: {promised}\n  got:      {got}\nlog:\n{self.daemon.log_text()}"
         if Device.failures == 0:
             print(f"As it was seen first:{text}", flush=True)
         Device.failures += 1
         raise BrokenPromise(text)
+
+
+def _started(daemon: Daemon) -> Daemon:
+    """Or nothing is left of it."""
+    try:
+        return daemon.wait_running()
+    except BaseException:
+        if not daemon.end_seen:
+            daemon.kill()
+        daemon.forget()
+        raise
 
 
 def _listed(records: list) -> str:

@@ -188,7 +188,6 @@ class Connection:
         self.logged_in = True
         self.pending = bytearray()  # sent by the client and not yet taken
         self.ended = False  # nothing more will come from the client
-        self.gone = False  # the client takes nothing more either
         self.closed = False  # by the daemon
         self.output: list = []
         self.buffer = bytearray(BUFFER + 1)
@@ -436,8 +435,6 @@ class TelnetConnection(Connection):
     def send(self, data: bytes) -> None:
         self.promises.stir()
         self.output.append(data)
-        if self.gone and data:
-            self.pending.clear()  # half a line, which the client's system has said will never be whole
 
     def write(self, kind: int, sender: int, tag: int | None, text: bytes) -> None:
         self._rest()
@@ -677,10 +674,9 @@ class Promises:
         self.line.type(keys)
         self.settle()
 
-    def hang_up(self, connection: Connection, gone: bool) -> None:
-        """The client sends nothing more, and may take nothing more."""
+    def hang_up(self, connection: Connection) -> None:
+        """The client sends nothing more."""
         connection.ended = True
-        connection.gone = gone
         self.settle()
 
     def advance(self, nanoseconds: int) -> None:
