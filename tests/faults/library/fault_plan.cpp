@@ -66,15 +66,27 @@ Rule parseRule(const char* text)
     if (path != nullptr) g_control = mapControl(path);
 }
 
+/// The first byte comes last: other threads look at a name only when that is there.
+void fillIn(FaultControl::Count& row, const char* name)
+{
+    std::strcpy(row.call + 1, name + 1);
+    std::atomic_ref(row.call[0]).store(name[0]);
+}
+
+bool isOf(FaultControl::Count& row, const char* name)
+{
+    return std::atomic_ref(row.call[0]).load() == name[0] && std::strcmp(row.call + 1, name + 1) == 0;
+}
+
 /// @return the row of a call, made when it is new; null when the table is full
 FaultControl::Count* rowOf(const char* name)
 {
     const unsigned rows = std::atomic_ref(g_control->rows).load();
     for (unsigned i = 0; i < rows && i < FaultControl::MOST_CALLS; ++i)
-        if (std::strcmp(g_control->counts[i].call, name) == 0) return &g_control->counts[i];
+        if (isOf(g_control->counts[i], name)) return &g_control->counts[i];
     const unsigned fresh = std::atomic_ref(g_control->rows).fetch_add(1); // two threads may make two of a name
     if (fresh >= FaultControl::MOST_CALLS) return nullptr;
-    std::strcpy(g_control->counts[fresh].call, name);
+    fillIn(g_control->counts[fresh], name);
     return &g_control->counts[fresh];
 }
 
