@@ -154,7 +154,6 @@ def test_ten_clients_on_each_port_and_the_serial_line_lose_nothing(launch, recor
 
 
 @pytest.mark.deadline(200)
-@pytest.mark.slow
 def test_everybody_at_once_well_behaved_or_not_loses_nothing(launch, record_property):
     """What scripts/soak does for as long as one likes."""
     facts = soak_with_everybody(launch, seconds=12.0, seed=1)

@@ -13,6 +13,7 @@ from collections.abc import Callable, Iterator
 
 from fault_library import EVERY, FIRST, Fault, FaultControl
 from harness import com2, settings, wire
+from harness.answers import excuse_standing_in_line
 from harness.clients import Client, IpcClient, XcpClient
 from harness.com2 import SerialLine
 from harness.daemon import RUNNING, Daemon
@@ -53,6 +54,7 @@ class Stage:
         self.line = SerialLine()
         self.control = FaultControl(fault, armed)
         self.tessd = launch(environment={**self.control.environment, "TESS_REINIT": REINIT_PROGRAM})
+        excuse_standing_in_line(self.tessd.process.pid)
         self.process: AnsweringProcess | None = None
         self.clients: dict[str, Client] = {}
         self._number = 2100
@@ -302,7 +304,9 @@ class Stage:
     def calls_when_idle(self) -> int:
         """How many calls the daemon makes in 0.3 s in which nobody asks anything of it."""
         before = sum(self.control.counts().values())
-        time.sleep(0.3)
+        deadline = Deadline(0.3 / settings.SLOW)
+        while not deadline.over():
+            time.sleep(0.05)
         return sum(self.control.counts().values()) - before
 
     # Afterwards

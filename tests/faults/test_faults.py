@@ -88,7 +88,7 @@ def _expected(call: str, which: str, cell: str) -> set[str]:
     return {*cell.split(" / "), *([effect_table.NOT_REACHED] if which == SECOND or by_itself else [])}
 
 
-@pytest.mark.deadline(150)
+@pytest.mark.deadline(600)
 @pytest.mark.parametrize("phase, call, error", _rows(), ids=lambda value: value)
 def test_effect(launch, phase, call, error):
     expected = {} if WRITE else effect_table.read_table()[phase, call, error]

@@ -8,6 +8,7 @@ import signal
 import pytest
 
 from fault_library import EVERY, FIRST, SECOND, Fault, FaultControl
+from harness.answers import excuse_standing_in_line
 from harness.clients import XcpClient
 from harness.daemon import LOCAL_PORTS
 from harness.log_pipe import LogPipe
@@ -43,6 +44,7 @@ def test_a_pipe(launch, call, error, which):
     control = FaultControl(Fault(call, error, which))
     pipe = LogPipe()
     tessd = launch(*LOCAL_PORTS, environment=control.environment, standard_error=pipe.write_end)
+    excuse_standing_in_line(tessd.process.pid)
     pipe.attach(tessd)
     tessd.wait_ready()
     with pipe.reading(), XcpClient() as stays:
@@ -75,6 +77,7 @@ def test_the_system_log(launch, error, which):
     system_log = SystemLog()
     control = FaultControl(Fault("sendto/other", error, which))
     tessd = launch(*LOCAL_PORTS, environment={**control.environment, "TESS_LOG": "syslog"}).wait_ready()
+    excuse_standing_in_line(tessd.process.pid)
     tessd.wait_asleep()
     system_log.received()
     control.arm()

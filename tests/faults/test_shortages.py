@@ -18,7 +18,7 @@ import pytest
 
 import device_ns
 from harness import proc, settings, wire
-from harness.answers import share_of_processor
+from harness.answers import excuse_standing_in_line, share_of_processor
 from harness.clients import IpcClient, XcpClient
 from harness.com2 import DEVICE, SerialLine
 from harness.daemon import ERROR_RUNTIME, LOCAL_PORTS, Daemon
@@ -37,7 +37,9 @@ needs_plain_build = pytest.mark.skipif(settings.sanitized(), reason="a sanitizer
 
 
 def start(launch, *arguments: str) -> Daemon:
-    return launch(*arguments).wait_running()
+    tessd = launch(*arguments)
+    excuse_standing_in_line(tessd.process.pid)
+    return tessd.wait_running()
 
 
 def make_small(path: str) -> str:

@@ -16,6 +16,7 @@ import pytest
 
 from fault_library import LIBRARY
 from harness import preload, settings, wire
+from harness.answers import excuse_standing_in_line
 from harness.clients import Client, IpcClient, XcpClient
 from harness.com2 import SerialLine
 from harness.daemon import Daemon
@@ -122,7 +123,9 @@ def test_a_stop_at_a_random_moment_is_the_whole_way(launch, first):
             LIBRARY, TESS_PAUSES=f"{number + 1}:{choice.choice((0, 20, 100))}:{choice.choice((100, 1000))}"
         )
         traffic = Traffic()
-        tessd = launch(environment=pauses).wait_running()
+        tessd = launch(environment=pauses)
+        excuse_standing_in_line(tessd.process.pid)
+        tessd.wait_running()
         traffic.begin()
         time.sleep(choice.uniform(0, LATEST))
         way = choice.choice(WAYS)

@@ -12,6 +12,7 @@ import time
 from harness import proc, settings
 from harness.clients import Client
 from harness.daemon import Daemon
+from harness.waiting import Deadline
 
 
 @dataclasses.dataclass
@@ -52,6 +53,13 @@ class StoodInLine:
         """A process that has ended counts as it was seen last."""
         self._now |= proc.seconds_in_line(self._pid)
         return sum(now - self._at_first.get(task, 0.0) for task, now in self._now.items())
+
+
+def excuse_standing_in_line(pid: int) -> None:
+    """From now on no deadline of this test counts the seconds in which threads of this process, or the one that waits, are ready
+    to run and others have the processors."""
+    line = StoodInLine(pid)
+    Deadline.excuse(lambda: line.seconds() + proc.own_seconds_in_line())
 
 
 class Blame:

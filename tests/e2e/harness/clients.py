@@ -40,7 +40,11 @@ class Client:
             self.socket.settimeout(max(deadline.left(), 0.001))
             try:
                 piece = self.socket.recv(size - len(data))
-            except (TimeoutError, ConnectionResetError):
+            except TimeoutError:
+                if deadline.over():
+                    break
+                continue
+            except ConnectionResetError:
                 break
             if not piece:
                 break

@@ -58,7 +58,11 @@ class SerialLine:
         """Exactly `size` bytes, or what came of them before the time was over."""
         deadline = Deadline(within)
         data = b""
-        while len(data) < size and select.select([self._far_end], [], [], deadline.left())[0]:
+        while len(data) < size:
+            if not select.select([self._far_end], [], [], deadline.left())[0]:
+                if deadline.over():
+                    break
+                continue
             try:
                 data += os.read(self._far_end, size - len(data))
             except OSError:  # EIO: the daemon has the device not open just now

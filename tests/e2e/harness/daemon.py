@@ -127,7 +127,8 @@ class Daemon:
         poller = select.poll()
         poller.register(self._notify, select.POLLIN)
         poller.register(self._pidfd, select.POLLIN)
-        ready = {fd for fd, _ in poller.poll(deadline.left() * 1000)}
+        while not (ready := {fd for fd, _ in poller.poll(deadline.left() * 1000)}) and not deadline.over():
+            pass
         if self._notify.fileno() in ready:
             message = self._notify.recv(4096)
             assert message.split(b"\n")[0] == b"READY=1", f"expected READY=1, got {message!r}"
@@ -226,7 +227,9 @@ class Daemon:
     def wait_end(self, within: float = 10) -> int:
         """Exit status; negative for a signal."""
         deadline = Deadline(within)
-        if not select.select([self._pidfd], [], [], deadline.left())[0]:
+        while not select.select([self._pidfd], [], [], deadline.left())[0]:
+            if not deadline.over():
+                continue
             raise AssertionError(f"tessd still runs after {deadline.seconds:g} s\n{self.where()}\n{self.log_text()}")
         self.end_seen = True
         return self.process.wait()

@@ -79,7 +79,7 @@ class TelnetClient(Client):
             except ConnectionResetError:
                 return data
             except TimeoutError:
-                break
+                continue
             if not piece:
                 return data
             data += piece
