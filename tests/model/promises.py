@@ -355,10 +355,11 @@ class Line:
         self.thrown_away = False  # something, at some time
         self._typed = bytearray()
         self._whole: list[bytes] = []
+        self._lying = 0  # bytes that nobody will read, and that take up room until the end of the mute
 
     def __len__(self) -> int:
-        """Bytes typed and not yet read."""
-        return len(self._typed) + sum(map(len, self._whole))
+        """Bytes for which the system must have room."""
+        return self._lying + len(self._typed) + sum(map(len, self._whole))
 
     def type(self, keys: bytes) -> None:
         for key in keys:
@@ -385,11 +386,14 @@ class Line:
         self._typed.clear()
 
     def throw_away(self) -> None:
-        self.thrown_away = self.thrown_away or len(self) > 0
+        self._lying = len(self)
+        self.thrown_away = self.thrown_away or self._lying > 0
         self._whole.clear()
         self._typed.clear()
 
     def read(self, size: int) -> bytes:
+        """Not while the line is mute."""
+        self._lying = 0
         while self._whole:
             line = self._whole.pop(0)
             if len(line) > size:
