@@ -42,6 +42,13 @@ def emulated() -> bool:
 
 def sanitized() -> bool:
     """Whether the daemon is a sanitizer build."""
+    return _has(b"__asan_init") or thread_sanitized()
+
+
+def thread_sanitized() -> bool:
+    return _has(b"__tsan_init")
+
+
+def _has(name: bytes) -> bool:
     with open(TESSD, "rb") as program:
-        image = program.read()
-    return b"__asan_init" in image or b"__tsan_init" in image
+        return name in program.read()
