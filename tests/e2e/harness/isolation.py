@@ -31,7 +31,7 @@ def run_isolated(item: pytest.Item, host_name: str) -> list[pytest.TestReport]:
     """Runs set-up, test and clean-up in a child and returns their reports, with the daemon's logs where one failed."""
     marker = item.get_closest_marker("deadline")
     seconds = (marker.args[0] if marker else DEADLINE_SECONDS) * settings.SLOW
-    folder = tempfile.mkdtemp(prefix="tessd-e2e-")
+    folder = tempfile.mkdtemp(prefix="tessd-e2e-", dir=settings.MEMORY_FOLDER)
     try:
         started = time.monotonic()
         reports, end = _run_child(item, host_name, folder, seconds)

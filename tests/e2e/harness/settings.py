@@ -11,6 +11,8 @@ PROJECT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.dirname(os.pat
 # Where the programs are, for example build/asan/bin.
 BIN_DIR = os.path.abspath(os.environ.get("TESSD_BIN_DIR") or os.path.join(PROJECT, "build/release/bin"))
 TESSD = os.path.join(BIN_DIR, "tessd")
+# Where logs are written while a daemon runs: a disk that others keep busy halts whoever writes to it. None: nowhere else.
+MEMORY_FOLDER = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
 
 # Put in front of the program, for example "qemu-ppc -L /usr/powerpc-linux-gnu".
 WRAPPER = shlex.split(os.environ.get("TESSD_WRAPPER", ""))

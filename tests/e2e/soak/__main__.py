@@ -5,6 +5,7 @@ from __future__ import annotations
 import argparse
 import json
 import os
+import shutil
 import sys
 import tempfile
 import time
@@ -29,7 +30,11 @@ def main() -> int:
     options = parser.parse_args()
     os.makedirs(options.output, exist_ok=True)
     print(f"seed {options.seed}, build {options.build}, {options.minutes:g} minutes", flush=True)
-    status = device_ns.run_in_device(lambda: _inside(options), settings.HOSTNAME, [settings.BIN_DIR])
+    with tempfile.TemporaryDirectory(prefix="tessd-soak-", dir=settings.MEMORY_FOLDER) as logs:
+        Daemon.artefacts = os.open(logs, os.O_DIRECTORY | os.O_PATH | os.O_CLOEXEC)
+        status = device_ns.run_in_device(lambda: _inside(options), settings.HOSTNAME, [settings.BIN_DIR])
+        for name in os.listdir(logs):
+            shutil.copy(os.path.join(logs, name), options.output)
     if status not in (0, 1):
         print(f"the soak itself ended with {status}", file=sys.stderr)
         return 70
@@ -38,10 +43,6 @@ def main() -> int:
 
 
 def _inside(options: argparse.Namespace) -> int:
-    Daemon.artefacts = os.open(options.output, os.O_DIRECTORY | os.O_PATH | os.O_CLOEXEC)
-    for name in ("tessd-1.log", "tessd-1.output"):  # of a run before
-        if os.path.exists(os.path.join(options.output, name)):
-            os.unlink(os.path.join(options.output, name))
     facts = soak(Daemon, 60 * options.minutes, options.seed) | {"build": options.build, "machine": _machine()}
     handle, name = tempfile.mkstemp(dir=options.output)
     with open(handle, "w", encoding="utf-8") as file:
