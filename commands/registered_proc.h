@@ -3,9 +3,13 @@
 #include <cstdint>
 #include <string>
 
+#include "common/counters.h"
+
 /// A process that registered to receive commands.
 struct TRegisteredProc {
     std::int32_t procId;    ///< its queue address
     std::uint32_t portMask; ///< kinds of port whose commands it wants (TessPortType bits)
     std::string name;
+    Counter sent{};     ///< commands for it, delivered or not; changed under the registry lock
+    Counter answered{}; ///< answers that have come from its address; the message loop's
 };

@@ -10,6 +10,7 @@
 #include "connections/cmd_entry.h"
 #include "connections/cmd_progress.h"
 #include "connections/login_pause.h"
+#include "framework/fixed_text.h"
 #include "framework/hr_time_out.h"
 #include "framework/orb_attachment_msg.h"
 
@@ -86,6 +87,9 @@ public:
     /// @return when the login dialogue, or after it the idle time, is over
     Instant end() const;
 
+    /// @return when its last lines came, or on telnet the last text was written to it
+    Instant lastActive() const { return idleEnd_ - std::chrono::seconds(IDLE_TIME.tv_sec); }
+
     /// @return true while something of it waits for a process, a program or a verdict: it is not
     ///         read
     bool isHeld() const { return progress.waits() || login.owes == LoginOwes::verdict; }
@@ -120,6 +124,9 @@ public:
     LoginPause login;             ///< what the login dialogue waits for, besides the peer's next line
     CmdProgress progress;         ///< of the lines of the last read
     LineOutput* output = nullptr; ///< what is on its way out of a serial line, the connection's own; else null
+
+    const Instant begin = instantNow();
+    FixedText<257> user; ///< who has logged in; empty: nobody
 
 protected:
     /// Arms idleTimer afresh.

@@ -8,6 +8,8 @@
 #include "common/message_wake.h"
 #include "common/milestone.h"
 #include "common/wake_up.h"
+#include "common/watch_feed.h"
+#include "connections/witness.h"
 #include "daemon/daemon_log.h"
 #include "daemon/tess.h"
 #include "framework/fd.h"
@@ -37,6 +39,8 @@ const TTess::KindRow TTess::kindRows[] = {
     {MSG_COM2_WRITE, &TTess::handleCom2Write},
     {MSG_CLOSE_TELNET, &TTess::handleCloseTelnet},
     {MSG_RESET, &TTess::handleReset},
+    {MSG_STATUS, &TTess::handleStatus},
+    {MSG_WATCH, &TTess::handleWatch},
     // clang-format on
 };
 
@@ -52,7 +56,11 @@ int TTess::run() noexcept
         if (inMsg.kind == MSG_STOP) break;
         const auto* const row =
             std::ranges::find(kindRows, inMsg.kind, [](const KindRow& candidate) { return candidate.kind; });
-        if (row != std::end(kindRows) && (this->*row->handle)()) sendReply(inMsg.sender, inLen);
+        if (row == std::end(kindRows))
+            countUnknown();
+        else if ((this->*row->handle)())
+            sendReply(inMsg.sender, inLen);
+        g_watch.flush();
     }
     setMilestone(Milestone::messageLoopDone);
     return 0;
@@ -89,17 +97,20 @@ void TTess::answerWhatIsOver() noexcept
 /// Writes a process's answer to the connection that asked. When that is gone the answer is dropped.
 bool TTess::handleReply() noexcept
 {
+    countAnswer();
     const std::int32_t textEnd = inLen - static_cast<std::int32_t>(MSG_HEADER_BYTES);
     inMsg.text[std::clamp<std::int32_t>(textEnd, 0, MSG_TEXT_BYTES - 1)] = '\0';
     const std::scoped_lock lock(connLock);
     for (std::size_t i = 0; TPortConn* conn = liveAt(conns, i); ++i) {
         if (conn->connId != (inMsg.tag & 0xFFFF'0000U)) continue;
+        witness::answered(*conn, inMsg);
         // Telnet and XCP have logged a failure, COM2 only a text that it had no room for, IPC
         // nothing. A peer that has gone is found out by the next read.
         (void)conn->write(&inMsg);
         if (conn->output != nullptr) g_wakeUp.wake();
-        break;
+        return false;
     }
+    witness::dropped(inMsg);
     return false;
 }
 
@@ -118,7 +129,9 @@ bool TTess::handleCloseTelnet() noexcept
 
 bool TTess::handleRegister() noexcept
 {
-    replyRegistry(static_cast<std::size_t>(registerProc()), registerTexts);
+    const RegisterResult result = registerProc();
+    if (result == RegisterResult::done) tellRegistered();
+    replyRegistry(static_cast<std::size_t>(result), registerTexts);
     return true;
 }
 
@@ -178,6 +191,7 @@ bool TTess::handleReset() noexcept
     // meanwhile uses a different pointer, so that it is not taken for the one that waits.
     const void* const asker = resetMsg.waits ? static_cast<const void*>(&inMsg) : this;
     const ResetResult result = reset.ask(inMsg.text, asker);
+    tellReset(result);
     if (result == RESET_WAITS) {
         resetMsg = {true, inMsg.sender, inLen};
         return false;

@@ -4,6 +4,7 @@
 
 #include "common/live_list.h"
 #include "common/milestone.h"
+#include "connections/witness.h"
 #include "daemon/tess.h"
 #include "framework/tess_messages.h"
 
@@ -56,6 +57,7 @@ UnregisterResult TTess::unregisterProc() noexcept
     UnregisterResult result = UnregisterResult::notFound;
     for (std::size_t i = 0; TRegisteredProc* proc = liveAt(regProcs, i); ++i) {
         if (proc->procId != inMsg.sender) continue;
+        witness::unregistered(proc->procId, proc->name);
         delete proc;
         regProcs.erase(regProcs.begin() + static_cast<std::ptrdiff_t>(i));
         result = UnregisterResult::done;

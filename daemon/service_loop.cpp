@@ -10,6 +10,7 @@
 #include "common/milestone.h"
 #include "common/process_copy.h"
 #include "common/wake_up.h"
+#include "connections/witness.h"
 #include "daemon/tess.h"
 #include "framework/service_manager.h"
 #include "framework/tess_messages.h"
@@ -49,6 +50,7 @@ void TTess::serviceLoop() noexcept
         runDelayedLines(waits);
         serviceQueues(waits, next);
         waits = next;
+        endRound();
         if (!waitsForDescriptors) continue; // without any there is no wait (deliberate)
         waits.wait(delayQueues.empty() ? IDLE_WAIT : DELAYED_WAIT);
         if (waits.hasInput(g_wakeUp.fd())) g_wakeUp.clear();
@@ -98,6 +100,7 @@ void TTess::acceptConnections(const WaitSet& waits) noexcept
         if (!port->isDue(waits) || port->chkNewConn(&conn) != 1 || conn == nullptr) continue;
         const std::scoped_lock lock(connLock);
         conns.push_back(conn);
+        witness::connected(*conn);
     }
     setMilestone(Milestone::acceptDone);
 }
@@ -207,6 +210,7 @@ int TTess::removeConn(std::size_t index) noexcept
 /// on.
 void TTess::forgetConn(TPortConn& conn) noexcept
 {
+    witness::disconnected(conn);
     reInit.forget(&conn.progress);
     {
         const std::scoped_lock lock(regLock);

@@ -19,6 +19,7 @@
 #include "connections/port_conn.h"
 #include "daemon/registry_result.h"
 #include "daemon/reset.h"
+#include "daemon/status_report.h"
 #include "framework/msg_dmn.h"
 #include "framework/orb_attachment_msg.h"
 #include "ports/cmd_port.h"
@@ -103,6 +104,19 @@ private:
     void sendReply(long address, std::int32_t length) noexcept;
     void answerWhatIsOver() noexcept;
 
+    // --- who is there, what is passing (seeing.cpp)
+    bool handleStatus() noexcept;
+    bool handleWatch() noexcept;
+    StatusReport report();
+    void reportConnections(StatusReport& to);
+    void reportProcesses(StatusReport& to);
+    void sendText(std::uint32_t kind, std::string_view text) noexcept;
+    void countUnknown() const noexcept;
+    void countAnswer() noexcept;
+    void tellRegistered() noexcept;
+    void tellReset(ResetResult result) noexcept;
+    void endRound() noexcept;
+
     void createPorts(bool com2, bool telnet, bool xcp, bool ipc);
     void deletePorts() noexcept;
     int forkWhole() noexcept;
@@ -137,6 +151,7 @@ private:
         std::int32_t length; ///< of the message
     } resetMsg;              ///< the reset message that waits for a program; main thread only
     CommandContext commandContext;
+    const Instant begin = instantNow(); ///< of the daemon
 };
 
 /// The one daemon; null before construction and after teardown.
