@@ -1,0 +1,63 @@
+#include "tools/tessctl/status.h"
+
+#include <iostream>
+#include <nlohmann/json.hpp>
+
+#include "tools/tessctl/daemon_client.h"
+#include "tools/tessctl/item_json.h"
+#include "tools/tessctl/metrics.h"
+#include "tools/tessctl/option_checks.h"
+#include "tools/tessctl/standard_output.h"
+#include "tools/tessctl/status_query.h"
+#include "tools/tessctl/status_view.h"
+#include "tools/tessctl/terminal_size.h"
+
+namespace {
+
+std::vector<Item> ask()
+{
+    DaemonClient daemon;
+    return askStatus(daemon);
+}
+
+ExitStatus print(const std::vector<std::string>& lines)
+{
+    for (const std::string& line : lines)
+        std::cout << line << '\n';
+    requireOutput();
+    return STATUS_DONE;
+}
+
+} // namespace
+
+ExitStatus runStatus(bool json)
+{
+    const std::vector<Item> items = ask();
+    return print(json ? std::vector{jsonText(statusJson(items), 2)} : statusLines(items, terminalSize().columns));
+}
+
+ExitStatus runList(bool json, bool namesOnly)
+{
+    const std::vector<Item> items = ask();
+    if (json) return print({jsonText(jsonOfAll(items, "process"), 2)});
+    if (!namesOnly) return print(processLines(items, terminalSize().columns));
+    std::vector<std::string> names;
+    for (const Item& process : itemsOf(items, "process"))
+        if (const std::string name = process.text("name"); nameProblem(name).empty()) names.push_back(name);
+    return print(names);
+}
+
+ExitStatus runWho(bool json)
+{
+    const std::vector<Item> items = ask();
+    return print(json ? std::vector{jsonText(jsonOfAll(items, "connection"), 2)}
+                      : connectionLines(items, terminalSize().columns));
+}
+
+ExitStatus runMetrics(bool json)
+{
+    if (json) return runStatus(true);
+    std::cout << metricsText(ask());
+    requireOutput();
+    return STATUS_DONE;
+}
