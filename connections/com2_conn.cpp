@@ -61,7 +61,7 @@ int TCom2Conn::readLines()
         emptyReads_ = 0;
         rxLen = static_cast<std::int32_t>(received);
         const int count = cutLines(std::span(rxBuf).first(static_cast<std::size_t>(rxLen)), false, cmds);
-        if (count > 0) keepAlive();
+        if (count > 0) noteActivity();
         return count;
     }
     const bool nothingThere = received < 0 && (errno == EAGAIN || errno == EINTR);

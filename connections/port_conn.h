@@ -88,7 +88,7 @@ public:
     Instant end() const;
 
     /// @return when its last lines came, or on telnet the last text was written to it
-    Instant lastActive() const { return idleEnd_ - std::chrono::seconds(IDLE_TIME.tv_sec); }
+    Instant lastActive() const { return lastActive_; }
 
     /// @return true while something of it waits for a process, a program or a verdict: it is not
     ///         read
@@ -129,8 +129,10 @@ public:
     FixedText<257> user; ///< who has logged in; empty: nobody
 
 protected:
-    /// Arms idleTimer afresh.
+    /// Arms idleTimer afresh, and notes the activity.
     void keepAlive();
+
+    void noteActivity() { lastActive_ = instantNow(); }
 
     /// Has the service loop leave the descriptor alone for a second, because it is readable
     /// although there is nothing to do.
@@ -145,4 +147,5 @@ protected:
 private:
     Instant loginEnd_; ///< when loginTimer is over
     Instant idleEnd_;  ///< when idleTimer is over
+    Instant lastActive_ = begin;
 };

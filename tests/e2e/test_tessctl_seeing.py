@@ -22,6 +22,9 @@ from harness.waiting import wait_until
 
 pytestmark = tessctl.needs_tessctl
 
+with open("/proc/self/comm", encoding="utf-8") as comm:
+    PROGRAM = comm.read().strip()
+
 ASKING = [["status"], ["list"], ["who"], ["metrics"], ["watch"], ["watch", "--name", "ENC"], ["top"], ["status", "--json"]]
 
 
@@ -74,12 +77,24 @@ unknown      0 messages
 
 
 def test_list_shows_the_processes(busy):
+    owner = f"pid {os.getpid()} {PROGRAM}"
     tessctl.run("list").expect(
-        DONE, "NAME  ADDRESS  SENT  ANSWERED  QUEUE  PORTS\nENC   1500     1     1         ok     ipc\n", ""
+        DONE, f"NAME  ADDRESS  SENT  ANSWERED  QUEUE  PORTS  OWNER\nENC   1500     1     1         ok     ipc    {owner}\n", ""
     )
     assert json.loads(tessctl.run("list", "--json").expect(DONE, errors="").output) == [
-        {"name": "ENC", "address": 1500, "ports": wire.IPC, "sent": 1, "answered": 1, "full": 0}
-    ]
+        {
+            "name": "ENC", "address": 1500, "ports": wire.IPC, "sent": 1, "answered": 1, "full": 0,
+            "pid": os.getpid(), "program": PROGRAM,
+        }
+    ]  # fmt: skip
+
+
+def test_the_owner_of_a_queue_is_shown_to_those_who_may_see_him(busy):
+    os.chmod(settings.QUEUE_DIR, 0o777)
+    os.chmod(f"{settings.QUEUE_DIR}/1001", 0o777)
+    os.chmod(f"{settings.QUEUE_DIR}/1500", 0o777)
+    output = tessctl.run("list", user=12345, group=12345, extra_groups=[]).expect(DONE, errors="").output
+    assert output.splitlines()[1] == "ENC   1500     1     1         ok     ipc    -", output
 
 
 def test_the_names_alone_are_those_that_can_be_typed(busy):
@@ -240,6 +255,38 @@ def test_metrics_are_openmetrics_text(busy):
     assert found["tess_process_commands"].samples == {'{process="ENC"}': 1, '{process="odd \\"name\\\\ \\\\xff"}': 0}
     assert found["tess_processes"].samples == {None: 2}
     assert all(family.help.endswith(".") and family.samples for family in found.values())
+
+
+def test_the_dashboard_asks_for_what_there_is(busy):
+    found = families(tessctl.run("metrics").expect(DONE).output)
+    samples = {name + ("_total" if family.kind == "counter" else "") for name, family in found.items()}
+    with open(f"{settings.PROJECT}/examples/dashboard.json", encoding="utf-8") as file:
+        dashboard = json.load(file)
+    panels = dashboard["panels"]
+    assert len({panel["id"] for panel in panels}) == len({panel["title"] for panel in panels}) == len(panels) > 10
+    asked = set()
+    for panel in panels:
+        assert panel["targets"] and len({target["refId"] for target in panel["targets"]}) == len(panel["targets"]), panel
+        for target in panel["targets"]:
+            names = set(re.findall(r"\btess_\w+", target["expr"]))
+            assert names and target["legendFormat"], target
+            assert target["expr"].count("(") == target["expr"].count(")"), target
+            labels = set(re.findall(r"\{\{(\w+)\}\}", target["legendFormat"]))
+            known = set(re.findall(r'(\w+)="', "".join(str(s) for name in names for s in found[plain(name)].samples)))
+            assert labels <= known, f"{target}: it has the labels {known}"
+            asked |= names
+    assert asked <= samples, f"there is no {sorted(asked - samples)}"
+    assert len(asked) > 15, asked
+    taken = [(x, y) for panel in panels for x, y in places(panel["gridPos"])]
+    assert len(taken) == len(set(taken)) and max(x for x, _ in taken) < 24, "panels lie on each other"
+
+
+def plain(sample: str) -> str:
+    return sample.removesuffix("_total")
+
+
+def places(box: dict[str, int]) -> list[tuple[int, int]]:
+    return [(x, y) for x in range(box["x"], box["x"] + box["w"]) for y in range(box["y"], box["y"] + box["h"])]
 
 
 # --- watch

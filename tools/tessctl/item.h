@@ -18,6 +18,9 @@ public:
     /// @return nothing for a line that is none
     static std::optional<Item> parse(std::string_view line);
 
+    /// Adds a key with a value.
+    void add(std::string key, Value value) { values_.emplace_back(std::move(key), std::move(value)); }
+
     const std::string& word() const { return word_; }
     const std::vector<std::pair<std::string, Value>>& values() const { return values_; }
 

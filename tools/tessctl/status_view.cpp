@@ -1,5 +1,7 @@
 #include "tools/tessctl/status_view.h"
 
+#include <algorithm>
+
 #include "framework/tess_messages.h"
 #include "tools/tessctl/status_query.h"
 #include "tools/tessctl/text_table.h"
@@ -21,6 +23,11 @@ std::string age(const Item& item, const char* key)
 std::string orDash(const std::string& text)
 {
     return text.empty() ? "-" : text;
+}
+
+std::string ownerText(const Item& process)
+{
+    return process.number("pid") != 0 ? "pid " + process.text("pid") + " " + process.text("program") : "-";
 }
 
 std::string portSummary(const Item& port)
@@ -77,11 +84,16 @@ std::vector<std::string> statusLines(const std::vector<Item>& items, std::size_t
 
 std::vector<std::string> processLines(const std::vector<Item>& items, std::size_t width)
 {
+    const std::vector<Item> processes = itemsOf(items, "process");
+    const bool hasOwners = std::ranges::any_of(processes, [](const Item& each) { return each.find("pid") != nullptr; });
     std::vector<std::vector<std::string>> rows{{"NAME", "ADDRESS", "SENT", "ANSWERED", "QUEUE", "PORTS"}};
-    for (const Item& process : itemsOf(items, "process"))
+    if (hasOwners) rows.front().emplace_back("OWNER");
+    for (const Item& process : processes) {
         rows.push_back({orDash(process.text("name")), process.text("address"), process.text("sent"),
                         process.text("answered"), process.number("full") != 0 ? "full" : "ok",
                         portsText(static_cast<unsigned long>(process.number("ports")))});
+        if (hasOwners) rows.back().push_back(ownerText(process));
+    }
     return tableLines(rows, width);
 }
 
