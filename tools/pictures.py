@@ -79,7 +79,8 @@ def draw_watch(tessctl: str, path: str) -> None:
         session.ask("s3.NONE GETX")
         session.close()
         client = ask.LineSocket()
-        client.ask("s3.THERM GET|s3.ENC GETX")
+        client.ask("s3.THERM GET")
+        client.ask("s3.LOAD GET")
         client.close()
         shown = terminal.wait_for(b"ipc", SECONDS)
         while not re.search(rb"ipc .*disconnect", shown):
