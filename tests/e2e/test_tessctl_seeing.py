@@ -114,7 +114,7 @@ def test_who_shows_the_connections(busy):
 
 def test_what_a_peer_has_sent_does_not_reach_the_terminal(busy):
     busy.process.register(b'evil"\x1b[2J\n')
-    with tessctl.on_terminal("list") as terminal:
+    with tessctl.on_terminal("list", "--names") as terminal:
         terminal.expect(b'evil"\\x1b[2J\\x0a')
         assert terminal.expect_end() == DONE
         assert b"\x1b" not in terminal.shown, terminal.shown
@@ -303,7 +303,7 @@ def test_watch_shows_what_passes(busy):
     assert [" ".join(line.split()[3:]) for line in output] == [
         "line s3.ENC SETX 5",
         "forward process=1500",
-        "answer process=1500 0\\x0d\\x0a\\x0d\\x0a",
+        "answer process=1500 0",
         "line s3.NONE Y",
         "refuse s3.NONE Y",
         "disconnect",
@@ -338,9 +338,11 @@ def test_watch_goes_on_with_a_new_daemon(start_tessd):
     first = start_tessd()
     with tessctl.running("watch", until="watching") as watch:
         first.stop()
+        wait_until(lambda: "is tessd running? It is waited for." in watch.errors(), "it has noticed", 10)
         start_tessd()
+        wait_until(lambda: watch.errors().count("watching") == 2, "it watches again", 10)
         with QueueProcess(2001) as asker, IpcClient() as client:
-            wait_until(lambda: items.of(items.status(asker), "daemon")[0]["watchers"] == 1, "it watches again", 15)
+            assert items.of(items.status(asker), "daemon")[0]["watchers"] == 1
             client.ask(b"s3.NONE again", b"?\r\n")
         watch.send_signal(signal.SIGTERM)
         assert "refuse     s3.NONE again" in watch.communicate(timeout=20 * settings.SLOW)[0]

@@ -1,5 +1,6 @@
 #include "tools/tessctl/status_view.h"
 
+#include <cstdint>
 #include <gmock/gmock.h>
 
 #include "tools/tessctl/exit_status.h"
@@ -31,7 +32,7 @@ TEST(TextTable, NarrowsTheWidestColumnsToFit)
 TEST(SpanText, NamesTheTwoLargestUnits)
 {
     struct Row {
-        long seconds;
+        std::int64_t seconds;
         const char* text;
     };
     const Row rows[] = {
@@ -111,8 +112,8 @@ TEST(WatchFilter, WantsWhatBelongsToAPort)
 TEST(EventText, ShowsTimeConnectionAndWhatHappened)
 {
     const auto event =
-        Item::parse("line time=1764038096.007 connection=0xbb010000 port=\"ipc\" text=\"s3.ENC X\\x0a\"");
-    EXPECT_EQ(eventText(*event, false), "02:34:56.007 ipc    0xbb010000 line       s3.ENC X\\x0a");
+        Item::parse("line time=1764038096.007 connection=0xbb010000 port=\"ipc\" text=\"s3.ENC\\x0aX\\x0d\\x0a\"");
+    EXPECT_EQ(eventText(*event, false), "02:34:56.007 ipc    0xbb010000 line       s3.ENC\\x0aX");
     EXPECT_THAT(eventText(*event, true), HasSubstr("\x1b[36mline      \x1b[0m s3.ENC"));
     EXPECT_THAT(eventText(*Item::parse("lost records=1 lines=2"), false),
                 testing::EndsWith("lost       records=1 lines=2"));

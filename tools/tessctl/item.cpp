@@ -98,10 +98,10 @@ std::string Item::text(std::string_view key) const
     return value == nullptr ? std::string() : value->shown;
 }
 
-long Item::number(std::string_view key) const
+std::int64_t Item::number(std::string_view key) const
 {
     const std::string digits = text(key);
-    long number = 0;
+    std::int64_t number = 0;
     (void)std::from_chars(digits.data(), digits.data() + digits.size(), number); // what is no number counts as 0
     return number;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -31,7 +32,7 @@ public:
     std::string text(std::string_view key) const;
 
     /// 0 where there is none.
-    long number(std::string_view key) const;
+    std::int64_t number(std::string_view key) const;
 
 private:
     std::string word_;

@@ -1,6 +1,7 @@
 #include "tools/tessctl/item_json.h"
 
 #include <charconv>
+#include <cstdint>
 #include <nlohmann/json.hpp>
 
 #include "tools/tessctl/status_query.h"
@@ -11,7 +12,7 @@ nlohmann::ordered_json jsonOf(const Item::Value& value)
 {
     if (value.isText) return value.bytes;
     const char* const end = value.bytes.data() + value.bytes.size();
-    long whole = 0;
+    std::int64_t whole = 0;
     if (std::from_chars(value.bytes.data(), end, whole).ptr == end) return whole;
     double decimal = 0;
     if (std::from_chars(value.bytes.data(), end, decimal).ptr == end) return decimal;

@@ -26,6 +26,11 @@ std::vector<Item> ask()
     return askStatus(daemon);
 }
 
+long addressOf(const Item& process)
+{
+    return static_cast<long>(process.number("address"));
+}
+
 /// Adds to each registered process who has its queue, as far as this user may see. tessd cannot
 /// tell: the kernel names it no owner of a datagram socket.
 std::vector<Item> askWithOwners()
@@ -33,11 +38,11 @@ std::vector<Item> askWithOwners()
     std::vector<Item> items = ask();
     std::set<std::string> paths;
     for (const Item& process : itemsOf(items, "process"))
-        paths.insert(queuePath(process.number("address")));
+        paths.insert(queuePath(addressOf(process)));
     const std::map<std::string, SocketOwner> owners = socketOwners(paths);
     for (Item& item : items) {
         if (item.word() != "process") continue;
-        const auto found = owners.find(queuePath(item.number("address")));
+        const auto found = owners.find(queuePath(addressOf(item)));
         const SocketOwner owner = found != owners.end() ? found->second : SocketOwner();
         const std::string pid = std::to_string(owner.pid);
         item.add("pid", {false, pid, pid});

@@ -44,14 +44,14 @@ std::string spanText(std::chrono::seconds span)
     const auto text = [](auto large, const char* largeUnit, auto small, const char* smallUnit) {
         return std::to_string(large) + " " + largeUnit + " " + std::to_string(small) + " " + smallUnit;
     };
-    const long long s = span.count();
+    const std::int64_t s = span.count();
     if (s < 60) return std::to_string(s) + " s";
     if (s < 3600) return text(s / 60, "min", s % 60, "s");
     if (s < 86400) return text(s / 3600, "h", s % 3600 / 60, "min");
     return text(s / 86400, "d", s % 86400 / 3600, "h");
 }
 
-std::string portsText(unsigned long mask)
+std::string portsText(std::uint32_t mask)
 {
     std::string text;
     for (const PortBit& each : PORTS)
@@ -91,7 +91,7 @@ std::vector<std::string> processLines(const std::vector<Item>& items, std::size_
     for (const Item& process : processes) {
         rows.push_back({orDash(process.text("name")), process.text("address"), process.text("sent"),
                         process.text("answered"), process.number("full") != 0 ? "full" : "ok",
-                        portsText(static_cast<unsigned long>(process.number("ports")))});
+                        portsText(static_cast<std::uint32_t>(process.number("ports")))});
         if (hasOwners) rows.back().push_back(ownerText(process));
     }
     return tableLines(rows, width);

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -14,7 +15,7 @@
 std::string spanText(std::chrono::seconds span);
 
 /// The ports of a mask: "com2,telnet,xcp,ipc".
-std::string portsText(unsigned long mask);
+std::string portsText(std::uint32_t mask);
 
 std::vector<std::string> statusLines(const std::vector<Item>& items, std::size_t width);
 std::vector<std::string> processLines(const std::vector<Item>& items, std::size_t width);

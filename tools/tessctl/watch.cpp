@@ -21,6 +21,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::seconds BETWEEN_RENEWALS{5};
+constexpr std::chrono::seconds BETWEEN_LOOKS{1}; // while tessd is away
 const std::string ON(1, '\1');
 const std::string OFF(1, '\0');
 
@@ -45,7 +46,7 @@ public:
             else
                 take(record);
         }
-        daemon_.send(MSG_WATCH, 0, 0, OFF);
+        end();
         if (error_ != 0 && error_ != EPIPE) failOutput(error_);
         return STATUS_DONE;
     }
@@ -58,9 +59,20 @@ private:
     }
 
     void renew()
-    {
+    try {
         daemon_.send(MSG_WATCH, 0, 0, ON);
         nextRenewal_ = Clock::now() + BETWEEN_RENEWALS;
+    } catch (const CtlError& error) {
+        if (!isOn_) throw;
+        if (!isAway_) say(std::string(error.what()) + " It is waited for.");
+        isAway_ = true;
+        nextRenewal_ = Clock::now() + BETWEEN_LOOKS;
+    }
+
+    void end()
+    try {
+        daemon_.send(MSG_WATCH, 0, 0, OFF);
+    } catch (const CtlError&) { // then it does not tell us anything either
     }
 
     void nothingCame()
@@ -89,8 +101,9 @@ private:
     {
         if (answer.number("full") != 0)
             throw CtlError(STATUS_REFUSED, "tessd has as many watchers as it takes: end another 'tessctl watch'");
-        if (!isOn_) say("watching");
+        if (!isOn_ || isAway_) say("watching");
         isOn_ = true;
+        isAway_ = false;
     }
 
     static std::string json(const Item& event)
@@ -106,6 +119,7 @@ private:
     bool colour_;
     KindProbe probe_;
     bool isOn_ = false;
+    bool isAway_ = false; ///< tessd, when we have asked last
     Clock::time_point nextRenewal_ = Clock::now();
     std::uint64_t shown_ = 0;
     int error_ = 0;

@@ -39,6 +39,14 @@ std::string padded(std::string text, std::size_t width)
     return text;
 }
 
+/// A text without the line ends behind it, which nearly every answer has.
+std::string withoutEnds(const Item::Value& text)
+{
+    constexpr std::size_t ESCAPE = 4; // \xHH
+    const std::size_t ends = text.bytes.size() - withoutLineEnds(text.bytes).size();
+    return text.shown.substr(0, text.shown.size() - ends * ESCAPE);
+}
+
 /// What stands behind time, word and connection.
 std::string rest(const Item& event)
 {
@@ -46,7 +54,7 @@ std::string rest(const Item& event)
     for (const auto& [key, value] : event.values()) {
         if (key == "time" || key == "connection" || key == "port") continue;
         if (!text.empty()) text += ' ';
-        text += key == "text" ? value.shown : key + "=" + value.shown;
+        text += key == "text" ? withoutEnds(value) : key + "=" + value.shown;
     }
     return text;
 }
