@@ -21,40 +21,40 @@ ItemLine::ItemLine(std::string_view word)
     line_ << word;
 }
 
-void ItemLine::key(std::string_view name)
+void ItemLine::put(std::string_view key)
 {
     if (!line_.view().empty()) line_ << ' ';
-    line_ << name << '=';
+    line_ << key << '=';
 }
 
-ItemLine& ItemLine::number(std::string_view name, std::int64_t value)
+ItemLine& ItemLine::number(std::string_view key, std::int64_t value)
 {
-    key(name);
+    put(key);
     line_ << value;
     return *this;
 }
 
-ItemLine& ItemLine::hex(std::string_view name, std::uint32_t value)
+ItemLine& ItemLine::hex(std::string_view key, std::uint32_t value)
 {
-    key(name);
+    put(key);
     line_ << "0x";
     for (unsigned shift = 32; shift > 0; shift -= 4)
         line_ << DIGITS[(value >> (shift - 4)) & 0xFU];
     return *this;
 }
 
-ItemLine& ItemLine::seconds(std::string_view name, std::int64_t milliseconds)
+ItemLine& ItemLine::seconds(std::string_view key, std::int64_t milliseconds)
 {
-    key(name);
+    put(key);
     const auto decimals = static_cast<unsigned>(milliseconds % 1000);
     line_ << milliseconds / 1000 << '.' << DIGITS[decimals / 100] << DIGITS[decimals / 10 % 10]
           << DIGITS[decimals % 10];
     return *this;
 }
 
-ItemLine& ItemLine::text(std::string_view name, std::string_view value)
+ItemLine& ItemLine::text(std::string_view key, std::string_view value)
 {
-    key(name);
+    put(key);
     quoted(value);
     return *this;
 }

@@ -39,7 +39,7 @@ public:
     std::string_view view() const { return line_.view(); }
 
 private:
-    void key(std::string_view name);
+    void put(std::string_view key);
     void quoted(std::string_view value);
 
     FixedText<LINE_BYTES> line_;

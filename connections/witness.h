@@ -26,7 +26,7 @@ void tellRefused(const TPortConn* conn, std::string_view text);
 void tellAnswer(std::uint32_t connId, std::uint32_t portType, const TOrbAttachmentMsg& answer);
 void tellRegistered(long process, std::string_view name, std::uint32_t ports);
 void tellUnregistered(long process, std::string_view name);
-void tellReset(long process, std::string_view line, std::string_view result);
+void tellReset(long process, std::string_view text, std::string_view result);
 
 /// A port has handed a connection out.
 inline void connected(const TPortConn& conn)

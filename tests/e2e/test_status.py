@@ -67,10 +67,11 @@ def test_commands_and_answers_are_counted(asker):
 
 
 def test_each_connection_is_described(asker):
-    with IpcClient() as first, XcpClient() as second:
+    with IpcClient() as first:
         first.expect_nothing_more()
-        second.expect_nothing_more()
-        told = items.of(items.status(asker), "connection")
+        with XcpClient() as second:
+            second.expect_nothing_more()
+            told = items.of(items.status(asker), "connection")
     peer = f"pid {os.getpid()} {open('/proc/self/comm', encoding='utf-8').read().strip()} uid {os.getuid()}".encode()
     assert [(conn["port"], conn["id"], conn["peer"], conn["user"], conn["waits"]) for conn in told] == [
         (b"ipc", f"0x{wire.FIRST_IPC_ID:08x}", peer, b"", b""),
