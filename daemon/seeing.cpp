@@ -117,15 +117,15 @@ try {
     return false;
 }
 
-/// The answer is sent before the first line of what is watched can be.
+/// Once the sender has the answer, it is told all that happens: so it is a watcher before that.
 bool TTess::handleWatch() noexcept
 {
     if (inMsg.sender == 0) return false; // it has no queue
     const bool wanted = inLen > static_cast<std::int32_t>(MSG_HEADER_BYTES) && inMsg.text[0] == 1;
     const bool takesIt = wanted && g_watch.takes(inMsg.sender);
     if (!wanted) g_watch.remove(inMsg.sender);
-    sendText(MSG_WATCH_TEXT, takesIt ? "watch on=1\n" : wanted ? "watch on=0 full=1\n" : "watch on=0\n");
     if (takesIt) g_watch.add(inMsg.sender);
+    sendText(MSG_WATCH_TEXT, takesIt ? "watch on=1\n" : wanted ? "watch on=0 full=1\n" : "watch on=0\n");
     return false;
 }
 
