@@ -1,6 +1,7 @@
 """What a program has written to a terminal, as it stands there: rows of characters with their colours; and as an SVG.
 
-Knows what tessctl uses: line ends, the cursor's way home, clearing, colours and bold. Any other sequence is passed over."""
+Knows what tessctl writes to the terminals xterm and vt100: the cursor's ways, clearing, inserting and deleting characters,
+colours and bold. Any other sequence is passed over."""
 
 from __future__ import annotations
 
@@ -20,7 +21,7 @@ COLOURS = {
 PLAIN, BACKGROUND = "#c0caf5", "#1a1b26"
 CELL_WIDTH, CELL_HEIGHT, MARGIN = 8, 18, 12
 
-_PIECE = re.compile(r"\x1b\[(\?)?([0-9;]*)([A-Za-z])|[\r\n]|.", re.DOTALL)
+_PIECE = re.compile(r"\x1b\[(\?)?([0-9;]*)([A-Za-z@])|\x1b[()].|\x1b[=>78]|.", re.DOTALL)
 
 
 @dataclasses.dataclass(frozen=True)
@@ -35,6 +36,7 @@ class Screen:
         self._cells = [self._blank() for _ in range(rows)]
         self._row = self._column = 0
         self._look = Look()
+        self._last = " "  # character written
 
     def _blank(self) -> list[tuple[str, Look]]:
         return [(" ", Look())] * self._columns
@@ -42,12 +44,15 @@ class Screen:
     def write(self, shown: bytes) -> None:
         for match in _PIECE.finditer(shown.decode()):
             if match[3]:
-                self._obey(match[3], [int(number) for number in match[2].split(";") if number], bool(match[1]))
+                if not match[1]:
+                    self._obey(match[3], [int(number or 0) for number in match[2].split(";")])
             elif match[0] == "\r":
                 self._column = 0
             elif match[0] == "\n":
                 self._next_row()
-            else:
+            elif match[0] == "\b":
+                self._column = max(self._column - 1, 0)
+            elif match[0].isprintable():
                 self._put(match[0])
 
     def _put(self, character: str) -> None:
@@ -56,6 +61,7 @@ class Screen:
             self._column = 0
         self._cells[self._row][self._column] = (character, self._look)
         self._column += 1
+        self._last = character
 
     def _next_row(self) -> None:
         self._row += 1
@@ -63,20 +69,47 @@ class Screen:
             self._cells = [*self._cells[1:], self._blank()]
             self._row -= 1
 
-    def _obey(self, letter: str, numbers: list[int], private: bool) -> None:
-        rest = range(self._column, self._columns)
-        if private:
-            return
-        if letter == "H":
-            self._row = self._column = 0
-        elif letter == "m":
-            self._paint(numbers or [0])
-        elif letter in "KJ":
-            for column in rest:
-                self._cells[self._row][column] = (" ", Look())
+    def _obey(self, letter: str, numbers: list[int]) -> None:
+        first = max(numbers[0], 1)
+        if letter == "m":
+            self._paint(numbers)
+        elif letter == "H":
+            self._go(first - 1, max(numbers[-1], 1) - 1 if len(numbers) > 1 else 0)
+        elif letter in "AB":
+            self._go(self._row + (first if letter == "B" else -first), self._column)
+        elif letter in "CD":
+            self._go(self._row, self._column + (first if letter == "C" else -first))
+        elif letter == "G":
+            self._go(self._row, first - 1)
+        elif letter == "d":
+            self._go(first - 1, self._column)
+        elif letter == "b":
+            for _ in range(first):
+                self._put(self._last)
+        else:
+            self._change(letter, numbers[0])
+
+    def _go(self, row: int, column: int) -> None:
+        self._row = min(max(row, 0), len(self._cells) - 1)
+        self._column = min(max(column, 0), self._columns - 1)
+
+    def _change(self, letter: str, number: int) -> None:
+        row, here, count = self._cells[self._row], min(self._column, self._columns - 1), max(number, 1)
+        blanks = [(" ", Look())] * self._columns
         if letter == "J":
-            for row in range(self._row + 1, len(self._cells)):
-                self._cells[row] = self._blank()
+            for each in range(0 if number == 2 else self._row + 1, len(self._cells)):
+                self._cells[each] = self._blank()
+        if letter == "J" and number == 2:
+            row = self._blank()
+        elif letter in "KJ":
+            row = blanks[: here + 1] + row[here + 1 :] if number == 1 else row[:here] + blanks
+        elif letter == "X":
+            row = row[:here] + blanks[:count] + row[here + count :]
+        elif letter == "P":
+            row = row[:here] + row[here + count :] + blanks
+        elif letter == "@":
+            row = row[:here] + blanks[:count] + row[here:]
+        self._cells[self._row] = row[: self._columns]
 
     def _paint(self, numbers: list[int]) -> None:
         for number in numbers:

@@ -26,7 +26,7 @@ class Terminal:
         environment = {"PATH": os.environ["PATH"], "TERM": "xterm", "HOME": "/tmp", "LC_ALL": "C"}
         self._master, slave = os.openpty()
         try:
-            fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 24, 80, 0, 0))
+            self.resize(80, 24)
             self.process = subprocess.Popen(
                 command,
                 stdin=slave,
@@ -43,6 +43,13 @@ class Terminal:
             os.close(slave)
         self.shown = b""
         self._taken = 0  # how much of it wait_for() has gone past
+
+    def resize(self, columns: int, rows: int) -> None:
+        fcntl.ioctl(self._master, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
+
+    def settings(self) -> list:
+        """How the terminal treats keys and text now, as termios has it."""
+        return termios.tcgetattr(self._master)
 
     def type(self, keys: bytes) -> None:
         """Presses keys; Enter is a carriage return."""
@@ -68,6 +75,10 @@ class Terminal:
             return self.process.wait(max(end - time.monotonic(), 0.1))
         except subprocess.TimeoutExpired:
             raise TerminalError(f"{' '.join(self._command)} did not end:\n{self.shown!r}") from None
+
+    def look(self) -> None:
+        """Takes in what the program has shown."""
+        self._look(0)
 
     def _look(self, seconds: float) -> bool:
         """Takes in what the program shows; False when it shows nothing more in this time, or has ended."""

@@ -11,6 +11,7 @@ import subprocess
 import threading
 
 import pytest
+from screen import Screen  # of tools/
 
 from harness import items, settings, tessctl, wire
 from harness.clients import IpcClient, XcpClient
@@ -370,35 +371,91 @@ def test_watch_with_a_port_that_there_is_none_of_is_wrong_usage():
 # --- top
 
 
+COLUMNS, ROWS = 80, 24  # of a Terminal
+
+
+def expect_row(terminal: tessctl.Terminal, row: str, columns: int = COLUMNS, rows: int = ROWS) -> list[str]:
+    """Waits until the screen has a row that begins so; returns all of it."""
+
+    def lines() -> list[str]:
+        shown = Screen(columns, rows)
+        shown.write(terminal.shown)
+        return shown.lines
+
+    def has_row() -> bool:
+        terminal.look()
+        return any(line.startswith(row) for line in lines())
+
+    wait_until(has_row, f"the screen has the row {row!r}", 10)
+    return lines()
+
+
 def test_top_renews_itself_and_leaves_the_terminal_as_it_was(busy):
     with tessctl.on_terminal("top", "--interval", "0.1") as terminal:
+        before = terminal.settings()
         terminal.expect(b"\x1b[?1049h")
-        terminal.expect(b"Processes: 1")
-        terminal.expect(b"ENC   1500     1     1")
+        expect_row(terminal, "Processes: 1")
+        expect_row(terminal, "ENC   1500     1     1")
         serve_one_command(busy.process, busy.client)
-        terminal.expect(b"ENC   1500     2     2")
+        shown = expect_row(terminal, "ENC   1500     2     2")
+        assert re.fullmatch(r"tessd \S+, up .*, 0 delays pending", shown[0]), shown
+        assert re.fullmatch(r"[\d.]+ lines, .* a second", shown[1]), shown
+        assert shown[3:5] == ["Processes: 1", "NAME  ADDRESS  SENT  ANSWERED  QUEUE  PORTS"], shown
+        assert shown[7] == "Clients: 1" and shown[9].startswith("ipc   0xbb010000  -     "), shown
+        assert terminal.settings() != before, "keys come one by one"
         terminal.type(b"q")
         assert terminal.expect_end() == DONE
-        assert terminal.shown.endswith(b"\x1b[?25h\x1b[?1049l")
-        assert terminal.shown.count(b"tessd ") > 1
+        assert b"\x1b[?1049l" in terminal.shown[-60:], terminal.shown
+        assert terminal.settings() == before
+
+
+@pytest.mark.parametrize("key", [b"q", b"Q", b"\x1b", b"\x04"])
+def test_top_is_left_by_a_key(busy, key):
+    with tessctl.on_terminal("top") as terminal:
+        expect_row(terminal, "Processes: 1")
+        terminal.type(b"x\x1bOA")  # nor does an arrow leave it, as xterm sends it now
+        serve_one_command(busy.process, busy.client)
+        expect_row(terminal, "ENC   1500     2     2")
+        terminal.type(key)
+        assert terminal.expect_end() == DONE
 
 
 def test_top_ends_in_order_at_a_signal(busy):
     with tessctl.on_terminal("top") as terminal:
-        terminal.expect(b"Processes: 1")
+        before = terminal.settings()
+        expect_row(terminal, "Processes: 1")
         terminal.process.send_signal(signal.SIGTERM)
         assert terminal.expect_end() == DONE
-        assert terminal.shown.endswith(b"\x1b[?25h\x1b[?1049l")
+        assert b"\x1b[?1049l" in terminal.shown[-60:], terminal.shown
+        assert terminal.settings() == before
 
 
-def test_top_fits_a_narrow_terminal(busy):
+def test_top_fits_a_narrow_terminal_and_one_that_grows(busy):
     for number in range(20):
         busy.process.register(b"P%02d" % number + b"n" * 60)
-    with on_narrow_terminal("top", "--count", "1") as terminal:
-        assert terminal.expect_end() == DONE
-        screen = re.sub(rb"\x1b\[[?0-9;]*[A-Za-z]", b"", terminal.shown).decode().split("\r\n")
-    assert len(screen) == 12 and max(map(len, screen)) <= 40, screen
-    assert screen[0].startswith("tessd ") and screen[-1].startswith("... there is more"), screen
+    with on_narrow_terminal("top", "--interval", "60") as terminal:
+        screen = expect_row(terminal, "... there is more", 40, 12)
+        assert len(screen) == 12 and max(map(len, screen)) <= 40, screen
+        assert screen[0].startswith("tessd ") and screen[-1].startswith("... there is more"), screen
+        terminal.shown = b""
+        terminal.resize(100, 50)
+        screen = expect_row(terminal, "Clients: 1", 100, 50)
+        assert len([row for row in screen if re.match("P[0-9]{2}n", row)]) == 20, screen
+
+
+def test_top_says_so_when_it_cannot_draw(busy):
+    with tessctl.Terminal("/usr/bin/env", "TERM=wood", tessctl.PROGRAM, "top") as terminal:
+        assert terminal.expect_end() == REFUSED
+        assert b"cannot draw on this terminal, TERM is 'wood'" in terminal.shown, terminal.shown
+
+
+def test_top_ends_when_the_daemon_does(busy, tessd):
+    with tessctl.on_terminal("top", "--interval", "0.1") as terminal:
+        expect_row(terminal, "Processes: 1")
+        tessd.stop()
+        assert terminal.expect_end() == NO_CONNECTION
+        restored, message = terminal.shown.split(b"\x1b[?1049l")
+        assert b"tessctl: " in message, terminal.shown
 
 
 def test_top_prints_once_into_a_pipe(busy):
@@ -421,9 +478,10 @@ def test_top_counts_rates(busy):
         assert report["rates"]["forwarded"] == 0
 
 
-def test_top_uses_nothing_that_a_plain_terminal_lacks(busy):
-    """Its sequences are those of a vt220 and of xterm, but for the second screen, which others ignore."""
-    with tessctl.on_terminal("top", "--count", "1") as terminal:
-        terminal.expect_end()
-        used = set(re.findall(rb"\x1b\[[?0-9;]*[A-Za-z]", terminal.shown))
-    assert used == {b"\x1b[?1049h", b"\x1b[?25l", b"\x1b[H", b"\x1b[K", b"\x1b[J", b"\x1b[?25h", b"\x1b[?1049l"}
+@pytest.mark.parametrize("name", ["vt100", "linux", "screen", "xterm-256color"])
+def test_top_draws_on_terminals_of_other_kinds(busy, name):
+    with tessctl.Terminal("/usr/bin/env", f"TERM={name}", tessctl.PROGRAM, "top") as terminal:
+        screen = expect_row(terminal, "ENC   1500     1     1")
+        assert screen[3] == "Processes: 1" and screen[7] == "Clients: 1", screen
+        terminal.type(b"q")
+        assert terminal.expect_end() == DONE

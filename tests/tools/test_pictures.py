@@ -28,6 +28,15 @@ def test_a_screen_shows_what_was_written_last():
         b"longer\r\nrest\x1b[Hnew\x1b[K": ["new", "rest"],
         b"longer\r\nrest\x1b[Hnew\x1b[K\x1b[J": ["new"],
         b"\x1b[?1049h\x1b[?25l\x1b[1;31mred\x1b[0m": ["red"],
+        b"\x1b[1;3r\x1b(B\x1b[m\x1b=\x0fplain": ["plain"],
+        b"one\x1b[3;4Hthree\x1b[2;2Htwo": ["one", " two", "   three"],
+        b"0\x1b[2d1\x1b[6Gab\x1b[Aup\x1b[B\x1b[6D-\x1b[2C+": ["0      up", " 1 - a+"],
+        b"longer\x1b[1;4H\x1b[1K": ["    er"],
+        b"longer\r\nrest\x1b[1;3H\x1b[2J": [],
+        b"longer\x1b[1;2H\x1b[2X": ["l  ger"],
+        b"longer\x1b[1;2H\x1b[2P": ["lger"],
+        b"longer\x1b[1;2H\x1b[2@": ["l  onger"],
+        b"ab\x1b[3b\b\bc": ["abbcb"],
     }
     assert {written: shown(written) for written in cases} == cases
 

@@ -116,8 +116,7 @@ private:
     /// A command that asks its user something, at a terminal, needs one on the other host too.
     RemoteInput remoteInput() const
     {
-        const bool asks =
-            app_.got_subcommand("console") || app_.got_subcommand("reset") || app_.got_subcommand("top");
+        const bool asks = app_.got_subcommand("console") || app_.got_subcommand("reset") || app_.got_subcommand("top");
         if (asks && ::isatty(STDIN_FILENO) != 0 && ::isatty(STDOUT_FILENO) != 0) return RemoteInput::terminal;
         return app_.got_subcommand("send") && send_.lines.empty() ? RemoteInput::here : RemoteInput::nothing;
     }

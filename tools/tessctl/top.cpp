@@ -3,7 +3,6 @@
 #include <iostream>
 #include <nlohmann/json.hpp>
 #include <optional>
-#include <poll.h>
 #include <thread>
 #include <unistd.h>
 
@@ -12,7 +11,6 @@
 #include "tools/tessctl/item_json.h"
 #include "tools/tessctl/standard_output.h"
 #include "tools/tessctl/status_query.h"
-#include "tools/tessctl/terminal_size.h"
 #include "tools/tessctl/top_view.h"
 
 namespace {
@@ -23,15 +21,6 @@ Sample takeSample(DaemonClient& daemon)
     return {std::chrono::steady_clock::now(), std::move(items)};
 }
 
-/// @return true when the user wants to leave
-bool leaves(std::chrono::milliseconds time)
-{
-    pollfd keys{STDIN_FILENO, POLLIN, 0};
-    if (::poll(&keys, 1, static_cast<int>(time.count())) <= 0) return stopAsked();
-    char key = 'q'; // also where nobody can type any more
-    return ::read(STDIN_FILENO, &key, 1) <= 0 || key == 'q' || key == 'Q' || key == '\x1b' || key == '\x04';
-}
-
 ExitStatus runOnTerminal(const TopOptions& options)
 {
     DaemonClient daemon;
@@ -39,10 +28,13 @@ ExitStatus runOnTerminal(const TopOptions& options)
     Sample now = before;
     const FullScreen screen;
     for (std::uint64_t shown = 1;; ++shown) {
-        const TerminalSize size = terminalSize();
-        screen.show(topLines(before, now, size.columns, size.rows));
-        requireOutput();
-        if (shown == options.count || leaves(options.interval)) return STATUS_DONE;
+        FullScreen::Seen seen = FullScreen::Seen::resize;
+        while (seen == FullScreen::Seen::resize) {
+            screen.show(topLines(before, now, screen.columns(), screen.rows()));
+            if (shown == options.count) return STATUS_DONE;
+            seen = screen.wait(options.interval);
+        }
+        if (seen == FullScreen::Seen::leave || stopAsked()) return STATUS_DONE;
         before = std::move(now);
         now = takeSample(daemon);
     }
