@@ -26,7 +26,6 @@ from terminal import Terminal
 
 COLUMNS, ROWS = 80, 24  # of a Terminal
 SECONDS = 20.0
-FRAME = b"\x1b[H"
 ANSWERS = {"THERM": "21.5", "LOAD": "0.08 0.03 0.01"}
 LINES = ("s3.ENC SETX 5", "s3.ENC GETX", "s3.THERM GET", "s3.LOAD GET", "s3.ENC GETX")
 
@@ -60,14 +59,18 @@ def converse(stop: threading.Event) -> None:
 
 
 def draw_top(tessctl: str, path: str) -> None:
-    """After a few screens, so that there are rates."""
+    """As soon as there are rates."""
     with Terminal(tessctl, "top", "--interval", "0.5") as terminal:
-        for _ in range(4):
-            terminal.wait_for(FRAME, SECONDS)
-        shown = terminal.wait_for(b"\x1b[J", SECONDS)
-    screen = Screen(COLUMNS, ROWS)
-    screen.write(shown)
-    write(path, screen.svg("tessctl top"))
+        end = time.monotonic() + SECONDS
+        while time.monotonic() < end:
+            while terminal.look(0.2):  # until it is drawn
+                pass
+            screen = Screen(COLUMNS, ROWS)
+            screen.write(terminal.shown)
+            if len(screen.lines) > 1 and not screen.lines[1].startswith("0.0 "):
+                write(path, screen.svg("tessctl top"))
+                return
+        raise SystemExit(f"tessctl top shows no rates: {screen.lines}")
 
 
 def draw_watch(tessctl: str, path: str) -> None:

@@ -60,7 +60,7 @@ class Terminal:
         """Returns what has come on the screen since the last call, up to and with `text`."""
         end = time.monotonic() + seconds
         while (found := self.shown.find(text, self._taken)) < 0:
-            if not self._look(end - time.monotonic()):
+            if not self.look(end - time.monotonic()):
                 raise TerminalError(f"{' '.join(self._command)}: no {text!r} on the screen:\n{self.shown!r}")
         shown = self.shown[self._taken : found + len(text)]
         self._taken = found + len(text)
@@ -69,18 +69,14 @@ class Terminal:
     def wait_end(self, seconds: float) -> int:
         """Returns the program's exit status; `shown` then holds its last words too."""
         end = time.monotonic() + seconds
-        while self._look(end - time.monotonic()):
+        while self.look(end - time.monotonic()):
             pass
         try:
             return self.process.wait(max(end - time.monotonic(), 0.1))
         except subprocess.TimeoutExpired:
             raise TerminalError(f"{' '.join(self._command)} did not end:\n{self.shown!r}") from None
 
-    def look(self) -> None:
-        """Takes in what the program has shown."""
-        self._look(0)
-
-    def _look(self, seconds: float) -> bool:
+    def look(self, seconds: float = 0) -> bool:
         """Takes in what the program shows; False when it shows nothing more in this time, or has ended."""
         if not select.select([self._master], [], [], max(seconds, 0))[0]:
             return False
