@@ -127,6 +127,7 @@ private:
     TOrbAttachmentMsg outMsg{};             ///< texts to connections and commands to processes; service thread only
     std::int32_t outLen = 0;                ///< bytes of outMsg to send to a process
     std::vector<TRegisteredProc*> regProcs; ///< owned; not deleted when the daemon ends (deliberate)
+    LeftProc leftProc;                      ///< who has unregistered last; main thread only
     std::mutex regLock;                     ///< guards regProcs, fullQueues, waitingAnswers
     std::vector<TCmdPort*> ports;           ///< owned, in order of creation
     std::vector<TPortConn*> conns;          ///< owned, of all ports; disposed of by removeConn()
