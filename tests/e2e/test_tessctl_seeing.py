@@ -345,8 +345,9 @@ def test_watch_goes_on_with_a_new_daemon(start_tessd):
         with QueueProcess(2001) as asker, IpcClient() as client:
             assert items.of(items.status(asker), "daemon")[0]["watchers"] == 1
             client.ask(b"s3.NONE again", b"?\r\n")
+        assert any("refuse     s3.NONE again" in line for line in watch.stdout), "it ended, and had not shown it"
         watch.send_signal(signal.SIGTERM)
-        assert "refuse     s3.NONE again" in watch.communicate(timeout=20 * settings.SLOW)[0]
+        watch.wait(20 * settings.SLOW)
     assert watch.returncode == DONE
 
 
