@@ -26,7 +26,7 @@ from terminal import Terminal
 
 COLUMNS, ROWS = 80, 24  # of a Terminal
 SECONDS = 20.0
-ANSWERS = {"THERM": "21.5", "LOAD": "0.08 0.03 0.01"}
+ANSWERS = {"THERM": "21.5", "LOAD": "0.08"}
 LINES = ("s3.ENC SETX 5", "s3.ENC GETX", "s3.THERM GET", "s3.LOAD GET", "s3.ENC GETX")
 
 

@@ -190,10 +190,8 @@ def test_a_daemon_of_an_earlier_version_is_told_from_a_stuck_one(command):
         thread = threading.Thread(target=answer)
         thread.start()
         try:
-            does = "tell what passes" if command == ["watch"] else "tell its state"
-            tessctl.run(*command).expect(
-                NO_ANSWER, "", f"tessctl: {settings.QUEUE_DIR}/1001: this tessd does not {does}: it is of an earlier version\n"
-            )
+            said = f"{settings.QUEUE_DIR}/1001: this tessd does not tell its state: it is of an earlier version"
+            tessctl.run(*command).expect(NO_ANSWER, "", f"tessctl: {said}\n")
         finally:
             stop.set()
             thread.join()
@@ -303,8 +301,8 @@ def test_watch_shows_what_passes(busy):
     assert all(re.match(r"\d\d:\d\d:\d\d\.\d{3} ipc    0xbb010000 ", line) for line in output), output
     assert [" ".join(line.split()[3:]) for line in output] == [
         "line s3.ENC SETX 5",
-        "forward process=1500",
-        "answer process=1500 0",
+        "forward process=1500 (ENC)",
+        "answer process=1500 (ENC) 0",
         "line s3.NONE Y",
         "refuse s3.NONE Y",
         "disconnect",

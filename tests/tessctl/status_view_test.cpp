@@ -113,8 +113,31 @@ TEST(EventText, ShowsTimeConnectionAndWhatHappened)
 {
     const auto event =
         Item::parse("line time=1764038096.007 connection=0xbb010000 port=\"ipc\" text=\"s3.ENC\\x0aX\\x0d\\x0a\"");
-    EXPECT_EQ(eventText(*event, false), "02:34:56.007 ipc    0xbb010000 line       s3.ENC\\x0aX");
-    EXPECT_THAT(eventText(*event, true), HasSubstr("\x1b[36mline      \x1b[0m s3.ENC"));
-    EXPECT_THAT(eventText(*Item::parse("lost records=1 lines=2"), false),
+    const ProcessNames nobody;
+    EXPECT_EQ(eventText(*event, nobody, false), "02:34:56.007 ipc    0xbb010000 line       s3.ENC\\x0aX");
+    EXPECT_THAT(eventText(*event, nobody, true), HasSubstr("\x1b[36mline      \x1b[0m s3.ENC"));
+    EXPECT_THAT(eventText(*Item::parse("lost records=1 lines=2"), nobody, false),
                 testing::EndsWith("lost       records=1 lines=2"));
+}
+
+TEST(EventText, NamesProcessesThatAreKnown)
+{
+    ProcessNames names;
+    names.learn(parseItems("process name=\"ENC\" address=1500\nprocess name=\"SECOND\" address=1500\n"
+                           "process name=\"MUCH-TOO-LONG-FOR-THE-LINE\" address=1501\n"));
+    names.see(*Item::parse("register name=\"NEW\" process=1502 ports=8"));
+    names.see(*Item::parse("unregister name=\"NO\" process=1503"));
+    struct Row {
+        const char* event;
+        const char* shown;
+    };
+    const Row rows[] = {
+        {"forward process=1500", "forward    process=1500 (ENC)"},
+        {"answer process=1501 text=\"5\"", "answer     process=1501 (MUCH-TOO-LONG-FOR-THE-L~) 5"},
+        {"forward process=1502", "forward    process=1502 (NEW)"},
+        {"forward process=1503", "forward    process=1503"},
+        {"register name=\"ENC\" process=1500 ports=8", "register   name=ENC process=1500 ports=8"},
+    };
+    for (const Row& row : rows)
+        EXPECT_THAT(eventText(*Item::parse(row.event), names, false), testing::EndsWith(row.shown)) << row.event;
 }

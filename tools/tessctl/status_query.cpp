@@ -19,27 +19,39 @@ std::uint32_t nextTag()
     return ++tag;
 }
 
+/// Finds out whether tessd knows the question, when its answer does not come: asks something that
+/// every tessd answers, and changes nothing.
+class KindProbe {
+public:
+    explicit KindProbe(DaemonClient& daemon) : daemon_(daemon) {}
+
+    /// This process has not registered: unregistering is refused.
+    void nothingCame()
+    {
+        if (!asked_) daemon_.send(MSG_UNREGISTER, 0, 0, "");
+        asked_ = true;
+    }
+
+    /// @throws CtlError  tessd has answered this, and not the question before it
+    void came(const TOrbAttachmentMsg& record) const
+    {
+        if (!asked_ || record.sender != TESS_QUEUE_ID || record.kind != MSG_REPLY) return;
+        throw CtlError(STATUS_NO_ANSWER,
+                       queuePath(TESS_QUEUE_ID) + ": this tessd does not tell its state: it is of an earlier version");
+    }
+
+private:
+    DaemonClient& daemon_;
+    bool asked_ = false;
+};
+
 } // namespace
-
-/// Unregistering: this process has not registered, so it is refused.
-void KindProbe::nothingCame()
-{
-    if (!asked_) daemon_.send(MSG_UNREGISTER, 0, 0, "");
-    asked_ = true;
-}
-
-void KindProbe::came(const TOrbAttachmentMsg& record) const
-{
-    if (!asked_ || record.sender != TESS_QUEUE_ID || record.kind != MSG_REPLY) return;
-    throw CtlError(STATUS_NO_ANSWER, queuePath(TESS_QUEUE_ID) + ": this tessd does not " + std::string(what_) +
-                                         ": it is of an earlier version");
-}
 
 std::vector<Item> askStatus(DaemonClient& daemon)
 {
     const std::uint32_t tag = nextTag();
     daemon.send(MSG_STATUS, tag, 0, "");
-    KindProbe probe(daemon, "tell its state");
+    KindProbe probe(daemon);
     std::string text;
     TOrbAttachmentMsg record;
     for (const auto deadline = Clock::now() + DaemonClient::REPLY_PATIENCE; Clock::now() < deadline;) {

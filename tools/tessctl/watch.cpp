@@ -10,6 +10,7 @@
 #include "framework/tess_messages.h"
 #include "tools/tessctl/daemon_client.h"
 #include "tools/tessctl/item_json.h"
+#include "tools/tessctl/process_names.h"
 #include "tools/tessctl/record_text.h"
 #include "tools/tessctl/say.h"
 #include "tools/tessctl/standard_output.h"
@@ -30,10 +31,11 @@ class Watch {
 public:
     explicit Watch(const WatchOptions& options)
         : options_(options), filter_(options.name, options.port),
-          colour_(::isatty(STDOUT_FILENO) != 0 && std::getenv("NO_COLOR") == nullptr),
-          probe_(daemon_, "tell what passes")
+          colour_(::isatty(STDOUT_FILENO) != 0 && std::getenv("NO_COLOR") == nullptr)
     {
-        if (!options_.name.empty()) filter_.learn(askStatus(daemon_));
+        const std::vector<Item> status = askStatus(daemon_);
+        filter_.learn(status);
+        names_.learn(status);
     }
 
     ExitStatus run()
@@ -41,10 +43,7 @@ public:
         TOrbAttachmentMsg record;
         while (!isOver()) {
             if (Clock::now() >= nextRenewal_) renew();
-            if (daemon_.receive(record) == 0)
-                nothingCame();
-            else
-                take(record);
+            if (daemon_.receive(record) > 0) take(record);
         }
         end();
         if (error_ != 0 && error_ != EPIPE) failOutput(error_);
@@ -75,14 +74,8 @@ private:
     } catch (const CtlError&) { // then it does not tell us anything either
     }
 
-    void nothingCame()
-    {
-        if (!isOn_) probe_.nothingCame();
-    }
-
     void take(const TOrbAttachmentMsg& record)
     {
-        if (!isOn_) probe_.came(record);
         if (record.sender != TESS_QUEUE_ID || record.kind != MSG_WATCH_TEXT) return;
         for (const Item& event : parseItems(textOf(record)))
             show(event);
@@ -92,9 +85,10 @@ private:
     void show(const Item& event)
     {
         if (event.word() == "watch") return answered(event);
+        names_.see(event);
         if (isOver() || !filter_.wants(event)) return;
         ++shown_;
-        std::cout << (options_.json ? json(event) : eventText(event, colour_)) << '\n';
+        std::cout << (options_.json ? json(event) : eventText(event, names_, colour_)) << '\n';
     }
 
     void answered(const Item& answer)
@@ -116,8 +110,8 @@ private:
     WatchOptions options_;
     DaemonClient daemon_;
     WatchFilter filter_;
+    ProcessNames names_;
     bool colour_;
-    KindProbe probe_;
     bool isOn_ = false;
     bool isAway_ = false; ///< tessd, when we have asked last
     Clock::time_point nextRenewal_ = Clock::now();

@@ -48,13 +48,15 @@ std::string withoutEnds(const Item::Value& text)
 }
 
 /// What stands behind time, word and connection.
-std::string rest(const Item& event)
+std::string rest(const Item& event, const ProcessNames& names)
 {
     std::string text;
     for (const auto& [key, value] : event.values()) {
         if (key == "time" || key == "connection" || key == "port") continue;
         if (!text.empty()) text += ' ';
         text += key == "text" ? withoutEnds(value) : key + "=" + value.shown;
+        if (key != "process" || event.find("name") != nullptr) continue;
+        if (const std::string name = names.of(value.shown); !name.empty()) text += " (" + name + ")";
     }
     return text;
 }
@@ -84,13 +86,13 @@ bool WatchFilter::isOfProcess(const Item& event) const
     return !address_.empty() && event.text("process") == address_;
 }
 
-std::string eventText(const Item& event, bool colour)
+std::string eventText(const Item& event, const ProcessNames& names, bool colour)
 {
     const auto* const found = std::ranges::find(COLOURS, event.word(), &Colour::word);
     const bool isColoured = colour && found != COLOURS.end();
     std::string text =
         clockText(event) + " " + padded(event.text("port"), 6) + " " + padded(event.text("connection"), 10) + " ";
     text += (isColoured ? found->escape : "") + padded(event.word(), 10) + (isColoured ? "\x1b[0m" : "");
-    const std::string behind = rest(event);
+    const std::string behind = rest(event, names);
     return behind.empty() ? text : text + " " + behind;
 }

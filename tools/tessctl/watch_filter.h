@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "tools/tessctl/item.h"
+#include "tools/tessctl/process_names.h"
 
 /// Picks from what is watched what is wanted. What tells of losses is always wanted.
 class WatchFilter {
@@ -28,5 +29,6 @@ private:
 };
 
 /// An event as a line for people.
+/// @param names   of the processes, which stand behind their addresses
 /// @param colour  with the escapes that a terminal takes for colours
-std::string eventText(const Item& event, bool colour);
+std::string eventText(const Item& event, const ProcessNames& names, bool colour);
