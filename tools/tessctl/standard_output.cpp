@@ -29,12 +29,6 @@ int flushOutput()
     return errno != 0 ? errno : EIO;
 }
 
-bool nobodyReads()
-{
-    pollfd output{STDOUT_FILENO, 0, 0};
-    return ::poll(&output, 1, 0) > 0 && (output.revents & POLLERR) != 0;
-}
-
 void requireOutput()
 {
     if (const int error = flushOutput()) failOutput(error);

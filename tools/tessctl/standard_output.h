@@ -11,9 +11,6 @@ void keepStandardDescriptors();
 /// @return 0, else why some of it is lost, as errno has it
 int flushOutput();
 
-/// Whether whoever read it is gone: "tessctl listen | head -1".
-bool nobodyReads();
-
 /// As flushOutput().
 /// @throws CtlError  some of it is lost
 void requireOutput();

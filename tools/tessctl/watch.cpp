@@ -54,7 +54,7 @@ private:
     bool isOver() const
     {
         const bool isEnough = options_.count > 0 && shown_ >= options_.count;
-        return stopAsked() || isEnough || error_ != 0 || nobodyReads();
+        return stopAsked() || isEnough || error_ != 0 || outputIsUnread();
     }
 
     void renew()
