@@ -8,11 +8,11 @@ constexpr std::size_t MOST = 24;
 
 } // namespace
 
-/// Backwards: of several names of an address the first one is shown.
+/// Of several names of an address the first one is shown.
 void ProcessNames::learn(const std::vector<Item>& status)
 {
-    for (auto item = status.rbegin(); item != status.rend(); ++item)
-        if (item->word() == "process") names_[item->text("address")] = item->text("name");
+    for (const Item& item : status)
+        if (item.word() == "process") names_.try_emplace(item.text("address"), item.text("name"));
 }
 
 void ProcessNames::see(const Item& event)

@@ -10,7 +10,7 @@
 /// little.
 class ProcessNames {
 public:
-    /// Learns them from the daemon's state.
+    /// Learns those that are not known yet from the daemon's state.
     void learn(const std::vector<Item>& status);
 
     /// Learns from what happens, too.
