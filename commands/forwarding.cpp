@@ -3,6 +3,7 @@
 #include "common/live_list.h"
 #include "common/milestone.h"
 #include "common/text.h"
+#include "connections/witness.h"
 #include "framework/queue_mgr.h"
 #include "framework/tess_messages.h"
 
@@ -33,6 +34,8 @@ int sendToTargets(CommandContext& context, CmdProgress& progress)
                                                   context.outMsg, context.outLen);
         if (sent == SEND_QUEUE_FULL) return FORWARD_WAITS;
         progress.sendResult = sent == SEND_DONE ? 0 : 1;
+        if (sent == SEND_DONE)
+            witness::forwarded(context.outMsg.tag, progress.portType, progress.targets[progress.target]);
     }
     return progress.sendResult;
 }
@@ -46,11 +49,13 @@ int forwardCmd(CommandContext& context, CmdProgress& progress, const CommandAddr
     progress.targetCount = 0;
     progress.target = 0;
     progress.sendResult = 1;
+    progress.portType = portType;
     const std::scoped_lock lock(context.regLock);
-    for (std::size_t i = 0; const TRegisteredProc* proc = liveAt(context.regProcs, i); ++i) {
+    for (std::size_t i = 0; TRegisteredProc* proc = liveAt(context.regProcs, i); ++i) {
         if (!takesPort(*proc, portType) || !isThisUnit(address.unitAddr) || !isAddressed(*proc, address.procAddr))
             continue;
         context.outMsg.tag |= entryTag;
+        proc->sent.add();
         if (progress.targetCount < progress.targets.size()) progress.targets[progress.targetCount++] = proc->procId;
     }
     const int result = sendToTargets(context, progress);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "common/counters.h"
 #include "framework/queue_mgr.h"
 
 const FullQueues::Queue* FullQueues::find(long address) const
@@ -68,7 +69,10 @@ long FullQueues::refused(Queue& queue, QueueWaiter& who)
 
 long FullQueues::join(Queue& queue, QueueWaiter& who)
 {
-    if (who.address == 0) queue.waiters.push_back(&who);
+    if (who.address == 0) {
+        queue.waiters.push_back(&who);
+        g_counters.queueWaits.add();
+    }
     who.address = queue.address;
     return SEND_QUEUE_FULL;
 }
@@ -98,6 +102,12 @@ void FullQueues::leave(QueueWaiter& who)
     if (queue == nullptr) return;
     std::erase(queue->waiters, &who);
     if (queue->waiters.empty()) queue->room.stop();
+}
+
+bool FullQueues::isFull(long address) const
+{
+    const Queue* const queue = find(address);
+    return queue != nullptr && (queue->isStuck || !queue->waiters.empty());
 }
 
 void FullQueues::addTo(WaitSet& waits) const

@@ -37,6 +37,9 @@ public:
     /// Adds what the waits wait for.
     void addTo(WaitSet& waits) const;
 
+    /// @return true while somebody waits for room in that queue, or it is stuck
+    bool isFull(long address) const;
+
     /// @return true when another attempt may succeed, or time is up
     bool mayTry(const QueueWaiter& who, const WaitSet& waits) const;
 

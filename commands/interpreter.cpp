@@ -9,6 +9,7 @@
 #include "commands/reply.h"
 #include "common/milestone.h"
 #include "common/text.h"
+#include "connections/witness.h"
 #include "framework/fixed_text.h"
 #include "framework/tess_messages.h"
 #include "framework/tokenizer.h"
@@ -39,12 +40,14 @@ public:
 
     int run()
     try {
+        if (!progress_.waits()) witness::line(conn_, cmd_.text);
         const int result = interpret();
         if (result != CMD_WAITS) forgetProgress();
         return result;
     } catch (const std::bad_alloc&) {
         forgetWait();
         forgetProgress();
+        witness::refused(conn_, cmd_.text);
         replyTo(context_, conn_, "?\r\n");
         return 1;
     }
@@ -76,6 +79,7 @@ private:
             if (result == RESET_WAITS) return CMD_WAITS;
             if (result == RESET_STARTED) return 0;
             if (conn_ != nullptr) {
+                witness::refused(conn_, line);
                 replyTo(context_, conn_, "Error Processing Reset Command.\r\n\r\n");
                 return 1;
             }
@@ -101,6 +105,7 @@ private:
     {
         if (command.size() == delayWord.size()) return listDelays(context_, conn_);
         const bool done = setDelay(context_, std::span(context_.tokens).subspan(progress_.token)) == 0;
+        if (!done) witness::refused(conn_, command);
         replyTo(context_, conn_, done ? "OK\r\n\r\n" : "Error Setting Command: Invalid Arguments.\r\n\r\n");
         return 0; // the tokens behind it belong to the delayed line
     }
@@ -114,6 +119,7 @@ private:
         const int offset = parseCmdAddress(token, address);
         setMilestone(Milestone::addressDone);
         if (offset == ADDRESS_REJECTED && conn_ != nullptr) {
+            witness::refused(conn_, token);
             replyTo(context_, conn_, "?\r\n");
             return true;
         }
@@ -123,11 +129,11 @@ private:
             return true;
         }
         const bool hasAddress = offset > ADDRESS_WHOLE_TEXT;
-        return forward(address, hasAddress ? token.substr(static_cast<std::size_t>(offset)) : token);
+        return forward(token, address, hasAddress ? token.substr(static_cast<std::size_t>(offset)) : token);
     }
 
     /// @return false: it has to wait
-    bool forward(const CommandAddress& address, std::string_view body)
+    bool forward(std::string_view token, const CommandAddress& address, std::string_view body)
     {
         prepareForward(context_, body, conn_ != nullptr ? conn_->connId : 0);
         const std::uint32_t portType = conn_ != nullptr ? conn_->portId : std::uint32_t{PORT_DELAYED};
@@ -140,7 +146,9 @@ private:
         }
         progress_.wait = result == FORWARD_WAITS ? Wait::room : Wait::nothing;
         if (result == FORWARD_WAITS) return false;
-        if (result != 0) replyTo(context_, conn_, "?\r\n");
+        if (result == 0) return true;
+        witness::refused(conn_, token);
+        replyTo(context_, conn_, "?\r\n");
         return true;
     }
 

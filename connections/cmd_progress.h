@@ -27,6 +27,7 @@ struct CmdProgress {
     bool pastReset = false; ///< the line is no reset, or one that has failed and is a command
 
     // The token's way to the registered processes.
+    std::uint32_t portType = 0;                               ///< of the port that the command came from
     std::array<std::int32_t, MAX_REGISTERED_PROCS> targets{}; ///< queue addresses, in the registry's order
     std::size_t targetCount = 0;
     std::size_t target = 0; ///< the one under way

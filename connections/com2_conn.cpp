@@ -60,7 +60,9 @@ int TCom2Conn::readLines()
     if (received > 0) {
         emptyReads_ = 0;
         rxLen = static_cast<std::int32_t>(received);
-        return cutLines(std::span(rxBuf).first(static_cast<std::size_t>(rxLen)), false, cmds);
+        const int count = cutLines(std::span(rxBuf).first(static_cast<std::size_t>(rxLen)), false, cmds);
+        if (count > 0) noteActivity();
+        return count;
     }
     const bool nothingThere = received < 0 && (errno == EAGAIN || errno == EINTR);
     if (!nothingThere && emptyReads_ < EMPTY_READS_BEFORE_REST) ++emptyReads_;

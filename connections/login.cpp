@@ -5,6 +5,7 @@
 
 #include "connections/authenticate.h"
 #include "connections/connection_log.h"
+#include "connections/witness.h"
 #include "framework/fixed_text.h"
 
 namespace {
@@ -98,6 +99,7 @@ private:
     bool judge(int verdict)
     {
         conn_.wantsInput = true;
+        if (verdict != AUTH_ACCEPTED) witness::loginRefused(conn_, verdict == AUTH_UNKNOWN ? "" : typedName());
         switch (verdict) {
         case AUTH_ACCEPTED:
             conn_.login.owes = LoginOwes::welcome;
@@ -116,11 +118,16 @@ private:
     {
         FixedText<LOGIN_TEXT_BYTES + 32> text;
         text << "User " << conn_.login.check->userName() << " connected\r\n";
+        conn_.user << conn_.login.check->userName();
+        witness::login(conn_);
         conn_.login = {};
         tell(text.view());
         conn_.loginState = LOGIN_DONE;
         return true;
     }
+
+    /// The name that the password was for.
+    const char* typedName() const { return conn_.login.check ? conn_.login.check->userName() : userName_.data(); }
 
     /// Ends the dialogue when its 60 seconds are over, whatever it waits for.
     /// @return false: they are over, and the login has failed

@@ -25,7 +25,8 @@ TPortConn::TPortConn(std::uint32_t portType, std::uint32_t id)
 void TPortConn::keepAlive()
 {
     idleTimer.setTimeOut(IDLE_TIME);
-    idleEnd_ = fromNow(IDLE_TIME);
+    noteActivity();
+    idleEnd_ = lastActive_ + std::chrono::seconds(IDLE_TIME.tv_sec);
 }
 
 Instant TPortConn::end() const

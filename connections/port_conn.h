@@ -10,6 +10,7 @@
 #include "connections/cmd_entry.h"
 #include "connections/cmd_progress.h"
 #include "connections/login_pause.h"
+#include "framework/fixed_text.h"
 #include "framework/hr_time_out.h"
 #include "framework/orb_attachment_msg.h"
 
@@ -87,6 +88,9 @@ public:
     /// @return when the login dialogue, or after it the idle time, is over
     Instant end() const;
 
+    /// @return when its last lines came, or on telnet the last text was written to it
+    Instant lastActive() const { return lastActive_; }
+
     /// @return true while something of it waits for a process, a program or a verdict: it is not
     ///         read
     bool isHeld() const { return progress.waits() || login.owes == LoginOwes::verdict; }
@@ -123,9 +127,14 @@ public:
     LineOutput* output = nullptr; ///< what is on its way out of a serial line, the connection's own; else null
     LocalConn* local = nullptr;   ///< itself, when it is one; else null
 
+    const Instant begin = instantNow();
+    FixedText<257> user; ///< who has logged in; empty: nobody
+
 protected:
-    /// Arms idleTimer afresh.
+    /// Arms idleTimer afresh, and notes the activity.
     void keepAlive();
+
+    void noteActivity() { lastActive_ = instantNow(); }
 
     /// Has the service loop leave the descriptor alone for a second, because it is readable
     /// although there is nothing to do.
@@ -140,4 +149,5 @@ protected:
 private:
     Instant loginEnd_; ///< when loginTimer is over
     Instant idleEnd_;  ///< when idleTimer is over
+    Instant lastActive_ = begin;
 };

@@ -5,6 +5,7 @@
 #include "common/live_list.h"
 #include "common/wake_up.h"
 #include "connections/local_conn.h"
+#include "connections/witness.h"
 
 namespace {
 
@@ -19,6 +20,16 @@ TPortConn* find(std::vector<TPortConn*>& conns, std::uint32_t connId)
     for (std::size_t i = 0; TPortConn* conn = liveAt(conns, i); ++i)
         if (conn->connId == connId) return conn;
     return nullptr;
+}
+
+void tell(const TPortConn* conn, std::span<TOrbAttachmentMsg* const> answers)
+{
+    for (const TOrbAttachmentMsg* const answer : answers) {
+        if (conn != nullptr)
+            witness::answered(*conn, *answer);
+        else
+            witness::dropped(*answer);
+    }
 }
 
 void writeRun(TPortConn& conn, std::span<TOrbAttachmentMsg* const> answers)
@@ -39,7 +50,9 @@ AnswerRuns::AnswerRuns(std::span<TOrbAttachmentMsg* const> answers, std::vector<
         const auto end =
             std::ranges::find_if(answers, [asker](const auto* answer) { return askerOf(answer) != asker; });
         const auto length = static_cast<std::size_t>(end - answers.begin());
-        runs_[count_++] = {find(conns, asker), length};
+        TPortConn* const conn = find(conns, asker);
+        runs_[count_++] = {conn, length};
+        tell(conn, answers.first(length));
         answers = answers.subspan(length);
     }
 }

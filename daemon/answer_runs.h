@@ -12,8 +12,8 @@
 /// Answers of processes that are about to be written, and the connections that asked.
 class AnswerRuns {
 public:
-    /// Finds the connections, and keeps local ones from being written to or removed by anybody else
-    /// until its end. With the connections locked.
+    /// Finds the connections, tells what becomes of the answers (witness.h), and keeps local ones
+    /// from being written to or removed by anybody else until its end. With the connections locked.
     /// @param answers  in order; what stands in them is not looked at again when they are written
     AnswerRuns(std::span<TOrbAttachmentMsg* const> answers, std::vector<TPortConn*>& conns);
     AnswerRuns(const AnswerRuns&) = delete;

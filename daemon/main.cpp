@@ -1,7 +1,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <stdexcept>
+#include <string_view>
 
+#include "common/listeners.h"
 #include "common/milestone.h"
 #include "common/std_descriptors.h"
 #include "daemon/daemon_log.h"
@@ -23,6 +25,12 @@ try {
     throw;
 }
 
+bool isAuditWanted()
+{
+    const char* const wanted = std::getenv("TESS_AUDIT");
+    return wanted != nullptr && std::string_view(wanted) == "1";
+}
+
 } // namespace
 
 int main(int argc, char* argv[])
@@ -30,6 +38,7 @@ try {
     openStdDescriptors();
     setMilestone(Milestone::programBegun);
     setLogSeverities(daemonLogSeverity);
+    setListening(LISTENER_AUDIT, isAuditWanted());
     logMgr.setLogParameters(128, 6, "    [TESS]", 4);
     const Options options = parseOptions(argc, argv);
     if (options.missingArgument != 0) {

@@ -8,6 +8,7 @@
 #include "common/message_wake.h"
 #include "common/milestone.h"
 #include "common/wake_up.h"
+#include "common/watch_feed.h"
 #include "daemon/answer_runs.h"
 #include "daemon/daemon_log.h"
 #include "daemon/tess.h"
@@ -37,6 +38,8 @@ const TTess::KindRow TTess::kindRows[] = {
     {MSG_COM2_WRITE, &TTess::handleCom2Write},
     {MSG_CLOSE_TELNET, &TTess::handleCloseTelnet},
     {MSG_RESET, &TTess::handleReset},
+    {MSG_STATUS, &TTess::handleStatus},
+    {MSG_WATCH, &TTess::handleWatch},
     // clang-format on
 };
 
@@ -44,7 +47,10 @@ int TTess::run() noexcept
 {
     while (stopRequested == 0) {
         setMilestone(Milestone::receivingMessage);
-        if (!queue.hasNext()) passAnswersOn(); // those that have come together are written together
+        if (!queue.hasNext()) { // those that have come together are written together
+            passAnswersOn();
+            g_watch.flush();
+        }
         inLen = static_cast<std::int32_t>(queue.next(true));
         answerWhatIsOver();
         if (inLen < 0) Sleep(FAILURE_PAUSE_MS);
@@ -54,9 +60,13 @@ int TTess::run() noexcept
         if (inMsg.kind == MSG_STOP) break;
         const auto* const row =
             std::ranges::find(kindRows, inMsg.kind, [](const KindRow& candidate) { return candidate.kind; });
-        if (row != std::end(kindRows) && (this->*row->handle)()) sendReply(inMsg.sender, inLen);
+        if (row == std::end(kindRows))
+            countUnknown();
+        else if ((this->*row->handle)())
+            sendReply(inMsg.sender, inLen);
     }
     finishAnswers();
+    g_watch.flush();
     setMilestone(Milestone::messageLoopDone);
     return 0;
 }
@@ -112,6 +122,7 @@ void TTess::finishAnswers() noexcept
 /// Has a process's answer written to the connection that asked.
 bool TTess::handleReply() noexcept
 {
+    countAnswer();
     const std::size_t most =
         std::min<std::size_t>(static_cast<std::size_t>(inLen) - MSG_HEADER_BYTES, MSG_TEXT_BYTES - 1);
     const std::size_t textBytes = ::strnlen(inMsg.text, most);
@@ -137,7 +148,9 @@ bool TTess::handleCloseTelnet() noexcept
 
 bool TTess::handleRegister() noexcept
 {
-    replyRegistry(static_cast<std::size_t>(registerProc()), registerTexts);
+    const RegisterResult result = registerProc();
+    if (result == RegisterResult::done) tellRegistered();
+    replyRegistry(static_cast<std::size_t>(result), registerTexts);
     return true;
 }
 
@@ -197,6 +210,7 @@ bool TTess::handleReset() noexcept
     // meanwhile uses a different pointer, so that it is not taken for the one that waits.
     const void* const asker = resetMsg.waits ? static_cast<const void*>(&inMsg) : this;
     const ResetResult result = reset.ask(inMsg.text, asker);
+    tellReset(result);
     if (result == RESET_WAITS) {
         resetMsg = {true, inMsg.sender, inLen};
         return false;

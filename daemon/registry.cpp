@@ -1,9 +1,11 @@
 // The registry of processes that receive commands.
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "common/live_list.h"
 #include "common/milestone.h"
+#include "connections/witness.h"
 #include "daemon/tess.h"
 #include "framework/tess_messages.h"
 
@@ -25,6 +27,18 @@ RegisterRequest readRequest(const TOrbAttachmentMsg& msg)
     return request;
 }
 
+LeftProc leaving(TRegisteredProc& proc)
+{
+    return {proc.procId, std::move(proc.name), proc.sent.value(), proc.answered.value()};
+}
+
+void goOnCounting(TRegisteredProc& proc, const LeftProc& left)
+{
+    if (proc.procId != left.procId || proc.name != left.name) return;
+    proc.sent.set(left.sent);
+    proc.answered.set(left.answered);
+}
+
 } // namespace
 
 RegisterResult TTess::registerProc() noexcept
@@ -42,6 +56,7 @@ try {
     if (regProcs.size() >= MAX_REGISTERED_PROCS) return RegisterResult::listFull;
     regProcs.reserve(MAX_REGISTERED_PROCS);
     regProcs.push_back(new TRegisteredProc{inMsg.sender, request.portMask, std::string(request.name)});
+    goOnCounting(*regProcs.back(), leftProc);
     setMilestone(Milestone::registerDone);
     return RegisterResult::done;
 } catch (const std::bad_alloc&) {
@@ -56,6 +71,8 @@ UnregisterResult TTess::unregisterProc() noexcept
     UnregisterResult result = UnregisterResult::notFound;
     for (std::size_t i = 0; TRegisteredProc* proc = liveAt(regProcs, i); ++i) {
         if (proc->procId != inMsg.sender) continue;
+        witness::unregistered(proc->procId, proc->name);
+        leftProc = leaving(*proc);
         delete proc;
         regProcs.erase(regProcs.begin() + static_cast<std::ptrdiff_t>(i));
         result = UnregisterResult::done;

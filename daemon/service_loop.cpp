@@ -11,6 +11,7 @@
 #include "common/process_copy.h"
 #include "common/wake_up.h"
 #include "connections/local_conn.h"
+#include "connections/witness.h"
 #include "daemon/answer_runs.h"
 #include "daemon/tess.h"
 #include "framework/service_manager.h"
@@ -75,6 +76,7 @@ void TTess::unlockConns() noexcept
 
 void TTess::waitAndAccept(WaitSet& waits) noexcept
 {
+    endRound();
     waits.wait(delayQueues.empty() ? IDLE_WAIT : DELAYED_WAIT);
     if (waits.hasInput(g_wakeUp.fd())) g_wakeUp.clear();
     acceptConnections(waits);
@@ -118,6 +120,7 @@ void TTess::acceptConnections(const WaitSet& waits) noexcept
         if (!port->isDue(waits) || port->chkNewConn(&conn) != 1 || conn == nullptr) continue;
         const std::scoped_lock lock(connLock);
         conns.push_back(conn);
+        witness::connected(*conn);
     }
     setMilestone(Milestone::acceptDone);
 }
@@ -228,6 +231,7 @@ int TTess::removeConn(std::size_t index) noexcept
 /// on.
 void TTess::forgetConn(TPortConn& conn) noexcept
 {
+    witness::disconnected(conn);
     reInit.forget(&conn.progress);
     LocalConn::awaitOutput();
     {

@@ -20,6 +20,7 @@
 #include "daemon/answer_box.h"
 #include "daemon/registry_result.h"
 #include "daemon/reset.h"
+#include "daemon/status_report.h"
 #include "framework/msg_dmn.h"
 #include "framework/orb_attachment_msg.h"
 #include "framework/queue_reader.h"
@@ -109,6 +110,19 @@ private:
     void sendReply(long address, std::int32_t length) noexcept;
     void answerWhatIsOver() noexcept;
 
+    // --- who is there, what is passing (seeing.cpp)
+    bool handleStatus() noexcept;
+    bool handleWatch() noexcept;
+    StatusReport report();
+    void reportConnections(StatusReport& to);
+    void reportProcesses(StatusReport& to);
+    void sendText(std::uint32_t kind, std::string_view text) noexcept;
+    void countUnknown() const noexcept;
+    void countAnswer() noexcept;
+    void tellRegistered() noexcept;
+    void tellReset(ResetResult result) noexcept;
+    void endRound() noexcept;
+
     void createPorts(bool com2, bool telnet, bool xcp, bool ipc);
     void deletePorts() noexcept;
     int forkWhole() noexcept;
@@ -120,6 +134,7 @@ private:
     TOrbAttachmentMsg outMsg{};             ///< texts to connections and commands to processes; service thread only
     std::int32_t outLen = 0;                ///< bytes of outMsg to send to a process
     std::vector<TRegisteredProc*> regProcs; ///< owned; not deleted when the daemon ends (deliberate)
+    LeftProc leftProc;                      ///< who has unregistered last; main thread only
     std::mutex regLock;                     ///< guards regProcs, fullQueues, waitingAnswers
     std::vector<TCmdPort*> ports;           ///< owned, in order of creation
     std::vector<TPortConn*> conns;          ///< owned, of all ports; disposed of by removeConn()
@@ -145,6 +160,7 @@ private:
         std::int32_t length; ///< of the message
     } resetMsg;              ///< the reset message that waits for a program; main thread only
     CommandContext commandContext;
+    const Instant begin = instantNow(); ///< of the daemon
 };
 
 /// The one daemon; null before construction and after teardown.

@@ -68,26 +68,29 @@ template <class... Values> struct LogMessage {
 inline constexpr std::size_t LOG_TEXT_BYTES = 256;
 using LogText = FixedText<LOG_TEXT_BYTES>;
 
-inline void putValue(LogText& to, Number number)
+/// The same for rows whose values may be long: as much as the log takes in a line.
+inline constexpr std::size_t LONG_LOG_TEXT_BYTES = 4096;
+
+template <std::size_t Capacity> void putValue(FixedText<Capacity>& to, Number number)
 {
     to << number.value;
 }
 
-inline void putValue(LogText& to, Hex number)
+template <std::size_t Capacity> void putValue(FixedText<Capacity>& to, Hex number)
 {
     to.hex(number.value);
 }
 
-inline void putValue(LogText& to, Text text)
+template <std::size_t Capacity> void putValue(FixedText<Capacity>& to, Text text)
 {
     to << text.value;
 }
 
 /// @return the row's text with the values in it
-template <class... Values>
-LogText composed(const LogMessage<Values...>& message, const std::type_identity_t<Values>&... values)
+template <std::size_t Capacity = LOG_TEXT_BYTES, class... Values>
+FixedText<Capacity> composed(const LogMessage<Values...>& message, const std::type_identity_t<Values>&... values)
 {
-    LogText line;
+    FixedText<Capacity> line;
     std::string_view rest = message.text;
     [[maybe_unused]] const auto putNext = [&line, &rest](const auto& value) {
         const std::size_t gap = rest.find("{}");
@@ -108,4 +111,11 @@ void logMessage(const LogMessage<Values...>& message, const std::type_identity_t
         logMgr.log(message.id, message.text);
     else
         logMgr.log(message.id, composed(message, values...).c_str());
+}
+
+/// The same for a row with a long text in it. Threads: any.
+template <class... Values>
+void logLongMessage(const LogMessage<Values...>& message, const std::type_identity_t<Values>&... values)
+{
+    logMgr.log(message.id, composed<LONG_LOG_TEXT_BYTES>(message, values...).c_str());
 }

@@ -47,6 +47,16 @@ enum TessMessageKind : std::uint32_t {
     /// host name, with blanks between. Answer: text "OK" or an error, cut to the request's length;
     /// tag and len say nothing.
     MSG_RESET = 205,
+    /// To tessd: what is the daemon's state? Answered with MSG_STATUS_TEXT.
+    MSG_STATUS = 300,
+    /// From tessd: lines of text, NUL-terminated, in as many records as they take; tag as asked,
+    /// len the number of records that follow.
+    MSG_STATUS_TEXT = 301,
+    /// To tessd: text byte 0 is 1: the sender wants to watch what happens; 0, or none: no longer.
+    /// Answered with MSG_WATCH_TEXT, tag as asked.
+    MSG_WATCH = 302,
+    /// From tessd: whole lines of text, NUL-terminated: what has happened, in order.
+    MSG_WATCH_TEXT = 303,
 };
 
 /// Kinds of command port, as bits: a process registers for a mask of them.

@@ -1,6 +1,11 @@
 # fish completion for tessctl(1)
 
-set -l commands send console serve listen check ping close com2 reset stop help
+set -l commands send console serve listen check ping status list who metrics watch top close com2 reset stop help
+
+function __tessctl_names
+    # The processes that are registered now.
+    tessctl list --names 2>/dev/null
+end
 
 function __tessctl_program
     # Behind "--" stands the program that serve runs, with its arguments: a command line of its own.
@@ -27,6 +32,12 @@ complete -c tessctl -n $none -a serve -d 'Register, and answer each command with
 complete -c tessctl -n $none -a listen -d 'Register, and print every record that arrives'
 complete -c tessctl -n $none -a check -d 'Say what works from here, port by port'
 complete -c tessctl -n $none -a ping -d 'Say whether one port works'
+complete -c tessctl -n $none -a status -d 'Show what tessd is doing'
+complete -c tessctl -n $none -a list -d 'Show the registered processes'
+complete -c tessctl -n $none -a who -d 'Show the connections'
+complete -c tessctl -n $none -a metrics -d 'Print all numbers as OpenMetrics text'
+complete -c tessctl -n $none -a watch -d 'Print what happens, as it happens'
+complete -c tessctl -n $none -a top -d 'Show rates, processes and clients, again and again'
 complete -c tessctl -n $none -a close -d 'Close all connections to tessd'
 complete -c tessctl -n $none -a com2 -d 'Write a text to the serial line'
 complete -c tessctl -n $none -a reset -d 'Restart the device'
@@ -42,7 +53,8 @@ complete -c tessctl -n $to_send -s w -l wait -x -d 'How long to wait for each an
 complete -c tessctl -n $to_send -l linger -x -d 'How long to go on printing'
 complete -c tessctl -n $to_send -l each -d 'Send the commands of a line one by one'
 complete -c tessctl -n $to_send -l timestamps -d 'Print the time, too'
-complete -c tessctl -n '__fish_seen_subcommand_from send check' -l json -d 'As JSON'
+complete -c tessctl -n $to_send -a '(__tessctl_names | string replace -r "^" s3.)'
+complete -c tessctl -n '__fish_seen_subcommand_from send check status list who metrics watch top' -l json -d 'As JSON'
 complete -c tessctl -n $registering -l ports -x -a '(__tessctl_ports)' -d 'Ports whose commands are wanted'
 complete -c tessctl -n $registering -l address -x -d 'Queue address'
 complete -c tessctl -n '__fish_seen_subcommand_from serve' -l timeout -x -d 'How long the program may run'
@@ -50,6 +62,13 @@ complete -c tessctl -n '__fish_seen_subcommand_from serve; and contains -- -- (c
 complete -c tessctl -n '__fish_seen_subcommand_from listen' -l take-over -d 'Take the commands of another tessctl'
 complete -c tessctl -n '__fish_seen_subcommand_from listen' -l raw -d 'Print whole records in hexadecimal'
 complete -c tessctl -n '__fish_seen_subcommand_from listen' -l count -x -d 'End after so many records'
+complete -c tessctl -n '__fish_seen_subcommand_from listen' -a '(__tessctl_names)'
+complete -c tessctl -n '__fish_seen_subcommand_from list' -l names -d 'The names only, one a line'
+complete -c tessctl -n '__fish_seen_subcommand_from watch' -l name -x -a '(__tessctl_names)' -d 'Only this process'
+complete -c tessctl -n '__fish_seen_subcommand_from watch' -l port -x -a 'com2 telnet xcp ipc delay' -d 'Only this port'
+complete -c tessctl -n '__fish_seen_subcommand_from watch' -l count -x -d 'End after so many lines'
+complete -c tessctl -n '__fish_seen_subcommand_from top' -l interval -x -d 'Time between two screens'
+complete -c tessctl -n '__fish_seen_subcommand_from top' -l count -x -d 'End after so many screens'
 complete -c tessctl -n '__fish_seen_subcommand_from check' -a 'queue daemon ipc xcp telnet com2'
 complete -c tessctl -n '__fish_seen_subcommand_from ping' -a 'queue ipc xcp telnet com2'
 complete -c tessctl -n '__fish_seen_subcommand_from close' -l telnet -d 'Telnet connections only'

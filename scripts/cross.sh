@@ -69,28 +69,29 @@ END_OF_SETTINGS
 }
 
 # Debian has neither libcrypt nor libedit for this processor. They are built from Debian's sources, libcrypt with the options
-# of Debian's package. libedit is static and has what it needs of ncurses in it, with the terminals that a console meets: no
-# device needs a database of terminals. Libraries that are headers only are the host's.
+# of Debian's package. ncurses and libedit are static; libedit has in it what both need of the terminals, with those that a
+# console meets: no device needs a database of terminals. Libraries that are headers only are the host's.
 make_libraries()
 {
     local kept=$1 work=$PWD
     fetch_source libxcrypt && fetch_source ncurses && fetch_source libedit &&
-        (cd libxcrypt && autoreconf -fi) && (cd libedit && autoreconf -fi) && mkdir crypt tinfo edit &&
+        (cd libxcrypt && autoreconf -fi) && (cd libedit && autoreconf -fi) && mkdir crypt curses edit &&
         cd "$work/crypt" &&
         ../libxcrypt/configure --host=$TRIPLET --prefix=/usr --disable-werror --disable-xcrypt-compat-files \
             --enable-obsolete-api=glibc &&
         make -j "$JOBS" && make install DESTDIR="$kept" &&
-        cd "$work/tinfo" &&
+        cd "$work/curses" &&
         ../ncurses/configure --host=$TRIPLET --prefix=/usr --with-termlib --without-shared --without-debug --without-ada \
             --without-cxx --without-cxx-binding --without-progs --without-tests --without-manpages --without-gpm \
             --disable-database --with-fallbacks=ansi,dumb,linux,screen,vt100,vt102,xterm,xterm-256color &&
         make -j "$JOBS" -C include && make -j "$JOBS" -C ncurses &&
+        cp lib/libncurses.a "$kept/usr/lib" && make -C include install.includes DESTDIR="$kept" &&
         cd "$work/edit" &&
         ../libedit/configure --host=$TRIPLET --prefix=/usr --disable-shared --disable-examples ac_cv_lib_ncurses_tgetent=yes \
             LIBBSD_CFLAGS=-D_GNU_SOURCE LIBBSD_LIBS=-ltinfo \
-            CPPFLAGS="-I$work/tinfo/include" LDFLAGS="-L$work/tinfo/lib" LIBS=-ltinfo &&
+            CPPFLAGS="-I$work/curses/include" LDFLAGS="-L$work/curses/lib" LIBS=-ltinfo &&
         make -j "$JOBS" -C src && cp "$work/libedit/src/histedit.h" "$kept/usr/include" &&
-        printf '%s\n' "create $kept/usr/lib/libedit.a" "addlib src/.libs/libedit.a" "addlib $work/tinfo/lib/libtinfo.a" \
+        printf '%s\n' "create $kept/usr/lib/libedit.a" "addlib src/.libs/libedit.a" "addlib $work/curses/lib/libtinfo.a" \
             save end | $TRIPLET-ar -M &&
         mkdir -p "$kept/usr/share/cmake" &&
         ln -s /usr/include/{boost,CLI,nlohmann} "$kept/usr/include" &&

@@ -44,6 +44,8 @@ Try more, in the shell that scripts/run opens when it has a terminal:
     ask telnet '*' 's3.ENC GETX'    two lines in a telnet session; or 'ask com2'
     tessctl console                 a dialogue over /tmp/socket; Ctrl-D leaves it
     tessctl check                   what works, port by port
+    tessctl top                     who is there, and how much passes; q leaves it. Also: tessctl status, list, who
+    tessctl watch &                 what passes, as it passes; 'kill %1' ends it
     ask socket 's3.NONE GETX'       nobody of that name: "?"
     ask socket 'DELAY 10.0|s3.ENC SETX 9' DELAY
                                     the position in ten seconds, and what is pending

@@ -26,7 +26,7 @@ class Terminal:
         environment = {"PATH": os.environ["PATH"], "TERM": "xterm", "HOME": "/tmp", "LC_ALL": "C"}
         self._master, slave = os.openpty()
         try:
-            fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 24, 80, 0, 0))
+            self.resize(80, 24)
             self.process = subprocess.Popen(
                 command,
                 stdin=slave,
@@ -44,6 +44,13 @@ class Terminal:
         self.shown = b""
         self._taken = 0  # how much of it wait_for() has gone past
 
+    def resize(self, columns: int, rows: int) -> None:
+        fcntl.ioctl(self._master, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
+
+    def settings(self) -> list:
+        """How the terminal treats keys and text now, as termios has it."""
+        return termios.tcgetattr(self._master)
+
     def type(self, keys: bytes) -> None:
         """Presses keys; Enter is a carriage return."""
         while keys:
@@ -53,7 +60,7 @@ class Terminal:
         """Returns what has come on the screen since the last call, up to and with `text`."""
         end = time.monotonic() + seconds
         while (found := self.shown.find(text, self._taken)) < 0:
-            if not self._look(end - time.monotonic()):
+            if not self.look(end - time.monotonic()):
                 raise TerminalError(f"{' '.join(self._command)}: no {text!r} on the screen:\n{self.shown!r}")
         shown = self.shown[self._taken : found + len(text)]
         self._taken = found + len(text)
@@ -62,14 +69,14 @@ class Terminal:
     def wait_end(self, seconds: float) -> int:
         """Returns the program's exit status; `shown` then holds its last words too."""
         end = time.monotonic() + seconds
-        while self._look(end - time.monotonic()):
+        while self.look(end - time.monotonic()):
             pass
         try:
             return self.process.wait(max(end - time.monotonic(), 0.1))
         except subprocess.TimeoutExpired:
             raise TerminalError(f"{' '.join(self._command)} did not end:\n{self.shown!r}") from None
 
-    def _look(self, seconds: float) -> bool:
+    def look(self, seconds: float = 0) -> bool:
         """Takes in what the program shows; False when it shows nothing more in this time, or has ended."""
         if not select.select([self._master], [], [], max(seconds, 0))[0]:
             return False

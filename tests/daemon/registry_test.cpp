@@ -101,6 +101,36 @@ TEST_F(Registry, Holds32ProcessesAndRefusesThe33rd)
     EXPECT_EQ(bench.peer.regProcs().size(), 32U);
 }
 
+TEST_F(Registry, GoesOnCountingForWhoeverRegistersAgainAtOnce)
+{
+    struct Row {
+        const char* what;
+        long sender;
+        const char* name;
+        long between; ///< who unregisters, too, before that
+        bool goesOn;
+    };
+    const Row rows[] = {
+        {"it registers again", 2001, "ENC", 0, true},
+        {"another process takes the name", 2002, "ENC", 0, false},
+        {"it takes another name", 2001, "DEC", 0, false},
+        {"another has unregistered meanwhile", 2001, "ENC", 2003, false},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.what);
+        registerAs(2003, registration(8, "OTHER"));
+        registerAs(2001, registration(8, "ENC"));
+        bench.peer.regProcs().back()->sent.set(7);
+        bench.peer.regProcs().back()->answered.set(3);
+        unregisterAs(2001);
+        if (row.between != 0) unregisterAs(row.between);
+        registerAs(row.sender, registration(8, row.name));
+        EXPECT_EQ(bench.peer.regProcs().back()->sent.value(), row.goesOn ? 7U : 0U);
+        EXPECT_EQ(bench.peer.regProcs().back()->answered.value(), row.goesOn ? 3U : 0U);
+        unregisterAs(row.sender);
+    }
+}
+
 TEST_F(Registry, TakesANameThatEndsWithTheRecord)
 {
     const std::string longest(MSG_TEXT_BYTES - 4, 'n');

@@ -10,7 +10,7 @@ from collections.abc import Callable
 
 import pytest
 
-from harness import proc, settings, wire
+from harness import items, proc, settings, wire
 from harness.clients import IpcClient, XcpClient
 from harness.daemon import LOCAL_PORTS, Daemon
 from harness.measure import AllocationCounter, Executed, ExecutionCounter, system_calls
@@ -200,6 +200,11 @@ def test_a_command_allocates_nothing(start_tessd, client_type):
         process.reply(0, b"for nobody")
         process.expect_daemon_done()
         assert allocations.count() == before, f"{allocations.count() - before} allocations in {COMMANDS} commands"
+        with items.Watcher(3001) as watcher:  # who is told of each of them
+            before = allocations.count()
+            converse(client, process, 5)
+            watcher.events("answer")
+            assert allocations.count() == before, f"{allocations.count() - before} allocations while somebody watches"
         # And the counter does see what the daemon allocates: a new record of a process.
         process.send(wire.registration(b"a name that is longer than any short string holds", wire.IPC))
         assert process.receive().tag == 0

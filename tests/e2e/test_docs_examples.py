@@ -14,6 +14,7 @@ import pytest
 import doc_examples  # of tools/
 from harness import settings, tessctl
 from harness.clients import IpcClient
+from harness.com2 import SerialLine
 from harness.queue_process import QueueProcess, queue_path
 from harness.waiting import wait_until
 
@@ -126,6 +127,37 @@ def test_reports_and_times_look_as_the_document_shows(encoder):
     for command, lines in shown:
         printed = tessctl.run(*shlex.split(command)[1:]).output.splitlines()
         assert list(map(without_times, printed)) == list(map(without_times, lines)), command
+
+
+def shape(text: str) -> str:
+    """Without what differs from device to device and from run to run, and without the columns' widths."""
+    text = re.sub(r"\d\d:\d\d:\d\d\.\d{3}|0x[0-9a-f]{8}", "N", text)
+    text = re.sub(r"\d+ (s|min|h|d)( \d+ (s|min|h))?\b", "T", text)
+    text = re.sub(r"uid \d+", "uid N", re.sub(r"pid \d+ \w+(?= uid)|pid \d+", "pid N", text))
+    return re.sub(r" +", " ", re.sub(r"\b\d+(\.\d+)*\b", "N", text))
+
+
+def test_what_is_seen_looks_as_the_document_shows(launch, folder):
+    """All ports, the example process and a client."""
+    with SerialLine():
+        launch().wait_running()
+        reader(doc_examples.preparation("operators.md"), subprocess.DEVNULL)
+        with IpcClient() as client:
+            client.expect_nothing_more()
+            shown = examples("operators.md", "tessctl who")
+            assert [command for command, _ in shown] == ["tessctl status", "tessctl list", "tessctl who"]
+            for command, lines in shown:
+                printed = tessctl.run(*command.split()[1:]).expect(tessctl.DONE).output.splitlines()
+                assert list(map(shape, printed)) == list(map(shape, lines)), command
+
+
+def test_watch_prints_what_the_document_shows(tessd, encoder):
+    ((command, lines),) = examples("operators.md", "tessctl watch")
+    tessctl.run("send", "s3.ENC SETX 8").expect(tessctl.DONE)
+    with tessctl.running(*command.split()[1:], "--port", "ipc", "--count", str(len(lines)), until="watching") as watch:
+        tessctl.run("send", "s3.ENC GETX").expect(tessctl.DONE)
+        printed = watch.communicate(timeout=20 * settings.SLOW)[0].splitlines()
+    assert list(map(shape, printed)) == list(map(shape, lines))
 
 
 def test_listen_says_what_the_document_shows(tessd):

@@ -9,7 +9,8 @@ from harness.tessctl import DONE, WRONG_USAGE
 
 pytestmark = tessctl.needs_tessctl
 
-COMMANDS = ["send", "console", "serve", "listen", "check", "ping", "close", "com2", "reset", "stop", "help"]
+COMMANDS = ["send", "console", "serve", "listen", "check", "ping", "status", "list", "who", "metrics", "watch", "top"]
+COMMANDS += ["close", "com2", "reset", "stop", "help"]
 
 
 @pytest.mark.parametrize(

@@ -20,6 +20,7 @@ ERRORS: dict[str, tuple[str, ...]] = {
     "shutdown": ("ENOTCONN",),
     "setsockopt": ("ENOPROTOOPT", "ENOMEM"),
     "getsockopt": ("ENOBUFS",),
+    "getpeername": ("ENOBUFS", "ENOTCONN"),
     "eventfd": (*_NO_DESCRIPTOR, "ENOMEM"),
     "open": (*_NO_DESCRIPTOR, "ENOMEM", "EINTR", "EIO", "ENXIO"),
     "close": ("EINTR", "EIO"),

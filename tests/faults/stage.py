@@ -5,6 +5,7 @@ from __future__ import annotations
 import contextlib
 import fcntl
 import os
+import re
 import socket
 import sys
 import termios
@@ -12,7 +13,7 @@ import time
 from collections.abc import Callable, Iterator
 
 from fault_library import EVERY, FIRST, Fault, FaultControl
-from harness import com2, settings, wire
+from harness import com2, items, settings, wire
 from harness.answers import excuse_standing_in_line
 from harness.clients import Client, IpcClient, XcpClient
 from harness.com2 import SerialLine
@@ -28,6 +29,11 @@ _TOGETHER = 10  # answers; as many fit the daemon's queue
 _FULL = 14  # records; a queue takes 11 and then no more
 HEARD = b"*", b"0\r\n\r\n"  # a question that the daemon itself answers
 COMMAND, ANSWER = b"s3.ENC GETX", b"5\r\n\r\n"
+
+# Who is connected, as the daemon tells it.
+_LOCAL_PEER = re.compile(rb"pid \d+ [^ ].* uid \d+")
+_PEERS = {b"telnet": re.compile(rb"127\.0\.0\.1:\d+"), b"ipc": _LOCAL_PEER, b"xcp": _LOCAL_PEER}
+_OF_STATUS = ("getpeername/telnet", "getsockopt/ipc", "getsockopt/xcp", "open/other", "read/other", "close/other")
 
 # Log lines that tell of no trouble.
 _NORMAL = (36101, 36004, 36104, 51000, 36103, 6000, 36106, 6001, 36102, 36105, 36201, 51001)
@@ -240,6 +246,18 @@ class Stage:
                 return UNANSWERED
         return ANSWERED if got == 3 * _TOGETHER * ANSWER else UNANSWERED
 
+    def _told_status(self) -> str:
+        """What is told of itself and of those who are connected; ports whose client is not named are listed."""
+        self._number += 1
+        with QueueProcess(self._number) as process:
+            try:
+                told = items.of(items.status(process), "connection")
+            except AssertionError:
+                return UNANSWERED
+        named = {name for name in _PEERS if any(_PEERS[name].fullmatch(conn["peer"]) for conn in told if conn["port"] == name)}
+        missing = sorted(name.decode() for name in _PEERS.keys() - named)
+        return f"does not name {', '.join(missing)}" if missing else ANSWERED
+
     def _set_delay(self) -> str:
         with IpcClient() as client:
             set_one = self._asked(client, b"DELAY 1.0|s3.ENC LATER", b"OK\r\n\r\n")
@@ -279,6 +297,8 @@ class Stage:
         yield "registration", self._registered
         if fault is None or fault.call.partition("/")[2] in ("", "com2", "queue"):
             yield "line write", self._wrote_to_line  # mutes the line for two seconds
+        if fault is None or fault.call in _OF_STATUS:
+            yield "status", self._told_status
         yield "full queue", self._filled_queue
         if fault is None or fault.call.partition("/")[0] in ("recvmmsg", "sendmsg"):
             yield "answers together", self._answered_together

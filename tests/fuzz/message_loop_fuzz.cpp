@@ -170,7 +170,9 @@ Outgoing nextRecord(FuzzInput& input)
     Outgoing out;
     const std::uint8_t choice = input.byte();
     out.record.kind = choice < 240 ? kinds[choice % std::size(kinds)] : input.number<std::uint32_t>();
-    if (out.record.kind == MSG_STOP) out.record.kind = MSG_TEXT;
+    // What tells the daemon's state has a check of its own, at the end.
+    if (out.record.kind == MSG_STOP || out.record.kind == MSG_STATUS || out.record.kind == MSG_WATCH)
+        out.record.kind = MSG_TEXT;
     const std::uint8_t tagChoice = input.byte();
     out.record.tag = tagChoice < 200 ? tags[tagChoice % std::size(tags)] : input.number<std::uint32_t>();
     out.record.sender = input.number<std::int16_t>(); // never believed
@@ -228,7 +230,28 @@ public:
         checkRegistry();
     }
 
+    /// Whatever the names are that processes have chosen, each line of the status is the daemon's.
+    void checkStatus()
+    {
+        bench_.serve(first_, message(MSG_STATUS));
+        const auto records = first_.receiveAll();
+        fuzzCheck(!records.empty(), "the state is told");
+        for (const Received& record : records) {
+            fuzzCheck(record.record.kind == MSG_STATUS_TEXT && record.text().ends_with('\n'), "in whole lines");
+            for (std::string_view text = record.text(); !text.empty(); text.remove_prefix(text.find('\n') + 1))
+                checkLine(text.substr(0, text.find('\n')));
+        }
+    }
+
 private:
+    static void checkLine(std::string_view line)
+    {
+        static constexpr std::string_view words[] = {"daemon ", "count ", "port ", "connection ", "process "};
+        fuzzCheck(std::ranges::any_of(words, [&](std::string_view word) { return line.starts_with(word); }),
+                  "a line begins with its word");
+        fuzzCheck(std::ranges::all_of(line, [](char c) { return c >= ' ' && c <= '~'; }), "it can be printed");
+    }
+
     void checkConns()
     {
         fuzzCheck(bench_.peer.conns().size() == model_->conns().size(), "as many connections are left");
@@ -269,5 +292,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         const bool fromFirst = input.byte() % 4 != 0;
         session.handle(nextRecord(input), fromFirst);
     }
+    session.checkStatus();
     return 0;
 }

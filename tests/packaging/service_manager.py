@@ -16,7 +16,7 @@ import tempfile
 import time
 
 PROJECT = pathlib.Path(__file__).resolve().parents[2]
-INCLUDE = "systemd,systemd-sysv,libedit2,openssh-client,openssh-server"
+INCLUDE = "systemd,systemd-sysv,libedit2,libncurses6,openssh-client,openssh-server"
 ROOT = PROJECT / "build/packaging" / INCLUDE.replace(",", "+")  # another list, another root
 SECONDS = 60.0
 

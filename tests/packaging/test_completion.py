@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import os
+import pathlib
 import re
 import shlex
 import shutil
@@ -16,7 +17,8 @@ from terminal import Terminal  # of tools/
 
 PACKAGING = PROJECT / "packaging"
 TESSCTL = BUILD / "bin/tessctl"
-COMMANDS = ["send", "console", "serve", "listen", "check", "ping", "close", "com2", "reset", "stop", "help"]
+COMMANDS = ["send", "console", "serve", "listen", "check", "ping", "status", "list", "who", "metrics", "watch", "top"]
+COMMANDS += ["close", "com2", "reset", "stop", "help"]
 PATIENCE = 60  # seconds: a shell on a busy machine
 
 Shell = Callable[[str], list[str]]
@@ -81,6 +83,16 @@ PS1='zsh''> '
             return sorted(set(file.read().split()))
 
 
+@pytest.fixture(autouse=True)
+def registered(tmp_path: pathlib.Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    """A tessctl that knows two processes."""
+    program = tmp_path / "bin/tessctl"
+    program.parent.mkdir()
+    program.write_text('#!/bin/sh\n[ "$*" = "list --names" ] && printf "ENC\\nTHERM\\n"\n')
+    program.chmod(0o755)
+    monkeypatch.setenv("PATH", f"{program.parent}{os.pathsep}{os.environ['PATH']}")
+
+
 @pytest.fixture(params=["bash", "zsh", "fish"])
 def shell(request: pytest.FixtureRequest, tmp_path_factory: pytest.TempPathFactory) -> Iterator[Shell]:
     if shutil.which(request.param) is None:
@@ -94,7 +106,7 @@ def shell(request: pytest.FixtureRequest, tmp_path_factory: pytest.TempPathFacto
 
 
 LINES = {
-    "tessctl s": ["send", "serve", "stop"],
+    "tessctl s": ["send", "serve", "status", "stop"],
     "tessctl -H host sen": ["send"],
     "tessctl send --p": ["--port"],
     "tessctl send -p ": ["ipc", "xcp"],
@@ -110,6 +122,12 @@ LINES = {
     "tessctl check ipc ": ["com2", "daemon", "ipc", "queue", "telnet", "xcp"],
     "tessctl check --": ["--help", "--host", "--json", "--version"],
     "tessctl help c": ["check", "close", "com2", "console"],
+    "tessctl watch --port ": ["com2", "delay", "ipc", "telnet", "xcp"],
+    "tessctl top --i": ["--interval"],
+    "tessctl watch --name ": ["ENC", "THERM"],
+    "tessctl watch --name=T": ["THERM"],
+    "tessctl listen E": ["ENC"],
+    "tessctl send s3.T": ["s3.THERM"],
     "tessctl reset --reinit ": [os.uname().nodename],
 }
 
@@ -136,7 +154,7 @@ def test_every_command_is_offered(shell):
     ("line", "offered"),
     [
         ("tessctl ", sorted(["--help", "--version", "--host", *COMMANDS])),
-        ("tessctl send ", []),
+        ("tessctl send ", ["s3.ENC", "s3.THERM"]),
         ("tessctl serve NAME --ports com2,te", ["com2,telnet"]),
         ("tessctl serve NAME -- tru", ["true", "truncate"]),
         ("tessctl serve NAME -- cat --p", []),

@@ -11,7 +11,9 @@ from conftest import PROJECT, run
 WITHOUT = {
     "CLI11": "tessctl is not built, as this is missing: CLI11",
     "nlohmann_json": "tessctl is not built, as this is missing: nlohmann-json",
-    "PkgConfig": "tessctl is not built, as this is missing: libedit (found through pkg-config)",
+    "PkgConfig": (
+        "tessctl is not built, as this is missing: libedit (found through pkg-config), ncurses (found through pkg-config)"
+    ),
     "GTest": "The tests are not built: GoogleTest is missing",
 }
 

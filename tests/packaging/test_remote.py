@@ -106,3 +106,11 @@ def test_what_ends_here_ends_there(desk, device, words, until):
         end_ssh(desk)
         assert process.wait(10) != 0
         device.wait(lambda: device.run("tessctl", "send", "s3.CAT X", check=False) == "?\n", "the end there")
+
+
+def test_watch_ends_there_when_it_ends_here(desk, device):
+    with running_there(desk, "watch", "-H", DEVICE, until="watching") as process:
+        assert '"watchers": 1\n' in device.run("tessctl", "status", "--json")
+        end_ssh(desk)
+        assert process.wait(10) != 0
+        device.wait(lambda: '"watchers": 0\n' in device.run("tessctl", "status", "--json"), "the end there")

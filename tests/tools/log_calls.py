@@ -179,7 +179,7 @@ class Reader:
         return {row.name for row in self.followed_rows()}
 
     def followed_rows(self):
-        for site, arguments in self.calls("(?:logMessage|composed)", None):
+        for site, arguments in self.calls("(?:logMessage|logLongMessage|composed)", None):
             yield from self.rows_of(arguments[0], site)
 
     def calls(self, name: str, only: Source | None):

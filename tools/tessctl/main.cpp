@@ -22,7 +22,10 @@
 #include "tools/tessctl/send.h"
 #include "tools/tessctl/serve.h"
 #include "tools/tessctl/standard_output.h"
+#include "tools/tessctl/status.h"
+#include "tools/tessctl/top.h"
 #include "tools/tessctl/usage_error.h"
+#include "tools/tessctl/watch.h"
 
 namespace {
 
@@ -54,6 +57,7 @@ public:
         addServe();
         addListen();
         addChecks();
+        addSeeing();
         addRequests();
         addHelp();
     }
@@ -112,7 +116,7 @@ private:
     /// A command that asks its user something, at a terminal, needs one on the other host too.
     RemoteInput remoteInput() const
     {
-        const bool asks = app_.got_subcommand("console") || app_.got_subcommand("reset");
+        const bool asks = app_.got_subcommand("console") || app_.got_subcommand("reset") || app_.got_subcommand("top");
         if (asks && ::isatty(STDIN_FILENO) != 0 && ::isatty(STDOUT_FILENO) != 0) return RemoteInput::terminal;
         return app_.got_subcommand("send") && send_.lines.empty() ? RemoteInput::here : RemoteInput::nothing;
     }
@@ -252,6 +256,60 @@ private:
             });
     }
 
+    CLI::App& report(const std::string& name, const std::string& what, const std::string& examples, Runner runner)
+    {
+        CLI::App& made = command(name, what, examples, std::move(runner));
+        made.add_flag("--json", json_, "As JSON");
+        return made;
+    }
+
+    void addSeeing()
+    {
+        report("status", "Show what tessd is doing", "  tessctl status\n  tessctl status --json | jq .count\n",
+               [this] { return runStatus(json_); });
+        report("list", "Show the registered processes", "  tessctl list\n  tessctl list --names\n", [this] {
+            return runList(json_, namesOnly_);
+        }).add_flag("--names", namesOnly_, "The names only, one a line");
+        report("who", "Show the connections", "  tessctl who\n", [this] { return runWho(json_); });
+        report("metrics", "Print all numbers as OpenMetrics text",
+               "  tessctl metrics >tess.prom.new && mv tess.prom.new tess.prom\n",
+               [this] { return runMetrics(json_); });
+        addWatch();
+        addTop();
+    }
+
+    void addWatch()
+    {
+        CLI::App& watch =
+            report("watch", "Print what happens, as it happens",
+                   "  tessctl watch\n  tessctl watch --name ENC\n  tessctl watch --port telnet --json\n", [this] {
+                       watch_.json = json_;
+                       return runWatch(watch_);
+                   });
+        addText(watch, "--name", watch_.name, "Only what belongs to the process of this name")
+            ->type_name("NAME")
+            ->check(nameProblem);
+        addText(watch, "--port", watch_.port, "Only what belongs to connections of this port")
+            ->type_name("PORT")
+            ->check([](const std::string& name) {
+                return choiceProblem(name, {"com2", "telnet", "xcp", "ipc", "delay"}, "a port");
+            });
+        addNumber(watch, "--count", "a count", 1, std::numeric_limits<long>::max(), watch_.count,
+                  "End after so many lines");
+    }
+
+    void addTop()
+    {
+        CLI::App& top = report("top", "Show rates, processes and clients, again and again",
+                               "  tessctl top\n  tessctl top --json --count 60 --interval 10\n", [this] {
+                                   top_.json = json_;
+                                   return runTop(top_);
+                               });
+        addSeconds(top, "--interval", top_.interval, 0.1, "Time between two screens (1)");
+        addNumber(top, "--count", "a count", 1, std::numeric_limits<long>::max(), top_.count,
+                  "End after so many screens");
+    }
+
     void addRequests()
     {
         CLI::App& close = command("close", "Close all connections to tessd", "  tessctl close --telnet\n",
@@ -306,7 +364,10 @@ private:
     std::string com2Text_;
     std::string reinitHost_;
     LocalPort consolePort_ = LocalPort::ipc;
+    WatchOptions watch_;
+    TopOptions top_;
     bool json_ = false;
+    bool namesOnly_ = false;
     bool telnetOnly_ = false;
     bool noNewline_ = false;
     bool yes_ = false;

@@ -154,6 +154,13 @@ int getsockopt(int fd, int level, int option, void* value, socklen_t* size) noex
         "getsockopt", [&] { return kindOfDescriptor(fd); }, [&] { return next.get()(fd, level, option, value, size); });
 }
 
+int getpeername(int fd, sockaddr* address, socklen_t* size) noexcept
+{
+    NEXT_OF(getpeername);
+    return intercepted(
+        "getpeername", [&] { return kindOfDescriptor(fd); }, [&] { return next.get()(fd, address, size); });
+}
+
 int eventfd(unsigned count, int flags) noexcept
 {
     NEXT_OF(eventfd);
