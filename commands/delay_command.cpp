@@ -1,6 +1,7 @@
 #include "commands/delay_command.h"
 
-#include <boost/format.hpp>
+#include <array>
+#include <cstdio>
 #include <optional>
 
 #include "commands/clock_reading.h"
@@ -47,9 +48,10 @@ std::string listingLine(const Clock& now, std::uint64_t due, const std::string& 
         left -= 1;
     }
     const auto seconds = static_cast<std::int32_t>(left);
-    return (boost::format("%03u:%02u:%02u.%03u %s\r\n") % (seconds / 3600) % (seconds % 3600 / 60) %
-            (seconds % 3600 % 60) % ((fraction - now.nanoseconds) / Clock::NS_PER_MS) % line)
-        .str();
+    std::array<char, 64> time; // four numbers, each of 20 characters at most
+    (void)std::snprintf(time.data(), time.size(), "%03d:%02d:%02d.%03lld ", seconds / 3600, seconds % 3600 / 60,
+                        seconds % 3600 % 60, static_cast<long long>((fraction - now.nanoseconds) / Clock::NS_PER_MS));
+    return time.data() + line + "\r\n";
 }
 
 /// Writes a text of whole lines, as many as fit a record at a time.

@@ -94,7 +94,7 @@ make_libraries()
         printf '%s\n' "create $kept/usr/lib/libedit.a" "addlib src/.libs/libedit.a" "addlib $work/curses/lib/libtinfo.a" \
             save end | $TRIPLET-ar -M &&
         mkdir -p "$kept/usr/share/cmake" &&
-        ln -s /usr/include/{boost,CLI,nlohmann} "$kept/usr/include" &&
+        ln -s /usr/include/{CLI,nlohmann} "$kept/usr/include" &&
         ln -s /usr/share/cmake/{CLI11,nlohmann_json} "$kept/usr/share/cmake"
 }
 
