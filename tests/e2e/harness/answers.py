@@ -6,6 +6,7 @@ line for a processor that others had is taken off. A daemon that sleeps, or comp
 from __future__ import annotations
 
 import dataclasses
+import os
 import statistics
 import time
 
@@ -63,16 +64,17 @@ def excuse_standing_in_line(pid: int) -> None:
 
 
 class Blame:
-    """A stopwatch that stands still while the daemon, or the thread that asks, is ready to run and others have the processors."""
+    """A stopwatch that stands still while the daemon, or the process that asks, is ready to run and others have the processors.
+    Of that process all threads count: the one that asks waits for another that has the interpreter's lock."""
 
     def __init__(self, tessd: Daemon) -> None:
-        self._in_line, self._own = StoodInLine(tessd.pid), proc.own_seconds_in_line()
+        self._in_line, self._own = StoodInLine(tessd.pid), StoodInLine(os.getpid())
         self._began = time.monotonic()
 
     def seconds(self) -> float:
         """To be asked while the daemon runs."""
         passed = time.monotonic() - self._began
-        return max(0.0, passed - self._in_line.seconds() - (proc.own_seconds_in_line() - self._own))
+        return max(0.0, passed - self._in_line.seconds() - self._own.seconds())
 
 
 class ShareOfProcessor:
