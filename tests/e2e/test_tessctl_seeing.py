@@ -226,7 +226,7 @@ SAMPLE = re.compile(rf"([a-z_]+)(\{{{LABEL}(?:,{LABEL})*\}})? (-?\d+(?:\.\d+)?)"
 
 
 def families(text: str) -> dict[str, Family]:
-    """Reads OpenMetrics text as strictly as its specification is: any mistake is an error."""
+    """Reads OpenMetrics text strictly: any mistake is an error."""
     assert text.endswith("# EOF\n") and text.count("# EOF") == 1, text[-100:]
     found: dict[str, Family] = {}
     name = ""
