@@ -1,0 +1,412 @@
+#include "tools/tess-mqtt/bridge.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <csignal>
+#include <cstring>
+#include <ctime>
+#include <nlohmann/json.hpp>
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <utility>
+
+#include "tools/tess-mqtt/mqtt_log.h"
+#include "tools/tessctl/item_json.h"
+#include "tools/tessctl/status_query.h"
+
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+constexpr milliseconds FIRST_PAUSE{500};
+constexpr seconds LONGEST_LINK_PAUSE{10};
+constexpr seconds ATTEMPT{4};
+constexpr std::size_t MOST_ANSWERS = 1024;
+constexpr seconds BETWEEN_WISHES{5}; // to watch: tessd forgets when it ends
+constexpr seconds STATE_INTERVAL{60};
+constexpr seconds GOOD_BYE{1};
+constexpr long LONGEST_WATCH = 3600;
+/// Processes register again within ten seconds of tessd's start.
+constexpr seconds EARLY_ASKS[] = {seconds(2), seconds(10)};
+
+/// Goes on while the device sleeps.
+std::int64_t secondsSinceStart()
+{
+    timespec now{};
+    (void)::clock_gettime(CLOCK_BOOTTIME, &now); // it exists
+    return now.tv_sec;
+}
+
+Fd signalDescriptor()
+{
+    sigset_t set;
+    ::sigemptyset(&set);
+    ::sigaddset(&set, SIGTERM);
+    ::sigaddset(&set, SIGINT);
+    (void)::sigprocmask(SIG_BLOCK, &set, nullptr);
+    (void)std::signal(SIGPIPE, SIG_IGN);
+    return Fd(::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
+}
+
+int pollTimeout(Instant due)
+{
+    if (due == NEVER) return -1;
+    const Instant now = instantNow();
+    if (due <= now) return 0;
+    const auto left = std::chrono::ceil<milliseconds>(due - now);
+    return static_cast<int>(std::min<std::int64_t>(left.count(), 3'600'000));
+}
+
+std::vector<std::string> subscriptionsOf(const Topics& topics, EventMode mode)
+{
+    std::vector<std::string> all = topics.commands();
+    if (mode == EventMode::asked) all.push_back(topics.watch());
+    return all;
+}
+
+} // namespace
+
+/// What its parts call back.
+struct Bridge::Handlers {
+    static CommandRunner::Send send(Bridge& bridge)
+    {
+        return [&bridge](const std::string& bytes) { bridge.link_.send(bytes); };
+    }
+
+    static CommandRunner::Done done(Bridge& bridge)
+    {
+        return [&bridge](const Request& request, const Reply& reply, bool begun) {
+            bridge.onDone(request, reply, begun);
+        };
+    }
+
+    static MqttClient::Handlers client(Bridge& bridge)
+    {
+        return {
+            .onConnected = [&bridge] { bridge.onBrokerConnected(); },
+            .onMessage = [&bridge](const Publication& publication) { bridge.onPublication(publication); },
+            .onAcknowledged = [&bridge](int number) { bridge.outbox_.onAcknowledged(number); },
+            .onNotSubscribed = [](const std::string& topic) { logMessage(mqtt_log::notSubscribed, topic.c_str()); },
+        };
+    }
+};
+
+Bridge::Bridge(BridgeSettings settings, std::string version, const std::string& windowFile)
+    : settings_(std::move(settings)), version_(std::move(version)),
+      topics_(settings_.broker.root, settings_.device, settings_.groups), recent_(settings_.window, windowFile),
+      runner_({.most = static_cast<std::size_t>(settings_.mostInFlight), .timeout = seconds(settings_.timeout)},
+              Handlers::send(*this), Handlers::done(*this)),
+      outbox_(seconds(settings_.answerKeep), MOST_ANSWERS),
+      client_(settings_.broker, "tess-" + settings_.device, subscriptionsOf(topics_, settings_.events),
+              Handlers::client(*this)),
+      signals_(signalDescriptor()), brokerPause_(FIRST_PAUSE, seconds(settings_.longestPause)),
+      linkPause_(FIRST_PAUSE, LONGEST_LINK_PAUSE)
+{
+    if (!windowFile.empty() && !recent_.isKept()) logMessage(mqtt_log::windowNotKept, windowFile.c_str());
+    client_.setWill(topics_.status(), offlineText(topics_));
+    if (settings_.events == EventMode::always) watchEnd_ = NEVER;
+}
+
+void Bridge::run()
+{
+    const std::string broker = settings_.broker.host + ":" + std::to_string(settings_.broker.portOrDefault());
+    logMessage(mqtt_log::started, settings_.device.c_str(), broker.c_str());
+    logMgr.initAfterDaemonize();
+    while (!stopped_)
+        step();
+    sayOffline();
+    logMessage(mqtt_log::ended);
+}
+
+void Bridge::step()
+{
+    onDue(instantNow());
+    std::array<pollfd, 4> waits{{{signals_.get(), POLLIN, 0},
+                                 {client_.fd(), POLLIN, 0},
+                                 {link_.fd(), POLLIN, 0},
+                                 {queue_.fd(), POLLIN, 0}}};
+    if (client_.wantsWrite()) waits[1].events |= POLLOUT;
+    if (link_.wantsWrite()) waits[2].events |= POLLOUT;
+    if (::poll(waits.data(), waits.size(), pollTimeout(nextDue())) <= 0) return;
+    const Instant now = instantNow();
+    stopped_ = waits[0].revents != 0;
+    // tessd first: what it has answered is not to be taken for late.
+    if (waits[2].revents != 0) onLinkReady(waits[2].revents, now);
+    if (waits[3].revents != 0)
+        queue_.receive([this](const std::vector<Item>& items) { onState(items); },
+                       [this](const Item& event) { onEvent(event); });
+    if (waits[1].revents != 0) checkBroker(client_.onReady(waits[1].revents), now);
+}
+
+Instant Bridge::nextDue() const
+{
+    return std::min({brokerDue_, attemptEnd_, aliveDue_, linkDue_, askDue_, watchDue_, runner_.due(),
+                     client_.isConnected() ? NEVER : outbox_.due()});
+}
+
+void Bridge::onDue(Instant now)
+{
+    if (linkDue_ <= now) (void)openLink(now);
+    if (runner_.due() <= now) runner_.onTime(now);
+    if (runner_.wantsNewConnection(now)) renewLink(now);
+    if (askDue_ <= now) askState(now);
+    if (watchDue_ <= now) renewWatch(now);
+    if (const std::size_t lost = outbox_.due() <= now ? outbox_.expire(now) : 0) {
+        counts_.lost += lost;
+        logMessage(mqtt_log::answersLost, counts_.lost);
+    }
+    if (attemptEnd_ <= now) {
+        client_.drop();
+        checkBroker("no answer from it", now);
+    }
+    if (brokerDue_ <= now) connectBroker(now);
+    if (aliveDue_ <= now) {
+        aliveDue_ = now + milliseconds(settings_.broker.keepAlive * 250);
+        checkBroker(client_.onTime(), now);
+    }
+}
+
+// The broker
+
+void Bridge::connectBroker(Instant now)
+{
+    brokerDue_ = NEVER;
+    attemptEnd_ = now + ATTEMPT;
+    checkBroker(client_.connect(), now);
+}
+
+/// @param whyEnded  why there is no connection any more; empty: there is, or one is being made
+void Bridge::checkBroker(const std::string& whyEnded, Instant now)
+{
+    if (whyEnded.empty()) return;
+    if (whyEnded != lastTrouble_) logMessage(mqtt_log::lost, whyEnded.c_str());
+    lastTrouble_ = whyEnded;
+    outbox_.onDown();
+    attemptEnd_ = aliveDue_ = askDue_ = watchDue_ = NEVER;
+    brokerDue_ = now + brokerPause_.next(std::uniform_real_distribution<>(0, 1)(dice_));
+}
+
+void Bridge::onBrokerConnected()
+{
+    logMessage(mqtt_log::connected, settings_.broker.host.c_str());
+    lastTrouble_.clear();
+    brokerPause_.reset();
+    attemptEnd_ = NEVER;
+    const Instant now = instantNow();
+    aliveDue_ = now + milliseconds(settings_.broker.keepAlive * 250);
+    askDue_ = now;
+    metricsDue_ = settings_.metrics > 0 ? now : NEVER;
+    watchDue_ = settings_.events == EventMode::always ? now : NEVER;
+    publishPresence(presence_);
+    sendAnswers();
+}
+
+void Bridge::sendAnswers()
+{
+    outbox_.send([this](const Publication& answer) { return client_.publish(answer, 1); }, instantNow());
+}
+
+void Bridge::onPublication(const Publication& publication)
+{
+    const Instant now = instantNow();
+    if (publication.topic == topics_.watch()) return onWatchWish(publication, now);
+    Judgement judgement = judge(publication, topics_, settings_.filter, now);
+    if (judgement.whyIgnored != nullptr) {
+        if (counts_.ignored++ == 0) logMessage(mqtt_log::ignored, judgement.whyIgnored);
+        return;
+    }
+    if (judgement.refusal) return answer(*judgement.request, *judgement.refusal);
+    if (!isKnown(*judgement.request)) run(std::move(*judgement.request));
+}
+
+void Bridge::sayOffline()
+{
+    const Instant now = instantNow();
+    runner_.onDown(now, false);
+    if (client_.isConnected()) {
+        (void)client_.publish({.topic = topics_.status(), .payload = offlineText(topics_), .retained = true}, 1);
+        const Instant end = now + GOOD_BYE;
+        while (client_.isConnected() && (client_.wantsWrite() || outbox_.size() > 0) && instantNow() < end) {
+            pollfd wait{client_.fd(), static_cast<short>(client_.wantsWrite() ? POLLIN | POLLOUT : POLLIN), 0};
+            if (::poll(&wait, 1, pollTimeout(end)) > 0) (void)client_.onReady(wait.revents);
+        }
+    }
+    client_.disconnect();
+}
+
+// Requests
+
+bool Bridge::isKnown(const Request& request)
+{
+    using Known = RecentRequests::Known;
+    if (!request.correlation) return false;
+    const Known known = recent_.find(request.responseTopic, *request.correlation, secondsSinceStart());
+    if (known != Known::no) ++counts_.again;
+    if (known == Known::answered) answer(request, recent_.reply(request.responseTopic, *request.correlation));
+    if (known == Known::answerLost)
+        answer(request, {ReplyStatus::timeout, "Error: it was taken before, and its answer is not known any more"});
+    return known != Known::no;
+}
+
+void Bridge::run(Request request)
+{
+    const Instant now = instantNow();
+    if (request.correlation) recent_.begin(request.responseTopic, *request.correlation, secondsSinceStart());
+    if (!link_.isOpen()) (void)openLink(now);
+    runner_.take(std::move(request), now);
+    if (runner_.wantsNewConnection(now)) renewLink(now);
+}
+
+void Bridge::onDone(const Request& request, const Reply& reply, bool begun)
+{
+    if (request.correlation) {
+        if (begun)
+            recent_.finish(request.responseTopic, *request.correlation, reply);
+        else
+            recent_.forget(request.responseTopic, *request.correlation);
+    }
+    answer(request, reply);
+}
+
+void Bridge::count(ReplyStatus status)
+{
+    if (status == ReplyStatus::answered) ++counts_.answered;
+    if (status == ReplyStatus::refused) ++counts_.refused;
+    if (status == ReplyStatus::timeout) ++counts_.timeout;
+    if (status == ReplyStatus::busy) ++counts_.busy;
+}
+
+void Bridge::answer(const Request& request, const Reply& reply)
+{
+    count(reply.status);
+    const Instant now = instantNow();
+    const auto took = std::chrono::round<milliseconds>(now - request.arrived);
+    Publication publication{.topic = request.responseTopic, .payload = reply.text};
+    publication.correlation = request.correlation;
+    publication.expiry = static_cast<std::uint32_t>(std::max(settings_.answerKeep, 1L));
+    publication.user = {{"status", wordOf(reply.status)},
+                        {"ms", std::to_string(took.count())},
+                        {"device", settings_.device}};
+    if (!outbox_.add(std::move(publication), now)) ++counts_.lost;
+    sendAnswers();
+}
+
+// tessd
+
+bool Bridge::openLink(Instant now)
+{
+    if (!link_.open()) {
+        const std::string why = std::strerror(errno);
+        if (why != lastAway_) logMessage(mqtt_log::daemonAway, why.c_str());
+        lastAway_ = why;
+        linkDue_ = now + linkPause_.next(std::uniform_real_distribution<>(0, 1)(dice_));
+        return false;
+    }
+    logMessage(mqtt_log::daemonThere);
+    lastAway_.clear();
+    linkDue_ = NEVER;
+    earlyAsks_ = 0;
+    if (client_.isConnected()) askDue_ = now;
+    runner_.onUp(now);
+    return true;
+}
+
+void Bridge::onLinkReady(short events, Instant now)
+{
+    if ((events & POLLOUT) != 0) link_.flush();
+    if ((events & ~POLLOUT) == 0) return;
+    const bool isThere = link_.receive([this, now](const XcpFrame& frame) { runner_.onFrame(frame, now); });
+    if (!isThere) closeLink("it has closed the connection", now);
+}
+
+void Bridge::closeLink(const char* why, Instant now)
+{
+    link_.close();
+    if (lastAway_ != why) logMessage(mqtt_log::daemonAway, why);
+    lastAway_ = why;
+    linkPause_.reset();
+    runner_.onDown(now, false);
+    linkDue_ = now + linkPause_.next(std::uniform_real_distribution<>(0, 1)(dice_));
+    publishPresence({});
+}
+
+/// The connection has become old, or tessd does not answer over it.
+void Bridge::renewLink(Instant now)
+{
+    runner_.onDown(now, true);
+    if (link_.open()) return runner_.onUp(now);
+    closeLink(std::strerror(errno), now);
+}
+
+void Bridge::askState(Instant now)
+{
+    const bool isEarly = static_cast<std::size_t>(earlyAsks_) < std::size(EARLY_ASKS);
+    askDue_ = now + (isEarly ? EARLY_ASKS[earlyAsks_++] : seconds(settings_.metrics > 0 ? settings_.metrics : STATE_INTERVAL.count()));
+    if (!link_.isOpen()) return publishMetrics({});
+    const std::string problem = queue_.fd() < 0 ? queue_.open() : "";
+    if (!problem.empty() && problem != lastNoQueue_) logMessage(mqtt_log::noQueue, problem.c_str());
+    lastNoQueue_ = problem;
+    (void)queue_.ask(); // when tessd has no room for it, the next time will do
+}
+
+void Bridge::onState(const std::vector<Item>& items)
+{
+    Presence presence;
+    for (const Item& item : items) {
+        if (item.word() == "daemon") presence.version = item.text("version");
+        if (item.word() == "process") presence.names.push_back(item.text("name"));
+    }
+    std::ranges::sort(presence.names);
+    if (presence != presence_) publishPresence(std::move(presence));
+    if (!presence_.version.empty()) publishMetrics(items);
+}
+
+void Bridge::publishPresence(Presence presence)
+{
+    presence_ = std::move(presence);
+    (void)client_.publish(
+        {.topic = topics_.status(), .payload = onlineText(topics_, presence_, version_), .retained = true}, 1);
+}
+
+void Bridge::publishMetrics(const std::vector<Item>& items)
+{
+    const Instant now = instantNow();
+    if (now < metricsDue_) return;
+    metricsDue_ = now + seconds(settings_.metrics) - seconds(1); // it is asked for by askDue_
+    counts_.strays = runner_.strays();
+    counts_.inFlight = runner_.inFlight();
+    (void)client_.publish({.topic = topics_.metrics(), .payload = bridgeMetrics(items, counts_)}, 0);
+}
+
+/// @param wish  seconds for which events are wanted from now on; 0: no longer
+void Bridge::onWatchWish(const Publication& wish, Instant now)
+{
+    long wanted = 0;
+    const char* const end = wish.payload.data() + wish.payload.size();
+    const auto [stopped, error] = std::from_chars(wish.payload.data(), end, wanted);
+    if (wish.retained || error != std::errc() || stopped != end || wanted < 0) return;
+    watchEnd_ = now + seconds(std::min(wanted, LONGEST_WATCH));
+    watchDue_ = now;
+}
+
+void Bridge::renewWatch(Instant now)
+{
+    const bool isWanted = now < watchEnd_;
+    watchDue_ = isWanted ? std::min<Instant>(now + BETWEEN_WISHES, watchEnd_) : NEVER;
+    if (queue_.fd() < 0) (void)queue_.open();
+    (void)queue_.watch(isWanted); // asked again soon, or tessd finds nobody at the next event
+}
+
+void Bridge::onEvent(const Item& event)
+{
+    if (event.word() == "watch") return; // the answer to the wish
+    const bool isFence = event.word() == "line" && event.text("port") == "xcp" && event.text("text").starts_with('*');
+    if (isFence) return;
+    nlohmann::ordered_json object{{"event", event.word()}};
+    object.update(jsonOf(event));
+    if (client_.wantsWrite() || !client_.publish({.topic = topics_.event(), .payload = jsonText(object, -1)}, 0))
+        ++counts_.unsent;
+}
