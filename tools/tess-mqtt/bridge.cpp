@@ -78,9 +78,8 @@ struct Bridge::Handlers {
 
     static CommandRunner::Done done(Bridge& bridge)
     {
-        return [&bridge](const Request& request, const Reply& reply, bool begun) {
-            bridge.onDone(request, reply, begun);
-        };
+        return
+            [&bridge](const Request& request, const Reply& reply, bool begun) { bridge.onDone(request, reply, begun); };
     }
 
     static MqttClient::Handlers client(Bridge& bridge)
@@ -124,10 +123,8 @@ void Bridge::run()
 void Bridge::step()
 {
     onDue(instantNow());
-    std::array<pollfd, 4> waits{{{signals_.get(), POLLIN, 0},
-                                 {client_.fd(), POLLIN, 0},
-                                 {link_.fd(), POLLIN, 0},
-                                 {queue_.fd(), POLLIN, 0}}};
+    std::array<pollfd, 4> waits{
+        {{signals_.get(), POLLIN, 0}, {client_.fd(), POLLIN, 0}, {link_.fd(), POLLIN, 0}, {queue_.fd(), POLLIN, 0}}};
     if (client_.wantsWrite()) waits[1].events |= POLLOUT;
     if (link_.wantsWrite()) waits[2].events |= POLLOUT;
     if (::poll(waits.data(), waits.size(), pollTimeout(nextDue())) <= 0) return;
@@ -287,9 +284,8 @@ void Bridge::answer(const Request& request, const Reply& reply)
     Publication publication{.topic = request.responseTopic, .payload = reply.text};
     publication.correlation = request.correlation;
     publication.expiry = static_cast<std::uint32_t>(std::max(settings_.answerKeep, 1L));
-    publication.user = {{"status", wordOf(reply.status)},
-                        {"ms", std::to_string(took.count())},
-                        {"device", settings_.device}};
+    publication.user = {
+        {"status", wordOf(reply.status)}, {"ms", std::to_string(took.count())}, {"device", settings_.device}};
     if (!outbox_.add(std::move(publication), now)) ++counts_.lost;
     sendAnswers();
 }
@@ -344,7 +340,8 @@ void Bridge::renewLink(Instant now)
 void Bridge::askState(Instant now)
 {
     const bool isEarly = static_cast<std::size_t>(earlyAsks_) < std::size(EARLY_ASKS);
-    askDue_ = now + (isEarly ? EARLY_ASKS[earlyAsks_++] : seconds(settings_.metrics > 0 ? settings_.metrics : STATE_INTERVAL.count()));
+    askDue_ = now + (isEarly ? EARLY_ASKS[earlyAsks_++]
+                             : seconds(settings_.metrics > 0 ? settings_.metrics : STATE_INTERVAL.count()));
     if (!link_.isOpen()) return publishMetrics({});
     const std::string problem = queue_.fd() < 0 ? queue_.open() : "";
     if (!problem.empty() && problem != lastNoQueue_) logMessage(mqtt_log::noQueue, problem.c_str());

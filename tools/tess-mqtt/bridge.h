@@ -23,8 +23,8 @@
 class Bridge {
 public:
     /// @param version     of this program
-    /// @param windowFile  where requests are noted that are not to be carried out again; empty: only
-    ///                    in memory
+    /// @param windowFile  where requests are noted that are not to be carried out again; empty:
+    ///                    only in memory
     Bridge(BridgeSettings settings, std::string version, const std::string& windowFile);
 
     /// Until SIGTERM or SIGINT.
@@ -80,9 +80,9 @@ private:
     GrowingPause linkPause_;
     BridgeCounts counts_;
     Presence presence_;
-    std::string lastTrouble_;  ///< with the broker, as it was logged
-    std::string lastAway_;     ///< the same of tessd
-    std::string lastNoQueue_;  ///< and of the queue
+    std::string lastTrouble_;     ///< with the broker, as it was logged
+    std::string lastAway_;        ///< the same of tessd
+    std::string lastNoQueue_;     ///< and of the queue
     Instant brokerDue_ = AT_ONCE; ///< when to connect
     Instant attemptEnd_ = NEVER;  ///< when an attempt to connect has taken too long
     Instant aliveDue_ = NEVER;

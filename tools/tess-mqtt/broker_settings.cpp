@@ -33,7 +33,8 @@ void addBrokerSettings(SettingsTable& table, BrokerSettings& settings)
     table.add("broker", [&settings](const std::string& value) { return takeBroker(settings, value); });
     table.add("root", [&settings](const std::string& value) {
         settings.root = value;
-        return std::string(isTopicName(value) ? "" : "is a topic without '+', '#' and '$' in it, and not one of blanks");
+        return std::string(isTopicName(value) ? ""
+                                              : "is a topic without '+', '#' and '$' in it, and not one of blanks");
     });
     table.add("psk", [&settings](const std::string& value) {
         settings.psk = value;

@@ -42,8 +42,7 @@ void CommandRunner::drop(const Request& request, ReplyStatus status, const std::
 
 void CommandRunner::take(Request request, Instant now)
 {
-    if (request.expires <= now)
-        return drop(request, ReplyStatus::timeout, EXPIRED);
+    if (request.expires <= now) return drop(request, ReplyStatus::timeout, EXPIRED);
     if (!up_) return drop(request, ReplyStatus::refused, AWAY);
     if (inFlight() >= limits_.most)
         return drop(request, ReplyStatus::busy, "too many commands are under way: try again");

@@ -32,7 +32,7 @@ public:
     using Done = std::function<void(const Request&, const Reply&, bool begun)>;
 
     struct Limits {
-        std::size_t most = 32;                ///< requests at a time
+        std::size_t most = 32;                   ///< requests at a time
         std::chrono::milliseconds timeout{5000}; ///< for the answers to one
     };
 

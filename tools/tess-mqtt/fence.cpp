@@ -21,8 +21,7 @@ Fence::Fence(std::string_view line) : line_("*"), expected_{ZERO}
 
 bool Fence::isComplete() const
 {
-    return answers_.size() >= expected_.size() &&
-           std::equal(expected_.rbegin(), expected_.rend(), answers_.rbegin());
+    return answers_.size() >= expected_.size() && std::equal(expected_.rbegin(), expected_.rend(), answers_.rbegin());
 }
 
 bool Fence::take(std::string text)

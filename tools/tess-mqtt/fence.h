@@ -5,8 +5,8 @@
 #include <string_view>
 #include <vector>
 
-/// What is sent behind a line on /tmp/xcp, to find out which answers tessd has given to that line by
-/// itself: those in front of the fence's.
+/// What is sent behind a line on /tmp/xcp, to find out which answers tessd has given to that line
+/// by itself: those in front of the fence's.
 ///
 /// tessd's own answers ("?", "0", "OK", ...) come in the order of the lines, but with a tag that
 /// may be that of any earlier command. A fence is a line that tessd always answers by itself, and

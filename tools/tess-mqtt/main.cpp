@@ -11,7 +11,7 @@
 namespace {
 
 constexpr const char* DEFAULT_SETTINGS = "/etc/tess/mqtt.conf";
-constexpr int WRONG_USAGE = 64; // EX_USAGE of sysexits.h
+constexpr int WRONG_USAGE = 64;    // EX_USAGE of sysexits.h
 constexpr int WRONG_SETTINGS = 78; // EX_CONFIG
 
 constexpr const char* HELP = R"(Usage: tess-mqtt [--config FILE] [--check]

@@ -80,7 +80,8 @@ void readUserProperties(const mosquitto_property* list, Publication& to)
     char* name = nullptr;
     char* value = nullptr;
     bool isNext = false;
-    while ((list = mosquitto_property_read_string_pair(list, MQTT_PROP_USER_PROPERTY, &name, &value, isNext)) != nullptr) {
+    while ((list = mosquitto_property_read_string_pair(list, MQTT_PROP_USER_PROPERTY, &name, &value, isNext)) !=
+           nullptr) {
         const Bytes ownedName(name);
         const Bytes ownedValue(value);
         to.user.emplace_back(name, value);
@@ -303,9 +304,9 @@ std::optional<int> MqttClient::publish(const Publication& message, int qos)
     Properties properties;
     properties.add(message);
     int number = 0;
-    const int result = mosquitto_publish_v5(handle_.get(), &number, message.topic.c_str(),
-                                            static_cast<int>(message.payload.size()), message.payload.data(), qos,
-                                            message.retained, properties.list());
+    const int result =
+        mosquitto_publish_v5(handle_.get(), &number, message.topic.c_str(), static_cast<int>(message.payload.size()),
+                             message.payload.data(), qos, message.retained, properties.list());
     if (result == MOSQ_ERR_SUCCESS) return number;
     const bool isLost = result == MOSQ_ERR_NO_CONN || result == MOSQ_ERR_CONN_LOST || result == MOSQ_ERR_NOMEM;
     return isLost ? std::nullopt : std::optional(0);

@@ -1,0 +1,116 @@
+#include "tools/tess-mqtt/recent_requests.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/support/temp_dir.h"
+
+using Known = RecentRequests::Known;
+
+namespace {
+
+const Reply REPLY{ReplyStatus::answered, "20"};
+
+} // namespace
+
+TEST(RecentRequests, KnowARequestFromItsBeginToTheEndOfTheWindow)
+{
+    RecentRequests recent(60, "");
+    EXPECT_EQ(recent.find("t", "c", 100), Known::no);
+    recent.begin("t", "c", 100);
+    EXPECT_EQ(recent.find("t", "c", 100), Known::underWay);
+    recent.finish("t", "c", REPLY);
+    EXPECT_EQ(recent.find("t", "c", 159), Known::answered);
+    EXPECT_EQ(recent.reply("t", "c").text, "20");
+    EXPECT_EQ(recent.find("t", "c", 160), Known::no);
+}
+
+TEST(RecentRequests, TellTopicsAndDataApart)
+{
+    RecentRequests recent(60, "");
+    recent.begin("ab", "c", 1);
+    for (const auto& [topic, data] :
+         {std::pair("a", "bc"), std::pair("abc", ""), std::pair("", "abc"), std::pair("ab", "d")})
+        EXPECT_EQ(recent.find(topic, data, 1), Known::no) << topic << ", " << data;
+}
+
+TEST(RecentRequests, ForgetWhatWasNotCarriedOut)
+{
+    RecentRequests recent(60, "");
+    recent.begin("t", "c", 1);
+    recent.forget("t", "c");
+    EXPECT_EQ(recent.find("t", "c", 1), Known::no);
+    recent.finish("t", "c", REPLY); // harmless
+    recent.forget("t", "c");
+    EXPECT_EQ(recent.find("t", "c", 1), Known::no);
+}
+
+TEST(RecentRequests, ForgetTheOldestWhenThereAreTooMany)
+{
+    RecentRequests recent(1000, "");
+    const auto name = [](std::size_t number) { return std::to_string(number); };
+    constexpr std::size_t COUNT = RecentRequests::SLOTS + 500;
+    for (std::size_t i = 0; i < COUNT; ++i) {
+        recent.begin("t", name(i), 1);
+        if (i % 3 == 0) recent.forget("t", name(i));
+    }
+    for (std::size_t i = 0; i < COUNT; ++i) {
+        const bool isLost = i < COUNT - RecentRequests::SLOTS || i % 3 == 0;
+        ASSERT_EQ(recent.find("t", name(i), 1), isLost ? Known::no : Known::underWay) << i;
+    }
+}
+
+TEST(RecentRequests, KeepSoMuchTextAndNoMore)
+{
+    RecentRequests recent(60, "");
+    const Reply longReply{ReplyStatus::answered, std::string(RecentRequests::MOST_TEXT_BYTES, 'x')};
+    recent.begin("t", "long", 1);
+    recent.finish("t", "long", longReply);
+    EXPECT_EQ(recent.find("t", "long", 1), Known::answered);
+    recent.begin("t", "more", 2);
+    recent.finish("t", "more", REPLY);
+    EXPECT_EQ(recent.find("t", "more", 2), Known::answerLost);
+    EXPECT_EQ(recent.find("t", "long", 61), Known::no);
+    recent.begin("t", "again", 61); // there is room again
+    recent.finish("t", "again", REPLY);
+    EXPECT_EQ(recent.find("t", "again", 61), Known::answered);
+}
+
+TEST(RecentRequests, AreKnownToTheNextProcessByTheirFile)
+{
+    const TempDir folder;
+    const std::string file = folder.path() + "/requests";
+    {
+        RecentRequests recent(60, file);
+        EXPECT_TRUE(recent.isKept());
+        for (std::size_t i = 0; i < RecentRequests::SLOTS + 10; ++i) // once around
+            recent.begin("t", std::to_string(i), 100 + static_cast<std::int64_t>(i) / 1000);
+        recent.finish("t", "4100", REPLY);
+        recent.forget("t", "4101");
+    }
+    RecentRequests next(60, file);
+    EXPECT_EQ(next.find("t", "4100", 110), Known::answerLost);
+    EXPECT_EQ(next.find("t", "4101", 110), Known::no);
+    EXPECT_EQ(next.find("t", "9", 110), Known::no);
+    EXPECT_EQ(next.find("t", "10", 110), Known::answerLost);
+    next.begin("t", "new", 110);
+    EXPECT_EQ(next.find("t", "new", 110), Known::underWay);
+    EXPECT_EQ(next.find("t", "11", 110), Known::answerLost);
+    EXPECT_EQ(next.find("t", "4105", 170), Known::no);
+}
+
+TEST(RecentRequests, ForgetWhatIsOfBeforeTheDevicesLastStart)
+{
+    const TempDir folder;
+    const std::string file = folder.path() + "/requests";
+    RecentRequests(60, file).begin("t", "c", 5000);
+    RecentRequests next(60, file);
+    EXPECT_EQ(next.find("t", "c", 10), Known::no);
+}
+
+TEST(RecentRequests, DoWithoutAFileThatCannotBeMade)
+{
+    RecentRequests recent(60, "/nowhere/requests");
+    EXPECT_FALSE(recent.isKept());
+    recent.begin("t", "c", 1);
+    EXPECT_EQ(recent.find("t", "c", 1), Known::underWay);
+}
