@@ -13,6 +13,7 @@
 #include "tools/tessctl/check.h"
 #include "tools/tessctl/console.h"
 #include "tools/tessctl/exit_status.h"
+#include "tools/tessctl/fleet_program.h"
 #include "tools/tessctl/listen.h"
 #include "tools/tessctl/option_checks.h"
 #include "tools/tessctl/port_mask.h"
@@ -59,6 +60,7 @@ public:
         addChecks();
         addSeeing();
         addRequests();
+        addFleet();
         addHelp();
     }
 
@@ -333,6 +335,44 @@ private:
         command("stop", "End tessd", "  tessctl stop\n", [] { return runStop(); });
     }
 
+    /// A command of a command.
+    CLI::App& fleetCommand(CLI::App& fleet, const std::string& name, const std::string& what,
+                           const std::string& examples, Runner runner)
+    {
+        CLI::App& made = *fleet.add_subcommand(name, what);
+        made.footer("Examples:\n" + examples + "\nThe manual has more: man tessctl");
+        made.callback([this, runner = std::move(runner)] { run_ = runner; });
+        addHost(made);
+        addText(made, "--config", fleet_.settings, "How the broker is reached (~/.config/tess/fleet.conf)")
+            ->type_name("FILE");
+        addText(made, "--group", fleet_.group, "The devices of this group")->type_name("GROUP");
+        addSeconds(made, "-w,--wait", fleet_.wait, 0.001, "How long to wait for all answers (10)");
+        made.add_flag("--json", fleet_.json, "As JSON");
+        return made;
+    }
+
+    void addFleet()
+    {
+        CLI::App& fleet = *app_.add_subcommand("fleet", "Do something with many devices, through a broker");
+        fleet.set_version_flag("-V,--version", VERSION);
+        fleet.require_subcommand(1);
+        fleet.footer("Examples:\n  tessctl fleet status\n  tessctl fleet send 's3.ENC GETX' --all\n\n"
+                     "'tessctl fleet send --help' tells more. The manual has everything: man tessctl");
+        addHost(fleet);
+        CLI::App& send = fleetCommand(fleet, "send", "Send a command line, and print the answers",
+                                      "  tessctl fleet send 's3.ENC GETX' --all\n"
+                                      "  tessctl fleet send 's3.ENC SETX 5' --group hall --json\n"
+                                      "  tessctl fleet send 's3.ENC GETX' d1 d2\n",
+                                      [this]() -> ExitStatus { becomeFleetProgram("send", fleet_, fleetLine_); });
+        send.add_flag("--all", fleet_.all, "All devices");
+        addText(send, "LINE", fleetLine_, "The command line")->required();
+        addWords(send, "DEVICE", fleet_.devices, "Names of devices");
+        CLI::App& status = fleetCommand(fleet, "status", "Show which devices there are",
+                                        "  tessctl fleet status\n  tessctl fleet status --group hall\n",
+                                        [this]() -> ExitStatus { becomeFleetProgram("status", fleet_, ""); });
+        addWords(status, "DEVICE", fleet_.devices, "Names of devices (all of them)");
+    }
+
     void addHelp()
     {
         CLI::App& help =
@@ -364,6 +404,8 @@ private:
     std::string com2Text_;
     std::string reinitHost_;
     LocalPort consolePort_ = LocalPort::ipc;
+    FleetOptions fleet_;
+    std::string fleetLine_;
     WatchOptions watch_;
     TopOptions top_;
     bool json_ = false;

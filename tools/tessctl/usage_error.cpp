@@ -14,7 +14,19 @@ constexpr char MARK = '\x01';
 const CLI::App& chosen(const CLI::App& app)
 {
     const auto typed = app.get_subcommands();
-    return typed.empty() ? app : *typed.front();
+    return typed.empty() ? app : chosen(*typed.front());
+}
+
+bool hasCommands(const CLI::App& command)
+{
+    return !command.get_subcommands([](const CLI::App*) { return true; }).empty();
+}
+
+/// Its name, behind that of the command that it belongs to.
+std::string fullName(const CLI::App& command)
+{
+    const CLI::App* const parent = command.get_parent();
+    return (parent == nullptr ? "" : fullName(*parent) + " ") + command.get_name();
 }
 
 std::vector<std::string> optionsOf(const CLI::App& app)
@@ -56,7 +68,7 @@ std::string strangers(const CLI::App& command, const std::vector<std::string>& w
 {
     const std::string& first = words.front();
     if (first.size() > 1 && first.front() == '-') return unknownOption(command, first.substr(0, first.find('=')));
-    if (command.get_parent() == nullptr) return unknownCommand(command, first);
+    if (hasCommands(command)) return unknownCommand(command, first);
     std::string text = command.get_name() + " takes no";
     for (const std::string& word : words)
         text += " '" + word + "'";
@@ -74,7 +86,7 @@ std::vector<std::string> strangersOf(const CLI::App& command)
 std::string missing(const CLI::App& app)
 {
     const CLI::App& command = chosen(app);
-    if (&command == &app) return unknownCommand(app, "");
+    if (hasCommands(command)) return unknownCommand(command, "");
     for (const CLI::Option* option : command.get_options()) {
         if (!option->get_required() || option->count() > 0) continue;
         const std::string name = option->get_name();
@@ -123,5 +135,5 @@ std::string usageError(const CLI::App& app, const CLI::ParseError& error)
 std::string helpCommand(const CLI::App& app)
 {
     const CLI::App& command = chosen(app);
-    return app.get_name() + (&command == &app ? "" : " " + command.get_name()) + " --help";
+    return fullName(command) + " --help";
 }

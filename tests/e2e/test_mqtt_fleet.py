@@ -1,0 +1,123 @@
+"""tessctl fleet: a line to many devices through a broker."""
+
+from __future__ import annotations
+
+import json
+import os
+from collections.abc import Iterator
+
+import pytest
+
+from harness import tessctl
+from harness.mqtt import Bridge, Broker, needs_bridge
+from harness.queue_process import AnsweringProcess
+from harness.tessctl import needs_tessctl
+from harness.waiting import wait_until
+
+pytestmark = [needs_bridge, needs_tessctl]
+
+SETTINGS = "/tmp/fleet.conf"
+
+
+@pytest.fixture(autouse=True)
+def broker() -> Iterator[Broker]:
+    os.environ["TESS_FLEET"] = SETTINGS
+    with open(SETTINGS, "w", encoding="ascii") as file:
+        file.write("broker = 127.0.0.1\nplain = yes\n")
+    broker = Broker()
+    yield broker
+    broker.kill()
+
+
+@pytest.fixture
+def devices(tessd) -> Iterator[list[Bridge]]:
+    with AnsweringProcess(2100, b"THERM", lambda command: b"one\r\ntwo\r\n\r\n" if command == b"GET" else b"Error: no\r\n\r\n"):
+        bridges = [Bridge("groups = hall", device="d1"), Bridge("groups = hall, yard", device="d2"), Bridge(device="d3")]
+        for bridge in bridges:
+            bridge.wait_connected()
+        wait_until(lambda: "THERM" in fleet("status", "d3").output, "the device's status names its process", 20)
+        yield bridges
+        for bridge in bridges:
+            if bridge.process.poll() is None:
+                bridge.stop()
+
+
+def fleet(*arguments: str) -> tessctl.Result:
+    return tessctl.run("fleet", *arguments)
+
+
+def rows(text: str) -> list[list[str]]:
+    return [line.split() for line in text.splitlines()]
+
+
+def test_status_is_a_table_of_the_devices(devices):
+    result = fleet("status").expect(tessctl.DONE, errors="")
+    assert rows(result.output) == [
+        ["DEVICE", "STATUS", "TESSD", "GROUPS", "PROCESSES"],
+        ["d1", "online", "1.0.0", "hall", "THERM"],
+        ["d2", "online", "1.0.0", "hall,yard", "THERM"],
+        ["d3", "online", "1.0.0", "-", "THERM"],
+    ]
+    assert [row[0] for row in rows(fleet("status", "--group", "yard").expect(tessctl.DONE).output)] == ["DEVICE", "d2"]
+    devices[0].kill()
+    wait_until(lambda: fleet("status").status == tessctl.NO_ANSWER, "d1 is offline", 10)
+    states = json.loads(fleet("status", "--json").expect(tessctl.NO_ANSWER).output)
+    assert [(state["device"], state["status"]) for state in states] == [("d1", "offline"), ("d2", "online"), ("d3", "online")]
+
+
+@pytest.mark.parametrize(
+    ("to", "answering"), [(["--all"], "d1 d2 d3"), (["--group", "hall"], "d1 d2"), (["d3"], "d3"), (["d1", "d3"], "d1 d3")]
+)
+def test_a_line_goes_to_those_that_are_meant(devices, to, answering):
+    names = answering.split()
+    result = fleet("send", "s3.THERM GET", *to).expect(tessctl.DONE, errors=f"{len(names)} answered\n")
+    table = rows(result.output)
+    assert table[0] == ["DEVICE", "STATUS", "MS", "ANSWER"]
+    assert [row[0] for row in table[1::2]] == names and all(row[1] == "answered" for row in table[1::2])
+    assert table[2::2] == len(names) * [["two"]]
+    answers = json.loads(fleet("send", "s3.THERM GET", *to, "--json").expect(tessctl.DONE, errors="").output)
+    assert [(each["device"], each["status"], each["answer"]) for each in answers] == [
+        (name, "answered", "one\ntwo") for name in names
+    ]
+    assert all(isinstance(each["ms"], int) for each in answers)
+
+
+def test_the_exit_status_tells_whether_all_have_answered(devices):
+    fleet("send", "s3.THERM BOIL", "--all").expect(tessctl.REFUSED, errors="3 refused\n")
+    fleet("send", "*", "d1", "nobody").expect(tessctl.NO_ANSWER, errors="1 answered, 1 unknown\n")
+    devices[0].kill()
+    wait_until(lambda: fleet("status").status == tessctl.NO_ANSWER, "d1 is offline", 10)
+    fleet("send", "*", "--all").expect(tessctl.NO_ANSWER, errors="2 answered, 1 offline\n")
+    fleet("send", "*", "--all", "-H", "x y").expect(tessctl.WRONG_USAGE)
+
+
+def test_a_device_that_does_not_answer_in_time_is_told(devices):
+    devices[2].process.send_signal(19)
+    result = fleet("send", "*", "--all", "--wait", "2").expect(tessctl.NO_ANSWER, errors="2 answered, 1 no answer\n")
+    devices[2].process.send_signal(18)
+    assert rows(result.output)[3] == ["d3", "no", "answer", "-"]
+
+
+def test_what_is_wrong_is_said_with_what_to_do(devices, broker):
+    for arguments, said in [
+        (["send", "*"], "fleet send wants one of --all, --group GROUP, and names of devices"),
+        (["send", "*", "--all", "d1"], "fleet send wants one of --all, --group GROUP, and names of devices"),
+        (["send", "a\rb", "--all"], "a line with a carriage return or a NUL in it would become two commands"),
+        (["status", "--config", "/tmp/none"], "/tmp/none: No such file or directory: 'fleet' wants a file"),
+        (["sned"], "no command 'sned': do you mean 'send'?"),
+        ([], "the commands are send, status"),
+    ]:
+        result = fleet(*arguments).expect(tessctl.WRONG_USAGE, output="")
+        assert result.errors.startswith(f"tessctl: {said}"), result.errors
+    nobody = fleet("send", "*", "--group", "attic").expect(tessctl.NO_ANSWER, output="")
+    assert nobody.errors == "tessctl: no device of the group 'attic' has been seen: 'tessctl fleet status' names them all\n"
+    broker.kill()
+    away = fleet("status", "-w", "1").expect(tessctl.NO_CONNECTION, output="")
+    assert away.errors.startswith("tessctl: 127.0.0.1:1883: no answer within 1 s: "), away.errors
+
+
+def test_progress_is_shown_at_a_terminal(devices):
+    terminal = tessctl.on_terminal("fleet", "send", "*", "--all", "--config", SETTINGS)
+    terminal.wait_for(b"3 of 3 have answered", 20)
+    terminal.wait_for(b"3 answered", 20)
+    terminal.close()
