@@ -17,7 +17,7 @@ struct BrokerSettings {
     std::string user;
     std::string password;
     std::string root = "tess"; ///< in front of every topic
-    long keepAlive = 30;       ///< seconds
+    long keepAlive = 10;       ///< seconds
 
     long portOrDefault() const { return port != 0 ? port : plain ? 1883 : 8883; }
 };

@@ -16,7 +16,7 @@ namespace {
 
 constexpr const char* SYSTEM_CERTIFICATES = "/etc/ssl/certs";
 constexpr std::uint32_t MOST_PACKET_BYTES = 65536; // the broker must not send us more
-constexpr int UNANSWERED_MS = 10'000;              // then what was sent counts as lost, and the connection with it
+constexpr int UNANSWERED_MS = 5'000;               // then what was sent counts as lost, and the connection with it
 constexpr int FIRST_ERROR = 128;                   // of the reason codes
 constexpr int SEND_NO_RETAINED = 0x20;             // of the options of a subscription
 
