@@ -1,6 +1,6 @@
 # fish completion for tessctl(1)
 
-set -l commands send console serve listen check ping status list who metrics watch top close com2 reset stop help
+set -l commands send console serve listen check ping status list who metrics watch top close com2 reset stop fleet help
 
 function __tessctl_names
     # The processes that are registered now.
@@ -42,10 +42,12 @@ complete -c tessctl -n $none -a close -d 'Close all connections to tessd'
 complete -c tessctl -n $none -a com2 -d 'Write a text to the serial line'
 complete -c tessctl -n $none -a reset -d 'Restart the device'
 complete -c tessctl -n $none -a stop -d 'End tessd'
+complete -c tessctl -n $none -a fleet -d 'Do something with many devices, through a broker'
 complete -c tessctl -n $none -a help -d 'Show the help of a command'
 
-set -l to_send '__fish_seen_subcommand_from send'
-set -l to_sockets '__fish_seen_subcommand_from send console'
+set -l in_fleet '__fish_seen_subcommand_from fleet'
+set -l to_send "__fish_seen_subcommand_from send; and not $in_fleet"
+set -l to_sockets "__fish_seen_subcommand_from send console; and not $in_fleet"
 set -l registering '__fish_seen_subcommand_from serve listen'
 complete -c tessctl -n $to_sockets -s p -l port -x -a 'ipc xcp' -d 'Socket to use'
 complete -c tessctl -n $to_send -l tag -x -d 'Tag that goes with the lines'
@@ -76,3 +78,8 @@ complete -c tessctl -n '__fish_seen_subcommand_from com2' -s n -l no-newline -d 
 complete -c tessctl -n '__fish_seen_subcommand_from reset' -l reinit -x -a '(uname -n)' -d 'Re-initialise the version first'
 complete -c tessctl -n '__fish_seen_subcommand_from reset' -l yes -d 'Do not ask'
 complete -c tessctl -n '__fish_seen_subcommand_from help' -a "$commands"
+complete -c tessctl -n "$in_fleet; and not __fish_seen_subcommand_from send status" -a 'send status'
+complete -c tessctl -n "$in_fleet; and __fish_seen_subcommand_from send status" -l group -x -d 'The devices of this group'
+complete -c tessctl -n "$in_fleet; and __fish_seen_subcommand_from send status" -s w -l wait -x -d 'How long to wait for all'
+complete -c tessctl -n "$in_fleet; and __fish_seen_subcommand_from send status" -l config -r -F -d 'How the broker is reached'
+complete -c tessctl -n "$in_fleet; and __fish_seen_subcommand_from send" -l all -d 'All devices'

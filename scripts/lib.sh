@@ -22,7 +22,7 @@ JOBS=$(nproc)
 ROOMS=(framework common connections ports commands daemon examples tools tests bench)
 PYTHON=/usr/bin/python3 # Debian's, which sees Debian's packages; another one may come first in PATH
 BUILD_PACKAGES=(g++ cmake ninja-build libgtest-dev libgmock-dev libcli11-dev nlohmann-json3-dev
-    libedit-dev libncurses-dev pkg-config python3)
+    libedit-dev libmosquitto-dev libncurses-dev pkg-config python3)
 export PYTHONDONTWRITEBYTECODE=1
 failures=
 

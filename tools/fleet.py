@@ -46,6 +46,7 @@ use_identity_as_username true
 acl_file {FOLDER}/acl
 user root
 persistence false
+set_tcp_nodelay true
 """
 
 # A device may hear what is for it, and speak for itself; an operator may do both for all.

@@ -18,7 +18,7 @@ from terminal import Terminal  # of tools/
 PACKAGING = PROJECT / "packaging"
 TESSCTL = BUILD / "bin/tessctl"
 COMMANDS = ["send", "console", "serve", "listen", "check", "ping", "status", "list", "who", "metrics", "watch", "top"]
-COMMANDS += ["close", "com2", "reset", "stop", "help"]
+COMMANDS += ["close", "com2", "reset", "stop", "fleet", "help"]
 PATIENCE = 60  # seconds: a shell on a busy machine
 
 Shell = Callable[[str], list[str]]
@@ -128,6 +128,10 @@ LINES = {
     "tessctl watch --name=T": ["THERM"],
     "tessctl listen E": ["ENC"],
     "tessctl send s3.T": ["s3.THERM"],
+    "tessctl fleet ": ["send", "status"],
+    "tessctl fleet send --a": ["--all"],
+    "tessctl fleet status --g": ["--group"],
+    "tessctl fleet send --wait ": [],
     "tessctl reset --reinit ": [os.uname().nodename],
 }
 
@@ -173,8 +177,8 @@ def test_bash_completes_a_value_where_the_sign_parts_no_words():
 @pytest.mark.skipif(not TESSCTL.exists(), reason=f"there is no {TESSCTL}")
 def test_the_options_offered_are_those_of_the_command(shell):
     wrong = {}
-    for command in COMMANDS:
-        text = subprocess.run([TESSCTL, command, "--help"], text=True, capture_output=True, check=True).stdout
+    for command in [*COMMANDS, "fleet send", "fleet status"]:
+        text = subprocess.run([TESSCTL, *command.split(), "--help"], text=True, capture_output=True, check=True).stdout
         text = text.partition("\nOptions:\n")[2].partition("\nExamples:\n")[0]
         known = {word.rstrip(",") for words in re.findall(r"(?m)^ +(-[A-Za-z],)?(--[a-z0-9-]+)", text) for word in words if word}
         assert {"--help", "--host"} <= known, text

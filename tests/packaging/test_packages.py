@@ -424,10 +424,25 @@ def control(package: pathlib.Path, field: str) -> str:
 def test_the_packages_depend_on_each_other_and_symbols_for_the_debugger_stand_beside_them():
     names = {path.name.partition("_")[0]: path for path in PACKAGES.glob("*.deb")}
     assert "python3-tess" in names
-    with_programs = {"tessd", "tess-tools", "libtess-framework1"}
+    with_programs = {"tessd", "tess-tools", "libtess-framework1", "tess-mqtt"}
     assert set(names) >= set(ALL) | {f"{name}-dbgsym" for name in with_programs}
     library = control(names["libtess-framework1"], "Version")
     assert f"libtess-framework1 (= {library})" in control(names["libtess-dev"], "Depends").split(", ")
+
+
+def test_the_bridge_waits_for_its_settings(tmp_path):
+    package = next(PACKAGES.glob("tess-mqtt_*.deb"))
+    assert f"tessd (= {control(package, 'Version')})" in control(package, "Depends").split(", ")
+    run("dpkg-deb", "-R", package, tmp_path)
+    assert (tmp_path / "DEBIAN/conffiles").read_text().split() == ["/etc/tess/mqtt.conf"]
+    assert "systemctl enable" not in (script := (tmp_path / "DEBIAN/postinst").read_text()) and "chmod 640" in script
+    settings = [line for line in (tmp_path / "etc/tess/mqtt.conf").read_text().splitlines() if line and line[0] != "#"]
+    assert settings == []
+    # Every setting is right as it stands there, once it is wanted: but those that contradict each other.
+    text = re.sub(r"(?m)^#(?=\w+ = )(?!plain|psk)", "", (tmp_path / "etc/tess/mqtt.conf").read_text())
+    (tmp_path / "mqtt.conf").write_text(text)
+    said = run(tmp_path / "usr/sbin/tess-mqtt", "--config", tmp_path / "mqtt.conf", "--check")
+    assert said.endswith("device d1, broker broker.example:8883, with TLS\n"), said
 
 
 def test_the_symbols_file_has_what_the_library_exports(tmp_path):

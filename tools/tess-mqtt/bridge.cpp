@@ -23,7 +23,7 @@ using std::chrono::seconds;
 
 constexpr milliseconds FIRST_PAUSE{500};
 constexpr seconds LONGEST_LINK_PAUSE{10};
-constexpr seconds ATTEMPT{4};
+constexpr seconds ATTEMPT{8}; // TCP tries at 0, 1, 3 and 7 s
 constexpr std::size_t MOST_ANSWERS = 1024;
 constexpr seconds BETWEEN_WISHES{5}; // to watch: tessd forgets when it ends
 constexpr seconds STATE_INTERVAL{60};

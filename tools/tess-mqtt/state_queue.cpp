@@ -12,6 +12,7 @@
 #include <utility>
 
 #include "framework/fixed_text.h"
+#include "framework/sleep.h"
 #include "framework/tess_messages.h"
 #include "tools/tessctl/daemon_client.h"
 
@@ -21,6 +22,8 @@ namespace {
 constexpr long FIRST_ADDRESS = 1'000'000'000;
 constexpr long ADDRESS_STEP = 5'000'000; // more than there are process numbers
 constexpr int MOST_TRIES = 100;
+constexpr int LOCK_TRIES = 20;
+constexpr int LOCK_PAUSE_MS = 10;
 
 sockaddr_un nameOf(const std::string& path)
 {
@@ -30,13 +33,24 @@ sockaddr_un nameOf(const std::string& path)
     return name;
 }
 
+/// Others who open a queue keep the lock for a moment.
+bool isLocked(int directory)
+{
+    for (int tries = 0; tries < LOCK_TRIES; ++tries) {
+        if (::flock(directory, LOCK_EX | LOCK_NB) == 0) return true;
+        if (errno != EWOULDBLOCK) return false;
+        Sleep(LOCK_PAUSE_MS);
+    }
+    return false;
+}
+
 } // namespace
 
 /// With the directory locked, so that nobody takes the address meanwhile.
 bool StateQueue::bindTo(long address)
 {
     const Fd lock(::open(queueDirectory().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (lock.get() < 0 || ::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) return false;
+    if (lock.get() < 0 || !isLocked(lock.get())) return false;
     path_ = queuePath(address);
     if (queueError(address) == ECONNREFUSED) (void)::unlink(path_.c_str()); // its owner is dead
     const sockaddr_un name = nameOf(path_);

@@ -340,6 +340,7 @@ private:
                            const std::string& examples, Runner runner)
     {
         CLI::App& made = *fleet.add_subcommand(name, what);
+        made.set_version_flag("-V,--version", VERSION);
         made.footer("Examples:\n" + examples + "\nThe manual has more: man tessctl");
         made.callback([this, runner = std::move(runner)] { run_ = runner; });
         addHost(made);
