@@ -10,6 +10,8 @@
 #   sanitizer_options           exports what the sanitizers are told
 #   fault_tests PRESET [OPTION...]
 #                               runs tests/faults with these options for pytest
+#   find_mosquitto              puts the broker into PATH; unpacked in the build folder where it is not installed, because
+#                               installed it would start as a service of this machine
 #   build PRESET [TARGET...]    configures and builds; to be used with step or check. With CI in the environment warnings are
 #                               errors
 
@@ -52,6 +54,23 @@ need_packages()
         cat "$LOGS/packages.log" >&2
         exit 1
     fi
+}
+
+find_mosquitto()
+{
+    local unpacked=$PWD/build/mosquitto archives=$PWD/build/mosquitto-archives root=()
+    export PATH=$PATH:/usr/sbin
+    if command -v mosquitto >/dev/null; then return; fi
+    if [ "$(id -u)" -ne 0 ]; then root=(sudo); fi
+    if [ ! -x "$unpacked/usr/sbin/mosquitto" ]; then
+        mkdir -p "$archives/partial" "$unpacked"
+        "${root[@]}" apt-get -q -y --no-install-recommends --download-only -o Dir::Cache::archives="$archives" \
+            install mosquitto >"$LOGS/mosquitto.log" 2>&1
+        find "$archives" -name '*.deb' -exec dpkg-deb -x {} "$unpacked" \;
+    fi
+    export PATH=$PATH:$unpacked/usr/sbin:$unpacked/usr/bin
+    LD_LIBRARY_PATH=${LD_LIBRARY_PATH:+$LD_LIBRARY_PATH:}$(find "$unpacked/usr/lib" -maxdepth 1 -type d -name '*-linux-gnu*')
+    export LD_LIBRARY_PATH
 }
 
 check()

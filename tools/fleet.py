@@ -453,9 +453,11 @@ def measure(fleet: Fleet, results: dict) -> None:
     echo.kill()
     echo.wait()
     count = len(fleet.devices)
+    before = broker_seconds(fleet)
     several = [fleet.load("ask", conf, "tess/all/command", "s3.ENC GETX", "1", "1", str(count)) for _ in range(10)]
+    each_us = (broker_seconds(fleet) - before) / len(several) / count * 1e6
     took = [each["median_ms"] for each in several]
-    results["all"] = {"devices": count, "median_ms": statistics.median(took), "most_ms": max(took)}
+    results["all"] = {"devices": count, "median_ms": statistics.median(took), "most_ms": max(took), "broker_us_a_device": each_us}
     print(
         f"  one publish to all {count}: all answered after {statistics.median(took):.0f} ms (10 times, most {max(took):.0f} ms)"
     )
@@ -556,6 +558,7 @@ def break_things(fleet: Fleet, results: dict, dice: random.Random) -> list[str]:
     operator.online.clear()
     fleet.broker.start()
     took["broker killed"] = wait_until(lambda: sum(operator.online.values()) == count, "all are online again")
+    results["broker_ms_a_connection"] = broker_seconds(fleet) / count * 1e3
 
     time.sleep(2)
     some = dice.sample(fleet.devices, max(1, count // 5))
@@ -587,6 +590,7 @@ def break_things(fleet: Fleet, results: dict, dice: random.Random) -> list[str]:
     time.sleep(8)  # what is under way has its answer, or none
     operator.close()
     results["online_again_s"] = took
+    print(f"  each connection costs the broker {results['broker_ms_a_connection']:.1f} ms of processor time")
     for what, seconds in took.items():
         print(f"  {what:15} all online again after {seconds:.1f} s")
     return judge(fleet, operator, asking, took, results)

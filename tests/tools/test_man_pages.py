@@ -52,7 +52,7 @@ def help_of_tessctl() -> dict[str, set[str]]:
     for part in ("send", "status"):
         text = subprocess.run([TESSCTL, "fleet", part, "--help"], check=True, stdout=subprocess.PIPE, text=True).stdout
         options = re.findall(r"(?m)^ +(-[^ ]+)", text.partition("\nOptions:\n")[2].partition("\nExamples:\n")[0])
-        found["fleet"] |= {name for option in options for name in option.split(",")}
+        found["fleet"] |= {name for option in options for name in option.split(",")} - {"--help-all"}
     return found
 
 
