@@ -196,6 +196,18 @@ def test_a_refusal_is_told_from_others_although_its_tag_is_anybodys(bridge, slow
             assert (answer.correlation, answer.status, answer.text) == (b"mine%d" % number, "answered", "mine")
 
 
+def test_a_frame_tells_whether_a_process_or_tessd_has_answered(tessd, therm):
+    """What the bridge goes by."""
+    with XcpClient() as client:
+        client.send_frame(b"s3.THERM GET\n", tag=7)
+        answer = client.receive_frame()
+        assert (answer.kind, answer.sender, answer.tag, answer.line) == (wire.REPLY, 2100, 7, b"20\r\n\r\n"), answer
+        for line in (b"*", b"$", b"s3.NONE x", b"DELAY", b"DELAY x", b"RESET nonsense"):
+            client.send_frame(line + b"\n", tag=7)
+            answer = client.receive_frame()
+            assert answer.kind == wire.TEXT_KIND, (line, answer)
+
+
 def test_a_full_queue_is_refused(bridge, slow, ask):
     slow.fill(2200)
     answer = ask.ask("s3.SLOW GO", b"full")
