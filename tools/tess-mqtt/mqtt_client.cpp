@@ -248,7 +248,7 @@ void MqttClient::setTimeLimit() const
 
 std::string MqttClient::whyEnded(int result)
 {
-    const std::string why = lastError_.empty() ? failureText(result) : lastError_;
+    std::string why = lastError_.empty() ? failureText(result) : lastError_;
     drop();
     return why;
 }

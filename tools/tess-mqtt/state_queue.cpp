@@ -66,7 +66,7 @@ std::string StateQueue::open()
     for (int tries = 0; tries < MOST_TRIES && queueError(address) == 0; ++tries)
         address += ADDRESS_STEP;
     if (fd_.get() >= 0 && bindTo(address)) return {};
-    const std::string why = queuePath(address) + ": " + std::strerror(errno);
+    std::string why = queuePath(address) + ": " + std::strerror(errno);
     fd_.reset();
     path_.clear();
     return why;
