@@ -16,7 +16,7 @@ std::string takeBroker(BrokerSettings& settings, const std::string& value)
     settings.host = value.substr(0, hasPort ? colon : std::string::npos);
     if (isBracketed && settings.host.ends_with(']')) settings.host = settings.host.substr(1, settings.host.size() - 2);
     settings.port = 0;
-    const std::string problem = "is HOST or HOST:PORT";
+    std::string problem = "is HOST or HOST:PORT";
     if (settings.host.empty()) return problem;
     if (!hasPort) return {};
     const std::string digits = value.substr(colon + 1);
