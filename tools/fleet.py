@@ -12,9 +12,11 @@ from __future__ import annotations
 
 import argparse
 import contextlib
+import itertools
 import json
 import os
 import random
+import re
 import shutil
 import signal
 import socket
@@ -64,15 +66,14 @@ pattern write tess/%u/event
 pattern write tess/answer/#
 """
 
-HOW_TO_TRY_MORE = f"""\
-Try more, in the shell that scripts/fleet opens when it has a terminal:
-    tessctl fleet status                        which devices there are
-    tessctl fleet send 's3.ENC SETX 5' --all    a command to all of them
-    tessctl fleet send 's3.ENC GETX' d1 --json  to one
-    mosquitto_sub $TLS -t 'tess/#' -v           everything that passes the broker
-    {FOLDER}/rr tess/d1/command 's3.ENC GETX'   mosquitto_rr with all that it wants
-    less {FOLDER}/d1.conf {FOLDER}/acl          how a bridge and the broker are configured
-"""
+TRIES = [
+    ("tessctl fleet status", "which devices there are"),
+    ("tessctl fleet send 's3.ENC SETX 5' --all", "a command to all of them"),
+    ("tessctl fleet send 's3.ENC GETX' d1 --json", "to one"),
+    ("mosquitto_sub $TLS -t 'tess/#' -v", "everything that passes the broker"),
+    (f"{FOLDER}/rr tess/d1/command 's3.ENC GETX'", "mosquitto_rr with all that it wants"),
+    (f"less {FOLDER}/d1.conf {FOLDER}/acl", "how a bridge and the broker are configured"),
+]
 
 
 class FleetError(RuntimeError):
@@ -389,32 +390,50 @@ class Fleet:
 # Showing
 
 
+def shown(words: list[str]) -> str:
+    """As one would type it, in several lines where it is long."""
+    line = " ".join(f"'{word}'" if set(word) & set(" *|$") else word for word in words)
+    return line if len(line) < 90 else re.sub(r" (?=(--cafile|-e|-t) )", " \\\n      ", line)
+
+
 def show(title: str, *command: str) -> None:
-    shown = " ".join(f"'{word}'" if set(word) & set(" *|") else word for word in command)
-    print(f"\n{title}\n  $ {shown}", flush=True)
+    print(f"\n{title}\n  $ {shown([*command])}", flush=True)
     done = subprocess.run([*command], text=True, capture_output=True, check=False)
     print("".join(f"  {line}\n" for line in (done.stdout + done.stderr).splitlines()), end="", flush=True)
     if done.returncode != 0:
         raise FleetError(f"status {done.returncode}")
 
 
-def demo(fleet: Fleet) -> None:
+def make_rr() -> str:
+    """mosquitto_rr, with other correlation data each time."""
     rr = f"{FOLDER}/rr"
     with open(rr, "w", encoding="ascii") as file:
         answer = "-e tess/answer/$$ -D publish correlation-data $$-$(date +%N) -F '%P | %p' -W 10"
         file.write(f'#!/bin/sh\nexec mosquitto_rr {" ".join(TLS_OPTIONS)} {answer} -t "$1" -m "$2"\n')
     os.chmod(rr, 0o755)
+    return rr
+
+
+def demo(fleet: Fleet) -> None:
     os.environ["TESS_FLEET"] = f"{FOLDER}/operator.conf"
     os.environ["PATH"] = f"{fleet.bin_folder}:{os.environ['PATH']}"
+    rr = make_rr()
     count = len(fleet.devices)
     wait_until(lambda: run_status() == count, "all devices are online")
     print(f"{count} devices are online at a mosquitto with TLS, each in namespaces of its own.")
-    show("A command over the broker, by mosquitto_rr, which knows nothing of us:", rr, "tess/d1/command", "s3.ENC SETX 5")
-    show("And what it has set; an answer tells its status, its time and the device:", rr, "tess/d1/command", "s3.ENC GETX")
+    show(
+        "A command over the broker, by mosquitto_rr, which knows nothing of us:",
+        *("mosquitto_rr", *TLS_OPTIONS, "-e", "tess/answer/me", "-D", "publish", "correlation-data", "1", "-F", "%P | %p"),
+        *("-W", "10", "-t", "tess/d1/command", "-m", "s3.ENC SETX 5"),
+    )
+    print(f"\n{rr} is that, with other correlation data each time; what comes back is status, time, device | answer.")
+    show("What the command has set:", rr, "tess/d1/command", "s3.ENC GETX")
     show("Somebody who is not there:", rr, "tess/d1/command", "s3.NOBODY GETX")
     show("Who is there:", "tessctl", "fleet", "status")
     show("A command to all of them:", "tessctl", "fleet", "send", "s3.ENC GETX", "--all")
-    print(f"\n{HOW_TO_TRY_MORE}", flush=True)
+    print("\nTry more, in the shell that scripts/fleet opens when it has a terminal:")
+    for command, why in TRIES:
+        print(f"    {command:44} {why}", flush=True)
     if os.isatty(0):
         os.environ["TLS"] = " ".join(TLS_OPTIONS)
         with open(f"{FOLDER}/bashrc", "w", encoding="ascii") as file:
@@ -522,27 +541,32 @@ class Asking:
         self._thread.join()
 
 
-def answer_of(operator: Operator, device: Device, number: list[int] = [0]) -> bool:
-    """Whether the device answers now."""
-    number[0] += 1
-    name = f"look{number[0]}"
-    operator.send(f"tess/{device.name}/command", "*", name, 2)
+def answering(operator: Operator, devices: list[Device], what: str) -> list[Device]:
+    """Those of them that answer now; all are asked at once."""
+    names = {device: f"look-{what}-{device.name}" for device in devices}
+    for device, name in names.items():
+        operator.send(f"tess/{device.name}/command", "*", name, 2)
+
+    def answered(device: Device) -> bool:
+        return any(status == "answered" for _, status, _ in operator.answers.get(names[device], []))
+
     end = time.monotonic() + 0.5
-    while time.monotonic() < end:
-        if any(status == "answered" for _, status, _ in operator.answers.get(name, [])):
-            return True
+    while time.monotonic() < end and not all(map(answered, devices)):
         time.sleep(0.01)
-    return False
+    return [device for device in devices if answered(device)]
 
 
-def time_until_online(operator: Operator, devices: list[Device], start: float, what: str) -> float:
-    """Until each of them has answered."""
+def time_until_online(operator: Operator, devices: list[Device], what: str) -> float:
+    """From now until each of them has answered."""
+    start = time.monotonic()
     left = list(devices)
-    while left:
-        left = [device for device in left if not answer_of(operator, device)]
+    for attempt in itertools.count():
+        there = answering(operator, left, f"{what}{attempt}")
+        left = [device for device in left if device not in there]
+        if not left:
+            return time.monotonic() - start
         if time.monotonic() - start > PATIENCE:
-            raise FleetError(f"{what}: {[device.name for device in left]} do not answer")
-    return time.monotonic() - start
+            raise FleetError(f"after it was {what}: {[device.name for device in left]} do not answer")
 
 
 def break_things(fleet: Fleet, results: dict, dice: random.Random) -> list[str]:
@@ -576,7 +600,7 @@ def break_things(fleet: Fleet, results: dict, dice: random.Random) -> list[str]:
     time.sleep(20)
     for device in some:
         device.mend()
-    took["network cut"] = time_until_online(operator, some, time.monotonic(), "after the network was cut")
+    took["network cut"] = time_until_online(operator, some, "cut")
 
     some = dice.sample(fleet.devices, max(1, count // 5))
     for device in some:
@@ -584,7 +608,7 @@ def break_things(fleet: Fleet, results: dict, dice: random.Random) -> list[str]:
     time.sleep(1)
     for device in some:
         device.start("tessd")
-    took["tessd killed"] = time_until_online(operator, some, time.monotonic(), "after tessd was killed")
+    took["tessd killed"] = time_until_online(operator, some, "killed")
 
     asking.stop()
     time.sleep(8)  # what is under way has its answer, or none

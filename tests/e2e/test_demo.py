@@ -1,4 +1,4 @@
-"""What scripts/run shows, and what its shell lets a newcomer do."""
+"""What scripts/run and scripts/fleet show, and what their shells let a newcomer do."""
 
 from __future__ import annotations
 
@@ -10,6 +10,7 @@ import sys
 import pytest
 
 from harness import settings
+from harness.mqtt import needs_bridge
 from harness.terminal import Terminal
 
 # A terminal's program gets no environment from us but this.
@@ -20,6 +21,8 @@ DEMO = (
     os.path.join(settings.PROJECT, "tools/demo.py"),
     settings.BIN_DIR,
 )
+PATHS = [f"{name}={os.environ[name]}" for name in ("PATH", "LD_LIBRARY_PATH") if name in os.environ]
+FLEET = (*DEMO[:2], *PATHS, sys.executable, os.path.join(settings.PROJECT, "tools/fleet.py"), settings.BIN_DIR, "2")
 PROMPT = b"[inside the device]"
 
 pytestmark = pytest.mark.skipif(settings.emulated(), reason="the demo starts programs of this machine only")
@@ -99,4 +102,30 @@ def test_in_its_shell_every_port_can_be_tried_by_hand():
             newcomer.expect(answer)
         newcomer.type(b"exit\r")
         newcomer.expect(b"tessd and the example process have stopped.\r\n")
+        assert newcomer.expect_end() == 0
+
+
+@needs_bridge
+def test_a_fleet_of_two_answers_over_tls_one_at_a_time_and_both_at_once():
+    done = subprocess.run(FLEET, stdin=subprocess.DEVNULL, capture_output=True, text=True, timeout=100 * settings.SLOW)
+    assert (done.returncode, done.stderr) == (0, ""), done.stdout + done.stderr
+    answers = [re.sub(r"ms:\d+", "ms:N", line.strip()) for line in done.stdout.splitlines() if line.startswith("  status:")]
+    assert answers == [
+        "status:answered ms:N device:d1 | 0",
+        "status:answered ms:N device:d1 | 5",
+        "status:refused ms:N device:d1 | ?",
+    ]
+    assert re.search(r"d1 +answered +\d+ +5\n +d2 +answered +\d+ +0\n +2 answered\n", done.stdout), done.stdout
+
+
+@needs_bridge
+def test_in_the_shell_of_a_fleet_what_it_names_can_be_tried():
+    with Terminal(*FLEET) as newcomer:
+        newcomer.expect(b"fleet$ ", within=60)
+        newcomer.type(b"tessctl fleet send 's3.ENC SETX 7' --all\r")
+        newcomer.expect(b"2 answered", within=20)
+        newcomer.expect(b"fleet$ ", within=20)
+        newcomer.type(b"/tmp/fleet/rr tess/d2/command 's3.ENC GETX'\r")
+        newcomer.expect(b"device:d2 | 7", within=20)
+        newcomer.type(b"exit\r")
         assert newcomer.expect_end() == 0

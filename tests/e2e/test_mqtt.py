@@ -301,6 +301,7 @@ def test_an_offline_device_answers_nothing_and_its_status_says_so(bridge, ask):
     bridge.kill()
     ask.wait_for("tess/d1/status", "offline")
     ask.send("*", b"nobody")
+    ask.wait_taken()  # or it comes to the broker after the bridge has
     bridge.start()
     ask.wait_for("tess/d1/status", "online")
     ask.expect_nothing_more()  # nobody's request has been kept for it

@@ -183,7 +183,12 @@ class Requester:
         what = Properties(PacketTypes.PUBLISH)
         for name, value in properties.items():
             setattr(what, name, value)
-        self._client.publish(topic, payload, qos, retain, what)
+        self._last = self._client.publish(topic, payload, qos, retain, what)
+
+    def wait_taken(self, within: float = 10) -> None:
+        """Until the broker has what was published last."""
+        self._last.wait_for_publish(Deadline(within).seconds)
+        assert self._last.is_published(), "the broker has not acknowledged it"
 
     def send(
         self,
