@@ -44,7 +44,7 @@ public:
     std::string start()
     {
         if (started_ == 0) begin_ = instantNow();
-        const std::string name = std::to_string(++started_);
+        std::string name = std::to_string(++started_);
         open_[name] = {instantNow(), answers_};
         return name;
     }

@@ -1,3 +1,4 @@
+#include <array>
 #include <cstdlib>
 #include <iostream>
 #include <string>
@@ -64,9 +65,8 @@ Options optionsOf(int argc, char** argv)
 
 std::string hostName()
 {
-    std::string name(256, '\0');
-    if (::gethostname(name.data(), name.size() - 1) != 0) return {};
-    return name.c_str();
+    std::array<char, 256> name{};
+    return ::gethostname(name.data(), name.size() - 1) == 0 ? name.data() : "";
 }
 
 /// A file of the service's own, which is gone after a restart of the device.

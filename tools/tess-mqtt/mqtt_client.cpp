@@ -1,5 +1,6 @@
 #include "tools/tess-mqtt/mqtt_client.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -116,7 +117,7 @@ struct MqttClient::Callbacks {
     static void onConnect(mosquitto*, void* self, int reason, int, const mosquitto_property*) noexcept
     {
         auto& client = *static_cast<MqttClient*>(self);
-        if (reason == 0) return client.subscribe();
+        if (reason == 0) return client.later([&client] { client.subscribe(); });
         client.lastError_ = std::string("the broker refuses: ") + mosquitto_reason_string(reason);
     }
 
@@ -124,22 +125,22 @@ struct MqttClient::Callbacks {
                             const mosquitto_property*) noexcept
     {
         auto& client = *static_cast<MqttClient*>(self);
-        for (int i = 0; i < count && static_cast<std::size_t>(i) < client.subscriptions_.size(); ++i)
-            if (granted[i] >= FIRST_ERROR)
-                client.handlers_.onNotSubscribed(client.subscriptions_[static_cast<std::size_t>(i)]);
-        client.connected_ = true;
-        client.handlers_.onConnected();
+        const std::vector<int> results(granted, granted + count);
+        client.later([&client, results] { client.onSubscribed(results); });
     }
 
     static void onMessage(mosquitto*, void* self, const mosquitto_message* message,
                           const mosquitto_property* list) noexcept
     {
-        static_cast<MqttClient*>(self)->handlers_.onMessage(publicationOf(*message, list));
+        auto& client = *static_cast<MqttClient*>(self);
+        client.later(
+            [&client, publication = publicationOf(*message, list)] { client.handlers_.onMessage(publication); });
     }
 
     static void onPublish(mosquitto*, void* self, int number, int, const mosquitto_property*) noexcept
     {
-        static_cast<MqttClient*>(self)->handlers_.onAcknowledged(number);
+        auto& client = *static_cast<MqttClient*>(self);
+        client.later([&client, number] { client.handlers_.onAcknowledged(number); });
     }
 
     static void onDisconnect(mosquitto*, void* self, int reason, const mosquitto_property*) noexcept
@@ -230,7 +231,7 @@ std::string MqttClient::connect()
     lastError_.clear();
     handle_.reset(mosquitto_new(id_.c_str(), true, this));
     if (handle_ == nullptr) return std::strerror(errno);
-    const std::string problem = prepare();
+    std::string problem = prepare();
     if (!problem.empty()) return problem;
     const int result =
         mosquitto_connect_bind_async(handle_.get(), settings_.host.c_str(), static_cast<int>(settings_.portOrDefault()),
@@ -257,6 +258,20 @@ void MqttClient::drop()
 {
     connected_ = false;
     handle_.reset();
+    later_.clear();
+}
+
+/// libmosquitto holds locks while it calls back, and takes the same ones again in what a handler
+/// would call of it.
+void MqttClient::later(std::function<void()> action)
+{
+    later_.push_back(std::move(action));
+}
+
+void MqttClient::runLater()
+{
+    for (const std::function<void()>& action : std::exchange(later_, {}))
+        action();
 }
 
 int MqttClient::fd() const
@@ -274,8 +289,10 @@ std::string MqttClient::onReady(short events)
     if (handle_ == nullptr) return {};
     int result = MOSQ_ERR_SUCCESS;
     if ((events & ~POLLOUT) != 0) result = mosquitto_loop_read(handle_.get(), 1);
+    runLater(); // also what came before an error
     if (result == MOSQ_ERR_SUCCESS && ((events & POLLOUT) != 0 || wantsWrite()))
         result = mosquitto_loop_write(handle_.get(), 1);
+    runLater();
     if (result == MOSQ_ERR_SUCCESS && fd() < 0) result = MOSQ_ERR_CONN_LOST;
     return result == MOSQ_ERR_SUCCESS ? std::string() : whyEnded(result);
 }
@@ -286,6 +303,14 @@ std::string MqttClient::onTime()
     int result = mosquitto_loop_misc(handle_.get());
     if (result == MOSQ_ERR_SUCCESS && fd() < 0) result = MOSQ_ERR_CONN_LOST;
     return result == MOSQ_ERR_SUCCESS ? std::string() : whyEnded(result);
+}
+
+void MqttClient::onSubscribed(const std::vector<int>& results)
+{
+    for (std::size_t i = 0; i < std::min(results.size(), subscriptions_.size()); ++i)
+        if (results[i] >= FIRST_ERROR) handlers_.onNotSubscribed(subscriptions_[i]);
+    if (std::exchange(connected_, true)) return; // one is sent; a broker may answer it twice all the same
+    handlers_.onConnected();
 }
 
 void MqttClient::subscribe()

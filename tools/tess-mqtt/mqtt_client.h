@@ -76,7 +76,10 @@ private:
     std::string setTls();
     void setTimeLimit() const;
     std::string whyEnded(int result);
+    void later(std::function<void()> action);
+    void runLater();
     void subscribe();
+    void onSubscribed(const std::vector<int>& results);
 
     BrokerSettings settings_;
     std::string id_;
@@ -86,6 +89,7 @@ private:
     std::string willPayload_;
     bool retained_ = false;
     bool connected_ = false;
-    std::string lastError_; ///< as libmosquitto has logged it, or the broker has said it
+    std::string lastError_;                    ///< as libmosquitto has logged it, or the broker has said it
+    std::vector<std::function<void()>> later_; ///< what libmosquitto's callbacks want done
     std::unique_ptr<mosquitto, Free> handle_;
 };

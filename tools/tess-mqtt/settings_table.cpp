@@ -67,7 +67,8 @@ void SettingsTable::read(std::string_view text, const std::string& name) const
         const std::string_view line = trimmed(whole);
         if (line.empty() || line.front() == '#') continue;
         const std::string problem = take(line);
-        if (!problem.empty()) throw SettingsError(name + ":" + std::to_string(number) + ": " + problem);
+        if (problem.empty()) continue;
+        throw SettingsError(std::string(name).append(":").append(std::to_string(number)).append(": ").append(problem));
     }
 }
 
