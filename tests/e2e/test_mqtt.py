@@ -244,6 +244,13 @@ def test_a_duplicate_is_carried_out_once_and_answered_again(bridge, therm, ask):
     assert therm.answered == 2
 
 
+def test_another_line_with_the_same_correlation_data_is_another_request(bridge, therm, ask):
+    ask.expect("s3.THERM GET", "answered", "20", correlation=b"same")
+    ask.expect("s3.THERM LINES", "answered", "one\ntwo", correlation=b"same")
+    ask.expect("s3.THERM GET", "answered", "20", correlation=b"same")
+    assert therm.answered == 2
+
+
 def test_a_duplicate_of_what_is_under_way_is_one_with_it(bridge, slow, ask):
     for _ in range(3):
         ask.send("s3.SLOW GO", b"same")
@@ -300,8 +307,7 @@ def test_an_offline_device_answers_nothing_and_its_status_says_so(bridge, ask):
     assert status_of(ask.wait_for("tess/d1/status", "online"))["device"] == "d1"
     bridge.kill()
     ask.wait_for("tess/d1/status", "offline")
-    ask.send("*", b"nobody")
-    ask.wait_taken()  # or it comes to the broker after the bridge has
+    ask.send("*", b"nobody").wait_for_publish(10 * settings.SLOW)
     bridge.start()
     ask.wait_for("tess/d1/status", "online")
     ask.expect_nothing_more()  # nobody's request has been kept for it

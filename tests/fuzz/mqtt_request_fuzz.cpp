@@ -101,15 +101,15 @@ void checkWindow(FuzzInput& input)
         std::erase_if(model, [now](const auto& each) { return now - each.second.first >= 100; });
         const auto found = model.find(key);
         const auto expected = found == model.end() ? RecentRequests::Known::no : found->second.second;
-        fuzzCheck(recent.find(key.first, key.second, now) == expected, "what was begun is known, and nothing else");
+        fuzzCheck(recent.find({key.first, key.second}, now) == expected, "what was begun is known, and nothing else");
         if (expected == RecentRequests::Known::no) {
-            recent.begin(key.first, key.second, now);
+            recent.begin({key.first, key.second}, now);
             model[key] = {now, RecentRequests::Known::underWay};
         } else if (act % 2 == 0) {
-            recent.finish(key.first, key.second, {ReplyStatus::answered, "x"});
+            recent.finish({key.first, key.second}, {ReplyStatus::answered, "x"});
             found->second.second = RecentRequests::Known::answered;
         } else {
-            recent.forget(key.first, key.second);
+            recent.forget({key.first, key.second});
             model.erase(found);
         }
     }

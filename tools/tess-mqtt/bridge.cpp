@@ -67,6 +67,12 @@ std::vector<std::string> subscriptionsOf(const Topics& topics, EventMode mode)
     return all;
 }
 
+/// Of a request with correlation data.
+RecentRequests::Key keyOf(const Request& request)
+{
+    return {request.responseTopic, *request.correlation, request.line};
+}
+
 } // namespace
 
 /// What its parts call back.
@@ -240,9 +246,9 @@ bool Bridge::isKnown(const Request& request)
 {
     using Known = RecentRequests::Known;
     if (!request.correlation) return false;
-    const Known known = recent_.find(request.responseTopic, *request.correlation, secondsSinceStart());
+    const Known known = recent_.find(keyOf(request), secondsSinceStart());
     if (known != Known::no) ++counts_.again;
-    if (known == Known::answered) answer(request, recent_.reply(request.responseTopic, *request.correlation));
+    if (known == Known::answered) answer(request, recent_.reply(keyOf(request)));
     if (known == Known::answerLost)
         answer(request, {ReplyStatus::timeout, "Error: it was taken before, and its answer is not known any more"});
     return known != Known::no;
@@ -251,7 +257,7 @@ bool Bridge::isKnown(const Request& request)
 void Bridge::run(Request request)
 {
     const Instant now = instantNow();
-    if (request.correlation) recent_.begin(request.responseTopic, *request.correlation, secondsSinceStart());
+    if (request.correlation) recent_.begin(keyOf(request), secondsSinceStart());
     if (!link_.isOpen()) (void)openLink(now);
     runner_.take(std::move(request), now);
     if (runner_.wantsNewConnection(now)) renewLink(now);
@@ -261,9 +267,9 @@ void Bridge::onDone(const Request& request, const Reply& reply, bool begun)
 {
     if (request.correlation) {
         if (begun)
-            recent_.finish(request.responseTopic, *request.correlation, reply);
+            recent_.finish(keyOf(request), reply);
         else
-            recent_.forget(request.responseTopic, *request.correlation);
+            recent_.forget(keyOf(request));
     }
     answer(request, reply);
 }

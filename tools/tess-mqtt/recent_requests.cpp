@@ -23,13 +23,13 @@ std::uint64_t mixed(std::uint64_t value)
     return value ^ (value >> 33);
 }
 
-std::uint64_t hash64(std::uint64_t seed, const std::string& topic, const std::string& correlation)
+std::uint64_t hash64(std::uint64_t seed, const RecentRequests::Key& key)
 {
     std::uint64_t value = seed;
-    for (const std::string* text : {&topic, &correlation}) {
-        for (const char c : *text)
+    for (const std::string_view text : {key.topic, key.correlation, key.line}) {
+        for (const char c : text)
             value = mixed((value ^ static_cast<unsigned char>(c)) * FNV_PRIME);
-        value = mixed(value ^ text->size()); // where the one ends and the other begins
+        value = mixed(value ^ text.size()); // where the one ends and the next begins
     }
     return value;
 }
@@ -52,9 +52,9 @@ RecentRequests::~RecentRequests()
     if (mapped_) (void)::munmap(slots_, SLOTS * sizeof(Slot));
 }
 
-RecentRequests::Hash RecentRequests::hashOf(const std::string& topic, const std::string& correlation)
+RecentRequests::Hash RecentRequests::hashOf(const Key& key)
 {
-    return {hash64(FIRST_SEED, topic, correlation), hash64(SECOND_SEED, topic, correlation)};
+    return {hash64(FIRST_SEED, key), hash64(SECOND_SEED, key)};
 }
 
 void RecentRequests::map(const std::string& file)
@@ -62,6 +62,7 @@ void RecentRequests::map(const std::string& file)
     const Fd fd(::open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
     constexpr std::size_t bytes = SLOTS * sizeof(Slot);
     if (fd.get() < 0 || ::ftruncate(fd.get(), bytes) != 0) return;
+    if (::posix_fallocate(fd.get(), 0, bytes) != 0) return; // a page without room would end the program when written to
     void* const at = ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
     if (at == MAP_FAILED) return;
     slots_ = static_cast<Slot*>(at);
@@ -71,11 +72,13 @@ void RecentRequests::map(const std::string& file)
 /// What the process before this one has begun; how it was answered is not known any more.
 void RecentRequests::readSlots()
 {
-    const auto begunBefore = [](const Slot& a, const Slot& b) { return a.begun < b.begun; };
-    next_ = static_cast<std::size_t>(std::max_element(slots_, slots_ + SLOTS, begunBefore) - slots_ + 1) % SLOTS;
+    const Slot* const last =
+        std::max_element(slots_, slots_ + SLOTS, [](const Slot& a, const Slot& b) { return a.number < b.number; });
+    lastNumber_ = last->number;
+    next_ = static_cast<std::size_t>(last - slots_ + 1) % SLOTS;
     for (std::size_t i = 0; i < SLOTS; ++i) {
         const std::size_t slot = (next_ + i) % SLOTS;
-        if (slots_[slot].begun == 0) continue;
+        if (slots_[slot].begun <= 0) continue;
         entries_[slots_[slot].hash] = {slot, Known::answerLost, {}};
         order_.push_back(slot);
     }
@@ -101,43 +104,58 @@ void RecentRequests::dropOld(std::int64_t now)
     }
 }
 
-RecentRequests::Known RecentRequests::find(const std::string& topic, const std::string& correlation, std::int64_t now)
+RecentRequests::Known RecentRequests::find(const Key& key, std::int64_t now)
 {
     dropOld(now);
-    const auto found = entries_.find(hashOf(topic, correlation));
+    const auto found = entries_.find(hashOf(key));
     return found == entries_.end() ? Known::no : found->second.known;
 }
 
-const Reply& RecentRequests::reply(const std::string& topic, const std::string& correlation)
+const Reply& RecentRequests::reply(const Key& key)
 {
-    return entries_.at(hashOf(topic, correlation)).reply;
+    return entries_.at(hashOf(key)).reply;
 }
 
-void RecentRequests::begin(const std::string& topic, const std::string& correlation, std::int64_t now)
+void RecentRequests::begin(const Key& key, std::int64_t now)
 {
-    forget(topic, correlation);
+    forget(key);
     drop(next_);
     if (!order_.empty() && order_.front() == next_) order_.pop_front();
-    const Hash hash = hashOf(topic, correlation);
-    slots_[next_] = {hash, std::max<std::int64_t>(now, 1)};
+    const Hash hash = hashOf(key);
+    slots_[next_] = {hash, std::max<std::int64_t>(now, 1), ++lastNumber_};
     entries_[hash] = {next_, Known::underWay, {}};
     order_.push_back(next_);
     next_ = (next_ + 1) % SLOTS;
 }
 
-void RecentRequests::finish(const std::string& topic, const std::string& correlation, const Reply& reply)
+void RecentRequests::finish(const Key& key, const Reply& reply)
 {
-    const auto found = entries_.find(hashOf(topic, correlation));
+    const Hash hash = hashOf(key);
+    const auto found = entries_.find(hash);
     if (found == entries_.end()) return;
-    const bool fits = textBytes_ + reply.text.size() <= MOST_TEXT_BYTES;
+    const bool fits = reply.text.size() <= MOST_TEXT_BYTES;
     found->second.known = fits ? Known::answered : Known::answerLost;
     if (!fits) return;
+    textBytes_ += reply.text.size() - found->second.reply.text.size();
     found->second.reply = reply;
-    textBytes_ += reply.text.size();
+    answered_.push_back(hash);
+    dropOldReplies();
 }
 
-void RecentRequests::forget(const std::string& topic, const std::string& correlation)
+void RecentRequests::dropOldReplies()
 {
-    const auto found = entries_.find(hashOf(topic, correlation));
+    while (textBytes_ > MOST_TEXT_BYTES || answered_.size() > SLOTS) {
+        const auto found = entries_.find(answered_.front());
+        answered_.pop_front();
+        if (found == entries_.end()) continue;
+        textBytes_ -= found->second.reply.text.size();
+        found->second.reply = {};
+        if (found->second.known == Known::answered) found->second.known = Known::answerLost;
+    }
+}
+
+void RecentRequests::forget(const Key& key)
+{
+    const auto found = entries_.find(hashOf(key));
     if (found != entries_.end()) drop(found->second.slot);
 }

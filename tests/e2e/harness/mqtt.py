@@ -179,16 +179,11 @@ class Requester:
                 return got[1]
             seen.append(got)
 
-    def publish(self, topic: str, payload: str | bytes, retain: bool = False, qos: int = 1, **properties: object) -> None:
+    def publish(self, topic: str, payload: str | bytes, retain: bool = False, qos: int = 1, **properties: object) -> paho.MQTTMessageInfo:
         what = Properties(PacketTypes.PUBLISH)
         for name, value in properties.items():
             setattr(what, name, value)
-        self._last = self._client.publish(topic, payload, qos, retain, what)
-
-    def wait_taken(self, within: float = 10) -> None:
-        """Until the broker has what was published last."""
-        self._last.wait_for_publish(Deadline(within).seconds)
-        assert self._last.is_published(), "the broker has not acknowledged it"
+        return self._client.publish(topic, payload, qos, retain, what)
 
     def send(
         self,
@@ -197,13 +192,13 @@ class Requester:
         device: str = "d1",
         expiry: int | None = None,
         topic: str = "",
-    ) -> None:
+    ) -> paho.MQTTMessageInfo:
         properties: dict[str, object] = {"ResponseTopic": self.topic}
         if correlation is not None:
             properties["CorrelationData"] = correlation
         if expiry is not None:
             properties["MessageExpiryInterval"] = expiry
-        self.publish(topic or f"tess/{device}/command", line, **properties)
+        return self.publish(topic or f"tess/{device}/command", line, **properties)
 
     def receive(self, within: float = 10) -> Answer:
         deadline = Deadline(within)
