@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include "commands/delayed_line.h"
+
+static_assert(CommandFilter::MOST_DELAYED_BYTES == DELAYED_LINE_BYTES - 1);
+
 TEST(CommandFilter, MatchesPatternsOverTheWholeText)
 {
     struct Row {
@@ -78,6 +82,63 @@ TEST(CommandFilter, GoesByTheFirstRuleThatMatchesForEachCommand)
     };
     for (const Row& row : rows)
         EXPECT_EQ(filter.allows(row.line), row.allowed) << row.line;
+}
+
+TEST(CommandFilter, LetsAStarOfAnAllowedPatternTakeNoBlankButAtItsEnd)
+{
+    struct Row {
+        const char* rule;
+        const char* line;
+        bool allowed;
+    };
+    constexpr Row rows[] = {
+        {"allow s3.* GET*", "s3.ENC GETX", true},
+        {"allow s3.* GET*", "s3.ENC GETX 1 2", true},
+        {"allow s3.* GET*", "s3.ENC SETX 5 GETX", false},
+        {"allow s3.* GET*", "s3.ENC SETX 5\tGETX", false},
+        {"allow *.ENC GETX", "s3.ENC GETX", true},
+        {"allow *.ENC GETX", "*.ENC GETX", true},
+        {"allow *.ENC GETX", "SETX 5 .ENC GETX", false},
+        {"allow s3.ENC GET?", "s3.ENC GETX", true},
+        {"allow s3.EN? GETX", "s3.EN  GETX", false},
+        {"allow s3.*C GET", "s3.ENCC GET", true},
+        {"allow s3.* * GET", "s3.ENC a GET", true},
+        {"allow s3.* * GET", "s3.ENC a b GET", false},
+        {"allow *", "s3.ENC SETX 5", true},
+        {"allow s3.ENC **", "s3.ENC SETX 5", true},
+    };
+    for (const Row& row : rows) {
+        CommandFilter filter;
+        EXPECT_EQ(filter.add(row.rule), "");
+        EXPECT_EQ(filter.add("deny *"), "");
+        EXPECT_EQ(filter.allows(row.line), row.allowed) << row.rule << ": " << row.line;
+    }
+    CommandFilter filter;
+    EXPECT_EQ(filter.add("deny *SETX*"), "");
+    EXPECT_FALSE(filter.allows("s3.ENC a SETX 5"));
+}
+
+TEST(CommandFilter, KnowsADelayHoweverItIsSpelt)
+{
+    CommandFilter filter;
+    EXPECT_EQ(filter.add("deny DELAY CLEAR*"), "");
+    for (const char* line : {"DELAY CLEAR", "delayclear", "DELAY\t\vCLEAR", "DelayClearing", "x| DELAYCLEAR"})
+        EXPECT_FALSE(filter.allows(line)) << line;
+    EXPECT_TRUE(filter.allows("DELAY"));
+    EXPECT_TRUE(filter.allows("DELAY5|x"));
+}
+
+TEST(CommandFilter, JudgesADelayedLineAlsoAsItIsRunWhenItIsTooLong)
+{
+    CommandFilter filter;
+    EXPECT_EQ(filter.add("deny *OFF"), "");
+    const std::string longest = std::string(252, 'x') + "OFF"; // more of a delayed line is not run
+    EXPECT_FALSE(filter.allows("DELAY 5|" + longest));
+    EXPECT_FALSE(filter.allows("DELAY 5|" + longest + "x"));
+    EXPECT_FALSE(filter.allows("s3.ENC y||delay 5||" + longest + "x|s3.ENC y"));
+    EXPECT_FALSE(filter.allows("DELAY 5|s3|" + longest.substr(3) + "x"));
+    EXPECT_TRUE(filter.allows("DELAY 5|x" + longest + "x"));
+    EXPECT_TRUE(filter.allows(longest + "x"));
 }
 
 TEST(CommandFilter, SaysWhatARuleIs)
