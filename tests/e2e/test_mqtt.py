@@ -124,6 +124,14 @@ def test_what_a_request_gets(bridge, therm, ask):
     assert therm.answered == 11  # no command more often than once
 
 
+def test_a_delayed_line_is_kept_without_a_line_end(bridge, ask):
+    ask.expect("DELAY 999:0:0:0|s3.NONE x", "answered", "OK", correlation=b"delay")
+    with XcpClient() as client:
+        client.send_frame(b"DELAY")
+        listing = client.receive_frame().line
+    assert listing.endswith(b" s3.NONE x\r\n\r\n"), listing
+
+
 def test_mosquitto_rr_is_a_whole_client(bridge, therm):
     done = subprocess.run(
         ["mosquitto_rr", "-V", "5", "-h", "127.0.0.1", "-t", "tess/d1/command", "-e", "any/topic", "-W", "10"]

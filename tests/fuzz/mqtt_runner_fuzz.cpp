@@ -85,8 +85,6 @@ private:
         const XcpFrame frame = frames_.front();
         frames_.pop_front();
         std::string_view line = frame.text;
-        fuzzCheck(line.ends_with('\n'), "a line has an end");
-        line.remove_suffix(1);
         for (;;) {
             const std::size_t end = line.find('|');
             command(line.substr(0, end), static_cast<std::uint16_t>(frame.tag));

@@ -55,7 +55,7 @@ private:
             const auto line = takeFrame(rest);
             const auto fence = takeFrame(rest);
             ASSERT_TRUE(line && fence && rest.empty());
-            sent.push_back({static_cast<std::uint16_t>(line->tag), line->text.substr(0, line->text.size() - 1)});
+            sent.push_back({static_cast<std::uint16_t>(line->tag), line->text});
             fences.push_back(fence->text);
         };
     }
@@ -80,7 +80,7 @@ TEST(CommandRunner, SendsALineWhenTheFenceBehindTheOneBeforeItIsBack)
     bench.ask("s3.B x", "b");
     ASSERT_EQ(bench.sent.size(), 1U);
     EXPECT_EQ(bench.sent[0].line, "s3.A x");
-    EXPECT_EQ(bench.fences[0], "*\n");
+    EXPECT_EQ(bench.fences[0], "*");
     bench.fence();
     ASSERT_EQ(bench.sent.size(), 2U);
     EXPECT_NE(bench.sent[0].tag, bench.sent[1].tag);
@@ -230,6 +230,31 @@ TEST(CommandRunner, WantsANewConnectionWhenTheOldOneIsAtRest)
     bench.runner.onUp(bench.now);
     EXPECT_EQ(bench.sent.size(), 1U);
     EXPECT_FALSE(bench.runner.wantsNewConnection(bench.now));
+}
+
+TEST(CommandRunner, WantsANewConnectionWhenAllTagsAreForLateAnswers)
+{
+    Bench bench(1000);
+    while (bench.sent.size() < UINT16_MAX - 1000) {
+        for (int i = 0; i < 1000; ++i) {
+            bench.ask("s3.SLOW x", "slow");
+            bench.fence();
+        }
+        bench.pass(5s);
+    }
+    ASSERT_LT(bench.now, Instant(1h) + CommandRunner::RENEWAL); // it is not the time
+    for (int i = 0; i < 1000; ++i) {
+        bench.ask("s3.SLOW x", "last");
+        bench.fence();
+    }
+    bench.pass(5s);
+    const std::size_t over = bench.over.size();
+    bench.ask("s3.A x", "a");
+    EXPECT_TRUE(bench.runner.wantsNewConnection(bench.now));
+    bench.runner.onDown(bench.now, true);
+    bench.runner.onUp(bench.now);
+    EXPECT_EQ(bench.sent.back().line, "s3.A x");
+    EXPECT_EQ(bench.over.size(), over);
 }
 
 TEST(CommandRunner, HoldsLinesBackFromAConnectionThatIsNeverAtRest)

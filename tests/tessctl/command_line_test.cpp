@@ -35,6 +35,7 @@ TEST(CommandLine, FindsTheCommandsOfALine)
         {"A| B ||C", {"A", " B ", "C"}},
         {"A|delay 5.0|B|C", {"A", "delay 5.0|B|C"}},
         {"RESET|A", {"RESET|A"}},
+        {" \tRESET|A", {"RESET|A"}}, // no line has blanks in front by then
     };
     for (const Row& row : rows)
         EXPECT_EQ(commandsOf(row.line), row.commands) << "'" << row.line << "'";

@@ -54,14 +54,20 @@ bool CommandRunner::wantsNewConnection(Instant now) const
 {
     if (!up_) return false;
     if (fence_ && now - fenceSince_ >= STUCK) return true;
-    return !waiting_.empty() && running_.empty() && !fence_ && now - upSince_ >= RENEWAL;
+    const bool isOld = now - upSince_ >= RENEWAL || !hasFreeTag();
+    return !waiting_.empty() && running_.empty() && !fence_ && isOld;
+}
+
+bool CommandRunner::hasFreeTag() const
+{
+    return running_.size() + abandoned_.size() < UINT16_MAX; // one is the fence's
 }
 
 void CommandRunner::pump(Instant now)
 {
     while (up_ && !fence_ && !waiting_.empty()) {
         const bool isToBeRenewed = wantsNewConnection(now) || now - upSince_ >= LATEST_RENEWAL;
-        if (isToBeRenewed || running_.size() + abandoned_.size() >= UINT16_MAX) return;
+        if (isToBeRenewed || !hasFreeTag()) return;
         Request request = std::move(waiting_.front());
         waiting_.pop_front();
         if (request.expires <= now)
@@ -85,7 +91,7 @@ void CommandRunner::start(Request request, Instant now)
     fence_.emplace(request.line);
     fenced_ = tag;
     fenceSince_ = now;
-    const std::string bytes = frameBytes(tag, request.line + '\n') + frameBytes(FENCE_TAG, fence_->line() + '\n');
+    const std::string bytes = frameBytes(tag, request.line) + frameBytes(FENCE_TAG, fence_->line());
     const std::size_t due = answersDue(request.line);
     running_.emplace(tag, Running{.request = std::move(request), .deadline = now + limits_.timeout, .due = due});
     send_(bytes);

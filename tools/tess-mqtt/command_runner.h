@@ -38,6 +38,7 @@ public:
 
     /// A connection is to be given up from then on when it is at rest, as answers find it by an ID
     /// that others get after many connections; and is not given new lines from LATEST_RENEWAL on.
+    /// Earlier when every tag is that of a request whose answer may still come.
     static constexpr std::chrono::minutes RENEWAL{10};
     static constexpr std::chrono::minutes LATEST_RENEWAL{15};
     /// tessd has not answered a fence for so long.
@@ -84,6 +85,7 @@ private:
     void drop(const Request& request, ReplyStatus status, const std::string& why);
     void start(Request request, Instant now);
     std::uint16_t freeTag();
+    bool hasFreeTag() const;
     void onOwnAnswer(const XcpFrame& frame, Instant now);
     void feed(Runs::iterator run, const std::string& text, Instant now);
     void take(Runs::iterator run, AnswerReader::Progress progress);

@@ -141,7 +141,7 @@ void askDirectly(const std::string& line, Progress progress)
     if (!link.open()) throw std::runtime_error("/tmp/xcp");
     for (const Instant end = instantNow() + PATIENCE; !progress.isOver();) {
         while (progress.mayStart())
-            link.send(frameBytes(static_cast<std::uint16_t>(std::stol(progress.start())), line + '\n'));
+            link.send(frameBytes(static_cast<std::uint16_t>(std::stol(progress.start())), line));
         pollfd wait{link.fd(), static_cast<short>(link.wantsWrite() ? POLLIN | POLLOUT : POLLIN), 0};
         (void)::poll(&wait, 1, 1000);
         link.flush();

@@ -14,6 +14,7 @@ struct XcpFrame {
 };
 
 /// A line on its way to tessd.
+/// @param line  without an end, which would stay in a delayed line
 std::string frameBytes(std::uint16_t tag, std::string_view line);
 
 /// Takes a whole frame from the front of what has arrived.

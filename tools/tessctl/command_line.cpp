@@ -17,7 +17,8 @@ std::string lineProblem(std::string_view line)
 
 std::vector<std::string_view> commandsOf(std::string_view line)
 {
-    if (trimmed(line).empty()) return {};
+    line = trimmedFront(line);
+    if (line.empty()) return {};
     if (beginsWithNoCase(line, "RESET")) return {line}; // whatever follows
     std::vector<std::string_view> commands;
     stringTokenizer(line, commands, "|");
