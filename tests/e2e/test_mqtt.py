@@ -457,6 +457,39 @@ def status_bytes(tessd: Daemon) -> bytes:
         return process.receive().text
 
 
+def test_events_leave_out_fences_and_nothing_else(tessd, start_bridge, therm, ask):
+    start_bridge("events = always")
+    ask.subscribe("tess/d1/event")
+    wait_until(lambda: b"watchers=1" in status_bytes(tessd), "the bridge watches", 10)
+    with XcpClient() as client:
+        client.send_frame(b"*.THERM GET")
+        client.expect_frame(b"20\r\n\r\n")
+        client.send_frame(b"$")
+        client.expect_frame(b"?\r\n")
+    ask.expect("*|s3.THERM GET", "answered", "0\n20", correlation=b"star")
+    ask.expect("$", "refused", "?", correlation=b"mine")
+    with IpcClient() as client:
+        client.ask(b"s3.THERM LAST", b"Error: no such command\r\n\r\n")
+    seen = []
+    while not seen or "s3.THERM LAST" not in seen[-1]:
+        event = json.loads(ask.wait_for("tess/d1/event", ""))
+        if event["event"] in ("line", "refuse"):
+            seen.append(f"{event['event']} {event['text']}")
+    expected = ["line *.THERM GET", "line $", "refuse $", "line *|s3.THERM GET", "line $", "refuse $", "line s3.THERM LAST"]
+    assert seen == expected, seen
+
+
+def test_a_wish_for_events_ends_also_when_the_broker_was_away(tessd, start_bridge, broker, ask):
+    bridge = start_bridge("events = asked")
+    ask.publish("tess/d1/watch", "4")
+    wait_until(lambda: b"watchers=1" in status_bytes(tessd), "the bridge watches", 10)
+    broker.kill()
+    bridge.wait_log("55011")
+    broker.start()
+    bridge.wait_connected(2)
+    wait_until(lambda: b"watchers=0" in status_bytes(tessd), "nobody watches any more", 15)
+
+
 def test_events_do_not_come_where_they_are_not_allowed(bridge, therm, ask):
     ask.subscribe("tess/d1/event")
     ask.publish("tess/d1/watch", "30")

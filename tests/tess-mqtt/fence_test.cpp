@@ -44,6 +44,14 @@ TEST(Fence, IsAStarWhereTheLineIsNotAnsweredWithZero)
     EXPECT_EQ(Fence("a|*|b").line(), "*|$|$|$");
 }
 
+TEST(Fence, IsKnownByItsLine)
+{
+    for (const char* line : {"a", "*", "a|*|b"})
+        EXPECT_TRUE(isFence(Fence(line).line())) << line;
+    for (const char* line : {"", "$", "*.ENC x", "* x", "*|", "*|$x", "*|*", "*|$|"})
+        EXPECT_FALSE(isFence(line)) << line;
+}
+
 TEST(Fence, FindsTheAnswersBeforeItWhateverTheyAre)
 {
     for (const char* line : {"*", "*|*", "a|*|b", "*|*|*|*"}) {

@@ -12,6 +12,7 @@
 #include <sys/signalfd.h>
 #include <utility>
 
+#include "tools/tess-mqtt/fence.h"
 #include "tools/tess-mqtt/mqtt_log.h"
 #include "tools/tessctl/item_json.h"
 #include "tools/tessctl/status_query.h"
@@ -202,7 +203,7 @@ void Bridge::onBrokerConnected()
     aliveDue_ = now + milliseconds(settings_.broker.keepAlive * 250);
     askDue_ = now;
     metricsDue_ = settings_.metrics > 0 ? now : NEVER;
-    watchDue_ = settings_.events == EventMode::always ? now : NEVER;
+    watchDue_ = watchEnd_ == AT_ONCE ? NEVER : now; // also when it is over: tessd does not know that yet
     publishPresence(presence_);
     sendAnswers();
 }
@@ -215,7 +216,8 @@ void Bridge::sendAnswers()
 void Bridge::onPublication(const Publication& publication)
 {
     const Instant now = instantNow();
-    if (publication.topic == topics_.watch()) return onWatchWish(publication, now);
+    const bool isWish = settings_.events == EventMode::asked && publication.topic == topics_.watch();
+    if (isWish) return onWatchWish(publication, now);
     Judgement judgement = judge(publication, topics_, settings_.filter, now);
     if (judgement.whyIgnored != nullptr) {
         if (counts_.ignored++ == 0) logMessage(mqtt_log::ignored, judgement.whyIgnored);
@@ -403,11 +405,21 @@ void Bridge::renewWatch(Instant now)
     (void)queue_.watch(isWanted); // asked again soon, or tessd finds nobody at the next event
 }
 
+/// A fence's line, and behind it the refusals of its commands.
+bool Bridge::isOfFence(const Item& event)
+{
+    const std::string text = event.text("text");
+    if (event.word() == "line") {
+        const bool isOne = event.text("port") == "xcp" && isFence(text);
+        refusalsOfFence_ = isOne ? std::ranges::count(text, '|') : 0;
+        return isOne;
+    }
+    return event.word() == "refuse" && refusalsOfFence_-- > 0;
+}
+
 void Bridge::onEvent(const Item& event)
 {
-    if (event.word() == "watch") return; // the answer to the wish
-    const bool isFence = event.word() == "line" && event.text("port") == "xcp" && event.text("text").starts_with('*');
-    if (isFence) return;
+    if (event.word() == "watch" || isOfFence(event) || instantNow() >= watchEnd_) return; // the first answers the wish
     nlohmann::ordered_json object{{"event", event.word()}};
     object.update(jsonOf(event));
     if (client_.wantsWrite() || !client_.publish({.topic = topics_.event(), .payload = jsonText(object, -1)}, 0))

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <random>
 #include <string>
 #include <vector>
@@ -63,6 +64,7 @@ private:
     void publishMetrics(const std::vector<Item>& items);
     void onWatchWish(const Publication& wish, Instant now);
     void renewWatch(Instant now);
+    bool isOfFence(const Item& event);
     void onEvent(const Item& event);
 
     BridgeSettings settings_;
@@ -91,6 +93,7 @@ private:
     Instant metricsDue_ = NEVER;
     Instant watchEnd_ = AT_ONCE; ///< until when events are wanted
     Instant watchDue_ = NEVER;
-    int earlyAsks_ = 0; ///< how often the state was asked for since tessd is there
+    std::ptrdiff_t refusalsOfFence_ = 0; ///< that are to come
+    int earlyAsks_ = 0;                  ///< how often the state was asked for since tessd is there
     bool stopped_ = false;
 };

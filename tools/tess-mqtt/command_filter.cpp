@@ -49,7 +49,8 @@ std::string shortenedDelay(std::string_view line)
     if (command == commands.end()) return delayed;
     while (++command != commands.end())
         delayed.append(delayed.empty() ? "" : "|").append(*command);
-    return delayed.size() <= CommandFilter::MOST_DELAYED_BYTES ? std::string() : delayed.substr(0, CommandFilter::MOST_DELAYED_BYTES);
+    return delayed.size() <= CommandFilter::MOST_DELAYED_BYTES ? std::string()
+                                                               : delayed.substr(0, CommandFilter::MOST_DELAYED_BYTES);
 }
 
 } // namespace

@@ -5,16 +5,18 @@
 
 namespace {
 
+constexpr std::string_view FRONT = "*";
+constexpr std::string_view EACH = "|$";
 constexpr const char* ZERO = "0\r\n\r\n"; // tessd's answer to "*"
 constexpr const char* REFUSAL = "?\r\n";  // and to "$"
 
 } // namespace
 
-Fence::Fence(std::string_view line) : line_("*"), expected_{ZERO}
+Fence::Fence(std::string_view line) : line_(FRONT), expected_{ZERO}
 {
     if (line.find('*') == std::string_view::npos) return; // then nothing in it is answered with "0"
     for (std::ptrdiff_t left = std::ranges::count(line, '|') + 1; left > 0; --left) {
-        line_ += "|$";
+        line_ += EACH;
         expected_.emplace_back(REFUSAL);
     }
 }
@@ -30,4 +32,13 @@ bool Fence::take(std::string text)
     if (!isComplete()) return false;
     answers_.resize(answers_.size() - expected_.size());
     return true;
+}
+
+bool isFence(std::string_view line)
+{
+    if (!line.starts_with(FRONT)) return false;
+    line.remove_prefix(FRONT.size());
+    while (line.starts_with(EACH))
+        line.remove_prefix(EACH.size());
+    return line.empty();
 }

@@ -35,3 +35,6 @@ private:
     std::vector<std::string> expected_;
     std::vector<std::string> answers_;
 };
+
+/// Whether a line is as a fence is.
+bool isFence(std::string_view line);
