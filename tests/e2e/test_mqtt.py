@@ -2,7 +2,9 @@
 
 from __future__ import annotations
 
+import contextlib
 import json
+import os
 import random
 import signal
 import subprocess
@@ -14,7 +16,7 @@ import pytest
 from harness import settings, wire
 from harness.clients import IpcClient, XcpClient
 from harness.daemon import Daemon
-from harness.mqtt import PROGRAM, Bridge, Broker, Requester, asker, make_certificates, needs_bridge, status_of
+from harness.mqtt import PROGRAM, Bridge, Broker, FakeBroker, Requester, asker, make_certificates, needs_bridge, status_of
 from harness.queue_process import AnsweringProcess, QueueProcess
 from harness.tessctl import held
 from harness.waiting import Stopwatch, wait_until
@@ -383,6 +385,17 @@ def test_a_broker_that_goes_before_the_answer_gets_it_when_it_is_back(tessd, slo
     broker.kill()
 
 
+def test_names_come_also_when_the_queue_directory_was_made_anew(start_tessd, start_bridge, ask):
+    tessd = start_tessd()
+    bridge = start_bridge()
+    ask.subscribe("tess/d1/status")
+    ask.wait_for("tess/d1/status", '"tessd":"')
+    tessd.kill()
+    os.unlink(os.path.join(settings.QUEUE_DIR, str(1_000_000_000 + bridge.pid)))
+    start_tessd()
+    ask.wait_for("tess/d1/status", '"tessd":"', 20)
+
+
 def test_answers_are_not_kept_for_ever(tessd, slow, broker):
     bridge = Bridge("answer_keep = 1").wait_connected()
     with asker() as ask:
@@ -572,6 +585,62 @@ def test_a_publication_that_is_far_too_long_is_not_even_sent_to_it(bridge, therm
         peak = next(int(line.split()[1]) for line in status if line.startswith("VmHWM"))
     if not settings.sanitized():
         assert peak < 16_000, f"{peak} KiB"
+
+
+# Brokers that misbehave
+
+FAKE = "broker = 127.0.0.1:1885\nplain = yes"
+
+
+def test_a_broker_that_takes_it_and_ends_it_at_once_is_tried_with_growing_pauses(tessd):
+    broker = FakeBroker(lambda client: None)
+    bridge = Bridge(broker=FAKE)
+    wait_until(lambda: broker.connections > 0, "it connects", 10)
+    time.sleep(6)  # pauses of 0.5, 1, 2 and 4 s, each a quarter shorter at most
+    assert 2 <= broker.connections <= 5, broker.connections
+    bridge.stop()
+
+
+def packet(kind: int, body: bytes) -> bytes:
+    return bytes([kind, len(body)]) + body
+
+
+def test_a_broker_that_delivers_what_nobody_wanted_gets_nothing_for_it(tessd, therm):
+    wish = packet(0x30, b"\0\x0dtess/d1/watch\0" + b"30")
+    no_command = packet(0x30, b"\0\x0ftess/d2/command\x0b\x08\0\x08any/here" + b"s3.THERM GET")
+    again = b"\x90\x05\0\1\0\1\1"  # SUBACK
+    heard = []
+
+    def act(client):
+        client.sendall(wish + no_command + again)
+        client.settimeout(2)
+        with contextlib.suppress(TimeoutError):
+            while True:
+                heard.append(FakeBroker.read_packet(client))
+
+    broker = FakeBroker(act)
+    bridge = Bridge(broker=FAKE)
+    bridge.wait_connected()
+    wait_until(lambda: broker.connections == 2, "it comes again", 20)
+    assert bridge.log_text().count("55010") <= 2, bridge.log_text()
+    assert b"watchers=0" in status_bytes(tessd) and therm.answered == 0
+    assert not any(b"any/here" in each for each in heard), heard
+    bridge.stop()
+
+
+@pytest.mark.parametrize("rubbish", [b"\xf0\xff\xff\xff\xff\x7f", b"\x30\x02\xff\xff", bytes(range(256)), b"\x40\x00"])
+def test_a_broker_that_sends_rubbish_is_left(tessd, rubbish):
+    def act(client):
+        client.sendall(rubbish)
+        with contextlib.suppress(TimeoutError):
+            while client.recv(4096):
+                pass
+
+    broker = FakeBroker(act)
+    bridge = Bridge(broker=FAKE).wait_connected()
+    bridge.wait_log("55011")
+    wait_until(lambda: broker.connections == 2, "it comes again", 15)
+    bridge.stop()
 
 
 # Who may

@@ -25,6 +25,7 @@ using std::chrono::seconds;
 constexpr milliseconds FIRST_PAUSE{500};
 constexpr seconds LONGEST_LINK_PAUSE{10};
 constexpr seconds ATTEMPT{8}; // TCP tries at 0, 1, 3 and 7 s
+constexpr seconds STEADY{10}; // a connection that lasts so long is none that the broker ends again and again
 constexpr std::size_t MOST_ANSWERS = 1024;
 constexpr seconds BETWEEN_WISHES{5}; // to watch: tessd forgets when it ends
 constexpr seconds STATE_INTERVAL{60};
@@ -166,7 +167,7 @@ void Bridge::onDue(Instant now)
         client_.drop();
         checkBroker("no answer from it", now);
     }
-    if (brokerDue_ <= now) connectBroker(now);
+    if (brokerDue_ <= now) connectBroker();
     if (aliveDue_ <= now) {
         aliveDue_ = now + milliseconds(settings_.broker.keepAlive * 250);
         checkBroker(client_.onTime(), now);
@@ -175,11 +176,13 @@ void Bridge::onDue(Instant now)
 
 // The broker
 
-void Bridge::connectBroker(Instant now)
+void Bridge::connectBroker()
 {
     brokerDue_ = NEVER;
-    attemptEnd_ = now + ATTEMPT;
-    checkBroker(client_.connect(), now);
+    const std::string problem = client_.connect();
+    const Instant begun = instantNow(); // looking up the name may have taken longer than an attempt may
+    attemptEnd_ = begun + ATTEMPT;
+    checkBroker(problem, begun);
 }
 
 /// @param whyEnded  why there is no connection any more; empty: there is, or one is being made
@@ -189,6 +192,8 @@ void Bridge::checkBroker(const std::string& whyEnded, Instant now)
     if (whyEnded != lastTrouble_) logMessage(mqtt_log::lost, whyEnded.c_str());
     lastTrouble_ = whyEnded;
     outbox_.onDown();
+    if (connectedSince_ <= now && now - connectedSince_ >= STEADY) brokerPause_.reset();
+    connectedSince_ = NEVER;
     attemptEnd_ = aliveDue_ = askDue_ = watchDue_ = NEVER;
     brokerDue_ = now + brokerPause_.next(std::uniform_real_distribution<>(0, 1)(dice_));
 }
@@ -197,9 +202,9 @@ void Bridge::onBrokerConnected()
 {
     logMessage(mqtt_log::connected, settings_.broker.host.c_str());
     lastTrouble_.clear();
-    brokerPause_.reset();
     attemptEnd_ = NEVER;
     const Instant now = instantNow();
+    connectedSince_ = now;
     aliveDue_ = now + milliseconds(settings_.broker.keepAlive * 250);
     askDue_ = now;
     metricsDue_ = settings_.metrics > 0 ? now : NEVER;
@@ -313,6 +318,7 @@ bool Bridge::openLink(Instant now)
     lastAway_.clear();
     linkDue_ = NEVER;
     earlyAsks_ = 0;
+    queue_.close(); // its file may be gone with the directory, which only this one would not notice
     if (client_.isConnected()) askDue_ = now;
     runner_.onUp(now);
     return true;
@@ -348,8 +354,8 @@ void Bridge::renewLink(Instant now)
 void Bridge::askState(Instant now)
 {
     const bool isEarly = static_cast<std::size_t>(earlyAsks_) < std::size(EARLY_ASKS);
-    askDue_ = now + (isEarly ? EARLY_ASKS[earlyAsks_++]
-                             : seconds(settings_.metrics > 0 ? settings_.metrics : STATE_INTERVAL.count()));
+    askDue_ = now + (isEarly ? EARLY_ASKS[earlyAsks_++] : STATE_INTERVAL);
+    askDue_ = std::min(askDue_, metricsDue_ > now ? metricsDue_ : now + seconds(settings_.metrics));
     if (!link_.isOpen()) return publishMetrics({});
     const std::string problem = queue_.fd() < 0 ? queue_.open() : "";
     if (!problem.empty() && problem != lastNoQueue_) logMessage(mqtt_log::noQueue, problem.c_str());
@@ -380,7 +386,7 @@ void Bridge::publishMetrics(const std::vector<Item>& items)
 {
     const Instant now = instantNow();
     if (now < metricsDue_) return;
-    metricsDue_ = now + seconds(settings_.metrics) - seconds(1); // it is asked for by askDue_
+    metricsDue_ = std::max(metricsDue_ + seconds(settings_.metrics), now);
     counts_.strays = runner_.strays();
     counts_.inFlight = runner_.inFlight();
     (void)client_.publish({.topic = topics_.metrics(), .payload = bridgeMetrics(items, counts_)}, 0);

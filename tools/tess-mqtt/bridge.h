@@ -39,7 +39,7 @@ private:
     void onDue(Instant now);
 
     // The broker
-    void connectBroker(Instant now);
+    void connectBroker();
     void checkBroker(const std::string& whyEnded, Instant now);
     void onBrokerConnected();
     void onPublication(const Publication& publication);
@@ -87,6 +87,7 @@ private:
     std::string lastNoQueue_;     ///< and of the queue
     Instant brokerDue_ = AT_ONCE; ///< when to connect
     Instant attemptEnd_ = NEVER;  ///< when an attempt to connect has taken too long
+    Instant connectedSince_ = NEVER;
     Instant aliveDue_ = NEVER;
     Instant linkDue_ = AT_ONCE;
     Instant askDue_ = NEVER;

@@ -13,7 +13,7 @@ import signal
 import socket
 import subprocess
 import threading
-from collections.abc import Iterator
+from collections.abc import Callable, Iterator
 
 import pytest
 
@@ -63,6 +63,42 @@ class Broker:
     def kill(self, number: int = signal.SIGKILL) -> None:
         self.process.send_signal(number)
         self.process.wait()
+
+
+class FakeBroker:
+    """Takes every client and its subscriptions, and then does to it what the test says.
+
+    act    gets the socket of a client that has subscribed; the connection ends with it"""
+
+    def __init__(self, act: Callable[[socket.socket], None], port: int = 1885) -> None:
+        self.connections = 0
+        self._act = act
+        self._listener = socket.create_server(("127.0.0.1", port))
+        threading.Thread(target=self._serve, daemon=True).start()
+
+    def _serve(self) -> None:
+        while True:
+            client, _ = self._listener.accept()
+            with client, contextlib.suppress(OSError):
+                client.settimeout(10)
+                self.read_packet(client)
+                client.sendall(b"\x20\x03\x00\x00\x00")  # CONNACK: taken
+                subscribe = self.read_packet(client)
+                client.sendall(b"\x90\x05" + subscribe[:2] + b"\x00\x01\x01")  # SUBACK, for two topics
+                self.connections += 1
+                self._act(client)
+
+    @staticmethod
+    def read_packet(client: socket.socket) -> bytes:
+        """A packet without its first byte and its length."""
+        client.recv(1)
+        length = shift = 0
+        while True:
+            byte = client.recv(1)[0]
+            length |= (byte & 127) << shift
+            shift += 7
+            if byte < 128:
+                return client.recv(length, socket.MSG_WAITALL)
 
 
 class Bridge:
