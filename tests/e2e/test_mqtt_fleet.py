@@ -4,12 +4,13 @@ from __future__ import annotations
 
 import json
 import os
+import signal
 from collections.abc import Iterator
 
 import pytest
 
 from harness import tessctl
-from harness.mqtt import Bridge, Broker, needs_bridge
+from harness.mqtt import Bridge, Broker, asker, needs_bridge
 from harness.queue_process import AnsweringProcess
 from harness.tessctl import needs_tessctl
 from harness.waiting import wait_until
@@ -96,6 +97,36 @@ def test_a_device_that_does_not_answer_in_time_is_told(devices):
     result = fleet("send", "*", "--all", "--wait", "2").expect(tessctl.NO_ANSWER, errors="2 answered, 1 no answer\n")
     devices[2].process.send_signal(18)
     assert rows(result.output)[3] == ["d3", "no", "answer", "-"]
+
+
+def test_a_device_may_be_named_twice_and_an_unknown_one_is_told(devices):
+    assert [row[:2] for row in rows(fleet("status", "d1", "d1").expect(tessctl.DONE).output)[1:]] == [["d1", "online"]]
+    fleet("send", "*", "d1", "d1", "nobody", "nobody").expect(tessctl.NO_ANSWER, errors="1 answered, 1 unknown\n")
+    states = json.loads(fleet("status", "d1", "nobody", "--json").expect(tessctl.NO_ANSWER).output)
+    assert [(state["device"], state["status"]) for state in states] == [("d1", "online"), ("nobody", "unknown")]
+
+
+def test_a_device_speaks_only_for_itself(devices):
+    with asker() as liar:
+        liar.subscribe("tess/d9/status")
+        for name in ("d1", "d7"):
+            liar.publish("tess/d9/status", json.dumps({"status": "offline", "device": name, "groups": []}), retain=True)
+            liar.wait_for("tess/d9/status", name)
+    states = json.loads(fleet("status", "--json").expect(tessctl.DONE).output)
+    assert [(state["device"], state["status"]) for state in states] == [(name, "online") for name in ("d1", "d2", "d3")]
+
+
+def test_an_interrupt_ends_the_waiting_and_tells_what_there_is(devices):
+    devices[2].process.send_signal(signal.SIGSTOP)
+    try:
+        terminal = tessctl.on_terminal("fleet", "send", "*", "--all", "--config", SETTINGS, "--wait", "60")
+        terminal.wait_for(b"2 of 3 have answered", 20)
+        terminal.type(b"\x03")
+        terminal.wait_for(b"2 answered, 1 no answer", 20)
+        assert terminal.wait_end(20) == tessctl.NO_ANSWER
+        terminal.close()
+    finally:
+        devices[2].process.send_signal(signal.SIGCONT)
 
 
 def test_what_is_wrong_is_said_with_what_to_do(devices, broker):

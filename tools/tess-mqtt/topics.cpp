@@ -54,6 +54,11 @@ std::string deviceTopic(const std::string& root, const std::string& device)
     return root + "/" + device + "/command";
 }
 
+std::string statusTopic(const std::string& root, const std::string& device)
+{
+    return root + "/" + device + "/status";
+}
+
 std::string answerBranch(const std::string& root)
 {
     return root + "/answer/";

@@ -47,5 +47,6 @@ private:
 std::string allTopic(const std::string& root);
 std::string groupTopic(const std::string& root, const std::string& group);
 std::string deviceTopic(const std::string& root, const std::string& device);
+std::string statusTopic(const std::string& root, const std::string& device);
 /// The branch for answers, without the name at its end.
 std::string answerBranch(const std::string& root);

@@ -1,6 +1,7 @@
 #include "tools/tessctl/fleet.h"
 
 #include <algorithm>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
@@ -8,6 +9,7 @@
 #include <nlohmann/json.hpp>
 #include <poll.h>
 #include <random>
+#include <set>
 #include <unistd.h>
 
 #include "common/instant.h"
@@ -15,6 +17,7 @@
 #include "tools/tess-mqtt/mqtt_client.h"
 #include "tools/tess-mqtt/topics.h"
 #include "tools/tessctl/command_line.h"
+#include "tools/tessctl/fleet_answers.h"
 #include "tools/tessctl/fleet_view.h"
 #include "tools/tessctl/item_json.h"
 #include "tools/tessctl/seconds_text.h"
@@ -30,6 +33,22 @@ constexpr milliseconds QUIET{300};    // then a broker of several parts has sent
 constexpr milliseconds BETWEEN{1000}; // attempts to reach the broker again
 constexpr milliseconds LONGEST_STEP{1000};
 constexpr const char* MARK = "tessctl-mark";
+
+volatile std::sig_atomic_t isInterrupted = 0;
+
+extern "C" void noteInterrupt(int)
+{
+    isInterrupted = 1;
+}
+
+/// The first SIGINT ends the waiting, so that what has been done is told; the second one ends all.
+void endByInterrupt()
+{
+    struct sigaction action {};
+    action.sa_handler = noteInterrupt;
+    action.sa_flags = static_cast<int>(SA_RESETHAND);
+    (void)::sigaction(SIGINT, &action, nullptr); // it exists
+}
 
 /// A file of a bridge will do, too: what only a bridge has a use for is passed over.
 BrokerSettings brokerSettings(const std::string& file)
@@ -83,21 +102,23 @@ public:
         std::vector<DeviceState> states;
         for (const auto& [device, state] : states_)
             if (isMeant(state)) states.push_back(state);
+        for (const std::string& device : std::set(options_.devices.begin(), options_.devices.end()))
+            if (!states_.contains(device)) states.push_back({.device = device, .isKnown = false});
         return states;
     }
 
     std::vector<FleetAnswer> send(const std::string& line)
     {
         line_ = line;
-        std::vector<FleetAnswer> rows = rowsOf(look());
-        for (const FleetAnswer& row : rows)
-            if (row.status == "no answer") expected_.push_back(row.device);
+        const std::vector<DeviceState> states = look();
+        if (states.empty()) throw CtlError(STATUS_NO_ANSWER, nobodyText());
+        answers_ = FleetAnswers(states);
+        sendEnd_ = instantNow() + options_.wait;
+        endByInterrupt();
         sendAgain();
-        runUntil(instantNow() + options_.wait, [this] { return missing() == 0; });
+        runUntil(sendEnd_, [this] { return answers_.missing().empty() || isInterrupted != 0; });
         showProgress("");
-        for (FleetAnswer& row : rows)
-            if (const auto found = answers_.find(row.device); found != answers_.end()) row = found->second;
-        return rows;
+        return answers_.rows();
     }
 
 private:
@@ -121,7 +142,9 @@ private:
     void take(const Publication& publication)
     {
         if (publication.topic != answerTopic_) {
-            if (auto state = deviceState(publication.payload)) states_[state->device] = *state;
+            const auto state = deviceState(publication.payload);
+            const bool isItsOwn = state && publication.topic == statusTopic(broker_.root, state->device);
+            if (isItsOwn) states_[state->device] = *state;
             quietEnd_ = instantNow() + QUIET;
         } else if (publication.payload == MARK && publication.user.empty()) {
             marked_ = true;
@@ -133,17 +156,10 @@ private:
 
     void takeAnswer(const Publication& publication)
     {
-        const std::string device = userProperty(publication, "device");
-        answers_[device] = {device, userProperty(publication, "status"), userProperty(publication, "ms"),
-                            publication.payload};
-        const std::size_t have = expected_.size() - missing();
-        showProgress(std::to_string(have) + " of " + std::to_string(expected_.size()) + " have answered");
-    }
-
-    std::size_t missing() const
-    {
-        return static_cast<std::size_t>(
-            std::ranges::count_if(expected_, [this](const std::string& device) { return !answers_.contains(device); }));
+        answers_.take({userProperty(publication, "device"), userProperty(publication, "status"),
+                       userProperty(publication, "ms"), publication.payload});
+        const std::size_t have = answers_.expected() - answers_.missing().size();
+        showProgress(std::to_string(have) + " of " + std::to_string(answers_.expected()) + " have answered");
     }
 
     /// In a line of its own at the terminal, which the next one takes.
@@ -159,39 +175,33 @@ private:
         return options_.group.empty() || std::ranges::find(state.groups, options_.group) != state.groups.end();
     }
 
-    /// A row for each that is meant, and one for each that nobody knows.
-    std::vector<FleetAnswer> rowsOf(const std::vector<DeviceState>& states) const
+    std::string nobodyText() const
     {
-        std::vector<FleetAnswer> rows;
-        for (const DeviceState& state : states)
-            rows.push_back({state.device, state.online ? "no answer" : "offline", "", ""});
-        for (const std::string& device : options_.devices)
-            if (!states_.contains(device)) rows.push_back({device, "unknown", "", ""});
-        if (!rows.empty()) return rows;
-        throw CtlError(STATUS_NO_ANSWER, options_.group.empty()
-                                             ? place() + ": no device has ever been seen there"
-                                             : "no device of the group '" + options_.group +
-                                                   "' has been seen: 'tessctl fleet status' names them all");
+        if (options_.group.empty()) return place() + ": no device has ever been seen there";
+        return "no device of the group '" + options_.group + "' has been seen: 'tessctl fleet status' names them all";
     }
 
     /// Also when the broker was away meanwhile: whoever has carried it out answers once more, and
     /// does not do it again.
     void sendAgain()
     {
-        if (missing() == 0) return;
-        std::vector<std::string> topics;
-        if (options_.all)
-            topics = {allTopic(broker_.root)};
-        else if (!options_.group.empty())
-            topics = {groupTopic(broker_.root, options_.group)};
-        else
-            std::ranges::transform(expected_, std::back_inserter(topics),
-                                   [this](const std::string& device) { return deviceTopic(broker_.root, device); });
-        for (const std::string& topic : topics) {
+        if (answers_.missing().empty()) return;
+        for (const std::string& topic : topics()) {
             Publication request{.topic = topic, .payload = line_, .responseTopic = answerTopic_, .correlation = name_};
-            request.expiry = static_cast<std::uint32_t>(std::max<std::int64_t>(options_.wait.count() / 1000, 1));
+            const auto left = std::chrono::ceil<std::chrono::seconds>(sendEnd_ - instantNow());
+            request.expiry = static_cast<std::uint32_t>(std::max<std::int64_t>(left.count(), 1));
             (void)client_.publish(request, 1);
         }
+    }
+
+    std::vector<std::string> topics() const
+    {
+        if (options_.all) return {allTopic(broker_.root)};
+        if (!options_.group.empty()) return {groupTopic(broker_.root, options_.group)};
+        std::vector<std::string> topics;
+        for (const std::string& device : answers_.missing())
+            topics.push_back(deviceTopic(broker_.root, device));
+        return topics;
     }
 
     template <class Fact> void runUntil(Instant end, Fact fact)
@@ -233,8 +243,8 @@ private:
     Instant quietEnd_ = AT_ONCE;
     Instant nextTry_ = AT_ONCE;
     std::map<std::string, DeviceState> states_;
-    std::map<std::string, FleetAnswer> answers_;
-    std::vector<std::string> expected_;
+    Instant sendEnd_ = AT_ONCE; ///< until when answers are waited for
+    FleetAnswers answers_{{}};
 };
 
 void print(const std::vector<std::string>& lines)
@@ -272,7 +282,6 @@ ExitStatus runFleetStatus(const FleetOptions& options)
 {
     const std::vector<DeviceState> states = Fleet(options).look();
     print(options.json ? std::vector{jsonText(stateJson(states), 2)} : stateLines(states, terminalSize().columns));
-    const bool isGood =
-        !states.empty() && std::ranges::all_of(states, &DeviceState::online) && states.size() >= options.devices.size();
+    const bool isGood = !states.empty() && std::ranges::all_of(states, &DeviceState::online);
     return isGood ? STATUS_DONE : STATUS_NO_ANSWER;
 }

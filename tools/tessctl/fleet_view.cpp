@@ -43,6 +43,12 @@ std::string cell(std::string_view line)
     return visibleText(text);
 }
 
+const char* statusOf(const DeviceState& state)
+{
+    if (!state.isKnown) return "unknown";
+    return state.online ? "online" : "offline";
+}
+
 } // namespace
 
 std::optional<DeviceState> deviceState(std::string_view payload)
@@ -79,8 +85,8 @@ std::vector<std::string> stateLines(const std::vector<DeviceState>& states, std:
 {
     std::vector<std::vector<std::string>> rows{{"DEVICE", "STATUS", "TESSD", "GROUPS", "PROCESSES"}};
     for (const DeviceState& state : states)
-        rows.push_back({cell(state.device), state.online ? "online" : "offline",
-                        state.tessd.empty() ? "-" : cell(state.tessd), joined(state.groups), joined(state.names)});
+        rows.push_back({cell(state.device), statusOf(state), state.tessd.empty() ? "-" : cell(state.tessd),
+                        joined(state.groups), joined(state.names)});
     return tableLines(rows, width);
 }
 
@@ -103,7 +109,7 @@ Json stateJson(const std::vector<DeviceState>& states)
     Json array = Json::array();
     for (const DeviceState& state : states)
         array.push_back({{"device", state.device},
-                         {"status", state.online ? "online" : "offline"},
+                         {"status", statusOf(state)},
                          {"tessd", state.tessd.empty() ? Json(nullptr) : Json(state.tessd)},
                          {"groups", state.groups},
                          {"names", state.names}});

@@ -11,11 +11,12 @@
 
 /// What a device's bridge, or the broker in its place, says of it.
 struct DeviceState {
-    std::string device;
+    std::string device{};
     bool online = false;
-    std::string tessd; ///< its version; empty: tessd is not there
-    std::vector<std::string> names;
-    std::vector<std::string> groups;
+    std::string tessd{}; ///< its version; empty: tessd is not there
+    std::vector<std::string> names{};
+    std::vector<std::string> groups{};
+    bool isKnown = true; ///< otherwise nobody has ever heard of it
 };
 
 /// @param payload  of the device's status
