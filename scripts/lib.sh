@@ -58,19 +58,31 @@ need_packages()
 
 find_mosquitto()
 {
-    local unpacked=$PWD/build/mosquitto archives=$PWD/build/mosquitto-archives root=()
+    local unpacked=$PWD/build/mosquitto
     export PATH=$PATH:/usr/sbin
     if command -v mosquitto >/dev/null; then return; fi
-    if [ "$(id -u)" -ne 0 ]; then root=(sudo); fi
-    if [ ! -x "$unpacked/usr/sbin/mosquitto" ]; then
-        mkdir -p "$archives/partial" "$unpacked"
-        "${root[@]}" apt-get -q -y --no-install-recommends --download-only -o Dir::Cache::archives="$archives" \
-            install mosquitto >"$LOGS/mosquitto.log" 2>&1
-        find "$archives" -name '*.deb' -exec dpkg-deb -x {} "$unpacked" \;
+    if [ ! -d "$unpacked" ] && ! unpack_mosquitto "$unpacked" >"$LOGS/mosquitto.log" 2>&1 </dev/null; then
+        echo "mosquitto is not installed and could not be unpacked:" >&2
+        cat "$LOGS/mosquitto.log" >&2
+        exit 1
     fi
     export PATH=$PATH:$unpacked/usr/sbin:$unpacked/usr/bin
     LD_LIBRARY_PATH=${LD_LIBRARY_PATH:+$LD_LIBRARY_PATH:}$(find "$unpacked/usr/lib" -maxdepth 1 -type d -name '*-linux-gnu*')
     export LD_LIBRARY_PATH
+}
+
+# With those of its libraries that are not installed. The folder is there when all of it is.
+unpack_mosquitto()
+{
+    local archives=$1.archives archive root=()
+    if [ "$(id -u)" -ne 0 ]; then root=(sudo); fi
+    rm -rf "$archives" "$1.new" && mkdir -p "$archives/partial" "$1.new" && "${root[@]}" apt-get -q update &&
+        "${root[@]}" apt-get -q -y --no-install-recommends --download-only -o Dir::Cache::archives="$archives" \
+            install mosquitto || return
+    for archive in "$archives"/*.deb; do
+        dpkg-deb -x "$archive" "$1.new" || return
+    done
+    rm -rf "$archives" && mv "$1.new" "$1"
 }
 
 check()
