@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import json
 import pathlib
+import re
 
 import pytest
 from conftest import PROJECT, run
@@ -18,10 +19,9 @@ WITHOUT = {
 }
 
 
-def configure(folder: pathlib.Path, *missing: str) -> str:
-    return run(
-        "cmake", "-S", PROJECT, "-B", folder, "-G", "Ninja", *(f"-DCMAKE_DISABLE_FIND_PACKAGE_{name}=ON" for name in missing)
-    )
+def configure(folder: pathlib.Path, *missing: str, options: tuple[str, ...] = ()) -> str:
+    without = [f"-DCMAKE_DISABLE_FIND_PACKAGE_{name}=ON" for name in missing]
+    return run("cmake", "-S", PROJECT, "-B", folder, "-G", "Ninja", *without, *options)
 
 
 @pytest.mark.parametrize("name", WITHOUT)
@@ -29,6 +29,18 @@ def test_what_is_left_out_is_said(tmp_path, name):
     said = configure(tmp_path, name)
     for other, text in WITHOUT.items():
         assert (text in said) == (other == name), said
+
+
+def test_without_libmosquitto_only_the_bridge_and_the_way_to_it_are_left_out(tmp_path):
+    pkg_config = tmp_path / "pkg-config"
+    pkg_config.write_text('#!/bin/sh\ncase "$*" in *libmosquitto*) exit 1 ;; esac\nexec pkg-config "$@"\n')
+    pkg_config.chmod(0o755)
+    said = configure(tmp_path, options=(f"-DPKG_CONFIG_EXECUTABLE={pkg_config}",))
+    assert "tess-mqtt is not built, and tessctl has no 'fleet', as this is missing: libmosquitto" in said
+    targets = run("ninja", "-C", tmp_path, "-t", "targets", "all")
+    programs = set(re.findall(r"(?m)^bin/([\w-]+): ", targets))
+    assert {"tessd", "tessctl", "tessctl_tests"} <= programs
+    assert not {name for name in programs if "mqtt" in name or "fleet" in name}
 
 
 @pytest.mark.slow
