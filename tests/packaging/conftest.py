@@ -48,15 +48,17 @@ def prefix(tmp_path_factory: pytest.TempPathFactory) -> pathlib.Path:
 
 @pytest.fixture(scope="session")
 def packages(tmp_path_factory: pytest.TempPathFactory) -> pathlib.Path:
-    """The packages, and tessd once more as a later version."""
+    """The packages, and tessd and the bridge once more as later versions."""
     service_manager.make_root()
     folder = tmp_path_factory.mktemp("packages")
     for package in PACKAGES.glob("*.deb"):
         shutil.copy(package, folder)
-    tree = folder / "later"
-    run("dpkg-deb", "-R", next(folder.glob("tessd_*.deb")), tree)
-    control = (tree / "DEBIAN/control").read_text()
-    (tree / "DEBIAN/control").write_text(re.sub(r"(?m)^Version: .*", "Version: 99.0", control))
-    run("dpkg-deb", "--root-owner-group", "-b", tree, folder / "later_tessd.deb")
-    shutil.rmtree(tree)
+    for package, later in (("tessd", "later"), ("tess-mqtt", "later-bridge")):
+        tree = folder / "tree"
+        run("dpkg-deb", "-R", next(folder.glob(f"{package}_*.deb")), tree)
+        control = (tree / "DEBIAN/control").read_text()
+        control = re.sub(r"(?m)^Version: .*", "Version: 99.0", control)
+        (tree / "DEBIAN/control").write_text(re.sub(r"tessd \(= .*?\)", "tessd (= 99.0)", control))
+        run("dpkg-deb", "--root-owner-group", "-b", tree, folder / f"{later}_{package}.deb")
+        shutil.rmtree(tree)
     return folder

@@ -16,7 +16,7 @@ import tempfile
 import time
 
 PROJECT = pathlib.Path(__file__).resolve().parents[2]
-INCLUDE = "systemd,systemd-sysv,libedit2,libncurses6,openssh-client,openssh-server"
+INCLUDE = "systemd,systemd-sysv,libedit2,libncurses6,openssh-client,openssh-server,mosquitto,mosquitto-clients,openssl"
 ROOT = PROJECT / "build/packaging" / INCLUDE.replace(",", "+")  # another list, another root
 SECONDS = 60.0
 
@@ -49,7 +49,7 @@ ln -s /proc/self/fd dev/fd
 mount -t tmpfs -o mode=755 tmpfs run
 mount -t tmpfs -o mode=1777 tmpfs tmp
 for unit in dev-hugepages.mount sys-fs-fuse-connections.mount sys-kernel-debug.mount sys-kernel-tracing.mount getty.target \
-    ssh.service; do
+    ssh.service mosquitto.service; do
     ln -sf /dev/null etc/systemd/system/$unit
 done
 echo device >etc/hostname
