@@ -16,6 +16,7 @@ sys.path.insert(0, os.path.dirname(os.path.realpath(__file__)))
 from harness import accounts  # noqa: E402
 from harness.daemon import LOCAL_PORTS, SOCKET_PORTS, Daemon  # noqa: E402
 from harness.hooks import launch_daemons, pytest_configure, pytest_runtest_protocol  # noqa: E402, F401
+from harness.mqtt import sound_bridges  # noqa: E402, F401
 from harness.queue_process import AnsweringProcess  # noqa: E402
 from harness.shifted_clock import ShiftedClock  # noqa: E402
 

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import contextlib
 import dataclasses
+import glob
 import itertools
 import json
 import os
@@ -101,6 +102,16 @@ class FakeBroker:
                 return client.recv(length, socket.MSG_WAITALL)
 
 
+@pytest.fixture(autouse=True)
+def sound_bridges() -> Iterator[None]:
+    """Also one that has ended by itself, or that the test has killed, has nothing to report of a sanitizer."""
+    yield
+    for path in glob.glob("/tmp/mqtt-*.log"):
+        with open(path, encoding="utf-8", errors="replace") as file:
+            text = file.read()
+        assert "Sanitizer" not in text and "runtime error" not in text, text
+
+
 class Bridge:
     """A tess-mqtt."""
 
@@ -141,7 +152,6 @@ class Bridge:
         self.process.terminate()
         status = self.process.wait(10 * settings.SLOW)
         assert status == 0, f"expected status 0 of tess-mqtt, got {status}\n{self.log_text()}"
-        assert "Sanitizer" not in self.log_text() and "runtime error" not in self.log_text(), self.log_text()
 
     @property
     def pid(self) -> int:
@@ -215,7 +225,9 @@ class Requester:
                 return got[1]
             seen.append(got)
 
-    def publish(self, topic: str, payload: str | bytes, retain: bool = False, qos: int = 1, **properties: object) -> paho.MQTTMessageInfo:
+    def publish(
+        self, topic: str, payload: str | bytes, retain: bool = False, qos: int = 1, **properties: object
+    ) -> paho.MQTTMessageInfo:
         what = Properties(PacketTypes.PUBLISH)
         for name, value in properties.items():
             setattr(what, name, value)
