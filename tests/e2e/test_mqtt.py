@@ -7,6 +7,7 @@ import json
 import os
 import random
 import signal
+import socket
 import subprocess
 import time
 from collections.abc import Callable, Iterator
@@ -601,6 +602,26 @@ def test_a_broker_that_takes_it_and_ends_it_at_once_is_tried_with_growing_pauses
     bridge.stop()
 
 
+def test_a_broker_that_takes_its_time_to_accept_is_waited_for(tessd):
+    """As every broker that is not on the same machine: connect(2) is not done at once."""
+    listener = socket.create_server(("127.0.0.1", 1885), backlog=0)
+    others = []
+    for _ in range(3):
+        others.append(socket.socket())
+        others[-1].setblocking(False)
+        others[-1].connect_ex(("127.0.0.1", 1885))
+    bridge = Bridge(broker=FAKE)
+    bridge.wait_log("55000")
+    time.sleep(1.5)  # a first SYN is thrown away, and another one comes a second later
+    assert "55011" not in bridge.log_text(), bridge.log_text()
+    for other in others:
+        other.close()
+    broker = FakeBroker(lambda client: time.sleep(3), listener)
+    wait_until(lambda: broker.connections == 1, "it connects", 10)
+    assert "55011" not in bridge.log_text(), bridge.log_text()
+    bridge.stop()
+
+
 def packet(kind: int, body: bytes) -> bytes:
     return bytes([kind, len(body)]) + body
 
@@ -676,7 +697,15 @@ def test_tls_with_the_brokers_certificate(tessd, certificates):
         ("broker = 127.0.0.1:8883", "certificate verify failed"),
         ("broker = localhost:8883\nca = /tmp/tls/ca.crt", "certificate verify failed"),
         ("broker = 127.0.0.1:8883\nplain = yes", ""),
-        ("broker = 127.0.0.1:8883\nca = /tmp/tls/none.crt", "'ca', 'certificate' or 'key' cannot be read"),
+        ("broker = 127.0.0.1:8883\nca = /tmp/tls/none.crt", "/tmp/tls/none.crt: No such file or directory"),
+        (
+            "broker = 127.0.0.1:8883\nca = /tmp/tls/ca.crt\ncertificate = /tmp/tls/client.crt\nkey = /tmp/tls/none.key",
+            "/tmp/tls/none.key: No such file or directory",
+        ),
+        (
+            "broker = 127.0.0.1:8883\nca = /tmp/tls/ca.crt\ncertificate = /tmp/tls/client.crt\nkey = /tmp/tls/server.key",
+            "key values mismatch",
+        ),
     ],
 )
 def test_a_broker_that_is_not_the_right_one_gets_nothing(tessd, certificates, configuration, why):

@@ -11,6 +11,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <utility>
 
 namespace {
@@ -189,7 +190,9 @@ std::string MqttClient::setTls()
             mosquitto_tls_psk_set(handle_.get(), settings_.psk.c_str(), settings_.pskIdentity.c_str(), nullptr);
         return result == MOSQ_ERR_SUCCESS ? std::string() : "psk: " + failureText(result);
     }
-    const std::string& trusted = settings_.ca.empty() ? SYSTEM_CERTIFICATES : settings_.ca;
+    const std::string trusted = settings_.ca.empty() ? SYSTEM_CERTIFICATES : settings_.ca;
+    for (const std::string& path : {trusted, settings_.certificate, settings_.key})
+        if (!path.empty() && ::access(path.c_str(), R_OK) != 0) return path + ": " + std::strerror(errno);
     struct stat found {};
     const bool isFolder = ::stat(trusted.c_str(), &found) == 0 && S_ISDIR(found.st_mode);
     const auto orNull = [](const std::string& text) { return text.empty() ? nullptr : text.c_str(); };

@@ -71,16 +71,16 @@ class FakeBroker:
 
     act    gets the socket of a client that has subscribed; the connection ends with it"""
 
-    def __init__(self, act: Callable[[socket.socket], None], port: int = 1885) -> None:
+    def __init__(self, act: Callable[[socket.socket], None], listener: socket.socket | None = None) -> None:
         self.connections = 0
         self._act = act
-        self._listener = socket.create_server(("127.0.0.1", port))
+        self._listener = listener or socket.create_server(("127.0.0.1", 1885))
         threading.Thread(target=self._serve, daemon=True).start()
 
     def _serve(self) -> None:
         while True:
             client, _ = self._listener.accept()
-            with client, contextlib.suppress(OSError):
+            with client, contextlib.suppress(OSError, IndexError):  # it has gone
                 client.settimeout(10)
                 self.read_packet(client)
                 client.sendall(b"\x20\x03\x00\x00\x00")  # CONNACK: taken
