@@ -397,6 +397,26 @@ def test_names_come_also_when_the_queue_directory_was_made_anew(start_tessd, sta
     ask.wait_for("tess/d1/status", '"tessd":"', 20)
 
 
+def test_answers_that_the_broker_takes_are_not_counted_as_lost(tessd, start_bridge, ask):
+    bridge = start_bridge("answer_keep = 0", "in_flight = 1000")
+    for number in range(300):
+        ask.send("*", b"%d" % number)
+    got = [ask.receive() for _ in range(300)]
+    assert {answer.status for answer in got} == {"answered"} and len({answer.correlation for answer in got}) == 300
+    assert "55031" not in bridge.log_text(), bridge.log_text()
+
+
+def test_an_answer_that_the_broker_cannot_take_is_counted_as_lost(tessd, therm):
+    small = Broker("listener 1887 127.0.0.1\nallow_anonymous true\nmax_packet_size 600\n", 1887)
+    bridge = Bridge(broker="broker = 127.0.0.1:1887\nplain = yes").wait_connected()
+    with AnsweringProcess(2300, b"LONG", lambda _: 1000 * b"y" + b"\r\n\r\n"), asker(1887) as ask:
+        ask.send("s3.LONG x", b"long")
+        bridge.wait_log("55031")
+        ask.expect("s3.THERM GET", "answered", "20", correlation=b"next")
+    bridge.stop()
+    small.kill()
+
+
 def test_answers_are_not_kept_for_ever(tessd, slow, broker):
     bridge = Bridge("answer_keep = 1").wait_connected()
     with asker() as ask:

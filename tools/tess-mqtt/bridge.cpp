@@ -28,6 +28,7 @@ constexpr seconds ATTEMPT{8}; // TCP tries at 0, 1, 3 and 7 s
 constexpr seconds STEADY{10}; // a connection that lasts so long is none that the broker ends again and again
 constexpr std::size_t MOST_ANSWERS = 1024;
 constexpr seconds BETWEEN_WISHES{5}; // to watch: tessd forgets when it ends
+constexpr seconds BETWEEN_LOST{1};   // lines of the log
 constexpr seconds STATE_INTERVAL{60};
 constexpr seconds GOOD_BYE{1};
 constexpr long LONGEST_WATCH = 3600;
@@ -143,7 +144,7 @@ void Bridge::step()
     if (waits[3].revents != 0)
         queue_.receive([this](const std::vector<Item>& items) { onState(items); },
                        [this](const Item& event) { onEvent(event); });
-    if (waits[1].revents != 0) checkBroker(client_.onReady(waits[1].revents), now);
+    if (waits[1].revents != 0) onBrokerReady(waits[1].revents, now);
 }
 
 Instant Bridge::nextDue() const
@@ -159,10 +160,7 @@ void Bridge::onDue(Instant now)
     if (runner_.wantsNewConnection(now)) renewLink(now);
     if (askDue_ <= now) askState(now);
     if (watchDue_ <= now) renewWatch(now);
-    if (const std::size_t lost = outbox_.due() <= now ? outbox_.expire(now) : 0) {
-        counts_.lost += lost;
-        logMessage(mqtt_log::answersLost, counts_.lost);
-    }
+    if (!client_.isConnected() && outbox_.due() <= now) countLost(outbox_.expire(now));
     if (attemptEnd_ <= now) {
         client_.drop();
         checkBroker("no answer from it", now);
@@ -215,7 +213,25 @@ void Bridge::onBrokerConnected()
 
 void Bridge::sendAnswers()
 {
-    outbox_.send([this](const Publication& answer) { return client_.publish(answer, 1); }, instantNow());
+    const auto publish = [this](const Publication& answer) { return client_.publish(answer, 1); };
+    countLost(outbox_.send(publish));
+}
+
+/// More is sent only now, not when a message is acknowledged: the client may tell that from within a publish().
+void Bridge::onBrokerReady(short events, Instant now)
+{
+    checkBroker(client_.onReady(events), now);
+    sendAnswers(); // there may be room for more
+}
+
+void Bridge::countLost(std::size_t answers)
+{
+    if (answers == 0) return;
+    const Instant now = instantNow();
+    counts_.lost += answers;
+    if (now < lostDue_) return;
+    lostDue_ = now + BETWEEN_LOST;
+    logMessage(mqtt_log::answersLost, counts_.lost);
 }
 
 void Bridge::onPublication(const Publication& publication)
@@ -241,7 +257,7 @@ void Bridge::sayOffline()
         const Instant end = now + GOOD_BYE;
         while (client_.isConnected() && (client_.wantsWrite() || outbox_.size() > 0) && instantNow() < end) {
             pollfd wait{client_.fd(), static_cast<short>(client_.wantsWrite() ? POLLIN | POLLOUT : POLLIN), 0};
-            if (::poll(&wait, 1, pollTimeout(end)) > 0) (void)client_.onReady(wait.revents);
+            if (::poll(&wait, 1, pollTimeout(end)) > 0) onBrokerReady(wait.revents, now);
         }
     }
     client_.disconnect();
@@ -299,7 +315,7 @@ void Bridge::answer(const Request& request, const Reply& reply)
     publication.expiry = static_cast<std::uint32_t>(std::max(settings_.answerKeep, 1L));
     publication.user = {
         {"status", wordOf(reply.status)}, {"ms", std::to_string(took.count())}, {"device", settings_.device}};
-    if (!outbox_.add(std::move(publication), now)) ++counts_.lost;
+    countLost(outbox_.add(std::move(publication), now));
     sendAnswers();
 }
 

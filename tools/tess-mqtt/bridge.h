@@ -44,6 +44,8 @@ private:
     void onBrokerConnected();
     void onPublication(const Publication& publication);
     void sendAnswers();
+    void onBrokerReady(short events, Instant now);
+    void countLost(std::size_t answers);
     void sayOffline();
 
     // Requests
@@ -94,6 +96,7 @@ private:
     Instant metricsDue_ = NEVER;
     Instant watchEnd_ = AT_ONCE; ///< until when events are wanted
     Instant watchDue_ = NEVER;
+    Instant lostDue_ = AT_ONCE;          ///< when the next loss may be logged
     std::ptrdiff_t refusalsOfFence_ = 0; ///< that are to come
     int earlyAsks_ = 0;                  ///< how often the state was asked for since tessd is there
     bool stopped_ = false;

@@ -103,9 +103,13 @@ void ask(const std::string& file, const std::string& topic, const std::string& l
     const std::string answers = settings.root + "/answer/load" + std::to_string(::getpid());
     const std::string run =
         std::to_string(instantNow().time_since_epoch().count()) + "-"; // no request of an earlier run
+    std::string other;                                                 // than what a measurement is of
     MqttClient client(settings, "load" + std::to_string(::getpid()), {answers},
                       {.onMessage = [&](const Publication& answer) {
-                          progress.answered(answer.correlation.value_or("").substr(run.size()));
+                          const std::string status = userProperty(answer, "status"); // an echo has none
+                          if (!status.empty() && status != "answered") other = status + ": " + answer.payload;
+                          const std::string name = answer.correlation.value_or("");
+                          if (name.starts_with(run)) progress.answered(name.substr(run.size()));
                       }});
     if (const std::string trouble = client.connect(); !trouble.empty()) throw std::runtime_error(trouble);
     for (const Instant end = instantNow() + PATIENCE; !progress.isOver();) {
@@ -113,6 +117,7 @@ void ask(const std::string& file, const std::string& topic, const std::string& l
             (void)client.publish(
                 {.topic = topic, .payload = line, .responseTopic = answers, .correlation = run + progress.start()}, 1);
         waitFor(client);
+        if (!other.empty()) throw std::runtime_error(other);
         if (instantNow() > end) throw std::runtime_error("not all was answered");
     }
     progress.report();
