@@ -6,12 +6,13 @@ import json
 import os
 import signal
 from collections.abc import Iterator
+from concurrent.futures import ThreadPoolExecutor
 
 import pytest
 
 from harness import tessctl
 from harness.mqtt import Bridge, Broker, asker, needs_bridge
-from harness.queue_process import AnsweringProcess
+from harness.queue_process import AnsweringProcess, QueueProcess
 from harness.tessctl import needs_tessctl
 from harness.waiting import wait_until
 
@@ -114,6 +115,21 @@ def test_a_device_speaks_only_for_itself(devices):
             liar.wait_for("tess/d9/status", name)
     states = json.loads(fleet("status", "--json").expect(tessctl.DONE).output)
     assert [(state["device"], state["status"]) for state in states] == [(name, "online") for name in ("d1", "d2", "d3")]
+
+
+def test_a_line_is_sent_again_when_the_broker_was_away_and_carried_out_once(devices, broker):
+    with QueueProcess(2200) as slow, ThreadPoolExecutor() as others:
+        slow.register(b"SLOW")
+        result = others.submit(fleet, "send", "s3.SLOW GO", "d1", "--wait", "15")
+        command = slow.expect_command(b"GO")
+        broker.kill()
+        devices[0].wait_log("55011")
+        broker.start()
+        devices[0].wait_connected(2)
+        slow.reply(command.tag, b"done\r\n\r\n")
+        table = rows(result.result().expect(tessctl.DONE, errors="1 answered\n").output)
+        assert (table[1][:2], table[1][3:]) == (["d1", "answered"], ["done"]), table
+        assert slow.waiting() == []
 
 
 def test_an_interrupt_ends_the_waiting_and_tells_what_there_is(devices):

@@ -217,7 +217,8 @@ void Bridge::sendAnswers()
     countLost(outbox_.send(publish));
 }
 
-/// More is sent only now, not when a message is acknowledged: the client may tell that from within a publish().
+/// More is sent only now, not when a message is acknowledged: the client may tell that from within
+/// a publish().
 void Bridge::onBrokerReady(short events, Instant now)
 {
     checkBroker(client_.onReady(events), now);
