@@ -386,6 +386,23 @@ def test_a_broker_that_goes_before_the_answer_gets_it_when_it_is_back(tessd, slo
     broker.kill()
 
 
+def test_where_tessd_has_no_room_for_it_the_bridge_tries_with_growing_pauses(tessd, broker, ask):
+    ask.subscribe("tess/d1/status")
+    with contextlib.ExitStack() as others:
+        for _ in range(10):
+            others.enter_context(XcpClient()).ask(b"*", b"0\r\n\r\n")
+        bridge = Bridge().wait_connected()
+        bridge.wait_log("55021")
+        time.sleep(6)  # pauses of 0.5, 1, 2 and 4 s, each a quarter shorter at most
+        tries = bridge.log_text().count("55020")
+        assert 2 <= tries <= 5, bridge.log_text()
+        answer = ask.ask("*", b"no room")
+        assert answer.status in ("timeout", "refused"), answer  # whether it was still connected just then
+    ask.wait_for("tess/d1/status", '"tessd":"', 20)
+    ask.expect("*", "answered", "0", correlation=b"there is room")
+    bridge.stop()
+
+
 def test_names_come_also_when_the_queue_directory_was_made_anew(start_tessd, start_bridge, ask):
     tessd = start_tessd()
     bridge = start_bridge()

@@ -25,7 +25,7 @@ using std::chrono::seconds;
 constexpr milliseconds FIRST_PAUSE{500};
 constexpr seconds LONGEST_LINK_PAUSE{10};
 constexpr seconds ATTEMPT{8}; // TCP tries at 0, 1, 3 and 7 s
-constexpr seconds STEADY{10}; // a connection that lasts so long is none that the broker ends again and again
+constexpr seconds STEADY{10}; // a connection that lasts so long is none that is ended again and again
 constexpr std::size_t MOST_ANSWERS = 1024;
 constexpr seconds BETWEEN_WISHES{5}; // to watch: tessd forgets when it ends
 constexpr seconds BETWEEN_LOST{1};   // lines of the log
@@ -334,6 +334,7 @@ bool Bridge::openLink(Instant now)
     logMessage(mqtt_log::daemonThere);
     lastAway_.clear();
     linkDue_ = NEVER;
+    linkSince_ = now;
     earlyAsks_ = 0;
     queue_.close(); // its file may be gone with the directory, which only this one would not notice
     if (client_.isConnected()) askDue_ = now;
@@ -346,7 +347,7 @@ void Bridge::onLinkReady(short events, Instant now)
     if ((events & POLLOUT) != 0) link_.flush();
     if ((events & ~POLLOUT) == 0) return;
     const bool isThere = link_.receive([this, now](const XcpFrame& frame) { runner_.onFrame(frame, now); });
-    if (!isThere) closeLink("it has closed the connection", now);
+    if (!isThere) closeLink("it has closed the connection: has it ended, or are ten others connected?", now);
 }
 
 void Bridge::closeLink(const char* why, Instant now)
@@ -354,10 +355,10 @@ void Bridge::closeLink(const char* why, Instant now)
     link_.close();
     if (lastAway_ != why) logMessage(mqtt_log::daemonAway, why);
     lastAway_ = why;
-    linkPause_.reset();
+    if (now - linkSince_ >= STEADY) linkPause_.reset();
     runner_.onDown(now, false);
     linkDue_ = now + linkPause_.next(std::uniform_real_distribution<>(0, 1)(dice_));
-    publishPresence({});
+    if (presence_ != Presence{}) publishPresence({});
 }
 
 /// The connection has become old, or tessd does not answer over it.

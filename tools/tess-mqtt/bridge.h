@@ -92,6 +92,7 @@ private:
     Instant connectedSince_ = NEVER;
     Instant aliveDue_ = NEVER;
     Instant linkDue_ = AT_ONCE;
+    Instant linkSince_{}; ///< when tessd was there again
     Instant askDue_ = NEVER;
     Instant metricsDue_ = NEVER;
     Instant watchEnd_ = AT_ONCE; ///< until when events are wanted
