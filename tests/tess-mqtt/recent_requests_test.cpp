@@ -61,12 +61,27 @@ TEST(RecentRequests, ForgetTheOldestWhenThereAreTooMany)
     constexpr std::size_t COUNT = RecentRequests::SLOTS + 500;
     for (std::size_t i = 0; i < COUNT; ++i) {
         recent.begin({"t", name(i)}, 1);
-        if (i % 3 == 0) recent.forget({"t", name(i)});
+        if (i % 3 == 1) recent.forget({"t", name(i - 1)});
     }
     for (std::size_t i = 0; i < COUNT; ++i) {
         const bool isLost = i < COUNT - RecentRequests::SLOTS || i % 3 == 0;
         ASSERT_EQ(recent.find({"t", name(i)}, 1), isLost ? Known::no : Known::underWay) << i;
     }
+}
+
+TEST(RecentRequests, AreNotPushedOutByThoseThatAreNotCarriedOut)
+{
+    RecentRequests recent(1000, "");
+    recent.begin({"t", "early"}, 1);
+    for (std::size_t i = 0; i < 2 * RecentRequests::SLOTS; ++i) {
+        recent.begin({"t", "busy" + std::to_string(i)}, 1);
+        recent.forget({"t", "busy" + std::to_string(i)});
+    }
+    EXPECT_EQ(recent.find({"t", "early"}, 1), Known::underWay);
+    recent.begin({"t", "late"}, 2);
+    EXPECT_EQ(recent.find({"t", "early"}, 2), Known::underWay);
+    EXPECT_EQ(recent.find({"t", "late"}, 1001), Known::underWay);
+    EXPECT_EQ(recent.find({"t", "early"}, 1001), Known::no);
 }
 
 TEST(RecentRequests, KeepSoMuchTextOfTheLatestAnswers)

@@ -157,5 +157,10 @@ void RecentRequests::dropOldReplies()
 void RecentRequests::forget(const Key& key)
 {
     const auto found = entries_.find(hashOf(key));
-    if (found != entries_.end()) drop(found->second.slot);
+    if (found == entries_.end()) return;
+    const std::size_t slot = found->second.slot;
+    drop(slot);
+    if (order_.empty() || order_.back() != slot) return;
+    order_.pop_back(); // so that many that are not carried out push out none that were
+    next_ = slot;
 }
