@@ -70,11 +70,12 @@ END_OF_SETTINGS
 
 # Debian has neither libcrypt nor libedit for this processor. They are built from Debian's sources, libcrypt with the options
 # of Debian's package. ncurses and libedit are static; libedit has in it what both need of the terminals, with those that a
-# console meets: no device needs a database of terminals. Libraries that are headers only are the host's.
+# console meets: no device needs a database of terminals. libmosquitto is static too, and without TLS, which would want OpenSSL
+# first: it is there so that the bridge is tried on this processor. Libraries that are headers only are the host's.
 make_libraries()
 {
     local kept=$1 work=$PWD
-    fetch_source libxcrypt && fetch_source ncurses && fetch_source libedit &&
+    fetch_source libxcrypt && fetch_source ncurses && fetch_source libedit && fetch_source mosquitto &&
         (cd libxcrypt && autoreconf -fi) && (cd libedit && autoreconf -fi) && mkdir crypt curses edit &&
         cd "$work/crypt" &&
         ../libxcrypt/configure --host=$TRIPLET --prefix=/usr --disable-werror --disable-xcrypt-compat-files \
@@ -93,6 +94,10 @@ make_libraries()
         make -j "$JOBS" -C src && cp "$work/libedit/src/histedit.h" "$kept/usr/include" &&
         printf '%s\n' "create $kept/usr/lib/libedit.a" "addlib src/.libs/libedit.a" "addlib $work/curses/lib/libtinfo.a" \
             save end | $TRIPLET-ar -M &&
+        make -j "$JOBS" -C "$work/mosquitto/lib" CROSS_COMPILE=$TRIPLET- CC=gcc WITH_TLS=no WITH_THREADING=no WITH_SRV=no \
+            WITH_SHARED_LIBRARIES=no WITH_STATIC_LIBRARIES=yes libmosquitto.a &&
+        cp "$work/mosquitto/lib/libmosquitto.a" "$kept/usr/lib" &&
+        cp "$work"/mosquitto/include/{mosquitto,mqtt_protocol}.h "$kept/usr/include" &&
         mkdir -p "$kept/usr/share/cmake" &&
         ln -s /usr/include/{CLI,nlohmann} "$kept/usr/include" &&
         ln -s /usr/share/cmake/{CLI11,nlohmann_json} "$kept/usr/share/cmake"

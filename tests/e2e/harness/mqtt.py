@@ -28,13 +28,15 @@ try:
 except ImportError:
     paho = None
 
-PROGRAM = os.path.join(settings.BIN_DIR, "tess-mqtt")
+_PROGRAM = os.path.join(settings.BIN_DIR, "tess-mqtt")
+COMMAND = [*settings.WRAPPER, _PROGRAM]
 BROKER = shutil.which("mosquitto", path=os.environ.get("PATH", "") + ":/usr/sbin")
 
 needs_bridge = pytest.mark.skipif(
-    not os.path.exists(PROGRAM) or BROKER is None or paho is None or settings.emulated(),
+    not os.path.exists(_PROGRAM) or BROKER is None or paho is None,
     reason="tess-mqtt is not built, or mosquitto or python3-paho-mqtt is missing",
 )
+needs_tls = pytest.mark.skipif(settings.emulated(), reason="libmosquitto for the device's processor is built without TLS")
 
 PLAIN = "listener 1883 127.0.0.1\nallow_anonymous true\n"
 
@@ -131,7 +133,7 @@ class Bridge:
     def start(self) -> None:
         environment = {**os.environ, "RUNTIME_DIRECTORY": self.folder}
         with open(self.log, "ab") as log:
-            self.process = subprocess.Popen([PROGRAM, "--config", self.settings], stderr=log, env=environment)
+            self.process = subprocess.Popen([*COMMAND, "--config", self.settings], stderr=log, env=environment)
 
     def log_text(self) -> str:
         with open(self.log, encoding="utf-8") as file:
