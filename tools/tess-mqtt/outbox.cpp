@@ -12,7 +12,7 @@ std::size_t bytesOf(const Publication& answer)
 
 } // namespace
 
-Outbox::Entries::iterator Outbox::erase(Entries::iterator entry)
+Outbox::Entries::iterator Outbox::erase(const Entries::iterator& entry)
 {
     bytes_ -= bytesOf(entry->answer);
     return entries_.erase(entry);

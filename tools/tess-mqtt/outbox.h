@@ -49,7 +49,7 @@ private:
     };
     using Entries = std::deque<Entry>;
 
-    Entries::iterator erase(Entries::iterator entry);
+    Entries::iterator erase(const Entries::iterator& entry);
 
     std::chrono::seconds keep_;
     std::size_t most_;
