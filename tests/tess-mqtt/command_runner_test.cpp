@@ -129,6 +129,37 @@ TEST(CommandRunner, WaitsForAsManyAnswersAsThereAreCommands)
     EXPECT_EQ(bench.over, (Over{"many refused a\n?\nb"}));
 }
 
+TEST(CommandRunner, KeepsTheOrderInWhichAnswersToALineCame)
+{
+    Bench bench;
+    bench.ask("*|s3.A x", "both");
+    ASSERT_EQ(bench.fences[0], "*|$|$");
+    bench.own("0\r\n\r\n");
+    bench.reply(bench.sent[0].tag, "20\r\n\r\n");
+    bench.fence();
+    bench.own("?\r\n");
+    EXPECT_EQ(bench.over, Over{});
+    bench.own("?\r\n");
+    EXPECT_EQ(bench.over, (Over{"both answered 0\n20"}));
+}
+
+TEST(CommandRunner, TellsWhatHasComeWhenTheFenceDoesNotComeInTime)
+{
+    Bench bench;
+    bench.ask("s3.A x|s3.B x", "late");
+    bench.reply(bench.sent[0].tag, "a\r\n\r\n");
+    bench.pass(5s);
+    EXPECT_EQ(bench.over,
+              (Over{"late timeout a\nError: no answer within 5 s: it may have been carried out, or may still be"}));
+    bench.ask("s3.A x|s3.B x", "next");
+    bench.fence();
+    bench.reply(bench.sent[1].tag, "a\r\n\r\n");
+    bench.runner.onDown(bench.now, false);
+    EXPECT_EQ(bench.over.back(),
+              "next timeout a\nError: the connection to tessd has ended before the answer: it may have "
+              "been carried out or not");
+}
+
 TEST(CommandRunner, TakesAnAnswerWithoutAnEndAfterAPause)
 {
     Bench bench;

@@ -63,7 +63,7 @@ TEST(Fence, FindsTheAnswersBeforeItWhateverTheyAre)
             const Answers own = answersTo(fence.line());
             for (std::size_t i = 0; i < own.size(); ++i)
                 ASSERT_EQ(fence.take(own[i]), i + 1 == own.size()) << line << ", answer " << i;
-            ASSERT_EQ(fence.before(), before) << line;
+            ASSERT_EQ(fence.before(), before.size()) << line;
         }
     }
 }
@@ -76,5 +76,5 @@ TEST(Fence, FindsTheListingOfDelaysBeforeIt)
     EXPECT_FALSE(fence.take(ZERO));
     EXPECT_FALSE(fence.take(REFUSAL));
     EXPECT_TRUE(fence.take(REFUSAL));
-    EXPECT_EQ(fence.before().size(), 10U);
+    EXPECT_EQ(fence.before(), 10U);
 }

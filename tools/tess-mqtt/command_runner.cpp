@@ -107,6 +107,7 @@ void CommandRunner::onUp(Instant now)
 void CommandRunner::onDown(Instant now, bool isBack)
 {
     up_ = false;
+    release(0, now);
     fence_.reset();
     while (!running_.empty())
         finish(running_.begin(), ReplyStatus::timeout,
@@ -123,9 +124,13 @@ void CommandRunner::onDown(Instant now, bool isBack)
 void CommandRunner::onFrame(const XcpFrame& frame, Instant now)
 {
     if (frame.kind != MSG_REPLY) return onOwnAnswer(frame, now);
-    const auto tag = static_cast<std::uint16_t>(frame.tag);
-    if (const auto run = running_.find(tag); run != running_.end()) return feed(run, frame.text, now);
-    ++strays_;
+    const auto run = running_.find(static_cast<std::uint16_t>(frame.tag));
+    if (run == running_.end())
+        ++strays_;
+    else if (fence_ && run->first == fenced_ && run->second.due > 1)
+        held_.push_back({false, frame.text});
+    else
+        feed(run, frame.text, now);
 }
 
 void CommandRunner::onOwnAnswer(const XcpFrame& frame, Instant now)
@@ -134,12 +139,22 @@ void CommandRunner::onOwnAnswer(const XcpFrame& frame, Instant now)
         ++strays_;
         return;
     }
+    held_.push_back({true, frame.text});
     if (!fence_->take(frame.text)) return;
-    const std::vector<std::string> answers = fence_->before();
+    const std::size_t own = fence_->before();
     fence_.reset();
-    for (const std::string& text : answers)
-        if (const auto run = running_.find(fenced_); run != running_.end()) feed(run, text, now);
+    release(own, now);
     pump(now);
+}
+
+/// @param own  so many of tessd's own answers are the line's, and not the fence's
+void CommandRunner::release(std::size_t own, Instant now)
+{
+    for (const auto& [isOwn, text] : std::exchange(held_, {})) {
+        if (isOwn && own == 0) continue;
+        if (isOwn) --own;
+        if (const auto run = running_.find(fenced_); run != running_.end()) feed(run, text, now);
+    }
 }
 
 void CommandRunner::feed(Runs::iterator run, const std::string& text, Instant now)
@@ -171,6 +186,8 @@ void CommandRunner::finish(Runs::iterator run, ReplyStatus status, const std::st
 
 void CommandRunner::onTime(Instant now)
 {
+    const auto fenced = fence_ ? running_.find(fenced_) : running_.end();
+    if (fenced != running_.end() && fenced->second.deadline <= now) release(0, now);
     checkRunning(now);
     checkWaiting(now);
     pump(now);

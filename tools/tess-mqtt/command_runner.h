@@ -9,6 +9,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "tools/tess-mqtt/fence.h"
 #include "tools/tess-mqtt/reply.h"
@@ -79,6 +80,10 @@ private:
         Instant pauseEnd = NEVER; ///< when an answer without an end is over
         std::vector<Answer> answers{};
     };
+    struct Held {
+        bool isOwn; ///< of tessd itself
+        std::string text;
+    };
     using Runs = std::map<std::uint16_t, Running>;
 
     void pump(Instant now);
@@ -87,6 +92,7 @@ private:
     std::uint16_t freeTag();
     bool hasFreeTag() const;
     void onOwnAnswer(const XcpFrame& frame, Instant now);
+    void release(std::size_t own, Instant now);
     void feed(Runs::iterator run, const std::string& text, Instant now);
     void take(Runs::iterator run, AnswerReader::Progress progress);
     void finish(Runs::iterator run, ReplyStatus status, const std::string& lastLine);
@@ -104,6 +110,7 @@ private:
     std::uint16_t lastTag_ = 0;
     std::optional<Fence> fence_; ///< that has not come back
     std::uint16_t fenced_ = 0;   ///< tag of the line in front of it
+    std::vector<Held> held_;     ///< answers to that line, and the fence's, in the order in which they came
     Instant fenceSince_ = NEVER;
     std::uint64_t strays_ = 0;
 };

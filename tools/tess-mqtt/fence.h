@@ -25,8 +25,8 @@ public:
     /// @return true: that was the last of the fence
     bool take(std::string text);
 
-    /// The answers in front of the fence, once it is complete.
-    const std::vector<std::string>& before() const { return answers_; }
+    /// How many answers were in front of the fence, once it is complete.
+    std::size_t before() const { return answers_.size(); }
 
 private:
     bool isComplete() const;
