@@ -434,15 +434,25 @@ def test_answers_that_the_broker_takes_are_not_counted_as_lost(tessd, start_brid
     assert "55031" not in bridge.log_text(), bridge.log_text()
 
 
-def test_an_answer_that_the_broker_cannot_take_is_counted_as_lost(tessd, therm):
+def test_an_answer_that_is_too_long_for_the_broker_is_told_in_short(tessd, therm):
     small = Broker("listener 1887 127.0.0.1\nallow_anonymous true\nmax_packet_size 600\n", 1887)
     bridge = Bridge(broker="broker = 127.0.0.1:1887\nplain = yes").wait_connected()
     with AnsweringProcess(2300, b"LONG", lambda _: 1000 * b"y" + b"\r\n\r\n"), asker(1887) as ask:
-        ask.send("s3.LONG x", b"long")
-        bridge.wait_log("55031")
+        said = "Error: it was carried out, but the broker takes no answer of 1000 bytes"
+        ask.expect("s3.LONG x", "timeout", said, correlation=b"long")
         ask.expect("s3.THERM GET", "answered", "20", correlation=b"next")
+    assert "55031" not in bridge.log_text(), bridge.log_text()
     bridge.stop()
     small.kill()
+
+
+def test_a_will_that_comes_late_does_not_leave_it_offline(tessd, start_bridge, ask):
+    start_bridge("keep_alive = 5")
+    ask.subscribe("tess/d1/status")
+    ask.wait_for("tess/d1/status", "online")
+    ask.publish("tess/d1/status", '{"status":"offline","device":"d1"}', retain=True)
+    ask.wait_for("tess/d1/status", "offline")
+    ask.wait_for("tess/d1/status", "online", 20)
 
 
 def test_answers_are_not_kept_for_ever(tessd, slow, broker):
@@ -821,6 +831,7 @@ def test_wrong_settings_are_told_with_their_line():
         ("device = all\n", "mqtt.conf:1: 'device' has 1 to 64 letters"),
         ("# nothing\n", "mqtt.conf: it does not name a broker: broker = HOST"),
         ("broker = x\nplain = yes\nca = /a\n", "mqtt.conf: 'plain = yes' contradicts"),
+        ("broker = x\nca = /none.crt\n", "mqtt.conf: /none.crt: No such file or directory"),
     ]
     for text, said in cases:
         with open("/tmp/mqtt.conf", "w", encoding="ascii") as file:

@@ -70,6 +70,17 @@ std::vector<std::string> subscriptionsOf(const Topics& topics, EventMode mode)
     return all;
 }
 
+/// What is sent in place of an answer that the broker does not take.
+Publication tooLong(const Publication& answer)
+{
+    Publication instead = answer;
+    instead.payload = "Error: it was carried out, but the broker takes no answer of " +
+                      std::to_string(answer.payload.size()) + " bytes";
+    for (auto& [name, value] : instead.user)
+        if (name == "status") value = wordOf(ReplyStatus::timeout);
+    return instead;
+}
+
 /// Of a request with correlation data.
 RecentRequests::Key keyOf(const Request& request)
 {
@@ -149,7 +160,7 @@ void Bridge::step()
 
 Instant Bridge::nextDue() const
 {
-    return std::min({brokerDue_, attemptEnd_, aliveDue_, linkDue_, askDue_, watchDue_, runner_.due(),
+    return std::min({brokerDue_, attemptEnd_, aliveDue_, linkDue_, askDue_, watchDue_, presenceDue_, runner_.due(),
                      client_.isConnected() ? NEVER : outbox_.due()});
 }
 
@@ -160,6 +171,11 @@ void Bridge::onDue(Instant now)
     if (runner_.wantsNewConnection(now)) renewLink(now);
     if (askDue_ <= now) askState(now);
     if (watchDue_ <= now) renewWatch(now);
+    if (presenceDue_ <= now) {
+        // A cluster may publish the will of the connection before this one late.
+        presenceDue_ = NEVER;
+        publishPresence(presence_);
+    }
     if (!client_.isConnected() && outbox_.due() <= now) countLost(outbox_.expire(now));
     if (attemptEnd_ <= now) {
         client_.drop();
@@ -192,7 +208,7 @@ void Bridge::checkBroker(const std::string& whyEnded, Instant now)
     outbox_.onDown();
     if (connectedSince_ <= now && now - connectedSince_ >= STEADY) brokerPause_.reset();
     connectedSince_ = NEVER;
-    attemptEnd_ = aliveDue_ = askDue_ = watchDue_ = NEVER;
+    attemptEnd_ = aliveDue_ = askDue_ = watchDue_ = presenceDue_ = NEVER;
     brokerDue_ = now + brokerPause_.next(std::uniform_real_distribution<>(0, 1)(dice_));
 }
 
@@ -208,12 +224,16 @@ void Bridge::onBrokerConnected()
     metricsDue_ = settings_.metrics > 0 ? now : NEVER;
     watchDue_ = watchEnd_ == AT_ONCE ? NEVER : now; // also when it is over: tessd does not know that yet
     publishPresence(presence_);
+    presenceDue_ = now + seconds(2 * settings_.broker.keepAlive);
     sendAnswers();
 }
 
 void Bridge::sendAnswers()
 {
-    const auto publish = [this](const Publication& answer) { return client_.publish(answer, 1); };
+    const auto publish = [this](const Publication& answer) {
+        const std::optional<int> number = client_.publish(answer, 1);
+        return number == 0 ? client_.publish(tooLong(answer), 1) : number;
+    };
     countLost(outbox_.send(publish));
 }
 

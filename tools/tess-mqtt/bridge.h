@@ -91,6 +91,7 @@ private:
     Instant attemptEnd_ = NEVER;  ///< when an attempt to connect has taken too long
     Instant connectedSince_ = NEVER;
     Instant aliveDue_ = NEVER;
+    Instant presenceDue_ = NEVER; ///< when to say once more that the device is there
     Instant linkDue_ = AT_ONCE;
     Instant linkSince_{}; ///< when tessd was there again
     Instant askDue_ = NEVER;

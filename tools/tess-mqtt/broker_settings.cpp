@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
+#include <cstring>
+#include <unistd.h>
 
 #include "tools/tess-mqtt/topics.h"
 
@@ -50,6 +53,14 @@ void addBrokerSettings(SettingsTable& table, BrokerSettings& settings)
     table.addText("user", settings.user);
     table.addText("password", settings.password);
     table.addNumber("keep_alive", 5, 3600, settings.keepAlive);
+}
+
+std::string unreadableFile(const BrokerSettings& settings)
+{
+    if (settings.plain || !settings.psk.empty()) return {};
+    for (const std::string& path : {settings.trusted(), settings.certificate, settings.key})
+        if (!path.empty() && ::access(path.c_str(), R_OK) != 0) return path + ": " + std::strerror(errno);
+    return {};
 }
 
 std::string brokerProblem(const BrokerSettings& settings)

@@ -19,11 +19,17 @@ struct BrokerSettings {
     std::string root = "tess"; ///< in front of every topic
     long keepAlive = 10;       ///< seconds
 
+    /// `ca`, or what the system trusts.
+    std::string trusted() const { return ca.empty() ? "/etc/ssl/certs" : ca; }
+
     long portOrDefault() const { return port != 0 ? port : plain ? 1883 : 8883; }
 };
 
 /// The keys of a broker.
 void addBrokerSettings(SettingsTable& table, BrokerSettings& settings);
+
+/// Why a file of TLS cannot be used by this process; empty when all are there and may be read.
+std::string unreadableFile(const BrokerSettings& settings);
 
 /// What does not go together, or is missing.
 /// @return empty when nothing is wrong

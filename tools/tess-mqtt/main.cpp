@@ -85,6 +85,8 @@ try {
     logMgr.setLogParameters(128, 6, "    [MQTT]", 4);
     const BridgeSettings settings = bridgeSettings(settingsFileText(options.settings), options.settings, hostName());
     if (options.check) {
+        const std::string unreadable = unreadableFile(settings.broker);
+        if (!unreadable.empty()) throw SettingsError(options.settings + ": " + unreadable);
         std::cout << options.settings << ": device " << settings.device << ", broker " << settings.broker.host << ':'
                   << settings.broker.portOrDefault() << (settings.broker.plain ? ", NOT encrypted\n" : ", with TLS\n");
         return EXIT_SUCCESS;

@@ -16,7 +16,6 @@
 
 namespace {
 
-constexpr const char* SYSTEM_CERTIFICATES = "/etc/ssl/certs";
 constexpr std::uint32_t MOST_PACKET_BYTES = 65536; // the broker must not send us more
 constexpr int UNANSWERED_MS = 5'000;               // then what was sent counts as lost, and the connection with it
 constexpr int FIRST_ERROR = 128;                   // of the reason codes
@@ -190,9 +189,9 @@ std::string MqttClient::setTls()
             mosquitto_tls_psk_set(handle_.get(), settings_.psk.c_str(), settings_.pskIdentity.c_str(), nullptr);
         return result == MOSQ_ERR_SUCCESS ? std::string() : "psk: " + failureText(result);
     }
-    const std::string trusted = settings_.ca.empty() ? SYSTEM_CERTIFICATES : settings_.ca;
-    for (const std::string& path : {trusted, settings_.certificate, settings_.key})
-        if (!path.empty() && ::access(path.c_str(), R_OK) != 0) return path + ": " + std::strerror(errno);
+    std::string problem = unreadableFile(settings_);
+    if (!problem.empty()) return problem;
+    const std::string trusted = settings_.trusted();
     struct stat found {};
     const bool isFolder = ::stat(trusted.c_str(), &found) == 0 && S_ISDIR(found.st_mode);
     const auto orNull = [](const std::string& text) { return text.empty() ? nullptr : text.c_str(); };
