@@ -216,6 +216,7 @@ class System:
             "--",
             "env",
             "-i",
+            "--default-signal=INT",  # which a shell has its background jobs ignore
             "LC_ALL=C.UTF-8",
             "TERM=xterm",
             "PATH=/usr/sbin:/usr/bin:/sbin:/bin",
