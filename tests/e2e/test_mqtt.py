@@ -618,10 +618,10 @@ def test_a_thousand_requests_at_random_lose_and_double_nothing(tessd, start_brid
     assert doubles > 100
 
 
-def test_without_a_network_it_costs_no_processor_time(tessd, broker):
-    broker.kill()
-    bridge = Bridge()
-    bridge.wait_log("55011")
+@pytest.mark.parametrize("place", ["plain = yes", pytest.param("ca = /tmp/tls/ca.crt", marks=needs_tls)])
+def test_without_a_network_it_costs_no_processor_time(tessd, certificates, place):
+    bridge = Bridge(broker=f"broker = 127.0.0.1:1899\n{place}")
+    bridge.wait_log("refused", within=5)
     before = bridge.cpu_seconds()
     time.sleep(4)
     used = bridge.cpu_seconds() - before

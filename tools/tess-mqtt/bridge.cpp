@@ -12,6 +12,7 @@
 #include <sys/signalfd.h>
 #include <utility>
 
+#include "framework/service_manager.h"
 #include "tools/tess-mqtt/fence.h"
 #include "tools/tess-mqtt/mqtt_log.h"
 #include "tools/tessctl/item_json.h"
@@ -133,6 +134,8 @@ void Bridge::run()
 {
     const std::string broker = settings_.broker.host + ":" + std::to_string(settings_.broker.portOrDefault());
     logMessage(mqtt_log::started, settings_.device.c_str(), broker.c_str());
+    const std::string status = "bridge of device " + settings_.device + " to broker " + broker;
+    setServiceStatus(status.c_str());
     logMgr.initAfterDaemonize();
     while (!stopped_)
         step();

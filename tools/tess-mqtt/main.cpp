@@ -8,6 +8,7 @@
 #include "framework/log_mgr.h"
 #include "tools/tess-mqtt/bridge.h"
 #include "tools/tess-mqtt/mqtt_log.h"
+#include "tools/tess-mqtt/mqtt_log_severity.h"
 
 namespace {
 
@@ -83,6 +84,7 @@ try {
     const Options options = optionsOf(argc, argv);
     if (options.end >= 0) return options.end;
     logMgr.setLogParameters(128, 6, "    [MQTT]", 4);
+    setLogSeverities(mqttLogSeverity);
     const BridgeSettings settings = bridgeSettings(settingsFileText(options.settings), options.settings, hostName());
     if (options.check) {
         const std::string unreadable = unreadableFile(settings.broker);

@@ -286,15 +286,30 @@ bool MqttClient::wantsWrite() const
     return handle_ != nullptr && mosquitto_want_write(handle_.get());
 }
 
+/// A connection that could not even be made. With TLS libmosquitto would not notice, and poll(2)
+/// returns at once as long as it is open.
+bool MqttClient::wasRefused(short events)
+{
+    if (connected_ || (events & (POLLERR | POLLHUP)) == 0) return false;
+    int error = 0;
+    socklen_t length = sizeof error;
+    if (::getsockopt(fd(), SOL_SOCKET, SO_ERROR, &error, &length) != 0 || error == 0) return false;
+    lastError_ = std::strerror(error);
+    return true;
+}
+
 std::string MqttClient::onReady(short events)
 {
     if (handle_ == nullptr) return {};
+    if (wasRefused(events)) return whyEnded(MOSQ_ERR_CONN_REFUSED);
     int result = MOSQ_ERR_SUCCESS;
     if ((events & ~POLLOUT) != 0) result = mosquitto_loop_read(handle_.get(), 1);
     runLater(); // also what came before an error
     if (result == MOSQ_ERR_SUCCESS && ((events & POLLOUT) != 0 || wantsWrite()))
         result = mosquitto_loop_write(handle_.get(), 1);
     runLater();
+    const bool isRefused = !connected_ && (events & (POLLERR | POLLHUP)) != 0;
+    if (result == MOSQ_ERR_SUCCESS && isRefused) result = MOSQ_ERR_CONN_REFUSED;
     if (result == MOSQ_ERR_SUCCESS && fd() < 0) result = MOSQ_ERR_CONN_LOST;
     return result == MOSQ_ERR_SUCCESS ? std::string() : whyEnded(result);
 }

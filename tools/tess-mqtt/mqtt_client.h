@@ -75,6 +75,7 @@ private:
     std::string prepare();
     std::string setTls();
     void setTimeLimit() const;
+    bool wasRefused(short events);
     std::string whyEnded(int result);
     void later(std::function<void()> action);
     void runLater();
