@@ -22,6 +22,7 @@ from harness.mqtt import (
     Bridge,
     Broker,
     FakeBroker,
+    FullListener,
     Requester,
     asker,
     make_certificates,
@@ -746,6 +747,23 @@ def test_tls_with_the_brokers_certificate(tessd, certificates):
     bridge = Bridge(broker=SECURE).wait_connected()
     asks_over_tls()
     bridge.stop()
+    broker.kill()
+
+
+@needs_tls
+def test_tls_over_a_network_where_a_connection_takes_its_time(tessd, certificates):
+    broker = Broker(TLS + "allow_anonymous true\n", 8883)
+    with FullListener(1899) as listener:
+        bridge = Bridge(broker="broker = 127.0.0.1:1899\nca = /tmp/tls/ca.crt")
+        listener.wait_for_client()
+        before = bridge.cpu_seconds()
+        listener.let_pass(8883)
+        bridge.wait_connected(within=7)
+        used = bridge.cpu_seconds() - before
+        assert "55011" not in bridge.log_text(), bridge.log_text()
+        assert used < 0.1 * settings.SLOW, f"{used} s to connect"
+        asks_over_tls()
+        bridge.stop()
     broker.kill()
 
 

@@ -303,7 +303,8 @@ std::string MqttClient::onReady(short events)
     if (handle_ == nullptr) return {};
     if (wasRefused(events)) return whyEnded(MOSQ_ERR_CONN_REFUSED);
     int result = MOSQ_ERR_SUCCESS;
-    if ((events & ~POLLOUT) != 0) result = mosquitto_loop_read(handle_.get(), 1);
+    // Until it is connected also when it can write: TLS goes on only in that call.
+    if ((events & ~POLLOUT) != 0 || !connected_) result = mosquitto_loop_read(handle_.get(), 1);
     runLater(); // also what came before an error
     if (result == MOSQ_ERR_SUCCESS && ((events & POLLOUT) != 0 || wantsWrite()))
         result = mosquitto_loop_write(handle_.get(), 1);

@@ -104,6 +104,47 @@ class FakeBroker:
                 return client.recv(length, socket.MSG_WAITALL)
 
 
+class FullListener:
+    """Has no room for a client at first, whose connection takes a second then; later it is connected to a broker."""
+
+    def __init__(self, port: int) -> None:
+        self._port = port
+        self._listener = socket.create_server(("127.0.0.1", port), backlog=0)
+        self._sockets = [self._listener, socket.create_connection(("127.0.0.1", port))]
+
+    def __enter__(self) -> FullListener:
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        for each in self._sockets:
+            with contextlib.suppress(OSError):
+                each.shutdown(socket.SHUT_RDWR)
+            each.close()
+
+    def wait_for_client(self) -> None:
+        wait_until(self._is_awaited, "somebody tries to connect", 10)
+
+    def _is_awaited(self) -> bool:
+        with open("/proc/net/tcp", encoding="ascii") as connections:
+            return any(f":{self._port:04X} 02 " in line for line in connections)  # in the state SYN_SENT
+
+    def let_pass(self, port: int) -> None:
+        self._sockets.append(self._listener.accept()[0])  # makes room; the client tries again
+        self._listener.settimeout(10 * settings.SLOW)
+        client, _ = self._listener.accept()
+        broker = socket.create_connection(("127.0.0.1", port))
+        self._sockets += [client, broker]
+        for source, to in ((client, broker), (broker, client)):
+            threading.Thread(target=self._copy, args=(source, to), daemon=True).start()
+
+    @staticmethod
+    def _copy(source: socket.socket, to: socket.socket) -> None:
+        with contextlib.suppress(OSError):
+            while text := source.recv(65536):
+                to.sendall(text)
+            to.shutdown(socket.SHUT_WR)
+
+
 @pytest.fixture(autouse=True)
 def sound_bridges() -> Iterator[None]:
     """Also one that has ended by itself, or that the test has killed, has nothing to report of a sanitizer."""
