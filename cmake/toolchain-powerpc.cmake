@@ -1,7 +1,7 @@
 # 32-bit big-endian PowerPC Linux, with Debian's cross compiler; what it builds runs here through qemu-ppc.
 #
-# TESS_PPC_EXTRA  folder with what Debian does not package for this processor: below usr, libcrypt, libedit and ncurses, and links
-#                 to those libraries of the host that are headers only. scripts/cross.sh makes it.
+# TESS_PPC_EXTRA  folder with what Debian does not package for this processor: below usr, libcrypt, libedit, ncurses and
+#                 libmosquitto, and links to those libraries of the host that are headers only. scripts/cross.sh makes it.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR ppc)
 
