@@ -26,14 +26,6 @@ std::vector<std::string> textsAt(const Json& object, const char* key)
     return texts;
 }
 
-std::string joined(const std::vector<std::string>& words)
-{
-    std::string text;
-    for (const std::string& word : words)
-        text.append(text.empty() ? "" : ",").append(word);
-    return text.empty() ? "-" : visibleText(text);
-}
-
 /// A cell has no line ends and no tabs.
 std::string cell(std::string_view line)
 {
@@ -41,6 +33,14 @@ std::string cell(std::string_view line)
     std::ranges::replace_if(
         text, [](char c) { return c == '\t' || c == '\r' || c == '\n'; }, ' ');
     return visibleText(text);
+}
+
+std::string joined(const std::vector<std::string>& words)
+{
+    std::string text;
+    for (const std::string& word : words)
+        text.append(text.empty() ? "" : ",").append(word);
+    return text.empty() ? "-" : cell(text);
 }
 
 const char* statusOf(const DeviceState& state)
@@ -134,6 +134,6 @@ std::string fleetSummary(const std::vector<FleetAnswer>& answers)
         ++counts[answer.status];
     std::string text;
     for (const auto& [status, count] : counts)
-        text.append(text.empty() ? "" : ", ").append(std::to_string(count) + " " + visibleText(status));
+        text.append(text.empty() ? "" : ", ").append(std::to_string(count) + " " + cell(status));
     return text;
 }
