@@ -10,7 +10,7 @@ from harness.tessctl import DONE, WRONG_USAGE
 pytestmark = tessctl.needs_tessctl
 
 COMMANDS = ["send", "console", "serve", "listen", "check", "ping", "status", "list", "who", "metrics", "watch", "top"]
-COMMANDS += ["close", "com2", "reset", "stop", "help"]
+COMMANDS += ["close", "com2", "reset", "stop", "fleet", "help"]
 
 
 @pytest.mark.parametrize(
