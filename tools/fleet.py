@@ -270,6 +270,12 @@ class Device:
     def mend(self) -> None:
         run("ip", "link", "set", f"v{self.number}", "up")
 
+    def network_bytes(self) -> int:
+        """That have passed its cable, both ways."""
+        with open("/proc/net/dev", encoding="ascii") as file:
+            words = next(line.split() for line in file if line.strip().startswith(f"v{self.number}:"))
+        return int(words[1]) + int(words[9])
+
     def executed(self) -> list[str]:
         with contextlib.suppress(FileNotFoundError), open(f"{FOLDER}/{self.name}-executed", encoding="ascii") as file:
             return file.read().split("\n")[:-1]
@@ -460,7 +466,9 @@ def measure(fleet: Fleet, results: dict) -> None:
     for window in (1, 16):
         times = 2000 if window == 1 else 10000
         direct = json.loads(first.run(load, "xcp", "s3.ENC GETX", str(times), str(min(window, 8))))
+        before = first.network_bytes()
         bridge = fleet.load("ask", conf, "tess/d1/command", "s3.ENC GETX", str(times), str(window), "1")
+        bridge["network_bytes"] = (first.network_bytes() - before) / times
         plain = fleet.load("ask", conf, "tess/echo", "s3.ENC GETX", str(times), str(window), "1")
         results[f"window_{window}"] = {"tessd": direct, "bridge": bridge, "echo": plain}
         for name, got in (("tessd alone", direct), ("through the bridge", bridge), ("plain MQTT echo", plain)):
@@ -469,6 +477,7 @@ def measure(fleet: Fleet, results: dict) -> None:
                 f" 99 % within {got['p99_ms']:.1f} ms",
                 flush=True,
             )
+    print(f"  a request and its answer: {results['window_1']['bridge']['network_bytes']:.0f} bytes on the device's cable")
     echo.kill()
     echo.wait()
     count = len(fleet.devices)
@@ -484,12 +493,14 @@ def measure(fleet: Fleet, results: dict) -> None:
 
 def measure_cost(fleet: Fleet, results: dict) -> None:
     """What a device costs that nobody asks."""
-    seconds = 10.0
+    seconds = 60.0  # so that each has published its metrics once
     devices = fleet.devices[:10]
+    bytes_before = [device.network_bytes() for device in devices]
     before = [device.processor() for device in devices]
     broker_before = broker_seconds(fleet)
     time.sleep(seconds)
     after = [device.processor() for device in devices]
+    passed = statistics.median(device.network_bytes() - before for device, before in zip(devices, bytes_before)) / seconds
     used = statistics.median((b["bridge"] - a["bridge"]) / seconds for a, b in zip(before, after))
     broker_used = (broker_seconds(fleet) - broker_before) / seconds / len(fleet.devices)
     memory = [device.memory()["bridge"] for device in devices]
@@ -499,12 +510,13 @@ def measure_cost(fleet: Fleet, results: dict) -> None:
     results["cost"] = {
         "bridge_processor": used,
         "broker_processor": broker_used,
+        "network_bytes": passed,
         "bridge_kib": cost,
         "broker_kib": broker_kib / len(fleet.devices),
     }
     print(
         f"  an idle bridge: {used * 1e6:.0f} us of processor time a second, {cost['Rss']} KiB resident,"
-        f" {cost['Private_Dirty']} KiB of its own"
+        f" {cost['Private_Dirty']} KiB of its own, {passed:.0f} bytes a second on its cable"
     )
     print(f"  the broker, for each idle device: {broker_used * 1e6:.0f} us a second, {broker_kib / len(fleet.devices):.0f} KiB")
 
