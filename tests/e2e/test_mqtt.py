@@ -842,6 +842,56 @@ def test_user_and_password(tessd):
     broker.kill()
 
 
+def test_what_the_broker_does_not_let_it_subscribe_to_is_said(tessd):
+    FakeBroker(lambda client: client.recv(1), granted=b"\x01\x87")
+    bridge = Bridge(broker=FAKE).wait_connected()
+    assert "55012 the broker does not let this device subscribe to tess/all/command\n" in bridge.log_text(), bridge.log_text()
+    assert bridge.log_text().count("55012") == 1, bridge.log_text()
+    bridge.stop()
+
+
+def test_the_reason_for_which_a_broker_ends_it_is_said(tessd):
+    FakeBroker(lambda client: client.sendall(b"\xe0\x01\x8e"))
+    bridge = Bridge(broker=FAKE)
+    bridge.wait_log("55011 no connection to the broker: the broker ends it: Session taken over")
+    bridge.stop()
+
+
+def test_a_broker_that_says_nothing_is_tried_again(tessd):
+    with socket.create_server(("127.0.0.1", 1899)) as listener:
+        bridge = Bridge(broker="broker = 127.0.0.1:1899\nplain = yes")
+        listener.settimeout(20 * settings.SLOW)
+        with listener.accept()[0]:
+            bridge.wait_log("55011 no connection to the broker: no answer from it")
+        listener.accept()[0].close()
+        bridge.stop()
+
+
+def test_without_a_queue_directory_commands_work_all_the_same(tessd, broker, ask):
+    bridge = Bridge(environment={"TESS_QUEUE_DIR": "/tmp/none"}).wait_connected()
+    bridge.wait_log("55022 tessd is not asked for its state: /tmp/none/")
+    ask.expect("*", "answered", "0")
+    bridge.stop()
+
+
+def test_its_options():
+    def said(*arguments: str) -> tuple[int, str, str]:
+        done = subprocess.run([*COMMAND, *arguments], text=True, capture_output=True, check=False)
+        return done.returncode, done.stdout, done.stderr
+
+    version = said("--version")
+    assert version == said("-V") and version[0] == 0 and version[1].startswith("tess-mqtt "), version
+    help_text = said("--help")
+    assert help_text == said("-h") and help_text[0] == 0 and "Usage: tess-mqtt [--config FILE]" in help_text[1], help_text
+    for wrong in (["--nonsense"], ["--config"], ["word"]):
+        status, output, errors = said(*wrong)
+        assert (status, output) == (64, "") and f"tess-mqtt: no option '{wrong[0]}'" in errors, (wrong, errors)
+    with open("/tmp/mqtt.conf", "w", encoding="ascii") as file:
+        file.write("broker = b.example:1\nplain = yes\ndevice = d1\n")
+    checked = (0, "/tmp/mqtt.conf: device d1, broker b.example:1, NOT encrypted\n", "")
+    assert said("--check", "--config=/tmp/mqtt.conf") == said("--config", "/tmp/mqtt.conf", "--check") == checked
+
+
 def test_wrong_settings_are_told_with_their_line():
     cases = [
         ("broker = x\nbrokr = y\n", "mqtt.conf:2: no setting is called 'brokr': do you mean 'broker'?"),

@@ -478,8 +478,10 @@ def test_top_counts_rates(busy):
         reports = [json.loads(line) for line in top.stdout]
     assert len(reports) == 3 and list(reports[0])[-1] == "rates"
     for report in reports:
-        assert report["rates"]["lines"] == report["rates"]["refused"] > 0, report["rates"]
-        assert report["rates"]["forwarded"] == 0
+        rates = report["rates"]
+        # A look may fall between a line and its refusal, at either end of an interval.
+        assert rates["lines"] > 0 and abs(rates["lines"] - rates["refused"]) <= 2 / 0.2, rates
+        assert rates["forwarded"] == 0
 
 
 @pytest.mark.parametrize("name", ["vt100", "linux", "screen", "xterm-256color"])

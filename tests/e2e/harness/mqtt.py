@@ -71,9 +71,13 @@ class Broker:
 class FakeBroker:
     """Takes every client and its subscriptions, and then does to it what the test says.
 
-    act    gets the socket of a client that has subscribed; the connection ends with it"""
+    act      gets the socket of a client that has subscribed; the connection ends with it
+    granted  what is answered to its two subscriptions"""
 
-    def __init__(self, act: Callable[[socket.socket], None], listener: socket.socket | None = None) -> None:
+    def __init__(
+        self, act: Callable[[socket.socket], None], listener: socket.socket | None = None, granted: bytes = b"\x01\x01"
+    ) -> None:
+        self._granted = granted
         self.connections = 0
         self._act = act
         self._listener = listener or socket.create_server(("127.0.0.1", 1885))
@@ -87,7 +91,7 @@ class FakeBroker:
                 self.read_packet(client)
                 client.sendall(b"\x20\x03\x00\x00\x00")  # CONNACK: taken
                 subscribe = self.read_packet(client)
-                client.sendall(b"\x90\x05" + subscribe[:2] + b"\x00\x01\x01")  # SUBACK, for two topics
+                client.sendall(b"\x90\x05" + subscribe[:2] + b"\x00" + self._granted)  # SUBACK
                 self.connections += 1
                 self._act(client)
 
@@ -160,7 +164,14 @@ class Bridge:
 
     _numbers = itertools.count(1)
 
-    def __init__(self, *lines: str, device: str = "d1", broker: str = "broker = 127.0.0.1\nplain = yes") -> None:
+    def __init__(
+        self,
+        *lines: str,
+        device: str = "d1",
+        broker: str = "broker = 127.0.0.1\nplain = yes",
+        environment: dict[str, str] | None = None,
+    ) -> None:
+        self._environment = environment or {}
         self.number = next(Bridge._numbers)
         self.settings = f"/tmp/mqtt-{self.number}.conf"
         self.log = f"/tmp/mqtt-{self.number}.log"
@@ -172,7 +183,7 @@ class Bridge:
         self.start()
 
     def start(self) -> None:
-        environment = {**os.environ, "RUNTIME_DIRECTORY": self.folder}
+        environment = {**os.environ, "RUNTIME_DIRECTORY": self.folder, **self._environment}
         with open(self.log, "ab") as log:
             self.process = subprocess.Popen([*COMMAND, "--config", self.settings], stderr=log, env=environment)
 
