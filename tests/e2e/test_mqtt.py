@@ -874,6 +874,38 @@ def test_without_a_queue_directory_commands_work_all_the_same(tessd, broker, ask
     bridge.stop()
 
 
+@pytest.mark.parametrize(("folder", "said"), [("", 0), ("/tmp/none", 1)])
+def test_without_a_folder_of_its_own_it_works_all_the_same(tessd, broker, therm, ask, folder, said):
+    bridge = Bridge("metrics = 0", environment={"RUNTIME_DIRECTORY": folder}).wait_connected()
+    assert bridge.log_text().count("55032 /tmp/none/requests cannot be used") == said, bridge.log_text()
+    for _ in range(2):
+        ask.expect("s3.THERM GET", "answered", "20", correlation=b"twice")
+    assert therm.answered == 1
+    bridge.stop()
+
+
+def test_a_wish_that_is_no_number_is_none(tessd, start_bridge, ask):
+    start_bridge("events = asked")
+    for wish in ("x", "30x", "-1", ""):
+        ask.publish("tess/d1/watch", wish)
+    ask.expect("*", "answered", "0")
+    assert b"watchers=0" in status_bytes(tessd)
+
+
+def test_a_broker_that_falls_silent_is_left(tessd):
+    broker = FakeBroker(lambda client: wait_until(lambda: not client.recv(1), "it leaves", 60), granted=b"\x01\x01\x01")
+    bridge = Bridge("keep_alive = 5", broker=FAKE).wait_connected()
+    wait_until(lambda: broker.connections == 2, "it comes anew", 40)
+    assert "55012" not in bridge.log_text() and "55011" in bridge.log_text(), bridge.log_text()
+    bridge.stop()
+
+
+def test_a_user_needs_no_password(tessd, broker, ask):
+    bridge = Bridge(broker="broker = 127.0.0.1\nplain = yes\nuser = d1").wait_connected()
+    ask.expect("*", "answered", "0")
+    bridge.stop()
+
+
 def test_its_options():
     def said(*arguments: str) -> tuple[int, str, str]:
         done = subprocess.run([*COMMAND, *arguments], text=True, capture_output=True, check=False)

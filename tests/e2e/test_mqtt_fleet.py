@@ -168,3 +168,30 @@ def test_progress_is_shown_at_a_terminal(devices):
     terminal.wait_for(b"3 of 3 have answered", 20)
     terminal.wait_for(b"3 answered", 20)
     terminal.close()
+
+
+def test_before_any_device_was_there_that_is_said():
+    for arguments in (["status"], ["send", "*", "--all"]):
+        result = fleet(*arguments).expect(tessctl.NO_ANSWER)
+        assert arguments == ["status"] or "127.0.0.1:1883: no device has ever been seen there" in result.errors, result.errors
+
+
+def test_a_status_that_is_none_is_passed_over(devices):
+    with asker() as somebody:
+        somebody.publish("tess/d9/status", "{", retain=True).wait_for_publish(10)
+    assert [row[0] for row in rows(fleet("status").expect(tessctl.DONE).output)] == ["DEVICE", "d1", "d2", "d3"]
+
+
+def test_its_settings_are_found_without_being_named(devices, monkeypatch):
+    own = "/tmp/home/.config/tess/fleet.conf"
+    monkeypatch.delenv("TESS_FLEET")
+    monkeypatch.setenv("HOME", "/tmp/home")
+    away = fleet("status").expect(tessctl.WRONG_USAGE, output="")
+    assert away.errors.startswith("tessctl: /etc/tess/fleet.conf: No such file or directory"), away.errors
+    os.makedirs(os.path.dirname(own))
+    for text, status in [("plain = yes\n", tessctl.WRONG_USAGE), ("broker = 127.0.0.1\nplain = yes\n", tessctl.DONE)]:
+        with open(own, "w", encoding="ascii") as file:
+            file.write(text)
+        result = fleet("status").expect(status)
+        assert status == tessctl.DONE or result.errors.startswith(f"tessctl: {own}: it does not name a broker"), result.errors
+    assert len(rows(result.output)) == 4

@@ -1,6 +1,9 @@
 #include "tools/tess-mqtt/bridge_settings.h"
 
+#include <filesystem>
+#include <fstream>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 namespace {
 
@@ -67,9 +70,19 @@ TEST(BridgeSettings, SayWhatIsWrongAndWhere)
         {"broker = :1", "f:1: 'broker' is HOST or HOST:PORT"},
         {"broker = h:0", "f:1: 'broker' is HOST or HOST:PORT"},
         {"broker = h:x", "f:1: 'broker' is HOST or HOST:PORT"},
+        {"broker = h:", "f:1: 'broker' is HOST or HOST:PORT"},
+        {"broker = h:123456", "f:1: 'broker' is HOST or HOST:PORT"},
+        {"broker =", "f:1: 'broker' is HOST or HOST:PORT"},
         {"broker = h:65536", "f:1: 'broker' is HOST or HOST:PORT"},
         {"broker = h\npsk = 0", "f:2: 'psk' is a key in hexadecimal, two digits a byte"},
+        {"broker = h\npsk =", "f:2: 'psk' is a key in hexadecimal, two digits a byte"},
+        {"broker = h\npsk = 0g", "f:2: 'psk' is a key in hexadecimal, two digits a byte"},
         {"broker = h\npsk = 00", "f: 'psk' and 'psk_identity' belong together"},
+        {"broker = h\npsk_identity = i", "f: 'psk' and 'psk_identity' belong together"},
+        {"broker = h\npsk = 00\npsk_identity = i\nca = c",
+         "f: 'psk' stands in the place of certificates: take out one or the other"},
+        {"broker = h\nxyzzy = 1", "f:2: no setting is called 'xyzzy'"},
+        {"broker = h\ntimeout = 3601", "f:2: 'timeout' is a whole number from 1 to 3600"},
         {"broker = h\nkey = k", "f: 'certificate' and 'key' belong together"},
         {"broker = h\npassword = p", "f: 'password' wants a 'user'"},
         {"broker = h\ntimeout = 0", "f:2: 'timeout' is a whole number from 1 to 3600"},
@@ -83,6 +96,36 @@ TEST(BridgeSettings, SayWhatIsWrongAndWhere)
     };
     for (const auto& [text, said] : rows)
         EXPECT_EQ(problem(text), said) << text;
+    EXPECT_EQ(problem("broker = h\npsk = " + std::string(130, '0')),
+              "f:2: 'psk' is a key in hexadecimal, two digits a byte");
+    EXPECT_EQ(problem("broker = h\nroot = plant/1\nevents = no\nplain = no"), "");
+    EXPECT_EQ(problem("broker = h\ngroups = a/b").substr(0, 14), "f:2: 'groups' ");
     EXPECT_EQ(problem("broker = h", "all"), "f: this host's name cannot be that of a device: device = NAME");
     EXPECT_EQ(problem("broker = h\ndevice = d", "all"), "");
+}
+
+TEST(SettingsFile, IsReadOrItIsSaidWhyNot)
+{
+    const std::string folder = testing::TempDir() + "settings-" + std::to_string(::getpid());
+    const std::string file = folder + "/file";
+    std::filesystem::create_directory(folder);
+    const auto problemOf = [](const std::string& path) {
+        try {
+            (void)settingsFileText(path);
+        } catch (const SettingsError& error) {
+            return std::string(error.what());
+        }
+        return std::string();
+    };
+    std::ofstream(file) << "broker = h\n";
+    EXPECT_EQ(settingsFileText(file), "broker = h\n");
+    std::ofstream(file) << std::string(65536, '#');
+    EXPECT_EQ(settingsFileText(file).size(), 65536U);
+    std::ofstream(file) << std::string(65537, '#');
+    EXPECT_EQ(problemOf(file), file + ": it is too long for a file of settings");
+    std::ofstream(file).close();
+    EXPECT_EQ(settingsFileText(file), "");
+    EXPECT_EQ(problemOf(folder), folder + ": Is a directory");
+    EXPECT_EQ(problemOf(folder + "/none"), folder + "/none: No such file or directory");
+    std::filesystem::remove_all(folder);
 }

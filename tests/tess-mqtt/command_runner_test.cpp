@@ -315,3 +315,48 @@ TEST(CommandRunner, WantsANewConnectionWhenAFenceDoesNotComeBack)
     bench.pass(1s);
     EXPECT_TRUE(bench.runner.wantsNewConnection(bench.now));
 }
+
+TEST(CommandRunner, SendsNothingUntilTheNextConnectionIsThere)
+{
+    Bench bench;
+    bench.ask("s3.A x", "a");
+    bench.ask("s3.B x", "b");
+    bench.runner.onDown(bench.now, true);
+    bench.pass(1s);
+    EXPECT_EQ(bench.sent.size(), 1U);
+    bench.runner.onUp(bench.now);
+    ASSERT_EQ(bench.sent.size(), 2U);
+    EXPECT_EQ(bench.sent[1].line, "s3.B x");
+}
+
+TEST(CommandRunner, GivesUpAnEarlierLineWhileALaterOneHasTimeLeft)
+{
+    Bench bench;
+    bench.ask("s3.A x", "a");
+    bench.fence();
+    bench.pass(3s);
+    bench.ask("s3.B x|s3.C x", "b");
+    bench.reply(bench.sent[1].tag, "one\r\n\r\n");
+    bench.pass(2s);
+    EXPECT_EQ(bench.over,
+              (Over{"a timeout Error: no answer within 5 s: it may have been carried out, or may still be"}));
+    bench.fence();
+    bench.reply(bench.sent[1].tag, "two\r\n\r\n");
+    EXPECT_EQ(bench.over.back(), "b answered one\ntwo");
+}
+
+TEST(CommandRunner, GivesTheTagOfALongRequestToNobodyElse)
+{
+    Bench bench(70000);
+    bench.ask("s3.LONG x", "long");
+    const std::uint16_t tag = bench.sent[0].tag;
+    bench.fence();
+    for (int i = 0; i < 65600; ++i) {
+        bench.ask("s3.NONE x", "none");
+        ASSERT_NE(bench.sent.back().tag, tag);
+        bench.own("?\r\n");
+        bench.fence();
+    }
+    bench.reply(tag, "at last\r\n\r\n");
+    EXPECT_EQ(bench.over.back(), "long answered at last");
+}

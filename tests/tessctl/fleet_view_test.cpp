@@ -66,10 +66,12 @@ TEST(FleetView, IsAnObjectOfJsonADevice)
         {.device = "d1", .status = "answered", .ms = "3", .text = "one\ntwo"},
         {.device = "d2", .status = "no answer", .ms = "", .text = ""},
         {.device = "d3", .status = "answered", .ms = "soon", .text = ""},
+        {.device = "d4", .status = "answered", .ms = "1234567890", .text = "x"},
     };
     EXPECT_EQ(fleetJson(answers).dump(), R"([{"device":"d1","status":"answered","ms":3,"answer":"one\ntwo"},)"
                                          R"({"device":"d2","status":"no answer","ms":null,"answer":null},)"
-                                         R"({"device":"d3","status":"answered","ms":null,"answer":""}])");
+                                         R"({"device":"d3","status":"answered","ms":null,"answer":""},)"
+                                         R"({"device":"d4","status":"answered","ms":null,"answer":"x"}])");
     EXPECT_EQ(stateJson({{.device = "d3", .isKnown = false}}).dump(),
               R"([{"device":"d3","status":"unknown","tessd":null,"groups":[],"names":[]}])");
 }

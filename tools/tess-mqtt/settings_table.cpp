@@ -4,7 +4,6 @@
 #include <charconv>
 #include <cstring>
 #include <fstream>
-#include <iterator>
 
 #include "common/text.h"
 #include "tools/tessctl/nearest_word.h"
@@ -75,9 +74,10 @@ void SettingsTable::read(std::string_view text, const std::string& name) const
 std::string settingsFileText(const std::string& path)
 {
     std::ifstream file(path, std::ios::binary);
-    std::string text;
-    if (file) text.assign(std::istreambuf_iterator<char>(file), {});
-    if (!file || file.bad()) throw SettingsError(path + ": " + std::strerror(errno));
+    std::string text(MOST_BYTES + 1, '\0');
+    file.read(text.data(), static_cast<std::streamsize>(text.size()));
+    if (!file.is_open() || file.bad()) throw SettingsError(path + ": " + std::strerror(errno));
+    text.resize(static_cast<std::size_t>(file.gcount()));
     if (text.size() > MOST_BYTES) throw SettingsError(path + ": it is too long for a file of settings");
     return text;
 }

@@ -91,7 +91,7 @@ class FakeBroker:
                 self.read_packet(client)
                 client.sendall(b"\x20\x03\x00\x00\x00")  # CONNACK: taken
                 subscribe = self.read_packet(client)
-                client.sendall(b"\x90\x05" + subscribe[:2] + b"\x00" + self._granted)  # SUBACK
+                client.sendall(bytes([0x90, 3 + len(self._granted)]) + subscribe[:2] + b"\x00" + self._granted)  # SUBACK
                 self.connections += 1
                 self._act(client)
 
