@@ -427,7 +427,7 @@ def test_names_come_also_when_the_queue_directory_was_made_anew(start_tessd, sta
 
 
 def test_answers_that_the_broker_takes_are_not_counted_as_lost(tessd, start_bridge, ask):
-    bridge = start_bridge("answer_keep = 0", "in_flight = 1000")
+    bridge = start_bridge("answer_keep = 0", "in_flight = 1000", "timeout = 60")
     for number in range(300):
         ask.send("*", b"%d" % number)
     got = [ask.receive() for _ in range(300)]

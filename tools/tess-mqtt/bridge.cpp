@@ -33,6 +33,7 @@ constexpr seconds BETWEEN_LOST{1};   // lines of the log
 constexpr seconds STATE_INTERVAL{60};
 constexpr seconds GOOD_BYE{1};
 constexpr long LONGEST_WATCH = 3600;
+constexpr long LEAST_EXPIRY = 30; // seconds in which who has asked may be slow to take an answer from the broker
 /// Processes register again within ten seconds of tessd's start.
 constexpr seconds EARLY_ASKS[] = {seconds(2), seconds(10)};
 
@@ -336,7 +337,7 @@ void Bridge::answer(const Request& request, const Reply& reply)
     const auto took = std::chrono::round<milliseconds>(now - request.arrived);
     Publication publication{.topic = request.responseTopic, .payload = reply.text};
     publication.correlation = request.correlation;
-    publication.expiry = static_cast<std::uint32_t>(std::max(settings_.answerKeep, 1L));
+    publication.expiry = static_cast<std::uint32_t>(std::max(settings_.answerKeep, LEAST_EXPIRY));
     publication.user = {
         {"status", wordOf(reply.status)}, {"ms", std::to_string(took.count())}, {"device", settings_.device}};
     countLost(outbox_.add(std::move(publication), now));
