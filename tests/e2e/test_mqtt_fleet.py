@@ -4,6 +4,8 @@ from __future__ import annotations
 
 import json
 import os
+import shutil
+import subprocess
 import signal
 from collections.abc import Iterator
 from concurrent.futures import ThreadPoolExecutor
@@ -11,7 +13,7 @@ from concurrent.futures import ThreadPoolExecutor
 import pytest
 
 from harness import tessctl
-from harness.mqtt import Bridge, Broker, asker, needs_bridge
+from harness.mqtt import Bridge, Broker, FakeBroker, asker, needs_bridge
 from harness.queue_process import AnsweringProcess, QueueProcess
 from harness.tessctl import needs_tessctl
 from harness.waiting import wait_until
@@ -195,3 +197,19 @@ def test_its_settings_are_found_without_being_named(devices, monkeypatch):
         result = fleet("status").expect(status)
         assert status == tessctl.DONE or result.errors.startswith(f"tessctl: {own}: it does not name a broker"), result.errors
     assert len(rows(result.output)) == 4
+
+
+def test_a_broker_that_lets_nobody_hear_is_told():
+    FakeBroker(lambda client: client.recv(1), granted=b"\x01\x87")
+    with open("/tmp/refused.conf", "w", encoding="ascii") as file:
+        file.write("broker = 127.0.0.1:1885\nplain = yes\n")
+    refused = fleet("status", "--config", "/tmp/refused.conf").expect(tessctl.NO_CONNECTION, output="")
+    assert "127.0.0.1:1885: the broker does not let you subscribe to " in refused.errors, refused.errors
+
+
+def test_without_its_program_it_says_where_that_comes_from():
+    os.mkdir("/tmp/alone")
+    shutil.copy(tessctl.PROGRAM, "/tmp/alone/tessctl")
+    done = subprocess.run(["/tmp/alone/tessctl", "fleet", "status"], capture_output=True, text=True, check=False)
+    assert (done.returncode, done.stdout) == (tessctl.NO_CONNECTION, ""), done
+    assert "tessctl-fleet" in done.stderr and "libmosquitto" in done.stderr, done.stderr
