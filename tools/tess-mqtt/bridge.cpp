@@ -241,12 +241,10 @@ void Bridge::sendAnswers()
     countLost(outbox_.send(publish));
 }
 
-/// More is sent only now, not when a message is acknowledged: the client may tell that from within
-/// a publish().
 void Bridge::onBrokerReady(short events, Instant now)
 {
     checkBroker(client_.onReady(events), now);
-    sendAnswers(); // there may be room for more
+    sendAnswers(); // what was acknowledged has made room, for all of it once
 }
 
 void Bridge::countLost(std::size_t answers)
